@@ -1,0 +1,103 @@
+/* ptz_socket_server_command.h - PTZSocketServerCommand, the answering end of the command channel. */
+#pragma once
+
+#include "ptz_socket_frame.h"
+#include "ptz_socket_server.h"
+
+G_BEGIN_DECLS
+
+#define PTZ_TYPE_SOCKET_SERVER_COMMAND (ptz_socket_server_command_get_type ())
+#define PTZ_SOCKET_SERVER_COMMAND(o) \
+  (G_TYPE_CHECK_INSTANCE_CAST ((o), PTZ_TYPE_SOCKET_SERVER_COMMAND, PTZSocketServerCommand))
+#define PTZ_SOCKET_SERVER_COMMAND_CLASS(k) \
+  (G_TYPE_CHECK_CLASS_CAST ((k), PTZ_TYPE_SOCKET_SERVER_COMMAND, PTZSocketServerCommandClass))
+#define PTZ_IS_SOCKET_SERVER_COMMAND(o) (G_TYPE_CHECK_INSTANCE_TYPE ((o), PTZ_TYPE_SOCKET_SERVER_COMMAND))
+#define PTZ_IS_SOCKET_SERVER_COMMAND_CLASS(k) (G_TYPE_CHECK_CLASS_TYPE ((k), PTZ_TYPE_SOCKET_SERVER_COMMAND))
+#define PTZ_SOCKET_SERVER_COMMAND_GET_CLASS(o) \
+  (G_TYPE_INSTANCE_GET_CLASS ((o), PTZ_TYPE_SOCKET_SERVER_COMMAND, PTZSocketServerCommandClass))
+
+typedef struct _PTZSocketServerCommand PTZSocketServerCommand;
+typedef struct _PTZSocketServerCommandClass PTZSocketServerCommandClass;
+typedef struct _PTZSocketServerCommandReplyContext PTZSocketServerCommandReplyContext;
+
+/**
+ * PTZSocketServerCommandReplyContext:
+ * @fd: the descriptor of the client that sent the request
+ * @server: the server that received it, not referenced
+ * @message_id: the request's message id, which the reply carries too
+ * @connection: which connection held @fd then; 0 for a context that the server did not make
+ *
+ * The reply context of a command server. It may be kept beyond the callback, and the reply sent later, while the
+ * server lives. If the client has gone by then, the reply reaches nobody, also where another client has its descriptor
+ * number.
+ */
+struct _PTZSocketServerCommandReplyContext {
+  gint32 fd;
+  PTZSocketServer *server;
+  guint32 message_id;
+  guint32 connection;
+};
+
+/**
+ * PTZSocketServerCommand:
+ * @fill: bytes of the current frame received so far
+ * @expected: length of the current frame, #PTZ_SOCKET_FRAME_UNKNOWN until its header is there
+ * @message_id: message id of the last complete frame
+ * @buffer: the frame being assembled, #PTZ_SOCKET_FRAME_MAX bytes, owned
+ * @have_message: a complete frame was delivered and no reply context was made for it yet
+ *
+ * A server whose clients send frames (see ptz_socket_frame.h). Its callback receives only complete bodies; a frame
+ * without a body reaches nobody.
+ *
+ * The assembly state is that of the client that was read last. When another client's bytes come in between, what the
+ * first one had sent of its frame is set aside and taken up again with its next bytes, so that frames of several
+ * clients never mix and a half-sent one delays nobody. A client whose frame has a length that cannot be is closed.
+ */
+struct _PTZSocketServerCommand {
+  PTZSocketServer parent_instance;
+  guint32 fill;
+  guint32 expected;
+  guint32 message_id;
+  guint8 *buffer;
+  gboolean have_message;
+};
+
+/**
+ * PTZSocketServerCommandClass:
+ *
+ * Adds no operation to #PTZSocketServerClass.
+ *
+ * Its read receives at most one frame; the result is the length of the body of a completed frame, 0 while one is
+ * incomplete, -1 at an end of file, on an error and for a length that cannot be.
+ *
+ * Its send makes one attempt each to write the header and the body, frees the reply context, and returns `TRUE` when
+ * both were written. A reply of more than #PTZ_SOCKET_BODY_MAX bytes is refused. For one of 0 bytes the header is sent
+ * and the result is `FALSE`. A client that took only a part of the frame is closed, since nothing may follow it.
+ */
+struct _PTZSocketServerCommandClass {
+  PTZSocketServerClass parent_class;
+};
+
+/**
+ * ptz_socket_server_command_get_type:
+ *
+ * Thread: any.
+ *
+ * Returns: the type "PTZSocketServerCommand"
+ */
+PTZ_API GType ptz_socket_server_command_get_type (void);
+
+/**
+ * ptz_socket_server_command_new:
+ * @path: (type filename): where to listen, shorter than 108 bytes
+ * @type: the socket type for socket(2), `SOCK_STREAM`
+ *
+ * As ptz_socket_server_new(), for a command server.
+ *
+ * Thread: the one of the default main context.
+ *
+ * Returns: (transfer full) (nullable): the server, also when it could not listen; `NULL` only for a wrong argument
+ */
+PTZ_API PTZSocketServerCommand *ptz_socket_server_command_new (const gchar *path, gint type);
+
+G_END_DECLS

@@ -1,0 +1,19 @@
+// src/base/check.h - what a failed check prints: the bare function name, the module and the condition, to the letter.
+#pragma once
+#include <glib-object.h>
+#include <syslog.h>
+// In C++ GLib's G_STRFUNC is __PRETTY_FUNCTION__: a failed check would print "gboolean f(GObject*, int)" for "f".
+#undef G_STRFUNC
+#define G_STRFUNC (static_cast<const char *>(__func__))
+// A broken invariant: ends the process, naming the module, the function and the condition.
+#define assert_in(module, expression) assert_stated_in(module, expression, #expression)
+// For a condition that is tested in a wider type than the one its text shows.
+#define assert_stated_in(module, expression, text)                                  \
+  do {                                                                              \
+    if (G_UNLIKELY(!(expression))) {                                                \
+      g_assertion_message_expr(G_LOG_DOMAIN, module, __LINE__, G_STRFUNC, text);    \
+    }                                                                               \
+  } while (false)
+#define assert_not_reached_in(module) g_assertion_message_expr(G_LOG_DOMAIN, module, __LINE__, G_STRFUNC, nullptr)
+// The errno of the failed call reaches "%m": nothing may run between that call and this one.
+#define log_func(priority, format, ...) syslog((priority), "%s: " format, __func__ __VA_OPT__(, ) __VA_ARGS__)
