@@ -164,7 +164,7 @@ PTZ_API void ptz_socket_server_register_callback (PTZSocketServer *server, PTZSo
 
 /**
  * ptz_socket_server_send: (skip)
- * @reply_context: what the callback received
+ * @reply_context: (nullable): what the callback received; `NULL` answers nobody, successfully
  * @data: the answer; borrowed
  * @length: bytes in @data, at least 1
  *

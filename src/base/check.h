@@ -8,11 +8,11 @@
 // A broken invariant: ends the process, naming the module, the function and the condition.
 #define assert_in(module, expression) assert_stated_in(module, expression, #expression)
 // For a condition that is tested in a wider type than the one its text shows.
-#define assert_stated_in(module, expression, text)                                  \
-  do {                                                                              \
-    if (G_UNLIKELY(!(expression))) {                                                \
-      g_assertion_message_expr(G_LOG_DOMAIN, module, __LINE__, G_STRFUNC, text);    \
-    }                                                                               \
+#define assert_stated_in(module, expression, text)                               \
+  do {                                                                           \
+    if (G_UNLIKELY(!(expression))) {                                             \
+      g_assertion_message_expr(G_LOG_DOMAIN, module, __LINE__, G_STRFUNC, text); \
+    }                                                                            \
   } while (false)
 #define assert_not_reached_in(module) g_assertion_message_expr(G_LOG_DOMAIN, module, __LINE__, G_STRFUNC, nullptr)
 // The errno of the failed call reaches "%m": nothing may run between that call and this one.

@@ -1,9 +1,9 @@
 #include "clock.h"
 
-#include <atomic>
-#include <ctime>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <atomic>
+#include <ctime>
 
 namespace {
 constexpr std::int64_t nanoseconds_per_second = 1'000'000'000;

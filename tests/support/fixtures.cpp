@@ -75,8 +75,8 @@ void run_pending() {
 }
 
 int iterations_within(int milliseconds) {
-  const guint wake_up = g_timeout_add(static_cast<guint>(milliseconds), [](gpointer) -> gboolean { return TRUE; },
-                                      nullptr);
+  const guint wake_up = g_timeout_add(
+      static_cast<guint>(milliseconds), [](gpointer) -> gboolean { return TRUE; }, nullptr);
   const auto end = real_time_ms() + milliseconds;
   int iterations = 0;
   for (; real_time_ms() < end; ++iterations) g_main_context_iteration(nullptr, TRUE);

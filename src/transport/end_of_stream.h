@@ -1,0 +1,26 @@
+// src/transport/end_of_stream.h - tells a descriptor that stays readable with nothing to read from one with data.
+#pragma once
+#include <sys/socket.h>
+#include <cerrno>
+
+namespace ptz {
+
+// A peer that half-closes leaves a descriptor readable for ever, without a hang-up. An empty datagram is no end.
+[[nodiscard]] inline bool at_end_of_stream(int fd) {
+  char byte;
+  if (recv(fd, &byte, sizeof byte, MSG_PEEK | MSG_DONTWAIT) != 0) return false;
+  int type = 0;
+  socklen_t size = sizeof type;
+  return getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &size) == 0 && type != SOCK_DGRAM;
+}
+
+// After a read that failed with this error (0 where it reported none): will the descriptor give data again?
+[[nodiscard]] inline bool nothing_more_to_read(int fd, int read_error) {
+  if (read_error == EAGAIN || read_error == EINTR) return false;
+  char byte;
+  const auto waiting = recv(fd, &byte, sizeof byte, MSG_PEEK | MSG_DONTWAIT);
+  if (waiting < 0) return errno != EAGAIN && errno != EINTR;
+  return waiting == 0 && at_end_of_stream(fd);
+}
+
+}  // namespace ptz
