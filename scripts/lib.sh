@@ -1,0 +1,98 @@
+# scripts/lib.sh - what the scripts share; sourced by them, from bash. Sets `root` and works from there.
+# shellcheck shell=bash
+set -euo pipefail
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+cd "$root"
+
+note() { printf '%s: %s\n' "${0##*/}" "$*" >&2; }
+die() {
+  note "$*"
+  exit 1
+}
+
+# Prints the comment at the head of the calling script as its help.
+show_help() { sed -n '2,/^[^#]/{s/^# \{0,1\}//p}' "$0"; }
+
+# The packages that debian/control lists for a build, one "name relation version" per line (the last two may be
+# missing). An entry there is one package: alternatives are not understood.
+declared_packages() {
+  awk '
+    /^#/ { next }
+    /^[^ \t]/ { inside = sub(/^Build-Depends:/, "") }
+    inside {
+      gsub(/<[^<>=]*>|\[[^]]*\]|[()]/, " ")  # build profiles, architectures
+      count = split($0, entry, ",")
+      for (i = 1; i <= count; i++) if (split(entry[i], word, " ") > 0) print word[1], word[2], word[3]
+    }' debian/control
+}
+
+# "name version" of each installed package and of each name that one provides.
+installed_packages() {
+  dpkg-query --show --showformat='${db:Status-Abbrev}|${Package}|${Version}|${Provides}\n' | awk -F'|' '
+    $1 ~ /^.i/ {
+      print $2, $3
+      count = split($4, provided, ",")
+      for (i = 1; i <= count; i++) {
+        gsub(/[()=]/, " ", provided[i])
+        split(provided[i], word, " ")
+        print word[1], word[2]
+      }
+    }'
+}
+
+# The declared packages that are not installed, or not in the version that is needed.
+missing_packages() {
+  local name relation wanted version satisfied
+  local -A versions=()
+  while read -r name version; do versions[$name]+=" ${version:--}"; done < <(installed_packages)
+  while read -r name relation wanted; do
+    satisfied=false
+    for version in ${versions[$name]-}; do
+      if [[ -z $relation ]] || { [[ $version != - ]] && dpkg --compare-versions "$version" "$relation" "$wanted"; }; then
+        satisfied=true
+        break
+      fi
+    done
+    $satisfied || printf '%s\n' "$name"
+  done < <(declared_packages)
+}
+
+# Installs what is missing; says nothing and asks nobody where nothing is.
+install_missing_packages() {
+  local missing as_root=()
+  command -v dpkg-query >/dev/null ||
+    die "cannot tell what is installed without dpkg; a build needs: $(declared_packages | cut -d' ' -f1 | tr '\n' ' ')"
+  missing=$(missing_packages | tr '\n' ' ')
+  [[ -n $missing ]] || return 0
+  if [[ $EUID != 0 ]]; then
+    # Without a terminal nobody could answer sudo's question.
+    if command -v sudo >/dev/null && { [[ -t 0 ]] || sudo --non-interactive true 2>/dev/null; }; then
+      as_root=(sudo)
+    else
+      die "packages are missing: $missing
+Install them with this command, as root:
+  apt-get update && apt-get build-dep --yes $root"
+    fi
+  fi
+  as_root+=(env DEBIAN_FRONTEND=noninteractive apt-get --quiet)
+  note "installing $missing"
+  # A list that cannot be fetched is no reason to stop: the package may be in another one, or downloaded already.
+  "${as_root[@]}" update || note "the package lists could not all be updated"
+  "${as_root[@]}" build-dep --yes --no-install-recommends "$root" </dev/null || die "apt-get could not install $missing"
+  missing=$(missing_packages | tr '\n' ' ')
+  [[ -z $missing ]] || die "still missing: $missing"
+}
+
+# Usage: build FOLDER [MESON OPTION]... - configures the folder, or changes what is configured there, and builds it.
+build() {
+  local folder=$1
+  shift
+  if [[ -f $folder/meson-private/coredata.dat ]]; then
+    # What another version of meson configured cannot be changed, only made anew.
+    meson configure "$folder" "$@" || meson setup --wipe "$folder" "$@"
+  else
+    meson setup "$folder" "$@"
+  fi
+  ninja -C "$folder"
+}
