@@ -93,6 +93,5 @@ build() {
     meson configure "$folder" "$@" || meson setup --wipe "$folder" "$@"
   else
     meson setup "$folder" "$@"
-  fi
-  ninja -C "$folder"
+  fi && ninja -C "$folder"
 }
