@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string_view>
 
 #include "base/check.h"
 
@@ -60,10 +61,10 @@ void ptz_serialize_32bit(GArray *array, guint32 value) {
 void ptz_serialize_string(GArray *array, const gchar *string) {
   assert_in(module_name, array != NULL);
   assert_in(module_name, string != NULL);
-  const gsize length = std::strlen(string);
-  guint8 *bytes = extend(array, sizeof(guint16) + length);
-  store_16bit(bytes, static_cast<guint16>(length));
-  std::memcpy(bytes + sizeof(guint16), string, length);
+  const std::string_view text(string);
+  guint8 *bytes = extend(array, sizeof(guint16) + text.size());
+  store_16bit(bytes, static_cast<guint16>(text.size()));
+  text.copy(reinterpret_cast<gchar *>(bytes + sizeof(guint16)), text.size());
 }
 
 void ptz_serialize_blob(GArray *array, gconstpointer data, guint len) { g_array_append_vals(array, data, len); }
