@@ -1,6 +1,7 @@
 // tests/support/syslog_capture.h - what the test program writes to the system log, kept instead of sent.
 #pragma once
 #include <cstddef>
+#include <ostream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -12,6 +13,7 @@ struct LogLine {
   std::string text;
   bool operator==(const LogLine &) const = default;
 };
+inline void PrintTo(const LogLine &line, std::ostream *out) { *out << '<' << line.priority << "> " << line.text; }
 
 // Collects the lines that are logged during its life, from every thread.
 class SyslogCapture {
