@@ -1,0 +1,56 @@
+// driver.h - answers requests with the simulated head. Knows bodies, but neither sockets nor the main loop.
+#pragma once
+#include <array>
+#include <map>
+#include <string>
+
+#include "driver_messages.h"
+#include "head.h"
+
+namespace example {
+
+extern const PTZDriverCapabilities driver_capabilities;
+
+class Driver {
+  struct StoredPreset {
+    std::string name;
+    PerAxis position;
+  };
+  struct Switch {
+    const char *name;
+    bool on;
+  };
+  struct Route;
+
+  Head head_;
+  std::map<guint32, StoredPreset> presets_;
+  std::array<Switch, 2> auxiliaries_ = {{{"light", false}, {"wiper", false}}};
+
+  Body set_device_preset(BodyReader &request);
+  Body get_device_presets(BodyReader &request);
+  Body goto_device_preset(BodyReader &request);
+  Body move(BodyReader &request);
+  Body move_command(BodyReader &request);
+  Body stop(BodyReader &request);
+  Body auxiliary(BodyReader &request);
+  Body query_speed(BodyReader &request);
+  Body query_position(BodyReader &request);
+  Body query_limit_ranges(BodyReader &request);
+  Body get_driver_name(BodyReader &request);
+  Body get_device_types(BodyReader &request);
+  Body get_capabilities(BodyReader &request);
+  Body get_driver_parameters(BodyReader &request);
+
+  void move_to(const PerAxis &position, guint16 speed);
+
+ public:
+  explicit Driver(const HeadRanges &ranges = head_ranges) : head_(ranges) {}
+
+  // Whatever the request holds, there is an answer: a reply, which begins with the request's command word, or an error
+  // reply, which means that nothing has changed.
+  Body answer(GArray *request, gint64 now_us);
+
+  [[nodiscard]] Head &head() { return head_; }
+};
+
+}  // namespace example

@@ -1,0 +1,55 @@
+// head.h - the simulated pan-tilt-zoom head: what a real driver reaches through a serial line or a bus.
+#pragma once
+#include <algorithm>
+#include <array>
+#include <functional>
+
+#include "axis.h"
+#include "driver_messages.h"
+
+namespace example {
+
+using HeadRanges = std::array<AxisRange, axis_count>;
+
+constexpr HeadRanges head_ranges = {{
+    {-170'00, 170'00, 120'00, 240'00},  // pan
+    {-20'00, 90'00, 90'00, 180'00},     // tilt
+    {1'00, 30'00, 10'00, 20'00},        // zoom, magnification
+}};
+constexpr PerAxis head_home = {0, 0, 1'00};
+
+// The same head, with every motion done in a fraction of the time.
+constexpr HeadRanges faster(HeadRanges ranges, gint32 factor) {
+  for (AxisRange &range : ranges) {
+    range.max_speed *= factor;
+    range.acceleration *= factor * factor;
+  }
+  return ranges;
+}
+
+class Head {
+  std::array<Axis, axis_count> axes_;
+
+ public:
+  explicit Head(const HeadRanges &ranges)
+      : axes_{Axis(ranges[pan], head_home[pan]), Axis(ranges[tilt], head_home[tilt]),
+              Axis(ranges[zoom], head_home[zoom])} {}
+
+  void advance(gint64 now_us) {
+    for (Axis &axis : axes_) axis.advance(now_us);
+  }
+  void stop() {
+    for (Axis &axis : axes_) axis.stop();
+  }
+  [[nodiscard]] bool moving() const { return std::ranges::any_of(axes_, &Axis::moving); }
+  [[nodiscard]] Axis &axis(std::size_t index) { return axes_[index]; }
+  [[nodiscard]] const Axis &axis(std::size_t index) const { return axes_[index]; }
+
+  // One number of each axis, as the messages carry them.
+  template <typename Value>
+  [[nodiscard]] PerAxis each(Value value) const {
+    return {std::invoke(value, axes_[pan]), std::invoke(value, axes_[tilt]), std::invoke(value, axes_[zoom])};
+  }
+};
+
+}  // namespace example

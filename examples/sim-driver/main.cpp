@@ -1,0 +1,117 @@
+// sim-driver - a driver process: serves the command channel of a simulated pan-tilt-zoom head on the GLib main loop.
+#include <glib-unix.h>
+#include <ptz_serialize.h>
+#include <ptz_socket_server_command.h>
+#include <sys/socket.h>
+#include <syslog.h>
+
+#include <clocale>
+#include <cstdlib>
+
+#include "driver.h"
+
+namespace {
+
+using namespace example;
+
+constexpr guint tick_ms = 20;
+constexpr int exit_usage = 2;
+
+struct Service {
+  Driver driver;
+  bool verbose;
+  guint tick = 0;  // id of the timer, 0 while the head stands still
+  Loop loop = Loop(g_main_loop_new(nullptr, FALSE));
+};
+
+// A real head would be told where to be next, here; and this is where positions are published while they change.
+gboolean on_tick(gpointer user_data) {
+  auto &service = *static_cast<Service *>(user_data);
+  Head &head = service.driver.head();
+  head.advance(g_get_monotonic_time());
+  if (head.moving()) return G_SOURCE_CONTINUE;
+  if (service.verbose) {
+    syslog(LOG_INFO, "at rest: pan %d, tilt %d, zoom %d", head.axis(pan).position(), head.axis(tilt).position(),
+           head.axis(zoom).position());
+  }
+  service.tick = 0;
+  return G_SOURCE_REMOVE;
+}
+
+void log_request(GArray *request, GArray *reply) {
+  BodyReader asked(request);
+  BodyReader answered(reply);
+  const gint32 command = asked.i32();
+  const bool refused = answered.i32() == PTZ_COMMAND_ERROR_REPLY;
+  const guint32 code = refused ? answered.u32() : 0;
+  syslog(LOG_INFO, "request %d of %u bytes: %s%s", command, request->len, refused ? "refused, code " : "served",
+         refused ? std::to_string(code).c_str() : "");
+}
+
+gboolean on_request(gpointer user_data, gpointer reply_context, gpointer data, guint32 length) {
+  auto &service = *static_cast<Service *>(user_data);
+  const Body request(ptz_serialize_create_array());
+  ptz_serialize_blob(request.get(), data, length);
+  const Body reply = service.driver.answer(request.get(), g_get_monotonic_time());
+  if (service.verbose) log_request(request.get(), reply.get());
+  // Exactly once for each context, which this call frees.
+  if (ptz_socket_server_send(reply_context, reply->data, reply->len) == FALSE) {
+    syslog(LOG_WARNING, "a reply of %u bytes could not be sent", reply->len);
+  }
+  if (service.tick == 0 && service.driver.head().moving()) service.tick = g_timeout_add(tick_ms, on_tick, &service);
+  return TRUE;
+}
+
+gboolean on_end_signal(gpointer loop) {
+  g_main_loop_quit(static_cast<GMainLoop *>(loop));
+  return G_SOURCE_CONTINUE;
+}
+
+int serve(const char *path, gint speed_factor, bool verbose) {
+  Service service{Driver(faster(head_ranges, speed_factor)), verbose};
+  if (verbose) ptz_flag_types_list_all(&driver_capabilities);
+
+  const Object<PTZSocketServerCommand> server(ptz_socket_server_command_new(path, SOCK_STREAM));
+  if (!server || PTZ_SOCKET(server.get())->fd < 0) {
+    g_printerr("sim-driver: cannot listen on '%s'\n", path);
+    return EXIT_FAILURE;
+  }
+  ptz_socket_server_register_callback(PTZ_SOCKET_SERVER(server.get()), on_request, &service);
+
+  g_unix_signal_add(SIGTERM, on_end_signal, service.loop.get());
+  g_unix_signal_add(SIGINT, on_end_signal, service.loop.get());
+  if (verbose) syslog(LOG_INFO, "serving on %s", path);
+  g_main_loop_run(service.loop.get());
+  if (service.tick != 0) g_source_remove(service.tick);
+  return EXIT_SUCCESS;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  setlocale(LC_CTYPE, "");
+  char *path_option = nullptr;
+  gint speed_factor = 1;
+  gboolean verbose = FALSE;
+  const GOptionEntry entries[] = {
+      {"socket", 's', G_OPTION_FLAG_NONE, G_OPTION_ARG_FILENAME, &path_option, "Listen on this socket", "PATH"},
+      {"speed-factor", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &speed_factor,
+       "Let the head move this many times as fast, 1 to 20", "N"},
+      {"verbose", 'v', G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, &verbose, "Log capabilities, requests and arrivals",
+       nullptr},
+      {}};
+  const Options options(g_option_context_new("- driver of a simulated pan-tilt-zoom head"));
+  g_option_context_add_main_entries(options.get(), entries, nullptr);
+  GError *error = nullptr;
+  const bool parsed = g_option_context_parse(options.get(), &argc, &argv, &error) != FALSE;
+  const Text path(path_option);
+  if (!parsed || argc > 1 || !path || speed_factor < 1 || speed_factor > 20) {
+    g_printerr("sim-driver: %s; see --help\n",
+               error != nullptr ? error->message : "it takes --socket PATH and nothing beside its options");
+    g_clear_error(&error);
+    return exit_usage;
+  }
+  // The library logs why it cannot listen, and so on; a driver that nobody sees would leave LOG_PERROR out.
+  openlog("sim-driver", LOG_PID | LOG_PERROR, LOG_DAEMON);
+  return serve(path.get(), speed_factor, verbose != FALSE);
+}
