@@ -2,12 +2,16 @@
 #pragma once
 
 #include "ptz_api.h"
+#include "ptz_config.h"
 #include "ptz_enum_types.h"
 #include "ptz_file_g_source.h"
+#include "ptz_firmware.h"
 #include "ptz_flag_types.h"
 #include "ptz_flags_utils.h"
+#include "ptz_port_index.h"
 #include "ptz_queue.h"
 #include "ptz_serialize.h"
+#include "ptz_settings.h"
 #include "ptz_socket.h"
 #include "ptz_socket_client.h"
 #include "ptz_socket_client_command.h"

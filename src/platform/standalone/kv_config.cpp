@@ -1,0 +1,106 @@
+#include "platform/kv_config.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <cerrno>
+#include <string>
+#include <string_view>
+
+#include "base/handles.h"
+
+namespace {
+
+// The open file. Allocated while there is one: the library may be unloaded after main() has returned.
+struct OpenFile {
+  std::string text;
+  std::size_t next = 0;  // where the next line begins
+  std::string section;   // of the last "[Group]" line
+  bool in_section = false;
+  std::string group, key, value;
+  KvConfigRecord record = {};
+};
+OpenFile *open_file = nullptr;
+
+constexpr std::string_view blanks = " \t\r\n\v\f";
+constexpr std::string_view root_prefix = "root.";
+
+std::string_view trimmed(std::string_view text) {
+  const auto first = text.find_first_not_of(blanks);
+  if (first == std::string_view::npos) return {};
+  return text.substr(first, text.find_last_not_of(blanks) - first + 1);
+}
+
+bool read_all(int fd, std::string &text) {
+  char chunk[65536];
+  while (true) {
+    const ssize_t count = read(fd, chunk, sizeof chunk);
+    if (count == 0) return true;
+    if (count > 0) text.append(chunk, static_cast<std::size_t>(count));
+    if (count < 0 && errno != EINTR) return false;
+  }
+}
+
+// A key before any group names its group itself: "root.Group.Key" or "Group.Key".
+void split_path(OpenFile &file, std::string_view path) {
+  if (path.substr(0, root_prefix.size()) == root_prefix) path.remove_prefix(root_prefix.size());
+  const auto dot = path.rfind('.');
+  file.group = dot == std::string_view::npos ? std::string_view() : path.substr(0, dot);
+  file.key = dot == std::string_view::npos ? path : path.substr(dot + 1);
+}
+
+bool parse_line(OpenFile &file, std::string_view line) {
+  line = trimmed(line);
+  if (line.empty() || line.front() == '#' || line.front() == ';') return false;
+  if (line.front() == '[' && line.back() == ']') {
+    file.section = trimmed(line.substr(1, line.size() - 2));
+    file.in_section = true;
+    return false;
+  }
+  const auto equals = line.find('=');
+  const auto name = trimmed(line.substr(0, equals));
+  if (file.in_section) {
+    file.group = file.section;
+    file.key = name;
+  } else {
+    split_path(file, name);
+  }
+  const bool has_value = equals != std::string_view::npos;
+  if (has_value) file.value = trimmed(line.substr(equals + 1));
+  file.record = {file.group.c_str(), file.key.c_str(), has_value ? file.value.c_str() : nullptr};
+  return true;
+}
+
+}  // namespace
+
+gint kv_config_open(const gchar *path) {
+  kv_config_close();
+  // Without O_NONBLOCK a pipe that nobody writes to would be waited for.
+  const ptz::UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  if (!fd) return 0;
+  struct stat status = {};
+  if (fstat(fd.get(), &status) < 0) return 0;
+  if (S_ISDIR(status.st_mode) || S_ISFIFO(status.st_mode)) {
+    errno = S_ISDIR(status.st_mode) ? EISDIR : ESPIPE;
+    return 0;
+  }
+  std::string text;
+  if (!read_all(fd.get(), text)) return 0;
+  open_file = new OpenFile;
+  open_file->text = std::move(text);
+  return 1;
+}
+
+const KvConfigRecord *kv_config_get(void) {
+  if (open_file == nullptr) return nullptr;
+  auto &file = *open_file;
+  while (file.next < file.text.size()) {
+    const auto end = std::min(file.text.find('\n', file.next), file.text.size());
+    const auto line = std::string_view(file.text).substr(file.next, end - file.next);
+    file.next = end + 1;
+    if (parse_line(file, line)) return &file.record;
+  }
+  return nullptr;
+}
+
+void kv_config_close(void) { delete std::exchange(open_file, nullptr); }
