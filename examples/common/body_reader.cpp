@@ -2,7 +2,7 @@
 
 #include <ptz_serialize.h>
 
-#include "handles.h"
+#include "owned.h"
 
 namespace example {
 

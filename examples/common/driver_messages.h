@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "body_reader.h"
-#include "handles.h"
+#include "owned.h"
 
 namespace example {
 

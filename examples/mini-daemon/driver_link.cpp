@@ -158,7 +158,7 @@ void DriverLink::give_back(std::shared_ptr<Connection> connection, bool lost) {
   });
 }
 
-bool DriverLink::wait_until_connected(std::chrono::seconds limit) {
+bool DriverLink::wait_until_connected(std::chrono::milliseconds limit) {
   std::unique_lock guard(lock_);
   const auto settled = [this] { return closed_ || connection_ != nullptr; };
   if (limit.count() == 0) {

@@ -48,7 +48,7 @@ class DriverLink {
   // Any thread: as ask_from_main_loop(), which it has the main loop do.
   void ask_later(Body request, Handler handler);
   // Any thread but the main one. False when the time is over or the link was closed. A limit of 0 waits for ever.
-  bool wait_until_connected(std::chrono::seconds limit);
+  bool wait_until_connected(std::chrono::milliseconds limit);
   // Any thread but the main one. Returns early, with false, when the link was closed.
   bool sleep(std::chrono::milliseconds time);
   [[nodiscard]] bool closed();

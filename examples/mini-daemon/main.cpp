@@ -15,7 +15,8 @@ namespace {
 using namespace example;
 
 constexpr int exit_usage = 2;
-constexpr gint tour_driver_limit_s = 10;
+constexpr double tour_driver_limit_s = 10;
+constexpr double most_driver_limit_s = 1e6;
 
 struct Daemon {
   DriverLink link;
@@ -79,13 +80,13 @@ int main(int argc, char **argv) {
   char *path_option = nullptr;
   char *cue_option = nullptr;
   gboolean tour = FALSE;
-  gint driver_limit_s = -1;
+  double driver_limit_s = -1;
   gint interval_ms = 500;
   const GOptionEntry entries[] = {
       {"socket", 's', G_OPTION_FLAG_NONE, G_OPTION_ARG_FILENAME, &path_option, "The driver's socket", "PATH"},
       {"interval", 'i', G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &interval_ms,
        "Ask for the position this often (default: 500)", "MS"},
-      {"timeout", 't', G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &driver_limit_s,
+      {"timeout", 't', G_OPTION_FLAG_NONE, G_OPTION_ARG_DOUBLE, &driver_limit_s,
        "Give up when no driver listens for so long; 0: never (default: 0, with --tour 10)", "SECONDS"},
       {"tour", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, &tour, "Make a tour of the driver, then end", nullptr},
       {"cue", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_FILENAME, &cue_option,
@@ -97,7 +98,7 @@ int main(int argc, char **argv) {
   const bool parsed = g_option_context_parse(options.get(), &argc, &argv, &error) != FALSE;
   const Text path(path_option);
   const Text cue(cue_option);
-  if (!parsed || argc > 1 || !path || interval_ms < 1) {
+  if (!parsed || argc > 1 || !path || interval_ms < 1 || driver_limit_s > most_driver_limit_s) {
     g_printerr("mini-daemon: %s; see --help\n",
                error != nullptr ? error->message : "it takes --socket PATH and nothing beside its options");
     g_clear_error(&error);
@@ -106,7 +107,7 @@ int main(int argc, char **argv) {
   if (driver_limit_s < 0) driver_limit_s = tour != FALSE ? tour_driver_limit_s : 0;
   openlog("mini-daemon", LOG_PID, LOG_DAEMON);
   Daemon daemon{DriverLink(path.get()),
-                {cue ? cue.get() : "", std::chrono::seconds(driver_limit_s)},
+                {cue ? cue.get() : "", std::chrono::milliseconds(static_cast<gint64>(driver_limit_s * 1000))},
                 tour != FALSE,
                 std::chrono::milliseconds(interval_ms)};
   return run(daemon);

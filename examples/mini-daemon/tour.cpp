@@ -101,7 +101,7 @@ bool Tour::expect_refusal(const Body &request, ErrorCode code, const std::string
   return true;
 }
 
-std::optional<Positions> Tour::watch_until_idle() {
+std::optional<Positions> Tour::watch_until(const std::function<bool(const Positions &)> &reached) {
   const gint64 start_us = g_get_monotonic_time();
   for (int watched = 0; watched < most_watches; ++watched) {
     const auto mailbox = std::make_shared<Mailbox>();
@@ -114,17 +114,20 @@ std::optional<Positions> Tour::watch_until_idle() {
       fail(answers.empty() ? "no answer in time" : describe_failure(answers.front()));
       return std::nullopt;
     }
+    const bool there = reached(*positions);
     // Where lines stay, a few of them tell as much.
-    if (terminal_.interactive() || positions->idle() || watched % 4 == 0) {
+    if (terminal_.interactive() || there || watched % 4 == 0) {
       terminal_.live(seconds_since(start_us) + "  " + in_columns(positions->position) +
                      (positions->idle() ? "  idle" : "  moving"));
     }
-    if (positions->idle()) return positions;
+    if (there) return positions;
     if (!link_.sleep(watch_interval)) return std::nullopt;
   }
-  fail("the head does not come to rest");
+  fail("the head does not get there");
   return std::nullopt;
 }
+
+std::optional<Positions> Tour::watch_until_idle() { return watch_until(&Positions::idle); }
 
 bool Tour::arrive_at(const PerAxis &target) {
   const gint64 start_us = g_get_monotonic_time();
@@ -196,19 +199,22 @@ bool Tour::use_preset() {
 
 bool Tour::run_and_stop() {
   begin_step("A continuous move, stopped");
-  terminal_.line("pan to the left at " + in_degrees(40'00) + "/s");
-  const MoveRequest to_the_left{PTZ_MOVE_CONTINUOUS, axis_bit(pan), full_speed, {-40'00, 0, 0}};
-  if (!order(PTZ_COMMAND_MOVE, make_body(PTZ_COMMAND_MOVE, to_the_left)) || !link_.sleep(800ms)) return false;
-  const auto under_way = ask<Speeds>(PTZ_COMMAND_QUERY_SPEED);
-  if (!under_way) return false;
-  terminal_.line("under way at " + in_degrees(under_way->current[pan]) + "/s; stop");
+  const auto speeds = ask<Speeds>(PTZ_COMMAND_QUERY_SPEED);
+  if (!speeds) return false;
+  const gint32 velocity = speeds->maximum[pan] / 3;
+  terminal_.line("pan to the left at " + in_degrees(velocity) + "/s");
+  const MoveRequest to_the_left{PTZ_MOVE_CONTINUOUS, axis_bit(pan), full_speed, {-velocity, 0, 0}};
+  if (!order(PTZ_COMMAND_MOVE, make_body(PTZ_COMMAND_MOVE, to_the_left))) return false;
+  const gint32 far_enough = viewpoint_[pan] - 25'00;
+  if (!watch_until([&](const Positions &now) { return now.position[pan] <= far_enough; })) return false;
+
+  terminal_.line("stop");
   if (!order(PTZ_COMMAND_STOP, make_body(PTZ_COMMAND_STOP))) return false;
   const auto at_rest = watch_until_idle();
-  if (!at_rest || !link_.sleep(200ms)) return false;
+  if (!at_rest || !link_.sleep(watch_interval)) return false;
   const auto later = ask<Positions>(PTZ_COMMAND_QUERY_POSITION);
   if (!later) return false;
   if (later->position != at_rest->position) return fail("it still moves");
-  if (later->position[pan] >= viewpoint_[pan]) return fail("it has not moved");
   terminal_.good("stands still, " + in_degrees(viewpoint_[pan] - later->position[pan]) + " further left");
   return true;
 }

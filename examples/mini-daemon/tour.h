@@ -1,6 +1,7 @@
 // tour.h - a short tour of a driver: every request once, its reply checked, and told to whoever watches.
 #pragma once
 #include <chrono>
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -12,7 +13,7 @@ namespace example {
 
 struct TourOptions {
   std::string cue;  // file that tells when the driver is to be killed and started anew; empty leaves that step out
-  std::chrono::seconds driver_limit;
+  std::chrono::milliseconds driver_limit;
 };
 
 // Runs on a thread of its own: most of its requests wait for their replies.
@@ -33,6 +34,7 @@ class Tour {
   }
   bool order(PTZCommand command, const Body &request);
   bool expect_refusal(const Body &request, ErrorCode code, const std::string &what);
+  std::optional<Positions> watch_until(const std::function<bool(const Positions &)> &reached);
   std::optional<Positions> watch_until_idle();
   bool arrive_at(const PerAxis &target);
 

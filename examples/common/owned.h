@@ -1,4 +1,4 @@
-// handles.h - owners of what GLib and the library hand out. A raw pointer elsewhere in the examples is borrowed.
+// owned.h - owners of what GLib and the library hand out. A raw pointer elsewhere in the examples is borrowed.
 #pragma once
 #include <glib-object.h>
 #include <unistd.h>

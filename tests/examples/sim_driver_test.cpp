@@ -1,0 +1,163 @@
+// The driver program, asked through the library by a client in this process.
+#include <gtest/gtest.h>
+#include <ptz_serialize.h>
+#include <ptz_socket_client_command.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "driver_messages.h"
+#include "fixtures.h"
+#include "peers.h"
+#include "process.h"
+
+using namespace example;
+using ptz_test::contents;
+using ptz_test::Process;
+
+namespace {
+
+class SimDriverProgram : public testing::Test {
+ protected:
+  ptz_test::TempDir dir_;
+  const std::string socket_ = dir_.file("driver.socket");
+  const std::string output_ = dir_.file("output");
+  std::unique_ptr<Process> driver_;
+  Object<PTZSocketClientCommand> client_;
+
+  void start_driver(const std::vector<std::string> &more = {}) {
+    std::vector<std::string> arguments = {"--socket", socket_, "--speed-factor", "20"};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    driver_ = std::make_unique<Process>(SIM_DRIVER, arguments, output_);
+    ASSERT_TRUE(ptz_test::run_until([&] { return bool(ptz_test::connect_to(socket_)); })) << contents(output_);
+  }
+  void connect() {
+    client_.reset(ptz_socket_client_command_new(socket_.c_str(), -1, SOCK_STREAM));
+    ASSERT_GE(PTZ_SOCKET(client_.get())->fd, 0);
+  }
+  void SetUp() override {
+    start_driver();
+    connect();
+  }
+  void TearDown() override { client_.reset(); }
+
+  // The reply to a request; empty if there is none. A synchronous request must not be made on the main thread.
+  Body ask(const Body &request) {
+    Body reply(ptz_serialize_create_array());
+    std::thread([&] {
+      std::array<guint8, PTZ_SOCKET_BODY_MAX> buffer;
+      guint32 length = 0;
+      if (ptz_socket_client_command_sync_send(client_.get(), request->data, request->len, buffer.data(), &length)) {
+        ptz_serialize_blob(reply.get(), buffer.data(), length);
+      }
+    }).join();
+    return reply;
+  }
+  gint32 first_word(const Body &reply) { return BodyReader(reply.get()).i32(); }
+  Positions positions() {
+    const Body reply = ask(make_body(PTZ_COMMAND_QUERY_POSITION));
+    BodyReader reader(reply.get());
+    EXPECT_EQ(reader.i32(), PTZ_COMMAND_QUERY_POSITION);
+    Positions read = Positions::read(reader);
+    EXPECT_TRUE(reader.finished());
+    return read;
+  }
+};
+
+}  // namespace
+
+TEST_F(SimDriverProgram, MovesInRealTimeAndArrives) {
+  const MoveRequest move{PTZ_MOVE_ABSOLUTE, all_axes, full_speed, {40'00, -10'00, 2'00}};
+  EXPECT_EQ(first_word(ask(make_body(PTZ_COMMAND_MOVE, move))), PTZ_COMMAND_MOVE);
+  EXPECT_FALSE(positions().idle());
+  EXPECT_TRUE(ptz_test::run_until([&] { return positions().idle(); }));
+  EXPECT_EQ(positions().position, move.values);
+}
+
+TEST_F(SimDriverProgram, AnswersAsynchronousRequestsOnTheMainLoop) {
+  struct Reply {
+    gint32 command = 0;
+  };
+  std::array<Reply, 8> replies;
+  ptz_socket_client_register_callback(
+      PTZ_SOCKET_CLIENT(client_.get()),
+      [](gpointer reply, gpointer data, guint32 length) {
+        const Body body(ptz_serialize_create_array());
+        ptz_serialize_blob(body.get(), data, length);
+        static_cast<Reply *>(reply)->command = BodyReader(body.get()).i32();
+      },
+      nullptr);
+  const Body request = make_body(PTZ_COMMAND_GET_DRIVER_NAME);
+  for (Reply &reply : replies) {
+    ASSERT_TRUE(ptz_socket_client_command_async_send(client_.get(), request->data, request->len, &reply));
+  }
+  const auto all_there = [&] {
+    return std::ranges::all_of(replies,
+                               [](const Reply &reply) { return reply.command == PTZ_COMMAND_GET_DRIVER_NAME; });
+  };
+  EXPECT_TRUE(ptz_test::run_until(all_there));
+}
+
+TEST_F(SimDriverProgram, RefusesBadRequestsAndLivesOn) {
+  Body cut_short = make_body(PTZ_COMMAND_MOVE, MoveRequest{PTZ_MOVE_ABSOLUTE, all_axes, full_speed, {}});
+  for (guint size = cut_short->len - 1; size > 0; --size) {
+    g_array_set_size(cut_short.get(), size);
+    EXPECT_EQ(first_word(ask(cut_short)), PTZ_COMMAND_ERROR_REPLY) << size;
+  }
+  EXPECT_EQ(first_word(ask(make_body(PTZCommand(30)))), PTZ_COMMAND_ERROR_REPLY);
+  EXPECT_EQ(first_word(ask(make_body(PTZ_COMMAND_GET_DRIVER_NAME))), PTZ_COMMAND_GET_DRIVER_NAME);
+}
+
+TEST_F(SimDriverProgram, EndsCleanlyOnASignalWhileItMoves) {
+  for (const int signal : {SIGTERM, SIGINT}) {
+    const MoveRequest move{PTZ_MOVE_CONTINUOUS, axis_bit(pan), 1, {10'00, 0, 0}};
+    EXPECT_EQ(first_word(ask(make_body(PTZ_COMMAND_MOVE, move))), PTZ_COMMAND_MOVE);
+    driver_->signal(signal);
+    EXPECT_EQ(driver_->wait(), 0) << contents(output_);
+    EXPECT_FALSE(std::filesystem::exists(socket_));
+    EXPECT_EQ(ask(make_body(PTZ_COMMAND_QUERY_POSITION))->len, 0U);
+    client_.reset();
+    start_driver();
+    connect();
+  }
+}
+
+TEST_F(SimDriverProgram, SaysNothingUnlessItIsAskedTo) {
+  EXPECT_EQ(first_word(ask(make_body(PTZ_COMMAND_GET_CAPABILITIES))), PTZ_COMMAND_GET_CAPABILITIES);
+  driver_->signal(SIGTERM);
+  EXPECT_EQ(driver_->wait(), 0);
+  EXPECT_EQ(contents(output_), "");
+}
+
+TEST_F(SimDriverProgram, ListsItsCapabilitiesAndRequestsWhenVerbose) {
+  start_driver({"--verbose"});
+  client_.reset();
+  connect();
+  EXPECT_EQ(first_word(ask(make_body(PTZ_COMMAND_OSD_MENU))), PTZ_COMMAND_ERROR_REPLY);
+  const std::string output = contents(output_);
+  for (const char *line : {": driver_cap->move:\n", ": RelPan\n", ": DevicePreset\n", "refused, code 2\n"}) {
+    EXPECT_NE(output.find(line), std::string::npos) << line << output;
+  }
+}
+
+TEST_F(SimDriverProgram, SaysSoAndFailsWhereItCannotListen) {
+  Process driver(SIM_DRIVER, {"--socket", dir_.file("missing") + "/driver.socket"}, output_);
+  EXPECT_EQ(driver.wait(), 1);
+  EXPECT_NE(contents(output_).find("sim-driver: cannot listen on '"), std::string::npos) << contents(output_);
+}
+
+TEST_F(SimDriverProgram, RefusesArgumentsThatMakeNoSense) {
+  const std::vector<std::vector<std::string>> wrong = {{},
+                                                       {"--socket"},
+                                                       {"--socket", socket_, "more"},
+                                                       {"--sockets", socket_},
+                                                       {"--socket", socket_, "--speed-factor", "0"}};
+  for (const auto &arguments : wrong) EXPECT_EQ(Process(SIM_DRIVER, arguments, output_).wait(), 2);
+  EXPECT_EQ(Process(SIM_DRIVER, {"--help"}, output_).wait(), 0);
+}
