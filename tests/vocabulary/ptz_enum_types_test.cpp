@@ -1,29 +1,15 @@
-#include <fixtures.h>
 #include <gtest/gtest.h>
 #include <ptz_enum_types.h>
 
-#include <array>
-#include <atomic>
 #include <cstdlib>
-#include <string>
 #include <vector>
+
+#include "type_table.h"
 
 namespace {
 
-struct EnumRow {
-  gint enumerator;  // what the header's constant is
-  gint value;       // what it has to be
-  const char *name;
-  const char *nick;
-};
-
-struct EnumTable {
-  std::string type_name;
-  GType (*get_type)();
-  std::vector<EnumRow> rows;
-};
-
-GEnumClass *class_of(GType type) { return static_cast<GEnumClass *>(g_type_class_ref(type)); }
+using ptz_test::enum_class;
+using ptz_test::EnumTable;
 
 const std::vector<EnumTable> &enum_tables() {
   static const std::vector<EnumTable> tables = {
@@ -384,85 +370,29 @@ class EnumTypes : public testing::TestWithParam<EnumTable> {};
 INSTANTIATE_TEST_SUITE_P(All, EnumTypes, testing::ValuesIn(enum_tables()),
                          [](const auto &table) { return table.param.type_name; });
 
-TEST_P(EnumTypes, IsAnEnumerationUnderTheNameOfItsTypedef) {
-  const GType type = GetParam().get_type();
-  EXPECT_TRUE(G_TYPE_IS_ENUM(type));
-  EXPECT_EQ(g_type_name(type), GetParam().type_name);
-  EXPECT_EQ(g_type_from_name(GetParam().type_name.c_str()), type);
-}
+TEST_P(EnumTypes, IsRegisteredUnderTheNameOfItsTypedef) { ptz_test::expect_registered_as(GetParam(), G_TYPE_ENUM); }
 
-TEST_P(EnumTypes, ListsEveryRowInTheOrderOfTheTable) {
-  const GEnumClass *const enumeration = class_of(GetParam().get_type());
-  const auto &rows = GetParam().rows;
-  ASSERT_EQ(enumeration->n_values, rows.size());
-  for (std::size_t i = 0; i < rows.size(); ++i) {
-    SCOPED_TRACE("row " + std::to_string(i));
-    EXPECT_EQ(enumeration->values[i].value, rows[i].value);
-    EXPECT_STREQ(enumeration->values[i].value_name, rows[i].name);
-    EXPECT_STREQ(enumeration->values[i].value_nick, rows[i].nick);
-  }
-  EXPECT_EQ(enumeration->values[rows.size()].value_name, nullptr);
-}
+TEST_P(EnumTypes, ListsEveryRowInTheOrderOfTheTable) { ptz_test::expect_rows_in_order(GetParam()); }
 
-TEST_P(EnumTypes, EnumeratorsOfTheHeaderHaveTheirValues) {
-  for (const EnumRow &row : GetParam().rows) EXPECT_EQ(row.enumerator, row.value) << row.name;
-}
+TEST_P(EnumTypes, EnumeratorsOfTheHeaderHaveTheirValues) { ptz_test::expect_enumerators(GetParam()); }
 
-TEST_P(EnumTypes, EveryValueNameAndNickFindsItsRow) {
-  GEnumClass *const enumeration = class_of(GetParam().get_type());
-  for (std::size_t i = 0; i < GetParam().rows.size(); ++i) {
-    const EnumRow &row = GetParam().rows[i];
-    const GEnumValue *const listed = &enumeration->values[i];
-    EXPECT_EQ(g_enum_get_value(enumeration, row.value), listed) << row.name;
-    EXPECT_EQ(g_enum_get_value_by_name(enumeration, row.name), listed) << row.name;
-    EXPECT_EQ(g_enum_get_value_by_nick(enumeration, row.nick), listed) << row.nick;
-  }
-}
+TEST_P(EnumTypes, EveryValueNameAndNickFindsItsRow) { ptz_test::expect_lookups_find_their_rows(GetParam()); }
 
-TEST_P(EnumTypes, SecondCallReturnsTheSameTypeWithoutRegisteringAgain) {
-  const GType type = GetParam().get_type();
-  const ptz_test::GlibLogCapture log;  // GLib warns when a name is registered twice
-  EXPECT_EQ(GetParam().get_type(), type);
-  EXPECT_TRUE(log.messages().empty());
-}
+TEST_P(EnumTypes, SecondCallReturnsTheSameTypeWithoutRegisteringAgain) { ptz_test::expect_same_type_again(GetParam()); }
 
-TEST(EnumTypesTogether, EveryFunctionHasAType) { EXPECT_EQ(enum_tables().size(), 25U); }
-
-using Types = std::array<GType, 25>;
-std::atomic<int> threads_to_come = 8;
-
-gpointer register_all_at_once(gpointer types) {
-  --threads_to_come;
-  while (threads_to_come > 0) {
-  }
-  for (std::size_t i = 0; i < enum_tables().size(); ++i) {
-    (*static_cast<Types *>(types))[i] = enum_tables()[i].get_type();
-  }
-  return nullptr;
-}
-
-// In a process of its own, where nothing is registered yet.
-[[noreturn]] void race_for_the_first_call() {
-  const ptz_test::GlibLogCapture log;
-  std::array<Types, 8> seen{};
-  std::array<GThread *, 8> threads{};
-  for (std::size_t i = 0; i < threads.size(); ++i) {
-    threads[i] = g_thread_new("registrar", register_all_at_once, &seen[i]);
-  }
-  for (GThread *const thread : threads) g_thread_join(thread);
-  bool same = log.messages().empty();
-  for (const Types &types : seen) same = same && types == seen[0];
-  for (const GType type : seen[0]) same = same && G_TYPE_IS_ENUM(type);
-  std::_Exit(same ? EXIT_SUCCESS : EXIT_FAILURE);
+[[noreturn]] void race_for_every_function() {
+  std::vector<GType (*)()> functions;
+  for (const EnumTable &table : enum_tables()) functions.push_back(table.get_type);
+  ptz_test::race_for_first_calls(functions);
 }
 
 TEST(EnumTypesDeathTest, ThreadsThatRaceForTheFirstCallGetOneType) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(race_for_the_first_call(), testing::ExitedWithCode(EXIT_SUCCESS), "");
+  EXPECT_EXIT(race_for_every_function(), testing::ExitedWithCode(EXIT_SUCCESS), "");
 }
 
 TEST(Command, DriverPropertyIsNamedGetAndNickedSet) {
-  GEnumClass *const commands = class_of(PTZ_TYPE_COMMAND);
+  GEnumClass *const commands = enum_class(PTZ_TYPE_COMMAND);
   const GEnumValue *const row = g_enum_get_value(commands, 25);
   ASSERT_NE(row, nullptr);
   EXPECT_STREQ(row->value_name, "Get driver property");
@@ -472,7 +402,7 @@ TEST(Command, DriverPropertyIsNamedGetAndNickedSet) {
 }
 
 TEST(Command, ValuesBetweenTheLastCommandAndTheEndMarkerFindNothing) {
-  GEnumClass *const commands = class_of(PTZ_TYPE_COMMAND);
+  GEnumClass *const commands = enum_class(PTZ_TYPE_COMMAND);
   for (const gint value : {29, 30, 31, 33, -2}) EXPECT_EQ(g_enum_get_value(commands, value), nullptr) << value;
 }
 
@@ -480,16 +410,16 @@ TEST(Command, EndMarkerSharesItsValueWithTheFirstSocketCommand) {
   EXPECT_EQ(gint{PTZ_COMMAND_END_OF_RECORD}, gint{PTZ_SOCKET_COMMAND_SOCKET_COMMAND_QUEUE});
 }
 
-TEST(MoveCmd, ListsHomeFirst) { EXPECT_STREQ(class_of(PTZ_TYPE_MOVE_CMD)->values[0].value_name, "Home"); }
+TEST(MoveCmd, ListsHomeFirst) { EXPECT_STREQ(enum_class(PTZ_TYPE_MOVE_CMD)->values[0].value_name, "Home"); }
 
 TEST(SCParam, TheUnusedValueFindsNothing) {
-  GEnumClass *const parameters = class_of(PTZ_TYPE_SC_PARAM);
+  GEnumClass *const parameters = enum_class(PTZ_TYPE_SC_PARAM);
   for (const gint value : {58, -1, 73}) EXPECT_EQ(g_enum_get_value(parameters, value), nullptr) << value;
 }
 
 TEST(EnumTypesTogether, LookupsMindTheCaseOfTheTexts) {
-  EXPECT_EQ(g_enum_get_value_by_name(class_of(PTZ_TYPE_ENABLE), "on"), nullptr);
-  EXPECT_EQ(g_enum_get_value_by_nick(class_of(PTZ_TYPE_ENABLE), "On"), nullptr);
+  EXPECT_EQ(g_enum_get_value_by_name(enum_class(PTZ_TYPE_ENABLE), "on"), nullptr);
+  EXPECT_EQ(g_enum_get_value_by_nick(enum_class(PTZ_TYPE_ENABLE), "On"), nullptr);
 }
 
 }  // namespace

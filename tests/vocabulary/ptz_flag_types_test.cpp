@@ -1,34 +1,19 @@
-#include <fixtures.h>
 #include <gtest/gtest.h>
 #include <ptz_flag_types.h>
 #include <syslog.h>
 #include <syslog_capture.h>
 
-#include <array>
-#include <atomic>
 #include <cstdlib>
 #include <string>
 #include <vector>
 
+#include "type_table.h"
+
 namespace {
 
+using ptz_test::FlagsTable;
 using ptz_test::LogLine;
 using ptz_test::SyslogCapture;
-
-struct FlagsRow {
-  guint enumerator;  // what the header's constant is
-  guint value;       // what it has to be
-  const char *name;
-  const char *nick;
-};
-
-struct FlagsTable {
-  std::string type_name;
-  GType (*get_type)();
-  std::vector<FlagsRow> rows;
-};
-
-GFlagsClass *class_of(GType type) { return static_cast<GFlagsClass *>(g_type_class_ref(type)); }
 
 const std::vector<FlagsTable> &flags_tables() {
   static const std::vector<FlagsTable> tables = {
@@ -103,45 +88,20 @@ class FlagTypes : public testing::TestWithParam<FlagsTable> {};
 INSTANTIATE_TEST_SUITE_P(All, FlagTypes, testing::ValuesIn(flags_tables()),
                          [](const auto &table) { return table.param.type_name; });
 
-TEST_P(FlagTypes, IsAFlagsTypeUnderTheNameOfItsTypedef) {
-  const GType type = GetParam().get_type();
-  EXPECT_TRUE(G_TYPE_IS_FLAGS(type));
-  EXPECT_EQ(g_type_name(type), GetParam().type_name);
-  EXPECT_EQ(g_type_from_name(GetParam().type_name.c_str()), type);
-}
+TEST_P(FlagTypes, IsRegisteredUnderTheNameOfItsTypedef) { ptz_test::expect_registered_as(GetParam(), G_TYPE_FLAGS); }
 
-TEST_P(FlagTypes, ListsEveryRowInTheOrderOfTheTable) {
-  const GFlagsClass *const flags = class_of(GetParam().get_type());
-  const auto &rows = GetParam().rows;
-  ASSERT_EQ(flags->n_values, rows.size());
-  for (std::size_t i = 0; i < rows.size(); ++i) {
-    SCOPED_TRACE("row " + std::to_string(i));
-    EXPECT_EQ(flags->values[i].value, rows[i].value);
-    EXPECT_STREQ(flags->values[i].value_name, rows[i].name);
-    EXPECT_STREQ(flags->values[i].value_nick, rows[i].nick);
-  }
-  EXPECT_EQ(flags->values[rows.size()].value_name, nullptr);
-}
+TEST_P(FlagTypes, ListsEveryRowInTheOrderOfTheTable) { ptz_test::expect_rows_in_order(GetParam()); }
 
-TEST_P(FlagTypes, EnumeratorsOfTheHeaderHaveTheirValues) {
-  for (const FlagsRow &row : GetParam().rows) EXPECT_EQ(row.enumerator, row.value) << row.name;
-}
+TEST_P(FlagTypes, EnumeratorsOfTheHeaderHaveTheirValues) { ptz_test::expect_enumerators(GetParam()); }
 
-TEST_P(FlagTypes, EveryBitNameAndNickFindsItsRow) {
-  GFlagsClass *const flags = class_of(GetParam().get_type());
-  for (std::size_t i = 0; i < GetParam().rows.size(); ++i) {
-    const FlagsRow &row = GetParam().rows[i];
-    const GFlagsValue *const listed = &flags->values[i];
-    EXPECT_EQ(g_flags_get_first_value(flags, row.value), listed) << row.name;
-    EXPECT_EQ(g_flags_get_value_by_name(flags, row.name), listed) << row.name;
-    EXPECT_EQ(g_flags_get_value_by_nick(flags, row.nick), listed) << row.nick;
-  }
-}
+TEST_P(FlagTypes, EveryValueNameAndNickFindsItsRow) { ptz_test::expect_lookups_find_their_rows(GetParam()); }
+
+TEST_P(FlagTypes, SecondCallReturnsTheSameTypeWithoutRegisteringAgain) { ptz_test::expect_same_type_again(GetParam()); }
 
 TEST_P(FlagTypes, BitsOutsideTheTableFindNothing) {
-  GFlagsClass *const flags = class_of(GetParam().get_type());
+  GFlagsClass *const flags = ptz_test::class_of(GetParam());
   guint defined = 0;
-  for (const FlagsRow &row : GetParam().rows) defined |= row.value;
+  for (const FlagsTable::Row &row : GetParam().rows) defined |= row.value;
   EXPECT_EQ(flags->mask, defined);
   for (int bit = 0; bit < 32; ++bit) {
     const guint flag = 1U << bit;
@@ -150,44 +110,23 @@ TEST_P(FlagTypes, BitsOutsideTheTableFindNothing) {
   }
 }
 
-TEST_P(FlagTypes, SecondCallReturnsTheSameTypeWithoutRegisteringAgain) {
-  const GType type = GetParam().get_type();
-  const ptz_test::GlibLogCapture log;  // GLib warns when a name is registered twice
-  EXPECT_EQ(GetParam().get_type(), type);
-  EXPECT_TRUE(log.messages().empty());
-}
-
-using Types = std::array<GType, 2>;
-std::atomic<int> threads_to_come = 8;
-
-gpointer list_all_at_once(gpointer types) {
-  --threads_to_come;
-  while (threads_to_come > 0) {
-  }
+// The listing registers the types where nobody has yet.
+GType list_everything() {
   const PTZDriverCapabilities everything{0xffffffff, 0xffffffff};
   ptz_flag_types_list_all(&everything);
-  *static_cast<Types *>(types) = {ptz_driver_move_capabilities_get_type(), ptz_driver_extra_capabilities_get_type()};
-  return nullptr;
-}
-
-// In a process of its own, where nothing is registered yet.
-[[noreturn]] void race_for_the_first_call() {
-  const ptz_test::GlibLogCapture log;
-  const SyslogCapture system_log;
-  std::array<Types, 8> seen{};
-  std::array<GThread *, 8> threads{};
-  for (std::size_t i = 0; i < threads.size(); ++i) {
-    threads[i] = g_thread_new("lister", list_all_at_once, &seen[i]);
-  }
-  for (GThread *const thread : threads) g_thread_join(thread);
-  bool same = log.messages().empty() && system_log.count(LOG_INFO, "Pan") == threads.size();
-  for (const Types &types : seen) same = same && types == seen[0];
-  std::_Exit(same ? EXIT_SUCCESS : EXIT_FAILURE);
+  return PTZ_TYPE_DRIVER_MOVE_CAPABILITIES;
 }
 
 TEST(FlagTypesDeathTest, ThreadsThatRaceForTheFirstCallGetOneType) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(race_for_the_first_call(), testing::ExitedWithCode(EXIT_SUCCESS), "");
+  EXPECT_EXIT(
+      ptz_test::race_for_first_calls({ptz_driver_move_capabilities_get_type, ptz_driver_extra_capabilities_get_type}),
+      testing::ExitedWithCode(EXIT_SUCCESS), "");
+}
+
+TEST(FlagTypesDeathTest, ThreadsThatRaceForTheFirstListingGetOneType) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(ptz_test::race_for_first_calls({list_everything}), testing::ExitedWithCode(EXIT_SUCCESS), "");
 }
 
 // The whole listing with these names in its two sections.
