@@ -1,0 +1,57 @@
+// What the library registers with GObject for its classes, against what its headers say.
+#include <gtest/gtest.h>
+#include <ptz.h>
+
+#include <string>
+
+namespace {
+
+struct ObjectType {
+  const char *name;
+  GType (*get_type)();
+  const char *parent;
+  gsize class_size;
+  gsize instance_size;
+};
+
+constexpr ObjectType object_types[] = {
+    {"PTZSocket", ptz_socket_get_type, "GObject", sizeof(PTZSocketClass), sizeof(PTZSocket)},
+    {"PTZSocketSignal", ptz_socket_signal_get_type, "PTZSocket", sizeof(PTZSocketSignalClass), sizeof(PTZSocketSignal)},
+    {"PTZSocketServer", ptz_socket_server_get_type, "PTZSocket", sizeof(PTZSocketServerClass), sizeof(PTZSocketServer)},
+    {"PTZSocketServerCommand", ptz_socket_server_command_get_type, "PTZSocketServer",
+     sizeof(PTZSocketServerCommandClass), sizeof(PTZSocketServerCommand)},
+    {"PTZSocketClient", ptz_socket_client_get_type, "PTZSocket", sizeof(PTZSocketClientClass), sizeof(PTZSocketClient)},
+    {"PTZSocketClientSignalDataReady", ptz_socket_client_signal_data_ready_get_type, "PTZSocketClient",
+     sizeof(PTZSocketClientSignalDataReadyClass), sizeof(PTZSocketClientSignalDataReady)},
+    {"PTZSocketClientCommand", ptz_socket_client_command_get_type, "PTZSocketClient",
+     sizeof(PTZSocketClientCommandClass), sizeof(PTZSocketClientCommand)},
+};
+
+class ObjectTypes : public testing::TestWithParam<ObjectType> {};
+
+TEST_P(ObjectTypes, HaveTheNameOfTheirStructure) { EXPECT_STREQ(g_type_name(GetParam().get_type()), GetParam().name); }
+
+TEST_P(ObjectTypes, DeriveFromTheirParent) {
+  EXPECT_STREQ(g_type_name(g_type_parent(GetParam().get_type())), GetParam().parent);
+}
+
+TEST_P(ObjectTypes, HaveTheSizesOfTheirStructures) {
+  GTypeQuery query;
+  g_type_query(GetParam().get_type(), &query);
+  EXPECT_EQ(query.class_size, GetParam().class_size);
+  EXPECT_EQ(query.instance_size, GetParam().instance_size);
+}
+
+TEST_P(ObjectTypes, AreRegisteredOnce) { EXPECT_EQ(GetParam().get_type(), GetParam().get_type()); }
+
+// A driver derives classes of its own.
+TEST_P(ObjectTypes, MayBeDerivedFrom) {
+  const GType type = GetParam().get_type();
+  EXPECT_TRUE(G_TYPE_IS_DERIVABLE(type));
+  EXPECT_FALSE(G_TYPE_IS_ABSTRACT(type));
+}
+
+INSTANTIATE_TEST_SUITE_P(All, ObjectTypes, testing::ValuesIn(object_types),
+                         [](const testing::TestParamInfo<ObjectType> &info) { return std::string(info.param.name); });
+
+}  // namespace
