@@ -71,7 +71,7 @@ def main():
     for title, folder in arguments.run:
         try:
             read_run(title, folder, counts)
-        except (OSError, ValueError, xml.etree.ElementTree.ParseError) as error:
+        except Exception as error:  # whatever it is, the count must come out
             counts['failed'] += 1
             print(f'FAILED: {title}: no results: {error}')
     for title in arguments.failure:
