@@ -72,7 +72,7 @@ bool DriverLink::connect() {
   ptz_socket_client_register_callback(PTZ_SOCKET_CLIENT(client.get()), on_reply, nullptr);
   ptz_socket_client_command_register_free_callback(client.get(), on_never_answered, nullptr);
   const std::lock_guard guard(lock_);
-  connection_ = std::make_shared<Connection>(std::move(descriptor), std::move(client));
+  connection_.reset(new Connection{std::move(descriptor), std::move(client)});
   changed_.notify_all();
   return true;
 }
@@ -99,25 +99,26 @@ void DriverLink::drop(const std::shared_ptr<Connection> &connection) {
 void DriverLink::ask_from_main_loop(const Body &request, Handler handler) {
   const std::shared_ptr<Connection> connection = borrow();
   if (!connection) return handler({Outcome::not_connected, nullptr});
-  auto pending = std::make_unique<PendingRequest>(std::move(handler));
-  if (ptz_socket_client_command_async_send(connection->client.get(), request->data, request->len, pending.get())) {
+  // The context of the request, by which the answer finds whom it is for.
+  auto context = std::make_unique<Handler>(std::move(handler));
+  if (ptz_socket_client_command_async_send(connection->client.get(), request->data, request->len, context.get())) {
     // Now it is the client's: it comes back through one of the two callbacks.
-    static_cast<void>(pending.release());
+    static_cast<void>(context.release());
     return;
   }
   drop(connection);
-  pending->handler({Outcome::lost, nullptr});
+  (*context)({Outcome::lost, nullptr});
 }
 
-void DriverLink::on_reply(gpointer pending_request, gpointer data, guint32 length) {
-  const std::unique_ptr<PendingRequest> pending(static_cast<PendingRequest *>(pending_request));
-  if (data == nullptr) return pending->handler({Outcome::timed_out, nullptr});
-  pending->handler({Outcome::answered, make_reply(data, length)});
+void DriverLink::on_reply(gpointer request_handler, gpointer data, guint32 length) {
+  const std::unique_ptr<Handler> handler(static_cast<Handler *>(request_handler));
+  if (data == nullptr) return (*handler)({Outcome::timed_out, nullptr});
+  (*handler)({Outcome::answered, make_reply(data, length)});
 }
 
-void DriverLink::on_never_answered(gpointer pending_request, gpointer) {
-  const std::unique_ptr<PendingRequest> pending(static_cast<PendingRequest *>(pending_request));
-  pending->handler({Outcome::lost, nullptr});
+void DriverLink::on_never_answered(gpointer request_handler, gpointer) {
+  const std::unique_ptr<Handler> handler(static_cast<Handler *>(request_handler));
+  (*handler)({Outcome::lost, nullptr});
 }
 
 void DriverLink::ask_later(Body request, Handler handler) {

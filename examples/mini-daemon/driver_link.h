@@ -58,16 +58,13 @@ class DriverLink {
     Descriptor descriptor;  // the client borrows it
     Object<PTZSocketClientCommand> client;
   };
-  struct PendingRequest {
-    Handler handler;
-  };
 
   // Main thread.
   bool connect();
   void drop(const std::shared_ptr<Connection> &connection);
   static gboolean on_search(gpointer link);
-  static void on_reply(gpointer pending_request, gpointer data, guint32 length);
-  static void on_never_answered(gpointer pending_request, gpointer unused);
+  static void on_reply(gpointer request_handler, gpointer data, guint32 length);
+  static void on_never_answered(gpointer request_handler, gpointer unused);
 
   std::shared_ptr<Connection> borrow();
   void give_back(std::shared_ptr<Connection> connection, bool lost);

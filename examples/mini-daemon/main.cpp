@@ -24,6 +24,7 @@ struct Daemon {
   bool tour;
   std::chrono::milliseconds interval;
   Terminal terminal = {};
+  bool done_well = false;  // the worker's result, once it was joined
   Loop loop = Loop(g_main_loop_new(nullptr, FALSE));
 };
 
@@ -52,9 +53,9 @@ bool poll_position(Daemon &daemon) {
 // The worker thread. Its requests wait for their replies, which the main loop must never do.
 gpointer work(gpointer user_data) {
   auto &daemon = *static_cast<Daemon *>(user_data);
-  const bool done = daemon.tour ? Tour(daemon.link, daemon.terminal, daemon.options).run() : poll_position(daemon);
+  daemon.done_well = daemon.tour ? Tour(daemon.link, daemon.terminal, daemon.options).run() : poll_position(daemon);
   g_idle_add_once([](gpointer loop) { g_main_loop_quit(static_cast<GMainLoop *>(loop)); }, daemon.loop.get());
-  return GINT_TO_POINTER(done ? EXIT_SUCCESS : EXIT_FAILURE);
+  return nullptr;
 }
 
 gboolean on_end_signal(gpointer link) {
@@ -68,9 +69,9 @@ int run(Daemon &daemon) {
   daemon.link.search();
   GThread *const worker = g_thread_new("worker", work, &daemon);
   g_main_loop_run(daemon.loop.get());
-  const int status = GPOINTER_TO_INT(g_thread_join(worker));
+  g_thread_join(worker);
   daemon.link.close();
-  return status;
+  return daemon.done_well ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 }  // namespace

@@ -16,6 +16,7 @@ using namespace std::chrono_literals;
 constexpr auto watch_interval = 100ms;
 constexpr auto answer_limit = 2s;  // for requests of the main loop, whose own limit is 360 s
 constexpr int most_watches = 100;  // ten seconds: longer than any motion of the tour
+constexpr gint64 kill_limit_us = gint64{10} * G_USEC_PER_SEC;
 constexpr int queries_at_once = 20;
 constexpr guint32 preset_number = 1;
 constexpr PerAxis entrance = {90'00, 30'00, 5'00};
@@ -260,7 +261,7 @@ bool Tour::survive_restart() {
   const gint64 cue_us = g_get_monotonic_time();
   Answer answer;
   do {
-    if (g_get_monotonic_time() - cue_us > 10 * G_USEC_PER_SEC) return fail("nobody killed it");
+    if (g_get_monotonic_time() - cue_us > kill_limit_us) return fail("nobody killed it");
     if (!link_.sleep(20ms)) return false;
     answer = link_.ask(make_body(PTZ_COMMAND_QUERY_POSITION));
   } while (answer.outcome == Outcome::answered);

@@ -16,6 +16,7 @@ class Process {
   Process(const Process &) = delete;
   ~Process();  // kills it
 
+  [[nodiscard]] pid_t pid() const { return pid_; }
   void signal(int number) const;
   // The exit status; -1 when a signal ended it, or when it does not end.
   int wait();

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -78,6 +79,23 @@ TEST_F(SimDriverProgram, MovesInRealTimeAndArrives) {
   EXPECT_FALSE(positions().idle());
   EXPECT_TRUE(ptz_test::run_until([&] { return positions().idle(); }));
   EXPECT_EQ(positions().position, move.values);
+}
+
+TEST_F(SimDriverProgram, SleepsWhileTheHeadStandsStill) {
+  const MoveRequest move{PTZ_MOVE_ABSOLUTE, axis_bit(pan), full_speed, {40'00, 0, 0}};
+  EXPECT_EQ(first_word(ask(make_body(PTZ_COMMAND_MOVE, move))), PTZ_COMMAND_MOVE);
+  ASSERT_TRUE(ptz_test::run_until([&] { return positions().idle(); }));
+  g_usleep(100'000);  // the timer ends itself the next time it runs
+  const auto wake_ups = [&] {
+    const std::string status = contents("/proc/" + std::to_string(driver_->pid()) + "/status");
+    const std::string name = "\nvoluntary_ctxt_switches:";
+    const auto found = status.find(name);
+    EXPECT_NE(found, std::string::npos);
+    return std::atoi(status.c_str() + found + name.size());
+  };
+  const int before = wake_ups();
+  g_usleep(200'000);
+  EXPECT_EQ(wake_ups(), before);
 }
 
 TEST_F(SimDriverProgram, AnswersAsynchronousRequestsOnTheMainLoop) {
