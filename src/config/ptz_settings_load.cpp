@@ -94,10 +94,20 @@ bool is_group_name(const gchar *name) {
   return std::strpbrk(name, "[]") == nullptr && !has_control_character(name);
 }
 
+// A key may name the locale that its value is for: "Name[de]".
+std::string_view without_locale(std::string_view key) {
+  const auto start = key.find('[');
+  if (start == std::string_view::npos || key.back() != ']') return key;
+  for (const char c : key.substr(start + 1, key.size() - start - 2)) {
+    if (!g_ascii_isalnum(c) && std::strchr("-_.@", c) == nullptr) return key;
+  }
+  return key.substr(0, start);
+}
+
 bool is_key_name(const gchar *name) {
-  if (name == nullptr || *name == '\0') return false;
-  const std::string_view text(name);
-  return text.find_first_of("=[]") == std::string_view::npos && text.front() != ' ' && text.back() != ' ';
+  const auto text = without_locale(name != nullptr ? name : "");
+  if (text.empty() || text.front() == ' ' || text.back() == ' ') return false;
+  return text.find_first_of("=[]") == std::string_view::npos;
 }
 
 // settings lock held. Sets the record in the store; false when its value cannot be converted.

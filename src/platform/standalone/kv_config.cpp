@@ -3,9 +3,11 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "base/handles.h"
 
@@ -43,9 +45,10 @@ bool read_all(int fd, std::string &text) {
 
 // A key before any group names its group itself: "root.Group.Key" or "Group.Key".
 void split_path(OpenFile &file, std::string_view path) {
-  if (path.substr(0, root_prefix.size()) == root_prefix) path.remove_prefix(root_prefix.size());
   const auto dot = path.rfind('.');
-  file.group = dot == std::string_view::npos ? std::string_view() : path.substr(0, dot);
+  auto group = dot == std::string_view::npos ? std::string_view() : path.substr(0, dot);
+  if (group.starts_with(root_prefix)) group.remove_prefix(root_prefix.size());
+  file.group = group;
   file.key = dot == std::string_view::npos ? path : path.substr(dot + 1);
 }
 
