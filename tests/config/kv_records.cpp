@@ -1,0 +1,124 @@
+#include "kv_records.h"
+
+#include <dlfcn.h>
+#include <glib.h>
+
+#include <cerrno>
+#include <memory>
+#include <mutex>
+
+namespace {
+
+// As the platform declares it; the tests see the public headers only.
+struct KvConfigRecord {
+  const gchar *group;
+  const gchar *key;
+  const gchar *value;
+};
+
+struct Reader {
+  std::mutex lock;
+  std::unique_ptr<std::vector<ptz_test::Record>> fake;
+  std::size_t next_record = 0;
+  std::function<void()> before_record;
+  std::vector<std::string> opened;
+  std::size_t closed = 0;
+  bool opening = false;  // the real reader closes whatever was open before
+};
+
+Reader &reader() {
+  static auto &only = *new Reader;
+  return only;
+}
+
+const gchar *text_or_null(const std::optional<std::string> &text) { return text ? text->c_str() : nullptr; }
+
+template <typename Function>
+Function *next(const char *name) {
+  return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+namespace ptz_test {
+
+FakeReader::FakeReader(std::vector<Record> records) {
+  const std::lock_guard lock(reader().lock);
+  reader().fake = std::make_unique<std::vector<Record>>(std::move(records));
+}
+
+FakeReader::~FakeReader() {
+  const std::lock_guard lock(reader().lock);
+  reader().fake.reset();
+}
+
+ReaderLog::ReaderLog(std::function<void()> before_record) {
+  const std::lock_guard lock(reader().lock);
+  reader().before_record = std::move(before_record);
+  reader().opened.clear();
+  reader().closed = 0;
+}
+
+ReaderLog::~ReaderLog() {
+  const std::lock_guard lock(reader().lock);
+  reader().before_record = {};
+}
+
+std::vector<std::string> ReaderLog::opened() const {
+  const std::lock_guard lock(reader().lock);
+  return reader().opened;
+}
+
+std::size_t ReaderLog::closed() const {
+  const std::lock_guard lock(reader().lock);
+  return reader().closed;
+}
+
+}  // namespace ptz_test
+
+// A program that defines the platform's functions itself overrides them.
+extern "C" {
+__attribute__((visibility("default"))) gint kv_config_open(const gchar *path) {
+  static const auto real = next<gint(const gchar *)>("kv_config_open");
+  bool faked = false;
+  {
+    const std::lock_guard lock(reader().lock);
+    faked = reader().fake != nullptr;
+    reader().next_record = 0;
+    reader().opening = true;
+  }
+  const gint result = faked ? 1 : real(path);
+  const int saved_errno = errno;
+  {
+    const std::lock_guard lock(reader().lock);
+    reader().opening = false;
+    if (result != 0) reader().opened.emplace_back(path);
+  }
+  errno = saved_errno;
+  return result;
+}
+
+__attribute__((visibility("default"))) const KvConfigRecord *kv_config_get() {
+  static const auto real = next<const KvConfigRecord *()>("kv_config_get");
+  static KvConfigRecord current;
+  std::function<void()> before_record;
+  {
+    const std::lock_guard lock(reader().lock);
+    before_record = reader().before_record;
+  }
+  if (before_record) before_record();
+  const std::lock_guard lock(reader().lock);
+  if (reader().fake == nullptr) return real();
+  if (reader().next_record == reader().fake->size()) return nullptr;
+  const auto &record = (*reader().fake)[reader().next_record++];
+  current = {text_or_null(record.group), text_or_null(record.key), text_or_null(record.value)};
+  return &current;
+}
+
+__attribute__((visibility("default"))) void kv_config_close() {
+  static const auto real = next<void()>("kv_config_close");
+  const std::lock_guard lock(reader().lock);
+  if (!reader().opening) ++reader().closed;
+  if (reader().fake == nullptr) real();
+}
+}
