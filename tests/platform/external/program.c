@@ -1,0 +1,23 @@
+/* Sees through the public interface whose platform services the library calls. */
+#include <ptz.h>
+
+int
+main (void)
+{
+  const PTZSettingsFile files[] = { { "device:settings", TRUE }, { NULL, FALSE } };
+  g_assert_true (ptz_settings_load_config (files, NULL));
+  gchar *value = ptz_settings_get_custom_string ("root.Device", "OpenFile");
+  g_assert_cmpstr (value, ==, "device:settings");
+  g_free (value);
+
+  GKeyFile *key_file = g_key_file_new ();
+  g_key_file_set_integer (key_file, "A", "B", 1);
+  GError *error = NULL;
+  g_assert_false (ptz_config_store_key_file ("driver.conf", key_file, &error));
+  g_assert_error (error, G_FILE_ERROR, G_FILE_ERROR_ROFS);
+  g_assert_cmpstr (error->message, ==, "driver.conf: 8 bytes: [A]\nB=1\n");
+  g_error_free (error);
+  g_key_file_free (key_file);
+  g_assert_false (g_file_test ("driver.conf", G_FILE_TEST_EXISTS));
+  return 0;
+}

@@ -1,0 +1,52 @@
+/* A device's platform services, as little of them as the library calls: no file is touched. */
+#include <errno.h>
+#include <glib.h>
+#include <string.h>
+
+typedef struct {
+  const gchar *group;
+  const gchar *key;
+  const gchar *value;
+} KvConfigRecord;
+
+gint kv_config_open (const gchar *path);
+const KvConfigRecord *kv_config_get (void);
+void kv_config_close (void);
+gboolean file_util_set_contents_synced (const gchar *path, const gchar *data, gsize length, GError **error);
+
+static gchar *open_path;
+static KvConfigRecord record;
+
+gint
+kv_config_open (const gchar *path)
+{
+  if (!g_str_has_prefix (path, "device:")) {
+    errno = EXDEV;
+    return 0;
+  }
+  open_path = g_strdup (path);
+  record = (KvConfigRecord) { "Device", "OpenFile", open_path };
+  return 1;
+}
+
+const KvConfigRecord *
+kv_config_get (void)
+{
+  static KvConfigRecord current;
+  current = record;
+  record.group = NULL;
+  return current.group != NULL ? &current : NULL;
+}
+
+void
+kv_config_close (void)
+{
+  g_clear_pointer (&open_path, g_free);
+}
+
+gboolean
+file_util_set_contents_synced (const gchar *path, const gchar *data, gsize length, GError **error)
+{
+  g_set_error (error, G_FILE_ERROR, G_FILE_ERROR_ROFS, "%s: %" G_GSIZE_FORMAT " bytes: %.*s", path, length, (int) length, data);
+  return FALSE;
+}
