@@ -49,7 +49,9 @@ missing_packages() {
   while read -r name relation wanted; do
     satisfied=false
     for version in ${versions[$name]-}; do
-      if [[ -z $relation ]] || { [[ $version != - ]] && dpkg --compare-versions "$version" "$relation" "$wanted"; }; then
+      # A name that is provided without a version, "-", satisfies no relation to one.
+      if [[ -z $relation ]] || { [[ $version != - ]] && dpkg --compare-versions "$version" "$relation" "$wanted"; }
+      then
         satisfied=true
         break
       fi

@@ -13,7 +13,8 @@ import sys
 import xml.etree.ElementTree
 
 OUTPUT_LINES = 300
-PASSING = re.compile(r'\[( RUN      |       OK |-+|=+|  PASSED  )\]')
+# What GoogleTest prints of cases that pass in silence, and its headings.
+PASSING = re.compile(r'^\[ RUN      \] (\S+)\n\[       OK \] \1 .*\n|^\[(-+|=+|  PASSED  )\].*\n', re.MULTILINE)
 
 
 def case_outcome(case):
@@ -48,7 +49,7 @@ def read_run(title, folder, counts):
     cases = cases_of_programs(junit, [program['name'] for program in programs])
     for program in programs:
         ended = program_outcome(program)
-        outcomes = cases[program['name']] or [('', ended)]
+        outcomes = cases[program['name']] or ([('', ended)] if ended != 'failed' else [])
         if ended == 'failed' and 'failed' not in [outcome for _, outcome in outcomes]:
             outcomes.append((f'ended with {program["result"]}, status {program["returncode"]}', 'failed'))
         for name, outcome in outcomes:
@@ -56,9 +57,8 @@ def read_run(title, folder, counts):
             if outcome != 'passed':
                 print(f'{outcome.upper()}: {title}: {program["name"]} {name}')
         if ended == 'failed':
-            output = (program.get('stdout') or '') + (program.get('stderr') or '')
-            lines = [line for line in output.splitlines() if not PASSING.match(line)]
-            print(*lines[-OUTPUT_LINES:], '', sep='\n')
+            output = PASSING.sub('', (program.get('stdout') or '') + (program.get('stderr') or '')).strip('\n')
+            print(*output.splitlines()[-OUTPUT_LINES:], '', sep='\n')
 
 
 def main():
