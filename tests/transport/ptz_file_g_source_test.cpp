@@ -219,6 +219,15 @@ TEST(FileGSource, AddedSourceCanBeRemovedById) {
   run_pending();
 }
 
+TEST(FileGSource, WithoutACallbackWaitingDataDoNotSpin) {
+  const Pair pair;
+  const Source source(ptz_file_g_source_new(pair.ours.get()));
+  g_source_attach(source.get(), nullptr);
+  send_all(pair.theirs.get(), "abc");
+  EXPECT_LT(iterations_within(look_ms), few_iterations);
+  g_source_destroy(source.get());
+}
+
 // --- off and on -------------------------------------------------------------------------------------------------
 
 TEST(FileGSource, SwitchedOffItNeitherCallsNorSpins) {

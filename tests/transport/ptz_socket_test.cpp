@@ -228,18 +228,22 @@ TEST(Socket, AdoptingADescriptorStoresItAndOpensNothing) {
   }
 }
 
+void expect_open(const Object<PTZSocket> &endpoint, PTZSocketMode mode, const std::string &path) {
+  EXPECT_STREQ(endpoint->socket, path.c_str());
+  EXPECT_EQ(endpoint->mode, mode);
+  EXPECT_EQ(endpoint->type, SOCK_STREAM);
+  EXPECT_EQ(endpoint->retry_source, 0U);
+  ASSERT_GE(endpoint->fd, 0);
+  EXPECT_TRUE(is_non_blocking(endpoint->fd));
+  EXPECT_FALSE(is_inherited(endpoint->fd));
+}
+
 // --- opening a server -------------------------------------------------------------------------------------------
 
 TEST(SocketServerOpen, StoresWhatItWasGivenAndAcceptsConnections) {
   const TempDir dir;
   const auto server = open_server(dir.file("s"));
-  EXPECT_STREQ(server->socket, dir.file("s").c_str());
-  EXPECT_EQ(server->mode, PTZ_SOCKET_MODE_SERVER);
-  EXPECT_EQ(server->type, SOCK_STREAM);
-  EXPECT_EQ(server->retry_source, 0U);
-  ASSERT_GE(server->fd, 0);
-  EXPECT_TRUE(is_non_blocking(server->fd));
-  EXPECT_FALSE(is_inherited(server->fd));
+  expect_open(server, PTZ_SOCKET_MODE_SERVER, dir.file("s"));
   EXPECT_TRUE(connect_to(dir.file("s")));
 }
 
@@ -403,13 +407,7 @@ TEST(SocketClientOpen, Connects) {
   const Listener listener(dir.file("s"));
   const SyslogCapture log;
   const auto client = open_client(dir.file("s"));
-  EXPECT_STREQ(client->socket, dir.file("s").c_str());
-  EXPECT_EQ(client->mode, PTZ_SOCKET_MODE_CLIENT);
-  EXPECT_EQ(client->type, SOCK_STREAM);
-  EXPECT_EQ(client->retry_source, 0U);
-  ASSERT_GE(client->fd, 0);
-  EXPECT_TRUE(is_non_blocking(client->fd));
-  EXPECT_FALSE(is_inherited(client->fd));
+  expect_open(client, PTZ_SOCKET_MODE_CLIENT, dir.file("s"));
   EXPECT_TRUE(listener.accept());
   EXPECT_TRUE(log.lines().empty());
 }
@@ -580,11 +578,8 @@ TEST(SocketRetry, ConnectsOnceAServerListens) {
 
   const Listener listener(dir.file("s"));
   let_it_retry();
-  ASSERT_GE(client->fd, 0);
-  EXPECT_EQ(client->retry_source, 0U);
+  expect_open(client, PTZ_SOCKET_MODE_CLIENT, dir.file("s"));
   EXPECT_FALSE(is_pending(timer));
-  EXPECT_TRUE(is_non_blocking(client->fd));
-  EXPECT_FALSE(is_inherited(client->fd));
   EXPECT_TRUE(listener.accept());
 }
 
