@@ -3,6 +3,7 @@
 #include <type_traits>
 
 #include "base/check.h"
+#include "base/handles.h"
 #include "transport/end_of_stream.h"
 
 static_assert(std::is_standard_layout_v<PTZSocketClientSignalDataReady>);
@@ -12,7 +13,8 @@ G_DEFINE_TYPE(PTZSocketClientSignalDataReady, ptz_socket_client_signal_data_read
 
 // The callback drains the descriptor. What it cannot drain, or nobody does, must not keep the main loop busy.
 static gssize announce_data(PTZSocket *socket, gint fd, gpointer, gsize length, gint) {
-  auto *self = PTZ_SOCKET_CLIENT(socket);
+  const auto keep = ptz::share(PTZ_SOCKET_CLIENT(socket));  // the callback may drop the client
+  auto *self = keep.get();
   const bool anybody = self->callback != nullptr;
   if (anybody) self->callback(self->user_data, nullptr, static_cast<guint32>(length));
   if (!anybody || ptz::at_end_of_stream(fd)) ptz_socket_client_remove_poll(self);
