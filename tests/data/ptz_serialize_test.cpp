@@ -523,7 +523,7 @@ namespace {
 
 // Calls a reader at a cursor in these bytes.
 template <auto reader>
-std::function<void()> read_at(guint32 start, std::string bytes) {
+std::function<void()> read_at(guint32 start, const std::string &bytes) {
   return [start, bytes] {
     ExactArray array(bytes);
     guint32 indx = start;
@@ -670,13 +670,14 @@ std::string whole_body() {
 // Reads the body from its beginning and returns where the cursor stands in the end.
 guint32 read_body(GArray *array) {
   guint32 indx = 0;
+  const Table table = new_table();
   ptz_deserialize_32bit(array, &indx);
-  Text(ptz_deserialize_string(array, &indx));
-  Text(ptz_deserialize_string(array, &indx));
+  const Text text(ptz_deserialize_string(array, &indx));
+  const Text empty_text(ptz_deserialize_string(array, &indx));
   ptz_deserialize_8bit(array, &indx);
-  List(ptz_deserialize_glist(array, &indx, read_16bit));
-  Memory(ptz_deserialize_blob(array, &indx, 4));
-  ptz_deserialize_ghashtable(array, &indx, new_table().get(), read_pair);
+  const List list(ptz_deserialize_glist(array, &indx, read_16bit));
+  const Memory blob(ptz_deserialize_blob(array, &indx, 4));
+  ptz_deserialize_ghashtable(array, &indx, table.get(), read_pair);
   ptz_deserialize_32bit(array, &indx);
   return indx;
 }
