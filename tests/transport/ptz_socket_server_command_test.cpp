@@ -655,6 +655,29 @@ TEST_F(SocketServerCommand, AnswersWhatAClientAskedBeforeItHalfClosed) {
   EXPECT_TRUE(was_closed(peer.get()));
 }
 
+TEST(SocketServerCommandOnADescriptor, ServesFramesOnIt) {
+  Pair pair;
+  const int fd = pair.ours.release();
+  const Object<PTZSocketServer> server(ptz_socket_server_fd_new(PTZ_TYPE_SOCKET_SERVER_COMMAND, fd, SOCK_STREAM));
+  ptz_socket_server_register_callback(
+      server.get(),
+      [](gpointer, gpointer context, gpointer data, guint32 length) -> gboolean {
+        return ptz_socket_server_send(context, data, length);
+      },
+      nullptr);
+  for (std::uint32_t id = 0; id < 3; ++id) {
+    send_all(pair.theirs.get(), frame(id, "question").substr(0, 5));
+    run_pending();
+    send_all(pair.theirs.get(), frame(id, "question").substr(5));
+    run_pending();
+    EXPECT_EQ(receive_waiting(pair.theirs.get()), frame(id, "question"));
+  }
+  send_all(pair.theirs.get(), frame_claiming(7, 0, "lies"));
+  run_pending();
+  EXPECT_TRUE(was_closed(pair.theirs.get()));
+  EXPECT_LT(iterations_within(20), 10);
+}
+
 // A subclass that watches how replies are written.
 struct Written {
   std::string data;
