@@ -31,6 +31,7 @@ enum class ErrorCode : guint32 {
   malformed = 3,        // the body is too short, too long, or holds a text that is none
   out_of_range = 4,     // a field has a value that it cannot have
   not_found = 5,        // nothing has this number or name
+  not_kept = 6,         // it cannot be written to where the driver keeps it
 };
 
 // Each message is what follows the command word in a body. read() leaves it to the caller to ask finished().

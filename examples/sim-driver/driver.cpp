@@ -91,20 +91,23 @@ Body Driver::answer(GArray *body, gint64 now_us) {
 Body Driver::set_device_preset(BodyReader &request) {
   const Preset preset = Preset::read(request);
   if (!request.finished()) return malformed(request);
-  if (preset.number < 1 || preset.number > most_presets) {
+  if (!valid_preset_number(preset.number)) {
     return refuse(ErrorCode::out_of_range, "preset %u is not within 1 to %u", preset.number, most_presets);
   }
-  if (preset.name.empty() || preset.name.size() > longest_preset_name) {
+  if (!valid_preset_name(preset.name)) {
     return refuse(ErrorCode::out_of_range, "the name of a preset has 1 to %zu bytes", longest_preset_name);
   }
-  presets_[preset.number] = {preset.name, head_.each(&Axis::position)};
+  if (!presets_.set(preset.number, {preset.name, head_.each(&Axis::position)})) {
+    // The reason names a file, whose name might not fit the reply.
+    return refuse(ErrorCode::not_kept, "preset %u cannot be kept; the driver's log tells why", preset.number);
+  }
   return make_body(PTZ_COMMAND_SET_DEVICE_PRESET, PresetNumber{preset.number});
 }
 
 Body Driver::get_device_presets(BodyReader &request) {
   if (!request.finished()) return malformed(request);
   PresetList list;
-  for (const auto &[number, preset] : presets_) list.elements.push_back({number, preset.name});
+  for (const auto &[number, preset] : presets_.all()) list.elements.push_back({number, preset.name});
   return make_body(PTZ_COMMAND_GET_DEVICE_PRESETS, list);
 }
 
@@ -112,8 +115,8 @@ Body Driver::goto_device_preset(BodyReader &request) {
   const GotoPresetRequest wanted = GotoPresetRequest::read(request);
   if (!request.finished()) return malformed(request);
   if (!valid_speed(wanted.speed)) return bad_speed(wanted.speed);
-  const auto preset = presets_.find(wanted.number);
-  if (preset == presets_.end()) return refuse(ErrorCode::not_found, "there is no preset %u", wanted.number);
+  const auto preset = presets_.all().find(wanted.number);
+  if (preset == presets_.all().end()) return refuse(ErrorCode::not_found, "there is no preset %u", wanted.number);
   move_to(preset->second.position, wanted.speed);
   return make_body(PTZ_COMMAND_GOTO_DEVICE_PRESET);
 }

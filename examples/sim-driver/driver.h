@@ -1,21 +1,17 @@
 // driver.h - answers requests with the simulated head. Knows bodies, but neither sockets nor the main loop.
 #pragma once
 #include <array>
-#include <map>
-#include <string>
+#include <utility>
 
 #include "driver_messages.h"
 #include "head.h"
+#include "preset_store.h"
 
 namespace example {
 
 extern const PTZDriverCapabilities driver_capabilities;
 
 class Driver {
-  struct StoredPreset {
-    std::string name;
-    PerAxis position;
-  };
   struct Switch {
     const char *name;
     bool on;
@@ -23,7 +19,7 @@ class Driver {
   struct Route;
 
   Head head_;
-  std::map<guint32, StoredPreset> presets_;
+  PresetStore presets_;
   std::array<Switch, 2> auxiliaries_ = {{{"light", false}, {"wiper", false}}};
 
   Body set_device_preset(BodyReader &request);
@@ -44,7 +40,8 @@ class Driver {
   void move_to(const PerAxis &position, guint16 speed);
 
  public:
-  explicit Driver(const HeadRanges &ranges = head_ranges) : head_(ranges) {}
+  explicit Driver(const HeadRanges &ranges = head_ranges, PresetStore presets = PresetStore())
+      : head_(ranges), presets_(std::move(presets)) {}
 
   // Whatever the request holds, there is an answer: a reply, which begins with the request's command word, or an error
   // reply, which means that nothing has changed.

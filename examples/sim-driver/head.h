@@ -18,6 +18,15 @@ constexpr HeadRanges head_ranges = {{
 }};
 constexpr PerAxis head_home = {0, 0, 1'00};
 
+// Home, or the limit next to it.
+constexpr PerAxis home_within(const HeadRanges &ranges) {
+  PerAxis home = head_home;
+  for (std::size_t axis = 0; axis < axis_count; ++axis) {
+    home[axis] = std::clamp(home[axis], ranges[axis].minimum, ranges[axis].maximum);
+  }
+  return home;
+}
+
 // The same head, with every motion done in a fraction of the time.
 constexpr HeadRanges faster(HeadRanges ranges, gint32 factor) {
   for (AxisRange &range : ranges) {
@@ -32,8 +41,8 @@ class Head {
 
  public:
   explicit Head(const HeadRanges &ranges)
-      : axes_{Axis(ranges[pan], head_home[pan]), Axis(ranges[tilt], head_home[tilt]),
-              Axis(ranges[zoom], head_home[zoom])} {}
+      : axes_{Axis(ranges[pan], home_within(ranges)[pan]), Axis(ranges[tilt], home_within(ranges)[tilt]),
+              Axis(ranges[zoom], home_within(ranges)[zoom])} {}
 
   void advance(gint64 now_us) {
     for (Axis &axis : axes_) axis.advance(now_us);

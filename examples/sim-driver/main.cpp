@@ -9,6 +9,7 @@
 #include <cstdlib>
 
 #include "driver.h"
+#include "driver_settings.h"
 
 namespace {
 
@@ -67,8 +68,8 @@ gboolean on_end_signal(gpointer loop) {
   return G_SOURCE_CONTINUE;
 }
 
-int serve(const char *path, gint speed_factor, bool verbose) {
-  Service service{Driver(faster(head_ranges, speed_factor)), verbose};
+int serve(const char *path, Driver driver, bool verbose) {
+  Service service{std::move(driver), verbose};
   if (verbose) ptz_flag_types_list_all(&driver_capabilities);
 
   const Object<PTZSocketServerCommand> server(ptz_socket_server_command_new(path, SOCK_STREAM));
@@ -91,10 +92,16 @@ int serve(const char *path, gint speed_factor, bool verbose) {
 int main(int argc, char **argv) {
   setlocale(LC_CTYPE, "");
   char *path_option = nullptr;
+  char *state_option = nullptr;
+  char **config_option = nullptr;
   gint speed_factor = 1;
   gboolean verbose = FALSE;
   const GOptionEntry entries[] = {
       {"socket", 's', G_OPTION_FLAG_NONE, G_OPTION_ARG_FILENAME, &path_option, "Listen on this socket", "PATH"},
+      {"config", 'c', G_OPTION_FLAG_NONE, G_OPTION_ARG_FILENAME_ARRAY, &config_option,
+       "Read limits, speeds and factory presets from this file; may be given several times", "FILE"},
+      {"state", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_FILENAME, &state_option,
+       "Keep presets in this file; without it, they are lost when the driver ends", "FILE"},
       {"speed-factor", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &speed_factor,
        "Let the head move this many times as fast, 1 to 20", "N"},
       {"verbose", 'v', G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, &verbose, "Log capabilities, requests and arrivals",
@@ -105,6 +112,8 @@ int main(int argc, char **argv) {
   GError *error = nullptr;
   const bool parsed = g_option_context_parse(options.get(), &argc, &argv, &error) != FALSE;
   const Text path(path_option);
+  const Text state(state_option);
+  const Owned<char *, g_strfreev> config(config_option);
   if (!parsed || argc > 1 || !path || speed_factor < 1 || speed_factor > 20) {
     g_printerr("sim-driver: %s; see --help\n",
                error != nullptr ? error->message : "it takes --socket PATH and nothing beside its options");
@@ -113,5 +122,16 @@ int main(int argc, char **argv) {
   }
   // The library logs why it cannot listen, and so on; a driver that nobody sees would leave LOG_PERROR out.
   openlog("sim-driver", LOG_PID | LOG_PERROR, LOG_DAEMON);
-  return serve(path.get(), speed_factor, verbose != FALSE);
+
+  DriverSettings settings;
+  if (config) {
+    std::vector<std::string> complaints;
+    const auto loaded = load_driver_settings({config.get(), config.get() + g_strv_length(config.get())}, complaints);
+    for (const std::string &complaint : complaints) g_printerr("sim-driver: %s\n", complaint.c_str());
+    if (!loaded) return EXIT_FAILURE;
+    settings = *loaded;
+  }
+  PresetStore presets(settings.factory_presets);
+  if (state) presets.open(state.get());  // without its stored presets, the driver is of use all the same
+  return serve(path.get(), Driver(faster(settings.ranges, speed_factor), std::move(presets)), verbose != FALSE);
 }
