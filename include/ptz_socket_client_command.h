@@ -42,8 +42,9 @@ typedef void (*PTZSocketClientCommandFreeCallback) (gpointer request_context, gp
  *
  * A client that sends requests in frames (see ptz_socket_frame.h) and matches the replies to them by message id.
  *
- * A frame with a length that cannot be is dropped with all that was received of it, and the client stops watching its
- * descriptor: the stream makes no sense from there on, so make a new client. The same holds where a frame could be
+ * A frame with a length that cannot be is dropped with all that was received of it, and the client stops watching and
+ * reading its descriptor: the stream makes no sense from there on, so make a new client (or, where the peer is known to
+ * begin a new frame, call ptz_socket_client_add_poll()). The same holds where a frame could be
  * sent only in part: the connection is shut down, so that nothing ever follows the fragment, and every later send
  * fails. An end of file stops the watch too. Requests that are still pending then run into their time-out.
  *

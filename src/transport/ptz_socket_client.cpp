@@ -74,6 +74,12 @@ gssize ptz::send_counted(PTZSocketClient *client, gconstpointer data, gsize leng
   return count;
 }
 
+bool ptz::is_watched(PTZSocketClient *client) {
+  auto *source = reinterpret_cast<PTZFileGSource *>(client->source);
+  const MutexLock lock(&source->mutex);
+  return source->tag != nullptr;
+}
+
 PTZSocketClient *ptz_socket_client_new(GType object_type, const gchar *path, gint fd, gint type) {
   g_return_val_if_fail(g_type_is_a(object_type, PTZ_TYPE_SOCKET_CLIENT), NULL);
   auto *self = PTZ_SOCKET_CLIENT(ptz_socket_new(object_type, PTZ_SOCKET_MODE_CLIENT, path, type));

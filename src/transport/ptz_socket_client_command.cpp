@@ -130,11 +130,23 @@ bool waits_for_more(int read_error) { return read_error == EAGAIN || read_error 
 
 bool is_silent(int read_error) { return waits_for_more(read_error) || read_error == EPIPE || read_error == ECONNRESET; }
 
-// receiving held. Returns the bytes read, 0 at the end of the stream, -1 with errno on an error; bytes that were read
-// before an error count, and the error shows in the next call.
+// receiving held. Behind a length that cannot be, anything might pass for a frame: nothing is read until somebody has
+// deliberately started the watch again.
+bool is_out_of_step(PTZSocketClientCommand *self) {
+  auto *state = private_of(self);
+  if (state->out_of_step && ptz::is_watched(PTZ_SOCKET_CLIENT(self))) state->out_of_step = false;
+  return state->out_of_step;
+}
+
+// receiving held. Returns the bytes read, 0 at the end of the stream, -1 with errno on an error. A header of which
+// nothing has followed yet is no error.
 gssize ptz_socket_client_command_read_fd(PTZSocketClientCommand *self, gint fd) {
   if (fd < 0) {
     errno = EBADF;
+    return -1;
+  }
+  if (is_out_of_step(self)) {
+    errno = EBADMSG;
     return -1;
   }
   gssize total = 0;
@@ -167,7 +179,7 @@ gssize ptz_socket_client_command_read_fd(PTZSocketClientCommand *self, gint fd) 
     const int error = errno;
     if (!is_silent(error)) log_func(LOG_WARNING, "Unexpected error reading body: %s", std::strerror(error));
     errno = error;
-    return total > 0 ? total : -1;
+    return total > 0 && waits_for_more(error) ? total : -1;
   }
   if (count == 0) {
     give_up_stream(self);
@@ -331,7 +343,7 @@ gboolean ptz_socket_client_command_cmd_timeout(gpointer user_data) {
   const PendingLock lock(self);
   self->timeout_source = 0;
   if (self->pending == nullptr) return FALSE;
-  const timespec now = now_or_zero();
+  timespec now = now_or_zero();
   auto *oldest = static_cast<PendingRequest *>(self->pending->data);
   if (oldest == nullptr) {
     log_func(LOG_ERR, "Entry without data");
@@ -340,6 +352,7 @@ gboolean ptz_socket_client_command_cmd_timeout(gpointer user_data) {
     // Taken out first: the callback may send and receive, and must not meet its own request again.
     self->pending = g_list_delete_link(self->pending, self->pending);
     expire(self, oldest);
+    now = now_or_zero();  // the callback may have taken its time, which the next request does not wait in addition
   }
   if (self->pending == nullptr) return FALSE;
   const auto *next = static_cast<const PendingRequest *>(self->pending->data);
@@ -350,7 +363,9 @@ gboolean ptz_socket_client_command_cmd_timeout(gpointer user_data) {
 }
 
 void start_expiry_timer(PTZSocketClientCommand *self, guint seconds) {
-  self->timeout_source = g_timeout_add_seconds(seconds, ptz_socket_client_command_cmd_timeout, self);
+  // A timer of whole seconds may come up to one later, but what is due is due at once.
+  self->timeout_source = seconds > 0 ? g_timeout_add_seconds(seconds, ptz_socket_client_command_cmd_timeout, self)
+                                     : g_timeout_add(0, ptz_socket_client_command_cmd_timeout, self);
 }
 
 void add_pending(PTZSocketClientCommand *self, gpointer context, guint32 message_id) {
@@ -485,7 +500,8 @@ gboolean ptz_socket_client_command_async_send(PTZSocketClientCommand *client, gc
   if (request_context == nullptr) return sent ? TRUE : FALSE;
   if (!sent) {
     auto *request = take_pending(client, message_id);
-    if (request != nullptr) g_slice_free(PendingRequest, request);
+    if (request == nullptr) return TRUE;  // a peer that knew the id has answered already: the context is no longer ours
+    g_slice_free(PendingRequest, request);
     return FALSE;
   }
   const PendingLock lock(client);
@@ -503,13 +519,13 @@ gboolean ptz_socket_client_command_sync_send(PTZSocketClientCommand *client, gco
   auto *base = PTZ_SOCKET_CLIENT(client);
   const guint32 message_id = take_message_id(client);
   const ReceiveLock lock(&state->receiving, Waiting::yes);
-  state->out_of_step = false;
+  is_out_of_step(client);  // asked while the watch still tells
   ptz_socket_client_remove_poll(base);
   state->deferring = true;
   drain(client);
   state->deferring = false;
   if (!send_frame(client, message_id, body, length)) {
-    ptz_socket_client_add_poll(base);
+    if (!state->out_of_step) ptz_socket_client_add_poll(base);
     return FALSE;
   }
   const bool answered = await_reply(client, message_id);

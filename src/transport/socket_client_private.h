@@ -8,4 +8,7 @@ namespace ptz {
 // client that is not connected, less than length when the peer took only a part in time.
 gssize send_counted(PTZSocketClient *client, gconstpointer data, gsize length);
 
+// Whether the main loop watches the descriptor.
+bool is_watched(PTZSocketClient *client);
+
 }  // namespace ptz
