@@ -81,6 +81,7 @@ int main(int argc, char **argv) {
   char *path_option = nullptr;
   char *cue_option = nullptr;
   gboolean tour = FALSE;
+  gint pan_limit = G_MININT;
   double driver_limit_s = -1;
   gint interval_ms = 500;
   const GOptionEntry entries[] = {
@@ -91,7 +92,10 @@ int main(int argc, char **argv) {
        "Give up when no driver listens for so long; 0: never (default: 0, with --tour 10)", "SECONDS"},
       {"tour", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, &tour, "Make a tour of the driver, then end", nullptr},
       {"cue", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_FILENAME, &cue_option,
-       "In the tour, write this file when the driver is to be killed and started again", "FILE"},
+       "In the tour, write this file when the driver, which keeps its presets, is to be killed and started again",
+       "FILE"},
+      {"pan-limit", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &pan_limit,
+       "In the tour, fail unless pan ends here, in hundredths of a degree", "N"},
       {}};
   const Options options(g_option_context_new("- a daemon that uses one pan-tilt-zoom driver"));
   g_option_context_add_main_entries(options.get(), entries, nullptr);
@@ -108,7 +112,8 @@ int main(int argc, char **argv) {
   if (driver_limit_s < 0) driver_limit_s = tour != FALSE ? tour_driver_limit_s : 0;
   openlog("mini-daemon", LOG_PID, LOG_DAEMON);
   Daemon daemon{DriverLink(path.get()),
-                {cue ? cue.get() : "", std::chrono::milliseconds(static_cast<gint64>(driver_limit_s * 1000))},
+                {cue ? cue.get() : "", pan_limit == G_MININT ? std::nullopt : std::optional(pan_limit),
+                 std::chrono::milliseconds(static_cast<gint64>(driver_limit_s * 1000))},
                 tour != FALSE,
                 std::chrono::milliseconds(interval_ms)};
   return run(daemon);

@@ -3,6 +3,7 @@
 #include <ptz_flags_utils.h>
 #include <ptz_serialize.h>
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "reply.h"
@@ -18,7 +19,8 @@ constexpr auto answer_limit = 2s;  // for requests of the main loop, whose own l
 constexpr int most_watches = 100;  // ten seconds: longer than any motion of the tour
 constexpr gint64 kill_limit_us = gint64{10} * G_USEC_PER_SEC;
 constexpr int queries_at_once = 20;
-constexpr guint32 preset_number = 1;
+constexpr guint32 preset_number = 3;
+constexpr const char *preset_name = "entrance";
 constexpr PerAxis entrance = {90'00, 30'00, 5'00};
 constexpr PerAxis gate = {-45'00, 10'00, 2'00};
 
@@ -172,6 +174,11 @@ bool Tour::show_limits() {
     terminal_.line(table_row(name, in_unit(axis, limits->minimum[axis]), in_unit(axis, limits->maximum[axis]),
                              in_unit(axis, speeds->maximum[axis]) + "/s"));
   }
+  limits_ = *limits;
+  if (!options_.pan_limit) return true;
+  const std::string wanted = in_degrees(*options_.pan_limit);
+  if (limits->maximum[pan] != *options_.pan_limit) return fail("pan should end at " + wanted);
+  terminal_.good("pan ends at " + wanted + ", where the driver's settings end it");
   return true;
 }
 
@@ -184,17 +191,27 @@ bool Tour::move_absolutely() {
 bool Tour::use_preset() {
   begin_step("A device preset: stored, left, returned to");
   const auto stored = ask<PresetNumber>(PTZ_COMMAND_SET_DEVICE_PRESET,
-                                        make_body(PTZ_COMMAND_SET_DEVICE_PRESET, Preset{preset_number, "entrance"}));
+                                        make_body(PTZ_COMMAND_SET_DEVICE_PRESET, Preset{preset_number, preset_name}));
   if (!stored) return false;
   viewpoint_ = entrance;
+  terminal_.line("stored; away to " + describe(gate));
+  return order(PTZ_COMMAND_MOVE, move_to(gate)) && arrive_at(gate) && return_to_preset();
+}
+
+bool Tour::return_to_preset() {
   const auto presets = ask<PresetList>(PTZ_COMMAND_GET_DEVICE_PRESETS);
   if (!presets) return false;
-  if (presets->elements.empty() || presets->elements.front().name != "entrance") return fail("it is not listed");
-  terminal_.line("preset " + std::to_string(stored->number) + " is \"entrance\"; away to " + describe(gate));
-  if (!order(PTZ_COMMAND_MOVE, move_to(gate)) || !arrive_at(gate)) return false;
-  terminal_.line("back to preset " + std::to_string(stored->number));
+  std::string listed;
+  bool found = false;
+  for (const Preset &preset : presets->elements) {
+    listed += " " + std::to_string(preset.number) + " \"" + preset.name + "\"";
+    found = found || (preset.number == preset_number && preset.name == preset_name);
+  }
+  terminal_.line("presets:" + listed);
+  if (!found) return fail("the preset that was stored is missing");
+  terminal_.line("to preset " + std::to_string(preset_number));
   return order(PTZ_COMMAND_GOTO_DEVICE_PRESET,
-               make_body(PTZ_COMMAND_GOTO_DEVICE_PRESET, GotoPresetRequest{stored->number, full_speed})) &&
+               make_body(PTZ_COMMAND_GOTO_DEVICE_PRESET, GotoPresetRequest{preset_number, full_speed})) &&
          arrive_at(viewpoint_);
 }
 
@@ -245,10 +262,11 @@ bool Tour::be_refused() {
   ptz_serialize_32bit(unknown.get(), 29);
   Body cut_short = move_to(gate);
   g_array_set_size(cut_short.get(), cut_short->len - 3);
+  const auto beyond = static_cast<gint32>(std::min<gint64>(gint64{limits_.maximum[pan]} + 1, G_MAXINT32));
   return expect_refusal(unknown, ErrorCode::unknown_command, "command 29") &&
          expect_refusal(make_body(PTZ_COMMAND_OSD_MENU), ErrorCode::unsupported, "OSD menu") &&
          expect_refusal(cut_short, ErrorCode::malformed, "a move without its last bytes") &&
-         expect_refusal(move_to({180'00, 0, 1'00}), ErrorCode::out_of_range, "a move beyond the limit") &&
+         expect_refusal(move_to({beyond, 0, 1'00}), ErrorCode::out_of_range, "a move beyond the limit") &&
          expect_refusal(make_body(PTZ_COMMAND_GOTO_DEVICE_PRESET, GotoPresetRequest{7, full_speed}),
                         ErrorCode::not_found, "a preset that nobody stored");
 }
@@ -274,8 +292,8 @@ bool Tour::survive_restart() {
   terminal_.line(name->text + " listens again after " + seconds_since(lost_us));
   const auto positions = ask<Positions>(PTZ_COMMAND_QUERY_POSITION);
   if (!positions) return false;
-  terminal_.line("a new process, at " + describe(positions->position) + "; on to " + describe(viewpoint_));
-  return order(PTZ_COMMAND_MOVE, move_to(viewpoint_)) && arrive_at(viewpoint_);
+  terminal_.line("a new process, at " + describe(positions->position));
+  return return_to_preset();
 }
 
 }  // namespace example

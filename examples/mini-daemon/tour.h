@@ -13,6 +13,7 @@ namespace example {
 
 struct TourOptions {
   std::string cue;  // file that tells when the driver is to be killed and started anew; empty leaves that step out
+  std::optional<gint32> pan_limit;  // what the driver's greatest pan position is to be
   std::chrono::milliseconds driver_limit;
 };
 
@@ -22,7 +23,8 @@ class Tour {
   Terminal &terminal_;
   const TourOptions options_;
   int step_ = 0;
-  PerAxis viewpoint_{};  // stored in the preset, and looked for again after the restart
+  PerAxis viewpoint_{};  // stored in the preset, and returned to after the restart
+  Limits limits_{};
 
   void begin_step(const std::string &text);
   bool fail(const std::string &text);
@@ -42,6 +44,7 @@ class Tour {
   bool show_limits();
   bool move_absolutely();
   bool use_preset();
+  bool return_to_preset();
   bool run_and_stop();
   bool ask_many_at_once();
   bool be_refused();

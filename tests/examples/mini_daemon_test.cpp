@@ -21,9 +21,10 @@ class MiniDaemon : public testing::Test {
   const std::string socket_ = dir_.file("driver.socket");
   const std::string output_ = dir_.file("output");
 
-  std::unique_ptr<Process> start_driver() {
-    return std::make_unique<Process>(SIM_DRIVER, std::vector<std::string>{"--socket", socket_, "--speed-factor", "20"},
-                                     dir_.file("driver-output"));
+  std::unique_ptr<Process> start_driver(const std::vector<std::string> &more = {}) {
+    std::vector<std::string> arguments = {"--socket", socket_, "--speed-factor", "20"};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    return std::make_unique<Process>(SIM_DRIVER, arguments, dir_.file("driver-output"));
   }
   std::size_t told(const std::string &text) const {
     const std::string output = contents(output_);
@@ -72,6 +73,20 @@ TEST_F(MiniDaemon, EndsAtOnceWhenInterruptedWhileADriverDoesNotAnswer) {
 }
 
 TEST_F(MiniDaemon, MakesItsTourThroughARestartAndEndsWell) {
+  const std::vector<std::string> files = {"--config", EXAMPLE_SETTINGS, "--state", dir_.file("state")};
+  auto driver = start_driver(files);
+  const std::string cue = dir_.file("cue");
+  Process daemon(MINI_DAEMON, {"--socket", socket_, "--tour", "--cue", cue, "--pan-limit", "16000"}, output_);
+  ASSERT_TRUE(ptz_test::run_until([&] { return contents(cue) == "kill\n"; }, 30'000)) << contents(output_);
+  driver->signal(SIGKILL);
+  driver->wait();
+  driver = start_driver(files);
+  EXPECT_EQ(daemon.wait(), 0) << contents(output_);
+  EXPECT_EQ(told("FAILED"), 0U) << contents(output_);
+  EXPECT_EQ(told("presets: 1 \"overview\" 2 \"far gate\" 3 \"entrance\""), 2U) << contents(output_);
+}
+
+TEST_F(MiniDaemon, EndsItsTourWhereADriverHasLostItsPresets) {
   auto driver = start_driver();
   const std::string cue = dir_.file("cue");
   Process daemon(MINI_DAEMON, {"--socket", socket_, "--tour", "--cue", cue}, output_);
@@ -79,8 +94,15 @@ TEST_F(MiniDaemon, MakesItsTourThroughARestartAndEndsWell) {
   driver->signal(SIGKILL);
   driver->wait();
   driver = start_driver();
-  EXPECT_EQ(daemon.wait(), 0) << contents(output_);
-  EXPECT_EQ(told("FAILED"), 0U) << contents(output_);
+  EXPECT_EQ(daemon.wait(), 1) << contents(output_);
+  EXPECT_EQ(told("the preset that was stored is missing"), 1U) << contents(output_);
+}
+
+TEST_F(MiniDaemon, EndsItsTourWhereALimitIsNotTheOneToldToIt) {
+  const auto driver = start_driver();
+  Process daemon(MINI_DAEMON, {"--socket", socket_, "--tour", "--pan-limit", "16000"}, output_);
+  EXPECT_EQ(daemon.wait(), 1) << contents(output_);
+  EXPECT_EQ(told("pan should end at "), 1U) << contents(output_);
 }
 
 TEST_F(MiniDaemon, FailsWhereNoDriverListensInTime) {

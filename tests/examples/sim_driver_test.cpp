@@ -9,6 +9,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -59,6 +60,31 @@ class SimDriverProgram : public testing::Test {
       }
     }).join();
     return reply;
+  }
+  // Instead of the driver that runs.
+  void restart_driver(const std::vector<std::string> &more) {
+    client_.reset();
+    driver_.reset();
+    start_driver(more);
+    connect();
+  }
+  Body set_preset(guint32 number, const std::string &name) {
+    return ask(make_body(PTZ_COMMAND_SET_DEVICE_PRESET, Preset{number, name}));
+  }
+  std::string preset_names() {
+    const Body reply = ask(make_body(PTZ_COMMAND_GET_DEVICE_PRESETS));
+    BodyReader reader(reply.get());
+    EXPECT_EQ(reader.i32(), PTZ_COMMAND_GET_DEVICE_PRESETS);
+    std::string names;
+    for (const Preset &preset : PresetList::read(reader).elements) names += preset.name + ";";
+    return names;
+  }
+  void expect_not_kept(const Body &reply) {
+    BodyReader reader(reply.get());
+    EXPECT_EQ(reader.i32(), PTZ_COMMAND_ERROR_REPLY);
+    const ErrorReply error = ErrorReply::read(reader);
+    EXPECT_TRUE(error.code == ErrorCode::not_kept) << error.text;
+    EXPECT_TRUE(reader.finished());
   }
   gint32 first_word(const Body &reply) { return BodyReader(reply.get()).i32(); }
   Positions positions() {
@@ -162,6 +188,89 @@ TEST_F(SimDriverProgram, ListsItsCapabilitiesAndRequestsWhenVerbose) {
   for (const char *line : {": driver_cap->move:\n", ": RelPan\n", ": DevicePreset\n", "refused, code 2\n"}) {
     EXPECT_NE(output.find(line), std::string::npos) << line << output;
   }
+}
+
+TEST_F(SimDriverProgram, TakesItsLimitsAndFactoryPresetsFromSettings) {
+  std::ofstream(dir_.file("more.conf")) << "[Pan]\nMin=-4000\n[Preset1]\nPan=0\n";
+  restart_driver({"--config", EXAMPLE_SETTINGS, "--config", dir_.file("more.conf")});
+  const Body reply = ask(make_body(PTZ_COMMAND_QUERY_LIMIT_RANGES));
+  BodyReader reader(reply.get());
+  EXPECT_EQ(reader.i32(), PTZ_COMMAND_QUERY_LIMIT_RANGES);
+  const Limits limits = Limits::read(reader);
+  EXPECT_EQ(limits.minimum, (PerAxis{-40'00, -15'00, 1'00}));
+  EXPECT_EQ(limits.maximum, (PerAxis{160'00, 90'00, 20'00}));
+  EXPECT_EQ(preset_names(), "overview;far gate;");
+}
+
+TEST_F(SimDriverProgram, DoesNotStartWithSettingsThatMakeNoSense) {
+  std::ofstream(dir_.file("bad.conf")) << "[Tilt]\nMaxSpeed=0\n";
+  for (const auto &[file, told] : {std::pair{dir_.file("bad.conf"), "sim-driver: [Tilt] MaxSpeed: 0 is not within"},
+                                   {dir_.file("missing.conf"), "missing.conf"}}) {
+    Process driver(SIM_DRIVER, {"--socket", dir_.file("other.socket"), "--config", file}, output_);
+    EXPECT_EQ(driver.wait(), 1);
+    EXPECT_NE(contents(output_).find(told), std::string::npos) << contents(output_);
+    EXPECT_FALSE(std::filesystem::exists(dir_.file("other.socket")));
+  }
+}
+
+TEST_F(SimDriverProgram, KeepsItsPresetsWhenItIsKilled) {
+  const std::vector<std::string> state = {"--state", dir_.file("new/folder/state")};
+  restart_driver(state);
+  const MoveRequest move{PTZ_MOVE_ABSOLUTE, all_axes, full_speed, {40'00, -10'00, 2'00}};
+  EXPECT_EQ(first_word(ask(make_body(PTZ_COMMAND_MOVE, move))), PTZ_COMMAND_MOVE);
+  ASSERT_TRUE(ptz_test::run_until([&] { return positions().idle(); }));
+  EXPECT_EQ(first_word(set_preset(5, "gate")), PTZ_COMMAND_SET_DEVICE_PRESET);
+  driver_->signal(SIGKILL);
+  restart_driver(state);
+  EXPECT_EQ(preset_names(), "gate;");
+  EXPECT_NE(positions().position, move.values);
+  EXPECT_EQ(first_word(ask(make_body(PTZ_COMMAND_GOTO_DEVICE_PRESET, GotoPresetRequest{5, full_speed}))),
+            PTZ_COMMAND_GOTO_DEVICE_PRESET);
+  EXPECT_TRUE(ptz_test::run_until([&] { return positions().idle(); }));
+  EXPECT_EQ(positions().position, move.values);
+}
+
+TEST_F(SimDriverProgram, LosesItsPresetsWithoutAStateFile) {
+  EXPECT_EQ(first_word(set_preset(5, "gate")), PTZ_COMMAND_SET_DEVICE_PRESET);
+  EXPECT_EQ(preset_names(), "gate;");
+  restart_driver({});
+  EXPECT_EQ(preset_names(), "");
+}
+
+TEST_F(SimDriverProgram, LeavesAStateFileThatItCannotUseAsItIsAndLivesOn) {
+  const std::string state = dir_.file("state");
+  for (const std::string text : {"[Header]\nVersionMajor=9\nVersionMinor=0\n", "# broken\n[Head", ""}) {
+    std::ofstream(state, std::ios::trunc) << text;
+    std::filesystem::remove(output_);
+    restart_driver({"--state", state});
+    EXPECT_NE(contents(output_).find("no presets from '" + state), std::string::npos) << contents(output_);
+    expect_not_kept(set_preset(1, "gate"));
+    EXPECT_EQ(preset_names(), "");
+    EXPECT_EQ(first_word(ask(make_body(PTZ_COMMAND_STOP))), PTZ_COMMAND_STOP);
+    driver_->signal(SIGTERM);
+    EXPECT_EQ(driver_->wait(), 0);
+    EXPECT_EQ(contents(state), text);
+  }
+}
+
+TEST_F(SimDriverProgram, RefusesAPresetThatItCannotStoreAndKeepsTheOneBefore) {
+  std::filesystem::create_directory(dir_.file("disk"));
+  const std::string state = dir_.file("disk/state");
+  restart_driver({"--state", state});
+  EXPECT_EQ(first_word(set_preset(1, "gate")), PTZ_COMMAND_SET_DEVICE_PRESET);
+  const std::string before = contents(state);
+  // The superuser may write to a folder that nobody may write to, but not to a file as if it were a folder.
+  std::filesystem::rename(dir_.file("disk"), dir_.file("unplugged"));
+  std::ofstream(dir_.file("disk")) << "";
+  expect_not_kept(set_preset(1, "door"));
+  expect_not_kept(set_preset(2, "door"));
+  EXPECT_EQ(preset_names(), "gate;");
+  EXPECT_EQ(contents(dir_.file("unplugged/state")), before);
+  std::filesystem::remove(dir_.file("disk"));
+  std::filesystem::rename(dir_.file("unplugged"), dir_.file("disk"));
+  EXPECT_EQ(first_word(set_preset(2, "door")), PTZ_COMMAND_SET_DEVICE_PRESET);
+  restart_driver({"--state", state});
+  EXPECT_EQ(preset_names(), "gate;door;");
 }
 
 TEST_F(SimDriverProgram, SaysSoAndFailsWhereItCannotListen) {
