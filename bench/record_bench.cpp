@@ -3,12 +3,14 @@
 #include <benchmark/benchmark.h>
 #include <ptz.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstring>
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "handles.h"
 
@@ -126,12 +128,15 @@ void read_variant(benchmark::State &state) {
   }
 }
 
-BENCHMARK(write_encoded);
-BENCHMARK(write_copied);
-BENCHMARK(write_variant);
-BENCHMARK(read_encoded);
-BENCHMARK(read_copied);
-BENCHMARK(read_variant);
+// What other programs take from this one can only make a repetition longer.
+double best(const std::vector<double> &repetitions) { return std::ranges::min(repetitions); }
+
+BENCHMARK(write_encoded)->ComputeStatistics("best", best);
+BENCHMARK(write_copied)->ComputeStatistics("best", best);
+BENCHMARK(write_variant)->ComputeStatistics("best", best);
+BENCHMARK(read_encoded)->ComputeStatistics("best", best);
+BENCHMARK(read_copied)->ComputeStatistics("best", best);
+BENCHMARK(read_variant)->ComputeStatistics("best", best);
 
 // The console's table, and below it how the encoding compares.
 class RatioReporter : public benchmark::ConsoleReporter {
@@ -149,8 +154,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
   void ReportRuns(const std::vector<Run> &runs) override {
     ConsoleReporter::ReportRuns(runs);
     for (const Run &run : runs) {
-      // Of repetitions the median is what counts.
-      if (run.run_type == Run::RT_Aggregate && run.aggregate_name != "median") continue;
+      if (run.run_type == Run::RT_Aggregate && run.aggregate_name != "best") continue;
       times_[run.run_name.function_name] = run.GetAdjustedCPUTime();
     }
   }
