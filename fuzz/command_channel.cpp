@@ -25,7 +25,6 @@ constexpr std::size_t watched_descriptors = 128;
 constexpr std::size_t noise_starts = 251;
 
 std::int64_t clock_ns = clock_start_ns;
-std::int64_t sleep_end_ms = 0;
 int ready_descriptors = 0;
 int failed_checks = 0;
 
@@ -34,13 +33,9 @@ int real_poll(pollfd *fds, nfds_t count, int timeout_ms) {
   return real(fds, count, timeout_ms);
 }
 
-gint poll_for_main_loop(GPollFD *fds, guint count, gint timeout_ms) {
+gint poll_for_main_loop(GPollFD *fds, guint count, gint) {
   static_assert(sizeof(GPollFD) == sizeof(pollfd));
   ready_descriptors = real_poll(reinterpret_cast<pollfd *>(fds), count, 0);
-  if (ready_descriptors == 0 && timeout_ms != 0) {
-    const std::int64_t left_ms = sleep_end_ms - ptz_fuzz::clock_ms();
-    ptz_fuzz::move_clock(timeout_ms > 0 ? std::min<std::int64_t>(timeout_ms, left_ms) : left_ms);
-  }
   return ready_descriptors;
 }
 
@@ -164,14 +159,6 @@ bool iterate() {
 
 void settle(std::size_t turns_max) {
   for (std::size_t turns = 0; iterate(); ++turns) REQUIRE(turns < turns_max);
-}
-
-void sleep_in_main_loop(std::int64_t milliseconds, std::size_t turns_max) {
-  sleep_end_ms = clock_ms() + milliseconds;
-  for (std::size_t turns = 0; clock_ms() < sleep_end_ms; ++turns) {
-    REQUIRE(turns < turns_max);
-    g_main_context_iteration(nullptr, TRUE);
-  }
 }
 
 int take_failed_checks() { return std::exchange(failed_checks, 0); }

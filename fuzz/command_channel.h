@@ -89,8 +89,6 @@ void start_main_loop();
 bool iterate();
 // Iterates until it would sleep. Taking more than this many turns is a finding: it spins.
 void settle(std::size_t turns_max);
-// Iterates for that time on the clock, which moves on while the main loop sleeps.
-void sleep_in_main_loop(std::int64_t milliseconds, std::size_t turns_max);
 
 // How many of GLib's checks have failed since this was asked last.
 [[nodiscard]] int take_failed_checks();
