@@ -5,6 +5,7 @@
 #include "base/check.h"
 #include "base/handles.h"
 #include "config/blocking_file.h"
+#include "config/key_file_value.h"
 
 namespace {
 
@@ -96,10 +97,7 @@ gchar *ptz_firmware_get_g_key_string(GKeyFile *key_file, const gchar *group_name
   g_return_val_if_fail(group_name != NULL, NULL);
   g_return_val_if_fail(key != NULL, NULL);
   ptz::Text value;
-  if (key_file != nullptr) {
-    ptz::Error error;  // set together with a value where an escape in it is unknown: the value counts all the same
-    value.reset(g_key_file_get_string(key_file, group_name, key, ptz::out(error)));
-  }
+  if (key_file != nullptr) value = ptz::key_file_value(key_file, group_name, key);
   if (value == nullptr) return g_strdup(no_tag);
   g_strstrip(g_strdelimit(value.get(), "\"", ' '));
   return value.release();

@@ -8,6 +8,7 @@
 
 #include "base/check.h"
 #include "base/handles.h"
+#include "config/key_file_value.h"
 #include "config/settings_stores.h"
 #include "ptz_settings.h"
 
@@ -76,8 +77,7 @@ gchar *look_up(const gchar *group_name, gint index, const gchar *key) {
   {
     const ptz::MutexLock lock(&group_stores.lock);
     GKeyFile *store = store_with(group.get());
-    // No error is asked for: a value with an unknown escape comes together with one, and counts all the same.
-    if (store != nullptr) value.reset(g_key_file_get_string(store, group.get(), key, nullptr));
+    if (store != nullptr) value = ptz::key_file_value(store, group.get(), key);
   }
   clean_up(value.get());
   return value.release();
@@ -87,9 +87,7 @@ gchar *look_up_shell(const gchar *key) {
   ptz::Text value;
   {
     const ptz::MutexLock lock(&shell_store.lock);
-    if (shell_store.keys != nullptr) {
-      value.reset(g_key_file_get_string(shell_store.keys, ptz::settings::shell_group, key, nullptr));
-    }
+    if (shell_store.keys != nullptr) value = ptz::key_file_value(shell_store.keys, ptz::settings::shell_group, key);
   }
   clean_up(value.get());
   return value.release();
