@@ -3,9 +3,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <glib.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -193,19 +191,6 @@ std::string read_file(const std::string &path) {
 
 std::size_t open_descriptors() {
   return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
-}
-
-void in_fresh_process(const std::function<void()> &checks) {
-  std::fflush(nullptr);
-  const pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    checks();
-    std::exit(testing::Test::HasFailure() ? 1 : 0);
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the checks failed; status " << status;
 }
 
 }  // namespace ptz_test

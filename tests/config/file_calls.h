@@ -84,8 +84,4 @@ void write_file(const std::string &path, std::string_view bytes);
 [[nodiscard]] std::string read_file(const std::string &path);
 [[nodiscard]] std::size_t open_descriptors();
 
-// Runs the checks in a process of its own, for modules that keep what they have read once; fails the test where one
-// of them fails there.
-void in_fresh_process(const std::function<void()> &checks);
-
 }  // namespace ptz_test

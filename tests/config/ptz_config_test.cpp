@@ -19,6 +19,7 @@
 #include "faults.h"
 #include "file_calls.h"
 #include "fixtures.h"
+#include "fresh_process.h"
 #include "handles.h"
 #include "syslog_capture.h"
 
@@ -166,7 +167,7 @@ struct Broken {
   const char *content;
   GKeyFileError code;
 };
-void PrintTo(const Broken &broken, std::ostream *out) { *out << broken.content; }
+void PrintTo(const Broken &broken, std::ostream *out) { *out << Text(g_strescape(broken.content, nullptr)).get(); }
 
 struct BrokenDriverConfig : DriverConfig, testing::WithParamInterface<Broken> {};
 

@@ -346,6 +346,16 @@ TEST(FirmwareKey, ValuesAreCleaned) {
   EXPECT_EQ(value("Single"), "'tag'");
 }
 
+TEST(FirmwareKey, UnknownEscapesAreKept) {
+  const GlibLogCapture glib;
+  const auto file = key_file("[general]\nUnknown=a\\qb\nOpen=C:\\dir\\\nKnown=a\\sb\n");
+  const auto value = [&](const char *key) { return owned(ptz_firmware_get_g_key_string(file.get(), "general", key)); };
+  EXPECT_EQ(value("Unknown"), "a\\qb");
+  EXPECT_EQ(value("Open"), "C:\\dir");
+  EXPECT_EQ(value("Known"), "a b");
+  EXPECT_TRUE(glib.messages().empty());
+}
+
 TEST(FirmwareKey, WhatIsMissingIsNone) {
   const SyslogCapture log;
   const GlibLogCapture glib;

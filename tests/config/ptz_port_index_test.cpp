@@ -11,6 +11,7 @@
 
 #include "file_calls.h"
 #include "fixtures.h"
+#include "fresh_process.h"
 #include "syslog_capture.h"
 
 namespace {

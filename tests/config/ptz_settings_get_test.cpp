@@ -247,8 +247,9 @@ INSTANTIATE_TEST_SUITE_P(
                     CleanUp{R"(a\sb)", "a b"}, CleanUp{R"('\\'')", "'"},
                     // Escapes that a key file does not know: what it makes of the value is kept.
                     CleanUp{R"(\101)", "A"}, CleanUp{R"(C:\dir)", "C:dir"}, CleanUp{R"("say \"yes\"")", "say \"yes\""},
-                    CleanUp{R"(end\)", "end"}, CleanUp{R"(end\\)", "end"}, CleanUp{R"("end\\")", "end"},
-                    CleanUp{R"(\)", ""}, CleanUp{"caf\xC3\xA9", "caf\xC3\xA9"}, CleanUp{R"(\\351)", "\xE9"}));
+                    CleanUp{R"(C:\dir\)", "C:dir"}, CleanUp{R"(\q\r\)", "q\r"}, CleanUp{R"(end\)", "end"},
+                    CleanUp{R"(end\\)", "end"}, CleanUp{R"("end\\")", "end"}, CleanUp{R"(\)", ""},
+                    CleanUp{"caf\xC3\xA9", "caf\xC3\xA9"}, CleanUp{R"(\\351)", "\xE9"}));
 
 // --- truth ------------------------------------------------------------------------------------------------------
 

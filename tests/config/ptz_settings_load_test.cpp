@@ -16,6 +16,7 @@
 #include "faults.h"
 #include "file_calls.h"
 #include "fixtures.h"
+#include "fresh_process.h"
 #include "kv_records.h"
 #include "ptz_settings.h"
 #include "settings.h"
