@@ -1,6 +1,7 @@
 #include "ptz_file_g_source.h"
 
 #include <type_traits>
+#include <utility>
 
 #include "base/check.h"
 #include "base/handles.h"
@@ -13,7 +14,23 @@ constexpr auto watched_events = static_cast<GIOCondition>(G_IO_IN | G_IO_ERR | G
 constexpr guint readable_events = G_IO_IN | G_IO_PRI;
 constexpr guint ended_events = G_IO_ERR | G_IO_HUP | G_IO_NVAL;
 
+// What the source has beside its public record.
+struct Watch {
+  PTZFileGSource base;
+  bool calling;  // the callback runs; thread of the context
+  bool paused;   // ... and in it a main loop, which must not call it again; mutex
+};
+static_assert(std::is_standard_layout_v<Watch>);
+
 PTZFileGSource *file_source(GSource *source) { return reinterpret_cast<PTZFileGSource *>(source); }
+
+Watch *watch_of(GSource *source) { return reinterpret_cast<Watch *>(source); }
+
+// mutex held
+void start_watching(PTZFileGSource *self) {
+  if (self->tag != nullptr || g_source_is_destroyed(&self->source)) return;
+  self->tag = g_source_add_unix_fd(&self->source, self->fd, watched_events);
+}
 
 // mutex held
 void stop_watching(PTZFileGSource *self) {
@@ -22,8 +39,16 @@ void stop_watching(PTZFileGSource *self) {
   self->tag = nullptr;
 }
 
-gboolean ptz_file_g_source_prepare(GSource *, gint *timeout_ms) {
+// GLib would keep a running callback from being called again by taking the descriptor off the context and back for
+// every call; this is done only where the callback runs a main loop of its own.
+gboolean ptz_file_g_source_prepare(GSource *source, gint *timeout_ms) {
   *timeout_ms = -1;
+  if (source != nullptr && watch_of(source)->calling) {
+    auto *self = file_source(source);
+    const ptz::MutexLock lock(&self->mutex);
+    if (self->tag != nullptr) watch_of(source)->paused = true;
+    stop_watching(self);
+  }
   return FALSE;
 }
 
@@ -45,7 +70,14 @@ gboolean ptz_file_g_source_dispatch(GSource *source, GSourceFunc callback, gpoin
   if ((events & ended_events) != 0 || callback == nullptr) stop_watching(self);
   lock.unlock();
   if ((events & ended_events) != 0 || (events & readable_events) == 0 || callback == nullptr) return G_SOURCE_CONTINUE;
-  return callback(user_data);
+  auto *watch = watch_of(source);
+  if (watch->calling) return G_SOURCE_CONTINUE;
+  watch->calling = true;
+  const gboolean result = callback(user_data);
+  watch->calling = false;
+  const ptz::MutexLock resumed(&self->mutex);
+  if (std::exchange(watch->paused, false)) start_watching(self);
+  return result;
 }
 
 void ptz_file_g_source_finalize(GSource *source) { g_mutex_clear(&file_source(source)->mutex); }
@@ -62,7 +94,8 @@ GSourceFuncs source_functions = {
 }  // namespace
 
 GSource *ptz_file_g_source_new(gint fd) {
-  GSource *source = g_source_new(&source_functions, sizeof(PTZFileGSource));
+  GSource *source = g_source_new(&source_functions, sizeof(Watch));
+  g_source_set_can_recurse(source, TRUE);
   g_source_set_static_name(source, "PTZFileGSource");
   auto *self = file_source(source);
   g_mutex_init(&self->mutex);
@@ -88,14 +121,13 @@ void ptz_file_g_source_add_poll(GSource *source) {
   g_return_if_fail(source != NULL);
   auto *self = file_source(source);
   const ptz::MutexLock lock(&self->mutex);
-  if (self->tag == nullptr && !g_source_is_destroyed(source)) {
-    self->tag = g_source_add_unix_fd(source, self->fd, watched_events);
-  }
+  start_watching(self);
 }
 
 void ptz_file_g_source_remove_poll(GSource *source) {
   g_return_if_fail(source != NULL);
   auto *self = file_source(source);
   const ptz::MutexLock lock(&self->mutex);
+  watch_of(source)->paused = false;
   stop_watching(self);
 }

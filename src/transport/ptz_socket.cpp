@@ -215,6 +215,7 @@ gssize socket_write(PTZSocket *self, gint fd, gconstpointer buffer, gsize length
         const gssize written = write(fd, bytes + sent, length - sent);
         if (written >= 0) {
           sent += static_cast<gsize>(written);
+          if (sent == length) break;
         } else {
           error = errno;
           if (error == ECONNREFUSED || error == EPIPE) break;

@@ -41,6 +41,10 @@ guint events_of(PTZSocketServerSource *source, gpointer tag) {
   return tag != nullptr ? g_source_query_unix_fd(&source->source, tag) : 0;
 }
 
+void watch(PTZSocketServerSource *source, gint fd, gpointer &tag) {
+  tag = g_source_add_unix_fd(&source->source, fd, watched_events);
+}
+
 void stop_watching(PTZSocketServerSource *source, gpointer &tag) {
   if (tag != nullptr && !g_source_is_destroyed(&source->source)) g_source_remove_unix_fd(&source->source, tag);
   tag = nullptr;
@@ -70,7 +74,7 @@ void add_client(PTZSocketServerSource *source, gint fd) {
 
   auto *client = g_slice_new(PTZSocketServerClient);
   client->fd = fd;
-  client->tag = g_source_add_unix_fd(&source->source, fd, watched_events);
+  watch(source, fd, client->tag);
   source->clients = g_list_prepend(source->clients, client);
 }
 
@@ -114,6 +118,25 @@ void pass_turn(PTZSocketServerSource *source, GList *served) {
                          : nullptr;
 }
 
+// A callback that runs a main loop of its own must not be called again from there. GLib would see to it, by taking all
+// descriptors off the context and back for every message; this is done only where there is such a loop.
+void pause(PTZSocketServerSource *source) {
+  auto *state = ptz::server_state(source->server);
+  state->paused = true;
+  state->listening_paused = source->tag != nullptr;
+  stop_watching(source, source->tag);
+  for (GList *link = source->clients; link != nullptr; link = link->next) stop_watching(source, client_of(link)->tag);
+}
+
+void resume(PTZSocketServerSource *source) {
+  auto *state = ptz::server_state(source->server);
+  if (!std::exchange(state->paused, false)) return;
+  if (state->listening_paused && source->fd >= 0) watch(source, source->fd, source->tag);
+  for (GList *link = source->clients; link != nullptr; link = link->next) {
+    watch(source, client_of(link)->fd, client_of(link)->tag);
+  }
+}
+
 // The callback's result where a message was delivered; else the next client has its turn.
 std::optional<gboolean> serve(PTZSocketServerSource *source, GList *link, PTZSocketServerCallback callback,
                               gpointer user_data) {
@@ -136,14 +159,23 @@ std::optional<gboolean> serve(PTZSocketServerSource *source, GList *link, PTZSoc
       gpointer reply_context = PTZ_SOCKET_SERVER_GET_CLASS(server)->get_reply_context(server, client);
       if (reply_context == nullptr) return std::nullopt;
       pass_turn(source, link);
-      return callback(user_data, reply_context, buffer, length);  // which may close the client or drop the server
+      ptz::server_state(server)->serving = true;
+      const gboolean result = callback(user_data, reply_context, buffer, length);
+      if (!g_source_is_destroyed(&source->source)) {  // as it is where the callback dropped the server
+        ptz::server_state(server)->serving = false;
+        resume(source);
+      }
+      return result;
     }
   }
   if ((events & ended_events) != 0) ptz_socket_server_close(server, client);
   return std::nullopt;
 }
 
-gboolean server_source_prepare(GSource *, gint *timeout_ms) {
+gboolean server_source_prepare(GSource *base, gint *timeout_ms) {
+  auto *source = server_source(base);
+  const auto *state = ptz::server_state(source->server);
+  if (state->serving && !state->paused) pause(source);
   *timeout_ms = -1;
   return FALSE;
 }
@@ -179,6 +211,7 @@ gboolean ptz_socket_server_source_dispatch(GSource *base, GSourceFunc function, 
     if (const auto result = serve(source, link, callback, user_data)) return *result;
   }
 
+  if (source->tag == nullptr) return G_SOURCE_CONTINUE;  // a server's own descriptor goes with its client
   if (somebody_connects) return accept_client(source);
   // What never passes would wake the main loop without end.
   if ((listening_events & ended_events) != 0) stop_watching(source, source->tag);
@@ -212,7 +245,8 @@ PTZSocketServer *with_source(PTZSocketServer *self) {
   self->source->fd = self->parent_instance.fd;
   self->source->server = self;
   self->source->clients = nullptr;
-  self->source->tag = g_source_add_unix_fd(base, self->source->fd, watched_events);
+  watch(self->source, self->source->fd, self->source->tag);
+  g_source_set_can_recurse(base, TRUE);
   g_source_attach(base, self->context);
   return self;
 }

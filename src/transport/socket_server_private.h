@@ -9,6 +9,9 @@ struct PTZSocketServerPrivate {
   guint32 last_connection = 0;
   PTZSocketServerClient *next_turn = nullptr;  // whom the next dispatch looks at first; null for the list's head
   bool listening_turn = false;                 // ... before whom it accepts
+  bool serving = false;                        // a callback runs
+  bool paused = false;                         // ... and in it a main loop, which must not serve
+  bool listening_paused = false;               // ... or accept
   void (*client_closed)(PTZSocketServer *server, gint fd) = nullptr;  // not a class slot: those are for drivers
 };
 

@@ -99,6 +99,51 @@ TEST(FileGSource, CheckAndDispatchOfNothingAreCriticals) {
   EXPECT_EQ(log.criticals(), 2U);
 }
 
+// A callback that leaves its data where they are and runs a main loop.
+struct NestedLoop {
+  Source source;
+  int calls = 0;
+  int inner_iterations = 0;
+  bool switch_off = false;
+
+  explicit NestedLoop(int fd) : source(ptz_file_g_source_new(fd)) {
+    g_source_set_callback(source.get(), called, this, nullptr);
+    g_source_attach(source.get(), nullptr);
+  }
+  NestedLoop(const NestedLoop &) = delete;
+  ~NestedLoop() { g_source_destroy(source.get()); }
+
+  static gboolean called(gpointer data) {
+    auto *self = static_cast<NestedLoop *>(data);
+    if (++self->calls > 1) {
+      ptz_file_g_source_remove_poll(self->source.get());
+      return TRUE;
+    }
+    self->inner_iterations = iterations_within(look_ms);
+    if (self->switch_off) ptz_file_g_source_remove_poll(self->source.get());
+    return TRUE;
+  }
+};
+
+TEST(FileGSource, AMainLoopInsideTheCallbackNeitherCallsItAgainNorSpins) {
+  const Pair pair;
+  NestedLoop loop(pair.ours.get());
+  send_all(pair.theirs.get(), "x");
+  EXPECT_TRUE(run_until([&] { return loop.calls == 1; }));
+  EXPECT_LT(loop.inner_iterations, few_iterations);
+  EXPECT_TRUE(is_watching(loop.source));
+  EXPECT_TRUE(run_until([&] { return loop.calls == 2; }));
+}
+
+TEST(FileGSource, StaysOffWhereACallbackWithAMainLoopInItSwitchedItOff) {
+  const Pair pair;
+  NestedLoop loop(pair.ours.get());
+  loop.switch_off = true;
+  send_all(pair.theirs.get(), "x");
+  EXPECT_TRUE(run_until([&] { return loop.calls == 1; }));
+  EXPECT_FALSE(is_watching(loop.source));
+}
+
 TEST(FileGSource, WithoutEventsItIsNotReadyAndDispatchKeepsIt) {
   const Pair pair;
   const Source source(ptz_file_g_source_new(pair.ours.get()));

@@ -604,6 +604,52 @@ TEST_F(SocketServer, ManyFloodingClientsLeaveEachOtherTheirTurns) {
   for (const auto &[fd, count] : turns) EXPECT_GE(count, 3) << fd;
 }
 
+TEST_F(SocketServer, AMainLoopInsideTheCallbackNeitherServesNorSpins) {
+  const Descriptor first = connect(), second = connect();
+  int depth = 0, deepest = 0, inner_iterations = 0;
+  std::size_t clients_inside = 0;
+  Descriptor late;
+  std::vector<std::string> received;
+  server.on_message = [&](const Message &message) {
+    deepest = std::max(deepest, ++depth);
+    received.push_back(message.body);
+    if (received.size() == 1) {
+      send_all(first.get(), "while the callback runs");
+      send_all(second.get(), "from another meanwhile");
+      late = connect_to(path);
+      inner_iterations = iterations_within(30);
+      clients_inside = server.client_count();
+    }
+    --depth;
+    return TRUE;
+  };
+  send_all(first.get(), "opening");
+  EXPECT_TRUE(run_until([&] { return received.size() == 3 && server.client_count() == 3; }));
+  EXPECT_EQ(deepest, 1);
+  EXPECT_LT(inner_iterations, 50);
+  EXPECT_EQ(clients_inside, 2u);
+}
+
+TEST_F(SocketServer, AMainLoopInsideTheCallbackMaySeeAClientClosed) {
+  const Descriptor first = connect(), second = connect();
+  server.on_message = [&](const Message &message) {
+    run_pending();
+    ptz_socket_server_close(server.get(), static_cast<PTZSocketServerReplyContext *>(message.context)->client);
+    run_pending();
+    return TRUE;
+  };
+  send_all(first.get(), "close me");
+  EXPECT_TRUE(run_until([&] { return server.client_count() == 1; }));
+  EXPECT_TRUE(is_at_end(first.get()));
+  std::string heard;
+  server.on_message = [&](const Message &message) {
+    heard = message.body;
+    return TRUE;
+  };
+  send_all(second.get(), "still here");
+  EXPECT_TRUE(run_until([&] { return heard == "still here"; }));
+}
+
 TEST_F(OverriddenSocketServer, ReadsWithRoomForTheLongestFrameAndWithoutWaiting) {
   int reads = 0;
   operations.read = [&](gint fd, gpointer buffer, gsize length, gint timeout_ms) -> gssize {
