@@ -202,7 +202,9 @@ class Scene {
     if (reactions_.empty()) return;
     const std::uint8_t reaction = reactions_.front();
     reactions_.pop_front();
+    const std::string before(data != nullptr ? data : "", length);
     react(reaction % 16, reaction / 16);
+    REQUIRE(before == std::string_view(data != nullptr ? data : "", length));
   }
 
   void require_peer_sent(guint32 id, std::string_view body) {

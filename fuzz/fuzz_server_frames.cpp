@@ -55,7 +55,8 @@ struct Connection {
   }
 
   [[nodiscard]] bool is_waiting() const {
-    return accepted && fd >= 0 && heard < peer.sent().complete().size() && !peer.sent().complete()[heard].body.empty();
+    if (!accepted) return true;
+    return fd >= 0 && heard < peer.sent().complete().size() && !peer.sent().complete()[heard].body.empty();
   }
 
   [[nodiscard]] bool has_reason_to_be_closed() const {
