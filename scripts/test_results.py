@@ -1,13 +1,12 @@
 #!/usr/bin/env python3
 """Counts the results of test runs and prints what failed; the last line is "N passed, M failed".
 
-A run is known by its title and the folder of logs that meson wrote. Two files there are read: the JUnit file has each
-case of a test program, and the JSON file how each program ended, for a program can fail after its last case has
-passed, or before it wrote down any.
+A run is known by its title and the logs that meson wrote, as their path without the suffixes. Two are read: the JUnit
+file has each case of a test program, and the JSON file how each program ended, for a program can fail after its last
+case has passed, or before it wrote down any.
 """
 import argparse
 import json
-import pathlib
 import re
 import sys
 import xml.etree.ElementTree
@@ -41,11 +40,10 @@ def cases_of_programs(junit, names):
     return cases
 
 
-def read_run(title, folder, counts):
-    logs = pathlib.Path(folder)
-    with open(logs / 'testlog.json', encoding='utf-8') as file:
+def read_run(title, logs, counts):
+    with open(logs + '.json', encoding='utf-8') as file:
         programs = [json.loads(line) for line in file]
-    junit = xml.etree.ElementTree.parse(logs / 'testlog.junit.xml').getroot()
+    junit = xml.etree.ElementTree.parse(logs + '.junit.xml').getroot()
     cases = cases_of_programs(junit, [program['name'] for program in programs])
     for program in programs:
         ended = program_outcome(program)
@@ -63,14 +61,14 @@ def read_run(title, folder, counts):
 
 def main():
     parser = argparse.ArgumentParser()
-    parser.add_argument('--run', nargs=2, action='append', default=[], metavar=('TITLE', 'FOLDER'))
+    parser.add_argument('--run', nargs=2, action='append', default=[], metavar=('TITLE', 'LOGS'))
     parser.add_argument('--failure', action='append', default=[], metavar='TITLE', help='something else that failed')
     arguments = parser.parse_args()
     counts = {'passed': 0, 'failed': len(arguments.failure), 'skipped': 0}
     print()
-    for title, folder in arguments.run:
+    for title, logs in arguments.run:
         try:
-            read_run(title, folder, counts)
+            read_run(title, logs, counts)
         except Exception as error:  # whatever it is, the count must come out
             counts['failed'] += 1
             print(f'FAILED: {title}: no results: {error}')
