@@ -108,12 +108,14 @@ TEST_F(SettingsGet, AGroupOfBothStoresAnswersFromTheKeyFileStoreOnly) {
 }
 
 TEST_F(SettingsGet, TheRootPrefixIsLeftOutInTwoSpellings) {
-  ASSERT_TRUE(load_key_file("[Foo]\nKey=plain\n[Root.Foo]\nKey=mixed\n[root.Bar]\nKey=never\n"));
+  ASSERT_TRUE(
+      load_key_file("[Foo]\nKey=plain\n[Root.Foo]\nKey=mixed\n[root.Bar]\nKey=below\n[ROOT.Bar]\nKey=beside\n"));
   EXPECT_EQ(setting("root.Foo", "Key"), "plain");
   EXPECT_EQ(setting("ROOT.Foo", "Key"), "plain");
   EXPECT_EQ(setting("Root.Foo", "Key"), "mixed");
   EXPECT_EQ(setting("rOOT.Foo", "Key"), std::nullopt);
-  EXPECT_EQ(setting("root.root.Bar", "Key"), "never") << "removed once";
+  EXPECT_EQ(setting("root.root.Bar", "Key"), "below") << "removed once";
+  EXPECT_EQ(setting("root.ROOT.Bar", "Key"), "beside");
   EXPECT_EQ(setting("root.Bar", "Key"), std::nullopt);
   EXPECT_TRUE(ptz_settings_has_custom_group("root.Foo"));
   EXPECT_TRUE(ptz_settings_has_group("ROOT.Foo", -1));
