@@ -29,8 +29,8 @@ using namespace ptz_fuzz;
 
 namespace {
 
-constexpr std::size_t operations_max = 256;
-constexpr std::size_t requests_max = 256;
+constexpr std::size_t operations_max = 128;
+constexpr std::size_t requests_max = 128;
 constexpr std::size_t sessions_max = 4;
 constexpr int nested_loops_max = 3;
 constexpr std::int64_t reply_timeout_ms = 360'000;
