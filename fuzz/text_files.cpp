@@ -72,6 +72,13 @@ Parsed parse(std::string_view text) {
   return parsed;
 }
 
+void require_same_load(bool loaded, const Parsed &expected) {
+  const auto log = take_log();
+  REQUIRE(loaded == expected.complete);
+  REQUIRE(log.size() == (loaded ? 0 : 1));
+  REQUIRE(loaded || log[0].starts_with("could not load settings: "));
+}
+
 std::optional<std::string> owned(gchar *text) {
   const Text handle(text);
   return handle ? std::optional<std::string>(handle.get()) : std::nullopt;

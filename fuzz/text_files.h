@@ -48,6 +48,9 @@ struct Parsed {
 };
 Parsed parse(std::string_view text);
 
+// A load of settings succeeded where GLib's did, or said in one line that it did not.
+void require_same_load(bool loaded, const Parsed &expected);
+
 std::optional<std::string> owned(gchar *text);
 std::vector<std::string> owned(gchar **texts);
 

@@ -1,18 +1,7 @@
 /* A device's platform services, as little of them as the library calls: no file is touched. */
+#include "platform/file_util.h"
+#include "platform/kv_config.h"
 #include <errno.h>
-#include <glib.h>
-#include <string.h>
-
-typedef struct {
-  const gchar *group;
-  const gchar *key;
-  const gchar *value;
-} KvConfigRecord;
-
-gint kv_config_open (const gchar *path);
-const KvConfigRecord *kv_config_get (void);
-void kv_config_close (void);
-gboolean file_util_set_contents_synced (const gchar *path, const gchar *data, gsize length, GError **error);
 
 static gchar *open_path;
 static KvConfigRecord record;
