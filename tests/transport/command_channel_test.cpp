@@ -231,6 +231,44 @@ TEST_F(CommandChannel, MatchesEveryReplyUnderConcurrentUse) {
   g_source_remove(stragglers);
 }
 
+// Time-outs meet replies, in each other's callbacks and beside a thread that waits.
+TEST_F(CommandChannel, CallsBackExactlyOnceWhereRequestsAreAnsweredAndExpireAtOnce) {
+  constexpr std::size_t requests = 400;
+  std::size_t received = 0;
+  server.on_message = [&](const Message &message) {
+    // Some are never answered, the late ones after they timed out.
+    if (++received % 3 != 0) server.answer(message, message.body);
+    return TRUE;
+  };
+  std::atomic<bool> stop = false;
+  std::thread worker([&] {
+    while (!stop) client.sync_send("synchronous");
+  });
+  std::vector<Answer> own(requests);
+  std::size_t sent = 0, ended = 0;
+  std::function<void()> send_next = [&] {
+    if (sent == requests) return;
+    Answer &answer = own[sent++];
+    answer.then = [&] {
+      ++ended;
+      send_next();
+    };
+    EXPECT_TRUE(client.send("asynchronous", &answer));
+  };
+  for (int i = 0; i < 8; ++i) send_next();
+  int turns = 0;
+  EXPECT_TRUE(run_loop_until([&] {
+    if (++turns % 20 == 0) advance_clock(180'500);
+    return ended == requests;
+  }));
+  stop = true;
+  server.drop();  // which ends a wait that is under way
+  worker.join();
+  for (const Answer &answer : own) EXPECT_EQ(answer.calls, 1);
+  client.drop();
+  for (const Answer &answer : own) EXPECT_EQ(answer.freed, 0);
+}
+
 TEST_F(CommandChannel, ServesAsynchronousRequestsOfSeveralThreads) {
   server.echo();
   constexpr int each = 300;

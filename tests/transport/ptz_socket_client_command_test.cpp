@@ -405,6 +405,45 @@ TEST_F(SocketClientCommand, LosesNothingWhenEveryReplyCallbackSendsAgain) {
   for (const auto &answer : answers) EXPECT_TRUE(answer->replied());
 }
 
+TEST_F(SocketClientCommand, IsNotCalledAgainFromAMainLoopInItsReplyCallback) {
+  Answer &first = send(), &second = send();
+  first.then = [&] {
+    EXPECT_LT(iterations_within(20), 10);
+    EXPECT_TRUE(second.untouched());
+  };
+  reply(frame(0, "first") + frame(1, "second"));
+  EXPECT_TRUE(first.replied());
+  EXPECT_TRUE(second.replied());
+  EXPECT_TRUE(client.watched());
+}
+
+TEST_F(SocketClientCommand, AWatchThatWasStoppedInAReplyCallbackStaysStopped) {
+  Answer &first = send(), &second = send();
+  first.then = [&] {
+    iterate(2);
+    ptz_socket_client_remove_poll(client.base());
+    iterate(2);
+  };
+  reply(frame(0, "first") + frame(1, "second"));
+  EXPECT_TRUE(first.replied());
+  EXPECT_TRUE(second.untouched());
+  EXPECT_FALSE(client.watched());
+  ptz_socket_client_add_poll(client.base());
+  run_pending();
+  EXPECT_TRUE(second.replied());
+}
+
+TEST_F(SocketClientCommand, AnExpiryInAMainLoopInAReplyCallbackIsDelivered) {
+  Answer &first = send(), &second = send();
+  first.then = [&] {
+    advance_clock(expiry_ms + 1000);
+    iterate(5);
+    EXPECT_TRUE(second.timed_out());
+  };
+  reply(frame(0, "first"));
+  EXPECT_TRUE(first.replied());
+}
+
 // Draining.
 
 TEST_F(SocketClientCommand, HandlesUpToElevenRepliesBeforeItSends) {
@@ -1152,6 +1191,21 @@ TEST_F(RequestExpiry, CallbackMayDropTheClient) {
   EXPECT_EQ(second.freed, 1);
 }
 
+TEST_F(RequestExpiry, CallbackMayRunTheMainLoop) {
+  Answer &first = send(), &second = send(), &third = send();
+  first.then = [&] {
+    send_all(peer, frame(1, "meanwhile"));
+    iterate(10);
+  };
+  pass(expiry_ms + 1000);
+  pass(1000);
+  EXPECT_TRUE(first.timed_out());
+  EXPECT_EQ(second.calls, 1);
+  EXPECT_EQ(third.calls, 1);
+  EXPECT_EQ(client.pending_count(), 0u);
+  EXPECT_EQ(client.get()->timeout_source, 0u);
+}
+
 TEST_F(RequestExpiry, AnEntryWithoutDataIsLoggedAndRemoved) {
   send();
   g_mutex_lock(&client.get()->mutex);
@@ -1237,13 +1291,13 @@ TEST_P(ReplyLength, StopsTheWatchAndLeavesRequestsToTheirTimeOut) {
 
 TEST_P(ReplyLength, LetsNothingBehindItPassForAReply) {
   Answer &answer = send();
-  reply(frame_claiming(GetParam(), 0, body_of(40)) + frame(0, "forged"));
+  reply(frame_claiming(GetParam(), 0, body_of(12)) + frame(0, "forged"));
   EXPECT_FALSE(client.watched());
   // Each of these would look a little further for a reply.
-  for (int i = 0; i < 20; ++i) client.send("another", nullptr);
+  for (int i = 0; i < 10; ++i) client.send("another", nullptr);
   {
     const NobodyAnswers nobody;
-    for (int i = 0; i < 20; ++i) client.sync_send("another");
+    for (int i = 0; i < 10; ++i) client.sync_send("another");
   }
   run_pending();
   EXPECT_TRUE(answer.untouched());

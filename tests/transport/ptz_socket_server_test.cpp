@@ -497,6 +497,69 @@ TEST_F(SocketServer, SurvivesACallbackThatRunsTheMainLoop) {
   EXPECT_EQ(server.client_count(), 1u);
 }
 
+TEST_F(SocketServer, IsNotCalledAgainFromAMainLoopInItsCallback) {
+  const Descriptor first = connect(), second = connect();
+  Descriptor late;
+  int depth = 0, deepest = 0;
+  server.on_message = [&](const Message &message) {
+    deepest = std::max(deepest, ++depth);
+    if (message.body == "one") {
+      send_all(first.get(), "two");
+      send_all(second.get(), "three");
+      late = connect_to(path);
+      EXPECT_LT(iterations_within(20), 10);
+      EXPECT_EQ(server.messages.size(), 1u);
+      EXPECT_TRUE(ptz_socket_server_send(message.context, "answer", 6));
+    }
+    --depth;
+    return TRUE;
+  };
+  send_all(first.get(), "one");
+  run_pending();
+  EXPECT_EQ(server.messages.size(), 3u);
+  EXPECT_EQ(deepest, 1);
+  EXPECT_EQ(server.client_count(), 3u);
+  EXPECT_EQ(receive_waiting(first.get()), "answer");
+}
+
+TEST_F(SocketServer, MayBeDroppedFromAMainLoopInItsCallback) {
+  const Descriptor first = connect(), second = connect();
+  server.on_message = [&](const Message &) {
+    g_idle_add(
+        [](gpointer dropped) -> gboolean {
+          static_cast<PlainServer *>(dropped)->drop();
+          return G_SOURCE_REMOVE;
+        },
+        &server);
+    send_all(second.get(), "unheard");
+    iterate(5);
+    EXPECT_EQ(server.get(), nullptr);
+    iterate(5);
+    return TRUE;
+  };
+  send_all(first.get(), "go");
+  run_pending();
+  EXPECT_TRUE(was_closed(first.get()));
+  EXPECT_TRUE(was_closed(second.get()));
+}
+
+TEST_F(SocketServer, MayCloseAClientFromAMainLoopInItsCallback) {
+  const Descriptor first = connect(), second = connect();
+  server.on_message = [&](const Message &) {
+    iterate(2);
+    ptz_socket_server_close(server.get(), server.client(0));
+    iterate(2);
+    return TRUE;
+  };
+  send_all(first.get(), "one");
+  run_pending();
+  EXPECT_TRUE(was_closed(second.get()));
+  send_all(first.get(), "two");
+  run_pending();
+  EXPECT_EQ(server.client_count(), 0u);
+  EXPECT_EQ(server.messages.size(), 2u);
+}
+
 TEST_F(SocketServer, KeepsAClientWhoseDescriptorWasClosedByNobodyElse) {
   const Descriptor peer = connect();
   EXPECT_LT(iterations_within(30), 10);
