@@ -282,82 +282,27 @@ TEST_F(CommandPathCost, ARequestToAServerCallsTheSystemForTheTwoFrames) {
 
 // These take the place of the C library's functions in the whole test program, under names of their own because the
 // headers declare the real ones with attributes and inline bodies.
-#define TAKES_THE_PLACE_OF(name) asm(name) __attribute__((visibility("default"), used))
 
-namespace {
-
-template <typename Function>
-Function *next(const char *name) {
-  return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
-}
-
-}  // namespace
+#define COUNTED(result, name, parameters, arguments)                                               \
+  result counted_##name parameters asm(#name) __attribute__((visibility("default"), used));        \
+  result counted_##name parameters {                                                               \
+    static const auto real = reinterpret_cast<decltype(&counted_##name)>(dlsym(RTLD_NEXT, #name)); \
+    count_other_call();                                                                            \
+    return real arguments;                                                                         \
+  }
 
 extern "C" {
 
-ssize_t counted_recv(int fd, void *buffer, size_t length, int flags) TAKES_THE_PLACE_OF("recv");
-ssize_t counted_send(int fd, const void *buffer, size_t length, int flags) TAKES_THE_PLACE_OF("send");
-ssize_t counted_recvmsg(int fd, msghdr *message, int flags) TAKES_THE_PLACE_OF("recvmsg");
-ssize_t counted_sendmsg(int fd, const msghdr *message, int flags) TAKES_THE_PLACE_OF("sendmsg");
-ssize_t counted_readv(int fd, const iovec *pieces, int count) TAKES_THE_PLACE_OF("readv");
-ssize_t counted_writev(int fd, const iovec *pieces, int count) TAKES_THE_PLACE_OF("writev");
-int counted_getsockopt(int fd, int level, int name, void *value, socklen_t *length) TAKES_THE_PLACE_OF("getsockopt");
-int counted_usleep(useconds_t microseconds) TAKES_THE_PLACE_OF("usleep");
-int counted_nanosleep(const timespec *time, timespec *left) TAKES_THE_PLACE_OF("nanosleep");
-
-ssize_t counted_recv(int fd, void *buffer, size_t length, int flags) {
-  static const auto real = next<decltype(counted_recv)>("recv");
-  count_other_call();
-  return real(fd, buffer, length, flags);
-}
-
-ssize_t counted_send(int fd, const void *buffer, size_t length, int flags) {
-  static const auto real = next<decltype(counted_send)>("send");
-  count_other_call();
-  return real(fd, buffer, length, flags);
-}
-
-ssize_t counted_recvmsg(int fd, msghdr *message, int flags) {
-  static const auto real = next<decltype(counted_recvmsg)>("recvmsg");
-  count_other_call();
-  return real(fd, message, flags);
-}
-
-ssize_t counted_sendmsg(int fd, const msghdr *message, int flags) {
-  static const auto real = next<decltype(counted_sendmsg)>("sendmsg");
-  count_other_call();
-  return real(fd, message, flags);
-}
-
-ssize_t counted_readv(int fd, const iovec *pieces, int count) {
-  static const auto real = next<decltype(counted_readv)>("readv");
-  count_other_call();
-  return real(fd, pieces, count);
-}
-
-ssize_t counted_writev(int fd, const iovec *pieces, int count) {
-  static const auto real = next<decltype(counted_writev)>("writev");
-  count_other_call();
-  return real(fd, pieces, count);
-}
-
-int counted_getsockopt(int fd, int level, int name, void *value, socklen_t *length) {
-  static const auto real = next<decltype(counted_getsockopt)>("getsockopt");
-  count_other_call();
-  return real(fd, level, name, value, length);
-}
-
-int counted_usleep(useconds_t microseconds) {
-  static const auto real = next<decltype(counted_usleep)>("usleep");
-  count_other_call();
-  return real(microseconds);
-}
-
-int counted_nanosleep(const timespec *time, timespec *left) {
-  static const auto real = next<decltype(counted_nanosleep)>("nanosleep");
-  count_other_call();
-  return real(time, left);
-}
+COUNTED(ssize_t, recv, (int fd, void *buffer, size_t length, int flags), (fd, buffer, length, flags))
+COUNTED(ssize_t, send, (int fd, const void *buffer, size_t length, int flags), (fd, buffer, length, flags))
+COUNTED(ssize_t, recvmsg, (int fd, msghdr *message, int flags), (fd, message, flags))
+COUNTED(ssize_t, sendmsg, (int fd, const msghdr *message, int flags), (fd, message, flags))
+COUNTED(ssize_t, readv, (int fd, const iovec *pieces, int count), (fd, pieces, count))
+COUNTED(ssize_t, writev, (int fd, const iovec *pieces, int count), (fd, pieces, count))
+COUNTED(int, getsockopt, (int fd, int level, int name, void *value, socklen_t *length),
+        (fd, level, name, value, length))
+COUNTED(int, usleep, (useconds_t microseconds), (microseconds))
+COUNTED(int, nanosleep, (const timespec *time, timespec *left), (time, left))
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 
