@@ -9,8 +9,8 @@
  * where the key is missing there and present in the other. The shell accessors ask the shell store only.
  *
  * Each load throws away what its store held, also where it fails. Loaders hold their store's lock for the whole load,
- * so readers in other threads wait and never see half of it. A pipe is refused like a file that cannot be opened. A
- * record without a proper group or key is left out.
+ * so readers in other threads wait and never see half of it. What has no end, such as a pipe or a device, is refused like
+ * a file that cannot be opened. A record without a proper group or key is left out.
  *
  * A group that begins with "root." or "ROOT." is looked up without these five characters. An index of 0 or more is
  * appended to the group's name in decimal; a negative one is not.

@@ -4,7 +4,7 @@
 
 #include "base/check.h"
 #include "base/handles.h"
-#include "config/blocking_file.h"
+#include "config/endless_file.h"
 #include "config/key_file_value.h"
 
 namespace {
@@ -80,8 +80,9 @@ gchar *ptz_firmware_get_file_string(const gchar *file_path) {
   }
   ptz::Text contents;
   ptz::Error error;
-  if (ptz::is_pipe(file_path)) {
-    ptz::set_pipe_error(ptz::out(error));
+  struct stat status = {};
+  if (stat(file_path, &status) == 0 && !ptz::has_end(status)) {
+    ptz::set_not_a_file(ptz::out(error));
   } else {
     g_file_get_contents(file_path, ptz::out(contents), nullptr, ptz::out(error));
   }

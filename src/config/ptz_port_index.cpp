@@ -2,7 +2,7 @@
 
 #include "base/check.h"
 #include "base/handles.h"
-#include "config/blocking_file.h"
+#include "config/endless_file.h"
 
 namespace {
 

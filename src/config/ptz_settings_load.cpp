@@ -1,4 +1,3 @@
-#include <fcntl.h>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -7,7 +6,7 @@
 
 #include "base/check.h"
 #include "base/handles.h"
-#include "config/blocking_file.h"
+#include "config/endless_file.h"
 #include "config/settings_stores.h"
 #include "platform/kv_config.h"
 #include "ptz_settings.h"
@@ -23,7 +22,6 @@ constexpr char latin1[] = "ISO-8859-1";
 constexpr char utf8[] = "UTF-8";
 
 using Channel = ptz::Handle<GIOChannel, g_io_channel_unref>;
-using Buffer = ptz::Handle<GString, [](GString *text) { g_string_free(text, TRUE); }>;
 
 const char *message_of(const ptz::Error &error) { return error != nullptr ? error->message : "(NULL)"; }
 
@@ -138,15 +136,12 @@ bool load_records(GKeyFile *store, const PTZSettingsFileExt &file) {
 }
 
 Channel open_raw(const gchar *path, GError **error) {
-  if (ptz::is_pipe(path)) {
-    ptz::set_pipe_error(error);
-    return nullptr;
-  }
-  Channel channel(g_io_channel_new_file(path, "r", error));
-  if (channel != nullptr) {
-    fcntl(g_io_channel_unix_get_fd(channel.get()), F_SETFD, FD_CLOEXEC);
-    g_io_channel_set_encoding(channel.get(), nullptr, nullptr);
-  }
+  struct stat status = {};
+  ptz::UniqueFd file = ptz::open_with_end(path, status, error);
+  if (!file) return nullptr;
+  Channel channel(g_io_channel_unix_new(file.release()));
+  g_io_channel_set_close_on_unref(channel.get(), TRUE);
+  g_io_channel_set_encoding(channel.get(), nullptr, nullptr);
   return channel;
 }
 
@@ -273,7 +268,7 @@ gboolean ptz_settings_load_config_gkf(const PTZSettingsFile *files, const PTZSet
     log_func(LOG_ERR, "Error allocating memory, conf files will not be loaded");
     return FALSE;
   }
-  const Buffer text(g_string_new(nullptr));
+  const ptz::StringBuffer text(g_string_new(nullptr));
   for (const auto &file : list) {
     ptz::Text contents;
     gsize length = 0;
@@ -293,7 +288,7 @@ gboolean ptz_settings_load_config_gkf(const PTZSettingsFile *files, const PTZSet
 gboolean ptz_settings_shell_load_config(const PTZSettingsFile *files) {
   const ptz::MutexLock lock(&shell_store.lock);
   drop(shell_store.keys);
-  const Buffer text(g_string_new(nullptr));
+  const ptz::StringBuffer text(g_string_new(nullptr));
   g_string_append_printf(text.get(), "[%s]\n", ptz::settings::shell_group);
   for (auto *file = files; file != nullptr && file->path != nullptr; ++file) {
     ptz::Text contents;

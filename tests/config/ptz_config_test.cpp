@@ -231,6 +231,14 @@ TEST_F(DriverConfig, APipeIsAnErrorAndNoHang) {
   EXPECT_EQ(opened.compatible, untouched);
 }
 
+TEST_F(DriverConfig, ADeviceIsAnError) {
+  for (const std::string device : {"/dev/zero", "/dev/null"}) {
+    const auto opened = open_config(device, 1, 0);
+    EXPECT_FALSE(opened.key_file) << device;
+    EXPECT_TRUE(opened.error) << device;
+  }
+}
+
 TEST_F(DriverConfig, ALinkToNothingIsNoFile) {
   fs::create_symlink(dir.file("nowhere"), path);
   const auto opened = open_config(path, 1, 0);

@@ -306,6 +306,12 @@ TEST_F(FirmwareFile, AFolderIsLogged) {
   EXPECT_EQ(log.lines()[0].text.rfind("Failed to read " + dir.path() + ": ", 0), 0U) << log.lines()[0].text;
 }
 
+TEST_F(FirmwareFile, AnEndlessDeviceIsLogged) {
+  EXPECT_EQ(ptz_firmware_get_file_string("/dev/zero"), nullptr);
+  ASSERT_EQ(log.lines().size(), 1U);
+  EXPECT_EQ(log.lines()[0].text, "Failed to read /dev/zero: Not a regular file");
+}
+
 TEST_F(FirmwareFile, APipeIsLoggedAndNoHang) {
   ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
   EXPECT_EQ(owned(ptz_firmware_get_file_string(path.c_str())), std::nullopt);

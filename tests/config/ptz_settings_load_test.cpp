@@ -341,6 +341,17 @@ TEST_P(Loading, APipeEndsInAFailureNotInAHang) {
   EXPECT_EQ(value(), "one");
 }
 
+TEST_P(Loading, AnEndlessDeviceEndsInAFailure) {
+  EXPECT_FALSE(load({{"/dev/zero"}}));
+  ASSERT_EQ(log.lines().size(), 1U);
+  EXPECT_EQ(log.lines()[0].text.rfind("could not open file '/dev/zero': ", 0), 0U) << log.lines()[0].text;
+}
+
+TEST_P(Loading, TheNullDeviceIsAnEmptyFile) {
+  EXPECT_TRUE(load({{"/dev/null"}, {value_file("a", "one")}}));
+  EXPECT_EQ(value(), "one");
+}
+
 TEST_P(Loading, AnOptionalPipeIsSkipped) {
   const auto pipe = dir.file("pipe");
   ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);

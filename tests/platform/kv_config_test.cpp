@@ -153,9 +153,20 @@ TEST_F(KvConfig, AFileThatCannotBeOpenedSaysWhy) {
   EXPECT_EQ(failure(path), EACCES);
 }
 
-TEST_F(KvConfig, APipeIsNotWaitedFor) {
+TEST_F(KvConfig, WhatHasNoEndIsNotRead) {
   ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
-  EXPECT_NE(failure(path), 0);
+  EXPECT_EQ(failure(path), EINVAL);
+  EXPECT_EQ(failure("/dev/zero"), EINVAL);
+}
+
+TEST_F(KvConfig, TheNullDeviceIsAnEmptyFile) {
+  ASSERT_NE(kv_config_open("/dev/null"), 0);
+  EXPECT_EQ(rest(), Records{});
+}
+
+TEST_F(KvConfig, ACommentMayFollowAGroup) {
+  EXPECT_EQ(read("[G] # one\nA=1\n[H];\nB=2\n[I] x\n"),
+            (Records{{"G", "A", "1"}, {"H", "B", "2"}, {"H", "[I] x", std::nullopt}}));
 }
 
 TEST_F(KvConfig, AFileThatCannotBeReadToItsEndIsNotOpened) {

@@ -2,9 +2,11 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 #include <algorithm>
 #include <cerrno>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -43,6 +45,20 @@ bool read_all(int fd, std::string &text) {
   }
 }
 
+// A pipe, a socket or a device would be read for ever; the null device is how a file is left out on purpose.
+bool has_end(const struct stat &status) {
+  return S_ISREG(status.st_mode) || (S_ISCHR(status.st_mode) && status.st_rdev == makedev(1, 3));
+}
+
+// What is between the brackets of a "[Group]" line, which a comment may follow.
+std::optional<std::string_view> section_of(std::string_view line) {
+  const auto end = line.find(']');
+  if (line.front() != '[' || end == std::string_view::npos) return std::nullopt;
+  const auto rest = trimmed(line.substr(end + 1));
+  if (!rest.empty() && rest.front() != '#' && rest.front() != ';') return std::nullopt;
+  return trimmed(line.substr(1, end - 1));
+}
+
 // A key before any group names its group itself: "root.Group.Key" or "Group.Key".
 void split_path(OpenFile &file, std::string_view path) {
   const auto dot = path.rfind('.');
@@ -55,8 +71,8 @@ void split_path(OpenFile &file, std::string_view path) {
 bool parse_line(OpenFile &file, std::string_view line) {
   line = trimmed(line);
   if (line.empty() || line.front() == '#' || line.front() == ';') return false;
-  if (line.front() == '[' && line.back() == ']') {
-    file.section = trimmed(line.substr(1, line.size() - 2));
+  if (const auto section = section_of(line)) {
+    file.section = *section;
     file.in_section = true;
     return false;
   }
@@ -83,8 +99,8 @@ gint kv_config_open(const gchar *path) {
   if (!fd) return 0;
   struct stat status = {};
   if (fstat(fd.get(), &status) < 0) return 0;
-  if (S_ISDIR(status.st_mode) || S_ISFIFO(status.st_mode)) {
-    errno = S_ISDIR(status.st_mode) ? EISDIR : ESPIPE;
+  if (S_ISDIR(status.st_mode) || !has_end(status)) {
+    errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
     return 0;
   }
   std::string text;
