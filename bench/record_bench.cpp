@@ -3,16 +3,12 @@
 #include <benchmark/benchmark.h>
 #include <ptz.h>
 
-#include <algorithm>
 #include <array>
-#include <cstdio>
 #include <cstring>
-#include <map>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "handles.h"
+#include "ratios.h"
 
 namespace {
 
@@ -128,9 +124,7 @@ void read_variant(benchmark::State &state) {
   }
 }
 
-// What other programs take from this one can only make a repetition longer.
-double best(const std::vector<double> &repetitions) { return std::ranges::min(repetitions); }
-
+using ptz_bench::best;
 BENCHMARK(write_encoded)->ComputeStatistics("best", best);
 BENCHMARK(write_copied)->ComputeStatistics("best", best);
 BENCHMARK(write_variant)->ComputeStatistics("best", best);
@@ -138,39 +132,13 @@ BENCHMARK(read_encoded)->ComputeStatistics("best", best);
 BENCHMARK(read_copied)->ComputeStatistics("best", best);
 BENCHMARK(read_variant)->ComputeStatistics("best", best);
 
-// The console's table, and below it how the encoding compares.
-class RatioReporter : public benchmark::ConsoleReporter {
-  std::map<std::string, double> times_;
-
-  void compare(const char *what, const char *encoded, const char *copied, const char *variant) {
-    const double time = times_[encoded];
-    if (time <= 0 || times_[copied] <= 0 || times_[variant] <= 0) return;  // not all of them were run
-    std::printf("%s: %.2f times the memcpy; GVariant takes %.2f times as long\n", what, time / times_[copied],
-                times_[variant] / time);
-  }
-
- public:
-  RatioReporter() : ConsoleReporter(OO_Tabular) {}
-  void ReportRuns(const std::vector<Run> &runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const Run &run : runs) {
-      if (run.run_type == Run::RT_Aggregate && run.aggregate_name != "best") continue;
-      times_[run.run_name.function_name] = run.GetAdjustedCPUTime();
-    }
-  }
-  void Finalize() override {
-    compare("\nWriting the record", "write_encoded", "write_copied", "write_variant");
-    compare("Reading the record", "read_encoded", "read_copied", "read_variant");
-  }
+constexpr ptz_bench::Comparison comparisons[] = {
+    {"Writing the record beside the memcpy", "write_encoded", "write_copied", {.at_most = 6}},
+    {"GVariant beside writing the record", "write_variant", "write_encoded", {.at_least = 10}},
+    {"Reading the record beside the memcpy", "read_encoded", "read_copied"},
+    {"GVariant beside reading the record", "read_variant", "read_encoded"},
 };
 
 }  // namespace
 
-int main(int argc, char **argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  benchmark::Shutdown();
-  return 0;
-}
+int main(int argc, char **argv) { return ptz_bench::run_and_compare(argc, argv, comparisons); }

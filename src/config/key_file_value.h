@@ -1,5 +1,7 @@
 // src/config/key_file_value.h - a key file's values as text.
 #pragma once
+#include <cstring>
+
 #include "base/handles.h"
 
 namespace ptz {
@@ -45,7 +47,7 @@ inline void resolve_key_file_escapes(gchar *value) {
 [[nodiscard]] inline Text key_file_value(GKeyFile *key_file, const gchar *group, const gchar *key) {
   Text value(g_key_file_get_value(key_file, group, key, nullptr));
   if (value == nullptr || !g_utf8_validate(value.get(), -1, nullptr)) return nullptr;
-  resolve_key_file_escapes(value.get());
+  if (gchar *escape = std::strchr(value.get(), '\\')) resolve_key_file_escapes(escape);
   return value;
 }
 

@@ -1,8 +1,9 @@
+#include <array>
 #include <charconv>
 #include <cstdarg>
+#include <cstdio>
 #include <cstring>
 #include <limits>
-#include <string>
 #include <string_view>
 #include <system_error>
 
@@ -20,30 +21,73 @@ using ptz::settings::shell_store;
 constexpr gint no_index = -1;
 constexpr std::string_view root_prefixes[] = {"root.", "ROOT."};
 
+constexpr std::size_t usual_size = 128;  // of names: longer ones cost an allocation
+
 // A group's name as the stores hold it.
 class GroupName {
-  const gchar *plain_;
-  std::string indexed_;
+  const gchar *name_;
+  std::array<char, usual_size> buffer_;
+  ptz::Text longer_;
 
  public:
-  GroupName(const gchar *name, gint index) : plain_(name) {
+  GroupName(const gchar *name, gint index) : name_(name) {
+    if (name == nullptr) return;
     for (const auto prefix : root_prefixes) {
-      if (name != nullptr && std::string_view(name).starts_with(prefix)) plain_ = name + prefix.size();
+      if (std::strncmp(name, prefix.data(), prefix.size()) == 0) name_ = name + prefix.size();
     }
-    if (plain_ == nullptr || index < 0) return;
-    char digits[std::numeric_limits<gint>::digits10 + 1];
-    const auto result = std::to_chars(std::begin(digits), std::end(digits), index);
-    indexed_.append(plain_).append(digits, result.ptr);
-    plain_ = indexed_.c_str();
+    if (index < 0) return;
+    const std::size_t length = std::strlen(name_);
+    constexpr std::size_t digits = std::numeric_limits<gint>::digits10 + 1;
+    char *to = buffer_.data();
+    if (length + digits + 1 > buffer_.size()) {
+      longer_.reset(g_new(gchar, length + digits + 1));
+      to = longer_.get();
+    }
+    std::memcpy(to, name_, length);
+    *std::to_chars(to + length, to + length + digits, index).ptr = '\0';
+    name_ = to;
   }
   GroupName(GroupName &&) = delete;
-  [[nodiscard]] const gchar *get() const { return plain_; }
+  [[nodiscard]] const gchar *get() const { return name_; }
+};
+
+// What the arguments make of a format; null for a format that cannot be carried out.
+class Formatted {
+  std::array<char, usual_size> buffer_;
+  ptz::Text longer_;
+  gchar *text_ = nullptr;
+
+ public:
+  G_GNUC_PRINTF(2, 0) Formatted(const gchar *format, va_list arguments) {
+    va_list again;
+    va_copy(again, arguments);
+    const int length = std::vsnprintf(buffer_.data(), buffer_.size(), format, arguments);
+    if (length >= 0 && static_cast<std::size_t>(length) < buffer_.size()) {
+      text_ = buffer_.data();
+    } else if (length >= 0) {
+      longer_.reset(g_strdup_vprintf(format, again));
+      text_ = longer_.get();
+    }
+    va_end(again);
+  }
+  Formatted(Formatted &&) = delete;
+  [[nodiscard]] gchar *get() { return text_; }
 };
 
 // settings lock held
 GKeyFile *store_with(const gchar *group) {
   for (GKeyFile *store : {group_stores.key_file, group_stores.parsed}) {
     if (store != nullptr && g_key_file_has_group(store, group)) return store;
+  }
+  return nullptr;
+}
+
+// settings lock held. The first store that has the group answers, which the value itself shows in most cases.
+ptz::Text stored_value(const gchar *group, const gchar *key) {
+  for (GKeyFile *store : {group_stores.key_file, group_stores.parsed}) {
+    if (store == nullptr) continue;
+    auto value = ptz::key_file_value(store, group, key);
+    if (value != nullptr || g_key_file_has_group(store, group)) return value;
   }
   return nullptr;
 }
@@ -76,8 +120,7 @@ gchar *look_up(const gchar *group_name, gint index, const gchar *key) {
   ptz::Text value;
   {
     const ptz::MutexLock lock(&group_stores.lock);
-    GKeyFile *store = store_with(group.get());
-    if (store != nullptr) value = ptz::key_file_value(store, group.get(), key);
+    value = stored_value(group.get(), key);
   }
   clean_up(value.get());
   return value.release();
@@ -87,7 +130,8 @@ gchar *look_up_shell(const gchar *key) {
   ptz::Text value;
   {
     const ptz::MutexLock lock(&shell_store.lock);
-    if (shell_store.keys != nullptr) value = ptz::key_file_value(shell_store.keys, ptz::settings::shell_group, key);
+    if (shell_store.keys != nullptr && key != nullptr)
+      value = ptz::key_file_value(shell_store.keys, ptz::settings::shell_group, key);
   }
   clean_up(value.get());
   return value.release();
@@ -118,7 +162,7 @@ gboolean to_int(const ptz::Text &text, gint32 *value) {
 
 // Splits a path at its last dot. Null for a path without one.
 gchar *look_up_path(gchar *path) {
-  gchar *dot = std::strrchr(path, '.');
+  gchar *dot = path != nullptr ? std::strrchr(path, '.') : nullptr;
   if (dot == nullptr) return nullptr;
   *dot = '\0';
   return ptz_settings_get_custom_string(path, dot + 1);
@@ -184,7 +228,7 @@ gchar *ptz_settings_get_vp(const gchar *path_format, ...) {
   assert_in("ptz_settings.c", path_format);
   va_list arguments;
   va_start(arguments, path_format);
-  const ptz::Text path(g_strdup_vprintf(path_format, arguments));
+  Formatted path(path_format, arguments);
   va_end(arguments);
   return look_up_path(path.get());
 }
@@ -194,7 +238,7 @@ gboolean ptz_settings_get_int_vp(gint32 *value, const gchar *path_format, ...) {
   g_return_val_if_fail(value != NULL, FALSE);
   va_list arguments;
   va_start(arguments, path_format);
-  const ptz::Text path(g_strdup_vprintf(path_format, arguments));
+  Formatted path(path_format, arguments);
   va_end(arguments);
   return to_int(ptz::Text(look_up_path(path.get())), value);
 }
@@ -220,7 +264,7 @@ gchar *ptz_settings_shell_get_string(const gchar *key_format, ...) {
   g_return_val_if_fail(key_format != NULL, NULL);
   va_list arguments;
   va_start(arguments, key_format);
-  const ptz::Text key(g_strdup_vprintf(key_format, arguments));
+  Formatted key(key_format, arguments);
   va_end(arguments);
   return look_up_shell(key.get());
 }
@@ -230,7 +274,7 @@ gboolean ptz_settings_shell_get_boolean(gboolean *value, const gchar *key_format
   g_return_val_if_fail(key_format != NULL, FALSE);
   va_list arguments;
   va_start(arguments, key_format);
-  const ptz::Text key(g_strdup_vprintf(key_format, arguments));
+  Formatted key(key_format, arguments);
   va_end(arguments);
   return to_boolean(ptz::Text(look_up_shell(key.get())), value);
 }

@@ -1,7 +1,5 @@
 #include "fixtures.h"
 
-#include <cstdlib>
-#include <filesystem>
 #include <mutex>
 
 #include "clock.h"
@@ -19,17 +17,6 @@ void capture(const gchar *domain, GLogLevelFlags level, const gchar *text, gpoin
 }  // namespace
 
 namespace ptz_test {
-
-TempDir::TempDir() {
-  std::string pattern = (std::filesystem::temp_directory_path() / "ptz-test-XXXXXX").string();
-  if (mkdtemp(pattern.data()) == nullptr) std::abort();
-  path_ = pattern;
-}
-
-TempDir::~TempDir() {
-  std::error_code ignored;
-  std::filesystem::remove_all(path_, ignored);
-}
 
 GlibLogCapture::GlibLogCapture() {
   const std::lock_guard lock(messages_lock);

@@ -6,19 +6,9 @@
 #include <string>
 #include <vector>
 
+#include "temp_dir.h"
+
 namespace ptz_test {
-
-// A folder of its own for one test, removed with all that is in it.
-class TempDir {
-  std::string path_;
-
- public:
-  TempDir();
-  TempDir(const TempDir &) = delete;
-  ~TempDir();
-  [[nodiscard]] const std::string &path() const { return path_; }
-  [[nodiscard]] std::string file(const std::string &name) const { return path_ + "/" + name; }
-};
 
 // Collects what is logged through GLib during its life, at any level, instead of printing it.
 class GlibLogCapture {
