@@ -5,7 +5,6 @@
 //
 //   input       how the client is set up (1 byte), operations
 //   operation   low four bits: which (see `operations`), high four bits: its argument; some take further bytes
-#include <poll.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <algorithm>
@@ -13,7 +12,6 @@
 #include <cstring>
 #include <deque>
 #include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>

@@ -13,7 +13,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
-
 #include <string>
 #include <string_view>
 #include <tuple>
