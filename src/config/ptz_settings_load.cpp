@@ -103,9 +103,13 @@ std::string_view without_locale(std::string_view key) {
 }
 
 bool is_key_name(const gchar *name) {
-  const auto text = without_locale(name != nullptr ? name : "");
-  if (text.empty() || text.front() == ' ' || text.back() == ' ') return false;
-  return text.find_first_of("=[]") == std::string_view::npos;
+  if (name == nullptr) return false;
+  std::string_view text = name;
+  if (std::strpbrk(name, "=[]") != nullptr) {
+    text = without_locale(text);
+    if (text.find_first_of("=[]") != std::string_view::npos) return false;
+  }
+  return !text.empty() && text.front() != ' ' && text.back() != ' ';
 }
 
 // settings lock held. Sets the record in the store; false when its value cannot be converted.

@@ -26,13 +26,14 @@ struct OpenFile {
 };
 OpenFile *open_file = nullptr;
 
-constexpr std::string_view blanks = " \t\r\n\v\f";
 constexpr std::string_view root_prefix = "root.";
 
+bool is_blank(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
 std::string_view trimmed(std::string_view text) {
-  const auto first = text.find_first_not_of(blanks);
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(blanks) - first + 1);
+  while (!text.empty() && is_blank(text.front())) text.remove_prefix(1);
+  while (!text.empty() && is_blank(text.back())) text.remove_suffix(1);
+  return text;
 }
 
 bool read_all(int fd, std::string &text) {
