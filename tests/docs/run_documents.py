@@ -1,0 +1,81 @@
+"""Runs what the documents show: python3 run_documents.py FILE.md...
+
+A block of code is taken by the words behind its three backquotes:
+  c file=NAME       appended to the file NAME
+  sh                run by bash in the folder of those files; it must succeed
+  output            what the sh block before it printed; a line "..." stands for any lines
+Each document has a folder of its own; other blocks are for reading only.
+"""
+import os
+import re
+import signal
+import subprocess
+import sys
+import tempfile
+
+BLOCK = re.compile(r"^( *)```([^\n]*)\n(.*?)^\1```$", re.MULTILINE | re.DOTALL)
+
+
+def blocks(path):
+    with open(path, encoding="utf-8") as document:
+        text = document.read()
+    for match in BLOCK.finditer(text):
+        indent, words, code = match.groups()
+        line = text.count("\n", 0, match.start()) + 1
+        yield line, words.strip(), re.sub(f"^{indent}", "", code, flags=re.MULTILINE)
+
+
+def run_shell(code, folder):
+    """Exit status, output, errors. What the code left running is ended."""
+    with tempfile.TemporaryFile("w+") as output, tempfile.TemporaryFile("w+") as errors:
+        process = subprocess.Popen(["bash", "-euo", "pipefail", "-c", code], cwd=folder, stdin=subprocess.DEVNULL,
+                                   stdout=output, stderr=errors, start_new_session=True)
+        try:
+            status = process.wait(60)
+        except subprocess.TimeoutExpired:
+            status = "none after a minute"
+        try:
+            os.killpg(process.pid, signal.SIGKILL)
+        except ProcessLookupError:
+            pass
+        output.seek(0)
+        errors.seek(0)
+        return status, output.read(), errors.read()
+
+
+def is_shown(printed, shown):
+    pattern = "".join(r"(?:.*\n)*?" if line == "..." else re.escape(line) + r"\n" for line in shown.splitlines())
+    return re.fullmatch(pattern, printed) is not None
+
+
+def run(path, folder):
+    """What is wrong with the document, or None."""
+    printed, executed = None, 0
+    for line, words, code in blocks(path):
+        if match := re.fullmatch(r"\w+ file=(\S+)", words):
+            with open(os.path.join(folder, match[1]), "a", encoding="utf-8") as file:
+                file.write(code)
+        elif words == "sh":
+            status, printed, complaints = run_shell(code, folder)
+            executed += 1
+            if status != 0:
+                return f"{path}:{line}: exit status {status}\n{printed}{complaints}"
+        elif words == "output" and (printed is None or not is_shown(printed, code)):
+            return f"{path}:{line}: not what was printed:\n{printed}"
+    return None if executed else f"{path}: it shows nothing that can be run"
+
+
+def main(paths):
+    failures = 0
+    print(f"TAP version 13\n1..{len(paths)}")
+    for number, path in enumerate(paths, 1):
+        with tempfile.TemporaryDirectory(prefix="ptz-docs-") as folder:
+            problem = run(os.path.abspath(path), folder)
+        print(f"{'not ok' if problem else 'ok'} {number} - {os.path.basename(path)}")
+        if problem:
+            failures += 1
+            print("".join(f"# {line}\n" for line in problem.splitlines()), end="")
+    return 1 if failures else 0
+
+
+sys.exit(main(sys.argv[1:]))
