@@ -33,7 +33,8 @@ typedef gboolean (*PTZQueueCallback) (gpointer user_data, gpointer item);
 
 /**
  * ptz_queue_setup: (skip)
- * @context: the context that is to receive the items; `NULL` aborts
+ * @context: the context that is to receive the items, borrowed: the queue takes a reference of its own. `NULL`
+ *   aborts
  * @free_function: (nullable): releases an item after its delivery, or when the queue ends before it. At the queue's
  *   end it is called once more with `NULL`, after the last item
  * @priority: the priority of the source on @context

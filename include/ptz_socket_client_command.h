@@ -117,7 +117,8 @@ PTZ_API void ptz_socket_client_command_register_free_callback (PTZSocketClientCo
  * @body: (array length=length): the body of the request; borrowed
  * @length: bytes in @body, 1 to #PTZ_SOCKET_BODY_MAX. More is refused; 0 sends a frame that servers do not answer, and
  *   is reported as a failure
- * @request_context: (nullable): passed to the reply callback; `NULL` for a request whose reply, if any, is dropped
+ * @request_context: (nullable): passed to the reply callback, which owns it from then on; `NULL` for a request whose
+ *   reply, if any, is dropped
  *
  * Sends a request, waiting at most a second each for its header and its body to be taken, and returns. Replies that
  * have already arrived are handled first, in the calling thread, but not from within a reply callback of this client.
@@ -159,7 +160,7 @@ PTZ_API gboolean ptz_socket_client_command_sync_send (PTZSocketClientCommand *cl
 /**
  * cleanup_table_entry: (skip)
  * @entry: an entry of the client's list of pending requests; released by this call
- * @client: the #PTZSocketClientCommand
+ * @client: the #PTZSocketClientCommand, borrowed
  *
  * Releases one pending request that will not be answered any more, its context with the client's free callback. The
  * client calls it for each request that is pending when it ends; a #GFunc, for g_list_foreach().

@@ -164,7 +164,8 @@ PTZ_API void ptz_socket_server_register_callback (PTZSocketServer *server, PTZSo
 
 /**
  * ptz_socket_server_send: (skip)
- * @reply_context: (nullable): what the callback received; `NULL` answers nobody, successfully
+ * @reply_context: (nullable): what the callback received: freed by this call on a command server, borrowed on a plain
+ *   one; `NULL` answers nobody, successfully
  * @data: the answer; borrowed
  * @length: bytes in @data, at least 1
  *
@@ -192,7 +193,7 @@ PTZ_API void ptz_socket_server_close (PTZSocketServer *server, PTZSocketServerCl
 
 /**
  * ptz_socket_server_unref: (skip)
- * @reply_context: what the callback received
+ * @reply_context: what the callback received; borrowed
  *
  * Drops one reference of the server that the context names, such as one that was added to keep the server until a
  * later answer. Call it before that answer frees the context, or use g_object_unref() on the server.
