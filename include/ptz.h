@@ -8,6 +8,7 @@
 #include "ptz_firmware.h"
 #include "ptz_flag_types.h"
 #include "ptz_flags_utils.h"
+#include "ptz_gvalue_utils.h"
 #include "ptz_port_index.h"
 #include "ptz_queue.h"
 #include "ptz_serialize.h"
@@ -20,3 +21,4 @@
 #include "ptz_socket_server.h"
 #include "ptz_socket_server_command.h"
 #include "ptz_socket_signal.h"
+#include "ptz_string.h"

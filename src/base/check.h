@@ -15,5 +15,20 @@
     }                                                                            \
   } while (false)
 #define assert_not_reached_in(module) g_assertion_message_expr(G_LOG_DOMAIN, module, __LINE__, G_STRFUNC, nullptr)
+// A precondition that is tested more carefully than its text shows.
+#define return_val_if_fail_stated(expression, text, result)    \
+  do {                                                         \
+    if (G_UNLIKELY(!(expression))) {                           \
+      g_return_if_fail_warning(G_LOG_DOMAIN, G_STRFUNC, text); \
+      return result;                                           \
+    }                                                          \
+  } while (false)
+// GLib's g_return_val_if_reached(), naming the module for the file.
+#define return_val_if_reached_in(module, result)                                                                \
+  do {                                                                                                          \
+    g_log(G_LOG_DOMAIN, G_LOG_LEVEL_CRITICAL, "file %s: line %d (%s): should not be reached", module, __LINE__, \
+          G_STRFUNC);                                                                                           \
+    return result;                                                                                              \
+  } while (false)
 // The errno of the failed call reaches "%m": nothing may run between that call and this one.
 #define log_func(priority, format, ...) syslog((priority), "%s: " format, __func__ __VA_OPT__(, ) __VA_ARGS__)
