@@ -21,4 +21,6 @@
 #include "ptz_socket_server.h"
 #include "ptz_socket_server_command.h"
 #include "ptz_socket_signal.h"
+#include "ptz_status_cache.h"
 #include "ptz_string.h"
+#include "ptz_timing_log.h"

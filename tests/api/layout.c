@@ -143,6 +143,23 @@ FIELD (PTZFirmwareMinorTag, 4, gint32, second);
 FIELD (PTZFirmwareMinorTag, 8, gint32, third);
 SIZE (PTZFirmwareMinorTag, 12);
 
+FIELD (PTZStatusCacheTime, 0, guint32, seconds);
+FIELD (PTZStatusCacheTime, 4, guint32, fraction);
+SIZE (PTZStatusCacheTime, 8);
+FIELD (PTZStatusCacheParam, 0, const gchar *, key);
+FIELD (PTZStatusCacheParam, 8, guint32, size);
+FIELD (PTZStatusCacheParam, 16, gpointer, value);
+FIELD (PTZStatusCacheParam, 24, guint32, type);
+SIZE (PTZStatusCacheParam, 32);
+FIELD (PTZStatusCacheGroup, 0, gint32, group);
+FIELD (PTZStatusCacheGroup, 8, gchar *, name);
+FIELD (PTZStatusCacheGroup, 16, guint32, size);
+FIELD (PTZStatusCacheGroup, 20, guint32, instance);
+FIELD (PTZStatusCacheGroup, 24, gint32, count);
+FIELD (PTZStatusCacheGroup, 28, gint32, capacity);
+FIELD (PTZStatusCacheGroup, 32, PTZStatusCacheParam **, params);
+SIZE (PTZStatusCacheGroup, 40);
+
 #endif
 
 int

@@ -19,5 +19,12 @@ main (void)
   g_error_free (error);
   g_key_file_free (key_file);
   g_assert_false (g_file_test ("driver.conf", G_FILE_TEST_EXISTS));
+
+  gint32 max_pan = 0;
+  PTZStatusCacheGroup *limits = ptz_status_cache_setup_group (PTZ_SC_GROUP_LIMIT, 7, 1);
+  g_assert_true (ptz_status_cache_add_param (limits, PTZ_SC_PARAM_LIMIT_MAX_PAN, &max_pan));
+  g_assert_true (ptz_status_cache_fetch_group (limits));
+  g_assert_cmpint (max_pan, ==, 4711);
+  ptz_status_cache_free_group (limits);
   return 0;
 }
