@@ -23,4 +23,6 @@
 #include "ptz_socket_signal.h"
 #include "ptz_status_cache.h"
 #include "ptz_string.h"
+#include "ptz_tessel.h"
+#include "ptz_tessel_async.h"
 #include "ptz_timing_log.h"

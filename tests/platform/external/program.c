@@ -26,5 +26,10 @@ main (void)
   g_assert_true (ptz_status_cache_fetch_group (limits));
   g_assert_cmpint (max_pan, ==, 4711);
   ptz_status_cache_free_group (limits);
+
+  value = ptz_tessel_get ("root.Device");
+  g_assert_cmpstr (value, ==, "device: root.Device, mode 0");
+  g_free (value);
+  g_assert_cmpint (ptz_tessel_set ("root.Device", "v", FALSE, FALSE, FALSE, 0), ==, -109);
   return 0;
 }

@@ -1,6 +1,7 @@
 /* A device's platform services, as little of them as the library calls: no file is touched. */
 #include "platform/file_util.h"
 #include "platform/kv_config.h"
+#include "platform/param_service.h"
 #include "platform/status_store.h"
 #include <errno.h>
 
@@ -67,4 +68,65 @@ status_store_get_group (const gchar *name, StatusStoreParam **params, gint mode)
   }
   *(gint32 *) params[0]->value = 4711;
   return 1;
+}
+
+void
+param_service_reset_options (ParamServiceOptions *options)
+{
+  *options = (ParamServiceOptions) { 0 };
+}
+
+gchar *
+param_service_get_custom (const gchar *path, ParamServiceOptions *options, gint32 *error)
+{
+  return g_strdup_printf ("device: %s, mode %d", path, options->mode);
+}
+
+void
+param_service_set_custom (const gchar *path, const gchar *value, ParamServiceOptions *options, gint32 *error)
+{
+  *error = -100 - options->mode;
+}
+
+gchar *
+param_service_create_dynamic_group (const gchar *group_path, const gchar *template_name, ParamServiceOptions *options, gint32 *error)
+{
+  return NULL;
+}
+
+void
+param_service_delete_group (const gchar *group_path, ParamServiceOptions *options, gint32 *error)
+{
+}
+
+void
+param_service_sync (ParamServiceOptions *options, gint32 *error)
+{
+}
+
+ParamServiceGroupContext *
+param_service_get_params (const gchar *group_path, ParamServiceOptions *options, gint32 *error)
+{
+  return NULL;
+}
+
+void
+param_service_get_param (ParamServiceGroupContext *context, ParamServiceOptions *options, gint32 *error)
+{
+}
+
+ParamServiceGroupContext *
+param_service_get_child_groups (const gchar *group_path, ParamServiceOptions *options, gint32 *error)
+{
+  return NULL;
+}
+
+void
+param_service_get_child_group (ParamServiceGroupContext *context, ParamServiceOptions *options, gint32 *error)
+{
+}
+
+void
+param_service_cleanup_group_context (ParamServiceGroupContext *context)
+{
 }
