@@ -42,10 +42,22 @@ typedef struct {
   gint32 third;
 } PTZFirmwareMinorTag;
 
-/** PTZ_FIRMWARE_ERROR: the domain of every validation failure. */
+/**
+ * PTZ_FIRMWARE_ERROR:
+ *
+ * The domain of every validation failure.
+ */
 #define PTZ_FIRMWARE_ERROR (ptz_firmware_error_quark ())
-/** PTZ_FIRMWARE_ERROR_INCOMPATIBLE: the code of every validation failure. */
-#define PTZ_FIRMWARE_ERROR_INCOMPATIBLE 118
+
+/**
+ * PTZFirmwareError:
+ * @PTZ_FIRMWARE_ERROR_INCOMPATIBLE: the driver does not fit the system, or a tag has no sense
+ *
+ * The codes of validation failures.
+ */
+typedef enum {
+  PTZ_FIRMWARE_ERROR_INCOMPATIBLE = 118
+} PTZFirmwareError;
 
 /**
  * ptz_firmware_error_quark:
@@ -59,7 +71,7 @@ PTZ_API GQuark ptz_firmware_error_quark (void);
 /**
  * ptz_firmware_extract_majors:
  * @buf: a major tag; borrowed
- * @tags: (out caller-allocated): its parts
+ * @tags: (out caller-allocates): its parts
  *
  * Thread: any.
  *
@@ -70,7 +82,7 @@ PTZ_API gboolean ptz_firmware_extract_majors (const gchar *buf, PTZFirmwareMajor
 /**
  * ptz_firmware_extract_minors:
  * @buf: a minor tag; borrowed
- * @tags: (out caller-allocated): its parts
+ * @tags: (out caller-allocates): its parts
  *
  * Thread: any.
  *

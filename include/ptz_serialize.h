@@ -79,7 +79,7 @@ typedef gpointer (*PTZElementDeserializer) (GArray *array, guint32 *indx);
 typedef PTZSerializePair *(*PTZPairDeserializer) (GArray *array, guint32 *indx);
 
 /**
- * ptz_serialize_create_array:
+ * ptz_serialize_create_array: (skip)
  *
  * Thread: any.
  *
@@ -89,7 +89,7 @@ typedef PTZSerializePair *(*PTZPairDeserializer) (GArray *array, guint32 *indx);
 PTZ_API GArray *ptz_serialize_create_array (void);
 
 /**
- * ptz_serialize_8bit:
+ * ptz_serialize_8bit: (skip)
  * @array: (element-type guint8): where to append
  * @value: the value
  *
@@ -98,7 +98,7 @@ PTZ_API GArray *ptz_serialize_create_array (void);
 PTZ_API void ptz_serialize_8bit (GArray *array, guint8 value);
 
 /**
- * ptz_serialize_16bit:
+ * ptz_serialize_16bit: (skip)
  * @array: (element-type guint8): where to append
  * @value: the value
  *
@@ -107,7 +107,7 @@ PTZ_API void ptz_serialize_8bit (GArray *array, guint8 value);
 PTZ_API void ptz_serialize_16bit (GArray *array, guint16 value);
 
 /**
- * ptz_serialize_32bit:
+ * ptz_serialize_32bit: (skip)
  * @array: (element-type guint8): where to append
  * @value: the value
  *
@@ -116,7 +116,7 @@ PTZ_API void ptz_serialize_16bit (GArray *array, guint16 value);
 PTZ_API void ptz_serialize_32bit (GArray *array, guint32 value);
 
 /**
- * ptz_serialize_string:
+ * ptz_serialize_string: (skip)
  * @array: (element-type guint8): where to append
  * @string: the text, borrowed. Its length is written modulo 65536 although all its bytes are: no reader can make
  *   sense of a string of 64 KiB or more
@@ -126,9 +126,9 @@ PTZ_API void ptz_serialize_32bit (GArray *array, guint32 value);
 PTZ_API void ptz_serialize_string (GArray *array, const gchar *string);
 
 /**
- * ptz_serialize_blob:
+ * ptz_serialize_blob: (skip)
  * @array: (element-type guint8): where to append
- * @data: (array length=len): the bytes, borrowed
+ * @data: (array length=len) (element-type guint8): the bytes, borrowed
  * @len: how many
  *
  * Thread: the one that uses @array.

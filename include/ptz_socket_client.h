@@ -18,14 +18,14 @@ typedef struct _PTZSocketClientClass PTZSocketClientClass;
 
 /**
  * PTZSocketClientCallback:
- * @user_data: what was given to ptz_socket_client_register_callback(); for a #PTZSocketClientCommand the request's
- *   context
- * @data: (nullable): what arrived; valid during the call
+ * @context: (type gsize): what was given to ptz_socket_client_register_callback(); for a #PTZSocketClientCommand the
+ *   request's context
+ * @data: (nullable) (array length=length) (element-type guint8): what arrived; valid during the call
  * @length: bytes in @data
  *
  * Receives incoming data on the default main context's thread. It may send on the client, and may drop it.
  */
-typedef void (*PTZSocketClientCallback) (gpointer user_data, gpointer data, guint32 length);
+typedef void (*PTZSocketClientCallback) (gpointer context, gpointer data, guint32 length);
 
 /**
  * PTZSocketClient:
@@ -86,7 +86,7 @@ PTZ_API PTZSocketClient *ptz_socket_client_new (GType object_type, const gchar *
 /**
  * ptz_socket_client_register_callback:
  * @client: a client
- * @callback: (nullable) (scope forever): the receiver; `NULL` for none
+ * @callback: (nullable) (scope notified): the receiver; `NULL` for none
  * @user_data: passed to @callback; borrowed
  *
  * Thread: the one of the default main context.
@@ -117,7 +117,7 @@ PTZ_API void ptz_socket_client_remove_poll (PTZSocketClient *client);
 /**
  * ptz_socket_client_async_send:
  * @client: a client
- * @data: (array length=length): what to send; borrowed
+ * @data: (array length=length) (element-type guint8): what to send; borrowed
  * @length: bytes in @data, at least 1
  *
  * Sends @data as it is, waiting at most a second for a peer that does not read. On a client that is not connected it

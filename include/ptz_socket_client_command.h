@@ -102,7 +102,7 @@ PTZ_API PTZSocketClientCommand *ptz_socket_client_command_new (const gchar *path
 /**
  * ptz_socket_client_command_register_free_callback:
  * @client: a client
- * @free_callback: (nullable) (scope forever): releases the context of a request that never got an answer
+ * @free_callback: (nullable) (scope notified): releases the context of a request that never got an answer
  * @free_user_data: passed to @free_callback; borrowed
  *
  * Thread: the one of the default main context.
@@ -114,7 +114,7 @@ PTZ_API void ptz_socket_client_command_register_free_callback (PTZSocketClientCo
 /**
  * ptz_socket_client_command_async_send:
  * @client: a client
- * @body: (array length=length): the body of the request; borrowed
+ * @body: (array length=length) (element-type guint8): the body of the request; borrowed
  * @length: bytes in @body, 1 to #PTZ_SOCKET_BODY_MAX. More is refused; 0 sends a frame that servers do not answer, and
  *   is reported as a failure
  * @request_context: (nullable): passed to the reply callback, which owns it from then on; `NULL` for a request whose

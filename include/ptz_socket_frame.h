@@ -11,11 +11,27 @@
  */
 #pragma once
 
-/** PTZ_SOCKET_FRAME_HEADER_SIZE: bytes of a frame before its body. */
+/**
+ * PTZ_SOCKET_FRAME_HEADER_SIZE:
+ *
+ * Bytes of a frame before its body.
+ */
 #define PTZ_SOCKET_FRAME_HEADER_SIZE 8u
-/** PTZ_SOCKET_FRAME_MAX: bytes of the longest frame, header included. */
+/**
+ * PTZ_SOCKET_FRAME_MAX:
+ *
+ * Bytes of the longest frame, header included.
+ */
 #define PTZ_SOCKET_FRAME_MAX 2560u
-/** PTZ_SOCKET_BODY_MAX: bytes of the longest body; also what a buffer for a reply must hold. */
+/**
+ * PTZ_SOCKET_BODY_MAX:
+ *
+ * Bytes of the longest body; also what a buffer for a reply must hold.
+ */
 #define PTZ_SOCKET_BODY_MAX 2552u
-/** PTZ_SOCKET_FRAME_UNKNOWN: stands for the length of a frame whose header has not arrived yet. */
+/**
+ * PTZ_SOCKET_FRAME_UNKNOWN:
+ *
+ * Stands for the length of a frame whose header has not arrived yet.
+ */
 #define PTZ_SOCKET_FRAME_UNKNOWN 0xFFFFFFFFu

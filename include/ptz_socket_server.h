@@ -66,7 +66,7 @@ struct _PTZSocketServerReplyContext {
  * PTZSocketServerCallback:
  * @user_data: what was given to ptz_socket_server_register_callback()
  * @reply_context: what to answer with, see ptz_socket_server_send()
- * @data: (array length=length): the message, followed by a NUL byte; valid during the call
+ * @data: (array length=length) (element-type guint8): the message, followed by a NUL byte; valid during the call
  * @length: bytes in @data, the NUL not counted
  *
  * Receives one message on the default main context's thread.
@@ -154,7 +154,7 @@ PTZ_API PTZSocketServer *ptz_socket_server_fd_new (GType object_type, gint fd, g
 /**
  * ptz_socket_server_register_callback:
  * @server: a server
- * @callback: (scope forever): the receiver of messages; until one is set, messages are read and dropped
+ * @callback: (scope notified): the receiver of messages; until one is set, messages are read and dropped
  * @user_data: passed to @callback; borrowed
  *
  * Thread: the one of the default main context.
@@ -163,10 +163,10 @@ PTZ_API void ptz_socket_server_register_callback (PTZSocketServer *server, PTZSo
                                                   gpointer user_data);
 
 /**
- * ptz_socket_server_send: (skip)
+ * ptz_socket_server_send:
  * @reply_context: (nullable): what the callback received: freed by this call on a command server, borrowed on a plain
  *   one; `NULL` answers nobody, successfully
- * @data: the answer; borrowed
+ * @data: (array length=length) (element-type guint8): the answer; borrowed
  * @length: bytes in @data, at least 1
  *
  * Answers a message, through the class of the server that the context names.

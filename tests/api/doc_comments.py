@@ -15,7 +15,7 @@ from typing import NamedTuple
 
 OWNERSHIP = re.compile(
     r"\b(transfer (full|none|container|floating)|borrow\w*|owns?|owned|owner|free[sd]?|releas\w+|unref\w*|cop(y|ies|ied)"
-    r"|the caller's|caller-allocated|g_\w*(free|unref)\w*)\b")
+    r"|the caller's|caller-allocates|g_\w*(free|unref)\w*)\b")
 ANNOTATION = re.compile(r'\s*\(([a-z][^()]*(?:\([^()]*\))?[^()]*)\)')
 NUMBERS = r'(g?(u?int(8|16|32|64)?|size|ssize|boolean|double|float|u?short|u?long|u?char)|GType|PTZ\w+Capabilities)'
 
