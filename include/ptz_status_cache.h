@@ -76,7 +76,7 @@ typedef struct {
 } PTZStatusCacheGroup;
 
 /**
- * ptz_status_cache_setup_group:
+ * ptz_status_cache_setup_group: (skip)
  * @group: a group
  * @instance: the PTZ instance, in the caller's numbering
  * @max_params: how many parameters may be bound; none where it is negative
@@ -91,7 +91,7 @@ typedef struct {
 PTZ_API PTZStatusCacheGroup *ptz_status_cache_setup_group (PTZSCGroup group, guint instance, gint max_params);
 
 /**
- * ptz_status_cache_add_param:
+ * ptz_status_cache_add_param: (skip)
  * @handle: (nullable): a handle
  * @param: a parameter of the handle's group; 58, which has no enumerator, is the flag for the overview mode
  * @value: the caller's variable for it, which must outlive the use of the handle
@@ -106,7 +106,7 @@ PTZ_API PTZStatusCacheGroup *ptz_status_cache_setup_group (PTZSCGroup group, gui
 PTZ_API gboolean ptz_status_cache_add_param (PTZStatusCacheGroup *handle, PTZSCParam param, gpointer value);
 
 /**
- * ptz_status_cache_update_group:
+ * ptz_status_cache_update_group: (skip)
  * @handle: (nullable): a handle
  *
  * Writes the values of all bound parameters to the store, in one call of it; makes the group where that fails, and tries
@@ -119,7 +119,7 @@ PTZ_API gboolean ptz_status_cache_add_param (PTZStatusCacheGroup *handle, PTZSCP
 PTZ_API gboolean ptz_status_cache_update_group (PTZStatusCacheGroup *handle);
 
 /**
- * ptz_status_cache_fetch_group:
+ * ptz_status_cache_fetch_group: (skip)
  * @handle: (nullable): a handle
  *
  * Reads the values of all bound parameters from the store, in one call of it. What the store returns, the number of
@@ -133,7 +133,7 @@ PTZ_API gboolean ptz_status_cache_update_group (PTZStatusCacheGroup *handle);
 PTZ_API gboolean ptz_status_cache_fetch_group (PTZStatusCacheGroup *handle);
 
 /**
- * ptz_status_cache_free_group:
+ * ptz_status_cache_free_group: (skip)
  * @handle: (nullable) (transfer full): a handle
  *
  * Releases the handle. The store and the caller's variables are not touched.
