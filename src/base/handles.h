@@ -27,6 +27,11 @@ template <typename T>
   return Object<T>(g_object_ref(object));
 }  // adds one
 
+// A failure may come without an error, as where GLib refuses an argument.
+[[nodiscard]] inline const char *message_of(const Error &error, const char *without_error = "(NULL)") {
+  return error != nullptr ? error->message : without_error;
+}
+
 // For a "T **" argument: load(path, out(error)). Filled when the full expression ends: read it one statement later.
 template <typename H>
 class out {

@@ -23,8 +23,6 @@ constexpr char utf8[] = "UTF-8";
 
 using Channel = ptz::Handle<GIOChannel, g_io_channel_unref>;
 
-const char *message_of(const ptz::Error &error) { return error != nullptr ? error->message : "(NULL)"; }
-
 void drop(GKeyFile *&store) {
   if (store != nullptr) g_key_file_unref(std::exchange(store, nullptr));
 }
@@ -120,7 +118,7 @@ bool store_record(GKeyFile *store, const KvConfigRecord &record, const PTZSettin
     ptz::Error error;
     converted.reset(g_convert(value, -1, utf8, latin1, nullptr, nullptr, ptz::out(error)));
     if (converted == nullptr) {
-      syslog(LOG_ERR, "could not convert file '%s' from ISO-8859-1: %s", file.path, message_of(error));
+      syslog(LOG_ERR, "could not convert file '%s' from ISO-8859-1: %s", file.path, ptz::message_of(error));
       return false;
     }
     value = converted.get();
@@ -157,12 +155,12 @@ Contents read_contents(const gchar *path, gboolean mandatory, ptz::Text &content
   const Channel channel = open_raw(path, ptz::out(error));
   if (channel == nullptr) {
     if (!mandatory) return Contents::skipped;
-    syslog(LOG_ERR, "could not open file '%s': %s", path, message_of(error));
+    syslog(LOG_ERR, "could not open file '%s': %s", path, ptz::message_of(error));
     return Contents::failed;
   }
   const GIOStatus status = g_io_channel_read_to_end(channel.get(), ptz::out(contents), &length, ptz::out(error));
   if (status == G_IO_STATUS_NORMAL) return Contents::read;
-  syslog(LOG_ERR, "failed reading file '%s': %s", path, message_of(error));
+  syslog(LOG_ERR, "failed reading file '%s': %s", path, ptz::message_of(error));
   return Contents::failed;
 }
 
@@ -171,7 +169,7 @@ gboolean parse_into(GKeyFile *&store, const GString *text) {
   store = g_key_file_new();
   ptz::Error error;
   if (g_key_file_load_from_data(store, text->str, text->len, G_KEY_FILE_NONE, ptz::out(error))) return TRUE;
-  syslog(LOG_ERR, "could not load settings: %s", message_of(error));
+  syslog(LOG_ERR, "could not load settings: %s", ptz::message_of(error));
   drop(store);
   store = g_key_file_new();
   return FALSE;
@@ -305,7 +303,7 @@ gboolean ptz_settings_shell_load_config(const PTZSettingsFile *files) {
       contents.reset(
           g_convert(contents.get(), static_cast<gssize>(length), utf8, latin1, nullptr, &length, ptz::out(error)));
       if (contents == nullptr) {
-        syslog(LOG_ERR, "could not convert file '%s' from ISO-8859-1: %s", file->path, message_of(error));
+        syslog(LOG_ERR, "could not convert file '%s' from ISO-8859-1: %s", file->path, ptz::message_of(error));
         return FALSE;
       }
     }

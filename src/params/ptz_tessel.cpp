@@ -57,8 +57,6 @@ struct Call {
   Call() { param_service_reset_options(&options); }
 };
 
-const gchar *message_of(const ptz::Error &error) { return error != nullptr ? error->message : ""; }
-
 gchar *read(const gchar *path) {
   Call call;
   ptz::Text value(param_service_get_custom(path, &call.options, &call.error));
@@ -67,7 +65,7 @@ gchar *read(const gchar *path) {
   ptz::Error error;
   ptz::Text converted(g_convert(value.get(), -1, utf8, latin1, nullptr, nullptr, ptz::out(error)));
   if (converted == nullptr) {
-    syslog(LOG_ERR, "Could not convert value '%s' from ISO-8859-1: %s", value.get(), message_of(error));
+    syslog(LOG_ERR, "Could not convert value '%s' from ISO-8859-1: %s", value.get(), message_of(error, ""));
   }
   return converted.release();
 }

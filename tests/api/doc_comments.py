@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
-"""Usage: doc_comments.py SYMBOLS HEADER...
+"""Usage: doc_comments.py SYMBOLS GENERATED_PREFIX HEADER...
 
 Tells, for each exported symbol of the list, what its comment in the headers leaves open: the comment itself, a
 parameter, the result, who owns what is handed over, or the thread that may call it. Silent where nothing is missing.
+Names with the prefix are declared in a header that a generator makes; the header that includes it describes them.
 
 Ownership is stated with an annotation, "(transfer full)", or in words: who borrows, owns, copies, frees. Some pointers
 need no statement, because there is one convention for all of them: texts (const gchar *) are borrowed for the call, so
@@ -157,9 +158,9 @@ def check(symbols, headers):
         yield f'{name} is in a header and not exported'
 
 
-def main(symbols, *headers):
+def main(symbols, generated_prefix, *headers):
     with open(symbols, encoding='ascii') as file:
-        names = file.read().split()
+        names = [name for name in file.read().split() if not name.startswith(generated_prefix)]
     texts = []
     for path in headers:
         with open(path, encoding='utf-8') as file:

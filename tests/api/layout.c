@@ -23,6 +23,15 @@ typedef guint (*AddRetrySlot) (PTZSocket *);
 typedef gboolean (*SendSlot) (gpointer, gconstpointer, guint32);
 typedef gpointer (*GetReplyContextSlot) (PTZSocketServer *, PTZSocketServerClient *);
 typedef gchar Text32[32];
+typedef gboolean (*RegisterSlot) (PTZGDBusServer *, GDBusInterfaceSkeleton *, const gchar *, gint);
+typedef gboolean (*RequestNameSlot) (PTZGDBusServer *, const gchar *);
+typedef gboolean (*RegisterFullPathSlot) (PTZGDBusServer *, GDBusInterfaceSkeleton *, const gchar *);
+typedef gboolean (*SetProxySlot) (PTZGDBusClient *, const gchar *, gint);
+typedef gboolean (*SetProxyFullSlot) (PTZGDBusClient *, const gchar *, const gchar *, const gchar *);
+typedef GDBusProxy *(*GetProxySlot) (PTZGDBusClient *);
+typedef gboolean (*ConnectDestroySignalSlot) (PTZGDBusClient *, PTZGDBusClientDestroyCallback, gpointer);
+typedef void (*DisconnectDestroySignalSlot) (PTZGDBusClient *);
+typedef struct ConfigEvent *ConfigEventPointer;
 
 FIELD (PTZSocket, 0, GObject, parent_instance);
 FIELD (PTZSocket, 24, gchar *, socket);
@@ -159,6 +168,41 @@ FIELD (PTZStatusCacheGroup, 24, gint32, count);
 FIELD (PTZStatusCacheGroup, 28, gint32, capacity);
 FIELD (PTZStatusCacheGroup, 32, PTZStatusCacheParam **, params);
 SIZE (PTZStatusCacheGroup, 40);
+
+FIELD (PTZGDBusServer, 0, GObject, parent_instance);
+FIELD (PTZGDBusServer, 24, GDBusInterfaceSkeleton *, skeleton);
+SIZE (PTZGDBusServer, 32);
+FIELD (PTZGDBusServerClass, 0, GObjectClass, parent_class);
+FIELD (PTZGDBusServerClass, 136, GDBusConnection *, connection);
+FIELD (PTZGDBusServerClass, 144, RegisterSlot, dbus_register);
+FIELD (PTZGDBusServerClass, 152, RequestNameSlot, dbus_request_name);
+FIELD (PTZGDBusServerClass, 160, RegisterFullPathSlot, dbus_register_obj_full_path);
+FIELD (PTZGDBusServerClass, 168, RequestNameSlot, dbus_request_name_full_path);
+SIZE (PTZGDBusServerClass, 176);
+
+FIELD (PTZGDBusClient, 0, GObject, parent_instance);
+FIELD (PTZGDBusClient, 24, GDBusProxy *, proxy);
+FIELD (PTZGDBusClient, 32, gchar *, bus_name);
+FIELD (PTZGDBusClient, 40, gchar *, object_path);
+FIELD (PTZGDBusClient, 48, gchar *, interface_name);
+FIELD (PTZGDBusClient, 56, gulong, destroy_handler);
+FIELD (PTZGDBusClient, 64, PTZGDBusClientDestroyCallback, destroy_callback);
+FIELD (PTZGDBusClient, 72, gpointer, user_data);
+SIZE (PTZGDBusClient, 80);
+FIELD (PTZGDBusClientClass, 0, GObjectClass, parent_class);
+FIELD (PTZGDBusClientClass, 136, GDBusConnection *, connection);
+FIELD (PTZGDBusClientClass, 144, SetProxySlot, set_proxy);
+FIELD (PTZGDBusClientClass, 152, SetProxyFullSlot, set_proxy_full);
+FIELD (PTZGDBusClientClass, 160, GetProxySlot, get_proxy);
+FIELD (PTZGDBusClientClass, 168, ConnectDestroySignalSlot, connect_destroy_signal);
+FIELD (PTZGDBusClientClass, 176, DisconnectDestroySignalSlot, disconnect_destroy_signal);
+SIZE (PTZGDBusClientClass, 184);
+
+FIELD (PTZLegacyConfigHandler, 0, PTZGDBusServer *, server);
+FIELD (PTZLegacyConfigHandler, 8, gchar *, owner_name);
+FIELD (PTZLegacyConfigHandler, 16, gchar *, object_path);
+FIELD (PTZLegacyConfigHandler, 24, ConfigEventPointer, event);
+SIZE (PTZLegacyConfigHandler, 32);
 
 #endif
 

@@ -25,6 +25,8 @@ constexpr ObjectType object_types[] = {
      sizeof(PTZSocketClientSignalDataReadyClass), sizeof(PTZSocketClientSignalDataReady)},
     {"PTZSocketClientCommand", ptz_socket_client_command_get_type, "PTZSocketClient",
      sizeof(PTZSocketClientCommandClass), sizeof(PTZSocketClientCommand)},
+    {"PTZGDBusServer", ptz_g_dbus_server_get_type, "GObject", sizeof(PTZGDBusServerClass), sizeof(PTZGDBusServer)},
+    {"PTZGDBusClient", ptz_g_dbus_client_get_type, "GObject", sizeof(PTZGDBusClientClass), sizeof(PTZGDBusClient)},
 };
 
 class ObjectTypes : public testing::TestWithParam<ObjectType> {};

@@ -23,7 +23,7 @@ if [[ -n $(find "$scratch/build" -name 'libptznimbo_platform*') ]]; then
   exit 1
 fi
 
-cc -Wall -Wextra -Werror -o "$scratch/program" "$here/program.c" -I"$root/include" -L"$scratch/build/src" \
+cc -Wall -Wextra -Werror -o "$scratch/program" "$here/program.c" -I"$root/include" -I"$scratch/build/include" -L"$scratch/build/src" \
   -lptznimbo_common -Wl,-rpath-link,"$scratch/device" "${glib_flags[@]}"
 cd "$scratch"
 LD_LIBRARY_PATH=$scratch/build/src:$scratch/device ./program

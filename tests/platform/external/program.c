@@ -31,5 +31,11 @@ main (void)
   g_assert_cmpstr (value, ==, "device: root.Device, mode 0");
   g_free (value);
   g_assert_cmpint (ptz_tessel_set ("root.Device", "v", FALSE, FALSE, FALSE, 0), ==, -109);
+
+  PTZLegacyConfigHandler handler = { NULL, (gchar *) "device", (gchar *) "/head", NULL };
+  GHashTable *changes = g_hash_table_new (g_str_hash, g_str_equal);
+  g_hash_table_insert (changes, (gpointer) "Speed", (gpointer) "3");
+  g_assert_true (ptz_legacy_config_send_event (&handler, 7, 2, changes));
+  g_hash_table_unref (changes);
   return 0;
 }

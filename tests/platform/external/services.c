@@ -1,4 +1,5 @@
 /* A device's platform services, as little of them as the library calls: no file is touched. */
+#include "platform/config_event.h"
 #include "platform/file_util.h"
 #include "platform/kv_config.h"
 #include "platform/param_service.h"
@@ -129,4 +130,52 @@ param_service_get_child_group (ParamServiceGroupContext *context, ParamServiceOp
 void
 param_service_cleanup_group_context (ParamServiceGroupContext *context)
 {
+}
+
+static gchar *changes;
+
+ConfigEvent *
+config_event_new (const gchar *event_name, gint first, gint second)
+{
+  return NULL;
+}
+
+gboolean
+config_event_declare (ConfigEvent *event, const gchar *owner, const gchar *object_path, const gchar *interface_name, GError **error)
+{
+  return FALSE;
+}
+
+gboolean
+config_event_undeclare (ConfigEvent *event, const gchar *owner, const gchar *object_path, const gchar *interface_name, GError **error)
+{
+  return config_event_declare (event, owner, object_path, interface_name, error);
+}
+
+void
+config_event_init_change_string (ConfigEvent *event)
+{
+  g_clear_pointer (&changes, g_free);
+}
+
+void
+config_event_append_escaped_pair (ConfigEvent *event, const gchar *key, const gchar *value)
+{
+  changes = g_strdup_printf ("<%s><%s>", key, value);
+}
+
+gboolean
+config_event_send (ConfigEvent *event, const gchar *owner, const gchar *object_path, const gchar *interface_name,
+                   const gchar *event_key, gint event_kind, GError **error)
+{
+  gchar *sent = g_strdup_printf ("%s %s %s %d %s", owner, object_path, event_key, event_kind, changes);
+  gboolean expected = g_strcmp0 (sent, "device /head /head/2 7 <Speed><3>") == 0;
+  g_free (sent);
+  return expected;
+}
+
+void
+config_event_free (ConfigEvent *event)
+{
+  g_clear_pointer (&changes, g_free);
 }

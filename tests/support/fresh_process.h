@@ -1,4 +1,4 @@
-// tests/config/fresh_process.h - checks in a process of their own.
+// tests/support/fresh_process.h - checks in a process of their own.
 #pragma once
 #include <gtest/gtest.h>
 #include <sys/wait.h>
