@@ -8,7 +8,7 @@ G_BEGIN_DECLS
 struct ConfigEvent;
 
 /**
- * PTZLegacyConfigHandler:
+ * PTZLegacyConfigHandler: (skip)
  * @server: what exports the interface; owned
  * @owner_name: who declares and sends configuration events; owned
  * @object_path: "/com/velk/PTZ/NAME"; owned
@@ -24,7 +24,7 @@ typedef struct {
 } PTZLegacyConfigHandler;
 
 /**
- * ptz_legacy_config_setup:
+ * ptz_legacy_config_setup: (skip)
  * @skeleton: the caller's skeleton of the interface (ptz_legacy_config_dynamic_configuration_legacy_skeleton_new()),
  *   with its handlers; borrowed until the clean-up
  * @event_name: the name of the configuration event; borrowed
@@ -43,7 +43,7 @@ PTZ_API PTZLegacyConfigHandler *ptz_legacy_config_setup (GDBusInterfaceSkeleton 
                                                          const gchar *owner_name, const gchar *short_name);
 
 /**
- * ptz_legacy_config_cleanup:
+ * ptz_legacy_config_cleanup: (skip)
  * @handler: (nullable) (transfer full): a handler
  *
  * Takes back the declaration, unexports the skeleton and frees @handler.
@@ -53,7 +53,7 @@ PTZ_API PTZLegacyConfigHandler *ptz_legacy_config_setup (GDBusInterfaceSkeleton 
 PTZ_API void ptz_legacy_config_cleanup (PTZLegacyConfigHandler *handler);
 
 /**
- * ptz_legacy_config_prop_changed:
+ * ptz_legacy_config_prop_changed: (skip)
  * @handler: a handler; `NULL` aborts
  * @key: the name of the entry that has changed, in UTF-8; `NULL` aborts
  * @value: its new value: an int, a boolean or a string; borrowed; `NULL` aborts
@@ -67,7 +67,7 @@ PTZ_API void ptz_legacy_config_cleanup (PTZLegacyConfigHandler *handler);
 PTZ_API void ptz_legacy_config_prop_changed (PTZLegacyConfigHandler *handler, const gchar *key, const GValue *value);
 
 /**
- * ptz_legacy_config_send_event:
+ * ptz_legacy_config_send_event: (skip)
  * @handler: a handler; `NULL` aborts
  * @event_kind: the kind of change, for the platform's configuration-event service
  * @index: the number of the set that has changed, or a negative number for all
