@@ -4,6 +4,8 @@
 Runs g-ir-scanner, and gives the values of registered enumerations the names and the comments that they have in the
 headers. The scanner takes the names that a type was registered with for those in C, as is the custom. Ours are texts
 for logs and configuration keys, such as "Error reply", and no identifiers in any language.
+
+A comment that begins with "Thread:" gets this word in bold. To Markdown it would be data about the page, not shown.
 """
 import re
 import subprocess
@@ -43,7 +45,7 @@ def name_members(kind, declared):
         member.set('name', identifier.lower().removeprefix(prefix))
         member.set(C_IDENTIFIER, identifier)
         if comment and member.find(DOC) is None:
-            doc = ElementTree.Element(DOC, {'{http://www.w3.org/XML/1998/namespace}space': 'preserve'})
+            doc = ElementTree.Element(DOC, kind.find(DOC).attrib)
             doc.text = comment
             member.insert(0, doc)
 
@@ -71,6 +73,8 @@ def main(arguments):
         for found in tree.iterfind(f'./namespace/{kind}', NAMESPACES):
             if found.get(GET_TYPE):
                 name_members(found, declared[found.get(C_TYPE)])
+    for doc in tree.iter(DOC):
+        doc.text = re.sub(r'^Thread:', '**Thread:**', doc.text, flags=re.MULTILINE)
     tree.write(output, encoding='utf-8', xml_declaration=True)
     return 0
 

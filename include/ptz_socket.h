@@ -52,6 +52,12 @@ struct _PTZSocket {
 };
 
 /**
+ * PTZSocket:socket:
+ *
+ * The path that the endpoint was made with, set by its constructor.
+ */
+
+/**
  * PTZSocketClass:
  * @read: reads up to @length bytes from @fd; returns the count
  * @write: writes @length bytes to @fd; returns the count

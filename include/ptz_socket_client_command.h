@@ -31,8 +31,8 @@ typedef void (*PTZSocketClientCommandFreeCallback) (gpointer request_context, gp
 /**
  * PTZSocketClientCommand:
  * @fill: bytes of the incoming frame received so far
- * @expected: length of the incoming frame, #PTZ_SOCKET_FRAME_UNKNOWN until its header is there
- * @buffer: the incoming frame, #PTZ_SOCKET_FRAME_MAX bytes, owned
+ * @expected: length of the incoming frame, `PTZ_SOCKET_FRAME_UNKNOWN` until its header is there
+ * @buffer: the incoming frame, `PTZ_SOCKET_FRAME_MAX` bytes, owned
  * @next_id: message id of the next request
  * @pending: asynchronous requests that await a reply, oldest first
  * @timeout_source: id of the running expiry timer, 0 if none
@@ -115,7 +115,7 @@ PTZ_API void ptz_socket_client_command_register_free_callback (PTZSocketClientCo
  * ptz_socket_client_command_async_send:
  * @client: a client
  * @body: (array length=length) (element-type guint8): the body of the request; borrowed
- * @length: bytes in @body, 1 to #PTZ_SOCKET_BODY_MAX. More is refused; 0 sends a frame that servers do not answer, and
+ * @length: bytes in @body, 1 to `PTZ_SOCKET_BODY_MAX`. More is refused; 0 sends a frame that servers do not answer, and
  *   is reported as a failure
  * @request_context: (nullable): passed to the reply callback, which owns it from then on; `NULL` for a request whose
  *   reply, if any, is dropped
@@ -141,8 +141,8 @@ PTZ_API gboolean ptz_socket_client_command_async_send (PTZSocketClientCommand *c
  * ptz_socket_client_command_sync_send: (skip)
  * @client: a client
  * @body: the body of the request; borrowed
- * @length: bytes in @body, 1 to #PTZ_SOCKET_BODY_MAX
- * @reply_buffer: where the body of the reply goes: at least #PTZ_SOCKET_BODY_MAX bytes of the caller's
+ * @length: bytes in @body, 1 to `PTZ_SOCKET_BODY_MAX`
+ * @reply_buffer: where the body of the reply goes: at least `PTZ_SOCKET_BODY_MAX` bytes of the caller's
  * @reply_length_out: where its length goes
  *
  * Sends a request and waits for its reply, at most ten seconds. Meanwhile the main loop does not watch the descriptor;

@@ -41,9 +41,9 @@ struct _PTZSocketServerCommandReplyContext {
 /**
  * PTZSocketServerCommand:
  * @fill: bytes of the current frame received so far
- * @expected: length of the current frame, #PTZ_SOCKET_FRAME_UNKNOWN until its header is there
+ * @expected: length of the current frame, `PTZ_SOCKET_FRAME_UNKNOWN` until its header is there
  * @message_id: message id of the last complete frame
- * @buffer: the frame being assembled, #PTZ_SOCKET_FRAME_MAX bytes, owned
+ * @buffer: the frame being assembled, `PTZ_SOCKET_FRAME_MAX` bytes, owned
  * @have_message: a complete frame was delivered and no reply context was made for it yet
  *
  * A server whose clients send frames (see ptz_socket_frame.h). Its callback receives only complete bodies; a frame
@@ -71,7 +71,7 @@ struct _PTZSocketServerCommand {
  * incomplete, -1 at an end of file, on an error and for a length that cannot be.
  *
  * Its send makes one attempt each to write the header and the body, frees the reply context, and returns `TRUE` when
- * both were written. A reply of more than #PTZ_SOCKET_BODY_MAX bytes is refused. For one of 0 bytes the header is sent
+ * both were written. A reply of more than `PTZ_SOCKET_BODY_MAX` bytes is refused. For one of 0 bytes the header is sent
  * and the result is `FALSE`. A client that took only a part of the frame is closed, since nothing may follow it.
  */
 struct _PTZSocketServerCommandClass {
