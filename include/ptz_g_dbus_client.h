@@ -146,7 +146,7 @@ PTZ_API GDBusProxy *ptz_g_dbus_client_get_proxy (PTZGDBusClient *self);
 /**
  * ptz_g_dbus_client_connect_destroy_signal:
  * @self: a client with a proxy
- * @callback: (nullable) (scope forever): called each time the service leaves the bus
+ * @callback: (nullable) (scope notified): called each time the service leaves the bus
  * @user_data: for @callback; borrowed
  *
  * Thread: that of the proxy. @callback runs on the main context that the proxy was made in.
