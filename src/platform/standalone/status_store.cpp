@@ -18,7 +18,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include "base/handles.h"
@@ -45,6 +44,7 @@ constexpr mode_t directory_mode = 0775, file_mode = 0664;  // the umask takes fr
 constexpr std::size_t max_name_length = 200;
 constexpr std::uint32_t max_group_size = 32768;  // what a group's size may be: key and value lengths have 16 bits
 constexpr std::uint64_t slot_count = 8;
+constexpr std::uint64_t max_directory_bytes = max_group_size * 4;
 constexpr int max_read_attempts = 10'000;
 constexpr long lock_patience_ns = 100'000'000;
 constexpr std::int64_t look_interval_ns = 1'000'000'000;
@@ -56,26 +56,33 @@ constexpr std::uint32_t words_for(std::size_t bytes) {
   return static_cast<std::uint32_t>((bytes + sizeof(Word) - 1) / sizeof(Word));
 }
 
-// What stands before the key and the value of each entry of a state.
+// A state in a slot: the values, one behind the other, and then, from the next word on, the directory that says what
+// they are. The directory is written to a slot only where it holds another one.
+struct SlotHeader {
+  Word sequence;
+  Word checksum;  // of all that is in the slot but the directory's words
+  Word layout;    // the sequence under which the directory was published first; none while it is written
+  Word value_bytes;
+  Word directory_bytes;
+  Word directory_checksum;
+  Word unused[2];
+};
+constexpr std::uint32_t slot_header_words = sizeof(SlotHeader) / sizeof(Word);
+constexpr Word no_layout = ~Word{0};
+
+// What stands before each key in a directory.
 struct EntryHeader {
-  std::uint16_t key_bytes;  // with the NUL
-  std::uint16_t value_bytes;
   std::uint32_t type;
+  std::uint16_t value_bytes;
+  std::uint16_t key_bytes;  // with the NUL
 };
 constexpr std::size_t min_entry_bytes = 3;  // a key of one character, its NUL, one byte of value
 
-struct SlotHeader {
-  Word sequence;
-  Word checksum;
-  Word used_bytes;
-};
-
+// One word more than the bytes need, since values and directory are rounded up separately.
 constexpr std::uint32_t state_words(std::uint32_t group_size) {
-  return words_for(group_size + group_size / min_entry_bytes * sizeof(EntryHeader));
+  return words_for(group_size + group_size / min_entry_bytes * sizeof(EntryHeader)) + 1;
 }
-constexpr std::uint32_t slot_words(std::uint32_t group_size) {
-  return words_for(sizeof(SlotHeader)) + state_words(group_size);
-}
+constexpr std::uint32_t slot_words(std::uint32_t group_size) { return slot_header_words + state_words(group_size); }
 
 // What never changes in a file. Processes that would read the file otherwise do not take it for theirs.
 struct Identity {
@@ -103,26 +110,59 @@ constexpr std::size_t file_size(std::uint32_t group_size) {
 Word load(const Word &word) { return std::atomic_ref<Word>(const_cast<Word &>(word)).load(std::memory_order_acquire); }
 void store(Word &word, Word value) { std::atomic_ref<Word>(word).store(value, std::memory_order_release); }
 
+Word mix(Word sum, Word word) {
+  constexpr Word odd = 0x9E3779B97F4A7C15;
+  return (sum ^ word) * odd;
+}
+
 // Copies words and returns their checksum. Four sums side by side, since each step of one waits for the step before.
 template <typename Copy>
-Word copy_words(std::uint32_t count, Word seed, Copy copy) {
-  Word sums[4] = {seed, ~seed, count, 0};
+Word copy_words(std::uint32_t count, Copy copy) {
+  Word sums[4] = {count, 1, 2, 3};
   std::uint32_t i = 0;
   for (; i + 4 <= count; i += 4) {
     for (std::uint32_t lane = 0; lane < 4; ++lane) sums[lane] = std::rotl(sums[lane], 7) ^ copy(i + lane);
   }
   for (; i < count; ++i) sums[i % 4] = std::rotl(sums[i % 4], 7) ^ copy(i);
-  constexpr Word odd = 0x9E3779B97F4A7C15;
-  return (((sums[0] * odd ^ sums[1]) * odd ^ sums[2]) * odd ^ sums[3]) * odd;
+  Word all = 0;
+  for (const Word sum : sums) all = mix(all, sum);
+  return all;
 }
 
-// A process's own copy of a state.
-struct State {
-  std::unique_ptr<Word[]> words;
-  std::optional<Word> sequence;  // none where the copy is not whole
-  std::uint32_t used_bytes = 0;
+// The checksum of a slot, given that of its values.
+Word checksum_of(const SlotHeader &header, Word value_checksum) {
+  Word sum = value_checksum;
+  for (const Word word :
+       {header.sequence, header.layout, header.value_bytes, header.directory_bytes, header.directory_checksum}) {
+    sum = mix(sum, word);
+  }
+  return sum;
+}
 
-  explicit State(std::uint32_t group_size) : words(new Word[state_words(group_size)]) {}
+struct Field {
+  std::string_view key;  // ended by a NUL
+  std::uint32_t type;
+  std::uint32_t offset;
+  std::uint32_t size;
+};
+
+// A directory that is whole, in this process.
+struct Layout {
+  Word number = no_layout;
+  std::vector<Word> directory;  // the keys in the fields point into it
+  std::uint32_t directory_bytes = 0;
+  Word directory_checksum = 0;
+  std::uint32_t value_bytes = 0;
+  std::vector<Field> fields;
+};
+
+// A state in this process.
+struct State {
+  std::unique_ptr<Word[]> words;  // the values
+  std::optional<Word> sequence;   // none where the values are not whole
+  Layout layout;
+
+  explicit State(std::uint32_t group_size) : words(new Word[words_for(group_size) + 1]()) {}
   [[nodiscard]] char *bytes() const { return reinterpret_cast<char *>(words.get()); }
 };
 
@@ -136,7 +176,7 @@ struct Mapping {
   Mapping *older = nullptr;  // what the group's file was before it was made anew
   std::atomic<bool> state_in_use = false;
   State state;
-  std::vector<std::uint32_t> positions;  // where an update's values are in the state
+  std::vector<const Field *> targets;  // of an update
 
   explicit Mapping(std::uint32_t size) : group_size(size), state(size) {}
   [[nodiscard]] Word *slot(Word sequence) const {
@@ -174,19 +214,8 @@ std::string path_of(std::string_view directory, std::string_view name) {
   return std::string(directory).append("/").append(name).append(file_suffix);
 }
 
-bool is_name(const gchar *name) {
-  if (name == nullptr || *name == '\0' || *name == '.') return false;
-  const std::size_t length = strnlen(name, max_name_length + 1);
-  return length <= max_name_length && std::memchr(name, '/', length) == nullptr;
-}
-
-bool are_params(StatusStoreParam *const *params) {
-  if (params == nullptr) return false;
-  for (; *params != nullptr; ++params) {
-    const auto &param = **params;
-    if (param.key == nullptr || *param.key == '\0' || param.size == 0 || param.value == nullptr) return false;
-  }
-  return true;
+bool is_name(std::string_view name) {
+  return !name.empty() && name.size() <= max_name_length && name.front() != '.' && name.find('/') == name.npos;
 }
 
 // --- files ------------------------------------------------------------------------------------------------------
@@ -216,12 +245,13 @@ FileHeader *map_file(int fd, std::size_t size, int protection) {
   return memory == MAP_FAILED ? nullptr : static_cast<FileHeader *>(memory);
 }
 
-// The state without entries, under sequence 0, is what the checksum of the first slot has to match.
+// A new file's bytes are zero: its first state is that of sequence 0, without values.
 void set_up_file(FileHeader *header, std::uint32_t group_size) {
   header->identity = identity_of(group_size);
   set_up_mutex(header->writers);
   auto *slot = reinterpret_cast<SlotHeader *>(header + 1);
-  slot->checksum = copy_words(0, 0, [](std::uint32_t) { return Word{0}; });
+  slot->directory_checksum = copy_words(0, [](std::uint32_t) { return Word{0}; });
+  slot->checksum = checksum_of(*slot, slot->directory_checksum);
 }
 
 // Opens a group's file, and takes nothing in it for granted.
@@ -262,9 +292,9 @@ Mapping *open_mapping(const std::string &path, Access access) {
 
 // --- groups -----------------------------------------------------------------------------------------------------
 
+// Names differ in their lengths and last characters.
 std::atomic<Group *> &bucket_of(std::string_view name) {
-  std::size_t hash = name.size();
-  for (const char c : name) hash = hash * 31 + static_cast<unsigned char>(c);
+  const std::size_t hash = name.empty() ? 0 : name.size() * 5 + static_cast<unsigned char>(name.back());
   return groups[hash % std::size(groups)];
 }
 
@@ -299,6 +329,10 @@ bool is_current(const Mapping &mapping, const std::string &path, bool &is_damage
 
 // The slow way to a mapping: the group is new to this process, or its file has to be looked at again.
 Mapping *look_up(Group *group, std::string_view directory, std::string_view name, Access access) {
+  if (!is_name(name)) {
+    errno = EINVAL;
+    return nullptr;
+  }
   const auto path = path_of(directory, name);
   auto *known = group != nullptr ? group->mappings[access].load(std::memory_order_acquire) : nullptr;
   if (known != nullptr) {
@@ -336,28 +370,76 @@ Mapping *mapping_of(const gchar *name_text, Access access) {
 
 // --- states -----------------------------------------------------------------------------------------------------
 
+// Reads a directory that has its checksum; false for one that makes no sense all the same.
+bool read_directory(Layout &layout) {
+  const char *const bytes = reinterpret_cast<const char *>(layout.directory.data());
+  layout.fields.clear();
+  std::uint32_t offset = 0;
+  for (std::uint32_t position = 0; position < layout.directory_bytes;) {
+    EntryHeader header;
+    if (layout.directory_bytes - position < sizeof header) return false;
+    std::memcpy(&header, bytes + position, sizeof header);
+    position += sizeof header;
+    if (header.key_bytes < 2 || header.value_bytes == 0 || layout.directory_bytes - position < header.key_bytes) {
+      return false;
+    }
+    const char *key = bytes + position;
+    if (strnlen(key, header.key_bytes) + 1 != header.key_bytes) return false;
+    layout.fields.push_back({{key, header.key_bytes - std::size_t{1}}, header.type, offset, header.value_bytes});
+    offset += header.value_bytes;
+    position += header.key_bytes;
+  }
+  return offset == layout.value_bytes;
+}
+
 // Copies what is published now; 0, or the error.
 int read_state(const Mapping &mapping, State &state) {
   for (int attempt = 0; attempt < max_read_attempts; ++attempt) {
     const Word sequence = load(mapping.header->published);
     if (state.sequence == sequence) return 0;
     const Word *slot = mapping.slot(sequence);
-    const auto *header = reinterpret_cast<const SlotHeader *>(slot);
-    const Word *words = slot + words_for(sizeof(SlotHeader));
-    const Word slot_sequence = load(header->sequence), checksum = load(header->checksum);
-    const Word used_bytes = load(header->used_bytes);
-    const bool fits = used_bytes <= state_words(mapping.group_size) * sizeof(Word);
-    Word sum = 0;
+    const auto *shared = reinterpret_cast<const SlotHeader *>(slot);
+    const Word *values = slot + slot_header_words;
+    SlotHeader header = {};
+    header.sequence = load(shared->sequence);
+    header.checksum = load(shared->checksum);
+    header.layout = load(shared->layout);
+    header.value_bytes = load(shared->value_bytes);
+    header.directory_bytes = load(shared->directory_bytes);
+    header.directory_checksum = load(shared->directory_checksum);
+
+    // Nothing of this is believed until the sequence and the checksums say that it is a whole state.
+    const bool fits =
+        header.value_bytes <= mapping.group_size && header.directory_bytes < max_directory_bytes &&
+        words_for(header.value_bytes) + words_for(header.directory_bytes) <= state_words(mapping.group_size);
+    const bool is_new_layout = header.layout != state.layout.number;
+    Word value_checksum = 0, directory_checksum = header.directory_checksum;
     state.sequence.reset();
     if (fits) {
-      sum =
-          copy_words(words_for(used_bytes), sequence, [&](std::uint32_t i) { return state.words[i] = load(words[i]); });
+      const auto value_words = words_for(header.value_bytes);
+      value_checksum = copy_words(value_words, [&](std::uint32_t i) { return state.words[i] = load(values[i]); });
+      if (is_new_layout) {
+        auto &directory = state.layout.directory;
+        const Word *words = values + value_words;
+        state.layout.number = no_layout;
+        directory.resize(words_for(header.directory_bytes));
+        directory_checksum = copy_words(static_cast<std::uint32_t>(directory.size()),
+                                        [&](std::uint32_t i) { return directory[i] = load(words[i]); });
+      }
     }
-    // The slot of this state is written to again once six more are published, not before.
-    if (load(mapping.header->published) - sequence > slot_count - 2) continue;
-    if (!fits || slot_sequence != sequence || sum != checksum) return EBADMSG;
+    // The slot of this state is written to again once seven more are published, not before.
+    if (load(mapping.header->published) - sequence >= slot_count - 1) continue;
+    if (!fits || header.sequence != sequence || header.checksum != checksum_of(header, value_checksum)) return EBADMSG;
+    if (is_new_layout) {
+      auto &layout = state.layout;
+      if (directory_checksum != header.directory_checksum) return EBADMSG;
+      layout.directory_bytes = static_cast<std::uint32_t>(header.directory_bytes);
+      layout.directory_checksum = directory_checksum;
+      layout.value_bytes = static_cast<std::uint32_t>(header.value_bytes);
+      if (!read_directory(layout)) return EBADMSG;
+      layout.number = header.layout;
+    }
     state.sequence = sequence;
-    state.used_bytes = static_cast<std::uint32_t>(used_bytes);
     return 0;
   }
   return EBUSY;
@@ -365,62 +447,49 @@ int read_state(const Mapping &mapping, State &state) {
 
 // writers' mutex held
 void publish(const Mapping &mapping, State &state, Word sequence) {
+  const auto &layout = state.layout;
+  const auto value_words = words_for(layout.value_bytes);
   Word *slot = mapping.slot(sequence);
-  auto *header = reinterpret_cast<SlotHeader *>(slot);
-  Word *words = slot + words_for(sizeof(SlotHeader));
-  store(header->sequence, sequence);
-  store(header->used_bytes, state.used_bytes);
-  const Word sum = copy_words(words_for(state.used_bytes), sequence, [&](std::uint32_t i) {
-    store(words[i], state.words[i]);
+  Word *values = slot + slot_header_words;
+  auto *shared = reinterpret_cast<SlotHeader *>(slot);
+  // A writer that died may have left a directory under the number that is ours now.
+  if (load(shared->layout) != layout.number || layout.number == sequence) {
+    store(shared->layout, no_layout);
+    for (std::size_t i = 0; i < layout.directory.size(); ++i) store(values[value_words + i], layout.directory[i]);
+    store(shared->value_bytes, layout.value_bytes);
+    store(shared->directory_bytes, layout.directory_bytes);
+    store(shared->directory_checksum, layout.directory_checksum);
+    store(shared->layout, layout.number);
+  }
+  const SlotHeader header = {.sequence = sequence,
+                             .checksum = 0,
+                             .layout = layout.number,
+                             .value_bytes = layout.value_bytes,
+                             .directory_bytes = layout.directory_bytes,
+                             .directory_checksum = layout.directory_checksum,
+                             .unused = {}};
+  store(shared->sequence, sequence);
+  const Word value_checksum = copy_words(value_words, [&](std::uint32_t i) {
+    store(values[i], state.words[i]);
     return state.words[i];
   });
-  store(header->checksum, sum);
+  store(shared->checksum, checksum_of(header, value_checksum));
   store(mapping.header->published, sequence);
   state.sequence = sequence;
 }
 
-struct Entry {
-  EntryHeader header;
-  char *key;
-  char *value;
-  std::uint32_t end;
-};
-
-// The entry at a position; false where there cannot be one.
-bool read_entry(const State &state, std::uint32_t position, Entry &entry) {
-  char *bytes = state.bytes() + position;
-  const std::uint32_t left = state.used_bytes - position;
-  if (left < sizeof entry.header) return false;
-  std::memcpy(&entry.header, bytes, sizeof entry.header);
-  const std::uint32_t length = sizeof entry.header + entry.header.key_bytes + entry.header.value_bytes;
-  if (length > left || entry.header.key_bytes == 0) return false;
-  entry.key = bytes + sizeof entry.header;
-  entry.value = entry.key + entry.header.key_bytes;
-  entry.end = position + length;
-  return entry.value[-1] == '\0';
+// Callers ask for keys in the order in which they are stored: each search begins behind the one before.
+const Field *find_field(const std::vector<Field> &fields, const gchar *key, std::size_t &cursor) {
+  for (std::size_t i = 0; i < fields.size(); ++i) {
+    if (cursor == fields.size()) cursor = 0;
+    const auto &field = fields[cursor++];
+    if (std::strcmp(field.key.data(), key) == 0) return &field;
+  }
+  return nullptr;
 }
 
-enum class Search { found, missing, damaged };
-
-// Callers ask for keys in the order in which they are stored: each search begins where the one before has ended.
-Search find_entry(const State &state, const gchar *key, std::uint32_t &cursor, Entry &entry) {
-  const std::uint32_t first = cursor < state.used_bytes ? cursor : 0;
-  std::uint32_t position = first;
-  bool is_behind_end = false;
-  while (state.used_bytes != 0) {
-    if (!read_entry(state, position, entry)) return Search::damaged;
-    if (std::strcmp(entry.key, key) == 0) {
-      cursor = entry.end;
-      return Search::found;
-    }
-    position = entry.end;
-    if (position == state.used_bytes) {
-      position = 0;
-      is_behind_end = true;
-    }
-    if (is_behind_end && position >= first) break;
-  }
-  return Search::missing;
+bool is_param(const StatusStoreParam &param) {
+  return param.key != nullptr && *param.key != '\0' && param.size != 0 && param.value != nullptr;
 }
 
 // The usual sizes need no call.
@@ -438,101 +507,90 @@ void copy_value(void *to, const void *from, std::uint32_t size) {
 }
 
 int read_values(const State &state, StatusStoreParam **params) {
-  std::uint32_t cursor = 0;
+  std::size_t cursor = 0;
   int count = 0;
   for (; *params != nullptr; ++params) {
     const auto &param = **params;
-    Entry entry;
-    const auto result = find_entry(state, param.key, cursor, entry);
-    if (result == Search::damaged) return fail(EBADMSG);
-    if (result == Search::missing) continue;
-    if (entry.header.value_bytes != param.size || entry.header.type != param.type) continue;
-    copy_value(param.value, entry.value, param.size);
+    if (!is_param(param)) return fail(EINVAL);
+    const auto *field = find_field(state.layout.fields, param.key, cursor);
+    if (field == nullptr || field->size != param.size || field->type != param.type) continue;
+    copy_value(param.value, state.bytes() + field->offset, param.size);
     ++count;
   }
   return count;
 }
 
-// writers' mutex held. Finds the given values in the state; false where the state has no room of this size for one.
-Search find_values(Mapping &mapping, StatusStoreParam *const *params) {
-  std::uint32_t cursor = 0;
-  mapping.positions.clear();
-  for (; *params != nullptr; ++params) {
-    Entry entry;
-    const auto result = find_entry(mapping.state, (*params)->key, cursor, entry);
-    if (result != Search::found) return result;
-    if (entry.header.value_bytes != (*params)->size) return Search::missing;
-    mapping.positions.push_back(static_cast<std::uint32_t>(entry.end - entry.header.value_bytes));
-    if (entry.header.type != (*params)->type) return Search::missing;
-  }
-  return Search::found;
-}
-
-struct Value {
-  std::string_view key;
-  const void *bytes;
-  std::uint32_t size;
-  std::uint32_t type;
-};
-
-// writers' mutex held. The state with the given values; 0, or the error.
-int build_state(const Mapping &mapping, StatusStoreParam *const *params, std::vector<char> &bytes) {
-  std::vector<Value> values;
-  for (std::uint32_t position = 0; position < mapping.state.used_bytes;) {
-    Entry entry;
-    if (!read_entry(mapping.state, position, entry)) return EBADMSG;
-    values.push_back({entry.key, entry.value, entry.header.value_bytes, entry.header.type});
-    position = entry.end;
+// writers' mutex held. A state with the given values, some of them new or of another size or type; 0, or the error.
+int change_layout(const Mapping &mapping, State &state, StatusStoreParam *const *params, Word number) {
+  struct Value {
+    std::string_view key;
+    const void *bytes;
+    std::uint32_t type;
+    std::uint32_t size;
+  };
+  std::vector<Value> all;
+  for (const auto &field : state.layout.fields) {
+    all.push_back({field.key, state.bytes() + field.offset, field.type, field.size});
   }
   for (; *params != nullptr; ++params) {
-    const Value given = {(*params)->key, (*params)->value, (*params)->size, (*params)->type};
-    auto known = values.begin();
-    while (known != values.end() && known->key != given.key) ++known;
-    if (known != values.end()) {
+    const Value given = {(*params)->key, (*params)->value, (*params)->type, (*params)->size};
+    auto known = all.begin();
+    while (known != all.end() && known->key != given.key) ++known;
+    if (known != all.end()) {
       *known = given;
     } else {
-      values.push_back(given);
+      all.push_back(given);
     }
   }
   std::uint64_t total = 0;
-  for (const auto &value : values) total += value.key.size() + 1 + std::uint64_t{value.size};
+  for (const auto &value : all) total += value.key.size() + 1 + std::uint64_t{value.size};
   if (total > mapping.group_size) return ENOSPC;
-  for (const auto &value : values) {
-    const EntryHeader header = {static_cast<std::uint16_t>(value.key.size() + 1),
-                                static_cast<std::uint16_t>(value.size), value.type};
-    const auto append = [&](const void *from, std::size_t size) {
-      bytes.insert(bytes.end(), static_cast<const char *>(from), static_cast<const char *>(from) + size);
-    };
-    append(&header, sizeof header);
-    append(value.key.data(), value.key.size());
-    bytes.push_back('\0');
-    append(value.bytes, value.size);
+
+  std::string directory, values;
+  for (const auto &value : all) {
+    const EntryHeader header = {value.type, static_cast<std::uint16_t>(value.size),
+                                static_cast<std::uint16_t>(value.key.size() + 1)};
+    directory.append(reinterpret_cast<const char *>(&header), sizeof header).append(value.key).push_back('\0');
+    values.append(static_cast<const char *>(value.bytes), value.size);
   }
+  state.sequence.reset();
+  auto &layout = state.layout;
+  layout.number = no_layout;
+  layout.directory.assign(words_for(directory.size()), 0);
+  directory.copy(reinterpret_cast<char *>(layout.directory.data()), directory.size());
+  layout.directory_bytes = static_cast<std::uint32_t>(directory.size());
+  layout.directory_checksum = copy_words(static_cast<std::uint32_t>(layout.directory.size()),
+                                         [&](std::uint32_t i) { return layout.directory[i]; });
+  layout.value_bytes = static_cast<std::uint32_t>(values.size());
+  values.copy(state.bytes(), values.size());
+  read_directory(layout);
+  layout.number = number;
   return 0;
 }
 
 // writers' mutex held. 0, or the error.
 int write_values(Mapping &mapping, StatusStoreParam **params) {
   auto &state = mapping.state;
+  auto &targets = mapping.targets;
   if (const int error = read_state(mapping, state); error != 0) return error;
   const Word next = *state.sequence + 1;
-  const auto result = find_values(mapping, params);
-  if (result == Search::damaged) return EBADMSG;
-  if (result == Search::found) {
-    state.sequence.reset();  // until it is published: a thread that is ended here leaves half a copy
-    for (const auto position : mapping.positions) {
-      const auto &param = **params++;
-      copy_value(state.bytes() + position, param.value, param.size);
+  bool is_known_layout = true;
+  std::size_t cursor = 0;
+  targets.clear();
+  for (auto **given = params; *given != nullptr; ++given) {
+    const auto &param = **given;
+    if (!is_param(param)) return EINVAL;
+    const auto *field = find_field(state.layout.fields, param.key, cursor);
+    targets.push_back(field);
+    if (field == nullptr || field->size != param.size || field->type != param.type) is_known_layout = false;
+  }
+  if (is_known_layout) {
+    state.sequence.reset();  // until it is published: a thread that is ended here leaves half a state
+    for (const auto *field : targets) {
+      copy_value(state.bytes() + field->offset, (*params++)->value, field->size);
     }
-  } else {
-    std::vector<char> bytes;
-    if (const int error = build_state(mapping, params, bytes); error != 0) return error;
-    state.sequence.reset();
-    state.used_bytes = static_cast<std::uint32_t>(bytes.size());
-    if (!bytes.empty()) {
-      state.words[words_for(bytes.size()) - 1] = 0;  // what is behind the last byte counts in the checksum
-      std::memcpy(state.bytes(), bytes.data(), bytes.size());
-    }
+  } else if (const int error = change_layout(mapping, state, params, next); error != 0) {
+    return error;
   }
   publish(mapping, state, next);
   return 0;
@@ -563,7 +621,7 @@ int lock_writers(pthread_mutex_t &mutex) {
 }  // namespace
 
 gint status_store_create_group(const gchar *name, guint32 size, gint) {
-  if (!is_name(name)) return fail(EINVAL);
+  if (name == nullptr || !is_name(name)) return fail(EINVAL);
   if (size > max_group_size) return fail(EFBIG);
   const char *directory = runtime_directory();
   const auto path = path_of(directory, name);
@@ -587,7 +645,7 @@ gint status_store_create_group(const gchar *name, guint32 size, gint) {
 }
 
 gint status_store_set_group(const gchar *name, StatusStoreParam **params, gint) {
-  if (!is_name(name) || !are_params(params)) return fail(EINVAL);
+  if (name == nullptr || params == nullptr) return fail(EINVAL);
   auto *mapping = mapping_of(name, writing);
   if (mapping == nullptr) return -1;
   if (const int error = lock_writers(mapping->header->writers); error != 0) return fail(error);
@@ -597,7 +655,7 @@ gint status_store_set_group(const gchar *name, StatusStoreParam **params, gint) 
 }
 
 gint status_store_get_group(const gchar *name, StatusStoreParam **params, gint) {
-  if (!is_name(name) || !are_params(params)) return fail(EINVAL);
+  if (name == nullptr || params == nullptr) return fail(EINVAL);
   auto *mapping = mapping_of(name, reading);
   if (mapping == nullptr) return -1;
   // One thread at a time reads into the copy that the mapping keeps; any other, without waiting, into one of its own.
