@@ -245,13 +245,17 @@ FileHeader *map_file(int fd, std::size_t size, int protection) {
   return memory == MAP_FAILED ? nullptr : static_cast<FileHeader *>(memory);
 }
 
-// A new file's bytes are zero: its first state is that of sequence 0, without values.
+// The first state is that of sequence 0, without values. A new file's bytes are zero.
 void set_up_file(FileHeader *header, std::uint32_t group_size) {
   header->identity = identity_of(group_size);
   set_up_mutex(header->writers);
-  auto *slot = reinterpret_cast<SlotHeader *>(header + 1);
-  slot->directory_checksum = copy_words(0, [](std::uint32_t) { return Word{0}; });
-  slot->checksum = checksum_of(*slot, slot->directory_checksum);
+  auto *words = reinterpret_cast<Word *>(header + 1);
+  for (Word i = 1; i < slot_count; ++i) {
+    reinterpret_cast<SlotHeader *>(words + i * slot_words(group_size))->layout = no_layout;
+  }
+  auto *first = reinterpret_cast<SlotHeader *>(words);
+  first->directory_checksum = copy_words(0, [](std::uint32_t) { return Word{0}; });
+  first->checksum = checksum_of(*first, first->directory_checksum);
 }
 
 // Opens a group's file, and takes nothing in it for granted.
@@ -445,25 +449,26 @@ int read_state(const Mapping &mapping, State &state) {
   return EBUSY;
 }
 
-// writers' mutex held
+// writers' mutex held. A layout that nobody has a number for yet gets that of the state.
 void publish(const Mapping &mapping, State &state, Word sequence) {
-  const auto &layout = state.layout;
+  auto &layout = state.layout;
+  const Word number = layout.number == no_layout ? sequence : layout.number;
   const auto value_words = words_for(layout.value_bytes);
   Word *slot = mapping.slot(sequence);
   Word *values = slot + slot_header_words;
   auto *shared = reinterpret_cast<SlotHeader *>(slot);
-  // A writer that died may have left a directory under the number that is ours now.
-  if (load(shared->layout) != layout.number || layout.number == sequence) {
+  // A writer that died may have left another directory under the number that is new.
+  if (load(shared->layout) != number || number == sequence) {
     store(shared->layout, no_layout);
     for (std::size_t i = 0; i < layout.directory.size(); ++i) store(values[value_words + i], layout.directory[i]);
     store(shared->value_bytes, layout.value_bytes);
     store(shared->directory_bytes, layout.directory_bytes);
     store(shared->directory_checksum, layout.directory_checksum);
-    store(shared->layout, layout.number);
+    store(shared->layout, number);
   }
   const SlotHeader header = {.sequence = sequence,
                              .checksum = 0,
-                             .layout = layout.number,
+                             .layout = number,
                              .value_bytes = layout.value_bytes,
                              .directory_bytes = layout.directory_bytes,
                              .directory_checksum = layout.directory_checksum,
@@ -475,6 +480,7 @@ void publish(const Mapping &mapping, State &state, Word sequence) {
   });
   store(shared->checksum, checksum_of(header, value_checksum));
   store(mapping.header->published, sequence);
+  layout.number = number;
   state.sequence = sequence;
 }
 
@@ -521,7 +527,7 @@ int read_values(const State &state, StatusStoreParam **params) {
 }
 
 // writers' mutex held. A state with the given values, some of them new or of another size or type; 0, or the error.
-int change_layout(const Mapping &mapping, State &state, StatusStoreParam *const *params, Word number) {
+int change_layout(const Mapping &mapping, State &state, StatusStoreParam *const *params) {
   struct Value {
     std::string_view key;
     const void *bytes;
@@ -564,7 +570,6 @@ int change_layout(const Mapping &mapping, State &state, StatusStoreParam *const 
   layout.value_bytes = static_cast<std::uint32_t>(values.size());
   values.copy(state.bytes(), values.size());
   read_directory(layout);
-  layout.number = number;
   return 0;
 }
 
@@ -589,7 +594,7 @@ int write_values(Mapping &mapping, StatusStoreParam **params) {
     for (const auto *field : targets) {
       copy_value(state.bytes() + field->offset, (*params++)->value, field->size);
     }
-  } else if (const int error = change_layout(mapping, state, params, next); error != 0) {
+  } else if (const int error = change_layout(mapping, state, params); error != 0) {
     return error;
   }
   publish(mapping, state, next);

@@ -1,0 +1,324 @@
+// Processes that share a status store while some of them are stopped, stepped through and killed. With
+// PTZ_TEST_KILLS=1000 in the environment as many writers are killed; otherwise a few.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/ptrace.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <functional>
+#include <new>
+#include <optional>
+#include <random>
+
+#include "clock.h"
+#include "shared_group.h"
+
+namespace {
+
+using namespace ptz_test;
+
+pid_t start(const std::function<void()> &run) {
+  const pid_t child = fork();
+  if (child == 0) {
+    run();
+    _exit(0);
+  }
+  return child;
+}
+
+int wait_for(pid_t child, int options = 0) {
+  int status = 0;
+  EXPECT_EQ(waitpid(child, &status, options), child);
+  return status;
+}
+
+void end(pid_t child) {
+  kill(child, SIGKILL);
+  wait_for(child);
+}
+
+bool is_done(int status) { return WIFEXITED(status) && WEXITSTATUS(status) == 0; }
+
+// Memory that this process shares with its children.
+template <typename T>
+T *shared() {
+  void *memory = mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  return new (memory) T;
+}
+
+struct StatusStoreProcesses : StoreTest {};
+
+// --- writers that stop inside an update -------------------------------------------------------------------------
+
+void *guarded_page = nullptr;
+int signal_inside = 0;
+
+// Runs where the store reads the value that is to be written.
+void on_value_read(int) {
+  kill(getpid(), signal_inside);
+  mprotect(guarded_page, static_cast<std::size_t>(sysconf(_SC_PAGESIZE)), PROT_READ | PROT_WRITE);
+}
+
+// A writer that gets a signal in the middle of setting A and B to 2.
+pid_t start_writer_that_gets(int signal) {
+  return start([signal] {
+    const auto size = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    signal_inside = signal;
+    guarded_page = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    auto *value = static_cast<gint32 *>(guarded_page);
+    *value = 2;
+    mprotect(guarded_page, size, PROT_NONE);
+    struct sigaction action = {};
+    action.sa_handler = on_value_read;
+    sigaction(SIGSEGV, &action, nullptr);
+    gint32 first = 2;
+    StatusStoreParam a = {"A", 4, &first, 1}, b = {"B", 4, value, 1};
+    StatusStoreParam *list[] = {&a, &b, nullptr};
+    if (status_store_set_group("G", list, 2) != 0) _exit(1);
+  });
+}
+
+TEST_F(StatusStoreProcesses, AStoppedWriterDelaysNoReaderAndFailsOtherWritersSoon) {
+  create("G");
+  ASSERT_EQ(set("G", {item("A", 1), item("B", 1)}), 0);
+  const pid_t writer = start_writer_that_gets(SIGSTOP);
+  ASSERT_TRUE(WIFSTOPPED(wait_for(writer, WUNTRACED)));
+
+  for (int i = 0; i < 1000; ++i) {
+    ASSERT_EQ(number("G", "A"), 1);
+    ASSERT_EQ(number("G", "B"), 1);
+  }
+  // The best of a few: this process may be kept waiting for the processor.
+  std::int64_t waited_ms = 1'000'000;
+  for (int i = 0; i < 5 && waited_ms > 150; ++i) {
+    const auto begin = real_time_ms();
+    EXPECT_EQ(set("G", {item("A", 3)}), -EBUSY);
+    waited_ms = real_time_ms() - begin;
+    EXPECT_GE(waited_ms, 99);
+  }
+  EXPECT_LE(waited_ms, 150);
+  kill(writer, SIGCONT);
+  EXPECT_TRUE(is_done(wait_for(writer)));
+  EXPECT_EQ(number("G", "A"), 2);
+  EXPECT_EQ(number("G", "B"), 2);
+  EXPECT_EQ(set("G", {item("A", 3)}), 0);
+}
+
+TEST_F(StatusStoreProcesses, AWriterThatDiesInsideAnUpdateChangesNothingAndHoldsNobodyUp) {
+  create("G");
+  ASSERT_EQ(set("G", {item("A", 1), item("B", 1)}), 0);
+  for (int i = 0; i < 10; ++i) {
+    const int status = wait_for(start_writer_that_gets(SIGKILL));
+    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+    EXPECT_EQ(number("G", "A"), 1);
+    EXPECT_EQ(set("G", {item("B", 1)}), 0);
+  }
+  EXPECT_EQ(set("G", {item("A", 4)}), 0);
+  EXPECT_EQ(number("G", "A"), 4);
+  EXPECT_EQ(number("G", "B"), 1);
+}
+
+// --- writers that are killed at any moment ----------------------------------------------------------------------
+
+constexpr int related_values = 40;
+
+Items related(gint32 value, gint32 round) {
+  Items items;
+  for (int i = 0; i < related_values; ++i) items.push_back(item("VALUE_" + std::to_string(i), value));
+  // Now and then the group is laid out anew.
+  items.push_back({"LENGTH", std::string(static_cast<std::size_t>(1 + round % 64 / 16), 'x'), 1});
+  return items;
+}
+
+struct Readings {
+  std::atomic<bool> is_over = false;
+  std::atomic<long> made = 0, torn = 0, failed = 0, waits = 0;
+};
+
+void read_until_over(Readings &readings) {
+  struct rusage before = {}, after = {};
+  auto items = related(0, 0);
+  items.pop_back();
+  get("G", items);
+  getrusage(RUSAGE_SELF, &before);
+  while (!readings.is_over) {
+    const int found = get("G", items);
+    if (found != related_values) ++readings.failed;
+    const auto differs = [&](const Item &one) { return one.bytes != items[0].bytes; };
+    if (std::any_of(items.begin(), items.end(), differs)) ++readings.torn;
+    ++readings.made;
+  }
+  getrusage(RUSAGE_SELF, &after);
+  readings.waits += after.ru_nvcsw - before.ru_nvcsw;
+}
+
+TEST_F(StatusStoreProcesses, KilledWritersTearNothingAndHoldNobodyUp) {
+  const char *wanted = getenv("PTZ_TEST_KILLS");
+  const int kills = wanted != nullptr ? std::atoi(wanted) : 100;
+  create("G", 2048);
+  ASSERT_EQ(set("G", related(0, 0)), 0);
+  auto *readings = shared<Readings>();
+  std::vector<pid_t> readers;
+  for (int i = 0; i < 4; ++i) readers.push_back(start([&] { read_until_over(*readings); }));
+
+  std::mt19937 random(4711);
+  int refused = 0;
+  for (int i = 1; i <= kills; ++i) {
+    const pid_t writer = start([i] {
+      for (gint32 round = 1;; ++round) set("G", related(i * 1'000'000 + round, round));
+    });
+    usleep(random() % 3000);
+    end(writer);
+    // A writer that waited for longer than a tenth of a second would be refused.
+    if (set("G", related(i, 0)) != 0) ++refused;
+  }
+  readings->is_over = true;
+  for (const pid_t reader : readers) EXPECT_TRUE(is_done(wait_for(reader)));
+  EXPECT_EQ(refused, 0);
+  EXPECT_GT(readings->made, 0);
+  EXPECT_EQ(readings->torn, 0);
+  EXPECT_EQ(readings->failed, 0);
+  EXPECT_EQ(readings->waits, 0) << "a reader gives the processor up for nobody";
+  EXPECT_EQ(files(), std::vector<std::string>{"G.status"});
+}
+
+TEST_F(StatusStoreProcesses, KilledMakersLeaveNoHalfGroups) {
+  std::mt19937 random(4711);
+  for (int i = 0; i < 50; ++i) {
+    const pid_t maker = start([i] {
+      for (int round = 0;; ++round) create("G" + std::to_string(i) + "_" + std::to_string(round % 50), 64);
+    });
+    usleep(random() % 500);
+    end(maker);
+  }
+  for (const auto &file : files()) {
+    const auto name = file.substr(0, file.find('.'));
+    ASSERT_EQ(file, name + ".status");
+    EXPECT_EQ(set(name, {item("A", 1)}), 0) << file;
+    EXPECT_EQ(number(name, "A"), 1) << file;
+  }
+}
+
+TEST_F(StatusStoreProcesses, OfSeveralMakersOneMakesTheGroup) {
+  auto *made = shared<std::atomic<int>>();
+  for (int round = 0; round < 20; ++round) {
+    *made = 0;
+    std::vector<pid_t> makers;
+    const auto name = "G" + std::to_string(round);
+    for (int i = 0; i < 4; ++i) {
+      makers.push_back(start([&] {
+        const int result = create(name);
+        if (result == 0) ++*made;
+        if (result != 0 && result != -EEXIST) _exit(1);
+      }));
+    }
+    for (const pid_t maker : makers) EXPECT_TRUE(is_done(wait_for(maker)));
+    EXPECT_EQ(*made, 1);
+  }
+}
+
+// --- step by step -----------------------------------------------------------------------------------------------
+
+// A child that this process traces, stopped before it runs; none where that is refused.
+std::optional<pid_t> trace(const std::function<void()> &run) {
+  const pid_t child = start([&] {
+    if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) _exit(125);
+    raise(SIGSTOP);
+    run();
+  });
+  if (WIFSTOPPED(wait_for(child))) return child;
+  return std::nullopt;
+}
+
+constexpr char refused[] = "tracing a child process is refused here";
+
+// After each instruction of a writer that changes the group's file, a copy of the file has the state before the update
+// or the one after it.
+TEST_F(StatusStoreProcesses, EveryInstructionOfAWriterLeavesAWholeState) {
+  constexpr int updates = 20;
+  create("G", 64);
+  ASSERT_EQ(set("G", {item("A", 0), item("B", 0)}), 0);
+  const auto whole = content_of(path("G"));
+  // Updates in place, and every fifth that lays the group out anew.
+  const auto writer = trace([] {
+    for (int i = 1; i <= updates; ++i) {
+      Items items = {item("A", i), item("B", i)};
+      if (i % 5 == 0) items.push_back({"C", std::string(static_cast<std::size_t>(i), 'x'), 1});
+      if (set("G", items) != 0) _exit(1);
+    }
+  });
+  if (!writer) GTEST_SKIP() << refused;
+  Items unused = {item("A", 0)};
+  get("G", unused);  // maps the file
+  const int fd = open(path("G").c_str(), O_RDONLY);
+  const void *memory = mmap(nullptr, whole.size(), PROT_READ, MAP_SHARED, fd, 0);
+  close(fd);
+
+  auto seen = whole;
+  gint32 last = 0;
+  int changes = 0, states = 0, status = 0;
+  while (true) {
+    ASSERT_EQ(ptrace(PTRACE_SINGLESTEP, *writer, nullptr, nullptr), 0) << std::strerror(errno);
+    status = wait_for(*writer);
+    if (!WIFSTOPPED(status)) break;
+    if (std::memcmp(memory, seen.data(), seen.size()) == 0) continue;
+    seen.assign(static_cast<const char *>(memory), seen.size());
+    const auto copy = "copy" + std::to_string(changes++);
+    write_content(path(copy), seen);
+    Items items = {item("A", -1), item("B", -1)};
+    ASSERT_EQ(get(copy, items), 2) << "after change " << changes << " of the update from " << last;
+    ASSERT_EQ(items[0].bytes, items[1].bytes);
+    gint32 value = 0;
+    items[0].bytes.copy(reinterpret_cast<char *>(&value), sizeof value);
+    ASSERT_TRUE(value == last || value == last + 1) << value << " after " << last;
+    if (value != last) ++states;
+    last = value;
+    unlink(path(copy).c_str());
+  }
+  EXPECT_TRUE(is_done(status));
+  EXPECT_EQ(states, updates);
+  EXPECT_GT(changes, updates * 5) << "words of the slot, the mutex, the sequence";
+}
+
+TEST_F(StatusStoreProcesses, AReaderMakesNoSystemCall) {
+  create("G");
+  ASSERT_EQ(set("G", {item("A", 0), item("B", 0)}), 0);
+  const auto reader = trace([] {
+    gint32 value = 0;
+    StatusStoreParam a = {"A", 4, &value, 1};
+    StatusStoreParam *list[] = {&a, nullptr};
+    status_store_get_group("G", list, 0);
+    syscall(SYS_getppid);
+    for (int i = 0; i < 100; ++i) status_store_get_group("G", list, 0);
+    syscall(SYS_getppid);
+  });
+  if (!reader) GTEST_SKIP() << refused;
+  ASSERT_EQ(ptrace(PTRACE_SETOPTIONS, *reader, nullptr, PTRACE_O_TRACESYSGOOD), 0);
+  int marks = 0;
+  std::vector<std::uint64_t> calls;
+  while (true) {
+    ASSERT_EQ(ptrace(PTRACE_SYSCALL, *reader, nullptr, nullptr), 0);
+    const int status = wait_for(*reader);
+    if (!WIFSTOPPED(status)) break;
+    __ptrace_syscall_info info = {};
+    ptrace(PTRACE_GET_SYSCALL_INFO, *reader, sizeof info, &info);
+    if (info.op != PTRACE_SYSCALL_INFO_ENTRY) continue;
+    if (info.entry.nr == SYS_getppid) ++marks;
+    // The clock that tests move is read with one; a program's own is not.
+    if (marks == 1 && info.entry.nr != SYS_getppid && info.entry.nr != SYS_clock_gettime)
+      calls.push_back(info.entry.nr);
+  }
+  EXPECT_EQ(marks, 2);
+  EXPECT_EQ(calls, std::vector<std::uint64_t>{});
+}
+
+}  // namespace
