@@ -158,15 +158,6 @@ struct Legacy : testing::Test {
       connection.get(), G_DBUS_PROXY_FLAGS_NONE, service.name().c_str(), LegacyService::path, nullptr, nullptr)};
   Error error;
 
-  // For a "GError **" argument.
-  struct Into {
-    Error &error;
-    GError *raw = nullptr;
-    explicit Into(Error &filled) : error(filled) {}
-    ~Into() { error.reset(raw); }
-    operator GError **() { return &raw; }
-  };
-
   Object<GAsyncResult> result;
   static void arrived(GObject *, GAsyncResult *result, gpointer self) {
     static_cast<Legacy *>(self)->result.reset(G_ASYNC_RESULT(g_object_ref(result)));

@@ -19,6 +19,18 @@ using Connection = Object<GDBusConnection>;
 using Variant = std::unique_ptr<GVariant, FreeWith<g_variant_unref>>;
 using Error = std::unique_ptr<GError, FreeWith<g_error_free>>;
 
+// For a "GError **" argument: read it one statement later.
+class Into {
+  Error &error_;
+  GError *raw_ = nullptr;
+
+ public:
+  explicit Into(Error &filled) : error_(filled) {}
+  Into(const Into &) = delete;
+  ~Into() { error_.reset(raw_); }
+  operator GError **() { return &raw_; }
+};
+
 // A dbus-daemon that listens in a folder of its own. It ends with this object, and with the test program.
 class Bus {
   TempDir dir_;

@@ -14,14 +14,16 @@
 
 #include "base/handles.h"
 
+using Connection = ptz::Object<GDBusConnection>;
+
 struct ConfigEvent {
   std::string name;
   std::string changes;
+  Connection bus;  // from the first use on: a connection that nobody holds is closed, and made anew each time
 };
 
 namespace {
 
-using Connection = ptz::Object<GDBusConnection>;
 using Variant = ptz::Handle<GVariant, g_variant_unref>;
 
 constexpr char events_interface[] = "com.velk.PTZ.ConfigEvent";
@@ -39,28 +41,39 @@ bool can_be_sent(const gchar *object_path, std::initializer_list<const gchar *> 
   return false;
 }
 
-gboolean broadcast(const gchar *object_path, const gchar *signal, GVariant *floating_body, GError **error) {
-  const Variant body(g_variant_ref_sink(floating_body));
-  const Connection bus(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, error));
-  if (bus == nullptr) return FALSE;
+bool connect(ConfigEvent *event, GError **error) {
+  // The process's shared one: while others hold that it stays lost, too.
+  if (event->bus != nullptr && g_dbus_connection_is_closed(event->bus.get())) event->bus.reset();
+  if (event->bus != nullptr) return true;
+  event->bus.reset(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, error));
+  if (event->bus == nullptr) return false;
   // GLib would end the process when the bus goes away.
-  g_dbus_connection_set_exit_on_close(bus.get(), FALSE);
-  // Flushed: who sends an event and ends at once has sent it.
-  return g_dbus_connection_emit_signal(bus.get(), nullptr, object_path, events_interface, signal, body.get(), error) &&
-         g_dbus_connection_flush_sync(bus.get(), nullptr, error);
+  g_dbus_connection_set_exit_on_close(event->bus.get(), FALSE);
+  return true;
 }
 
-gboolean tell_source(const ConfigEvent *event, const gchar *signal, const gchar *owner, const gchar *object_path,
+gboolean broadcast(ConfigEvent *event, const gchar *object_path, const gchar *signal, GVariant *floating_body,
+                   GError **error) {
+  const Variant body(g_variant_ref_sink(floating_body));
+  // Flushed: who sends an event and ends at once has sent it.
+  return connect(event, error) &&
+         g_dbus_connection_emit_signal(event->bus.get(), nullptr, object_path, events_interface, signal, body.get(),
+                                       error) &&
+         g_dbus_connection_flush_sync(event->bus.get(), nullptr, error);
+}
+
+gboolean tell_source(ConfigEvent *event, const gchar *signal, const gchar *owner, const gchar *object_path,
                      const gchar *interface_name, GError **error) {
   return can_be_sent(object_path, {owner, interface_name}, error) &&
-         broadcast(object_path, signal, g_variant_new("(sss)", event->name.c_str(), owner, interface_name), error);
+         broadcast(event, object_path, signal, g_variant_new("(sss)", event->name.c_str(), owner, interface_name),
+                   error);
 }
 
 }  // namespace
 
 ConfigEvent *config_event_new(const gchar *event_name, gint, gint) {
   if (event_name == nullptr || !g_utf8_validate(event_name, -1, nullptr)) return nullptr;
-  return new ConfigEvent{event_name, {}};
+  return new ConfigEvent{event_name, {}, {}};
 }
 
 gboolean config_event_declare(ConfigEvent *event, const gchar *owner, const gchar *object_path,
@@ -86,7 +99,7 @@ void config_event_append_escaped_pair(ConfigEvent *event, const gchar *key, cons
 gboolean config_event_send(ConfigEvent *event, const gchar *owner, const gchar *object_path,
                            const gchar *interface_name, const gchar *event_key, gint event_kind, GError **error) {
   return can_be_sent(object_path, {owner, interface_name, event_key}, error) &&
-         broadcast(object_path, "Changed",
+         broadcast(event, object_path, "Changed",
                    g_variant_new("(ssssis)", event->name.c_str(), owner, interface_name, event_key, event_kind,
                                  event->changes.c_str()),
                    error);
