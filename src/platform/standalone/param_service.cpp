@@ -26,7 +26,7 @@ constexpr std::string_view blanks = " \t\r\n\v\f";
 struct Service {
   GMutex lock;
   ParamStore *store;
-  bool complained;  // one line of the log for one trouble, however often it is met
+  gchar *complaint;  // the last one: one trouble is one line of the log, however often it is met
 };
 Service service = {};
 
@@ -42,8 +42,9 @@ void disconnect() { delete std::exchange(service.store, nullptr); }
 
 // lock held
 gint32 storage_failure(const char *reason) {
-  if (!service.complained) syslog(LOG_ERR, "Parameter tree %s: %s", database_file().c_str(), reason);
-  service.complained = true;
+  ptz::Text complaint(g_strdup_printf("Parameter tree %s: %s", database_file().c_str(), reason));
+  if (g_strcmp0(complaint.get(), service.complaint) != 0) syslog(LOG_ERR, "%s", complaint.get());
+  g_free(std::exchange(service.complaint, complaint.release()));
   return PARAM_SERVICE_STORAGE;
 }
 
@@ -65,20 +66,21 @@ bool connect() {
   return service.store != nullptr;
 }
 
-// What an operation that ended with the code reports, where `missing` is what it has not found.
-gint32 outcome(int code, gint32 missing) {
+enum class Access { reads, writes };
+
+// lock held. What an operation that ended with the code reports, where `missing` is what it has not found.
+gint32 outcome(Access access, int code, gint32 missing) {
   if (code == SQLITE_NOTFOUND) return missing;
   if (code == SQLITE_CONSTRAINT) return PARAM_SERVICE_GROUP_EXISTS;
   if (code == SQLITE_OK) {
-    service.complained = false;
+    // Reads work in many a trouble.
+    if (access == Access::writes) g_clear_pointer(&service.complaint, g_free);
     return PARAM_SERVICE_OK;
   }
-  const gint32 error = storage_failure(service.store->message());
+  const gint32 error = storage_failure(sqlite3_errstr(code));
   disconnect();  // the file may be a better one when it is opened again
   return error;
 }
-
-enum class Access { reads, writes };
 
 // Carries an operation out on the store.
 template <typename Operation>
@@ -87,7 +89,7 @@ gint32 perform(Access access, gint32 missing, Operation operation) {
   // What is written to a file that was removed would be seen by nobody.
   if (access == Access::writes && service.store != nullptr && service.store->has_moved()) disconnect();
   if (!connect()) return PARAM_SERVICE_STORAGE;
-  return outcome(operation(*service.store), missing);
+  return outcome(access, operation(*service.store), missing);
 }
 
 bool is_path(const gchar *path) {

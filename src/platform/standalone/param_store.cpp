@@ -1,9 +1,11 @@
 #include "platform/standalone/param_store.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <optional>
@@ -81,13 +83,8 @@ bool make_tables(const std::string &file, std::string &reason) {
   return false;
 }
 
-void flush_folder_of(const std::string &file) {
-  const UniqueFd folder(::open(file.substr(0, file.rfind('/')).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (folder) fsync(folder.get());
-}
-
 // Made whole under another name: a file that has the name and no tables is a damaged one, and not to be filled.
-bool make_file(const std::string &file, std::string &reason) {
+bool make_under(const std::string &file, std::string &reason) {
   std::string unfinished = file + ".XXXXXX";
   const UniqueFd fd(mkostemp(unfinished.data(), O_CLOEXEC));
   if (!fd) {
@@ -96,14 +93,28 @@ bool make_file(const std::string &file, std::string &reason) {
   }
   fchmod(fd.get(), 0644);
   bool made = make_tables(unfinished, reason);
-  // Another process may have been faster: its file is as good.
-  if (made && link(unfinished.c_str(), file.c_str()) != 0 && errno != EEXIST) {
+  if (made && link(unfinished.c_str(), file.c_str()) != 0) {
     reason = system_reason("cannot be created", errno);
     made = false;
   }
   unlink(unfinished.c_str());
-  if (made) flush_folder_of(file);
   return made;
+}
+
+// Makes the file where it is missing. One process at a time, so that nobody else's new file loses its log.
+bool make_where_missing(const std::string &file, std::string &reason) {
+  const UniqueFd folder(::open(file.substr(0, file.rfind('/')).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!folder || flock(folder.get(), LOCK_EX) != 0) {
+    reason = system_reason("cannot be created", errno);
+    return false;
+  }
+  if (access(file.c_str(), F_OK) == 0) return true;
+  // Of a database that was taken away: SQLite would put the changes into the new one.
+  rename((file + "-wal").c_str(), (file + "-wal.old").c_str());
+  unlink((file + "-shm").c_str());
+  if (!make_under(file, reason)) return false;
+  fsync(folder.get());
+  return true;
 }
 
 }  // namespace
@@ -142,7 +153,7 @@ ParamStore *ParamStore::open(const std::string &file, std::string &reason) {
       reason = system_reason("cannot be opened", errno);
       return nullptr;
     }
-    if (!make_file(file, reason)) return nullptr;
+    if (!make_where_missing(file, reason)) return nullptr;
   } else if (status.st_size == 0) {
     reason = "is empty";  // SQLite would take it for a new database, and throw a log of changes beside it away
     return nullptr;

@@ -49,7 +49,6 @@ class [[gnu::visibility("hidden")]] ParamStore {
 
   // Whether the file that was opened is no longer the one at its path.
   [[nodiscard]] bool has_moved() const;
-  [[nodiscard]] const char *message() const { return sqlite3_errmsg(database_.get()); }
 
  private:
   enum Query : std::size_t {
