@@ -3,6 +3,7 @@
 
 #include "ptz_api.h"
 #include "ptz_config.h"
+#include "ptz_driver_parameter_item.h"
 #include "ptz_enum_types.h"
 #include "ptz_file_g_source.h"
 #include "ptz_firmware.h"
@@ -14,6 +15,7 @@
 #include "ptz_gvalue_utils.h"
 #include "ptz_legacy_config.h"
 #include "ptz_legacy_config_dynamic.h"
+#include "ptz_parameter_item_array.h"
 #include "ptz_port_index.h"
 #include "ptz_queue.h"
 #include "ptz_serialize.h"

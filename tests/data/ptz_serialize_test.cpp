@@ -5,7 +5,6 @@
 #include <sys/mman.h>
 
 #include <array>
-#include <cctype>
 #include <csignal>
 #include <cstring>
 #include <functional>
@@ -14,6 +13,7 @@
 #include <vector>
 
 #include "byte_arrays.h"
+#include "failed_assertion.h"
 
 using namespace std::string_literals;
 using namespace ptz_test;
@@ -97,19 +97,8 @@ std::string blob_at(GArray *array, guint32 *indx, guint size) {
   return blob == nullptr ? "no blob" : std::string(static_cast<const char *>(blob.get()), size);
 }
 
-// What a failed check prints, as a regular expression.
-std::string failure(const std::string &function, const std::string &expression) {
-  std::string pattern = "ptz_serialize:[0-9]+:" + function + ": assertion failed: \\(";
-  for (const char letter : expression) {
-    // Not by a backslash: that gives "<" and ">" a meaning of their own.
-    const bool literal = std::ispunct(static_cast<unsigned char>(letter)) == 0;
-    pattern += literal ? std::string(1, letter) : "["s + letter + "]";
-  }
-  return pattern + "\\)";
-}
-
 #define EXPECT_FAILED_CHECK(statement, function, expression) \
-  EXPECT_EXIT(statement, testing::KilledBySignal(SIGABRT), failure(function, expression))
+  EXPECT_EXIT(statement, testing::KilledBySignal(SIGABRT), failed_assertion("ptz_serialize", function, expression))
 
 constexpr char ends_within_8bit[] = "array->len >= *indx + 1";
 constexpr char ends_within_16bit[] = "array->len >= *indx + 2";

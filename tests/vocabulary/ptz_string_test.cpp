@@ -4,6 +4,7 @@
 #include <csignal>
 #include <string>
 
+#include "failed_assertion.h"
 #include "handles.h"
 
 using ptz_test::Text;
@@ -56,7 +57,7 @@ TEST(CamelCaseForms, UnderscoreStandsBetweenWords) {
 }
 
 TEST(CamelCaseDeathTest, NullAbortsInTheGeneralForm) {
-  const std::string failure = "ptz_string:[0-9]+:CamelCase2token: assertion failed: \\(CamelCase != NULL\\)";
+  const std::string failure = ptz_test::failed_assertion("ptz_string", "CamelCase2token", "CamelCase != NULL");
   EXPECT_EXIT(CamelCase2token(nullptr, '-'), testing::KilledBySignal(SIGABRT), failure);
   EXPECT_EXIT(CamelCase2hyphen(nullptr), testing::KilledBySignal(SIGABRT), failure);
   EXPECT_EXIT(CamelCase2uscore(nullptr), testing::KilledBySignal(SIGABRT), failure);
