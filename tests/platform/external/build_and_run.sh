@@ -15,7 +15,7 @@ mkdir "$scratch/device"
 cc -Wall -Wextra -Wno-unused-parameter -Werror -shared -fPIC -o "$scratch/device/libdevice_services.so" "$here/services.c" -I"$root/src" \
   "${glib_flags[@]}"
 
-meson setup "$scratch/build" "$root" --buildtype=plain -Dwerror=true -Dtests=false \
+meson setup "$scratch/build" "$root" --buildtype=plain -Dwerror=true -Dtests=false -Dtools=false \
   -Dplatform=external -Dplatform_libraries=device_services -Dplatform_libdirs="$scratch/device"
 meson compile -C "$scratch/build" ptznimbo_common
 if [[ -n $(find "$scratch/build" -name 'libptznimbo_platform*') ]]; then

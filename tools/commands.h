@@ -1,0 +1,14 @@
+// commands.h - the subcommands, each in a file of its own.
+#pragma once
+#include <string>
+
+#include "subcommand.h"
+
+namespace ptzctl {
+
+int run_counter(const std::string &words, int argc, char **argv);
+int run_enum(const std::string &words, int argc, char **argv);
+int run_status(const std::string &words, int argc, char **argv);
+int run_timing(const std::string &words, int argc, char **argv);
+
+}  // namespace ptzctl
