@@ -159,7 +159,7 @@ TEST_P(PathLength, WritesTakeAnyLength) {
 }
 
 TEST_P(PathLength, CreationsAndDeletionsWantAPathThatFits) {
-  EXPECT_EQ(ptz_tessel_create_group_vp(-1, 1, 2, "t", "%s", path.c_str()) != nullptr, fits);
+  EXPECT_EQ(text_of(ptz_tessel_create_group_vp(-1, 1, 2, "t", "%s", path.c_str())).has_value(), fits);
   EXPECT_EQ(service.calls(), if_it_fits("create " + path + " from t mode=1 number=2"));
   ptz_tessel_delete_group_vp(3, "%s", path.c_str());
   EXPECT_EQ(service.calls(), if_it_fits("delete " + path + " mode=3"));

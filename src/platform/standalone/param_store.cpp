@@ -174,8 +174,9 @@ int ParamStore::prepare() {
   sqlite3_busy_timeout(database, busy_limit_ms);
   // The last to leave would otherwise work on the file, also where it is damaged.
   sqlite3_db_config(database, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
-  // No flush at each write; sync() is there for that.
-  if (const int result = execute(database, "PRAGMA synchronous = NORMAL"); result != SQLITE_OK) return result;
+  // No flush at each write; sync() is there for that. A page that was read is kept, in trees of 100,000 parameters too.
+  const int result = execute(database, "PRAGMA synchronous = NORMAL; PRAGMA cache_size = -16384");
+  if (result != SQLITE_OK) return result;
   const auto id = number_of(database, "PRAGMA application_id");
   const auto version = number_of(database, "PRAGMA user_version");
   if (id != application_id || version != schema_version) return SQLITE_NOTADB;
