@@ -4,6 +4,7 @@
 #include "ptz_api.h"
 #include "ptz_config.h"
 #include "ptz_driver_parameter_item.h"
+#include "ptz_dynamical_properties.h"
 #include "ptz_enum_types.h"
 #include "ptz_file_g_source.h"
 #include "ptz_firmware.h"

@@ -23,6 +23,7 @@
       return result;                                           \
     }                                                          \
   } while (false)
+#define return_if_fail_stated(expression, text) return_val_if_fail_stated(expression, text, )
 // GLib's g_return_val_if_reached(), naming the module for the file.
 #define return_val_if_reached_in(module, result)                                                                \
   do {                                                                                                          \

@@ -27,6 +27,8 @@ constexpr ObjectType object_types[] = {
      sizeof(PTZSocketClientCommandClass), sizeof(PTZSocketClientCommand)},
     {"PTZGDBusServer", ptz_g_dbus_server_get_type, "GObject", sizeof(PTZGDBusServerClass), sizeof(PTZGDBusServer)},
     {"PTZGDBusClient", ptz_g_dbus_client_get_type, "GObject", sizeof(PTZGDBusClientClass), sizeof(PTZGDBusClient)},
+    {"PTZDynamicalProperties", ptz_dynamical_properties_get_type, "GObject", sizeof(PTZDynamicalPropertiesClass),
+     sizeof(PTZDynamicalProperties)},
     {"PTZParameterItemArray", ptz_parameter_item_array_get_type, "GObject", sizeof(PTZParameterItemArrayClass),
      sizeof(PTZParameterItemArray)},
 };
