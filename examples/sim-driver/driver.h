@@ -48,6 +48,7 @@ class Driver {
   Body answer(GArray *request, gint64 now_us);
 
   [[nodiscard]] Head &head() { return head_; }
+  [[nodiscard]] PresetStore &presets() { return presets_; }
 };
 
 }  // namespace example

@@ -10,6 +10,7 @@
 
 #include "driver.h"
 #include "driver_settings.h"
+#include "legacy_presets.h"
 
 namespace {
 
@@ -68,7 +69,7 @@ gboolean on_end_signal(gpointer loop) {
   return G_SOURCE_CONTINUE;
 }
 
-int serve(const char *path, Driver driver, bool verbose) {
+int serve(const char *path, const char *dbus_name, Driver driver, bool verbose) {
   Service service{std::move(driver), verbose};
   if (verbose) ptz_flag_types_list_all(&driver_capabilities);
 
@@ -79,8 +80,15 @@ int serve(const char *path, Driver driver, bool verbose) {
   }
   ptz_socket_server_register_callback(PTZ_SOCKET_SERVER(server.get()), on_request, &service);
 
+  // Before anybody can know that this driver is there.
   g_unix_signal_add(SIGTERM, on_end_signal, service.loop.get());
   g_unix_signal_add(SIGINT, on_end_signal, service.loop.get());
+
+  LegacyPresets configuration(service.driver);
+  if (dbus_name != nullptr && !configuration.start(dbus_name)) {
+    g_printerr("sim-driver: cannot serve presets as com.velk.PTZ.%s on the system bus\n", dbus_name);
+    return EXIT_FAILURE;
+  }
   if (verbose) syslog(LOG_INFO, "serving on %s", path);
   g_main_loop_run(service.loop.get());
   if (service.tick != 0) g_source_remove(service.tick);
@@ -93,6 +101,7 @@ int main(int argc, char **argv) {
   setlocale(LC_CTYPE, "");
   char *path_option = nullptr;
   char *state_option = nullptr;
+  char *dbus_option = nullptr;
   char **config_option = nullptr;
   gint speed_factor = 1;
   gboolean verbose = FALSE;
@@ -102,6 +111,8 @@ int main(int argc, char **argv) {
        "Read limits, speeds and factory presets from this file; may be given several times", "FILE"},
       {"state", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_FILENAME, &state_option,
        "Keep presets in this file; without it, they are lost when the driver ends", "FILE"},
+      {"dbus", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_STRING, &dbus_option,
+       "Serve the presets as configuration of com.velk.PTZ.NAME on the system bus", "NAME"},
       {"speed-factor", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &speed_factor,
        "Let the head move this many times as fast, 1 to 20", "N"},
       {"verbose", 'v', G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, &verbose, "Log capabilities, requests and arrivals",
@@ -113,6 +124,7 @@ int main(int argc, char **argv) {
   const bool parsed = g_option_context_parse(options.get(), &argc, &argv, &error) != FALSE;
   const Text path(path_option);
   const Text state(state_option);
+  const Text dbus_name(dbus_option);
   const Owned<char *, g_strfreev> config(config_option);
   if (!parsed || argc > 1 || !path || speed_factor < 1 || speed_factor > 20) {
     g_printerr("sim-driver: %s; see --help\n",
@@ -133,5 +145,6 @@ int main(int argc, char **argv) {
   }
   PresetStore presets(settings.factory_presets);
   if (state) presets.open(state.get());  // without its stored presets, the driver is of use all the same
-  return serve(path.get(), Driver(faster(settings.ranges, speed_factor), std::move(presets)), verbose != FALSE);
+  return serve(path.get(), dbus_name.get(), Driver(faster(settings.ranges, speed_factor), std::move(presets)),
+               verbose != FALSE);
 }

@@ -86,24 +86,58 @@ bool PresetStore::open(const std::string &path) {
   return true;
 }
 
-bool PresetStore::set(guint32 number, const StoredPreset &preset) {
+// Without a preset, what the file has under the number goes.
+bool PresetStore::keep(guint32 number, const StoredPreset *preset) {
+  if (state_ == State::without_file) return true;
   if (state_ == State::unusable) {
     syslog(LOG_WARNING, "preset %u is not kept: '%s' is not a file of this version", number, path_.c_str());
     return false;
   }
-  if (state_ == State::open) {
-    // What is in memory stays what is in the file, also where the file cannot be written.
-    Failure failure;
-    KeyFile changed = copy(key_file_.get(), failure);
-    write_preset(changed.get(), group_of(number), preset);
-    if (failure || !ptz_config_store_key_file(path_.c_str(), changed.get(), failure.out())) {
-      syslog(LOG_WARNING, "preset %u is not kept: %s", number, failure.message());
-      return false;
-    }
-    key_file_ = std::move(changed);
+  // What is in memory stays what is in the file, also where the file cannot be written.
+  Failure failure;
+  KeyFile changed = copy(key_file_.get(), failure);
+  const std::string group = group_of(number);
+  if (preset != nullptr) {
+    write_preset(changed.get(), group, *preset);
+  } else {
+    g_key_file_remove_group(changed.get(), group.c_str(), nullptr);
   }
-  presets_[number] = preset;
+  if (failure || !ptz_config_store_key_file(path_.c_str(), changed.get(), failure.out())) {
+    syslog(LOG_WARNING, "preset %u is not kept: %s", number, failure.message());
+    return false;
+  }
+  key_file_ = std::move(changed);
   return true;
+}
+
+bool PresetStore::set(guint32 number, const StoredPreset &preset) {
+  if (!keep(number, &preset)) return false;
+  const auto found = presets_.find(number);
+  if (found == presets_.end()) {
+    presets_.emplace(number, preset);
+    if (watcher_) watcher_(number, nullptr, &preset);
+  } else {
+    const StoredPreset before = std::exchange(found->second, preset);
+    if (watcher_) watcher_(number, &before, &preset);
+  }
+  return true;
+}
+
+bool PresetStore::remove(guint32 number) {
+  if (!keep(number, nullptr)) return false;
+  const auto removed = presets_.extract(number);
+  if (removed && watcher_) watcher_(number, &removed.mapped(), nullptr);
+  return true;
+}
+
+bool PresetStore::sync() {
+  Failure failure;
+  if (state_ == State::open && ptz_config_store_key_file(path_.c_str(), key_file_.get(), failure.out())) return true;
+  syslog(LOG_WARNING, "the presets are not kept: %s",
+         state_ == State::open           ? failure.message()
+         : state_ == State::without_file ? "there is no file for them"
+                                         : "their file is not one of this version");
+  return false;
 }
 
 }  // namespace example
