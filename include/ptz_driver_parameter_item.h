@@ -33,7 +33,7 @@ typedef struct {
 /**
  * ptz_driver_parameter_item_serialize: (skip)
  * @item: what to write, borrowed; a string that is `NULL` aborts, after the fields before it were written
- * @array: (element-type guint8): where to append; `NULL` aborts
+ * @array: (element-type guint8): where to append, borrowed; `NULL` aborts
  *
  * Thread: the one that uses @array.
  */

@@ -326,7 +326,7 @@ PTZ_API const gchar *ptz_parameter_item_array_name (PTZParameterItemArray *self)
  * ptz_parameter_item_array_map: (skip)
  * @self: an array
  * @function: (scope call): called for each item in order; `FALSE` stops
- * @user_data: passed to @function
+ * @user_data: passed to @function; borrowed
  *
  * Thread: any, while no other thread removes items; takes no lock.
  *
@@ -339,7 +339,7 @@ PTZ_API gboolean ptz_parameter_item_array_map (PTZParameterItemArray *self, PTZP
  * ptz_parameter_item_array_map_remove: (skip)
  * @self: an array
  * @function: (scope call): called for each item in order; `TRUE` removes the item
- * @user_data: passed to @function
+ * @user_data: passed to @function; borrowed
  *
  * Thread: any, while no other thread uses @self; takes no lock.
  *

@@ -78,6 +78,17 @@ class CommandChannel(unittest.TestCase):
         self.assertEqual(replies, [(1, b'tfel', 4)])
 
 
+class DynamicalProperties(unittest.TestCase):
+    def test_a_property_is_watched(self):
+        properties = PTZ.DynamicalProperties.new()
+        changes = []
+        properties.connect('notify_change', lambda changed, name: changes.append((name, changed.get(name))))
+        self.assertEqual(properties.set_from_string('PanSpeed:int32:40'), 'PanSpeed')
+        properties.set_from_string('PanSpeed:int32:40')
+        properties.set_from_string('PanSpeed:int32:70')
+        self.assertEqual(changes, [('PanSpeed', 40), ('PanSpeed', 70)])
+
+
 class Vocabulary(unittest.TestCase):
     def test_an_enumeration_is_listed_with_its_texts(self):
         listed = {int(value): (value.value_name, value.value_nick) for value in PTZ.Command.__enum_values__.values()}
