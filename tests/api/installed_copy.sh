@@ -16,9 +16,7 @@ mkdir "$scratch/pkgconfig"
 sed "s|^prefix=.*|prefix=$scratch$prefix|" "$installed" >"$scratch/pkgconfig/ptznimbo-common.pc"
 export PKG_CONFIG_PATH=$scratch/pkgconfig${PKG_CONFIG_PATH:+:$PKG_CONFIG_PATH}
 
-# The linker and the program look there for the libraries that the library needs.
-LD_LIBRARY_PATH=$(pkg-config --variable=libdir ptznimbo-common)
-export LD_LIBRARY_PATH
 read -ra flags < <(pkg-config --cflags --libs ptznimbo-common)
 "$@" "$source" -x none -o "$scratch/program" "${flags[@]}"
-"$scratch/program"
+# The program looks for the libraries where it is told; the linker has found them by the flags alone.
+LD_LIBRARY_PATH=$(pkg-config --variable=libdir ptznimbo-common) "$scratch/program"
