@@ -11,6 +11,7 @@ int main(int argc, char **argv) {
   static constexpr Subcommand subcommands[] = {
       {"counter", "what the drivers have counted", run_counter},
       {"enum", "the vocabulary: values, names and nicks", run_enum},
+      {"param", "the parameter tree", run_param},
       {"status", "the live state of a PTZ instance", run_status},
       {"timing", "how long requests, moves and replies took", run_timing},
   };

@@ -14,41 +14,18 @@
 
 #include "fixtures.h"
 #include "process.h"
+#include "ptzctl.h"
 
 namespace {
 
 using namespace ptz_test;
 using testing::Test;
 
-struct Result {
-  int status;
-  std::string text;  // errors included
-};
-
-struct Ptzctl : Test {
-  TempDir dir;
-  TempDir output;
-
-  Ptzctl() {
-    setenv("PTZ_PLATFORM_RUNTIME_DIR", dir.path().c_str(), 1);
-    setenv("LC_ALL", "C", 1);
-  }
-  ~Ptzctl() override { unsetenv("PTZ_PLATFORM_RUNTIME_DIR"); }
-
-  [[nodiscard]] Result run(const std::vector<std::string> &arguments) const {
-    std::filesystem::remove(output.file("text"));
-    Process process(PTZCTL, arguments, output.file("text"));
-    const int status = process.wait();
-    return {status, contents(output.file("text"))};
-  }
-};
-
-bool has(const Result &result, const std::string &part) { return result.text.find(part) != std::string::npos; }
-
 // --- words and options ------------------------------------------------------------------------------------------
 
 TEST_F(Ptzctl, WithoutASubcommandItTellsWhichThereAre) {
-  for (const auto &arguments : std::vector<std::vector<std::string>>{{}, {"status"}, {"timing"}, {"counter"}}) {
+  for (const auto &arguments :
+       std::vector<std::vector<std::string>>{{}, {"status"}, {"timing"}, {"counter"}, {"param"}}) {
     const auto result = run(arguments);
     EXPECT_EQ(result.status, 2);
     EXPECT_TRUE(has(result, "Usage: ptzctl")) << result.text;
@@ -68,6 +45,14 @@ TEST_F(Ptzctl, EverySubcommandHasAHelp) {
                                                                  {"timing", "show"},
                                                                  {"counter"},
                                                                  {"counter", "show"},
+                                                                 {"param"},
+                                                                 {"param", "get"},
+                                                                 {"param", "set"},
+                                                                 {"param", "list"},
+                                                                 {"param", "tree"},
+                                                                 {"param", "create"},
+                                                                 {"param", "delete"},
+                                                                 {"param", "sync"},
                                                                  {"enum"}}) {
     auto arguments = words;
     arguments.emplace_back("--help");

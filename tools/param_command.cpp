@@ -1,0 +1,357 @@
+#include <syslog.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <utility>
+
+#include "commands.h"
+#include "platform/param_service.h"
+
+namespace ptzctl {
+
+namespace {
+
+using Words = std::vector<std::string>;
+using Walk = ptz::Handle<ParamServiceGroupContext, param_service_cleanup_group_context>;
+
+constexpr gint32 mode = 9;        // that of the library's writes without switches
+constexpr int most_levels = 512;  // more would be a service that never comes to an end
+
+struct Call {
+  ParamServiceOptions options = {};
+  gint32 error = 0;
+  Call() {
+    param_service_reset_options(&options);
+    options.mode = mode;
+  }
+};
+
+std::string full_path(const std::string &path) {
+  return path == "root" || g_str_has_prefix(path.c_str(), "root.") ? path : "root." + path;
+}
+
+const char *reason_of(gint32 error) {
+  switch (error) {
+    case PARAM_SERVICE_OK:
+      return "the service has no answer";
+    case PARAM_SERVICE_NO_PARAMETER:
+      return "there is no such parameter";
+    case PARAM_SERVICE_NO_GROUP:
+      return "there is no such group";
+    case PARAM_SERVICE_NO_TEMPLATE:
+      return "there is no such template";
+    case PARAM_SERVICE_GROUP_EXISTS:
+      return "the group exists";
+    case PARAM_SERVICE_BAD_PATH:
+      return "this is no path";
+    case PARAM_SERVICE_STORAGE:
+      return "the tree cannot be read or written";
+    default:
+      return "the service refused it";
+  }
+}
+
+int complain_of(const std::string &what, gint32 error) {
+  complain("%s: %s (error %d)", what.c_str(), reason_of(error), error);
+  return EXIT_FAILURE;
+}
+
+// As UTF-8, which JSON and terminals want.
+ptz::Text as_utf8(ptz::Text text) {
+  if (text == nullptr || g_utf8_validate(text.get(), -1, nullptr)) return text;
+  return ptz::Text(g_convert(text.get(), -1, "UTF-8", "ISO-8859-1", nullptr, nullptr, nullptr));
+}
+
+// Without what would begin another line or move the cursor of a terminal.
+ptz::Text on_one_line(const std::string &text) {
+  ptz::Text line = as_utf8(ptz::Text(g_strdup(text.c_str())));
+  for (char *c = line.get(); *c != '\0'; ++c) {
+    if (g_ascii_iscntrl(*c)) *c = '?';
+  }
+  return line;
+}
+
+ptz::Text read(const std::string &path, gint32 &error) {
+  Call call;
+  ptz::Text value(param_service_get_custom(path.c_str(), &call.options, &call.error));
+  error = call.error;
+  return error == 0 ? as_utf8(std::move(value)) : nullptr;
+}
+
+struct Parameter {
+  std::string path, name;
+  ptz::Text value;
+};
+
+// What is in a group itself.
+struct Group {
+  std::vector<Parameter> parameters;
+  Words groups;
+};
+
+// The paths that a walk visits; false where it fails.
+bool walk(const std::string &group, decltype(param_service_get_params) *begin, decltype(param_service_get_param) *next,
+          Words &paths, gint32 &error) {
+  Call call;
+  const Walk walk(begin(group.c_str(), &call.options, &call.error));
+  error = call.error;
+  while (error == 0 && walk != nullptr) {
+    Call move;
+    next(walk.get(), &move.options, &move.error);
+    error = move.error;
+    if (error != 0 || walk->at_end || walk->full_name == nullptr) break;
+    paths.emplace_back(walk->full_name);
+  }
+  return error == 0 && walk != nullptr;
+}
+
+bool read_group(const std::string &path, Group &group, gint32 &error) {
+  Words parameters;
+  if (!walk(path, param_service_get_params, param_service_get_param, parameters, error) ||
+      !walk(path, param_service_get_child_groups, param_service_get_child_group, group.groups, error)) {
+    return false;
+  }
+  for (auto &each : parameters) {
+    auto name = each.substr(each.rfind('.') + 1);
+    gint32 read_error = 0;
+    ptz::Text value = read(each, read_error);
+    // It may have been deleted meanwhile.
+    if (value != nullptr) group.parameters.push_back({std::move(each), std::move(name), std::move(value)});
+  }
+  return true;
+}
+
+// The command line of a subcommand: its words, of which there must be some at least.
+struct Line {
+  gboolean as_json = FALSE;
+  Words words;
+
+  bool parse(const std::string &subcommand, int argc, char **argv, const char *parameters, const char *summary,
+             std::size_t least, std::size_t most) {
+    // The reason for a failure, which the service logs.
+    openlog("ptzctl", LOG_PERROR, LOG_USER);
+    const GOptionEntry entries[] = {
+        {"json", 'j', G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, &as_json, "Print an object", nullptr}, {}};
+    Options options(subcommand, parameters, summary, entries);
+    auto given = options.parse(argc, argv, most);
+    if (!given) return false;
+    words = std::move(*given);
+    if (words.size() >= least) return true;
+    complain("it takes %s; see %s --help", parameters, subcommand.c_str());
+    return false;
+  }
+};
+
+void print_parameter(const Parameter &parameter, bool as_json) {
+  if (!as_json) {
+    std::printf("%s=%s\n", on_one_line(parameter.path).get(), on_one_line(parameter.value.get()).get());
+    return;
+  }
+  const JsonLine json;
+  json_builder_begin_object(json.get());
+  json.member("path", on_one_line(parameter.path).get());
+  json.member("value", parameter.value.get());
+  json_builder_end_object(json.get());
+  json.print();
+}
+
+void print_path(const char *name, const std::string &path, bool as_json) {
+  if (!as_json) {
+    std::printf("%s\n", on_one_line(path).get());
+    return;
+  }
+  const JsonLine json;
+  json_builder_begin_object(json.get());
+  json.member(name, on_one_line(path).get());
+  json_builder_end_object(json.get());
+  json.print();
+}
+
+int run_get(const std::string &words, int argc, char **argv) {
+  Line line;
+  if (!line.parse(words, argc, argv, "PATH...", "Prints the value of a parameter; of several, path and value of each.",
+                  1, G_MAXINT)) {
+    return exit_usage;
+  }
+  int status = EXIT_SUCCESS;
+  for (const auto &word : line.words) {
+    Parameter parameter{full_path(word), "", nullptr};
+    gint32 error = 0;
+    parameter.value = read(parameter.path, error);
+    if (parameter.value == nullptr) {
+      status = complain_of(parameter.path, error);
+    } else if (line.words.size() == 1 && !line.as_json) {
+      std::printf("%s\n", parameter.value.get());
+    } else {
+      print_parameter(parameter, line.as_json != FALSE);
+    }
+  }
+  return status;
+}
+
+int run_set(const std::string &words, int argc, char **argv) {
+  Line line;
+  if (!line.parse(words, argc, argv, "PATH VALUE", "Writes a parameter, which need not exist.", 2, 2)) {
+    return exit_usage;
+  }
+  Call call;
+  Parameter parameter{full_path(line.words[0]), "", nullptr};
+  param_service_set_custom(parameter.path.c_str(), line.words[1].c_str(), &call.options, &call.error);
+  if (call.error != 0) return complain_of(parameter.path + " is not written", call.error);
+  parameter.value = read(parameter.path, call.error);
+  if (parameter.value == nullptr) return complain_of(parameter.path + " is written, and cannot be read", call.error);
+  if (line.as_json) print_parameter(parameter, true);
+  return EXIT_SUCCESS;
+}
+
+int run_list(const std::string &words, int argc, char **argv) {
+  Line line;
+  if (!line.parse(words, argc, argv, "[GROUP]",
+                  "Prints the parameters of a group, and the groups in it, which end in a dot.", 0, 1)) {
+    return exit_usage;
+  }
+  const auto path = full_path(line.words.empty() ? "root" : line.words[0]);
+  Group group;
+  gint32 error = 0;
+  if (!read_group(path, group, error)) return complain_of(path, error);
+  for (const auto &parameter : group.parameters) print_parameter(parameter, line.as_json != FALSE);
+  for (const auto &each : group.groups) print_path("group", line.as_json ? each : each + ".", line.as_json != FALSE);
+  return EXIT_SUCCESS;
+}
+
+// How a terminal draws the lines of a tree.
+struct Lines {
+  const char *branch, *last_branch, *trunk, *nothing;
+};
+constexpr Lines ascii_lines = {"|-- ", "`-- ", "|   ", "    "};
+constexpr Lines box_lines = {"\u251C\u2500\u2500 ", "\u2514\u2500\u2500 ", "\u2502   ", "    "};
+
+// Prints what is in a group. False where a group cannot be read, which is then told.
+bool draw(const std::string &path, const std::string &indent, const Lines &lines, int level) {
+  Group group;
+  gint32 error = 0;
+  if (level > most_levels || !read_group(path, group, error)) {
+    complain_of(path, error);
+    return false;
+  }
+  std::size_t left = group.parameters.size() + group.groups.size();
+  for (const auto &each : group.parameters) {
+    const char *branch = --left > 0 ? lines.branch : lines.last_branch;
+    std::printf("%s%s%s = %s\n", indent.c_str(), branch, on_one_line(each.name).get(),
+                on_one_line(each.value.get()).get());
+  }
+  bool is_whole = true;
+  for (const auto &each : group.groups) {
+    const bool is_last = --left == 0;
+    std::printf("%s%s%s\n", indent.c_str(), is_last ? lines.last_branch : lines.branch,
+                on_one_line(each.substr(each.rfind('.') + 1)).get());
+    is_whole &= draw(each, indent + (is_last ? lines.nothing : lines.trunk), lines, level + 1);
+  }
+  return is_whole;
+}
+
+bool build(const JsonLine &json, const std::string &path, int level) {
+  Group group;
+  gint32 error = 0;
+  if (level > most_levels || !read_group(path, group, error)) {
+    complain_of(path, error);
+    return false;
+  }
+  json.begin_object("parameters");
+  for (const auto &each : group.parameters) json.member(on_one_line(each.name).get(), each.value.get());
+  json_builder_end_object(json.get());
+  json.begin_object("groups");
+  bool is_whole = true;
+  for (const auto &each : group.groups) {
+    json.begin_object(on_one_line(each.substr(each.rfind('.') + 1)).get());
+    is_whole &= build(json, each, level + 1);
+    json_builder_end_object(json.get());
+  }
+  json_builder_end_object(json.get());
+  return is_whole;
+}
+
+int run_tree(const std::string &words, int argc, char **argv) {
+  Line line;
+  if (!line.parse(words, argc, argv, "[GROUP]", "Draws all that is in a group, by default in root.", 0, 1)) {
+    return exit_usage;
+  }
+  const auto path = full_path(line.words.empty() ? "root" : line.words[0]);
+  Words groups;
+  gint32 error = 0;
+  if (!walk(path, param_service_get_child_groups, param_service_get_child_group, groups, error)) {
+    return complain_of(path, error);
+  }
+  if (!line.as_json) {
+    std::printf("%s\n", on_one_line(path).get());
+    return draw(path, "", g_get_charset(nullptr) ? box_lines : ascii_lines, 1) ? EXIT_SUCCESS : EXIT_FAILURE;
+  }
+  const JsonLine json;
+  json_builder_begin_object(json.get());
+  json.member("group", on_one_line(path).get());
+  const bool is_whole = build(json, path, 1);
+  json_builder_end_object(json.get());
+  json.print();
+  return is_whole ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
+int run_create(const std::string &words, int argc, char **argv) {
+  Line line;
+  if (!line.parse(words, argc, argv, "GROUP TEMPLATE [NUMBER]",
+                  "Creates a dynamic group in a group, by default of the lowest free number, and prints its path.", 2,
+                  3)) {
+    return exit_usage;
+  }
+  const auto number = line.words.size() < 3 ? -1 : parse_number(line.words[2], "number of a group", 0, G_MAXINT32);
+  if (!number) return exit_usage;
+  Call call;
+  call.options.number = static_cast<gint32>(*number);
+  const auto path = full_path(line.words[0]);
+  const ptz::Text created(
+      param_service_create_dynamic_group(path.c_str(), line.words[1].c_str(), &call.options, &call.error));
+  if (call.error != 0 || created == nullptr) {
+    return complain_of(created != nullptr ? created.get() : path + " from " + line.words[1], call.error);
+  }
+  print_path("group", created.get(), line.as_json != FALSE);
+  return EXIT_SUCCESS;
+}
+
+int run_delete(const std::string &words, int argc, char **argv) {
+  Line line;
+  if (!line.parse(words, argc, argv, "GROUP", "Deletes a group with all that is in it.", 1, 1)) return exit_usage;
+  Call call;
+  const auto path = full_path(line.words[0]);
+  param_service_delete_group(path.c_str(), &call.options, &call.error);
+  if (call.error != 0) return complain_of(path, call.error);
+  if (line.as_json) print_path("group", path, true);
+  return EXIT_SUCCESS;
+}
+
+int run_sync(const std::string &words, int argc, char **argv) {
+  Line line;
+  if (!line.parse(words, argc, argv, "", "Flushes to storage what all processes have written.", 0, 0)) {
+    return exit_usage;
+  }
+  Call call;
+  param_service_sync(&call.options, &call.error);
+  if (call.error != 0) return complain_of("not flushed", call.error);
+  if (line.as_json) std::printf("{}\n");
+  return EXIT_SUCCESS;
+}
+
+}  // namespace
+
+int run_param(const std::string &words, int argc, char **argv) {
+  static constexpr Subcommand subcommands[] = {
+      {"get", "the value of a parameter", run_get},
+      {"set", "write a parameter", run_set},
+      {"list", "what is in a group", run_list},
+      {"tree", "all that is in a group, drawn as a tree", run_tree},
+      {"create", "create a dynamic group from a template", run_create},
+      {"delete", "delete a group", run_delete},
+      {"sync", "flush the tree to storage", run_sync},
+  };
+  return run_one_of(subcommands, words, argc, argv);
+}
+
+}  // namespace ptzctl
