@@ -104,7 +104,7 @@ PTZParameterItem *append_copy(PTZParameterItemArray *self, const PTZParameterIte
   auto *state = private_of(self);
   link_at(link_to(self, state->nodes.size())).store(node, std::memory_order_release);
   state->nodes.push_back(node);
-  ++state->named.try_emplace(item->name, node, 0).first->second.count;
+  ++state->named.try_emplace(item->name, NamedNodes{node, 0}).first->second.count;
   count_of(self).fetch_add(1, std::memory_order_release);
   return item;
 }
