@@ -12,6 +12,7 @@
 
 #include "byte_arrays.h"
 #include "fuzz_target.h"
+#include "ptz_driver_parameter_item.h"
 #include "ptz_serialize.h"
 
 using namespace ptz_test;
@@ -239,6 +240,51 @@ class Body {
     read_list(read_blob, element_size > 0 ? write_blob : nullptr, g_free);
   }
 
+  // The record of a driver's parameter, read in one go and held against its fields read one by one.
+  void read_parameter_item(guint) {
+    const guint32 start = indx_;
+    guint32 expected_end = start;
+    std::optional<Check> expected_failure;
+    bool is_whole = true, is_visible = true;
+    const auto skip_number = [&] {
+      if (expected_failure) return;
+      if (bytes_left(array_, expected_end) < 2) {
+        expected_failure = check_32bit;
+      } else {
+        is_whole = is_whole && bytes_left(array_, expected_end) >= 4;
+        expected_end = advanced(expected_end, 4);
+      }
+    };
+    const auto skip_string = [&] {
+      if (expected_failure) return;
+      expected_failure = string_failure(array_, expected_end);
+      if (expected_failure == check_16bit) return;
+      const guint32 length = number_at(array_, expected_end, 2);
+      expected_end += 2;
+      if (expected_failure) return;
+      is_visible = is_visible && std::string_view(array_->data + expected_end, length).find('\0') == std::string::npos;
+      expected_end += length;
+    };
+    skip_number();
+    for (int i = 0; i < 3; ++i) skip_string();
+    for (int i = 0; i < 2; ++i) skip_number();
+    skip_string();
+
+    PTZDriverParameterItem item = {};
+    const auto failure = failure_of([&] {
+      ptz_driver_parameter_item_deserialize(array_, &indx_, &item.code, &item.string1, &item.string2, &item.string3,
+                                            &item.number1, &item.number2, &item.string4);
+    });
+    const Text strings[] = {Text(item.string1), Text(item.string2), Text(item.string3), Text(item.string4)};
+    REQUIRE(failure == expected_failure);
+    REQUIRE(indx_ == expected_end);
+    if (failure) return;
+    REQUIRE(std::ranges::none_of(strings, [](const Text &string) { return string == nullptr; }));
+    if (!is_whole || !is_visible) return;
+    ptz_driver_parameter_item_serialize(&item, written_.get());
+    require_written_is_what_was_read(start);
+  }
+
   void read_table_of_nothing(guint) { read_table(read_pair_of_nothing, g_direct_hash, g_direct_equal, nullptr); }
   void read_table_of_no_pairs(guint) { read_table(read_no_pair, g_direct_hash, g_direct_equal, nullptr); }
   void read_table_of_texts_and_numbers(guint) {
@@ -354,6 +400,7 @@ constexpr void (Body::*operations[])(guint argument) = {
     &Body::read_table_of_no_pairs,
     &Body::read_table_of_texts_and_numbers,
     &Body::move_cursor,
+    &Body::read_parameter_item,
 };
 
 }  // namespace
