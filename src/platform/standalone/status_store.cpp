@@ -47,7 +47,8 @@ constexpr std::uint64_t slot_count = 8;
 constexpr std::uint64_t max_directory_bytes = max_group_size * 4;
 constexpr int max_read_attempts = 10'000;
 constexpr long lock_patience_ns = 100'000'000;
-constexpr std::int64_t look_interval_ns = 1'000'000'000;
+constexpr clockid_t look_clock = CLOCK_MONOTONIC_COARSE;  // takes a third of the time, and is up to 10 ms late
+constexpr std::int64_t look_interval_ns = 990'000'000;    // so that a second is kept all the same
 
 using Word = std::uint64_t;
 static_assert(std::atomic_ref<Word>::is_always_lock_free, "a reader may not take locks that it shares with writers");
@@ -176,7 +177,6 @@ struct Mapping {
   Mapping *older = nullptr;  // what the group's file was before it was made anew
   std::atomic<bool> state_in_use = false;
   State state;
-  std::vector<const Field *> targets;  // of an update
 
   explicit Mapping(std::uint32_t size) : group_size(size), state(size) {}
   [[nodiscard]] Word *slot(Word sequence) const {
@@ -199,9 +199,9 @@ int fail(int error) {
   return -1;
 }
 
-std::int64_t now_ns() {
+std::int64_t now_ns(clockid_t clock) {
   timespec now = {};
-  clock_gettime(CLOCK_MONOTONIC, &now);
+  clock_gettime(clock, &now);
   return now.tv_sec * std::int64_t{1'000'000'000} + now.tv_nsec;
 }
 
@@ -290,7 +290,7 @@ Mapping *open_mapping(const std::string &path, Access access) {
   mapping->header = header;
   mapping->device = status.st_dev;
   mapping->inode = status.st_ino;
-  mapping->looked_at_ns = now_ns();
+  mapping->looked_at_ns = now_ns(look_clock);
   return mapping;
 }
 
@@ -340,7 +340,7 @@ Mapping *look_up(Group *group, std::string_view directory, std::string_view name
   const auto path = path_of(directory, name);
   auto *known = group != nullptr ? group->mappings[access].load(std::memory_order_acquire) : nullptr;
   if (known != nullptr) {
-    const auto now = now_ns();
+    const auto now = now_ns(look_clock);
     bool is_damaged = false;
     if (is_current(*known, path, is_damaged)) {
       if (!is_damaged) {
@@ -366,7 +366,8 @@ Mapping *mapping_of(const gchar *name_text, Access access) {
   const std::string_view name(name_text), directory(runtime_directory());
   auto *group = find_group(bucket_of(name).load(std::memory_order_acquire), directory, name);
   auto *mapping = group != nullptr ? group->mappings[access].load(std::memory_order_acquire) : nullptr;
-  if (mapping == nullptr || now_ns() - mapping->looked_at_ns.load(std::memory_order_relaxed) >= look_interval_ns) {
+  if (mapping == nullptr ||
+      now_ns(look_clock) - mapping->looked_at_ns.load(std::memory_order_relaxed) >= look_interval_ns) {
     return look_up(group, directory, name, access);
   }
   return mapping;
@@ -484,15 +485,28 @@ void publish(const Mapping &mapping, State &state, Word sequence) {
   state.sequence = sequence;
 }
 
-// Callers ask for keys in the order in which they are stored: each search begins behind the one before.
-const Field *find_field(const std::vector<Field> &fields, const gchar *key, std::size_t &cursor) {
-  for (std::size_t i = 0; i < fields.size(); ++i) {
-    if (cursor == fields.size()) cursor = 0;
-    const auto &field = fields[cursor++];
-    if (std::strcmp(field.key.data(), key) == 0) return &field;
+// Callers ask for keys in the order in which they are stored, mostly: each search begins behind the one before.
+class FieldSearch {
+  const Field *const begin_, *const end_;
+  const Field *next_;
+
+  [[gnu::noinline]] const Field *search(const gchar *key) {
+    for (auto left = end_ - begin_; left > 0; --left) {
+      if (next_ == end_) next_ = begin_;
+      const Field *field = next_++;
+      if (std::strcmp(field->key.data(), key) == 0) return field;
+    }
+    return nullptr;
   }
-  return nullptr;
-}
+
+ public:
+  explicit FieldSearch(const std::vector<Field> &fields)
+      : begin_(fields.data()), end_(begin_ + fields.size()), next_(begin_) {}
+  const Field *find(const gchar *key) {
+    if (next_ != end_ && std::strcmp(next_->key.data(), key) == 0) return next_++;
+    return search(key);
+  }
+};
 
 bool is_param(const StatusStoreParam &param) {
   return param.key != nullptr && *param.key != '\0' && param.size != 0 && param.value != nullptr;
@@ -513,12 +527,12 @@ void copy_value(void *to, const void *from, std::uint32_t size) {
 }
 
 int read_values(const State &state, StatusStoreParam **params) {
-  std::size_t cursor = 0;
+  FieldSearch search(state.layout.fields);
   int count = 0;
   for (; *params != nullptr; ++params) {
     const auto &param = **params;
     if (!is_param(param)) return fail(EINVAL);
-    const auto *field = find_field(state.layout.fields, param.key, cursor);
+    const auto *field = search.find(param.key);
     if (field == nullptr || field->size != param.size || field->type != param.type) continue;
     copy_value(param.value, state.bytes() + field->offset, param.size);
     ++count;
@@ -573,30 +587,34 @@ int change_layout(const Mapping &mapping, State &state, StatusStoreParam *const 
   return 0;
 }
 
+// writers' mutex held. Writes values that the state has room for into it; EAGAIN for others, or another error.
+int write_in_place(State &state, StatusStoreParam *const *params) {
+  FieldSearch search(state.layout.fields);
+  for (; *params != nullptr; ++params) {
+    const auto &param = **params;
+    if (!is_param(param)) return EINVAL;
+    const auto *field = search.find(param.key);
+    if (field == nullptr || field->size != param.size || field->type != param.type) return EAGAIN;
+    copy_value(state.bytes() + field->offset, param.value, param.size);
+  }
+  return 0;
+}
+
 // writers' mutex held. 0, or the error.
-int write_values(Mapping &mapping, StatusStoreParam **params) {
+int write_values(Mapping &mapping, StatusStoreParam *const *params) {
   auto &state = mapping.state;
-  auto &targets = mapping.targets;
   if (const int error = read_state(mapping, state); error != 0) return error;
   const Word next = *state.sequence + 1;
-  bool is_known_layout = true;
-  std::size_t cursor = 0;
-  targets.clear();
-  for (auto **given = params; *given != nullptr; ++given) {
-    const auto &param = **given;
-    if (!is_param(param)) return EINVAL;
-    const auto *field = find_field(state.layout.fields, param.key, cursor);
-    targets.push_back(field);
-    if (field == nullptr || field->size != param.size || field->type != param.type) is_known_layout = false;
-  }
-  if (is_known_layout) {
-    state.sequence.reset();  // until it is published: a thread that is ended here leaves half a state
-    for (const auto *field : targets) {
-      copy_value(state.bytes() + field->offset, (*params++)->value, field->size);
+  state.sequence.reset();  // until it is published: what ends here leaves half a state, to be read again
+  int error = write_in_place(state, params);
+  if (error == EAGAIN) {
+    for (auto *const *given = params; *given != nullptr; ++given) {
+      if (!is_param(**given)) return EINVAL;
     }
-  } else if (const int error = change_layout(mapping, state, params); error != 0) {
-    return error;
+    error = read_state(mapping, state);
+    if (error == 0) error = change_layout(mapping, state, params);
   }
+  if (error != 0) return error;
   publish(mapping, state, next);
   return 0;
 }
@@ -604,7 +622,7 @@ int write_values(Mapping &mapping, StatusStoreParam **params) {
 int lock_writers(pthread_mutex_t &mutex) {
   int error = pthread_mutex_trylock(&mutex);
   if (error == EBUSY) {
-    const auto deadline_ns = now_ns() + lock_patience_ns;
+    const auto deadline_ns = now_ns(CLOCK_MONOTONIC) + lock_patience_ns;
     const timespec deadline = {static_cast<time_t>(deadline_ns / 1'000'000'000),
                                static_cast<long>(deadline_ns % 1'000'000'000)};
     error = pthread_mutex_clocklock(&mutex, CLOCK_MONOTONIC, &deadline);
