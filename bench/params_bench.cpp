@@ -203,7 +203,10 @@ void push(benchmark::State &state) {
   Tree &in = tree(small);
   execute(in.database(), "BEGIN IMMEDIATE");
   int next = 0;
-  for (auto _ : state) ptz_tessel_async_push_set_int(++next, "root.PTZ.Pushed.P%d", next % 100);
+  for (auto _ : state) {
+    ++next;
+    ptz_tessel_async_push_set_int(next, "root.PTZ.Pushed.P%d", next % 100);
+  }
   execute(in.database(), "ROLLBACK");
   static int marker = 0;
   const auto last = std::to_string(++marker);

@@ -213,4 +213,14 @@ PTZ_API void ptz_dynamical_properties_freeze_notify (PTZDynamicalProperties *sel
  */
 PTZ_API void ptz_dynamical_properties_thaw_notify (PTZDynamicalProperties *self);
 
+/**
+ * ptz_dynamical_properties_finalize:
+ * @object: the object, whose last reference has gone
+ *
+ * The class's own `finalize`: frees all properties. Notifications that wait are dropped. Chaining up reaches it from a subclass; nobody else calls it.
+ *
+ * Thread: the one that ends the object.
+ */
+PTZ_API void ptz_dynamical_properties_finalize (GObject *object);
+
 G_END_DECLS

@@ -348,4 +348,14 @@ PTZ_API gboolean ptz_parameter_item_array_map (PTZParameterItemArray *self, PTZP
 PTZ_API gboolean ptz_parameter_item_array_map_remove (PTZParameterItemArray *self, PTZParameterItemFunction function,
                                                       gpointer user_data);
 
+/**
+ * ptz_parameter_item_array_finalize:
+ * @object: the array, whose last reference has gone
+ *
+ * The class's own `finalize`: frees all items and the name. Chaining up reaches it from a subclass; nobody else calls it.
+ *
+ * Thread: the one that ends the object.
+ */
+PTZ_API void ptz_parameter_item_array_finalize (GObject *object);
+
 G_END_DECLS

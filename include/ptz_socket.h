@@ -130,4 +130,15 @@ PTZ_API PTZSocket *ptz_socket_new (GType object_type, gint mode, const gchar *pa
  */
 PTZ_API PTZSocket *ptz_socket_fd_new (GType object_type, gint mode, gint fd, gint type);
 
+/**
+ * ptz_socket_finalize:
+ * @object: the endpoint, whose last reference has gone
+ *
+ * The class's own `finalize`: ends reconnecting, closes the descriptor and, of a
+ * server, removes the file at its path. Chaining up reaches it from a subclass; nobody else calls it.
+ *
+ * Thread: the one that ends the object.
+ */
+PTZ_API void ptz_socket_finalize (GObject *object);
+
 G_END_DECLS

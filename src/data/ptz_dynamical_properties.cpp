@@ -207,7 +207,7 @@ static void ptz_dynamical_properties_init(PTZDynamicalProperties *self) {
                                            [](gpointer value) { free_value(static_cast<GValue *>(value)); });
 }
 
-static void ptz_dynamical_properties_finalize(GObject *object) {
+void ptz_dynamical_properties_finalize(GObject *object) {
   auto *self = PTZ_DYNAMICAL_PROPERTIES(object);
   g_slist_free(self->nqueue.pending);
   g_hash_table_unref(self->properties);

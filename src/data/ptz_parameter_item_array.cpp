@@ -223,7 +223,7 @@ static void ptz_parameter_item_array_get_property(GObject *object, guint id, GVa
 
 static void ptz_parameter_item_array_init(PTZParameterItemArray *self) { std::construct_at(private_of(self)); }
 
-static void ptz_parameter_item_array_finalize(GObject *object) {
+void ptz_parameter_item_array_finalize(GObject *object) {
   auto *self = PTZ_PARAMETER_ITEM_ARRAY(object);
   ptz_parameter_item_array_free(self);
   std::destroy_at(private_of(self));

@@ -260,7 +260,7 @@ static void ptz_socket_get_property(GObject *object, guint id, GValue *value, GP
   g_value_set_string(value, PTZ_SOCKET(object)->socket);
 }
 
-static void ptz_socket_finalize(GObject *object) {
+void ptz_socket_finalize(GObject *object) {
   auto *self = PTZ_SOCKET(object);
   if (self->retry_source != 0) {
     g_source_remove(self->retry_source);
