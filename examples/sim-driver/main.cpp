@@ -73,16 +73,15 @@ int serve(const char *path, const char *dbus_name, Driver driver, bool verbose) 
   Service service{std::move(driver), verbose};
   if (verbose) ptz_flag_types_list_all(&driver_capabilities);
 
+  // Before anybody can know that this driver is there, and before there is a socket that would be left behind.
+  g_unix_signal_add(SIGTERM, on_end_signal, service.loop.get());
+  g_unix_signal_add(SIGINT, on_end_signal, service.loop.get());
   const Object<PTZSocketServerCommand> server(ptz_socket_server_command_new(path, SOCK_STREAM));
   if (!server || PTZ_SOCKET(server.get())->fd < 0) {
     g_printerr("sim-driver: cannot listen on '%s'\n", path);
     return EXIT_FAILURE;
   }
   ptz_socket_server_register_callback(PTZ_SOCKET_SERVER(server.get()), on_request, &service);
-
-  // Before anybody can know that this driver is there.
-  g_unix_signal_add(SIGTERM, on_end_signal, service.loop.get());
-  g_unix_signal_add(SIGINT, on_end_signal, service.loop.get());
 
   LegacyPresets configuration(service.driver);
   if (dbus_name != nullptr && !configuration.start(dbus_name)) {

@@ -1,0 +1,123 @@
+// Device presets. Stores under numbers that were free, of which a driver that keeps presets has two more afterwards.
+#include <algorithm>
+
+#include "head.h"
+
+namespace compliance {
+
+namespace {
+
+constexpr char preset_name[] = "compliance";
+constexpr char other_name[] = "compliance 2";
+
+PresetList list_of(Link &link) { return query<PresetList>(link, PTZ_COMMAND_GET_DEVICE_PRESETS); }
+
+// The last one that is free or that these checks have used before.
+guint32 free_number(Link &link, guint32 below = most_presets + 1) {
+  const PresetList list = list_of(link);
+  for (guint32 number = below - 1; number > 0; --number) {
+    const auto taken = std::ranges::find(list.elements, number, &Preset::number);
+    if (taken == list.elements.end() || taken->name == preset_name || taken->name == other_name) return number;
+  }
+  link.probe().not_applicable("every preset from 1 to %u is in use", below - 1);
+  return 0;
+}
+
+void store(Link &link, guint32 number, const char *name) {
+  obtain(link, make_body(PTZ_COMMAND_SET_DEVICE_PRESET, Preset{number, name}));
+}
+
+void store_and_return(Probe &probe) {
+  Head head(probe);
+  const AxisIndex axis = head.axis_for(PTZ_MOVE_RELATIVE);
+  head.make_room(axis);
+  const guint32 number = free_number(head.link());
+  store(head.link(), number, preset_name);
+  const Positions there = head.where();
+  head.order(Head::move(PTZ_MOVE_RELATIVE, axis, head.step(axis)));
+  head.arrive();
+  head.order(make_body(PTZ_COMMAND_GOTO_DEVICE_PRESET, GotoPresetRequest{number, full_speed}));
+  const Positions back = head.arrive();
+  for (const AxisIndex each : {pan, tilt, zoom}) {
+    probe.fail_unless(there.position[each] == back.position[each], "preset %u was stored with %s at %d and leads to %d",
+                      number, axis_names[each], there.position[each], back.position[each]);
+  }
+}
+
+void is_listed(Probe &probe) {
+  Link link = probe.connect();
+  const guint32 number = free_number(link);
+  store(link, number, preset_name);
+  const PresetList list = list_of(link);
+  const auto found = std::ranges::find(list.elements, number, &Preset::number);
+  if (found == list.elements.end()) return probe.fail("preset %u was stored and is not listed", number);
+  probe.fail_unless(found->name == preset_name, "preset %u was stored as \"%s\" and is listed as \"%s\"", number,
+                    preset_name, found->name.c_str());
+}
+
+void is_replaced(Probe &probe) {
+  Link link = probe.connect();
+  const guint32 number = free_number(link);
+  store(link, number, preset_name);
+  store(link, number, other_name);
+  const PresetList list = list_of(link);
+  const auto entries = std::ranges::count(list.elements, number, &Preset::number);
+  probe.fail_unless(entries <= 1, "preset %u was stored twice and is listed %d times", number,
+                    static_cast<int>(entries));
+  const auto found = std::ranges::find(list.elements, number, &Preset::number);
+  if (found == list.elements.end()) return;  // that is another check's
+  const bool old = found->name == preset_name;
+  store(link, number, preset_name);
+  probe.fail_unless(!old, "preset %u keeps its old name when it is stored again", number);
+}
+
+void in_order(Probe &probe) {
+  Link link = probe.connect();
+  const guint32 higher = free_number(link);
+  const guint32 lower = free_number(link, higher);
+  store(link, higher, preset_name);
+  store(link, lower, preset_name);
+  const PresetList list = list_of(link);
+  probe.fail_unless(std::ranges::is_sorted(list.elements, {}, &Preset::number),
+                    "the presets are not listed by their numbers");
+}
+
+void unknown_is_refused(Probe &probe) {
+  Link link = probe.connect();
+  expect_refused(link, make_body(PTZ_COMMAND_GOTO_DEVICE_PRESET, GotoPresetRequest{G_MAXUINT32, full_speed}),
+                 "going to a preset that nobody stored");
+}
+
+void bad_number(Probe &probe) {
+  Link link = probe.connect();
+  for (const guint32 number : {0U, G_MAXUINT32}) {
+    expect_refused(link, make_body(PTZ_COMMAND_SET_DEVICE_PRESET, Preset{number, preset_name}),
+                   ("storing preset " + std::to_string(number)).c_str());
+  }
+}
+
+void bad_name(Probe &probe) {
+  Link link = probe.connect();
+  const guint32 number = free_number(link);
+  for (const std::size_t length : {std::size_t{0}, longest_preset_name + 1}) {
+    expect_refused(link, make_body(PTZ_COMMAND_SET_DEVICE_PRESET, Preset{number, std::string(length, 'x')}),
+                   ("a name of " + std::to_string(length) + " bytes").c_str());
+  }
+}
+
+constexpr Check rows[] = {
+    {"presets.store-and-return", "a preset leads back to where it was stored", store_and_return},
+    {"presets.is-listed", "a preset that was stored is listed, with its name", is_listed},
+    {"presets.is-replaced", "a preset that is stored again replaces the one before", is_replaced},
+    {"presets.in-order", "presets are listed by their numbers", in_order},
+    {"presets.unknown-is-refused", "going to a preset that nobody stored is answered with an error",
+     unknown_is_refused},
+    {"presets.bad-number", "storing a preset 0 or 4294967295 is answered with an error", bad_number},
+    {"presets.bad-name", "a name of 0 or 33 bytes is answered with an error", bad_name},
+};
+
+}  // namespace
+
+const Checks preset_checks(rows);
+
+}  // namespace compliance

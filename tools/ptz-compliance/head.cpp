@@ -1,0 +1,136 @@
+#include "head.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+namespace compliance {
+
+namespace {
+constexpr int steps_of_range = 200;
+constexpr int look_again_us = 5'000;
+constexpr int looks_at_standstill = 6;
+}  // namespace
+
+const std::array<const char *, axis_count> axis_names = {"pan", "tilt", "zoom"};
+
+const char *kind_name(PTZMove kind) {
+  return kind == PTZ_MOVE_ABSOLUTE ? "absolute" : kind == PTZ_MOVE_RELATIVE ? "relative" : "continuous";
+}
+
+guint32 move_capability(PTZMove kind, AxisIndex axis) {
+  // The bits of an axis follow each other, and so do the axes.
+  static_assert(PTZ_DRIVER_MOVE_CAPABILITIES_RELPAN == PTZ_DRIVER_MOVE_CAPABILITIES_PAN << 1 &&
+                PTZ_DRIVER_MOVE_CAPABILITIES_CONTZOOM == PTZ_DRIVER_MOVE_CAPABILITIES_PAN << 8);
+  return guint32{PTZ_DRIVER_MOVE_CAPABILITIES_PAN} << (3 * axis + kind - PTZ_MOVE_ABSOLUTE);
+}
+
+Head::Head(Probe &probe)
+    : link_(probe.connect()),
+      capabilities_(query<Capabilities>(link_, PTZ_COMMAND_GET_CAPABILITIES)),
+      limits_(query<Limits>(link_, PTZ_COMMAND_QUERY_LIMIT_RANGES)),
+      speeds_(query<Speeds>(link_, PTZ_COMMAND_QUERY_SPEED)) {
+  arrive();
+}
+
+bool Head::has_room(AxisIndex axis) const {
+  return gint64{limits_.maximum[axis]} - limits_.minimum[axis] >= steps_of_range && speeds_.maximum[axis] > 0;
+}
+
+AxisIndex Head::axis_for(PTZMove kind) {
+  for (const AxisIndex axis : {pan, tilt, zoom}) {
+    if (announces(kind, axis) && has_room(axis)) return axis;
+  }
+  probe().not_applicable("the driver announces no %s moves of an axis with room to move in", kind_name(kind));
+  return pan;
+}
+
+double Head::seconds_to(AxisIndex axis, gint32 distance) const {
+  return std::abs(static_cast<double>(distance)) / speeds_.maximum[axis];
+}
+
+Head::Limit Head::nearest_limit(PTZMove kind) {
+  Limit nearest{axis_for(kind), false};
+  if (probe().decided()) return nearest;
+  double least = std::numeric_limits<double>::infinity();
+  const PerAxis now = where().position;
+  for (const AxisIndex axis : {pan, tilt, zoom}) {
+    if (!announces(kind, axis) || !has_room(axis)) continue;
+    for (const bool upper : {false, true}) {
+      const double time = seconds_to(axis, (upper ? limits_.maximum : limits_.minimum)[axis] - now[axis]);
+      if (time < least) {
+        least = time;
+        nearest = {axis, upper};
+      }
+    }
+  }
+  return nearest;
+}
+
+gint32 Head::step(AxisIndex axis) const {
+  return static_cast<gint32>((gint64{limits_.maximum[axis]} - limits_.minimum[axis]) / steps_of_range);
+}
+
+Body Head::move(PTZMove kind, AxisIndex axis, gint32 value, guint16 speed) {
+  MoveRequest request{static_cast<guint32>(kind), axis_bit(axis), speed, {}};
+  request.values[axis] = value;
+  return make_body(PTZ_COMMAND_MOVE, request);
+}
+
+Body Head::move_command(PTZMoveCmd direction, guint16 speed) {
+  return make_body(PTZ_COMMAND_MOVE_COMMAND, MoveCommandRequest{static_cast<guint32>(direction), speed});
+}
+
+void Head::calm_down() {
+  link_.ask(make_body(PTZ_COMMAND_STOP));
+  arrive();
+}
+
+Positions Head::arrive() {
+  const gint64 deadline = g_get_monotonic_time() + gint64{probe().motion_timeout_ms()} * 1000;
+  Positions now = where();
+  while (!now.idle() && !probe().decided()) {
+    if (g_get_monotonic_time() > deadline) {
+      probe().fail("the head still moves after %d ms", probe().motion_timeout_ms());
+    }
+    g_usleep(look_again_us);
+    now = where();
+  }
+  return now;
+}
+
+void Head::make_room(AxisIndex axis) {
+  const gint32 margin = 4 * step(axis);
+  const gint32 now = position(axis);
+  if (probe().decided()) return;
+  const gint32 wanted = std::clamp(now, limits_.minimum[axis] + margin, limits_.maximum[axis] - margin);
+  if (wanted == now) return;
+  if (announces(PTZ_MOVE_ABSOLUTE, axis)) {
+    order(move(PTZ_MOVE_ABSOLUTE, axis, wanted));
+  } else if (announces(PTZ_MOVE_RELATIVE, axis)) {
+    order(move(PTZ_MOVE_RELATIVE, axis, wanted - now));
+  } else {
+    probe().not_applicable("%s is at its limit", axis_names[axis]);
+  }
+  arrive();
+}
+
+bool Head::leaves(AxisIndex axis, gint32 from) {
+  const gint64 deadline = g_get_monotonic_time() + gint64{probe().timeout_ms()} * 1000;
+  while (!probe().decided() && g_get_monotonic_time() < deadline) {
+    if (position(axis) != from) return true;
+    g_usleep(look_again_us);
+  }
+  return false;
+}
+
+bool Head::stays(AxisIndex axis) {
+  const gint32 from = position(axis);
+  for (int look = 0; look < looks_at_standstill && !probe().decided(); ++look) {
+    g_usleep(look_again_us);
+    if (position(axis) != from) return false;
+  }
+  return true;
+}
+
+}  // namespace compliance

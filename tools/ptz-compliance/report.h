@@ -1,0 +1,27 @@
+// report.h - verdicts, as people, TAP readers and other programs want them.
+#pragma once
+#include <memory>
+
+#include "check.h"
+
+namespace compliance {
+
+struct Outcome {
+  Result result;
+  std::string remark;
+  std::deque<Traffic> traffic;
+  double ms;
+};
+
+class Report {
+ public:
+  virtual ~Report() = default;
+  virtual void add(const Check &check, const Outcome &outcome) = 0;
+  virtual void finish() = 0;
+};
+
+enum class Format { text, tap, json };
+std::unique_ptr<Report> make_report(Format format, std::size_t checks, const Subject &subject);
+void list_checks(Format format, const std::vector<const Check *> &checks);
+
+}  // namespace compliance

@@ -1,0 +1,117 @@
+#include "subject.h"
+
+#include <fcntl.h>
+#include <glib.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+
+#include <csignal>
+#include <cstring>
+
+namespace compliance {
+
+namespace {
+constexpr int look_again_us = 2'000;
+}
+
+std::string describe_end(int wait_status) {
+  if (WIFSIGNALED(wait_status)) {
+    const int number = WTERMSIG(wait_status);
+    return "was ended by signal " + std::to_string(number) + " (" + strsignal(number) + ")";
+  }
+  return "ended with status " + std::to_string(WEXITSTATUS(wait_status));
+}
+
+Subject::~Subject() { clear_away(); }
+
+std::optional<std::string> Subject::start() {
+  if (started_by_us()) {
+    if (connect()) return "another driver listens on " + path_;
+    std::vector<char *> words;
+    for (std::string &word : command_) words.push_back(word.data());
+    words.push_back(nullptr);
+    const char *const output = log_.empty() ? "/dev/null" : log_.c_str();
+    const int log = open(output, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (log < 0) return std::string("cannot write ") + output + ": " + g_strerror(errno);
+    const example::Descriptor owner(log);
+    GError *error = nullptr;
+    const auto set_up = [](gpointer) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      ::signal(SIGPIPE, SIG_DFL);  // as a service manager would start it, not as this tool has it
+    };
+    if (g_spawn_async_with_fds(nullptr, words.data(), nullptr,
+                               GSpawnFlags(G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD), set_up, nullptr, &pid_, -1,
+                               log, log, &error) == FALSE) {
+      pid_ = 0;
+      std::string reason = error->message;
+      g_error_free(error);
+      return reason;
+    }
+    path_is_ours_ = true;
+  }
+  const gint64 deadline = g_get_monotonic_time() + gint64{start_timeout_ms_} * 1000;
+  while (!connect()) {
+    if (const auto end = died(0)) return "the driver " + *end + " before it listened on " + path_;
+    if (!started_by_us()) return "nobody listens on " + path_;
+    if (g_get_monotonic_time() >= deadline) {
+      return "the driver does not listen on " + path_ + " within " + std::to_string(start_timeout_ms_) + " ms";
+    }
+    g_usleep(look_again_us);
+  }
+  return std::nullopt;
+}
+
+void Subject::kill() {
+  if (pid_ <= 0) return;
+  ::kill(pid_, SIGKILL);
+  waitpid(pid_, nullptr, 0);
+  pid_ = 0;
+}
+
+void Subject::clear_away() {
+  kill();
+  if (path_is_ours_) unlink(path_.c_str());
+}
+
+void Subject::signal(int number) const {
+  if (pid_ > 0) ::kill(pid_, number);
+}
+
+std::optional<int> Subject::wait(int limit_ms) {
+  const gint64 deadline = g_get_monotonic_time() + gint64{limit_ms} * 1000;
+  int status = 0;
+  while (pid_ > 0 && waitpid(pid_, &status, WNOHANG) == 0) {
+    if (g_get_monotonic_time() >= deadline) return std::nullopt;
+    g_usleep(look_again_us);
+  }
+  pid_ = 0;
+  return status;
+}
+
+std::optional<std::string> Subject::died(int limit_ms) {
+  if (!runs()) return std::nullopt;
+  const auto status = wait(limit_ms);
+  return status ? std::optional(describe_end(*status)) : std::nullopt;
+}
+
+pid_t Subject::listener(int connected_fd) {
+  ucred peer{};
+  socklen_t size = sizeof(peer);
+  return getsockopt(connected_fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.pid : 0;
+}
+
+example::Descriptor Subject::connect() const {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path_.size() >= sizeof(address.sun_path)) return example::Descriptor();
+  std::memcpy(address.sun_path, path_.data(), path_.size());
+  example::Descriptor fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (!fd || ::connect(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0) {
+    return example::Descriptor();
+  }
+  return fd;
+}
+
+}  // namespace compliance
