@@ -7,9 +7,11 @@
 
 #include <clocale>
 #include <cstdlib>
+#include <optional>
 
 #include "driver.h"
 #include "driver_settings.h"
+#include "head_parameters.h"
 #include "legacy_presets.h"
 
 namespace {
@@ -18,9 +20,11 @@ using namespace example;
 
 constexpr guint tick_ms = 20;
 constexpr int exit_usage = 2;
+constexpr gint64 finish_limit_ms = 5'000;
 
 struct Service {
   Driver driver;
+  std::optional<HeadParameters> parameters;
   bool verbose;
   guint tick = 0;  // id of the timer, 0 while the head stands still
   Loop loop = Loop(g_main_loop_new(nullptr, FALSE));
@@ -36,8 +40,25 @@ gboolean on_tick(gpointer user_data) {
     syslog(LOG_INFO, "at rest: pan %d, tilt %d, zoom %d", head.axis(pan).position(), head.axis(tilt).position(),
            head.axis(zoom).position());
   }
+  if (service.parameters) service.parameters->keep(head.each(&Axis::position));
   service.tick = 0;
   return G_SOURCE_REMOVE;
+}
+
+void watch_motion(Service &service) {
+  if (service.tick == 0 && service.driver.head().moving()) service.tick = g_timeout_add(tick_ms, on_tick, &service);
+}
+
+// As an order of the daemon's would be, and a later one replaces it.
+void resume_position(Service &service) {
+  const auto position = service.parameters ? service.parameters->position_to_resume() : std::nullopt;
+  if (!position) return;
+  Head &head = service.driver.head();
+  head.advance(g_get_monotonic_time());
+  for (std::size_t index = 0; index < axis_count; ++index) {
+    head.axis(index).move_to((*position)[index], head.axis(index).range().max_speed);
+  }
+  watch_motion(service);
 }
 
 void log_request(GArray *request, GArray *reply) {
@@ -60,7 +81,7 @@ gboolean on_request(gpointer user_data, gpointer reply_context, gpointer data, g
   if (ptz_socket_server_send(reply_context, reply->data, reply->len) == FALSE) {
     syslog(LOG_WARNING, "a reply of %u bytes could not be sent", reply->len);
   }
-  if (service.tick == 0 && service.driver.head().moving()) service.tick = g_timeout_add(tick_ms, on_tick, &service);
+  watch_motion(service);
   return TRUE;
 }
 
@@ -69,8 +90,9 @@ gboolean on_end_signal(gpointer loop) {
   return G_SOURCE_CONTINUE;
 }
 
-int serve(const char *path, const char *dbus_name, Driver driver, bool verbose) {
-  Service service{std::move(driver), verbose};
+int serve(const char *path, const char *dbus_name, Driver driver, std::optional<HeadParameters> parameters,
+          bool verbose) {
+  Service service{std::move(driver), parameters, verbose};
   if (verbose) ptz_flag_types_list_all(&driver_capabilities);
 
   // Before anybody can know that this driver is there, and before there is a socket that would be left behind.
@@ -88,9 +110,15 @@ int serve(const char *path, const char *dbus_name, Driver driver, bool verbose) 
     g_printerr("sim-driver: cannot serve presets as com.velk.PTZ.%s on the system bus\n", dbus_name);
     return EXIT_FAILURE;
   }
+  resume_position(service);
   if (verbose) syslog(LOG_INFO, "serving on %s", path);
   g_main_loop_run(service.loop.get());
-  if (service.tick != 0) g_source_remove(service.tick);
+  if (service.tick != 0) {
+    g_source_remove(service.tick);
+    // The head stays where it is cut off.
+    if (parameters) parameters->keep(service.driver.head().each(&Axis::position));
+  }
+  if (parameters) parameters->finish(finish_limit_ms);
   return EXIT_SUCCESS;
 }
 
@@ -103,6 +131,7 @@ int main(int argc, char **argv) {
   char *dbus_option = nullptr;
   char **config_option = nullptr;
   gint speed_factor = 1;
+  gint instance = -1;
   gboolean verbose = FALSE;
   const GOptionEntry entries[] = {
       {"socket", 's', G_OPTION_FLAG_NONE, G_OPTION_ARG_FILENAME, &path_option, "Listen on this socket", "PATH"},
@@ -112,6 +141,8 @@ int main(int argc, char **argv) {
        "Keep presets in this file; without it, they are lost when the driver ends", "FILE"},
       {"dbus", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_STRING, &dbus_option,
        "Serve the presets as configuration of com.velk.PTZ.NAME on the system bus", "NAME"},
+      {"parameters", 'p', G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &instance,
+       "Read limits and speed from the parameter tree, and leave the position there, as head number N", "N"},
       {"speed-factor", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &speed_factor,
        "Let the head move this many times as fast, 1 to 20", "N"},
       {"verbose", 'v', G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, &verbose, "Log capabilities, requests and arrivals",
@@ -125,7 +156,7 @@ int main(int argc, char **argv) {
   const Text state(state_option);
   const Text dbus_name(dbus_option);
   const Owned<char *, g_strfreev> config(config_option);
-  if (!parsed || argc > 1 || !path || speed_factor < 1 || speed_factor > 20) {
+  if (!parsed || argc > 1 || !path || speed_factor < 1 || speed_factor > 20 || instance < -1) {
     g_printerr("sim-driver: %s; see --help\n",
                error != nullptr ? error->message : "it takes --socket PATH and nothing beside its options");
     g_clear_error(&error);
@@ -144,6 +175,15 @@ int main(int argc, char **argv) {
   }
   PresetStore presets(settings.factory_presets);
   if (state) presets.open(state.get());  // without its stored presets, the driver is of use all the same
+  std::optional<HeadParameters> parameters;
+  if (instance >= 0) {
+    parameters.emplace(static_cast<guint>(instance));
+    if (parameters->open()) {
+      settings.ranges = parameters->narrowed(settings.ranges);
+    } else {
+      parameters.reset();  // without the tree, too, the driver is of use
+    }
+  }
   return serve(path.get(), dbus_name.get(), Driver(faster(settings.ranges, speed_factor), std::move(presets)),
-               verbose != FALSE);
+               parameters, verbose != FALSE);
 }

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <ptz_serialize.h>
 #include <ptz_socket_client_command.h>
+#include <ptz_tessel.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -273,6 +274,48 @@ TEST_F(SimDriverProgram, RefusesAPresetThatItCannotStoreAndKeepsTheOneBefore) {
   EXPECT_EQ(preset_names(), "gate;door;");
 }
 
+TEST_F(SimDriverProgram, ObeysAParameterThatWasChangedWhenItStartsAgainAndLeavesItsPositionAtTheEnd) {
+  setenv("PTZ_PLATFORM_STATE_DIR", dir_.path().c_str(), 1);
+  setenv("PTZ_PLATFORM_TEMPLATE_DIR", EXAMPLE_TEMPLATES, 1);
+  const auto parameter = [](const char *path) {
+    const Text value(ptz_tessel_get(path));
+    return std::string(value ? value.get() : "(none)");
+  };
+  const auto pan_limit = [&] {
+    const Body reply = ask(make_body(PTZ_COMMAND_QUERY_LIMIT_RANGES));
+    BodyReader reader(reply.get());
+    EXPECT_EQ(reader.i32(), PTZ_COMMAND_QUERY_LIMIT_RANGES);
+    return Limits::read(reader).maximum[pan];
+  };
+  restart_driver({"--parameters", "1"});
+  EXPECT_EQ(pan_limit(), 17000);
+  EXPECT_EQ(ptz_tessel_set("root.PTZ.Head.H1.PanMax", "1234", FALSE, FALSE, FALSE, 0), 0);
+  EXPECT_EQ(ptz_tessel_set("root.PTZ.Head.H1.ResumePosition", "true", FALSE, FALSE, FALSE, 0), 0);
+  EXPECT_EQ(pan_limit(), 17000);
+  driver_->signal(SIGTERM);
+  EXPECT_EQ(driver_->wait(), 0);
+  EXPECT_EQ(parameter("root.PTZ.State.S1.Ended"), "1");
+
+  restart_driver({"--parameters", "1"});
+  EXPECT_EQ(pan_limit(), 1234);
+  EXPECT_EQ(
+      first_word(ask(make_body(PTZ_COMMAND_MOVE, MoveRequest{PTZ_MOVE_ABSOLUTE, all_axes, 100, {1200, 300, 200}}))),
+      PTZ_COMMAND_MOVE);
+  EXPECT_TRUE(ptz_test::run_until([&] { return parameter("root.PTZ.State.S1.Pan") == "1200"; }))
+      << "written when the head has come to rest";
+  driver_->signal(SIGTERM);
+  EXPECT_EQ(driver_->wait(), 0);
+
+  restart_driver({"--parameters", "1"});
+  EXPECT_TRUE(ptz_test::run_until([&] {
+    const Body reply = ask(make_body(PTZ_COMMAND_QUERY_POSITION));
+    BodyReader reader(reply.get());
+    return reader.i32() == PTZ_COMMAND_QUERY_POSITION && Positions::read(reader).position == PerAxis{1200, 300, 200};
+  })) << "the head is where it was";
+  unsetenv("PTZ_PLATFORM_STATE_DIR");
+  unsetenv("PTZ_PLATFORM_TEMPLATE_DIR");
+}
+
 TEST_F(SimDriverProgram, SaysSoAndFailsWhereItCannotListen) {
   Process driver(SIM_DRIVER, {"--socket", dir_.file("missing") + "/driver.socket"}, output_);
   EXPECT_EQ(driver.wait(), 1);
@@ -284,7 +327,8 @@ TEST_F(SimDriverProgram, RefusesArgumentsThatMakeNoSense) {
                                                        {"--socket"},
                                                        {"--socket", socket_, "more"},
                                                        {"--sockets", socket_},
-                                                       {"--socket", socket_, "--speed-factor", "0"}};
+                                                       {"--socket", socket_, "--speed-factor", "0"},
+                                                       {"--socket", socket_, "--parameters", "-2"}};
   for (const auto &arguments : wrong) EXPECT_EQ(Process(SIM_DRIVER, arguments, output_).wait(), 2);
   EXPECT_EQ(Process(SIM_DRIVER, {"--help"}, output_).wait(), 0);
 }
