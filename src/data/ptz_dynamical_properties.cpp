@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstddef>
 #include <memory>
+#include <string>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -31,7 +32,7 @@ GMutex queue_lock;     // guards the queues
 GMutex emission_lock;  // held while a batch of notifications is emitted
 
 // Names of changed properties, newest first. They are copies: the properties may be cleared before their turn comes.
-using Batch = std::vector<ptz::Text>;
+using Batch = std::vector<std::string>;
 
 PTZDynamicalPropertiesPrivate *private_of(PTZDynamicalProperties *self) {
   return static_cast<PTZDynamicalPropertiesPrivate *>(ptz_dynamical_properties_get_instance_private(self));
@@ -78,28 +79,40 @@ Batch take_pending(PTZDynamicalProperties *self) {
   Batch batch;
   GSList *pending = std::exchange(self->nqueue.pending, nullptr);
   for (const GSList *node = pending; node != nullptr; node = node->next) {
-    batch.emplace_back(g_strdup(static_cast<const gchar *>(node->data)));
+    batch.emplace_back(static_cast<const gchar *>(node->data));
   }
   g_slist_free(pending);
   private_of(self)->cleared_names.clear();
   return batch;
 }
 
-// Table lock held: the key stays until it is in the queue.
-Batch queue_change(PTZDynamicalProperties *self, gpointer key) {
+// Table lock held: the key stays until it is in the queue or copied.
+Batch queue_change(PTZDynamicalProperties *self, gchar *key) {
   const ptz::MutexLock lock(&queue_lock);
+  const bool is_frozen = freeze_count_of(self) > 0;
+  if (!is_frozen && self->nqueue.pending == nullptr) return {key};
   self->nqueue.pending = g_slist_prepend(self->nqueue.pending, key);
-  return freeze_count_of(self) == 0 ? take_pending(self) : Batch();
+  return is_frozen ? Batch() : take_pending(self);
 }
 
 // No lock held.
 void emit(PTZDynamicalProperties *self, const Batch &batch) {
   if (batch.empty()) return;
-  const auto alive = ptz::share(self);  // a handler may drop the last reference but this one, which goes after the lock
+  // The first value's reference is let go of after the lock: it may be the last one.
+  GValue parameters[] = {G_VALUE_INIT, G_VALUE_INIT};
+  g_value_init(&parameters[0], G_TYPE_FROM_INSTANCE(self));
+  g_value_set_instance(&parameters[0], self);
+  g_value_init(&parameters[1], G_TYPE_STRING);
   const guint signal_id = PTZ_DYNAMICAL_PROPERTIES_GET_CLASS(self)->notify_change;
-  const ptz::MutexLock lock(&emission_lock);
-  std::for_each(batch.rbegin(), batch.rend(),
-                [&](const ptz::Text &name) { g_signal_emit(self, signal_id, 0, name.get()); });
+  {
+    const ptz::MutexLock lock(&emission_lock);
+    std::for_each(batch.rbegin(), batch.rend(), [&](const std::string &name) {
+      g_value_set_static_string(&parameters[1], name.c_str());
+      g_signal_emitv(parameters, signal_id, 0, nullptr);
+    });
+  }
+  g_value_unset(&parameters[1]);
+  g_value_unset(&parameters[0]);
 }
 
 // No lock held.
@@ -108,24 +121,21 @@ void store(PTZDynamicalProperties *self, const gchar *name, GValue *value) {
     syslog(LOG_ERR, "GValue corrupt for %s\n", name);
     return;
   }
-  GValue old_content = G_VALUE_INIT;
+  Value old_value;
   Batch batch;
   {
     const ptz::MutexLock lock(&table_lock);
-    gpointer key = nullptr, stored = nullptr;
-    const gboolean exists = g_hash_table_lookup_extended(self->properties, name, &key, &stored);
-    auto *old_value = static_cast<GValue *>(stored);
-    const bool changed = _ptz_dynamical_properties_cmp(old_value, value) != 0;
-    if (old_value != value) {
-      if (old_value != nullptr) std::swap(*old_value, old_content);
-      gchar *copy = g_strdup(name);
-      if (!exists) key = copy;
-      g_hash_table_insert(self->properties, copy, value);
-    }
+    gpointer stored_key = nullptr, stored = nullptr;
+    // Out and in again under the same key: one copy and one look-up less than an insertion over it.
+    g_hash_table_steal_extended(self->properties, name, &stored_key, &stored);
+    old_value.reset(static_cast<GValue *>(stored));
+    auto *key = static_cast<gchar *>(stored_key != nullptr ? stored_key : g_strdup(name));
+    const bool changed = _ptz_dynamical_properties_cmp(old_value.get(), value) != 0;
+    g_hash_table_insert(self->properties, key, value);
+    if (old_value.get() == value) (void)old_value.release();
     if (changed) batch = queue_change(self, key);
   }
-  // Without the lock: it may be the last reference to an object, whose end may call anything.
-  g_value_unset(&old_content);
+  old_value.reset();  // without the lock: it may hold the last reference to an object, whose end may call anything
   emit(self, batch);
 }
 
