@@ -6,6 +6,7 @@
 
 namespace ptzctl {
 
+int run_config(const std::string &words, int argc, char **argv);
 int run_counter(const std::string &words, int argc, char **argv);
 int run_enum(const std::string &words, int argc, char **argv);
 int run_param(const std::string &words, int argc, char **argv);

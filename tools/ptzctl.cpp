@@ -9,6 +9,7 @@ int main(int argc, char **argv) {
   using namespace ptzctl;
   setlocale(LC_ALL, "");
   static constexpr Subcommand subcommands[] = {
+      {"config", "configuration that services have on the system bus", run_config},
       {"counter", "what the drivers have counted", run_counter},
       {"enum", "the vocabulary: values, names and nicks", run_enum},
       {"param", "the parameter tree", run_param},

@@ -36,6 +36,8 @@ class Options {
  public:
   // The parameters are what follows the options, such as "[GROUP] [INSTANCE]"; the entries end with an empty one.
   Options(const std::string &words, const char *parameters, const char *summary, const GOptionEntry *entries);
+  // Options then stand before every other word: what comes behind may begin with a dash.
+  void take_dashes_as_words() { g_option_context_set_strict_posix(context_.get(), TRUE); }
   // What follows the options, at most so many words; nothing where the user was told what is wrong, or was given help.
   [[nodiscard]] std::optional<std::vector<std::string>> parse(int argc, char **argv, std::size_t most_words);
 };
