@@ -10,7 +10,9 @@
 #include <cerrno>
 #include <filesystem>
 #include <string>
+#include <thread>
 
+#include "clock.h"
 #include "parameter_tree.h"
 #include "ptz_tessel.h"
 #include "ptz_tessel_async.h"
@@ -340,6 +342,70 @@ TEST_F(ParamService, AFileThatIsTakenAwayIsNotWrittenToAnyMore) {
   EXPECT_EQ(get("root.A"), nothing);
   EXPECT_EQ(get("root.B"), value("new"));
   EXPECT_TRUE(fs::exists(file + "-wal.old")) << "the log of the old one is kept";
+}
+
+TEST_F(ParamService, AReaderNoticesWithinASecondThatTheFileIsAnother) {
+  EXPECT_EQ(set("root.A", "old"), 0);
+  EXPECT_EQ(get("root.A"), value("old"));
+  fs::rename(file, dir.file("taken"));
+  EXPECT_EQ(wait_for(start([] { EXPECT_EQ(set("root.A", "new"), 0); })), 0);
+  EXPECT_EQ(get("root.A"), value("new")) << "around a fork the file is opened anew";
+  fs::remove(file);
+  advance_clock(1000);
+  EXPECT_EQ(get("root.A"), nothing);
+}
+
+// The database, locked as by a writer in the middle of its work.
+class OtherWriter {
+  sqlite3 *database_ = nullptr;
+
+ public:
+  explicit OtherWriter(const std::string &file) {
+    EXPECT_EQ(sqlite3_open_v2(file.c_str(), &database_, SQLITE_OPEN_READWRITE, nullptr), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(database_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+  }
+  OtherWriter(const OtherWriter &) = delete;
+  ~OtherWriter() { sqlite3_close(database_); }
+};
+
+TEST_F(ParamService, ReadsDoNotWaitForAWriteThatWaitsForAnotherProcess) {
+  EXPECT_EQ(set("root.A", "old"), 0);
+  std::atomic<bool> done = false;
+  std::thread writer;
+  {
+    const OtherWriter other(file);
+    writer = std::thread([&] {
+      EXPECT_EQ(set("root.A", "new"), 0);
+      EXPECT_EQ(set("root.B", "new"), 0);
+      done = true;
+    });
+    for (int i = 0; i < 100; ++i) {
+      EXPECT_EQ(get("root.A"), value("old"));
+      g_usleep(500);
+    }
+    EXPECT_FALSE(done);
+  }
+  writer.join();
+  EXPECT_EQ(get("root.A"), value("new"));
+  EXPECT_EQ(get("root.B"), value("new"));
+  EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(ParamService, AWriteGivesUpAfterTenSecondsOfWaiting) {
+  EXPECT_EQ(set("root.A", "old"), 0);
+  const OtherWriter other(file);
+  std::atomic<gint32> error = no_answer;
+  std::thread writer([&] { error = set("root.A", "new"); });
+  g_usleep(20'000);
+  EXPECT_EQ(error, no_answer);
+  for (int i = 0; i < 100 && error == no_answer; ++i) {
+    advance_clock(9'000);
+    g_usleep(30'000);
+  }
+  writer.join();
+  EXPECT_EQ(error, PARAM_SERVICE_STORAGE);
+  EXPECT_EQ(log.count(LOG_ERR, "Parameter tree " + file + ": database is locked"), 1U);
+  EXPECT_EQ(get("root.A"), value("old"));
 }
 
 TEST_F(ParamService, AFileThatIsCutWhileItIsOpenEndsNobody) {

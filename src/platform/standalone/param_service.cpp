@@ -20,12 +20,16 @@ using ptz::platform::ParamStore;
 using ptz::platform::Settings;
 
 constexpr std::size_t longest_path = 1024;
+constexpr gint64 busy_limit_us = 10 * G_USEC_PER_SEC;
+constexpr gulong first_pause_us = 500, longest_pause_us = 20'000;
+constexpr gint64 look_interval_us = G_USEC_PER_SEC;
 constexpr std::string_view blanks = " \t\r\n\v\f";
 
 // The one connection of this process, made when it is first needed.
 struct Service {
   GMutex lock;
   ParamStore *store;
+  gint64 looked_us;  // when the file was last seen to be the one that is open
   gchar *complaint;  // the last one: one trouble is one line of the log, however often it is met
 };
 Service service = {};
@@ -62,6 +66,7 @@ bool connect() {
   if (service.store != nullptr) return true;
   std::string reason;
   service.store = ParamStore::open(database_file(), reason);
+  service.looked_us = g_get_monotonic_time();
   if (service.store == nullptr) storage_failure(reason.c_str());
   return service.store != nullptr;
 }
@@ -82,14 +87,33 @@ gint32 outcome(Access access, int code, gint32 missing) {
   return error;
 }
 
-// Carries an operation out on the store.
+// lock held. What is written to a file that was removed would be seen by nobody; reads notice within a second.
+void leave_a_removed_file(Access access) {
+  if (service.store == nullptr) return;
+  const gint64 now_us = g_get_monotonic_time();
+  if (access == Access::reads && now_us - service.looked_us < look_interval_us) return;
+  service.looked_us = now_us;
+  if (service.store->has_moved()) disconnect();
+}
+
+// Carries an operation out on the store. One that has to wait for another process waits without the lock: the reads of
+// a main loop do not wait for the writes of another thread.
 template <typename Operation>
 gint32 perform(Access access, gint32 missing, Operation operation) {
-  const ptz::MutexLock lock(&service.lock);
-  // What is written to a file that was removed would be seen by nobody.
-  if (access == Access::writes && service.store != nullptr && service.store->has_moved()) disconnect();
-  if (!connect()) return PARAM_SERVICE_STORAGE;
-  return outcome(access, operation(*service.store), missing);
+  gint64 give_up_us = 0;
+  for (gulong pause_us = first_pause_us;; pause_us = std::min(2 * pause_us, longest_pause_us)) {
+    {
+      const ptz::MutexLock lock(&service.lock);
+      leave_a_removed_file(access);
+      if (!connect()) return PARAM_SERVICE_STORAGE;
+      const int code = operation(*service.store);
+      if (code != SQLITE_BUSY) return outcome(access, code, missing);
+      const gint64 now_us = g_get_monotonic_time();
+      if (give_up_us == 0) give_up_us = now_us + busy_limit_us;
+      if (now_us >= give_up_us) return outcome(access, code, missing);
+    }
+    g_usleep(pause_us);
+  }
 }
 
 bool is_path(const gchar *path) {

@@ -15,7 +15,7 @@ namespace {
 
 using Database = Handle<sqlite3, sqlite3_close_v2>;
 
-constexpr int busy_limit_ms = 10'000;
+constexpr int opening_limit_ms = 10'000;
 constexpr int application_id = 0x50545A50;
 constexpr int schema_version = 1;
 
@@ -171,7 +171,7 @@ ParamStore::~ParamStore() = default;
 
 int ParamStore::prepare() {
   sqlite3 *database = database_.get();
-  sqlite3_busy_timeout(database, busy_limit_ms);
+  sqlite3_busy_timeout(database, opening_limit_ms);
   // The last to leave would otherwise work on the file, also where it is damaged.
   sqlite3_db_config(database, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
   // No flush at each write; sync() is there for that. A page that was read is kept, in trees of 100,000 parameters too.
@@ -186,10 +186,11 @@ int ParamStore::prepare() {
     if (result != SQLITE_OK) return result;
     statements_[i].reset(statement);
   }
+  sqlite3_busy_timeout(database, 0);  // from now on, callers wait as they like
   return SQLITE_OK;
 }
 
-// Waits for other writers before the first step, so that no step after it can fail for them.
+// Finds other writers at its beginning, so that no step can fail for them.
 template <typename Steps>
 int ParamStore::in_transaction(Steps steps) {
   int result = Run(*this, begin, {}).finish();
@@ -280,6 +281,7 @@ int ParamStore::delete_group(std::string_view path) {
 int ParamStore::list(Query query, std::string_view group, Names &names) {
   {
     const std::string key = as_group(group);
+    names.clear();
     Run run(*this, query, {key});
     int result = run.step();
     for (; result == SQLITE_ROW; result = run.step()) names.emplace_back(run.text());

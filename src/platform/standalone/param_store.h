@@ -29,6 +29,7 @@ using Names = std::vector<std::string>;
 using Settings = std::vector<std::pair<std::string, std::string>>;  // of full paths
 
 // One connection of this process. Results of calls are SQLite's codes; SQLITE_NOTFOUND is an answer, not a failure.
+// SQLITE_BUSY means that another process is in the way, and that nothing was done: the call may be made again.
 class [[gnu::visibility("hidden")]] ParamStore {
  public:
   // Null where the database cannot be opened or is not one of parameters: the reason tells why.
