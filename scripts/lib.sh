@@ -60,28 +60,45 @@ missing_packages() {
   done < <(declared_packages)
 }
 
-# Installs what is missing; says nothing and asks nobody where nothing is.
-install_missing_packages() {
-  local missing as_root=()
-  command -v dpkg-query >/dev/null ||
-    die "cannot tell what is installed without dpkg; a build needs: $(declared_packages | cut -d' ' -f1 | tr '\n' ' ')"
-  missing=$(missing_packages | tr '\n' ' ')
-  [[ -n $missing ]] || return 0
+# Usage: apt_get BY_HAND ARGUMENT... - as root, through sudo where need be; where that cannot be, tells what to do by hand.
+apt_get() {
+  local by_hand=$1 as_root=()
+  shift
   if [[ $EUID != 0 ]]; then
     # Without a terminal nobody could answer sudo's question.
     if command -v sudo >/dev/null && { [[ -t 0 ]] || sudo --non-interactive true 2>/dev/null; }; then
       as_root=(sudo)
     else
-      die "packages are missing: $missing
-Install them with this command, as root:
-  apt-get update && apt-get build-dep --yes $root"
+      die "$by_hand"
     fi
   fi
-  as_root+=(env DEBIAN_FRONTEND=noninteractive apt-get --quiet)
+  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get --quiet "$@" </dev/null
+}
+
+# Usage: install_packages NAME... - what a script needs beyond a build.
+install_packages() {
+  local by_hand="packages are missing: $*
+Install them with this command, as root:
+  apt-get update && apt-get install --yes --no-install-recommends $*"
+  note "installing $*"
+  apt_get "$by_hand" update || note "the package lists could not all be updated"
+  apt_get "$by_hand" install --yes --no-install-recommends "$@" || die "apt-get could not install $*"
+}
+
+# Installs what is missing; says nothing and asks nobody where nothing is.
+install_missing_packages() {
+  local missing by_hand
+  command -v dpkg-query >/dev/null ||
+    die "cannot tell what is installed without dpkg; a build needs: $(declared_packages | cut -d' ' -f1 | tr '\n' ' ')"
+  missing=$(missing_packages | tr '\n' ' ')
+  [[ -n $missing ]] || return 0
+  by_hand="packages are missing: $missing
+Install them with this command, as root:
+  apt-get update && apt-get build-dep --yes $root"
   note "installing $missing"
   # A list that cannot be fetched is no reason to stop: the package may be in another one, or downloaded already.
-  "${as_root[@]}" update || note "the package lists could not all be updated"
-  "${as_root[@]}" build-dep --yes --no-install-recommends "$root" </dev/null || die "apt-get could not install $missing"
+  apt_get "$by_hand" update || note "the package lists could not all be updated"
+  apt_get "$by_hand" build-dep --yes --no-install-recommends "$root" || die "apt-get could not install $missing"
   missing=$(missing_packages | tr '\n' ' ')
   [[ -z $missing ]] || die "still missing: $missing"
 }
