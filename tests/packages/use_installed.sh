@@ -13,8 +13,8 @@ expect() {
 }
 nobody() { setpriv --reuid=nobody --regid=nogroup "$@"; }
 
-expect '/run/ptz' "$(stat --format='%a %U:%G' /run/ptz)" '750 root:ptz'
-expect '/var/lib/ptz' "$(stat --format='%a %U:%G' /var/lib/ptz)" '2770 root:ptz'
+expect '/run/ptz' "$(stat --format='%a %U:%G' /run/ptz)" '750 ptz:ptz'
+expect '/var/lib/ptz' "$(stat --format='%a %U:%G' /var/lib/ptz)" '2770 ptz:ptz'
 expect 'a stranger looks into /run/ptz' "$(nobody --clear-groups test -x /run/ptz && echo yes || echo no)" no
 expect 'a member of ptz does' "$(nobody --groups ptz test -x /run/ptz && echo yes || echo no)" yes
 
@@ -24,7 +24,12 @@ gcc -std=c11 -Wall -Wextra -pedantic-errors -Werror -I"$scratch" consumer.c -o "
 "$scratch/consumer"
 echo 'a program in C: compiled, linked and run'
 
-# The example driver is in no package; a server in Python stands for it.
+/usr/libexec/ptznimbo/sim-driver --help >"$scratch/help" || { echo 'FAILED: sim-driver --help'; exit 1; }
+echo "sim-driver: $(sed -n '$=' "$scratch/help") lines of help"
+expect 'what the driver may own, call and hear on the bus is stated' \
+  "$(grep --count ptz /usr/share/dbus-1/system.d/com.velk.PTZ.conf | sed 's/[1-9][0-9]*/yes/')" yes
+
+# A server in Python: it has introspection data and nothing else of the library.
 /usr/bin/python3 bindings_test.py none CommandChannel.test_a_server_in_python_answers DynamicalProperties Vocabulary \
   2>"$scratch/python" || { cat "$scratch/python"; exit 1; }
 echo "a program in Python: $(grep '^Ran' "$scratch/python")"
