@@ -8,6 +8,7 @@ namespace ptzctl {
 
 int run_config(const std::string &words, int argc, char **argv);
 int run_counter(const std::string &words, int argc, char **argv);
+int run_driver(const std::string &words, int argc, char **argv);
 int run_enum(const std::string &words, int argc, char **argv);
 int run_param(const std::string &words, int argc, char **argv);
 int run_status(const std::string &words, int argc, char **argv);

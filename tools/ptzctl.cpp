@@ -11,6 +11,7 @@ int main(int argc, char **argv) {
   static constexpr Subcommand subcommands[] = {
       {"config", "configuration that services have on the system bus", run_config},
       {"counter", "what the drivers have counted", run_counter},
+      {"driver", "a driver, by its socket", run_driver},
       {"enum", "the vocabulary: values, names and nicks", run_enum},
       {"param", "the parameter tree", run_param},
       {"status", "the live state of a PTZ instance", run_status},
