@@ -13,7 +13,7 @@ expect() {
 }
 nobody() { setpriv --reuid=nobody --regid=nogroup "$@"; }
 
-expect '/run/ptz' "$(stat --format='%a %U:%G' /run/ptz)" '750 ptz:ptz'
+expect '/run/ptz' "$(stat --format='%a %U:%G' /run/ptz)" '750 root:ptz'
 expect '/var/lib/ptz' "$(stat --format='%a %U:%G' /var/lib/ptz)" '2770 ptz:ptz'
 expect 'a stranger looks into /run/ptz' "$(nobody --clear-groups test -x /run/ptz && echo yes || echo no)" no
 expect 'a member of ptz does' "$(nobody --groups ptz test -x /run/ptz && echo yes || echo no)" yes
