@@ -1,8 +1,13 @@
 #include "ptz_g_dbus_client.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
 #include <syslog.h>
+#include <unistd.h>
 
+#include <cstdlib>
 #include <functional>
 #include <string>
 #include <vector>
@@ -113,7 +118,6 @@ TEST_F(Client, SetProxyFullTakesTheNamesUnchangedAndCopiesThem) {
 }
 
 TEST_F(Client, AProxyReachesItsService) {
-  const LoopThread thread;
   EXPECT_TRUE(ptz_g_dbus_client_set_proxy_full(client.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
                                                "org.freedesktop.DBus"));
   const Variant reply(g_dbus_proxy_call_sync(client->proxy, "NameHasOwner",
@@ -219,6 +223,35 @@ TEST_F(Client, CallbackComesWhenTheServiceIsCutOff) {
     run_pending();
     EXPECT_EQ(left, times);
     peer = connect_to(system_bus());
+  }
+}
+
+// The other process of the next test, which is this program started again.
+TEST(ClientsService, DISABLED_ClaimsItsNameAndWaits) {
+  const Connection connection(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, nullptr));
+  request_name(connection.get(), getenv("TEST_SERVICE_NAME"));
+  pause();
+}
+
+TEST_F(Client, CallbackComesWhenTheServiceIsKilled) {
+  make_proxy();
+  ASSERT_TRUE(ptz_g_dbus_client_connect_destroy_signal(client.get(), count, &left));
+  setenv("TEST_SERVICE_NAME", bus_name.c_str(), 1);
+  for (int times = 1; times <= 3; ++times) {
+    const pid_t service = fork();
+    ASSERT_GE(service, 0);
+    if (service == 0) {
+      dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDOUT_FILENO);
+      execl("/proc/self/exe", "service", "--gtest_filter=ClientsService.*", "--gtest_also_run_disabled_tests",
+            static_cast<char *>(nullptr));
+      _exit(127);
+    }
+    EXPECT_TRUE(run_until([this] { return sees_owner(); }));
+    kill(service, SIGKILL);
+    waitpid(service, nullptr, 0);
+    EXPECT_TRUE(run_until([this] { return !sees_owner(); }));
+    run_pending();
+    EXPECT_EQ(left, times);
   }
 }
 
