@@ -151,7 +151,7 @@ Body Answers::query(const Asker &asker, gint32 command, const Body &request) {
           asker.first_command == PTZ_COMMAND_QUERY_LIMIT_RANGES) {
         now.position[zoom] = driver_.head().axis(zoom).range().minimum - 1;
       }
-      if (fault("move.reports-moving") && share_ == 10) now.status = {};
+      if (fault("move.reports-moving") && share_ == 3) now.status = {};
       if (fault("latency.while-moving") && share_ == 5) g_usleep(slow_us);
       return make_body(PTZ_COMMAND_QUERY_POSITION, now);
     }

@@ -41,7 +41,7 @@ void while_moving(Probe &probe) {
   Head head(probe);
   const AxisIndex axis = head.axis_for(PTZ_MOVE_CONTINUOUS);
   head.make_room(axis);
-  head.order(Head::move(PTZ_MOVE_CONTINUOUS, axis, head.speeds().maximum[axis], 5));
+  head.order(head.run_slowly(axis, 5));
   std::vector<double> times_ms;
   for (bool moving = true; moving && times_ms.size() < 20 && !probe.decided();) {
     const gint64 start = g_get_monotonic_time();

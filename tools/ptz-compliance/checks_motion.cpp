@@ -35,7 +35,7 @@ void reports_moving(Probe &probe) {
   Head head(probe);
   const AxisIndex axis = head.axis_for(PTZ_MOVE_CONTINUOUS);
   head.make_room(axis);
-  head.order(Head::move(PTZ_MOVE_CONTINUOUS, axis, head.speeds().maximum[axis], 10));
+  head.order(head.run_slowly(axis, 3));
   const Positions now = head.where();
   probe.fail_unless(now.status[axis] == PTZ_MOVE_STATUS_MOVING, "%s runs and has the status %d", axis_names[axis],
                     now.status[axis]);
@@ -64,14 +64,13 @@ void expect_end(Probe &probe, const char *what, Body (*request)(AxisIndex axis))
   const AxisIndex axis = head.axis_for(PTZ_MOVE_CONTINUOUS);
   head.make_room(axis);
   const gint32 start = head.position(axis);
-  // Slow, so that it does not end by itself before it is told to.
-  head.order(Head::move(PTZ_MOVE_CONTINUOUS, axis, head.speeds().maximum[axis], 5));
+  head.order(head.run_slowly(axis, 2));
   probe.fail_unless(head.leaves(axis, start), "%s does not leave %d", axis_names[axis], start);
   head.order(request(axis));
   const auto brakes = g_get_monotonic_time();
   head.arrive();
   const gint32 rest = head.position(axis);
-  const bool at_limit = rest == head.limits().maximum[axis];
+  const bool at_limit = rest == head.limits().maximum[axis] || rest == head.limits().minimum[axis];
   probe.fail_unless(!at_limit && head.stays(axis), "%s runs on after %s", axis_names[axis], what);
   probe.note("at rest %.0f ms after the order", static_cast<double>(g_get_monotonic_time() - brakes) / 1000);
 }

@@ -77,6 +77,13 @@ Body Head::move(PTZMove kind, AxisIndex axis, gint32 value, guint16 speed) {
   return make_body(PTZ_COMMAND_MOVE, request);
 }
 
+Body Head::run_slowly(AxisIndex axis, guint16 share) {
+  const gint64 now = position(axis);
+  const gint32 speed = speeds_.maximum[axis];
+  const bool up = limits_.maximum[axis] - now >= now - limits_.minimum[axis];
+  return move(PTZ_MOVE_CONTINUOUS, axis, up ? speed : -speed, share);
+}
+
 Body Head::move_command(PTZMoveCmd direction, guint16 speed) {
   return make_body(PTZ_COMMAND_MOVE_COMMAND, MoveCommandRequest{static_cast<guint32>(direction), speed});
 }

@@ -39,12 +39,14 @@ class Head {
     bool upper = false;
   };
   Limit nearest_limit(PTZMove kind);
-  // A short way, and a target so far away that nothing arrives there at once.
+  // A short way.
   [[nodiscard]] gint32 step(AxisIndex axis) const;
 
   Positions where() { return query<Positions>(link_, PTZ_COMMAND_QUERY_POSITION); }
   gint32 position(AxisIndex axis) { return where().position[axis]; }
   [[nodiscard]] static Body move(PTZMove kind, AxisIndex axis, gint32 value, guint16 speed = full_speed);
+  // Towards the farther limit, so that the motion does not end by itself while it is looked at.
+  [[nodiscard]] Body run_slowly(AxisIndex axis, guint16 share);
   static Body move_command(PTZMoveCmd direction, guint16 speed = full_speed);
 
   // Orders that are to be obeyed.
