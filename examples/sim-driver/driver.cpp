@@ -118,6 +118,7 @@ Body Driver::goto_device_preset(BodyReader &request) {
   const auto preset = presets_.all().find(wanted.number);
   if (preset == presets_.all().end()) return refuse(ErrorCode::not_found, "there is no preset %u", wanted.number);
   move_to(preset->second.position, wanted.speed);
+  going_to_preset_ = true;
   return make_body(PTZ_COMMAND_GOTO_DEVICE_PRESET);
 }
 
@@ -163,6 +164,7 @@ Body Driver::move(BodyReader &request) {
         break;
     }
   }
+  going_to_preset_ = false;
   return make_body(PTZ_COMMAND_MOVE);
 }
 
@@ -184,12 +186,14 @@ Body Driver::move_command(BodyReader &request) {
   } else {
     return refuse(ErrorCode::out_of_range, "there is no direction %u", wanted.direction);
   }
+  going_to_preset_ = false;
   return make_body(PTZ_COMMAND_MOVE_COMMAND);
 }
 
 Body Driver::stop(BodyReader &request) {
   if (!request.finished()) return malformed(request);
   head_.stop();
+  going_to_preset_ = false;
   return make_body(PTZ_COMMAND_STOP);
 }
 

@@ -20,6 +20,7 @@ class Driver {
 
   Head head_;
   PresetStore presets_;
+  bool going_to_preset_ = false;
   std::array<Switch, 2> auxiliaries_ = {{{"light", false}, {"wiper", false}}};
 
   Body set_device_preset(BodyReader &request);
@@ -48,6 +49,7 @@ class Driver {
   Body answer(GArray *request, gint64 now_us);
 
   [[nodiscard]] Head &head() { return head_; }
+  [[nodiscard]] bool going_to_preset() const { return going_to_preset_ && head_.moving(); }
   [[nodiscard]] PresetStore &presets() { return presets_; }
 };
 

@@ -7,12 +7,14 @@
 
 #include <clocale>
 #include <cstdlib>
+#include <memory>
 #include <optional>
 
 #include "driver.h"
 #include "driver_settings.h"
 #include "head_parameters.h"
 #include "legacy_presets.h"
+#include "published_status.h"
 
 namespace {
 
@@ -26,11 +28,12 @@ struct Service {
   Driver driver;
   std::optional<HeadParameters> parameters;
   bool verbose;
+  std::unique_ptr<PublishedStatus> status = nullptr;
   guint tick = 0;  // id of the timer, 0 while the head stands still
   Loop loop = Loop(g_main_loop_new(nullptr, FALSE));
 };
 
-// A real head would be told where to be next, here; and this is where positions are published while they change.
+// A real head would be told where to be next, here.
 gboolean on_tick(gpointer user_data) {
   auto &service = *static_cast<Service *>(user_data);
   Head &head = service.driver.head();
@@ -61,6 +64,13 @@ void resume_position(Service &service) {
   watch_motion(service);
 }
 
+gboolean on_publish(gpointer user_data) {
+  auto &service = *static_cast<Service *>(user_data);
+  service.driver.head().advance(g_get_monotonic_time());
+  service.status->publish(service.driver.head(), service.driver.going_to_preset());
+  return G_SOURCE_CONTINUE;
+}
+
 void log_request(GArray *request, GArray *reply) {
   BodyReader asked(request);
   BodyReader answered(reply);
@@ -73,13 +83,20 @@ void log_request(GArray *request, GArray *reply) {
 
 gboolean on_request(gpointer user_data, gpointer reply_context, gpointer data, guint32 length) {
   auto &service = *static_cast<Service *>(user_data);
+  PublishedStatus *const status = service.status.get();
+  if (status != nullptr) status->request_begins();
   const Body request(ptz_serialize_create_array());
   ptz_serialize_blob(request.get(), data, length);
   const Body reply = service.driver.answer(request.get(), g_get_monotonic_time());
   if (service.verbose) log_request(request.get(), reply.get());
+  if (status != nullptr) status->reply_begins();
   // Exactly once for each context, which this call frees.
   if (ptz_socket_server_send(reply_context, reply->data, reply->len) == FALSE) {
     syslog(LOG_WARNING, "a reply of %u bytes could not be sent", reply->len);
+  }
+  if (status != nullptr) {
+    status->request_ends();
+    status->publish(service.driver.head(), service.driver.going_to_preset());
   }
   watch_motion(service);
   return TRUE;
@@ -90,14 +107,22 @@ gboolean on_end_signal(gpointer loop) {
   return G_SOURCE_CONTINUE;
 }
 
-int serve(const char *path, const char *dbus_name, Driver driver, std::optional<HeadParameters> parameters,
-          bool verbose) {
+int serve(const char *path, const char *dbus_name, gint instance, Driver driver,
+          std::optional<HeadParameters> parameters, bool verbose) {
   Service service{std::move(driver), parameters, verbose};
   if (verbose) ptz_flag_types_list_all(&driver_capabilities);
 
   // Before anybody can know that this driver is there, and before there is a socket that would be left behind.
   g_unix_signal_add(SIGTERM, on_end_signal, service.loop.get());
   g_unix_signal_add(SIGINT, on_end_signal, service.loop.get());
+
+  // Whoever can ask the driver finds its status.
+  guint publish = 0;
+  if (instance > 0) {
+    service.status = std::make_unique<PublishedStatus>(static_cast<guint>(instance), service.driver.head());
+    publish = g_timeout_add(1000 / PublishedStatus::updates_per_second, on_publish, &service);
+  }
+
   const Object<PTZSocketServerCommand> server(ptz_socket_server_command_new(path, SOCK_STREAM));
   if (!server || PTZ_SOCKET(server.get())->fd < 0) {
     g_printerr("sim-driver: cannot listen on '%s'\n", path);
@@ -113,6 +138,7 @@ int serve(const char *path, const char *dbus_name, Driver driver, std::optional<
   resume_position(service);
   if (verbose) syslog(LOG_INFO, "serving on %s", path);
   g_main_loop_run(service.loop.get());
+  if (publish != 0) g_source_remove(publish);
   if (service.tick != 0) {
     g_source_remove(service.tick);
     // The head stays where it is cut off.
@@ -131,7 +157,8 @@ int main(int argc, char **argv) {
   char *dbus_option = nullptr;
   char **config_option = nullptr;
   gint speed_factor = 1;
-  gint instance = -1;
+  gint parameters_index = -1;
+  gint instance = 0;
   gboolean verbose = FALSE;
   const GOptionEntry entries[] = {
       {"socket", 's', G_OPTION_FLAG_NONE, G_OPTION_ARG_FILENAME, &path_option, "Listen on this socket", "PATH"},
@@ -141,10 +168,12 @@ int main(int argc, char **argv) {
        "Keep presets in this file; without it, they are lost when the driver ends", "FILE"},
       {"dbus", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_STRING, &dbus_option,
        "Serve the presets as configuration of com.velk.PTZ.NAME on the system bus", "NAME"},
-      {"parameters", 'p', G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &instance,
+      {"parameters", 'p', G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &parameters_index,
        "Read limits and speed from the parameter tree, and leave the position there, as head number N", "N"},
       {"speed-factor", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &speed_factor,
        "Let the head move this many times as fast, 1 to 20", "N"},
+      {"instance", 'i', G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &instance,
+       "Publish the status, timings and a counter, which ptzctl shows, as the PTZ instance with this number", "N"},
       {"verbose", 'v', G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, &verbose, "Log capabilities, requests and arrivals",
        nullptr},
       {}};
@@ -156,7 +185,7 @@ int main(int argc, char **argv) {
   const Text state(state_option);
   const Text dbus_name(dbus_option);
   const Owned<char *, g_strfreev> config(config_option);
-  if (!parsed || argc > 1 || !path || speed_factor < 1 || speed_factor > 20 || instance < -1) {
+  if (!parsed || argc > 1 || !path || speed_factor < 1 || speed_factor > 20 || parameters_index < -1 || instance < 0) {
     g_printerr("sim-driver: %s; see --help\n",
                error != nullptr ? error->message : "it takes --socket PATH and nothing beside its options");
     g_clear_error(&error);
@@ -176,14 +205,14 @@ int main(int argc, char **argv) {
   PresetStore presets(settings.factory_presets);
   if (state) presets.open(state.get());  // without its stored presets, the driver is of use all the same
   std::optional<HeadParameters> parameters;
-  if (instance >= 0) {
-    parameters.emplace(static_cast<guint>(instance));
+  if (parameters_index >= 0) {
+    parameters.emplace(static_cast<guint>(parameters_index));
     if (parameters->open()) {
       settings.ranges = parameters->narrowed(settings.ranges);
     } else {
       parameters.reset();  // without the tree, too, the driver is of use
     }
   }
-  return serve(path.get(), dbus_name.get(), Driver(faster(settings.ranges, speed_factor), std::move(presets)),
+  return serve(path.get(), dbus_name.get(), instance, Driver(faster(settings.ranges, speed_factor), std::move(presets)),
                parameters, verbose != FALSE);
 }

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <ptz_serialize.h>
 #include <ptz_socket_client_command.h>
+#include <ptz_status_cache.h>
 #include <ptz_tessel.h>
 #include <sys/socket.h>
 
@@ -316,6 +317,55 @@ TEST_F(SimDriverProgram, ObeysAParameterThatWasChangedWhenItStartsAgainAndLeaves
   unsetenv("PTZ_PLATFORM_TEMPLATE_DIR");
 }
 
+// A value that the driver publishes; -1 where there is none.
+template <typename Value>
+Value published(PTZSCGroup group, guint instance, PTZSCParam param) {
+  Value value = -1;
+  PTZStatusCacheGroup *const handle = ptz_status_cache_setup_group(group, instance, 1);
+  ptz_status_cache_add_param(handle, param, &value);
+  ptz_status_cache_fetch_group(handle);
+  ptz_status_cache_free_group(handle);
+  return value;
+}
+
+TEST_F(SimDriverProgram, PublishesWhereItsHeadIsAndWhatItDoes) {
+  setenv("PTZ_PLATFORM_RUNTIME_DIR", dir_.file("run").c_str(), 1);
+  restart_driver({"--instance", "12", "--config", EXAMPLE_SETTINGS});
+  EXPECT_EQ(published<gint32>(PTZ_SC_GROUP_LIMIT, 12, PTZ_SC_PARAM_LIMIT_MAX_PAN), 160);
+  EXPECT_EQ(published<gint32>(PTZ_SC_GROUP_LIMIT, 12, PTZ_SC_PARAM_LIMIT_MIN_TILT), -15);
+  EXPECT_EQ(published<gint32>(PTZ_SC_GROUP_LIMIT, 12, PTZ_SC_PARAM_LIMIT_MAX_IRIS), 9999);
+  EXPECT_EQ(published<gint32>(PTZ_SC_GROUP_POSITION, 12, PTZ_SC_PARAM_POSITION_UPDATE_RATE), 25);
+  EXPECT_EQ(published<gint32>(PTZ_SC_GROUP_POSITION, 12, PTZ_SC_PARAM_POSITION_PAN_STATUS), PTZ_MOVE_STATUS_IDLE);
+
+  const auto place = [] { return published<gfloat>(PTZ_SC_GROUP_POSITION, 12, PTZ_SC_PARAM_POSITION_PAN); };
+  const auto status = [] { return published<gint32>(PTZ_SC_GROUP_POSITION, 12, PTZ_SC_PARAM_POSITION_PAN_STATUS); };
+  const auto to_preset = [] {
+    return published<gint32>(PTZ_SC_GROUP_VARIOUS, 12, PTZ_SC_PARAM_VARIOUS_PT_PRESET_MOVE);
+  };
+  ask(make_body(PTZ_COMMAND_GOTO_DEVICE_PRESET, GotoPresetRequest{2, 10}));
+  EXPECT_TRUE(ptz_test::run_until([&] { return to_preset() == 1 && status() == PTZ_MOVE_STATUS_MOVING; }));
+  EXPECT_TRUE(ptz_test::run_until([&] { return to_preset() == 0 && status() == PTZ_MOVE_STATUS_IDLE; }));
+  EXPECT_FLOAT_EQ(place(), -120);
+  const MoveRequest move{PTZ_MOVE_ABSOLUTE, axis_bit(pan), full_speed, {40'00, 0, 0}};
+  ask(make_body(PTZ_COMMAND_MOVE, move));
+  EXPECT_TRUE(ptz_test::run_until([&] { return place() == 40; }));
+  EXPECT_EQ(to_preset(), 0);
+  unsetenv("PTZ_PLATFORM_RUNTIME_DIR");
+}
+
+TEST_F(SimDriverProgram, GoesOnWhereNothingCanBePublished) {
+  std::ofstream(dir_.file("run")) << "no folder";
+  setenv("PTZ_PLATFORM_RUNTIME_DIR", dir_.file("run").c_str(), 1);
+  restart_driver({"--instance", "1"});
+  unsetenv("PTZ_PLATFORM_RUNTIME_DIR");
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(first_word(ask(make_body(PTZ_COMMAND_STOP))), PTZ_COMMAND_STOP);
+  const std::string said = contents(output_);
+  const std::string complaint = "Could not create status cache group PTZ_POSITION_IS1. Not a directory!";
+  std::size_t times = 0;
+  for (auto at = said.find(complaint); at != std::string::npos; at = said.find(complaint, at + 1)) ++times;
+  EXPECT_EQ(times, 2U) << "the defaults, and the first update: " << said;
+}
+
 TEST_F(SimDriverProgram, SaysSoAndFailsWhereItCannotListen) {
   Process driver(SIM_DRIVER, {"--socket", dir_.file("missing") + "/driver.socket"}, output_);
   EXPECT_EQ(driver.wait(), 1);
@@ -328,7 +378,8 @@ TEST_F(SimDriverProgram, RefusesArgumentsThatMakeNoSense) {
                                                        {"--socket", socket_, "more"},
                                                        {"--sockets", socket_},
                                                        {"--socket", socket_, "--speed-factor", "0"},
-                                                       {"--socket", socket_, "--parameters", "-2"}};
+                                                       {"--socket", socket_, "--parameters", "-2"},
+                                                       {"--socket", socket_, "--instance", "-1"}};
   for (const auto &arguments : wrong) EXPECT_EQ(Process(SIM_DRIVER, arguments, output_).wait(), 2);
   EXPECT_EQ(Process(SIM_DRIVER, {"--help"}, output_).wait(), 0);
 }
