@@ -286,9 +286,13 @@ bool Tour::survive_restart() {
   terminal_.line("noticed: " + describe_failure(answer));
 
   const gint64 lost_us = g_get_monotonic_time();
-  if (!link_.wait_until_connected(options_.driver_limit)) return fail("it did not come back");
-  const auto name = ask<Name>(PTZ_COMMAND_GET_DRIVER_NAME);
-  if (!name) return false;
+  // The kernel may close the dying driver's connections before the socket that it listens on: that still connects.
+  do {
+    if (!link_.wait_until_connected(options_.driver_limit)) return fail("it did not come back");
+    answer = link_.ask(make_body(PTZ_COMMAND_GET_DRIVER_NAME));
+  } while (answer.outcome != Outcome::answered && g_get_monotonic_time() - lost_us < kill_limit_us);
+  const auto name = read_reply<Name>(answer, PTZ_COMMAND_GET_DRIVER_NAME);
+  if (!name) return fail(describe_failure(answer));
   terminal_.line(name->text + " listens again after " + seconds_since(lost_us));
   const auto positions = ask<Positions>(PTZ_COMMAND_QUERY_POSITION);
   if (!positions) return false;
