@@ -1,5 +1,6 @@
 #include "driver_messages.h"
 
+#include <ptz_driver_parameter_item.h>
 #include <ptz_serialize.h>
 
 #include <algorithm>
@@ -98,13 +99,14 @@ Capabilities Capabilities::read(BodyReader &reader) { return {{reader.u32(), rea
 void Name::write(GArray *body) const { write_text(body, text); }
 Name Name::read(BodyReader &reader) { return {reader.text()}; }
 
+// Nothing of it is changed: the library's record has no const strings, because reading makes new ones.
 void DriverParameter::write(GArray *body) const {
-  ptz_serialize_32bit(body, group);
-  for (const std::string *text : {&name, &label, &value}) write_text(body, *text);
-  ptz_serialize_32bit(body, kind);
-  ptz_serialize_32bit(body, flags);
-  write_text(body, range);
+  const auto text_of = [](const std::string &text) { return const_cast<gchar *>(text.c_str()); };
+  const PTZDriverParameterItem item = {group, text_of(name), text_of(label), text_of(value),
+                                       kind,  flags,         text_of(range)};
+  ptz_driver_parameter_item_serialize(&item, body);
 }
+// Field by field: ptz_driver_parameter_item_deserialize() ends the process on a record that is cut short.
 DriverParameter DriverParameter::read(BodyReader &reader) {
   return {reader.u32(), reader.text(), reader.text(), reader.text(), reader.u32(), reader.u32(), reader.text()};
 }

@@ -120,6 +120,7 @@ struct Name {
   static Name read(BodyReader &reader);
 };
 
+// A driver parameter item record.
 struct DriverParameter {
   guint32 group;  // PTZParameterGroup
   std::string name;

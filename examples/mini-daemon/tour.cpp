@@ -65,6 +65,19 @@ std::string table_row(std::string name, const std::string &from, const std::stri
   return name + right_aligned(from, 12) + right_aligned(to, 12) + right_aligned(speed, 14);
 }
 
+bool is_switch(const DriverParameter &parameter) {
+  return parameter.group == PTZ_PARAMETER_GROUP_AUX_BUTTON && parameter.kind == PTZ_PARAMETER_BOOLEAN;
+}
+
+std::string in_words(const DriverParameter &parameter) {
+  const GEnumValue *const group = g_enum_get_value(
+      static_cast<GEnumClass *>(g_type_class_ref(PTZ_TYPE_PARAMETER_GROUP)), static_cast<gint>(parameter.group));
+  std::string words = group != nullptr ? group->value_name : std::to_string(parameter.group);
+  words.resize(std::max<std::size_t>(words.size(), 12), ' ');
+  words += parameter.label + " (" + parameter.name + "): " + parameter.value;
+  return parameter.range.empty() ? words : words + ", of " + parameter.range;
+}
+
 Body move_to(const PerAxis &target) {
   return make_body(PTZ_COMMAND_MOVE, MoveRequest{PTZ_MOVE_ABSOLUTE, all_axes, full_speed, target});
 }
@@ -73,8 +86,8 @@ Body move_to(const PerAxis &target) {
 
 bool Tour::run() {
   if (!link_.wait_until_connected(options_.driver_limit)) return fail("no driver listens");
-  return show_driver() && show_limits() && move_absolutely() && use_preset() && run_and_stop() && ask_many_at_once() &&
-         be_refused() && (options_.cue.empty() || survive_restart());
+  return show_driver() && show_limits() && switch_live_setting() && move_absolutely() && use_preset() &&
+         run_and_stop() && ask_many_at_once() && be_refused() && (options_.cue.empty() || survive_restart());
 }
 
 void Tour::begin_step(const std::string &text) { terminal_.heading(std::to_string(++step_) + ". " + text); }
@@ -157,6 +170,10 @@ bool Tour::show_driver() {
   terminal_.line("moves   " + flag_names(PTZ_TYPE_DRIVER_MOVE_CAPABILITIES, capabilities->words.move));
   terminal_.line("offers  " + flag_names(PTZ_TYPE_DRIVER_EXTRA_CAPABILITIES, capabilities->words.extra));
   terminal_.line("has     " + std::to_string(parameters->elements.size()) + " parameters");
+  for (const DriverParameter &parameter : parameters->elements) {
+    if (live_setting_.empty() && is_switch(parameter)) live_setting_ = parameter.name;
+    terminal_.line("          " + in_words(parameter));
+  }
   if (!ptz_flags_utils_ptz_usable(&capabilities->words)) return fail("the driver is of no use");
   terminal_.good("usable");
   return true;
@@ -179,6 +196,25 @@ bool Tour::show_limits() {
   const std::string wanted = in_degrees(*options_.pan_limit);
   if (limits->maximum[pan] != *options_.pan_limit) return fail("pan should end at " + wanted);
   terminal_.good("pan ends at " + wanted + ", where the driver's settings end it");
+  return true;
+}
+
+// The reply of the auxiliary command says that it was switched; the parameters show that others hear of it.
+bool Tour::switch_live_setting() {
+  if (live_setting_.empty()) return true;
+  begin_step("A live setting, switched on and off");
+  for (const auto &[state, expected] : {std::pair{PTZ_ENABLE_ON, "true"}, {PTZ_ENABLE_OFF, "false"}}) {
+    const Auxiliary wanted{live_setting_, static_cast<guint32>(state)};
+    if (!ask<Auxiliary>(PTZ_COMMAND_AUXILIARY, make_body(PTZ_COMMAND_AUXILIARY, wanted))) return false;
+    const auto parameters = ask<ParameterList>(PTZ_COMMAND_GET_DRIVER_PARAMETERS);
+    if (!parameters) return false;
+    const auto shown = std::ranges::find(parameters->elements, live_setting_, &DriverParameter::name);
+    if (shown == parameters->elements.end() || shown->value != expected) {
+      return fail("the parameter " + live_setting_ + " should be " + expected);
+    }
+    terminal_.line(in_words(*shown));
+  }
+  terminal_.good("the parameters follow it");
   return true;
 }
 

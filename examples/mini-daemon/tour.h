@@ -25,6 +25,7 @@ class Tour {
   int step_ = 0;
   PerAxis viewpoint_{};  // stored in the preset, and returned to after the restart
   Limits limits_{};
+  std::string live_setting_;  // one that can be switched; empty where there is none
 
   void begin_step(const std::string &text);
   bool fail(const std::string &text);
@@ -43,6 +44,7 @@ class Tour {
   bool show_driver();
   bool show_limits();
   bool move_absolutely();
+  bool switch_live_setting();
   bool use_preset();
   bool return_to_preset();
   bool run_and_stop();

@@ -17,8 +17,6 @@ const PTZDriverCapabilities driver_capabilities = {
 
 namespace {
 
-constexpr std::array<const char *, axis_count> axis_names = {"pan", "tilt", "zoom"};
-
 struct Direction {
   gint32 right;
   gint32 up;
@@ -203,13 +201,13 @@ Body Driver::auxiliary(BodyReader &request) {
   if (wanted.state > PTZ_ENABLE_OFF) {
     return refuse(ErrorCode::out_of_range, "state %u is not within 0 to %d", wanted.state, PTZ_ENABLE_OFF);
   }
-  auto *const found = std::ranges::find(auxiliaries_, wanted.name, &Switch::name);
-  if (found == auxiliaries_.end()) {
+  if (!settings_.is_on(wanted.name)) {
     // Not repeated: a long name would not fit the reply together with this text.
     return refuse(ErrorCode::not_found, "there is no auxiliary of this name");
   }
-  if (wanted.state != PTZ_ENABLE_NONE) found->on = wanted.state == PTZ_ENABLE_ON;
-  return make_body(PTZ_COMMAND_AUXILIARY, Auxiliary{wanted.name, guint32{found->on ? PTZ_ENABLE_ON : PTZ_ENABLE_OFF}});
+  if (wanted.state != PTZ_ENABLE_NONE) settings_.switch_to(wanted.name, wanted.state == PTZ_ENABLE_ON);
+  const bool on = *settings_.is_on(wanted.name);
+  return make_body(PTZ_COMMAND_AUXILIARY, Auxiliary{wanted.name, guint32{on ? PTZ_ENABLE_ON : PTZ_ENABLE_OFF}});
 }
 
 Body Driver::query_speed(BodyReader &request) {
@@ -251,20 +249,7 @@ Body Driver::get_capabilities(BodyReader &request) {
 
 Body Driver::get_driver_parameters(BodyReader &request) {
   if (!request.finished()) return malformed(request);
-  ParameterList list;
-  list.elements.push_back({PTZ_PARAMETER_GROUP_GENERAL, "presets", "Number of device presets",
-                           std::to_string(most_presets), PTZ_PARAMETER_CONSTANTINTEGER, 0, ""});
-  for (std::size_t index = 0; index < axis_count; ++index) {
-    const AxisRange &range = head_.axis(index).range();
-    const std::string axis = axis_names[index];
-    for (const auto &[name, label, value] : {std::tuple{"min_", "Limit min ", range.minimum},
-                                             {"max_", "Limit max ", range.maximum},
-                                             {"max_speed_", "Maximum speed of ", range.max_speed}}) {
-      list.elements.push_back({PTZ_PARAMETER_GROUP_LIMIT, name + axis, label + axis, std::to_string(value),
-                               PTZ_PARAMETER_CONSTANTINTEGER, 0, ""});
-    }
-  }
-  return make_body(PTZ_COMMAND_GET_DRIVER_PARAMETERS, list);
+  return make_body(PTZ_COMMAND_GET_DRIVER_PARAMETERS, parameters_);
 }
 
 void Driver::move_to(const PerAxis &position, guint16 speed) {

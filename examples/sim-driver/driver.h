@@ -1,10 +1,11 @@
 // driver.h - answers requests with the simulated head. Knows bodies, but neither sockets nor the main loop.
 #pragma once
-#include <array>
 #include <utility>
 
 #include "driver_messages.h"
+#include "driver_parameters.h"
 #include "head.h"
+#include "live_settings.h"
 #include "preset_store.h"
 
 namespace example {
@@ -12,16 +13,13 @@ namespace example {
 extern const PTZDriverCapabilities driver_capabilities;
 
 class Driver {
-  struct Switch {
-    const char *name;
-    bool on;
-  };
   struct Route;
 
   Head head_;
   PresetStore presets_;
   bool going_to_preset_ = false;
-  std::array<Switch, 2> auxiliaries_ = {{{"light", false}, {"wiper", false}}};
+  LiveSettings settings_;
+  DriverParameters parameters_;
 
   Body set_device_preset(BodyReader &request);
   Body get_device_presets(BodyReader &request);
@@ -42,7 +40,7 @@ class Driver {
 
  public:
   explicit Driver(const HeadRanges &ranges = head_ranges, PresetStore presets = PresetStore())
-      : head_(ranges), presets_(std::move(presets)) {}
+      : head_(ranges), presets_(std::move(presets)), parameters_(head_, settings_) {}
 
   // Whatever the request holds, there is an answer: a reply, which begins with the request's command word, or an error
   // reply, which means that nothing has changed.
@@ -51,6 +49,7 @@ class Driver {
   [[nodiscard]] Head &head() { return head_; }
   [[nodiscard]] bool going_to_preset() const { return going_to_preset_ && head_.moving(); }
   [[nodiscard]] PresetStore &presets() { return presets_; }
+  [[nodiscard]] const LiveSettings &settings() const { return settings_; }
 };
 
 }  // namespace example

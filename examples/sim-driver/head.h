@@ -16,6 +16,7 @@ constexpr HeadRanges head_ranges = {{
     {-20'00, 90'00, 90'00, 180'00},     // tilt
     {1'00, 30'00, 10'00, 20'00},        // zoom, magnification
 }};
+constexpr std::array<const char *, axis_count> axis_names = {"pan", "tilt", "zoom"};
 constexpr PerAxis head_home = {0, 0, 1'00};
 
 // Home, or the limit next to it.

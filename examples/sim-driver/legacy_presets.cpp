@@ -209,6 +209,9 @@ bool LegacyPresets::start(const char *short_name) {
   driver_.presets().watch([this](guint32 number, const StoredPreset *before, const StoredPreset *after) {
     announce(number, before, after);
   });
+  settings_.emplace(driver_.settings(), [this](const char *name, const GValue *value) {
+    ptz_legacy_config_prop_changed(handler_.get(), name, value);
+  });
   // Last: who waits for the name calls at once.
   return ptz_g_dbus_server_dbus_request_name(handler_->server, short_name) != FALSE;
 }

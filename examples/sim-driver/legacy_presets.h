@@ -4,6 +4,8 @@
 #include <ptz_legacy_config.h>
 #include <ptz_legacy_config_dynamic.h>
 
+#include <optional>
+
 #include "driver.h"
 
 namespace example {
@@ -13,13 +15,15 @@ enum class ChangeKind : gint { changed = 0, added = 1, removed = 2 };
 
 // Serves from start() to its end. Refusals are D-Bus errors that are named after their ErrorCode, such as
 // com.velk.PTZ.Error.Code5. Whatever changes a preset is announced, a request of the daemon too: as configuration event
-// of the set, with the entries that have changed, and each entry as PropertiesChanged, such as "3.Name".
+// of the set, with the entries that have changed, and each entry as PropertiesChanged, such as "3.Name". A live setting
+// that changes is announced as PropertiesChanged, too, by its own name, such as "light".
 class LegacyPresets {
   using Skeleton = ptzlegacyconfigdynamicConfigurationLegacy;
 
   Driver &driver_;
   Object<Skeleton> skeleton_;
   Owned<PTZLegacyConfigHandler, ptz_legacy_config_cleanup> handler_;
+  std::optional<SettingWatch> settings_;
 
   static gboolean on_sync(Skeleton *skeleton, GDBusMethodInvocation *call, LegacyPresets *self);
   static gboolean on_add(Skeleton *skeleton, GDBusMethodInvocation *call, gint number, LegacyPresets *self);

@@ -80,6 +80,12 @@ TEST(DriverMessages, AreReadAsTheyWereWritten) {
   EXPECT_EQ(parameter.flags, 3U);
 }
 
+TEST(DriverMessages, ADriverParameterIsTheLibrarysRecord) {
+  const Body body(ptz_serialize_create_array());
+  DriverParameter{1, "a", "", "bc", 2, 3, ""}.write(body.get());
+  EXPECT_EQ(std::string(body->data, body->len), std::string("\1\0\0\0\1\0a\0\0\2\0bc\2\0\0\0\3\0\0\0\0\0", 23));
+}
+
 TEST(DriverMessages, AListMayBeEmptyAndKeepsItsOrder) {
   EXPECT_TRUE(read_back(PresetList{}).elements.empty());
   const PresetList list = read_back(PresetList{{{2, "two"}, {1, ""}}});

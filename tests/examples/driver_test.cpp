@@ -4,9 +4,11 @@
 #include <ptz_serialize.h>
 #include <ptz_socket_frame.h>
 
+#include <algorithm>
 #include <optional>
 #include <ostream>
 #include <random>
+#include <utility>
 #include <vector>
 
 using namespace example;
@@ -273,6 +275,44 @@ TEST_F(SimDriver, SwitchesAnAuxiliaryAndTellsItsState) {
   EXPECT_EQ(state(PTZ_ENABLE_OFF), guint32{PTZ_ENABLE_OFF});
   EXPECT_EQ(refusal(make_body(PTZ_COMMAND_AUXILIARY, Auxiliary{"light", 3})), ErrorCode::out_of_range);
   EXPECT_EQ(refusal(make_body(PTZ_COMMAND_AUXILIARY, Auxiliary{"siren", PTZ_ENABLE_ON})), ErrorCode::not_found);
+}
+
+TEST_F(SimDriver, TellsItsLiveSettingsAsParametersThatFollowThem) {
+  const auto parameter = [this](const std::string &name) {
+    const ParameterList parameters = ask<ParameterList>(PTZ_COMMAND_GET_DRIVER_PARAMETERS);
+    const auto found = std::ranges::find(parameters.elements, name, &DriverParameter::name);
+    return found != parameters.elements.end() ? *found : DriverParameter{};
+  };
+  for (const auto &setting : live_settings) {
+    EXPECT_EQ(parameter(setting.name).group, guint32{PTZ_PARAMETER_GROUP_AUX_BUTTON}) << setting.name;
+    EXPECT_EQ(parameter(setting.name).kind, guint32{PTZ_PARAMETER_BOOLEAN});
+    EXPECT_EQ(parameter(setting.name).label, setting.label);
+    EXPECT_EQ(parameter(setting.name).range, "false,true");
+    EXPECT_EQ(parameter(setting.name).value, "false");
+    ask<Auxiliary>(PTZ_COMMAND_AUXILIARY, make_body(PTZ_COMMAND_AUXILIARY, Auxiliary{setting.name, PTZ_ENABLE_ON}));
+    EXPECT_EQ(parameter(setting.name).value, "true");
+    ask<Auxiliary>(PTZ_COMMAND_AUXILIARY, make_body(PTZ_COMMAND_AUXILIARY, Auxiliary{setting.name, PTZ_ENABLE_OFF}));
+    EXPECT_EQ(parameter(setting.name).value, "false");
+  }
+}
+
+TEST_F(SimDriver, TellsOfALiveSettingOnceForEachChange) {
+  std::vector<std::string> heard;
+  const SettingWatch watch(driver_.settings(), [&heard](const char *name, const GValue *value) {
+    heard.push_back(std::string(name) + (g_value_get_boolean(value) != FALSE ? " on" : " off"));
+  });
+  for (const guint32 state : {PTZ_ENABLE_ON, PTZ_ENABLE_ON, PTZ_ENABLE_NONE, PTZ_ENABLE_OFF}) {
+    ask<Auxiliary>(PTZ_COMMAND_AUXILIARY, make_body(PTZ_COMMAND_AUXILIARY, Auxiliary{"wiper", state}));
+  }
+  EXPECT_EQ(heard, (std::vector<std::string>{"wiper on", "wiper off"}));
+}
+
+TEST_F(SimDriver, IsMovedWithItsLiveSettings) {
+  Driver moved = std::move(driver_);
+  driver_ = std::move(moved);
+  ask<Auxiliary>(PTZ_COMMAND_AUXILIARY, make_body(PTZ_COMMAND_AUXILIARY, Auxiliary{"light", PTZ_ENABLE_ON}));
+  const ParameterList parameters = ask<ParameterList>(PTZ_COMMAND_GET_DRIVER_PARAMETERS);
+  EXPECT_EQ(std::ranges::find(parameters.elements, "light", &DriverParameter::name)->value, "true");
 }
 
 TEST_F(SimDriver, TellsUnknownCommandsFromThoseItDoesNotServe) {

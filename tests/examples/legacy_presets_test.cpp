@@ -1,6 +1,8 @@
 // The presets of the driver program as configuration on a message bus, seen by strangers to it.
 #include <gtest/gtest.h>
 #include <ptz_g_dbus_error.h>
+#include <ptz_socket_client_command.h>
+#include <sys/socket.h>
 
 #include <csignal>
 #include <cstdlib>
@@ -174,6 +176,20 @@ TEST_F(LegacyPresetsOfTheDriver, AreAnnouncedWhenTheyComeAndGo) {
     EXPECT_NE(seen[0].find(pair), std::string::npos) << pair;
   }
   EXPECT_EQ(seen[1], before + "2, '')");
+}
+
+TEST_F(LegacyPresetsOfTheDriver, AreAnnouncedTogetherWithLiveSettings) {
+  const example::Object<PTZSocketClientCommand> client(
+      ptz_socket_client_command_new(dir.file("socket").c_str(), -1, SOCK_STREAM));
+  for (const guint32 state : {PTZ_ENABLE_ON, PTZ_ENABLE_ON, PTZ_ENABLE_OFF}) {  // the second time nothing changes
+    const auto request = make_body(PTZ_COMMAND_AUXILIARY, example::Auxiliary{"light", state});
+    ASSERT_TRUE(ptz_socket_client_command_async_send(client.get(), request->data, request->len, nullptr));
+  }
+  EXPECT_EQ(
+      bodies(properties, 2),
+      (std::vector<std::string>{"PropertiesChanged('com.velk.Configuration.Legacy', {'light': <true>}, @as [])",
+                                "PropertiesChanged('com.velk.Configuration.Legacy', {'light': <false>}, @as [])"}));
+  EXPECT_TRUE(events.signals.empty());
 }
 
 TEST_F(LegacyPresetsOfTheDriver, OutliveTheDriverInItsFile) {
