@@ -16,8 +16,9 @@ struct LiveSetting {
   const char *name;
   const char *label;
 };
+constexpr const char *ir_cut_filter = "ir_cut_filter";
 constexpr std::array<LiveSetting, 3> live_settings = {
-    {{"light", "Light"}, {"wiper", "Wiper"}, {"ir_cut_filter", "Infrared cut filter"}}};
+    {{"light", "Light"}, {"wiper", "Wiper"}, {ir_cut_filter, "Infrared cut filter"}}};
 
 class LiveSettings {
   Object<PTZDynamicalProperties> properties_;

@@ -119,7 +119,8 @@ int serve(const char *path, const char *dbus_name, gint instance, Driver driver,
   // Whoever can ask the driver finds its status.
   guint publish = 0;
   if (instance > 0) {
-    service.status = std::make_unique<PublishedStatus>(static_cast<guint>(instance), service.driver.head());
+    service.status = std::make_unique<PublishedStatus>(static_cast<guint>(instance), service.driver.head(),
+                                                       service.driver.settings());
     publish = g_timeout_add(1000 / PublishedStatus::updates_per_second, on_publish, &service);
   }
 

@@ -44,10 +44,15 @@ void reset_measurement(const char *what, gint32 driver) {
 
 }  // namespace
 
-PublishedStatus::PublishedStatus(guint instance, const Head &head)
+PublishedStatus::PublishedStatus(guint instance, const Head &head, const LiveSettings &settings)
     : position_(set_up(PTZ_SC_GROUP_POSITION, instance, 4 * axis_count + 3)),
-      flags_(set_up(PTZ_SC_GROUP_VARIOUS, instance, 1)),
-      driver_(static_cast<gint32>(instance)) {
+      flags_(set_up(PTZ_SC_GROUP_VARIOUS, instance, 2)),
+      driver_(static_cast<gint32>(instance)),
+      settings_(settings, [this](const char *name, const GValue *value) {
+        if (!g_str_equal(name, ir_cut_filter)) return;
+        ir_cut_filter_ = g_value_get_boolean(value);
+        publish_flags();
+      }) {
   struct Params {
     PTZSCParam position, status, idle_since, moving_since;
   };
@@ -69,6 +74,8 @@ PublishedStatus::PublishedStatus(guint instance, const Head &head)
   ptz_status_cache_add_param(position_.get(), PTZ_SC_PARAM_POSITION_UPDATE_RATE, &update_rate_);
   ptz_status_cache_add_param(position_.get(), PTZ_SC_PARAM_POSITION_TIME_VAL, &updated_);
   ptz_status_cache_add_param(flags_.get(), PTZ_SC_PARAM_VARIOUS_PT_PRESET_MOVE, &going_to_preset_);
+  ptz_status_cache_add_param(flags_.get(), PTZ_SC_PARAM_VARIOUS_IR_CUT_FILTER, &ir_cut_filter_);
+  publish_flags();  // what an earlier driver left there is over
   publish_limits(instance, head);
 
   for (const char *what : {"req", "move", "reply", "process"}) reset_measurement(what, driver_);
@@ -81,6 +88,10 @@ PublishedStatus::~PublishedStatus() {
   const gint32 number = driver_ % 10;
   if (number == 1) log_time_stop_process_timer("ptzdt_driver_process_d1");
   if (number == 2) log_time_stop_process_timer("ptzdt_driver_process_d2");
+}
+
+void PublishedStatus::publish_flags() {
+  if (flags_ && ptz_status_cache_update_group(flags_.get()) == FALSE) flags_.reset();
 }
 
 void PublishedStatus::publish(const Head &head, bool going_to_preset) {
@@ -102,7 +113,7 @@ void PublishedStatus::publish(const Head &head, bool going_to_preset) {
 
   if (gint32{going_to_preset} != going_to_preset_) {
     going_to_preset_ = going_to_preset ? 1 : 0;
-    if (flags_ && ptz_status_cache_update_group(flags_.get()) == FALSE) flags_.reset();
+    publish_flags();
   }
 
   if (head.moving() == measuring_move_) return;

@@ -6,6 +6,7 @@
 #include <array>
 
 #include "head.h"
+#include "live_settings.h"
 #include "owned.h"
 
 namespace example {
@@ -25,17 +26,21 @@ class PublishedStatus {
   gint32 update_rate_ = updates_per_second;
   PTZStatusCacheTime updated_ = {};
   gint32 going_to_preset_ = 0;
+  gint32 ir_cut_filter_ = 0;
   StatusGroup position_;
   StatusGroup flags_;
   gint32 driver_;
   guint32 requests_ = 0;
   bool measuring_move_ = false;
+  SettingWatch settings_;
+
+  void publish_flags();
 
  public:
   static constexpr gint32 updates_per_second = 25;
 
   // For the PTZ instance with this number, which is also the driver's in the timing log. Publishes the limits.
-  PublishedStatus(guint instance, const Head &head);
+  PublishedStatus(guint instance, const Head &head, const LiveSettings &settings);
   PublishedStatus(const PublishedStatus &) = delete;
   ~PublishedStatus();
 

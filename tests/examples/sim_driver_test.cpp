@@ -353,6 +353,21 @@ TEST_F(SimDriverProgram, PublishesWhereItsHeadIsAndWhatItDoes) {
   unsetenv("PTZ_PLATFORM_RUNTIME_DIR");
 }
 
+TEST_F(SimDriverProgram, PublishesALiveSettingBeforeItAnswers) {
+  setenv("PTZ_PLATFORM_RUNTIME_DIR", dir_.file("run").c_str(), 1);
+  restart_driver({"--instance", "13"});
+  const auto filter = [] { return published<gint32>(PTZ_SC_GROUP_VARIOUS, 13, PTZ_SC_PARAM_VARIOUS_IR_CUT_FILTER); };
+  EXPECT_EQ(filter(), 0);
+  ask(make_body(PTZ_COMMAND_AUXILIARY, Auxiliary{"ir_cut_filter", PTZ_ENABLE_ON}));
+  EXPECT_EQ(filter(), 1);
+  ask(make_body(PTZ_COMMAND_AUXILIARY, Auxiliary{"light", PTZ_ENABLE_ON}));
+  EXPECT_EQ(filter(), 1);
+  driver_->signal(SIGKILL);
+  restart_driver({"--instance", "13"});
+  EXPECT_EQ(filter(), 0) << "a driver that was started again";
+  unsetenv("PTZ_PLATFORM_RUNTIME_DIR");
+}
+
 TEST_F(SimDriverProgram, GoesOnWhereNothingCanBePublished) {
   std::ofstream(dir_.file("run")) << "no folder";
   setenv("PTZ_PLATFORM_RUNTIME_DIR", dir_.file("run").c_str(), 1);
