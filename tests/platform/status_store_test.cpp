@@ -3,7 +3,9 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -517,6 +519,26 @@ TEST_F(StatusStore, AFullFolderSaysSoAndKeepsNothing) {
   EXPECT_EQ(open_descriptors(), descriptors);
   EXPECT_EQ(set("G", {item("A", 1)}), 0);
   EXPECT_EQ(create("H"), 0);
+}
+
+TEST_F(StatusStore, AFullFileSystemSaysSoAndItsGroupsGoOn) {
+  constexpr int refused = 77;
+  const int result = in_child([this] {
+    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("none", dir.path().c_str(), "tmpfs", 0, "size=100k") != 0) {
+      return refused;
+    }
+    int made = 0, failure = 0;
+    while ((failure = create("G" + std::to_string(made))) == 0) ++made;
+    if (failure != -ENOSPC || made == 0 || files().size() != static_cast<std::size_t>(made)) return 1;
+    for (int i = 0; i < made; ++i) {
+      const auto name = "G" + std::to_string(i);
+      if (set(name, {item("A", i)}) != 0 || number(name, "A") != i) return 2;
+    }
+    return 0;
+  });
+  if (result == refused) GTEST_SKIP() << "only the superuser may make a file system that is soon full";
+  EXPECT_EQ(result, 0);
 }
 
 TEST_F(StatusStore, AGroupThatCannotBeMappedSaysSo) {

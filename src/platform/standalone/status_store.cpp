@@ -230,7 +230,7 @@ void set_up_mutex(pthread_mutex_t &mutex) {
 }
 
 // A mutex of another kind would not time out, nor outlive its holder.
-bool is_our_mutex(const pthread_mutex_t &mutex) {
+bool is_our_mutex([[maybe_unused]] const pthread_mutex_t &mutex) {
 #ifdef __GLIBC__
   pthread_mutex_t ours;
   set_up_mutex(ours);
