@@ -113,7 +113,8 @@ std::optional<Body> Answers::preset(gint32 command, const Body &request) {
     if (fault("caps.answers-what-it-announces.devicepreset")) return unsupported();
     const auto wanted = read<GotoPresetRequest>(request);
     if ((fault("presets.unknown-is-refused") && wanted.number == G_MAXUINT32) ||
-        (fault("presets.store-and-return") && wanted.number <= most_presets && wanted.number > 0)) {
+        (fault("presets.store-and-return") && wanted.number <= most_presets && wanted.number > 0 && !moving() &&
+         wanted.speed == full_speed)) {
       return make_body(PTZ_COMMAND_GOTO_DEVICE_PRESET);
     }
     return std::nullopt;
@@ -214,6 +215,7 @@ std::optional<Body> Answers::answer(const Asker &asker, const Body &request) {
   if (fault("commands.trailing-bytes") && command == PTZ_COMMAND_GET_CAPABILITIES)
     return query(asker, command, agreed());
 
+  if (command != PTZ_COMMAND_QUERY_POSITION) to_preset_ = command == PTZ_COMMAND_GOTO_DEVICE_PRESET;
   std::optional<Body> reply;
   switch (command) {
     case PTZ_COMMAND_MOVE:

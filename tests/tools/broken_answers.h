@@ -26,6 +26,7 @@ class Answers {
   int share_ = 0;                                                 // of its speed at which a continuous motion runs
   std::optional<std::pair<std::size_t, gint32>> false_position_;  // of an axis, told once
   std::optional<gint32> false_speed_;
+  bool to_preset_ = false;
 
   std::optional<Body> move(const Body &request);
   std::optional<Body> move_command(const Body &request);
@@ -36,6 +37,8 @@ class Answers {
  public:
   Answers();
   bool moving();
+  [[nodiscard]] const Head &head() { return driver_.head(); }
+  bool going_to_preset() { return to_preset_ && moving(); }
   // None where the driver keeps silent.
   std::optional<Body> answer(const Asker &asker, const Body &request);
 };

@@ -1,5 +1,6 @@
-// broken-driver --socket PATH [--fault NAME] - a driver that is right but for one fault, which is named as the check of
-// ptz-compliance that is to find it. It serves its socket by itself: the library would not let it be so wrong.
+// broken-driver --socket PATH [--instance N] [--fault NAME] - a driver that is right but for one fault, which is named
+// as the check of ptz-compliance that is to find it. It serves its socket by itself: the library would not let it be so
+// wrong.
 //
 // A fault shows only in what its own check does, and some need odd conditions to keep to that.
 #include <linux/sockios.h>
@@ -22,7 +23,7 @@
 #include <set>
 #include <vector>
 
-#include "broken_answers.h"
+#include "broken_status.h"
 
 namespace {
 
@@ -83,7 +84,10 @@ class Server {
   std::map<guint32, unsigned> last_by_id_;  // the number of the client that used this id last
   std::string left_over_;
   Answers answers_;
+  std::optional<Status> status_;
+  gint64 published_us_ = 0;
 
+  void publish();
   void accept_client();
   void take(Client &client);
   static bool survives(Client &client, std::string &piece);
@@ -98,6 +102,7 @@ class Server {
 
  public:
   explicit Server(std::string path) : path_(std::move(path)) {}
+  void publish_as(guint instance) { status_.emplace(instance, answers_.head()); }
   bool open();
   int run();
 };
@@ -271,6 +276,14 @@ void Server::forget_the_gone() {
   }
 }
 
+void Server::publish() {
+  const gint64 period_us = fault("status.update-rate") ? 200'000 : 40'000;
+  if (!status_ || g_get_monotonic_time() - published_us_ < period_us) return;
+  published_us_ = g_get_monotonic_time();
+  const bool going_to_preset = answers_.going_to_preset();  // looks where the head is now, too
+  status_->publish(answers_.head(), going_to_preset);
+}
+
 bool Server::ends_on_signal() {
   signalfd_siginfo information{};
   if (read(signals_, &information, sizeof(information)) < 0) return false;
@@ -282,12 +295,13 @@ bool Server::ends_on_signal() {
 }
 
 int Server::run() {
-  const int wait_ms = fault("process.idle") ? 0 : fault("replies.unsolicited") ? 10 : -1;
+  const int wait_ms = fault("process.idle") ? 0 : fault("replies.unsolicited") || status_ ? 10 : -1;
   bool more = false;
   while (true) {
     std::vector<pollfd> watched = {{listener_, POLLIN, 0}, {signals_, POLLIN, 0}};
     for (const Client &client : clients_) watched.push_back({client.fd, POLLIN, 0});
     poll(watched.data(), watched.size(), more ? 0 : wait_ms);
+    publish();
 
     auto events = watched.begin() + 2;
     for (Client &client : clients_) {
@@ -314,12 +328,15 @@ int Server::run() {
 
 int main(int argc, char **argv) {
   std::string path;
+  guint instance = 0;
   for (int index = 1; index + 1 < argc; index += 2) {
     const std::string_view option = argv[index];
     if (option == "--socket") path = argv[index + 1];
     if (option == "--fault") fault_name = argv[index + 1];
+    if (option == "--instance") instance = static_cast<guint>(std::atoi(argv[index + 1]));
   }
   Server server(path);
+  if (instance > 0) server.publish_as(instance);
   if (!server.open()) {
     std::perror("broken-driver");
     return EXIT_FAILURE;

@@ -38,12 +38,16 @@ ToolRun run_tool(Words words) {
   std::vector<char *> arguments = {const_cast<char *>(PTZ_COMPLIANCE)};
   for (std::string &word : words) arguments.push_back(word.data());
   arguments.push_back(nullptr);
+  const TempDir runtime;
+  char **const environment =
+      g_environ_setenv(g_get_environ(), "PTZ_PLATFORM_RUNTIME_DIR", runtime.path().c_str(), TRUE);
   char *output = nullptr;
   char *errors = nullptr;
   int status = -1;
-  g_spawn_sync(nullptr, arguments.data(), nullptr, G_SPAWN_DEFAULT, nullptr, nullptr, &output, &errors, &status,
+  g_spawn_sync(nullptr, arguments.data(), environment, G_SPAWN_DEFAULT, nullptr, nullptr, &output, &errors, &status,
                nullptr);
   ToolRun run = {WIFEXITED(status) ? WEXITSTATUS(status) : -1, std::string(output) + errors};
+  g_strfreev(environment);
   g_free(output);
   g_free(errors);
   return run;
@@ -54,7 +58,7 @@ Words with(Words words, const Words &more) {
   return words;
 }
 Words broken_driver(const std::string &fault) {
-  return {"--", BROKEN_DRIVER, "--socket", "{socket}", "--fault", fault};
+  return {"--instance", "1", "--", BROKEN_DRIVER, "--socket", "{socket}", "--instance", "1", "--fault", fault};
 }
 Words sim_driver() { return {"--", SIM_DRIVER, "--socket", "{socket}", "--speed-factor", "20"}; }
 
@@ -95,7 +99,7 @@ std::vector<std::string> names_in(const std::string &tap, const std::string &kin
 
 TEST(PtzCompliance, TheExampleDriverPassesEveryCheckInSomeSeconds) {
   const gint64 start = g_get_monotonic_time();
-  const ToolRun run = run_tool({"--", SIM_DRIVER, "--socket", "{socket}"});
+  const ToolRun run = run_tool({"--instance", "1", "--", SIM_DRIVER, "--socket", "{socket}", "--instance", "1"});
   EXPECT_EQ(run.status, 0) << run.output;
   EXPECT_NE(run.output.find(" passed, 0 failed, 0 not applicable in "), std::string::npos) << run.output;
   EXPECT_LT(g_get_monotonic_time() - start, 20 * G_USEC_PER_SEC);
@@ -307,7 +311,8 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(PtzCompliance, HelpHasExamplesAndExitStatuses) {
   const ToolRun run = run_tool({"--help"});
   EXPECT_EQ(run.status, 0);
-  EXPECT_NE(run.output.find("ptz-compliance -- sim-driver --socket {socket}"), std::string::npos);
+  EXPECT_NE(run.output.find("ptz-compliance --instance 1 -- sim-driver --instance 1 --socket {socket}"),
+            std::string::npos);
   EXPECT_NE(run.output.find("Exit status:\n  0  no check failed\n  1  a check failed\n"), std::string::npos);
 }
 

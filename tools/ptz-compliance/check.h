@@ -35,6 +35,7 @@ class Probe {
   Subject &subject_;
   int timeout_ms_;
   int motion_timeout_ms_;
+  guint instance_;
   std::optional<Result> verdict_;
   std::string remark_;
   std::deque<Traffic> traffic_;
@@ -44,8 +45,9 @@ class Probe {
   void decide(std::optional<Result> verdict, const char *format, va_list arguments);
 
  public:
-  Probe(Subject &subject, int timeout_ms, int motion_timeout_ms)
-      : subject_(subject), timeout_ms_(timeout_ms), motion_timeout_ms_(motion_timeout_ms) {}
+  // The status is published as that of this PTZ instance; 0: nobody said so.
+  Probe(Subject &subject, int timeout_ms, int motion_timeout_ms, guint instance)
+      : subject_(subject), timeout_ms_(timeout_ms), motion_timeout_ms_(motion_timeout_ms), instance_(instance) {}
   Probe(const Probe &) = delete;
 
   void fail(const char *format, ...) G_GNUC_PRINTF(2, 3);
@@ -66,6 +68,7 @@ class Probe {
   [[nodiscard]] Subject &subject() { return subject_; }
   [[nodiscard]] int timeout_ms() const { return timeout_ms_; }
   [[nodiscard]] int motion_timeout_ms() const { return motion_timeout_ms_; }
+  [[nodiscard]] guint instance() const { return instance_; }
 };
 
 struct Check {
@@ -77,6 +80,6 @@ using Checks = std::span<const Check>;
 
 // One for each file of checks, in the order in which they run.
 extern const Checks socket_checks, framing_checks, client_checks, reply_checks, command_checks, capability_checks,
-    motion_checks, limit_checks, preset_checks, latency_checks, process_checks;
+    motion_checks, limit_checks, preset_checks, status_checks, latency_checks, process_checks;
 
 }  // namespace compliance

@@ -2,37 +2,18 @@
 #include <algorithm>
 
 #include "head.h"
+#include "presets.h"
 
 namespace compliance {
 
 namespace {
 
-constexpr char preset_name[] = "compliance";
-constexpr char other_name[] = "compliance 2";
-
-PresetList list_of(Link &link) { return query<PresetList>(link, PTZ_COMMAND_GET_DEVICE_PRESETS); }
-
-// The last one that is free or that these checks have used before.
-guint32 free_number(Link &link, guint32 below = most_presets + 1) {
-  const PresetList list = list_of(link);
-  for (guint32 number = below - 1; number > 0; --number) {
-    const auto taken = std::ranges::find(list.elements, number, &Preset::number);
-    if (taken == list.elements.end() || taken->name == preset_name || taken->name == other_name) return number;
-  }
-  link.probe().not_applicable("every preset from 1 to %u is in use", below - 1);
-  return 0;
-}
-
-void store(Link &link, guint32 number, const char *name) {
-  obtain(link, make_body(PTZ_COMMAND_SET_DEVICE_PRESET, Preset{number, name}));
-}
-
 void store_and_return(Probe &probe) {
   Head head(probe);
   const AxisIndex axis = head.axis_for(PTZ_MOVE_RELATIVE);
   head.make_room(axis);
-  const guint32 number = free_number(head.link());
-  store(head.link(), number, preset_name);
+  const guint32 number = free_preset(head.link());
+  store_preset(head.link(), number, preset_name);
   const Positions there = head.where();
   head.order(Head::move(PTZ_MOVE_RELATIVE, axis, head.step(axis)));
   head.arrive();
@@ -46,8 +27,8 @@ void store_and_return(Probe &probe) {
 
 void is_listed(Probe &probe) {
   Link link = probe.connect();
-  const guint32 number = free_number(link);
-  store(link, number, preset_name);
+  const guint32 number = free_preset(link);
+  store_preset(link, number, preset_name);
   const PresetList list = list_of(link);
   const auto found = std::ranges::find(list.elements, number, &Preset::number);
   if (found == list.elements.end()) return probe.fail("preset %u was stored and is not listed", number);
@@ -57,9 +38,9 @@ void is_listed(Probe &probe) {
 
 void is_replaced(Probe &probe) {
   Link link = probe.connect();
-  const guint32 number = free_number(link);
-  store(link, number, preset_name);
-  store(link, number, other_name);
+  const guint32 number = free_preset(link);
+  store_preset(link, number, preset_name);
+  store_preset(link, number, other_name);
   const PresetList list = list_of(link);
   const auto entries = std::ranges::count(list.elements, number, &Preset::number);
   probe.fail_unless(entries <= 1, "preset %u was stored twice and is listed %d times", number,
@@ -67,16 +48,16 @@ void is_replaced(Probe &probe) {
   const auto found = std::ranges::find(list.elements, number, &Preset::number);
   if (found == list.elements.end()) return;  // that is another check's
   const bool old = found->name == preset_name;
-  store(link, number, preset_name);
+  store_preset(link, number, preset_name);
   probe.fail_unless(!old, "preset %u keeps its old name when it is stored again", number);
 }
 
 void in_order(Probe &probe) {
   Link link = probe.connect();
-  const guint32 higher = free_number(link);
-  const guint32 lower = free_number(link, higher);
-  store(link, higher, preset_name);
-  store(link, lower, preset_name);
+  const guint32 higher = free_preset(link);
+  const guint32 lower = free_preset(link, higher);
+  store_preset(link, higher, preset_name);
+  store_preset(link, lower, preset_name);
   const PresetList list = list_of(link);
   probe.fail_unless(std::ranges::is_sorted(list.elements, {}, &Preset::number),
                     "the presets are not listed by their numbers");
@@ -98,7 +79,7 @@ void bad_number(Probe &probe) {
 
 void bad_name(Probe &probe) {
   Link link = probe.connect();
-  const guint32 number = free_number(link);
+  const guint32 number = free_preset(link);
   for (const std::size_t length : {std::size_t{0}, longest_preset_name + 1}) {
     expect_refused(link, make_body(PTZ_COMMAND_SET_DEVICE_PRESET, Preset{number, std::string(length, 'x')}),
                    ("a name of " + std::to_string(length) + " bytes").c_str());

@@ -20,9 +20,9 @@ constexpr double most_seconds = 3600;
 constexpr int died_limit_ms = 100;  // between the end of a connection and the end of its process
 constexpr char placeholder[] = "{socket}";
 
-constexpr const Checks *areas[] = {&socket_checks,  &framing_checks,    &client_checks, &reply_checks,
-                                   &command_checks, &capability_checks, &motion_checks, &limit_checks,
-                                   &preset_checks,  &latency_checks,    &process_checks};
+constexpr const Checks *areas[] = {&socket_checks,  &framing_checks,    &client_checks,  &reply_checks,
+                                   &command_checks, &capability_checks, &motion_checks,  &limit_checks,
+                                   &preset_checks,  &status_checks,     &latency_checks, &process_checks};
 
 constexpr char description[] =
     "A COMMAND is started, and started again where a check ends it; each \"{socket}\" in it stands for the path\n"
@@ -31,7 +31,7 @@ constexpr char description[] =
     "The driver's head moves, a little. Two presets are stored under numbers that are free.\n"
     "\n"
     "Examples:\n"
-    "  ptz-compliance -- sim-driver --socket {socket}\n"
+    "  ptz-compliance --instance 1 -- sim-driver --instance 1 --socket {socket}\n"
     "  ptz-compliance --socket /run/ptz/head.socket --only 'framing.*' --only 'clients.*'\n"
     "  ptz-compliance --tap --log driver.log -- ./my-driver {socket}\n"
     "\n"
@@ -43,6 +43,7 @@ constexpr char description[] =
 struct Settings {
   int timeout_ms;
   int motion_timeout_ms;
+  guint instance;
 };
 
 std::vector<const Check *> matching(char **only, char **skip) {
@@ -66,7 +67,7 @@ std::vector<const Check *> matching(char **only, char **skip) {
 // What a check has left of the driver. A driver that a check has ended is no longer there to be asked.
 void expect_alive(Subject &subject, const Settings &settings, Probe &probe) {
   if (subject.started_by_us() && !subject.runs()) return;
-  Probe after(subject, settings.timeout_ms, settings.motion_timeout_ms);
+  Probe after(subject, settings.timeout_ms, settings.motion_timeout_ms, settings.instance);
   after.connect().ask(harmless_request());
   if (after.result() == Result::passed) return;
   const auto end = subject.died(died_limit_ms);
@@ -75,7 +76,7 @@ void expect_alive(Subject &subject, const Settings &settings, Probe &probe) {
 
 Outcome run(const Check &check, Subject &subject, const Settings &settings) {
   const gint64 start = g_get_monotonic_time();
-  Probe probe(subject, settings.timeout_ms, settings.motion_timeout_ms);
+  Probe probe(subject, settings.timeout_ms, settings.motion_timeout_ms, settings.instance);
   if (subject.started_by_us() && !subject.runs()) {
     if (const auto reason = subject.start()) probe.fail("%s", reason->c_str());
   }
@@ -128,6 +129,7 @@ int main(int argc, char **argv) {
   gboolean tap = FALSE;
   gboolean json = FALSE;
   double timeout_s = 2;
+  gint instance = 0;
   double motion_timeout_s = 20;
   double start_timeout_s = 10;
   const GOptionEntry entries[] = {
@@ -146,6 +148,8 @@ int main(int argc, char **argv) {
        "Wait at most so long until a driver that was started listens (default: 10)", "SECONDS"},
       {"log", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_FILENAME, &log_option,
        "Append what the COMMAND prints to this file (default: nowhere)", "FILE"},
+      {"instance", 'i', G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &instance,
+       "The driver publishes its status as this PTZ instance (default: its status is not looked at)", "N"},
       {"tap", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, &tap, "Print TAP, for a test harness", nullptr},
       {"json", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, &json, "Print JSON", nullptr},
       {}};
@@ -167,6 +171,7 @@ int main(int argc, char **argv) {
   for (const double seconds : {timeout_s, motion_timeout_s, start_timeout_s}) {
     if (!(seconds > 0 && seconds <= most_seconds)) return usage("times are above 0 and at most 3600 seconds");
   }
+  if (instance < 0) return usage("instances count from 1");
   if (tap && json) return usage("--tap and --json exclude each other");
   const Format format = tap ? Format::tap : json ? Format::json : Format::text;
   const auto checks = matching(only.get(), skip.get());
@@ -197,7 +202,7 @@ int main(int argc, char **argv) {
   signal(SIGPIPE, SIG_IGN);  // drivers may close their connections at any moment
   openlog("ptz-compliance", LOG_PID, LOG_USER);
   const auto ms = [](double seconds) { return static_cast<int>(std::ceil(seconds * 1000)); };
-  const Settings settings{ms(timeout_s), ms(motion_timeout_s)};
+  const Settings settings{ms(timeout_s), ms(motion_timeout_s), static_cast<guint>(instance)};
   bool failed = false;
   {
     Subject subject(path, command, log ? log.get() : "", ms(start_timeout_s));

@@ -1,0 +1,28 @@
+// broken_status.h - what the driver publishes, with one fault.
+#pragma once
+#include <ptz_status_cache.h>
+
+#include "broken_answers.h"
+
+namespace broken {
+
+class Status {
+  using Group = Owned<PTZStatusCacheGroup, ptz_status_cache_free_group>;
+
+  Group position_;
+  Group limits_;
+  Group various_;
+  std::array<gfloat, axis_count> degrees_ = {};
+  PerAxis status_ = {};
+  gint32 rate_ = 25;
+  PTZStatusCacheTime time_ = {};
+  PerAxis minimum_ = {};
+  PerAxis maximum_ = {};
+  gint32 preset_move_ = 0;
+
+ public:
+  Status(guint instance, const Head &head);
+  void publish(const Head &head, bool going_to_preset);
+};
+
+}  // namespace broken
