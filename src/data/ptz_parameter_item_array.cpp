@@ -102,10 +102,11 @@ PTZParameterItem *append_copy(PTZParameterItemArray *self, const PTZParameterIte
   node->item = item;
 
   auto *state = private_of(self);
+  // Before the link, as a removal takes it back after: who walks the list never sees more items than are counted.
+  count_of(self).fetch_add(1, std::memory_order_release);
   link_at(link_to(self, state->nodes.size())).store(node, std::memory_order_release);
   state->nodes.push_back(node);
   ++state->named.try_emplace(item->name, NamedNodes{node, 0}).first->second.count;
-  count_of(self).fetch_add(1, std::memory_order_release);
   return item;
 }
 

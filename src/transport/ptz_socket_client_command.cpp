@@ -382,7 +382,7 @@ int wait_readable(gint fd, gint64 timeout_ms) {
     errno = EBADF;
     return -1;
   }
-  timeval timeout = {timeout_ms / 1000, (timeout_ms % 1000) * 1000};
+  timeval timeout = {static_cast<time_t>(timeout_ms / 1000), static_cast<suseconds_t>(timeout_ms % 1000 * 1000)};
   if (fd < FD_SETSIZE) {
     fd_set readable;
     FD_ZERO(&readable);
