@@ -4,6 +4,7 @@
 The library as Python has it from the introspection data, against the example driver.
 """
 import os
+import socket
 import struct
 import subprocess
 import sys
@@ -31,6 +32,12 @@ def run_until(condition):
     GLib.source_remove(timer)
 
 
+def listens(path):
+    """Whether somebody does; the file is there a moment before. A client that is refused would remove it."""
+    with socket.socket(socket.AF_UNIX) as attempt:
+        return attempt.connect_ex(path) == 0
+
+
 class CommandChannel(unittest.TestCase):
     def setUp(self):
         self.folder = tempfile.TemporaryDirectory()
@@ -47,7 +54,7 @@ class CommandChannel(unittest.TestCase):
         driver = subprocess.Popen([sim_driver, '--socket', self.path], stderr=subprocess.DEVNULL)
         self.addCleanup(driver.wait)
         self.addCleanup(driver.terminate)
-        run_until(lambda: os.path.exists(self.path) or driver.poll() is not None)
+        run_until(lambda: listens(self.path) or driver.poll() is not None)
 
     def test_a_request_to_the_driver_is_answered(self):
         self.start_driver()
