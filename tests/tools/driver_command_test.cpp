@@ -1,5 +1,3 @@
-#include <unistd.h>
-
 #include <csignal>
 
 #include "ptzctl.h"
@@ -13,7 +11,8 @@ struct DriverCommand : Ptzctl {
   const Process driver{SIM_DRIVER, {"--socket", socket, "--speed-factor", "20"}, dir.file("driver.log")};
 
   void SetUp() override {
-    ASSERT_TRUE(run_until([this] { return access(socket.c_str(), F_OK) == 0; })) << contents(dir.file("driver.log"));
+    // The socket is there before it is listened on.
+    ASSERT_TRUE(run_until([this] { return ask({"info"}).status == 0; })) << contents(dir.file("driver.log"));
   }
   [[nodiscard]] Result ask(std::vector<std::string> arguments) const {
     arguments.insert(arguments.begin(), "driver");
