@@ -193,7 +193,8 @@ bool Server::forgives(Client &client, guint32 length) {
 bool Server::held_up(const Client &client, guint32 id) const {
   if (!fault("clients.half-frame-does-not-delay-others")) return false;
   for (const Client &other : clients_) {
-    if (&other != &client && other.has_header && id_of(other.in) != id) return true;
+    if (&other == &client || !other.has_header || other.at_end) continue;
+    if (other.in.size() >= header_size && id_of(other.in) != id) return true;
   }
   return false;
 }
