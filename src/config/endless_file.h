@@ -3,20 +3,14 @@
 #pragma once
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <cerrno>
 
+#include "base/file_kind.h"
 #include "base/handles.h"
 
 namespace ptz {
 
 inline constexpr char not_a_file[] = "Not a regular file";
-
-// A directory ends too: reading it fails. The null device is how a file is left out on purpose.
-[[nodiscard]] inline bool has_end(const struct stat &status) {
-  return S_ISREG(status.st_mode) || S_ISDIR(status.st_mode) ||
-         (S_ISCHR(status.st_mode) && status.st_rdev == makedev(1, 3));
-}
 
 inline void set_not_a_file(GError **error) { g_set_error_literal(error, G_FILE_ERROR, G_FILE_ERROR_INVAL, not_a_file); }
 

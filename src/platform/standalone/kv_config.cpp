@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <unistd.h>
 #include <algorithm>
 #include <cerrno>
@@ -11,6 +10,7 @@
 #include <string_view>
 #include <utility>
 
+#include "base/file_kind.h"
 #include "base/handles.h"
 
 namespace {
@@ -44,11 +44,6 @@ bool read_all(int fd, std::string &text) {
     if (count > 0) text.append(chunk, static_cast<std::size_t>(count));
     if (count < 0 && errno != EINTR) return false;
   }
-}
-
-// A pipe, a socket or a device would be read for ever; the null device is how a file is left out on purpose.
-bool has_end(const struct stat &status) {
-  return S_ISREG(status.st_mode) || (S_ISCHR(status.st_mode) && status.st_rdev == makedev(1, 3));
 }
 
 // What is between the brackets of a "[Group]" line, which a comment may follow.
@@ -100,7 +95,7 @@ gint kv_config_open(const gchar *path) {
   if (!fd) return 0;
   struct stat status = {};
   if (fstat(fd.get(), &status) < 0) return 0;
-  if (S_ISDIR(status.st_mode) || !has_end(status)) {
+  if (S_ISDIR(status.st_mode) || !ptz::has_end(status)) {
     errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
     return 0;
   }
