@@ -1,5 +1,7 @@
 // src/base/check.h - what a failed check prints: the bare function name, the module and the condition, to the letter.
 #pragma once
+#undef NDEBUG  // which would hide the C library's assertion routine
+#include <assert.h>
 #include <glib-object.h>
 #include <syslog.h>
 // In C++ GLib's G_STRFUNC is __PRETTY_FUNCTION__: a failed check would print "gboolean f(GObject*, int)" for "f".
@@ -13,6 +15,11 @@
     if (G_UNLIKELY(!(expression))) {                                             \
       g_assertion_message_expr(G_LOG_DOMAIN, module, __LINE__, G_STRFUNC, text); \
     }                                                                            \
+  } while (false)
+// For a value that is longer than its field: the same, reported by the C library as its own assert() does.
+#define assert_fits_in(module, expression)                                                  \
+  do {                                                                                      \
+    if (G_UNLIKELY(!(expression))) __assert_fail(#expression, module, __LINE__, G_STRFUNC); \
   } while (false)
 #define assert_not_reached_in(module) g_assertion_message_expr(G_LOG_DOMAIN, module, __LINE__, G_STRFUNC, nullptr)
 // A precondition that is tested more carefully than its text shows.

@@ -295,7 +295,7 @@ PTZParameterItem *ptz_parameter_item_array_set(PTZParameterItemArray *self, guin
                                                guint32 range_code) {
   g_return_val_if_fail(self != NULL, NULL);
   g_return_val_if_fail(value != NULL, NULL);
-  assert_in(module_name, strlen(value) < PAR_VAL_MAX_LEN);
+  assert_fits_in(module_name, strlen(value) < PAR_VAL_MAX_LEN);
   if (index > count_of(self)) return nullptr;
   const Settings settings = {value, info, info_code, range, range_code, true};
   PTZParameterItem *item = change_at(self, index, [&](PTZParameterItem *found) { change(found, settings); });
@@ -308,7 +308,7 @@ PTZParameterItem *ptz_parameter_item_array_set_by_name(PTZParameterItemArray *se
                                                        const gchar *range, guint32 range_code) {
   g_return_val_if_fail(self != NULL, NULL);
   g_return_val_if_fail(value != NULL, NULL);
-  assert_in(module_name, strlen(value) < PAR_VAL_MAX_LEN);
+  assert_fits_in(module_name, strlen(value) < PAR_VAL_MAX_LEN);
   const Settings settings = {value, info, info_code, range, range_code, false};
   PTZParameterItem *item = change_named(self, name, [&](PTZParameterItem *found) { change(found, settings); });
   g_return_val_if_fail(item != NULL, NULL);

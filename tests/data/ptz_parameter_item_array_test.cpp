@@ -433,14 +433,14 @@ TEST_F(ParameterItemSettersDeathTest, ValueThatIsTooLongAborts) {
   const char *value = too_long_value.c_str();
   EXPECT_EXIT(ptz_parameter_item_array_set(array.get(), 0, value, nullptr, 0, nullptr, 0),
               testing::KilledBySignal(SIGABRT),
-              failed_assertion("ptz_parameter_item_array", "ptz_parameter_item_array_set", expression));
+              failed_c_assertion("ptz_parameter_item_array", "ptz_parameter_item_array_set", expression));
   // Also where there is no such item.
   EXPECT_EXIT(ptz_parameter_item_array_set(array.get(), 9, value, nullptr, 0, nullptr, 0),
               testing::KilledBySignal(SIGABRT),
-              failed_assertion("ptz_parameter_item_array", "ptz_parameter_item_array_set", expression));
+              failed_c_assertion("ptz_parameter_item_array", "ptz_parameter_item_array_set", expression));
   EXPECT_EXIT(ptz_parameter_item_array_set_by_name(array.get(), "a", value, nullptr, 0, nullptr, 0),
               testing::KilledBySignal(SIGABRT),
-              failed_assertion("ptz_parameter_item_array", "ptz_parameter_item_array_set_by_name", expression));
+              failed_c_assertion("ptz_parameter_item_array", "ptz_parameter_item_array_set_by_name", expression));
 }
 
 // ---- an array given its own strings and items
