@@ -20,7 +20,8 @@ using namespace ptz_test;
 namespace {
 
 constexpr std::size_t operations_max = 16;
-// A lying count is believed up to the size of the body: with large ones all the time would go into long lists.
+// A lying count is believed up to the larger of these: with large bodies all the time would go into long lists.
+constexpr guint32 elements_without_bytes_max = 1024;
 constexpr std::size_t body_max = 600;
 constexpr guint blob_excess_max = 64 * 1024;
 
@@ -316,7 +317,9 @@ class Body {
     g_array_set_size(written_.get(), 0);
   }
 
-  guint32 elements_at(guint32 start) const { return std::min(number_at(array_, start, 4), array_->len); }
+  guint32 elements_at(guint32 start) const {
+    return std::min(number_at(array_, start, 4), std::max(array_->len, elements_without_bytes_max));
+  }
 
   void read_list(PTZElementDeserializer reader, PTZElementSerializer writer, GDestroyNotify free_element) {
     const guint32 start = indx_;

@@ -14,12 +14,20 @@ constexpr char module_name[] = "ptz_serialize";
 // Bytes that a blob may claim beyond the end of the array: enough for any field, little enough for any peer's lie.
 constexpr guint32 missing_blob_bytes_max = 64 * 1024;
 
+// Elements that a count may claim where the array has fewer bytes: elements need not take any, so nothing else would
+// stop the lie of a peer.
+constexpr guint32 elements_without_bytes_max = 1024;
+
 guint32 saturated_sum(guint32 left, guint32 right) { return left + std::min(right, G_MAXUINT32 - left); }
 
 guint32 bytes_left(const GArray *array, guint32 indx) { return array->len > indx ? array->len - indx : 0; }
 
 // In 64 bits: a cursor near 2^32 must not pass by wrapping round.
 bool holds(const GArray *array, guint32 indx, guint32 count) { return array->len >= guint64{indx} + count; }
+
+guint32 read_count(GArray *array, guint32 *indx) {
+  return std::min(ptz_deserialize_32bit(array, indx), std::max(array->len, elements_without_bytes_max));
+}
 
 guint8 *byte_at(const GArray *array, guint32 indx) { return reinterpret_cast<guint8 *>(array->data) + indx; }
 
@@ -145,8 +153,7 @@ GList *ptz_deserialize_glist(GArray *array, guint32 *indx, PTZElementDeserialize
   assert_in(module_name, array != NULL);
   assert_in(module_name, indx != NULL);
   assert_in(module_name, deserializer != NULL);
-  // A count is the word of a peer: elements need not take bytes, so nothing else would stop a false one.
-  const guint32 count = std::min(ptz_deserialize_32bit(array, indx), array->len);
+  const guint32 count = read_count(array, indx);
   GList *list = nullptr;
   for (guint32 i = 0; i < count; ++i) list = g_list_prepend(list, deserializer(array, indx));
   return g_list_reverse(list);
@@ -158,7 +165,7 @@ GHashTable *ptz_deserialize_ghashtable(GArray *array, guint32 *indx, GHashTable 
   assert_in(module_name, indx != NULL);
   assert_in(module_name, table != NULL);
   assert_in(module_name, deserializer != NULL);
-  const guint32 count = std::min(ptz_deserialize_32bit(array, indx), array->len);
+  const guint32 count = read_count(array, indx);
   for (guint32 i = 0; i < count; ++i) {
     PTZSerializePair *pair = deserializer(array, indx);
     if (pair == nullptr) continue;
