@@ -2,10 +2,11 @@
 #include <ptz_g_dbus_error.h>
 #include <ptz_legacy_config_dynamic.h>
 
+#include <algorithm>
 #include <cstdio>
-#include <cstdlib>
-#include <optional>
+#include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "commands.h"
@@ -36,15 +37,28 @@ std::string object_path_of(const std::string &service) {
   return path;
 }
 
-bool is_service(const std::string &service) {
+bool is_service(const Options &options, const std::string &service) {
   if (g_dbus_is_name(bus_name_of(service).c_str()) && g_variant_is_object_path(object_path_of(service).c_str())) {
     return true;
   }
-  complain("'%s' is no name of a service, such as 'sim' for com.velk.PTZ.sim", service.c_str());
+  options.misused("'%s' is no name of a service, such as 'sim' for com.velk.PTZ.sim", service.c_str());
   return false;
 }
 
-void complain_of(const std::string &service, const ptz::Error &error) {
+// Whether an answer is missing, and not a refusal.
+bool is_silence(const GError *error) {
+  constexpr gint bus_codes[] = {G_DBUS_ERROR_SERVICE_UNKNOWN, G_DBUS_ERROR_NAME_HAS_NO_OWNER,
+                                G_DBUS_ERROR_NO_REPLY,        G_DBUS_ERROR_TIMEOUT,
+                                G_DBUS_ERROR_TIMED_OUT,       G_DBUS_ERROR_DISCONNECTED};
+  constexpr gint io_codes[] = {G_IO_ERROR_TIMED_OUT, G_IO_ERROR_CLOSED, G_IO_ERROR_NOT_FOUND};
+  const auto is_one_of = [error](std::span<const gint> codes) {
+    return std::ranges::find(codes, error->code) != codes.end();
+  };
+  return error->domain == G_DBUS_ERROR ? is_one_of(bus_codes) : error->domain == G_IO_ERROR && is_one_of(io_codes);
+}
+
+// The exit status for it.
+int complain_of(const std::string &service, const ptz::Error &error) {
   const gint code = ptz_g_dbus_error_get_remote_error_code(error.get());
   g_dbus_error_strip_remote_error(error.get());
   if (code < 0) {
@@ -52,6 +66,7 @@ void complain_of(const std::string &service, const ptz::Error &error) {
   } else {
     complain("%s: %s (code %d)", service.c_str(), error->message, code);
   }
+  return is_silence(error.get()) ? exit_nobody : EXIT_FAILURE;
 }
 
 Connection connect() {
@@ -65,19 +80,67 @@ Connection connect() {
   return connection;
 }
 
-// None where the user was told why.
-Proxy connect_to(const std::string &service) {
-  if (!is_service(service)) return nullptr;
+// A command line that begins with a service, and perhaps the index of a set; and the service.
+class ServiceCommand : public Options {
+  Words given_;
+  gint index_ = -1;
+  Proxy proxy_;
+  int status_ = exit_usage;
+
+  [[nodiscard]] bool parse_words(int argc, char **argv, bool has_index);
+
+ public:
+  ServiceCommand(const std::string &words, const Manual &manual) : Options(words, manual, Asks::service) {}
+  // False where the user was told why; status() is for that.
+  [[nodiscard]] bool connect_to_service(int argc, char **argv, bool has_index = false);
+  [[nodiscard]] const Words &given() const { return given_; }
+  [[nodiscard]] gint index() const { return index_; }
+  [[nodiscard]] Legacy *proxy() const { return proxy_.get(); }
+  [[nodiscard]] int status() const { return status_; }
+  // Whether a call was answered; the user is told where it was not.
+  bool answered(bool success, const ptz::Error &error);
+  // The entry's value; none where the user was told why.
+  [[nodiscard]] Variant entry(const std::string &name);
+};
+
+bool ServiceCommand::parse_words(int argc, char **argv, bool has_index) {
+  auto given = parse(argc, argv);
+  if (!given || !is_service(*this, given->front())) return false;
+  given_ = std::move(*given);
+  if (!has_index || given_.size() < 2) return true;
+  const auto index = number(given_[1], "index of a set", G_MININT32, G_MAXINT32);
+  index_ = static_cast<gint>(index.value_or(-1));
+  return index.has_value();
+}
+
+bool ServiceCommand::connect_to_service(int argc, char **argv, bool has_index) {
+  if (!parse_words(argc, argv, has_index)) return false;
   const Connection connection = connect();
-  if (connection == nullptr) return nullptr;
+  status_ = exit_nobody;
+  if (connection == nullptr) return false;
   constexpr auto only_calls = static_cast<GDBusProxyFlags>(G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES |
                                                            G_DBUS_PROXY_FLAGS_DO_NOT_CONNECT_SIGNALS);
   ptz::Error error;
-  Proxy proxy(ptz_legacy_config_dynamic_configuration_legacy_proxy_new_sync(
+  const std::string &service = given_.front();
+  proxy_.reset(ptz_legacy_config_dynamic_configuration_legacy_proxy_new_sync(
       connection.get(), only_calls, bus_name_of(service).c_str(), object_path_of(service).c_str(), nullptr,
       ptz::out(error)));
-  if (proxy == nullptr) complain_of(service, error);
-  return proxy;
+  if (!answered(proxy_ != nullptr, error)) return false;
+  g_dbus_proxy_set_default_timeout(G_DBUS_PROXY(proxy_.get()), static_cast<gint>(timeout_ms()));
+  return true;
+}
+
+bool ServiceCommand::answered(bool success, const ptz::Error &error) {
+  status_ = success ? EXIT_SUCCESS : complain_of(given_.front(), error);
+  return success;
+}
+
+Variant ServiceCommand::entry(const std::string &name) {
+  Variant boxed;
+  ptz::Error error;
+  const bool success = ptz_legacy_config_dynamic_configuration_legacy_call_get_configuration_entry_sync(
+      proxy(), index(), name.c_str(), ptz::out(boxed), nullptr, ptz::out(error));
+  return answered(success, error) ? Variant(g_variant_get_variant(boxed.get())) : nullptr;
 }
 
 // --- values
@@ -100,8 +163,7 @@ void add_json(const JsonLine &json, const char *name, GVariant *value) {
   if (const char *text = text_in(value)) {
     json.member(name, text);
   } else {
-    json_builder_set_member_name(json.get(), name);
-    json_builder_add_value(json.get(), json_gvariant_serialize(value));
+    json.member(name, json_gvariant_serialize(value));
   }
 }
 
@@ -120,35 +182,11 @@ Variant parse_value(const std::string &text, GVariant *current) {
 // --- calls
 // ------------------------------------------------------------------------------------------------------------
 
-constexpr GOptionEntry no_options[] = {{}};
-
-// The words behind the options, as many as are needed at least; nothing where the user was told what is wrong.
-std::optional<std::vector<std::string>> parse_words(Options &options, const std::string &words, int argc, char **argv,
-                                                    std::size_t least, std::size_t most) {
-  auto given = options.parse(argc, argv, most);
-  if (given && given->size() < least) {
-    complain("something is missing; see %s --help", words.c_str());
-    return std::nullopt;
-  }
-  return given;
-}
-
-std::optional<gint> parse_index(const std::string &text) {
-  const auto index = parse_number(text, "index of a set", G_MININT32, G_MAXINT32);
-  return index ? std::optional(static_cast<gint>(*index)) : std::nullopt;
-}
-
-int answered(bool success, const std::string &service, const ptz::Error &error) {
-  if (!success) complain_of(service, error);
-  return success ? EXIT_SUCCESS : EXIT_FAILURE;
-}
-
 void print_set(gint index, GVariant *entries, bool as_json) {
   GVariantIter iterator;
   const char *name = nullptr;
   GVariant *value = nullptr;
   const JsonLine json;
-  json_builder_begin_object(json.get());
   json.member("index", gint64{index});
   json.begin_object("entries");
   g_variant_iter_init(&iterator, entries);
@@ -160,118 +198,111 @@ void print_set(gint index, GVariant *entries, bool as_json) {
       std::printf("%6d  %-20s %s\n", index, name, printed(value).c_str());
     }
   }
-  json_builder_end_object(json.get());
-  json_builder_end_object(json.get());
+  json.end_object();
   if (as_json) json.print();
 }
 
+void print_index(gint index) {
+  const JsonLine json;
+  json.member("index", gint64{index});
+  json.print();
+}
+
+void print_entry(gint index, const std::string &name, GVariant *value) {
+  const JsonLine json;
+  json.member("index", gint64{index});
+  json.member("entry", name);
+  add_json(json, "value", value);
+  json.print();
+}
+
 int run_list(const std::string &words, int argc, char **argv) {
-  gboolean as_json = FALSE;
-  const GOptionEntry entries[] = {
-      {"json", 'j', G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, &as_json, "One object a line", nullptr}, {}};
-  Options options(words, "SERVICE", "Shows every entry of every set.", entries);
-  const auto given = parse_words(options, words, argc, argv, 1, 1);
-  if (!given) return exit_usage;
-  const Proxy proxy = connect_to(given->front());
-  if (proxy == nullptr) return EXIT_FAILURE;
+  ServiceCommand command(words, {"SERVICE", "Shows every entry of every set.", " sim"});
+  if (!command.connect_to_service(argc, argv)) return command.status();
   Variant sets;
   ptz::Error error;
   const bool success = ptz_legacy_config_dynamic_configuration_legacy_call_get_configurations_sync(
-      proxy.get(), ptz::out(sets), nullptr, ptz::out(error));
-  if (!success) return answered(success, given->front(), error);
+      command.proxy(), ptz::out(sets), nullptr, ptz::out(error));
+  if (!command.answered(success, error)) return command.status();
   GVariantIter iterator;
   gint index = 0;
   GVariant *set = nullptr;
   g_variant_iter_init(&iterator, sets.get());
-  while (g_variant_iter_next(&iterator, "{i@a{sv}}", &index, &set)) print_set(index, Variant(set).get(), as_json);
+  while (g_variant_iter_next(&iterator, "{i@a{sv}}", &index, &set)) {
+    print_set(index, Variant(set).get(), command.as_json());
+  }
   return EXIT_SUCCESS;
 }
 
-// The entry's value; none where the user was told why.
-Variant get_entry(Legacy *proxy, const std::string &service, gint index, const std::string &entry) {
-  Variant boxed;
-  ptz::Error error;
-  if (!ptz_legacy_config_dynamic_configuration_legacy_call_get_configuration_entry_sync(
-          proxy, index, entry.c_str(), ptz::out(boxed), nullptr, ptz::out(error))) {
-    complain_of(service, error);
-    return nullptr;
-  }
-  return Variant(g_variant_get_variant(boxed.get()));
-}
-
 int run_get(const std::string &words, int argc, char **argv) {
-  Options options(words, "SERVICE INDEX ENTRY", "Shows the value of an entry.", no_options);
-  const auto given = parse_words(options, words, argc, argv, 3, 3);
-  const auto index = given ? parse_index((*given)[1]) : std::nullopt;
-  if (!index) return exit_usage;
-  const Proxy proxy = connect_to((*given)[0]);
-  const Variant value = proxy != nullptr ? get_entry(proxy.get(), (*given)[0], *index, (*given)[2]) : nullptr;
-  if (value == nullptr) return EXIT_FAILURE;
-  std::printf("%s\n", printed(value.get()).c_str());
+  ServiceCommand command(words, {"SERVICE INDEX ENTRY", "Shows the value of an entry.", " sim 1 Name"});
+  if (!command.connect_to_service(argc, argv, true)) return command.status();
+  const std::string &name = command.given()[2];
+  const Variant value = command.entry(name);
+  if (value == nullptr) return command.status();
+  if (command.as_json()) {
+    print_entry(command.index(), name, value.get());
+  } else {
+    std::printf("%s\n", printed(value.get()).c_str());
+  }
   return EXIT_SUCCESS;
 }
 
 int run_set(const std::string &words, int argc, char **argv) {
-  Options options(words, "SERVICE INDEX ENTRY VALUE",
-                  "Sets an entry, in the type that it has: a text as it stands, a number, true or false, or what else\n"
-                  "GVariant writes.",
-                  no_options);
-  options.take_dashes_as_words();  // -300 is a value
-  const auto given = parse_words(options, words, argc, argv, 4, 4);
-  const auto index = given ? parse_index((*given)[1]) : std::nullopt;
-  if (!index) return exit_usage;
-  const std::string &service = (*given)[0], &entry = (*given)[2];
-  const Proxy proxy = connect_to(service);
-  const Variant current = proxy != nullptr ? get_entry(proxy.get(), service, *index, entry) : nullptr;
-  const Variant value = current != nullptr ? parse_value((*given)[3], current.get()) : nullptr;
+  ServiceCommand command(words, {"SERVICE INDEX ENTRY VALUE",
+                                 "Sets an entry, in the type that it has: a text as it stands, a number, true or "
+                                 "false, or what else\nGVariant writes. What begins with a dash and is no number "
+                                 "stands behind a word --.",
+                                 " sim 1 Tilt -300"});
+  if (!command.connect_to_service(argc, argv, true)) return command.status();
+  const std::string &name = command.given()[2];
+  const Variant current = command.entry(name);
+  if (current == nullptr) return command.status();
+  const Variant value = parse_value(command.given()[3], current.get());
   if (value == nullptr) return EXIT_FAILURE;
   ptz::Error error;
   const bool success = ptz_legacy_config_dynamic_configuration_legacy_call_set_configuration_entry_sync(
-      proxy.get(), *index, entry.c_str(), g_variant_new_variant(value.get()), nullptr, ptz::out(error));
-  return answered(success, service, error);
+      command.proxy(), command.index(), name.c_str(), g_variant_new_variant(value.get()), nullptr, ptz::out(error));
+  if (command.answered(success, error) && command.as_json()) print_entry(command.index(), name, value.get());
+  return command.status();
 }
 
 int run_add(const std::string &words, int argc, char **argv) {
-  Options options(words, "SERVICE [INDEX]",
-                  "Makes a set and shows its index. Without one, the service is asked for any (-1).", no_options);
-  options.take_dashes_as_words();
-  const auto given = parse_words(options, words, argc, argv, 1, 2);
-  const auto index = given ? parse_index(given->size() > 1 ? (*given)[1] : "-1") : std::nullopt;
-  if (!index) return exit_usage;
-  const Proxy proxy = connect_to(given->front());
-  if (proxy == nullptr) return EXIT_FAILURE;
+  ServiceCommand command(
+      words, {"SERVICE [INDEX]", "Makes a set and shows its index. Without one, the service is asked for any (-1).",
+              " sim 9"});
+  if (!command.connect_to_service(argc, argv, true)) return command.status();
   gint made = 0;
   ptz::Error error;
   const bool success = ptz_legacy_config_dynamic_configuration_legacy_call_add_configuration_sync(
-      proxy.get(), *index, &made, nullptr, ptz::out(error));
-  if (success) std::printf("%d\n", made);
-  return answered(success, given->front(), error);
+      command.proxy(), command.index(), &made, nullptr, ptz::out(error));
+  if (!command.answered(success, error)) return command.status();
+  if (command.as_json()) {
+    print_index(made);
+  } else {
+    std::printf("%d\n", made);
+  }
+  return EXIT_SUCCESS;
 }
 
 int run_remove(const std::string &words, int argc, char **argv) {
-  Options options(words, "SERVICE INDEX", "Removes a set.", no_options);
-  options.take_dashes_as_words();
-  const auto given = parse_words(options, words, argc, argv, 2, 2);
-  const auto index = given ? parse_index((*given)[1]) : std::nullopt;
-  if (!index) return exit_usage;
-  const Proxy proxy = connect_to(given->front());
-  if (proxy == nullptr) return EXIT_FAILURE;
+  ServiceCommand command(words, {"SERVICE INDEX", "Removes a set.", " sim 9"});
+  if (!command.connect_to_service(argc, argv, true)) return command.status();
   ptz::Error error;
   const bool success = ptz_legacy_config_dynamic_configuration_legacy_call_remove_configuration_sync(
-      proxy.get(), *index, nullptr, ptz::out(error));
-  return answered(success, given->front(), error);
+      command.proxy(), command.index(), nullptr, ptz::out(error));
+  if (command.answered(success, error) && command.as_json()) print_index(command.index());
+  return command.status();
 }
 
 int run_sync(const std::string &words, int argc, char **argv) {
-  Options options(words, "SERVICE", "Makes earlier changes lasting.", no_options);
-  const auto given = parse_words(options, words, argc, argv, 1, 1);
-  if (!given) return exit_usage;
-  const Proxy proxy = connect_to(given->front());
-  if (proxy == nullptr) return EXIT_FAILURE;
+  ServiceCommand command(words, {"SERVICE", "Makes earlier changes lasting.", " sim"});
+  if (!command.connect_to_service(argc, argv)) return command.status();
   ptz::Error error;
   const bool success =
-      ptz_legacy_config_dynamic_configuration_legacy_call_sync_sync(proxy.get(), nullptr, ptz::out(error));
-  return answered(success, given->front(), error);
+      ptz_legacy_config_dynamic_configuration_legacy_call_sync_sync(command.proxy(), nullptr, ptz::out(error));
+  if (command.answered(success, error) && command.as_json()) JsonLine().print();
+  return command.status();
 }
 
 // --- watching
@@ -306,12 +337,10 @@ void on_properties(GDBusConnection *, const gchar *, const gchar *path, const gc
     if (watch->done) continue;
     if (watch->as_json) {
       const JsonLine json;
-      json_builder_begin_object(json.get());
       json.member("signal", "PropertiesChanged");
       json.member("path", path);
       json.member("entry", name);
       add_json(json, "value", value);
-      json_builder_end_object(json.get());
       json.print();
     } else {
       std::printf("%s  %s = %s\n", path, name, printed(value).c_str());
@@ -356,7 +385,6 @@ void on_event(GDBusConnection *, const gchar *, const gchar *path, const gchar *
   if (watch->done) return;
   if (watch->as_json) {
     const JsonLine json;
-    json_builder_begin_object(json.get());
     json.member("signal", signal);
     json.member("path", path);
     json.member("event", event);
@@ -366,10 +394,9 @@ void on_event(GDBusConnection *, const gchar *, const gchar *path, const gchar *
       json.member("key", key);
       json.member("kind", gint64{kind});
       json.begin_object("changes");
-      for (const Pair &pair : pairs_in(changes)) json.member(pair.key.c_str(), pair.value.c_str());
-      json_builder_end_object(json.get());
+      for (const Pair &pair : pairs_in(changes)) json.member(pair.key.c_str(), pair.value);
+      json.end_object();
     }
-    json_builder_end_object(json.get());
     json.print();
   } else {
     std::printf("%s  %s %s by %s", path, signal, event, owner);
@@ -389,24 +416,17 @@ void on_closed(GDBusConnection *, gboolean, GError *, gpointer user_data) {
 }
 
 int run_watch(const std::string &words, int argc, char **argv) {
-  gboolean as_json = FALSE;
   Watch watch;
-  const GOptionEntry entries[] = {
-      {"json", 'j', G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, &as_json, "One object a line", nullptr},
-      {"count", 'n', G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &watch.left, "End after so many lines", "N"},
-      {}};
-  Options options(words, "[SERVICE]", "Shows changes as they come: of one service, or of all.", entries);
-  const auto given = options.parse(argc, argv, 1);
-  if (!given) return exit_usage;
-  if (watch.left < 0) {
-    complain("there is no count of %d lines", watch.left);
-    return exit_usage;
-  }
-  watch.as_json = as_json != FALSE;
+  Options options(
+      words, {"[SERVICE]", "Shows changes as they come: of one service, or of all.", " sim --count 10"}, Asks::nobody,
+      {{"count", 'n', G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &watch.left, "End after so many lines; 0 is never", "N"}});
+  const auto given = options.parse(argc, argv);
+  if (!given || !options.is_within("--count", watch.left, 0, G_MAXINT)) return exit_usage;
+  watch.as_json = options.as_json();
   const std::string service = given->empty() ? "" : given->front();
-  if (!service.empty() && !is_service(service)) return exit_usage;
+  if (!service.empty() && !is_service(options, service)) return exit_usage;
   const Connection connection = connect();
-  if (connection == nullptr) return EXIT_FAILURE;
+  if (connection == nullptr) return exit_nobody;
 
   const std::string sender = bus_name_of(service), path = object_path_of(service);
   const char *only_sender = service.empty() ? nullptr : sender.c_str();
@@ -420,7 +440,7 @@ int run_watch(const std::string &words, int argc, char **argv) {
   g_main_loop_run(watch.loop.get());
   if (!watch.lost_bus) return EXIT_SUCCESS;
   complain("the system bus has gone");
-  return EXIT_FAILURE;
+  return exit_nobody;
 }
 
 }  // namespace
@@ -435,7 +455,7 @@ int run_config(const std::string &words, int argc, char **argv) {
       {"sync", "make changes lasting", run_sync},
       {"watch", "changes, as they come", run_watch},
   };
-  return run_one_of(subcommands, words, argc, argv);
+  return run_one_of(subcommands, "Example: ptzctl config list sim", words, argc, argv);
 }
 
 }  // namespace ptzctl

@@ -2,11 +2,11 @@
 #include <ptz_flag_types.h>
 #include <ptz_serialize.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <limits>
 #include <optional>
 #include <string>
@@ -22,8 +22,6 @@ namespace {
 
 using namespace example;
 
-constexpr char usual_socket[] = "/run/ptz/driver.socket";
-constexpr gint usual_timeout_ms = 10'000;
 constexpr guint watch_interval_us = 50'000;
 constexpr std::array<const char *, axis_count> axis_names = {"pan", "tilt", "zoom"};
 constexpr std::array<const char *, axis_count> axis_units = {"degrees", "degrees", "times"};
@@ -31,65 +29,24 @@ constexpr std::array<const char *, axis_count> axis_units = {"degrees", "degrees
 // The messages have hundredths; people have degrees, and magnifications.
 double shown(gint32 value) { return value / 100.0; }
 
-// The options that all have, and those of one.
-class DriverOptions {
-  char *socket_ = nullptr;
-  gint timeout_ms_ = usual_timeout_ms;
-  gboolean as_json_ = FALSE;
-  std::vector<GOptionEntry> entries_;
-
- public:
-  explicit DriverOptions(std::vector<GOptionEntry> further = {}) : entries_(std::move(further)) {
-    entries_.push_back({"socket", 's', G_OPTION_FLAG_NONE, G_OPTION_ARG_FILENAME, &socket_,
-                        "The driver's socket, by default /run/ptz/driver.socket", "PATH"});
-    entries_.push_back({"timeout", 't', G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &timeout_ms_,
-                        "How long to wait for an answer, by default 10000", "MS"});
-    entries_.push_back({"json", 'j', G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, &as_json_, "One object a line", nullptr});
-    entries_.push_back({});
-  }
-  DriverOptions(DriverOptions &&) = delete;
-  ~DriverOptions() { g_free(socket_); }
-  [[nodiscard]] const GOptionEntry *entries() const { return entries_.data(); }
-  [[nodiscard]] bool as_json() const { return as_json_ != FALSE; }
-  [[nodiscard]] std::optional<DriverConnection> connect() const {
-    if (timeout_ms_ > 0) return DriverConnection::open(socket_ != nullptr ? socket_ : usual_socket, timeout_ms_);
-    complain("the time to wait is at least 1 ms");
-    return std::nullopt;
-  }
-};
-
-// Prints one object, or lets the caller print lines.
-template <typename Members>
-void print_object(const Members &members) {
-  const JsonLine json;
-  json_builder_begin_object(json.get());
-  members(json);
-  json_builder_end_object(json.get());
-  json.print();
-}
-
 int run_info(const std::string &words, int argc, char **argv) {
-  DriverOptions chosen;
-  Options options(words, nullptr, "Shows the driver's name and the devices that it is for.", chosen.entries());
-  if (!options.parse(argc, argv, 0)) return exit_usage;
-  const auto driver = chosen.connect();
-  if (!driver) return EXIT_FAILURE;
-  const auto name = driver->query<Name>(PTZ_COMMAND_GET_DRIVER_NAME);
-  if (!name) return EXIT_FAILURE;
-  const auto types = driver->query<DeviceTypes>(PTZ_COMMAND_GET_DEVICE_TYPES);
-  if (!types) return EXIT_FAILURE;
-  if (!chosen.as_json()) {
-    std::printf("%s\n", name->text.c_str());
-    for (const auto &type : types->elements) std::printf("  for %s\n", type.text.c_str());
+  Options options(words, {"", "Shows the driver's name and the devices that it is for.", ""}, Asks::driver);
+  if (!options.parse(argc, argv)) return exit_usage;
+  DriverConnection driver(options);
+  const auto name = driver.query<Name>(PTZ_COMMAND_GET_DRIVER_NAME);
+  const auto types = name ? driver.query<DeviceTypes>(PTZ_COMMAND_GET_DEVICE_TYPES) : std::nullopt;
+  if (!types) return driver.status();
+  if (options.as_json()) {
+    const JsonLine json;
+    json.member("name", name->text);
+    json.begin_array("device_types");
+    for (const auto &type : types->elements) json.element(type.text);
+    json.end_array();
+    json.print();
     return EXIT_SUCCESS;
   }
-  print_object([&](const JsonLine &json) {
-    json.member("name", name->text.c_str());
-    json_builder_set_member_name(json.get(), "device_types");
-    json_builder_begin_array(json.get());
-    for (const auto &type : types->elements) json_builder_add_string_value(json.get(), type.text.c_str());
-    json_builder_end_array(json.get());
-  });
+  std::printf("%s\n", painted(Look::heading, name->text).c_str());
+  for (const auto &type : types->elements) std::printf("  for %s\n", type.text.c_str());
   return EXIT_SUCCESS;
 }
 
@@ -104,27 +61,25 @@ std::vector<const char *> names_of_bits(GType type, guint32 bits) {
 }
 
 int run_caps(const std::string &words, int argc, char **argv) {
-  DriverOptions chosen;
-  Options options(words, nullptr, "Shows what the driver says that it can do.", chosen.entries());
-  if (!options.parse(argc, argv, 0)) return exit_usage;
-  const auto driver = chosen.connect();
-  const auto caps = driver ? driver->query<Capabilities>(PTZ_COMMAND_GET_CAPABILITIES) : std::nullopt;
-  if (!caps) return EXIT_FAILURE;
+  Options options(words, {"", "Shows what the driver says that it can do.", " --json"}, Asks::driver);
+  if (!options.parse(argc, argv)) return exit_usage;
+  DriverConnection driver(options);
+  const auto caps = driver.query<Capabilities>(PTZ_COMMAND_GET_CAPABILITIES);
+  if (!caps) return driver.status();
   const struct {
     const char *title;
     guint32 bits;
     GType type;
   } rows[] = {{"move", caps->words.move, PTZ_TYPE_DRIVER_MOVE_CAPABILITIES},
               {"extra", caps->words.extra, PTZ_TYPE_DRIVER_EXTRA_CAPABILITIES}};
-  if (chosen.as_json()) {
-    print_object([&](const JsonLine &json) {
-      for (const auto &row : rows) {
-        json_builder_set_member_name(json.get(), row.title);
-        json_builder_begin_array(json.get());
-        for (const auto *name : names_of_bits(row.type, row.bits)) json_builder_add_string_value(json.get(), name);
-        json_builder_end_array(json.get());
-      }
-    });
+  if (options.as_json()) {
+    const JsonLine json;
+    for (const auto &row : rows) {
+      json.begin_array(row.title);
+      for (const auto *name : names_of_bits(row.type, row.bits)) json.element(name);
+      json.end_array();
+    }
+    json.print();
     return EXIT_SUCCESS;
   }
   for (const auto &row : rows) {
@@ -136,25 +91,23 @@ int run_caps(const std::string &words, int argc, char **argv) {
 }
 
 int run_limits(const std::string &words, int argc, char **argv) {
-  DriverOptions chosen;
-  Options options(words, nullptr, "Shows how far and how fast each axis goes, in degrees and magnifications.",
-                  chosen.entries());
-  if (!options.parse(argc, argv, 0)) return exit_usage;
-  const auto driver = chosen.connect();
-  const auto limits = driver ? driver->query<Limits>(PTZ_COMMAND_QUERY_LIMIT_RANGES) : std::nullopt;
-  if (!limits) return EXIT_FAILURE;
-  const auto speeds = driver->query<Speeds>(PTZ_COMMAND_QUERY_SPEED);
-  if (!speeds) return EXIT_FAILURE;
+  Options options(words, {"", "Shows how far and how fast each axis goes, in degrees and magnifications.", " --json"},
+                  Asks::driver);
+  if (!options.parse(argc, argv)) return exit_usage;
+  DriverConnection driver(options);
+  const auto limits = driver.query<Limits>(PTZ_COMMAND_QUERY_LIMIT_RANGES);
+  const auto speeds = limits ? driver.query<Speeds>(PTZ_COMMAND_QUERY_SPEED) : std::nullopt;
+  if (!speeds) return driver.status();
   for (std::size_t i = 0; i < axis_count; ++i) {
     const double least = shown(limits->minimum[i]), most = shown(limits->maximum[i]);
     const double fastest = shown(speeds->maximum[i]);
-    if (chosen.as_json()) {
-      print_object([&](const JsonLine &json) {
-        json.member("axis", axis_names[i]);
-        json.member("minimum", least);
-        json.member("maximum", most);
-        json.member("maximum_speed", fastest);
-      });
+    if (options.as_json()) {
+      const JsonLine json;
+      json.member("axis", axis_names[i]);
+      json.member("minimum", least);
+      json.member("maximum", most);
+      json.member("maximum_speed", fastest);
+      json.print();
     } else {
       std::printf("%-5s %10.2f to %10.2f %s, at most %.2f a second\n", axis_names[i], least, most, axis_units[i],
                   fastest);
@@ -163,49 +116,62 @@ int run_limits(const std::string &words, int argc, char **argv) {
   return EXIT_SUCCESS;
 }
 
-void print_positions(const Positions &positions, bool as_json) {
+// Where a head is that goes no further; nothing where it is not there, or does not tell its limits.
+const char *limit_reached(const std::optional<Limits> &limits, std::size_t axis, gint32 position) {
+  if (!limits || limits->minimum[axis] >= limits->maximum[axis]) return nullptr;
+  if (position <= limits->minimum[axis]) return "minimum";
+  return position >= limits->maximum[axis] ? "maximum" : nullptr;
+}
+
+void print_positions(DriverConnection &driver, const Positions &positions, bool as_json) {
+  const auto limits = driver.query_if_served<Limits>(PTZ_COMMAND_QUERY_LIMIT_RANGES);
   for (std::size_t i = 0; i < axis_count; ++i) {
-    const char *status = positions.status[i] == PTZ_MOVE_STATUS_MOVING ? "moving" : "idle";
+    const bool is_moving = positions.status[i] == PTZ_MOVE_STATUS_MOVING;
+    const char *const status = is_moving ? "moving" : "idle";
+    const char *const limit = limit_reached(limits, i, positions.position[i]);
     if (as_json) {
-      print_object([&](const JsonLine &json) {
-        json.member("axis", axis_names[i]);
-        json.member("position", shown(positions.position[i]));
-        json.member("status", status);
-      });
+      const JsonLine json;
+      json.member("axis", axis_names[i]);
+      json.member("position", shown(positions.position[i]));
+      json.member("status", status);
+      if (limit != nullptr) json.member("limit", limit);
+      json.print();
     } else {
-      std::printf("%-5s %10.2f %s, %s\n", axis_names[i], shown(positions.position[i]), axis_units[i], status);
+      const std::string at_limit = limit != nullptr ? ", " + painted(Look::bad, std::string("at its ") + limit) : "";
+      std::printf("%-5s %10.2f %s, %s%s\n", axis_names[i], shown(positions.position[i]), axis_units[i],
+                  painted(is_moving ? Look::notice : Look::good, status).c_str(), at_limit.c_str());
     }
   }
 }
 
 int run_position(const std::string &words, int argc, char **argv) {
-  DriverOptions chosen;
-  Options options(words, nullptr, "Shows where each axis is, and whether it moves.", chosen.entries());
-  if (!options.parse(argc, argv, 0)) return exit_usage;
-  const auto driver = chosen.connect();
-  const auto positions = driver ? driver->query<Positions>(PTZ_COMMAND_QUERY_POSITION) : std::nullopt;
-  if (!positions) return EXIT_FAILURE;
-  print_positions(*positions, chosen.as_json());
-  return EXIT_SUCCESS;
+  Options options(words, {"", "Shows where each axis is, whether it moves, and whether it is at a limit.", ""},
+                  Asks::driver);
+  if (!options.parse(argc, argv)) return exit_usage;
+  DriverConnection driver(options);
+  const auto positions = driver.query<Positions>(PTZ_COMMAND_QUERY_POSITION);
+  if (positions) print_positions(driver, *positions, options.as_json());
+  return driver.status();
 }
 
 // Sends a request that is answered by its command alone. With `wait` shows where the head is once it is idle.
-int obey(const DriverOptions &chosen, PTZCommand command, const Body &request, bool wait) {
+int obey(const Options &options, PTZCommand command, const Body &request, bool wait) {
   struct Nothing {
     static Nothing read(BodyReader &) { return {}; }
   };
-  const auto driver = chosen.connect();
-  if (!driver || !driver->query<Nothing>(command, request)) return EXIT_FAILURE;
-  while (wait) {
-    const auto positions = driver->query<Positions>(PTZ_COMMAND_QUERY_POSITION);
-    if (!positions) return EXIT_FAILURE;
+  DriverConnection driver(options);
+  const bool is_obeyed = driver.query<Nothing>(command, request).has_value();
+  if (is_obeyed && !wait && options.as_json()) JsonLine().print();
+  while (is_obeyed && wait) {
+    const auto positions = driver.query<Positions>(PTZ_COMMAND_QUERY_POSITION);
+    if (!positions) break;
     if (positions->idle()) {
-      print_positions(*positions, chosen.as_json());
+      print_positions(driver, *positions, options.as_json());
       break;
     }
     g_usleep(watch_interval_us);
   }
-  return EXIT_SUCCESS;
+  return driver.status();
 }
 
 // The value of an enumeration by its nick or its name, in any case.
@@ -218,6 +184,13 @@ std::optional<gint> value_of(GType type, const std::string &text) {
     }
   }
   return std::nullopt;
+}
+
+Words nicks_of(GType type) {
+  auto *const values = static_cast<GEnumClass *>(g_type_class_ref(type));
+  Words nicks;
+  for (guint i = 0; i < values->n_values; ++i) nicks.emplace_back(values->values[i].value_nick);
+  return nicks;
 }
 
 // NaN is where an axis was not named.
@@ -235,116 +208,97 @@ int run_move(const std::string &words, int argc, char **argv) {
   std::array<double, axis_count> values = {not_named, not_named, not_named};
   gint speed = full_speed;
   gboolean wait = FALSE;
-  DriverOptions chosen({
-      {"pan", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_DOUBLE, &values[pan], "To the right positive", "DEGREES"},
-      {"tilt", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_DOUBLE, &values[tilt], "Upwards positive", "DEGREES"},
-      {"zoom", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_DOUBLE, &values[zoom], "Magnification", "TIMES"},
-      {"speed", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &speed, "Of the axis's maximum, by default 100", "PER CENT"},
-      {"wait", 'w', G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, &wait, "Show where the head is once it is there", nullptr},
-  });
-  Options options(words, "KIND",
-                  "Moves the head: absolute, to a position; relative, by a distance; continuous, at a speed in degrees "
-                  "or\nmagnifications a second. Or runs it in a direction: up, down, left, right, up-left and so on, "
-                  "home, stop.\n\nExample: ptzctl driver move absolute --pan 90 --tilt=-10 --wait",
-                  chosen.entries());
-  const auto given = options.parse(argc, argv, 1);
-  if (!given) return exit_usage;
-  if (given->empty()) {
-    complain("a kind of move is needed; see %s --help", words.c_str());
-    return exit_usage;
-  }
-  if (speed < 1 || speed > full_speed) {
-    complain("the speed is 1 to %u per cent", full_speed);
-    return exit_usage;
-  }
+  Options options(
+      words,
+      {"KIND",
+       "Moves the head: absolute, to a position; relative, by a distance; continuous, at a speed in degrees or\n"
+       "magnifications a second. Or runs it in a direction: up, down, left, right, up-left and so on, home, stop.",
+       " absolute --pan 90 --tilt -10 --wait"},
+      Asks::driver,
+      {{"pan", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_DOUBLE, &values[pan], "To the right positive", "DEGREES"},
+       {"tilt", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_DOUBLE, &values[tilt], "Upwards positive", "DEGREES"},
+       {"zoom", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_DOUBLE, &values[zoom], "Magnification", "TIMES"},
+       {"speed", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &speed, "Of the axis's maximum, by default 100", "PERCENT"},
+       {"wait", 'w', G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, &wait, "Show where the head is once it is there",
+        nullptr}});
+  const auto given = options.parse(argc, argv);
+  if (!given || !options.is_within("--speed", speed, 1, full_speed)) return exit_usage;
   const std::string &kind = given->front();
   std::string spaced = kind;
-  for (char &c : spaced) c = c == '-' ? ' ' : c;
-  auto direction = value_of(PTZ_TYPE_MOVE_CMD, kind);
-  if (!direction) direction = value_of(PTZ_TYPE_MOVE_CMD, spaced);
-  if (direction) {
+  std::replace(spaced.begin(), spaced.end(), '-', ' ');
+  if (const auto direction = value_of(PTZ_TYPE_MOVE_CMD, spaced)) {
     const MoveCommandRequest run = {static_cast<guint32>(*direction), static_cast<guint16>(speed)};
-    return obey(chosen, PTZ_COMMAND_MOVE_COMMAND, make_body(PTZ_COMMAND_MOVE_COMMAND, run), wait != FALSE);
+    return obey(options, PTZ_COMMAND_MOVE_COMMAND, make_body(PTZ_COMMAND_MOVE_COMMAND, run), wait != FALSE);
   }
   const auto move_kind = value_of(PTZ_TYPE_MOVE, kind);
   if (!move_kind) {
-    complain("'%s' is no kind of move; see %s --help", kind.c_str(), words.c_str());
-    return exit_usage;
+    Words kinds = nicks_of(PTZ_TYPE_MOVE), directions = nicks_of(PTZ_TYPE_MOVE_CMD);
+    kinds.insert(kinds.end(), directions.begin(), directions.end());
+    return options.misused("'%s' is no kind of move%s", kind.c_str(), did_you_mean(kind, kinds).c_str());
   }
   MoveRequest move = {static_cast<guint32>(*move_kind), 0, static_cast<guint16>(speed), {}};
   for (std::size_t i = 0; i < axis_count; ++i) {
-    if (set_axis(move, AxisIndex(i), values[i])) continue;
-    complain("no head goes as far as %g", values[i]);
-    return exit_usage;
+    if (!set_axis(move, AxisIndex(i), values[i])) return options.misused("no head goes as far as %g", values[i]);
   }
-  if (move.axes == 0) {
-    complain("--pan, --tilt or --zoom is needed");
-    return exit_usage;
-  }
-  return obey(chosen, PTZ_COMMAND_MOVE, make_body(PTZ_COMMAND_MOVE, move), wait != FALSE);
+  if (move.axes == 0) return options.misused("%s takes --pan, --tilt or --zoom", kind.c_str());
+  return obey(options, PTZ_COMMAND_MOVE, make_body(PTZ_COMMAND_MOVE, move), wait != FALSE);
 }
 
 int run_stop(const std::string &words, int argc, char **argv) {
-  DriverOptions chosen;
-  Options options(words, nullptr, "Stops every axis.", chosen.entries());
-  if (!options.parse(argc, argv, 0)) return exit_usage;
-  return obey(chosen, PTZ_COMMAND_STOP, make_body(PTZ_COMMAND_STOP), false);
+  Options options(words, {"", "Stops every axis.", ""}, Asks::driver);
+  if (!options.parse(argc, argv)) return exit_usage;
+  return obey(options, PTZ_COMMAND_STOP, make_body(PTZ_COMMAND_STOP), false);
+}
+
+void print_preset(guint32 number, const std::string &name, bool as_json) {
+  if (!as_json) {
+    std::printf("%4u  %s\n", number, name.c_str());
+    return;
+  }
+  const JsonLine json;
+  json.member("number", gint64{number});
+  json.member("name", name);
+  json.print();
 }
 
 int run_preset_list(const std::string &words, int argc, char **argv) {
-  DriverOptions chosen;
-  Options options(words, nullptr, "Shows the presets that the driver keeps.", chosen.entries());
-  if (!options.parse(argc, argv, 0)) return exit_usage;
-  const auto driver = chosen.connect();
-  const auto presets = driver ? driver->query<PresetList>(PTZ_COMMAND_GET_DEVICE_PRESETS) : std::nullopt;
-  if (!presets) return EXIT_FAILURE;
-  for (const auto &preset : presets->elements) {
-    if (chosen.as_json()) {
-      print_object([&](const JsonLine &json) {
-        json.member("number", gint64{preset.number});
-        json.member("name", preset.name.c_str());
-      });
-    } else {
-      std::printf("%4u  %s\n", preset.number, preset.name.c_str());
-    }
-  }
+  Options options(words, {"", "Shows the presets that the driver keeps.", " --json"}, Asks::driver);
+  if (!options.parse(argc, argv)) return exit_usage;
+  DriverConnection driver(options);
+  const auto presets = driver.query<PresetList>(PTZ_COMMAND_GET_DEVICE_PRESETS);
+  if (!presets) return driver.status();
+  for (const auto &preset : presets->elements) print_preset(preset.number, preset.name, options.as_json());
   return EXIT_SUCCESS;
 }
 
 int run_preset_store(const std::string &words, int argc, char **argv) {
-  DriverOptions chosen;
-  Options options(words, "NUMBER NAME", "Keeps where the head is as a preset.", chosen.entries());
-  const auto given = options.parse(argc, argv, 2);
-  if (!given) return exit_usage;
-  if (given->size() < 2) {
-    complain("a number and a name are needed; see %s --help", words.c_str());
-    return exit_usage;
-  }
-  const auto number = parse_number(given->front(), "preset", 1, most_presets);
+  Options options(words, {"NUMBER NAME", "Keeps where the head is as a preset.", " 3 'the gate'"}, Asks::driver);
+  const auto given = options.parse(argc, argv);
+  const auto number = given ? options.number(given->front(), "preset", 1, most_presets) : std::nullopt;
   if (!number) return exit_usage;
-  const auto driver = chosen.connect();
+  DriverConnection driver(options);
   const Preset preset = {static_cast<guint32>(*number), given->back()};
-  const auto request = make_body(PTZ_COMMAND_SET_DEVICE_PRESET, preset);
-  return driver && driver->query<PresetNumber>(PTZ_COMMAND_SET_DEVICE_PRESET, request) ? EXIT_SUCCESS : EXIT_FAILURE;
+  const auto stored =
+      driver.query<PresetNumber>(PTZ_COMMAND_SET_DEVICE_PRESET, make_body(PTZ_COMMAND_SET_DEVICE_PRESET, preset));
+  if (stored && options.as_json()) print_preset(preset.number, preset.name, true);
+  return driver.status();
 }
 
 int run_preset_goto(const std::string &words, int argc, char **argv) {
   gint speed = full_speed;
   gboolean wait = FALSE;
-  DriverOptions chosen({
-      {"speed", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &speed, "Of each axis's maximum, by default 100", "PER CENT"},
-      {"wait", 'w', G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, &wait, "Show where the head is once it is there", nullptr},
-  });
-  Options options(words, "NUMBER", "Moves the head to a preset.", chosen.entries());
-  const auto given = options.parse(argc, argv, 1);
-  if (!given) return exit_usage;
-  const auto number = given->empty() ? std::nullopt : parse_number(given->front(), "preset", 1, most_presets);
-  if (!number || speed < 1 || speed > full_speed) {
-    complain("a preset and a speed of 1 to %u per cent are needed; see %s --help", full_speed, words.c_str());
-    return exit_usage;
-  }
+  Options options(
+      words, {"NUMBER", "Moves the head to a preset.", " 3 --speed 50 --wait"}, Asks::driver,
+      {{"speed", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &speed, "Of each axis's maximum, by default 100", "PERCENT"},
+       {"wait", 'w', G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, &wait, "Show where the head is once it is there",
+        nullptr}});
+  const auto given = options.parse(argc, argv);
+  if (!given || !options.is_within("--speed", speed, 1, full_speed)) return exit_usage;
+  const auto number = options.number(given->front(), "preset", 1, most_presets);
+  if (!number) return exit_usage;
   const GotoPresetRequest wanted = {static_cast<guint32>(*number), static_cast<guint16>(speed)};
-  return obey(chosen, PTZ_COMMAND_GOTO_DEVICE_PRESET, make_body(PTZ_COMMAND_GOTO_DEVICE_PRESET, wanted), wait != FALSE);
+  return obey(options, PTZ_COMMAND_GOTO_DEVICE_PRESET, make_body(PTZ_COMMAND_GOTO_DEVICE_PRESET, wanted),
+              wait != FALSE);
 }
 
 int run_presets(const std::string &words, int argc, char **argv) {
@@ -353,7 +307,7 @@ int run_presets(const std::string &words, int argc, char **argv) {
       {"list", "what the driver keeps", run_preset_list},
       {"store", "keep where the head is", run_preset_store},
   };
-  return run_one_of(subcommands, words, argc, argv);
+  return run_one_of(subcommands, "Example: ptzctl driver presets list", words, argc, argv);
 }
 
 // ---- send: any body, for whoever looks for what a driver makes of it
@@ -361,8 +315,7 @@ int run_presets(const std::string &words, int argc, char **argv) {
 constexpr char field_help[] =
     "Sends a body of the given fields and shows the reply's bytes.\n\n"
     "A field is u8:N, u16:N, u32:N, i32:N, text:TEXT (with its length before it), hex:BYTES, or command:NAME. With "
-    "--reply\nthe reply is shown field by field, for example as u32,i32,text.\n\n"
-    "Example: ptzctl driver send \"command:Get driver name\" --reply u32,text";
+    "--reply\nthe reply is shown field by field, for example as u32,i32,text.";
 
 // False for what is no field.
 bool add_field(GArray *body, const std::string &field) {
@@ -414,81 +367,101 @@ bool add_field(GArray *body, const std::string &field) {
   return number.has_value();
 }
 
-// The field as text; nothing for a type that there is not.
-std::optional<std::string> read_field(BodyReader &reader, std::string_view type) {
-  if (type == "u8") return std::to_string(reader.u8());
-  if (type == "u16") return std::to_string(reader.u16());
-  if (type == "u32") return std::to_string(reader.u32());
-  if (type == "i32") return std::to_string(reader.i32());
-  if (type == "text") return reader.text();
-  return std::nullopt;
-}
+constexpr std::array<std::string_view, 5> field_types = {"u8", "u16", "u32", "i32", "text"};
 
-int print_fields(const Body &reply, const std::string &types) {
-  BodyReader reader(reply.get());
-  const ptz::TextList list(g_strsplit(types.c_str(), ",", -1));
-  for (gchar **type = list.get(); *type != nullptr; ++type) {
-    const auto text = read_field(reader, *type);
-    if (!text) {
-      complain("'%s' is no type of a field", *type);
-      return exit_usage;
+struct Field {
+  std::string type, text;
+  gint64 number = 0;
+
+  Field(const char *of, BodyReader &reader) : type(of) {
+    if (type == "text") {
+      text = reader.text();
+      return;
     }
-    if (reader.failed()) {
-      complain("the reply has no further %s: %s", *type, in_hex(reply).c_str());
-      return EXIT_FAILURE;
-    }
-    std::printf("%-5s %s\n", *type, text->c_str());
+    if (type == "u8") number = reader.u8();
+    if (type == "u16") number = reader.u16();
+    if (type == "u32") number = reader.u32();
+    if (type == "i32") number = reader.i32();
+    text = std::to_string(number);
   }
-  if (reader.finished()) return EXIT_SUCCESS;
-  complain("the reply has more than that: %s", in_hex(reply).c_str());
-  return EXIT_FAILURE;
+};
+
+void print_reply(const Body &reply, const std::vector<Field> &fields, bool as_json) {
+  if (!as_json) {
+    for (const auto &field : fields) std::printf("%-5s %s\n", field.type.c_str(), field.text.c_str());
+    if (fields.empty()) std::printf("%s\n", in_hex(reply).c_str());
+    return;
+  }
+  const JsonLine json;
+  json.member("reply", in_hex(reply));
+  if (!fields.empty()) json.begin_array("fields");
+  for (const auto &field : fields) {
+    json.begin_object();
+    json.member("type", field.type);
+    field.type == "text" ? json.member("value", field.text) : json.member("value", field.number);
+    json.end_object();
+  }
+  if (!fields.empty()) json.end_array();
+  json.print();
 }
 
 int run_send(const std::string &words, int argc, char **argv) {
-  char *types = nullptr;
-  DriverOptions chosen(
-      {{"reply", 'r', G_OPTION_FLAG_NONE, G_OPTION_ARG_STRING, &types, "How to read the reply", "TYPE,TYPE..."}});
-  Options options(words, "FIELD...", field_help, chosen.entries());
-  const auto given = options.parse(argc, argv, G_MAXINT);
-  const ptz::Text owned(types);
+  char *type_list = nullptr;
+  Options options(
+      words, {"FIELD...", field_help, " \"command:Get driver name\" --reply u32,text"}, Asks::driver,
+      {{"reply", 'r', G_OPTION_FLAG_NONE, G_OPTION_ARG_STRING, &type_list, "How to read the reply", "TYPE,TYPE..."}});
+  const auto given = options.parse(argc, argv);
+  const ptz::Text owned(type_list);
   if (!given) return exit_usage;
+  const ptz::TextList types(g_strsplit(type_list != nullptr ? type_list : "", ",", -1));
+  for (gchar **type = types.get(); *type != nullptr; ++type) {
+    if (std::find(field_types.begin(), field_types.end(), *type) != field_types.end()) continue;
+    return options.misused("--reply: '%s' is no type of a field", *type);
+  }
   const Body request(ptz_serialize_create_array());
   for (const auto &field : *given) {
-    if (add_field(request.get(), field)) continue;
-    complain("'%s' is no field; see %s --help", field.c_str(), words.c_str());
-    return exit_usage;
+    if (!add_field(request.get(), field)) return options.misused("'%s' is no field", field.c_str());
   }
   if (request->len == 0 || request->len > PTZ_SOCKET_BODY_MAX) {
-    complain("a body has 1 to %d bytes", PTZ_SOCKET_BODY_MAX);
-    return exit_usage;
+    return options.misused("a body has 1 to %d bytes, and not %u", PTZ_SOCKET_BODY_MAX, request->len);
   }
-  const auto driver = chosen.connect();
-  const Body reply = driver ? driver->ask(request) : nullptr;
-  if (reply == nullptr) return EXIT_FAILURE;
-  if (types != nullptr) return print_fields(reply, types);
-  if (chosen.as_json()) {
-    print_object([&](const JsonLine &json) { json.member("reply", in_hex(reply).c_str()); });
-  } else {
-    std::printf("%s\n", in_hex(reply).c_str());
+  DriverConnection driver(options);
+  const Body reply = driver.ask(request);
+  if (reply == nullptr) return driver.status();
+  BodyReader reader(reply.get());
+  std::vector<Field> fields;
+  int status = EXIT_SUCCESS;
+  for (gchar **type = types.get(); *type != nullptr && status == EXIT_SUCCESS; ++type) {
+    const Field field(*type, reader);
+    if (!reader.failed()) {
+      fields.push_back(field);
+      continue;
+    }
+    complain("the reply has no further %s: %s", *type, in_hex(reply).c_str());
+    status = EXIT_FAILURE;
   }
-  return EXIT_SUCCESS;
+  if (!fields.empty() && status == EXIT_SUCCESS && !reader.finished()) {
+    complain("the reply has more than that: %s", in_hex(reply).c_str());
+    status = EXIT_FAILURE;
+  }
+  if (status == EXIT_SUCCESS || !fields.empty()) print_reply(reply, fields, options.as_json());
+  return status;
 }
 
 int run_params(const std::string &words, int argc, char **argv) {
-  DriverOptions chosen;
-  Options options(words, nullptr, "Shows the driver's parameters.", chosen.entries());
-  if (!options.parse(argc, argv, 0)) return exit_usage;
-  const auto driver = chosen.connect();
-  const auto parameters = driver ? driver->query<ParameterList>(PTZ_COMMAND_GET_DRIVER_PARAMETERS) : std::nullopt;
-  if (!parameters) return EXIT_FAILURE;
+  Options options(words, {"", "Shows the driver's parameters.", " --json"}, Asks::driver);
+  if (!options.parse(argc, argv)) return exit_usage;
+  DriverConnection driver(options);
+  const auto parameters = driver.query<ParameterList>(PTZ_COMMAND_GET_DRIVER_PARAMETERS);
+  if (!parameters) return driver.status();
   for (const auto &each : parameters->elements) {
-    if (chosen.as_json()) {
-      print_object([&](const JsonLine &json) {
-        json.member("name", each.name.c_str());
-        json.member("label", each.label.c_str());
-        json.member("value", each.value.c_str());
-        json.member("range", each.range.c_str());
-      });
+    if (options.as_json()) {
+      const JsonLine json;
+      json.member("name", each.name);
+      json.member("label", each.label);
+      json.member("value", each.value);
+      json.member("range", each.range);
+      json.print();
     } else {
       std::printf("%-20s %-12s %-12s %s\n", each.name.c_str(), each.value.c_str(), each.range.c_str(),
                   each.label.c_str());
@@ -511,7 +484,7 @@ int run_driver(const std::string &words, int argc, char **argv) {
       {"send", "any request, field by field", run_send},
       {"stop", "stop every axis", run_stop},
   };
-  return run_one_of(subcommands, words, argc, argv);
+  return run_one_of(subcommands, "Example: ptzctl driver info --socket /run/ptz/sim-driver/socket", words, argc, argv);
 }
 
 }  // namespace ptzctl

@@ -4,10 +4,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include <cstring>
-#include <utility>
-
-#include "subcommand.h"
+#include <cerrno>
 
 namespace ptzctl {
 
@@ -36,35 +33,28 @@ gboolean on_timeout(gpointer loop) {
 
 }  // namespace
 
-DriverConnection::DriverConnection(std::string path, guint timeout_ms, Descriptor descriptor)
-    : path_(std::move(path)),
-      timeout_ms_(timeout_ms),
-      descriptor_(std::move(descriptor)),
-      client_(ptz_socket_client_command_new(nullptr, descriptor_.get(), SOCK_STREAM)) {
-  ptz_socket_client_register_callback(PTZ_SOCKET_CLIENT(client_.get()), on_reply, nullptr);
-}
-
 // A client that is given the path would remove the file of a driver that starts in this moment.
-std::optional<DriverConnection> DriverConnection::open(const std::string &path, guint timeout_ms) {
+bool DriverConnection::connect() {
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof address.sun_path) {
-    complain("the path of a socket has at most %zu bytes", sizeof address.sun_path - 1);
-    return std::nullopt;
+  path_.copy(address.sun_path, sizeof address.sun_path - 1);  // the options make sure that it fits
+  descriptor_.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (!descriptor_ || ::connect(descriptor_.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {
+    complain("no driver at %s: %s", path_.c_str(), g_strerror(errno));
+    status_ = exit_nobody;
+    return false;
   }
-  std::memcpy(address.sun_path, path.data(), path.size());
-  Descriptor descriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  if (!descriptor || connect(descriptor.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {
-    complain("no driver at %s: %s", path.c_str(), g_strerror(errno));
-    return std::nullopt;
-  }
-  return DriverConnection(path, timeout_ms, std::move(descriptor));
+  client_.reset(ptz_socket_client_command_new(nullptr, descriptor_.get(), SOCK_STREAM));
+  ptz_socket_client_register_callback(PTZ_SOCKET_CLIENT(client_.get()), on_reply, nullptr);
+  return true;
 }
 
-Body DriverConnection::ask(const Body &request) const {
+Body DriverConnection::ask(const Body &request) {
+  if (client_ == nullptr && !connect()) return nullptr;
   Waiting waiting;
   if (ptz_socket_client_command_async_send(client_.get(), request->data, request->len, &waiting) == FALSE) {
     complain("the request could not be sent to %s", path_.c_str());
+    status_ = exit_nobody;
     return nullptr;
   }
   const guint timeout = g_timeout_add(timeout_ms_, on_timeout, waiting.loop.get());
@@ -73,21 +63,21 @@ Body DriverConnection::ask(const Body &request) const {
     g_source_remove(timeout);
   } else {
     complain("no answer from %s within %u ms", path_.c_str(), timeout_ms_);
+    status_ = exit_nobody;
   }
   return std::move(waiting.reply);
 }
 
-bool DriverConnection::is_refusal(const Body &reply) {
-  BodyReader reader(reply.get());
-  if (reader.i32() != PTZ_COMMAND_ERROR_REPLY) return false;
-  const ErrorReply refusal = ErrorReply::read(reader);
-  if (!reader.finished()) return false;
-  complain("refused with code %u: %s", static_cast<guint>(refusal.code), refusal.text.c_str());
-  return true;
-}
-
 void DriverConnection::complain_of(const Body &reply) {
-  complain("not understood: a reply of %u bytes: %s", reply->len, in_hex(reply).c_str());
+  status_ = EXIT_FAILURE;
+  BodyReader reader(reply.get());
+  const bool is_refusal = reader.i32() == PTZ_COMMAND_ERROR_REPLY;
+  const ErrorReply refusal = ErrorReply::read(reader);
+  if (is_refusal && reader.finished()) {
+    complain("refused with code %u: %s", static_cast<guint>(refusal.code), refusal.text.c_str());
+  } else {
+    complain("not understood: a reply of %u bytes: %s", reply->len, in_hex(reply).c_str());
+  }
 }
 
 std::string in_hex(const Body &body) {

@@ -3,47 +3,61 @@
 #include <glib.h>
 #include <ptz_socket_client_command.h>
 
+#include <cstdlib>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "driver_messages.h"
+#include "subcommand.h"
 
 namespace ptzctl {
 
 class DriverConnection {
   std::string path_;
   guint timeout_ms_;
-  example::Descriptor descriptor_;  // the client borrows it
+  ptz::UniqueFd descriptor_;  // the client borrows it
   example::Object<PTZSocketClientCommand> client_;
-
-  explicit DriverConnection(std::string path, guint timeout_ms, example::Descriptor descriptor);
+  int status_ = EXIT_SUCCESS;
 
  public:
-  // Nothing where no driver listens; the user was told.
-  static std::optional<DriverConnection> open(const std::string &path, guint timeout_ms);
+  explicit DriverConnection(const Options &options) : path_(options.socket()), timeout_ms_(options.timeout_ms()) {}
+  // The exit status for what was asked: that of what has failed.
+  [[nodiscard]] int status() const { return status_; }
+
   // The reply's body; null where there was none in time. The user was told.
-  [[nodiscard]] example::Body ask(const example::Body &request) const;
+  [[nodiscard]] example::Body ask(const example::Body &request);
 
   // What the reply to a command says. Nothing where it is a refusal or no such reply; the user was told.
   template <typename Message>
-  [[nodiscard]] std::optional<Message> query(PTZCommand command, const example::Body &request) const {
+  [[nodiscard]] std::optional<Message> query(PTZCommand command, const example::Body &request) {
     const example::Body reply = ask(request);
-    if (reply == nullptr || is_refusal(reply)) return std::nullopt;
-    example::BodyReader reader(reply.get());
-    const bool is_reply = reader.i32() == command;
-    Message message = Message::read(reader);
-    if (is_reply && reader.finished()) return message;
-    complain_of(reply);
-    return std::nullopt;
+    if (reply == nullptr) return std::nullopt;
+    auto message = read<Message>(command, reply);
+    if (!message) complain_of(reply);
+    return message;
   }
   template <typename Message>
-  [[nodiscard]] std::optional<Message> query(PTZCommand command) const {
+  [[nodiscard]] std::optional<Message> query(PTZCommand command) {
     return query<Message>(command, example::make_body(command));
+  }
+  // The same for what drivers need not serve: then there is nothing to tell.
+  template <typename Message>
+  [[nodiscard]] std::optional<Message> query_if_served(PTZCommand command) {
+    const example::Body reply = ask(example::make_body(command));
+    return reply != nullptr ? read<Message>(command, reply) : std::nullopt;
   }
 
  private:
-  [[nodiscard]] static bool is_refusal(const example::Body &reply);
-  static void complain_of(const example::Body &reply);
+  [[nodiscard]] bool connect();
+  void complain_of(const example::Body &reply);
+  template <typename Message>
+  [[nodiscard]] static std::optional<Message> read(PTZCommand command, const example::Body &reply) {
+    example::BodyReader reader(reply.get());
+    const bool is_reply = reader.i32() == command;
+    Message message = Message::read(reader);
+    return is_reply && reader.finished() ? std::optional(std::move(message)) : std::nullopt;
+  }
 };
 
 // The bytes as two digits each.

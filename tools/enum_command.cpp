@@ -2,7 +2,6 @@
 #include <ptz_flag_types.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -76,12 +75,10 @@ void print_type(GType type, bool as_json) {
   for (const auto &row : rows_of(type)) {
     if (as_json) {
       const JsonLine json;
-      json_builder_begin_object(json.get());
       json.member("type", g_type_name(type));
       json.member("value", row.number);
       json.member("name", row.name);
       json.member("nick", row.nick);
-      json_builder_end_object(json.get());
       json.print();
     } else {
       std::printf("%11s  %-40s %s\n", row.value.c_str(), row.name, row.nick);
@@ -92,26 +89,29 @@ void print_type(GType type, bool as_json) {
 }  // namespace
 
 int run_enum(const std::string &words, int argc, char **argv) {
-  gboolean as_json = FALSE;
-  const GOptionEntry entries[] = {
-      {"json", 'j', G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, &as_json, "One object a line", nullptr}, {}};
-  Options options(words, "[TYPE]", "Shows the values, names and nicks of a type; without one, the types' names.",
-                  entries);
-  const auto given = options.parse(argc, argv, 1);
+  Options options(words,
+                  {"[TYPE]",
+                   "Shows the values, names and nicks of a type; without one, the types' names, or with --json all "
+                   "values of all.",
+                   " PTZMoveStatus"},
+                  Asks::nobody);
+  const auto given = options.parse(argc, argv);
   if (!given) return exit_usage;
-  if (given->empty() && !as_json) {
+  if (given->empty() && !options.as_json()) {
     for (const GType type : all_types()) std::printf("%s\n", g_type_name(type));
     return EXIT_SUCCESS;
   }
   bool is_known = given->empty();
+  Words names;
   for (const GType type : all_types()) {
-    if (!given->empty() && g_ascii_strcasecmp(g_type_name(type), given->front().c_str()) != 0) continue;
-    print_type(type, as_json != FALSE);
+    names.emplace_back(g_type_name(type));
+    if (!given->empty() && g_ascii_strcasecmp(names.back().c_str(), given->front().c_str()) != 0) continue;
+    print_type(type, options.as_json());
     is_known = true;
   }
   if (is_known) return EXIT_SUCCESS;
-  complain("there is no type '%s'; %s lists them", given->front().c_str(), words.c_str());
-  return EXIT_FAILURE;
+  const auto &name = given->front();
+  return options.misused("there is no type '%s'%s", name.c_str(), did_you_mean(name, names).c_str());
 }
 
 }  // namespace ptzctl

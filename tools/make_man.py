@@ -8,6 +8,9 @@ import subprocess
 import sys
 
 
+EXIT_STATUS = re.compile(r"\nExit status:\n((?:  \d  .*\n)+)")
+
+
 def help_of(words):
     environment = dict(os.environ, LC_ALL="C.UTF-8")
     said = subprocess.run([*words, "--help"], check=True, capture_output=True, encoding="utf-8", env=environment)
@@ -31,14 +34,21 @@ def roff(text):
 def page(program, summary):
     name = os.path.basename(program)
     yield f'.TH {name.upper()} 1 "" "ptznimbo" "User Commands"\n.SH NAME\n{roff(name)} \\- {roff(summary)}\n'
+    statuses = ""
     for words, text in with_subcommands([program]):
+        if match := EXIT_STATUS.search(text):
+            statuses = match[1]
+            text = text.replace(match[0], "")
         title = " ".join([name, *words[1:]])
         section = ".SH DESCRIPTION" if len(words) == 1 else f'.SH "{roff(title.upper())}"'
         yield f"{section}\n.nf\n{roff(text.strip())}\n.fi\n"
-    yield (".SH EXIT STATUS\n0 where all went well, 1 where something went wrong, which is told on standard error, "
-           "2 where the command line makes no sense.\n")
+    yield ".SH EXIT STATUS\n"
+    for status, meaning in re.findall(r"(\d)  (.*)", statuses):
+        yield f".TP\n.B {status}\n{roff(meaning)}\n"
+    yield ".PP\nWhat went wrong is told on standard error.\n"
     yield (".SH ENVIRONMENT\n.TP\n.B PTZ_PLATFORM_RUNTIME_DIR\nwhere the status store is; /run/ptz\n"
-           ".TP\n.B PTZ_PLATFORM_STATE_DIR\nwhere the parameter tree is; /var/lib/ptz\n")
+           ".TP\n.B PTZ_PLATFORM_STATE_DIR\nwhere the parameter tree is; /var/lib/ptz\n"
+           ".TP\n.B NO_COLOR\nwhere it is set, colours are printed only with \\-\\-color=always\n")
     other = "ptz-compliance" if name == "ptzctl" else "ptzctl"
     yield f".SH SEE ALSO\n.BR {roff(other)} (1)\n"
 

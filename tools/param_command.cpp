@@ -1,7 +1,6 @@
 #include <syslog.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <utility>
 
 #include "commands.h"
@@ -11,7 +10,6 @@ namespace ptzctl {
 
 namespace {
 
-using Words = std::vector<std::string>;
 using Walk = ptz::Handle<ParamServiceGroupContext, param_service_cleanup_group_context>;
 
 constexpr gint32 mode = 9;        // that of the library's writes without switches
@@ -121,101 +119,78 @@ bool read_group(const std::string &path, Group &group, gint32 &error) {
   return true;
 }
 
-// The command line of a subcommand: its words, of which there must be some at least.
-struct Line {
-  gboolean as_json = FALSE;
-  Words words;
-
-  bool parse(const std::string &subcommand, int argc, char **argv, const char *parameters, const char *summary,
-             std::size_t least, std::size_t most) {
-    // The reason for a failure, which the service logs.
-    openlog("ptzctl", LOG_PERROR, LOG_USER);
-    const GOptionEntry entries[] = {
-        {"json", 'j', G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, &as_json, "Print an object", nullptr}, {}};
-    Options options(subcommand, parameters, summary, entries);
-    auto given = options.parse(argc, argv, most);
-    if (!given) return false;
-    words = std::move(*given);
-    if (words.size() >= least) return true;
-    complain("it takes %s; see %s --help", parameters, subcommand.c_str());
-    return false;
-  }
-};
-
 void print_parameter(const Parameter &parameter, bool as_json) {
   if (!as_json) {
     std::printf("%s=%s\n", on_one_line(parameter.path).get(), on_one_line(parameter.value.get()).get());
     return;
   }
   const JsonLine json;
-  json_builder_begin_object(json.get());
   json.member("path", on_one_line(parameter.path).get());
   json.member("value", parameter.value.get());
-  json_builder_end_object(json.get());
   json.print();
 }
 
-void print_path(const char *name, const std::string &path, bool as_json) {
+void print_group(const std::string &path, const char *end, bool as_json) {
+  const ptz::Text line = on_one_line(path);
   if (!as_json) {
-    std::printf("%s\n", on_one_line(path).get());
+    std::printf("%s%s\n", painted(Look::heading, line.get()).c_str(), end);
     return;
   }
   const JsonLine json;
-  json_builder_begin_object(json.get());
-  json.member(name, on_one_line(path).get());
-  json_builder_end_object(json.get());
+  json.member("group", line.get());
   json.print();
 }
 
 int run_get(const std::string &words, int argc, char **argv) {
-  Line line;
-  if (!line.parse(words, argc, argv, "PATH...", "Prints the value of a parameter; of several, path and value of each.",
-                  1, G_MAXINT)) {
-    return exit_usage;
-  }
+  Options options(words,
+                  {"PATH...", "Prints the value of a parameter; of several, path and value of each.",
+                   " PTZ.Support root.PTZ.Head.H1.PanMax"},
+                  Asks::nobody);
+  const auto given = options.parse(argc, argv);
+  if (!given) return exit_usage;
   int status = EXIT_SUCCESS;
-  for (const auto &word : line.words) {
+  for (const auto &word : *given) {
     Parameter parameter{full_path(word), "", nullptr};
     gint32 error = 0;
     parameter.value = read(parameter.path, error);
     if (parameter.value == nullptr) {
       status = complain_of(parameter.path, error);
-    } else if (line.words.size() == 1 && !line.as_json) {
+    } else if (given->size() == 1 && !options.as_json()) {
       std::printf("%s\n", parameter.value.get());
     } else {
-      print_parameter(parameter, line.as_json != FALSE);
+      print_parameter(parameter, options.as_json());
     }
   }
   return status;
 }
 
 int run_set(const std::string &words, int argc, char **argv) {
-  Line line;
-  if (!line.parse(words, argc, argv, "PATH VALUE", "Writes a parameter, which need not exist.", 2, 2)) {
-    return exit_usage;
-  }
+  Options options(words, {"PATH VALUE", "Writes a parameter, which need not exist.", " PTZ.Head.H1.PanMax 9000"},
+                  Asks::nobody);
+  const auto given = options.parse(argc, argv);
+  if (!given) return exit_usage;
   Call call;
-  Parameter parameter{full_path(line.words[0]), "", nullptr};
-  param_service_set_custom(parameter.path.c_str(), line.words[1].c_str(), &call.options, &call.error);
+  Parameter parameter{full_path(given->front()), "", nullptr};
+  param_service_set_custom(parameter.path.c_str(), given->back().c_str(), &call.options, &call.error);
   if (call.error != 0) return complain_of(parameter.path + " is not written", call.error);
   parameter.value = read(parameter.path, call.error);
   if (parameter.value == nullptr) return complain_of(parameter.path + " is written, and cannot be read", call.error);
-  if (line.as_json) print_parameter(parameter, true);
+  if (options.as_json()) print_parameter(parameter, true);
   return EXIT_SUCCESS;
 }
 
 int run_list(const std::string &words, int argc, char **argv) {
-  Line line;
-  if (!line.parse(words, argc, argv, "[GROUP]",
-                  "Prints the parameters of a group, and the groups in it, which end in a dot.", 0, 1)) {
-    return exit_usage;
-  }
-  const auto path = full_path(line.words.empty() ? "root" : line.words[0]);
+  Options options(
+      words, {"[GROUP]", "Prints the parameters of a group, and the groups in it, which end in a dot.", " PTZ.Head"},
+      Asks::nobody);
+  const auto given = options.parse(argc, argv);
+  if (!given) return exit_usage;
+  const auto path = full_path(given->empty() ? "root" : given->front());
   Group group;
   gint32 error = 0;
   if (!read_group(path, group, error)) return complain_of(path, error);
-  for (const auto &parameter : group.parameters) print_parameter(parameter, line.as_json != FALSE);
-  for (const auto &each : group.groups) print_path("group", line.as_json ? each : each + ".", line.as_json != FALSE);
+  for (const auto &parameter : group.parameters) print_parameter(parameter, options.as_json());
+  for (const auto &each : group.groups) print_group(each, ".", options.as_json());
   return EXIT_SUCCESS;
 }
 
@@ -243,8 +218,9 @@ bool draw(const std::string &path, const std::string &indent, const Lines &lines
   bool is_whole = true;
   for (const auto &each : group.groups) {
     const bool is_last = --left == 0;
+    const std::string name = on_one_line(each.substr(each.rfind('.') + 1)).get();
     std::printf("%s%s%s\n", indent.c_str(), is_last ? lines.last_branch : lines.branch,
-                on_one_line(each.substr(each.rfind('.') + 1)).get());
+                painted(Look::heading, name).c_str());
     is_whole &= draw(each, indent + (is_last ? lines.nothing : lines.trunk), lines, level + 1);
   }
   return is_whole;
@@ -259,83 +235,80 @@ bool build(const JsonLine &json, const std::string &path, int level) {
   }
   json.begin_object("parameters");
   for (const auto &each : group.parameters) json.member(on_one_line(each.name).get(), each.value.get());
-  json_builder_end_object(json.get());
+  json.end_object();
   json.begin_object("groups");
   bool is_whole = true;
   for (const auto &each : group.groups) {
     json.begin_object(on_one_line(each.substr(each.rfind('.') + 1)).get());
     is_whole &= build(json, each, level + 1);
-    json_builder_end_object(json.get());
+    json.end_object();
   }
-  json_builder_end_object(json.get());
+  json.end_object();
   return is_whole;
 }
 
 int run_tree(const std::string &words, int argc, char **argv) {
-  Line line;
-  if (!line.parse(words, argc, argv, "[GROUP]", "Draws all that is in a group, by default in root.", 0, 1)) {
-    return exit_usage;
-  }
-  const auto path = full_path(line.words.empty() ? "root" : line.words[0]);
+  Options options(words, {"[GROUP]", "Draws all that is in a group, by default in root.", " PTZ"}, Asks::nobody);
+  const auto given = options.parse(argc, argv);
+  if (!given) return exit_usage;
+  const auto path = full_path(given->empty() ? "root" : given->front());
   Words groups;
   gint32 error = 0;
   if (!walk(path, param_service_get_child_groups, param_service_get_child_group, groups, error)) {
     return complain_of(path, error);
   }
-  if (!line.as_json) {
-    std::printf("%s\n", on_one_line(path).get());
+  if (!options.as_json()) {
+    print_group(path, "", false);
     return draw(path, "", g_get_charset(nullptr) ? box_lines : ascii_lines, 1) ? EXIT_SUCCESS : EXIT_FAILURE;
   }
   const JsonLine json;
-  json_builder_begin_object(json.get());
   json.member("group", on_one_line(path).get());
   const bool is_whole = build(json, path, 1);
-  json_builder_end_object(json.get());
   json.print();
   return is_whole ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 int run_create(const std::string &words, int argc, char **argv) {
-  Line line;
-  if (!line.parse(words, argc, argv, "GROUP TEMPLATE [NUMBER]",
-                  "Creates a dynamic group in a group, by default of the lowest free number, and prints its path.", 2,
-                  3)) {
-    return exit_usage;
-  }
-  const auto number = line.words.size() < 3 ? -1 : parse_number(line.words[2], "number of a group", 0, G_MAXINT32);
+  Options options(words,
+                  {"GROUP TEMPLATE [NUMBER]",
+                   "Creates a dynamic group in a group, by default of the lowest free number, and prints its path.",
+                   " PTZ.Head head 2"},
+                  Asks::nobody);
+  const auto given = options.parse(argc, argv);
+  if (!given) return exit_usage;
+  const auto number = given->size() < 3 ? -1 : options.number((*given)[2], "number of a group", 0, G_MAXINT32);
   if (!number) return exit_usage;
   Call call;
   call.options.number = static_cast<gint32>(*number);
-  const auto path = full_path(line.words[0]);
+  const auto path = full_path(given->front());
   const ptz::Text created(
-      param_service_create_dynamic_group(path.c_str(), line.words[1].c_str(), &call.options, &call.error));
+      param_service_create_dynamic_group(path.c_str(), (*given)[1].c_str(), &call.options, &call.error));
   if (call.error != 0 || created == nullptr) {
-    return complain_of(created != nullptr ? created.get() : path + " from " + line.words[1], call.error);
+    return complain_of(created != nullptr ? created.get() : path + " from " + (*given)[1], call.error);
   }
-  print_path("group", created.get(), line.as_json != FALSE);
+  print_group(created.get(), "", options.as_json());
   return EXIT_SUCCESS;
 }
 
 int run_delete(const std::string &words, int argc, char **argv) {
-  Line line;
-  if (!line.parse(words, argc, argv, "GROUP", "Deletes a group with all that is in it.", 1, 1)) return exit_usage;
+  Options options(words, {"GROUP", "Deletes a group with all that is in it.", " PTZ.Head.H2"}, Asks::nobody);
+  const auto given = options.parse(argc, argv);
+  if (!given) return exit_usage;
   Call call;
-  const auto path = full_path(line.words[0]);
+  const auto path = full_path(given->front());
   param_service_delete_group(path.c_str(), &call.options, &call.error);
   if (call.error != 0) return complain_of(path, call.error);
-  if (line.as_json) print_path("group", path, true);
+  if (options.as_json()) print_group(path, "", true);
   return EXIT_SUCCESS;
 }
 
 int run_sync(const std::string &words, int argc, char **argv) {
-  Line line;
-  if (!line.parse(words, argc, argv, "", "Flushes to storage what all processes have written.", 0, 0)) {
-    return exit_usage;
-  }
+  Options options(words, {"", "Flushes to storage what all processes have written.", ""}, Asks::nobody);
+  if (!options.parse(argc, argv)) return exit_usage;
   Call call;
   param_service_sync(&call.options, &call.error);
   if (call.error != 0) return complain_of("not flushed", call.error);
-  if (line.as_json) std::printf("{}\n");
+  if (options.as_json()) JsonLine().print();
   return EXIT_SUCCESS;
 }
 
@@ -351,7 +324,8 @@ int run_param(const std::string &words, int argc, char **argv) {
       {"delete", "delete a group", run_delete},
       {"sync", "flush the tree to storage", run_sync},
   };
-  return run_one_of(subcommands, words, argc, argv);
+  openlog("ptzctl", LOG_PERROR, LOG_USER);  // the service logs why it has failed
+  return run_one_of(subcommands, "Example: ptzctl param tree PTZ", words, argc, argv);
 }
 
 }  // namespace ptzctl

@@ -2,8 +2,8 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 
+#include "json_text.h"
 #include "platform/status_store.h"
 
 namespace ptzctl {
@@ -28,14 +28,14 @@ std::string StoredValue::text() const {
 
 void StoredValue::add_to(const JsonLine &json) const {
   if (type == real) {
-    json.member(key, static_cast<double>(value.measure));
+    json.member(key, widened(value.measure));
   } else if (type == integer) {
     json.member(key, gint64{size == sizeof value.process ? value.process : value.number});
   } else {
     json.begin_object(key);
     json.member("seconds", gint64{value.time.seconds});
     json.member(type == seconds_and_microseconds ? "microseconds" : "nanoseconds", gint64{value.time.fraction});
-    json_builder_end_object(json.get());
+    json.end_object();
   }
 }
 
@@ -62,9 +62,9 @@ Reading read_group(const std::string &group, std::vector<StoredValue> &values) {
   return errno == ENOENT ? Reading::no_group : Reading::failed;
 }
 
-int complain_of_reading(const std::string &group) {
+int complain_of_reading(const std::string &group, Reading reading) {
   complain("%s cannot be read: %s", group.c_str(), g_strerror(errno));
-  return EXIT_FAILURE;
+  return reading == Reading::no_group ? exit_nobody : EXIT_FAILURE;
 }
 
 }  // namespace ptzctl

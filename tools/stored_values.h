@@ -40,6 +40,6 @@ enum class Reading { done, no_group, failed };
 [[nodiscard]] Reading read_group(const std::string &group, std::vector<StoredValue> &values);
 
 // Tells the user why reading has failed; the exit status for it.
-int complain_of_reading(const std::string &group);
+int complain_of_reading(const std::string &group, Reading reading);
 
 }  // namespace ptzctl

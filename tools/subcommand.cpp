@@ -1,36 +1,75 @@
 #include "subcommand.h"
 
+#include <sys/un.h>
+
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
+#include <cstring>
+#include <numeric>
 #include <string_view>
 #include <utility>
+
+#include "json_text.h"
 
 namespace ptzctl {
 
 namespace {
 
-void print_table(std::FILE *file, std::span<const Subcommand> subcommands, const std::string &words) {
+void print_table(std::FILE *file, std::span<const Subcommand> subcommands, const char *rest, const std::string &words) {
   std::fprintf(file, "Usage: %s SUBCOMMAND ...\n\n", words.c_str());
   for (const auto &each : subcommands) std::fprintf(file, "  %-10s %s\n", each.name, each.summary);
-  std::fprintf(file, "\nEach has a --help of its own.\n");
+  std::fprintf(file, "\nEach has a --help of its own.\n\n%s\n", rest);
+}
+
+int complain_of_misuse(const std::string &words, const char *problem) {
+  complain("%s; see %s --help", problem, words.c_str());
+  return exit_usage;
+}
+
+// How many letters have to be changed, added or left out.
+std::size_t distance(std::string_view one, std::string_view other) {
+  std::vector<std::size_t> row(other.size() + 1);
+  std::iota(row.begin(), row.end(), 0);
+  for (std::size_t i = 0; i < one.size(); ++i) {
+    std::size_t diagonal = std::exchange(row[0], i + 1);
+    for (std::size_t j = 0; j < other.size(); ++j) {
+      const std::size_t changed = diagonal + (one[i] == other[j] ? 0 : 1);
+      diagonal = row[j + 1];
+      row[j + 1] = std::min({changed, row[j] + 1, diagonal + 1});
+    }
+  }
+  return row.back();
+}
+
+// Options that others of the tool have.
+gboolean refuse_option(const gchar *name, const gchar *, gpointer, GError **error) {
+  const bool is_socket = g_str_has_prefix(name, "--") ? strcmp(name, "--socket") == 0 : strcmp(name, "-s") == 0;
+  g_set_error(error, G_OPTION_ERROR, G_OPTION_ERROR_FAILED, "it takes no %s: it %s", name,
+              is_socket ? "asks no driver" : "waits for no answer");
+  return FALSE;
 }
 
 }  // namespace
 
-int run_one_of(std::span<const Subcommand> subcommands, const std::string &words, int argc, char **argv) {
-  const std::string_view wanted = argc > 1 ? argv[1] : "";
+int run_one_of(std::span<const Subcommand> subcommands, const char *rest, const std::string &words, int argc,
+               char **argv) {
+  const std::string wanted = argc > 1 ? argv[1] : "";
   if (wanted == "--help" || wanted == "-h") {
-    print_table(stdout, subcommands, words);
+    print_table(stdout, subcommands, rest, words);
     return EXIT_SUCCESS;
   }
+  if (wanted.empty()) {
+    print_table(stderr, subcommands, rest, words);
+    return exit_usage;
+  }
+  Words names;
   for (const auto &each : subcommands) {
     if (wanted == each.name) return each.run(words + " " + each.name, argc - 1, argv + 1);
+    names.emplace_back(each.name);
   }
-  if (!wanted.empty()) complain("%s has no '%s'", words.c_str(), argv[1]);
-  print_table(stderr, subcommands, words);
-  return exit_usage;
+  const char *what = wanted.front() == '-' ? ": options stand behind its subcommand" : "";
+  return complain_of_misuse(words, (words + " has no '" + wanted + "'" + what + did_you_mean(wanted, names)).c_str());
 }
 
 void complain(const char *format, ...) {
@@ -41,65 +80,167 @@ void complain(const char *format, ...) {
   g_printerr("ptzctl: %s\n", text.get());
 }
 
-Options::Options(const std::string &words, const char *parameters, const char *summary, const GOptionEntry *entries)
-    : context_(g_option_context_new(parameters)), words_(words) {
-  g_option_context_set_summary(context_.get(), summary);
-  g_option_context_add_main_entries(context_.get(), entries, nullptr);
+std::string did_you_mean(const std::string &given, const Words &words) {
+  const auto of_given = [&](const std::string &word) { return distance(given, word); };
+  const auto nearest = std::ranges::min_element(words, {}, of_given);
+  // Of a short word, few letters are the whole.
+  if (nearest == words.end() || of_given(*nearest) > std::min<std::size_t>(2, nearest->size() / 2)) return "";
+  return " (did you mean '" + *nearest + "'?)";
 }
 
-std::optional<std::vector<std::string>> Options::parse(int argc, char **argv, std::size_t most_words) {
-  // The help names the program by this.
-  g_set_prgname(words_.c_str());
-  ptz::Error error;
-  std::vector<char *> arguments(argv, argv + argc);
+Options::Options(const std::string &words, const Manual &manual, Asks asks, std::vector<GOptionEntry> further)
+    : words_(words), manual_(manual), entries_(std::move(further)) {
+  const auto add = [this](const char *name, char letter, bool is_taken, GOptionArg kind, gpointer value,
+                          const char *description, const char *of) {
+    if (is_taken) {
+      entries_.push_back({name, letter, G_OPTION_FLAG_NONE, kind, value, description, of});
+    } else {
+      entries_.push_back({name, letter, G_OPTION_FLAG_HIDDEN | G_OPTION_FLAG_NO_ARG, G_OPTION_ARG_CALLBACK,
+                          reinterpret_cast<gpointer>(refuse_option), nullptr, nullptr});
+    }
+  };
+  add("socket", 's', asks == Asks::driver, G_OPTION_ARG_FILENAME, &socket_,
+      "The driver's socket, by default /run/ptz/driver.socket", "PATH");
+  add("timeout", 't', asks != Asks::nobody, G_OPTION_ARG_INT, &timeout_ms_,
+      "How long to wait for an answer, by default 10000", "MS");
+  add("json", 'j', true, G_OPTION_ARG_NONE, &as_json_, "One object a line", nullptr);
+  add("color", 0, true, G_OPTION_ARG_STRING, &colours_, "Colours: always, never, or auto, on a terminal", "WHEN");
+  entries_.push_back({});
+}
+
+Options::~Options() {
+  g_free(socket_);
+  g_free(colours_);
+}
+
+std::optional<Words> Options::parse_options(std::vector<char *> arguments) {
+  const ptz::Handle<GOptionContext, g_option_context_free> context(g_option_context_new(manual_.parameters));
+  g_set_prgname(words_.c_str());  // as which the help names the program
+  g_option_context_set_summary(context.get(), manual_.summary);
+  g_option_context_set_description(context.get(), ("Example: " + words_ + manual_.example).c_str());
+  g_option_context_add_main_entries(context.get(), entries_.data(), nullptr);
+  g_option_context_set_ignore_unknown_options(context.get(), TRUE);  // -300 is a word
+  int count = static_cast<int>(arguments.size());
   arguments.push_back(nullptr);
-  char **given = arguments.data();
-  if (!g_option_context_parse(context_.get(), &argc, &given, ptz::out(error))) {
-    complain("%s; see %s --help", error->message, words_.c_str());
+  char **left = arguments.data();
+  ptz::Error error;
+  if (!g_option_context_parse(context.get(), &count, &left, ptz::out(error))) {
+    misused("%s", error->message);
     return std::nullopt;
   }
-  std::vector<std::string> words(given + 1, given + argc);
-  if (!words.empty() && words.front() == "--") words.erase(words.begin());
-  if (words.size() > most_words) {
-    complain("there is no use for '%s'; see %s --help", words[most_words].c_str(), words_.c_str());
+  for (int i = 1; i < count; ++i) {
+    char *end = nullptr;
+    g_ascii_strtod(left[i], &end);
+    if (left[i][0] != '-' || left[i][1] == '\0' || *end == '\0') continue;
+    Words names = {"--help"};
+    for (const auto &each : entries_) {
+      if (each.long_name != nullptr) names.push_back(std::string("--") + each.long_name);
+    }
+    misused("there is no option '%s'%s", left[i], did_you_mean(left[i], names).c_str());
     return std::nullopt;
   }
-  return words;
+  return Words(left + 1, left + count);
 }
 
-std::optional<gint64> parse_number(const std::string &text, const char *what, gint64 least, gint64 most) {
+bool Options::are_values_sensible() const {
+  if (!is_within("--timeout", timeout_ms_, 1, G_MAXINT)) return false;
+  const std::size_t most = sizeof sockaddr_un::sun_path - 1;
+  if (const std::string_view path = socket(); path.empty() || path.size() > most) {
+    misused("--socket '%s' is no path of 1 to %zu bytes", socket(), most);
+    return false;
+  }
+  if (!choose_colours(colours_ != nullptr ? colours_ : "auto")) {
+    misused("--color '%s' is not always, never or auto", colours_);
+    return false;
+  }
+  return true;
+}
+
+bool Options::are_as_many_as_needed(const Words &given) const {
+  std::size_t least = 0, most = 0;
+  const ptz::TextList parameters(g_strsplit(manual_.parameters, " ", -1));
+  for (char **each = parameters.get(); *each != nullptr; ++each) {
+    if (**each != '[') ++least;
+    most = strstr(*each, "...") != nullptr ? G_MAXINT : most + 1;
+  }
+  if (given.size() < least) {
+    misused("it takes %s", manual_.parameters);
+  } else if (given.size() > most) {
+    misused("there is no use for '%s'", given[most].c_str());
+  }
+  return given.size() >= least && given.size() <= most;
+}
+
+std::optional<Words> Options::parse(int argc, char **argv) {
+  char **const end = argv + argc;
+  char **const separator = std::find(argv, end, std::string_view("--"));
+  auto words = parse_options({argv, separator});
+  if (!words || !are_values_sensible()) return std::nullopt;
+  if (separator != end) words->insert(words->end(), separator + 1, end);
+  return are_as_many_as_needed(*words) ? words : std::nullopt;
+}
+
+int Options::misused(const char *format, ...) const {
+  va_list arguments;
+  va_start(arguments, format);
+  const ptz::Text text(g_strdup_vprintf(format, arguments));
+  va_end(arguments);
+  return complain_of_misuse(words_, text.get());
+}
+
+std::optional<gint64> Options::number(const std::string &text, const char *what, gint64 least, gint64 most) const {
   gint64 number = 0;
-  ptz::Error error;
-  if (g_ascii_string_to_signed(text.c_str(), 10, least, most, &number, ptz::out(error))) return number;
-  complain("'%s' is no %s: it is a number from %" G_GINT64_FORMAT " to %" G_GINT64_FORMAT, text.c_str(), what, least,
-           most);
+  if (g_ascii_string_to_signed(text.c_str(), 10, least, most, &number, nullptr)) return number;
+  misused("'%s' is no %s: it is a number from %" G_GINT64_FORMAT " to %" G_GINT64_FORMAT, text.c_str(), what, least,
+          most);
   return std::nullopt;
 }
 
-void JsonLine::member(const char *name, const char *value) const {
-  json_builder_set_member_name(get(), name);
-  json_builder_add_string_value(get(), value);
+bool Options::is_within(const char *option, gint value, gint least, gint most) const {
+  const bool is_it = value >= least && value <= most;
+  if (!is_it) misused("%s %d is not from %d to %d", option, value, least, most);
+  return is_it;
+}
+
+void JsonLine::member(const char *name, const std::string &value) const {
+  json_builder_set_member_name(builder_.get(), name);
+  element(value);
 }
 
 void JsonLine::member(const char *name, gint64 value) const {
-  json_builder_set_member_name(get(), name);
-  json_builder_add_int_value(get(), value);
+  json_builder_set_member_name(builder_.get(), name);
+  json_builder_add_int_value(builder_.get(), value);
 }
 
 void JsonLine::member(const char *name, double value) const {
-  json_builder_set_member_name(get(), name);
-  json_builder_add_double_value(get(), value);
+  json_builder_set_member_name(builder_.get(), name);
+  json_builder_add_double_value(builder_.get(), value);
+}
+
+void JsonLine::member(const char *name, JsonNode *value) const {
+  json_builder_set_member_name(builder_.get(), name);
+  json_builder_add_value(builder_.get(), value);
 }
 
 void JsonLine::begin_object(const char *name) const {
-  json_builder_set_member_name(get(), name);
-  json_builder_begin_object(get());
+  if (name != nullptr) json_builder_set_member_name(builder_.get(), name);
+  json_builder_begin_object(builder_.get());
+}
+
+void JsonLine::begin_array(const char *name) const {
+  json_builder_set_member_name(builder_.get(), name);
+  json_builder_begin_array(builder_.get());
+}
+
+void JsonLine::element(const std::string &value) const {
+  const ptz::Text valid(g_utf8_make_valid(value.data(), static_cast<gssize>(value.size())));
+  json_builder_add_string_value(builder_.get(), valid.get());
 }
 
 void JsonLine::print() const {
-  const ptz::Handle<JsonNode, json_node_unref> root(json_builder_get_root(get()));
-  const ptz::Text text(json_to_string(root.get(), FALSE));
-  std::printf("%s\n", text.get());
+  json_builder_end_object(builder_.get());
+  const ptz::Handle<JsonNode, json_node_unref> root(json_builder_get_root(builder_.get()));
+  std::printf("%s\n", json_text(root.get()).c_str());
   std::fflush(stdout);
 }
 

@@ -3,16 +3,22 @@
 #include <glib.h>
 #include <json-glib/json-glib.h>
 
+#include <cstdlib>
 #include <optional>
 #include <span>
 #include <string>
 #include <vector>
 
 #include "base/handles.h"
+#include "colours.h"
 
 namespace ptzctl {
 
+// Exit statuses, next to EXIT_SUCCESS and to EXIT_FAILURE for what was refused or has failed.
 constexpr int exit_usage = 2;
+constexpr int exit_nobody = 3;  // nobody is there to answer, or not in time
+
+using Words = std::vector<std::string>;
 
 // One word of the command line. It is run with the words that led to it, such as "ptzctl status show", and with what
 // follows; argv[0] is the last of these words. Its result is the program's exit status.
@@ -22,39 +28,75 @@ struct Subcommand {
   int (*run)(const std::string &words, int argc, char **argv);
 };
 
-// Runs the one that argv[1] names; tells the user which there are, where it names none.
-int run_one_of(std::span<const Subcommand> subcommands, const std::string &words, int argc, char **argv);
+// Runs the one that argv[1] names; tells the user which there are, where it names none. The rest ends the help.
+int run_one_of(std::span<const Subcommand> subcommands, const char *rest, const std::string &words, int argc,
+               char **argv);
 
 // Tells the user, on standard error, what went wrong.
 void complain(const char *format, ...) G_GNUC_PRINTF(1, 2);
+// " (did you mean 'show'?)" where one of the words is nearly the one that was given.
+[[nodiscard]] std::string did_you_mean(const std::string &given, const Words &words);
 
-// Where the options of a subcommand are read into.
-class Options {
-  ptz::Handle<GOptionContext, g_option_context_free> context_;
-  std::string words_;
+// Whom a subcommand waits for. It takes --timeout if anybody, --socket if a driver.
+enum class Asks { nobody, service, driver };
 
- public:
-  // The parameters are what follows the options, such as "[GROUP] [INSTANCE]"; the entries end with an empty one.
-  Options(const std::string &words, const char *parameters, const char *summary, const GOptionEntry *entries);
-  // Options then stand before every other word: what comes behind may begin with a dash.
-  void take_dashes_as_words() { g_option_context_set_strict_posix(context_.get(), TRUE); }
-  // What follows the options, at most so many words; nothing where the user was told what is wrong, or was given help.
-  [[nodiscard]] std::optional<std::vector<std::string>> parse(int argc, char **argv, std::size_t most_words);
+// What the help says. The parameters are what follows the options, such as "PATH [VALUE...]", and tell how many words
+// there are to be.
+struct Manual {
+  const char *parameters;
+  const char *summary;
+  const char *example;  // what follows the words that lead to the subcommand
 };
 
-// A number of this range; the user is told where the text is none.
-[[nodiscard]] std::optional<gint64> parse_number(const std::string &text, const char *what, gint64 least, gint64 most);
+// The command line of a subcommand. All have the same options, and each has its own.
+class Options {
+  std::string words_;
+  Manual manual_;
+  gboolean as_json_ = FALSE;
+  gint timeout_ms_ = 10'000;
+  char *socket_ = nullptr, *colours_ = nullptr;
+  std::vector<GOptionEntry> entries_;
 
-// Prints a value as one line of JSON.
+  // What is left of the words without the options.
+  [[nodiscard]] std::optional<Words> parse_options(std::vector<char *> arguments);
+  [[nodiscard]] bool are_values_sensible() const;
+  [[nodiscard]] bool are_as_many_as_needed(const Words &given) const;
+
+ public:
+  Options(const std::string &words, const Manual &manual, Asks asks, std::vector<GOptionEntry> further = {});
+  Options(const Options &) = delete;
+  ~Options();
+  // What follows the options; nothing where the user was told what is wrong. Help ends the program.
+  [[nodiscard]] std::optional<Words> parse(int argc, char **argv);
+
+  [[nodiscard]] bool as_json() const { return as_json_ != FALSE; }
+  [[nodiscard]] guint timeout_ms() const { return static_cast<guint>(timeout_ms_); }
+  [[nodiscard]] const char *socket() const { return socket_ != nullptr ? socket_ : "/run/ptz/driver.socket"; }
+
+  // Tells the user what makes no sense, and where the help is; the exit status for it.
+  int misused(const char *format, ...) const G_GNUC_PRINTF(2, 3);
+  // A number of this range; the user is told where the text is none.
+  [[nodiscard]] std::optional<gint64> number(const std::string &text, const char *what, gint64 least,
+                                             gint64 most) const;
+  // Whether an option's value is one of this range; the user is told where it is not.
+  [[nodiscard]] bool is_within(const char *option, gint value, gint least, gint most) const;
+};
+
+// One object, printed as one line of JSON.
 class JsonLine {
   ptz::Object<JsonBuilder> builder_{json_builder_new()};
 
  public:
-  [[nodiscard]] JsonBuilder *get() const { return builder_.get(); }
-  void member(const char *name, const char *value) const;
+  JsonLine() { json_builder_begin_object(builder_.get()); }
+  void member(const char *name, const std::string &value) const;
   void member(const char *name, gint64 value) const;
   void member(const char *name, double value) const;
-  void begin_object(const char *name) const;
+  void member(const char *name, JsonNode *value) const;  // takes it
+  void begin_object(const char *name = nullptr) const;   // without a name in an array
+  void end_object() const { json_builder_end_object(builder_.get()); }
+  void begin_array(const char *name) const;
+  void end_array() const { json_builder_end_array(builder_.get()); }
+  void element(const std::string &value) const;
   void print() const;
 };
 

@@ -1,5 +1,4 @@
 #include <cstdio>
-#include <cstdlib>
 
 #include "commands.h"
 #include "stored_values.h"
@@ -22,15 +21,14 @@ struct Timing {
     return has_stopped() ? "stopped" : "running";
   }
   [[nodiscard]] double duration_ms() const {
-    const auto ms = [](const StoredTime &time) { return time.seconds * 1e3 + time.fraction / 1e6; };
-    return ms(stop_time.value.time) - ms(start_time.value.time);
+    const auto ns = [](const StoredTime &time) { return time.seconds * gint64{1'000'000'000} + time.fraction; };
+    return static_cast<double>(ns(stop_time.value.time) - ns(start_time.value.time)) / 1e6;
   }
 };
 
 void print_json(const std::string &group, const Timing &timing) {
   const JsonLine json;
-  json_builder_begin_object(json.get());
-  json.member("group", group.c_str());
+  json.member("group", group);
   json.member("state", timing.state());
   if (timing.has_started()) {
     timing.start_time.add_to(json);
@@ -41,7 +39,6 @@ void print_json(const std::string &group, const Timing &timing) {
     timing.stop_process.add_to(json);
     json.member("duration_ms", timing.duration_ms());
   }
-  json_builder_end_object(json.get());
   json.print();
 }
 
@@ -53,7 +50,7 @@ void print_line(const std::string &group, const Timing &timing) {
   }
   std::printf("%18s by %-6s", timing.start_time.text().c_str(), timing.start_process.text().c_str());
   if (!timing.has_stopped()) {
-    std::printf(" running\n");
+    std::printf(" %s\n", painted(Look::notice, "running").c_str());
     return;
   }
   std::printf(" %18s by %-6s %12.6f ms\n", timing.stop_time.text().c_str(), timing.stop_process.text().c_str(),
@@ -61,19 +58,18 @@ void print_line(const std::string &group, const Timing &timing) {
 }
 
 int run_show(const std::string &words, int argc, char **argv) {
-  gboolean as_json = FALSE;
-  const GOptionEntry entries[] = {
-      {"json", 'j', G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, &as_json, "One object a line", nullptr}, {}};
-  Options options(words, "[GROUP...]",
-                  "Shows when measurements were started and stopped, by which process (its number's low 16 bits), and "
-                  "what is between;\nof the named groups, or of those of the drivers.",
-                  entries);
-  auto groups = options.parse(argc, argv, G_MAXINT);
+  Options options(words,
+                  {"[GROUP...]",
+                   "Shows when measurements were started and stopped, by which process (its number's low 16 bits), and "
+                   "what is between;\nof the named groups, or of those of the drivers.",
+                   " ptzdt_driver_req_d1"},
+                  Asks::nobody);
+  auto groups = options.parse(argc, argv);
   if (!groups) return exit_usage;
   const bool is_asked_for = !groups->empty();
   if (!is_asked_for) groups->assign(std::begin(driver_groups), std::end(driver_groups));
   int status = EXIT_SUCCESS;
-  bool is_header_due = as_json == FALSE;
+  bool is_header_due = !options.as_json();
   for (const auto &group : *groups) {
     std::vector<StoredValue> values = {{"start_time", 8, seconds_and_nanoseconds},
                                        {"start_pid", 2, integer},
@@ -81,15 +77,19 @@ int run_show(const std::string &words, int argc, char **argv) {
                                        {"stop_pid", 2, integer}};
     const auto reading = read_group(group, values);
     if (reading == Reading::failed || (reading == Reading::no_group && is_asked_for)) {
-      status = complain_of_reading(group);
+      status = complain_of_reading(group, reading);
     }
     if (reading != Reading::done) continue;
     const Timing timing = {values[0], values[1], values[2], values[3]};
-    if (as_json != FALSE) {
+    if (options.as_json()) {
       print_json(group, timing);
       continue;
     }
-    if (is_header_due) std::printf("%-25s %18s %-9s %18s %-9s %15s\n", "group", "start", "", "stop", "", "duration");
+    if (is_header_due) {
+      const ptz::Text header(
+          g_strdup_printf("%-25s %18s %-9s %18s %-9s %15s", "group", "start", "", "stop", "", "duration"));
+      std::printf("%s\n", painted(Look::heading, header.get()).c_str());
+    }
     is_header_due = false;
     print_line(group, timing);
   }
@@ -100,7 +100,7 @@ int run_show(const std::string &words, int argc, char **argv) {
 
 int run_timing(const std::string &words, int argc, char **argv) {
   static constexpr Subcommand subcommands[] = {{"show", "the measurements as they are", run_show}};
-  return run_one_of(subcommands, words, argc, argv);
+  return run_one_of(subcommands, "Example: ptzctl timing show --json", words, argc, argv);
 }
 
 }  // namespace ptzctl

@@ -48,6 +48,34 @@ TEST_F(DriverCommand, MovesAndWaitsUntilTheHeadIsThere) {
   EXPECT_TRUE(has(ask({"position"}), "pan         0.00 degrees, idle\n"));
 }
 
+TEST_F(DriverCommand, TellsTheLimitThatAnAxisIsAt) {
+  EXPECT_EQ(ask({"move", "absolute", "--pan", "170", "--wait"}).text,
+            "pan       170.00 degrees, idle, at its maximum\ntilt        0.00 degrees, idle\n"
+            "zoom        1.00 times, idle, at its minimum\n");
+  EXPECT_EQ(ask({"position", "--json"}).text,
+            "{\"axis\":\"pan\",\"position\":170.0,\"status\":\"idle\",\"limit\":\"maximum\"}\n"
+            "{\"axis\":\"tilt\",\"position\":0.0,\"status\":\"idle\"}\n"
+            "{\"axis\":\"zoom\",\"position\":1.0,\"status\":\"idle\",\"limit\":\"minimum\"}\n");
+  EXPECT_TRUE(has(ask({"position", "--color=always"}), "\x1b[32midle\x1b[0m, \x1b[31mat its maximum\x1b[0m\n"));
+}
+
+TEST_F(DriverCommand, InJsonTheHundredthsAreAsTheyWereGiven) {
+  EXPECT_TRUE(has(ask({"move", "absolute", "--pan", "4.98", "--tilt", "-0.07", "--wait", "--json"}),
+                  "{\"axis\":\"pan\",\"position\":4.98,\"status\":\"idle\"}\n"
+                  "{\"axis\":\"tilt\",\"position\":-0.07,"));
+}
+
+TEST_F(DriverCommand, InJsonWhateverIsDonePrintsAnObject) {
+  EXPECT_EQ(ask({"stop", "--json"}).text, "{}\n");
+  EXPECT_EQ(ask({"move", "home", "--json"}).text, "{}\n");
+  EXPECT_EQ(ask({"presets", "store", "3", "the gate", "--json"}).text, "{\"number\":3,\"name\":\"the gate\"}\n");
+  EXPECT_EQ(ask({"presets", "list", "--json"}).text, "{\"number\":3,\"name\":\"the gate\"}\n");
+  EXPECT_EQ(ask({"send", "u32:6", "--json"}).text, "{\"reply\":\"06 00 00 00\"}\n");
+  EXPECT_EQ(ask({"send", "u32:21", "--json", "--reply", "u32,text"}).text,
+            "{\"reply\":\"15 00 00 00 0a 00 73 69 6d 2d 64 72 69 76 65 72\",\"fields\":[{\"type\":\"u32\","
+            "\"value\":21},{\"type\":\"text\",\"value\":\"sim-driver\"}]}\n");
+}
+
 TEST_F(DriverCommand, RunsInADirectionUntilItIsStopped) {
   EXPECT_EQ(ask({"move", "up-right", "--speed", "1"}).status, 0);
   EXPECT_TRUE(has(ask({"position"}), "moving"));
@@ -100,6 +128,7 @@ TEST_F(DriverCommand, RefusesWhatMakesNoSense) {
                                                                      {"send", "hex:0g"},
                                                                      {"send", "command:fly"},
                                                                      {"send", "21"},
+                                                                     {"send", "u32:21", "--reply", "u32,txt"},
                                                                      {"presets", "store", "33", "a"},
                                                                      {"presets", "store", "1"},
                                                                      {"presets", "goto"},
@@ -113,15 +142,20 @@ TEST_F(DriverCommand, RefusesWhatMakesNoSense) {
 TEST_F(DriverCommand, ADriverThatDoesNotAnswerCostsTheTimeThatWasGiven) {
   driver.signal(SIGSTOP);
   const auto unanswered = ask({"info", "--timeout", "100"});
-  EXPECT_EQ(unanswered.status, 1);
+  EXPECT_EQ(unanswered.status, 3);
   EXPECT_EQ(unanswered.text, "ptzctl: no answer from " + socket + " within 100 ms\n");
 }
 
 TEST_F(Ptzctl, WithoutADriverThereIsNoAnswer) {
   const auto missing = run({"driver", "info", "--socket", dir.file("none")});
-  EXPECT_EQ(missing.status, 1);
+  EXPECT_EQ(missing.status, 3);
   EXPECT_EQ(missing.text, "ptzctl: no driver at " + dir.file("none") + ": No such file or directory\n");
-  EXPECT_EQ(run({"driver", "info", "--socket", std::string(200, 'x')}).status, 1);
+  for (const auto &path : {std::string(200, 'x'), std::string()}) {
+    const auto refused = run({"driver", "info", "--socket", path});
+    EXPECT_EQ(refused.status, 2);
+    EXPECT_EQ(refused.text,
+              "ptzctl: --socket '" + path + "' is no path of 1 to 107 bytes; see ptzctl driver info --help\n");
+  }
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // "ptzctl config" and the driver program, on a message bus of their own.
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
@@ -106,6 +107,23 @@ TEST_F(PtzctlConfig, AddsRemovesAndSyncs) {
   EXPECT_EQ(run({"sync", "sim"}), (Result{0, ""}));
 }
 
+TEST_F(PtzctlConfig, InJsonWhateverIsDonePrintsAnObject) {
+  EXPECT_EQ(run({"set", "sim", "1", "Tilt", "-300", "--json"}),
+            (Result{0, "{\"index\":1,\"entry\":\"Tilt\",\"value\":-300}\n"}));
+  EXPECT_EQ(run({"get", "sim", "1", "Name", "--json"}),
+            (Result{0, "{\"index\":1,\"entry\":\"Name\",\"value\":\"overview\"}\n"}));
+  EXPECT_EQ(run({"add", "sim", "--json"}), (Result{0, "{\"index\":3}\n"}));
+  EXPECT_EQ(run({"remove", "sim", "3", "--json"}), (Result{0, "{\"index\":3}\n"}));
+  EXPECT_EQ(run({"sync", "sim", "--json"}), (Result{0, "{}\n"}));
+}
+
+TEST_F(PtzctlConfig, AServiceThatDoesNotAnswerCostsTheTimeThatWasGiven) {
+  driver->signal(SIGSTOP);
+  const auto unanswered = run({"list", "sim", "--timeout", "100"});
+  driver->signal(SIGCONT);
+  EXPECT_EQ(unanswered, (Result{3, "ptzctl: sim: Timeout was reached\n"}));
+}
+
 TEST_F(PtzctlConfig, WatchesChanges) {
   const std::regex property("/com/velk/PTZ/sim  1\\.Tilt = [0-9]+");
   const std::regex event(
@@ -150,9 +168,8 @@ TEST_F(PtzctlConfig, TellsAValueOfAnotherType) {
 
 TEST_F(PtzctlConfig, TellsAServiceThatIsNotThere) {
   const auto result = run({"list", "nosuch"});
-  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.status, 3);
   EXPECT_NE(result.text.find("ptzctl: nosuch: "), std::string::npos) << result.text;
-  EXPECT_EQ(run({"list", "bad name"}).status, 1);
 }
 
 TEST_F(PtzctlConfig, TellsACommandLineThatMakesNoSense) {
@@ -162,6 +179,7 @@ TEST_F(PtzctlConfig, TellsACommandLineThatMakesNoSense) {
                                                                      {"list"},
                                                                      {"list", "sim", "more"},
                                                                      {"add", "sim", "99999999999"},
+                                                                     {"list", "bad name"},
                                                                      {"watch", "--count", "-1"},
                                                                      {"watch", "bad name"}}) {
     EXPECT_EQ(run(arguments).status, 2) << arguments.front();
@@ -173,7 +191,7 @@ TEST_F(PtzctlConfig, TellsThatThereIsNoBus) {
   setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
   const auto result = run({"list", "sim"});
   setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);
-  EXPECT_EQ(result, (Result{1, "ptzctl: there is no system bus: Could not connect: No such file or directory\n"}));
+  EXPECT_EQ(result, (Result{3, "ptzctl: there is no system bus: Could not connect: No such file or directory\n"}));
 }
 
 }  // namespace

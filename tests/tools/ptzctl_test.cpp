@@ -1,9 +1,6 @@
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <pty.h>
 #include <ptz_status_cache.h>
 #include <ptz_timing_log.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -32,40 +29,7 @@ TEST_F(Ptzctl, WithoutASubcommandItTellsWhichThereAre) {
   }
   const auto result = run({"nonsense"});
   EXPECT_EQ(result.status, 2);
-  EXPECT_TRUE(has(result, "ptzctl: ptzctl has no 'nonsense'\n")) << result.text;
-  EXPECT_TRUE(has(run({"status", "nonsense"}), "ptzctl: ptzctl status has no 'nonsense'\n"));
-}
-
-TEST_F(Ptzctl, EverySubcommandHasAHelp) {
-  for (const auto &words : std::vector<std::vector<std::string>>{{},
-                                                                 {"status"},
-                                                                 {"status", "show"},
-                                                                 {"status", "watch"},
-                                                                 {"timing"},
-                                                                 {"timing", "show"},
-                                                                 {"counter"},
-                                                                 {"counter", "show"},
-                                                                 {"driver"},
-                                                                 {"driver", "move"},
-                                                                 {"driver", "send"},
-                                                                 {"driver", "presets"},
-                                                                 {"param"},
-                                                                 {"param", "get"},
-                                                                 {"param", "set"},
-                                                                 {"param", "list"},
-                                                                 {"param", "tree"},
-                                                                 {"param", "create"},
-                                                                 {"param", "delete"},
-                                                                 {"param", "sync"},
-                                                                 {"enum"}}) {
-    auto arguments = words;
-    arguments.emplace_back("--help");
-    std::string name = "ptzctl";
-    for (const auto &word : words) name += " " + word;
-    const auto result = run(arguments);
-    EXPECT_EQ(result.status, 0) << name;
-    EXPECT_TRUE(has(result, name)) << result.text;
-  }
+  EXPECT_EQ(result.text, "ptzctl: ptzctl has no 'nonsense'; see ptzctl --help\n");
 }
 
 TEST_F(Ptzctl, WhatItHasNoUseForIsRefused) {
@@ -112,7 +76,7 @@ TEST_F(Ptzctl, StatusShowPrintsAGroup) {
 
 TEST_F(Ptzctl, StatusShowPrintsWhatThereIs) {
   const auto none = run({"status", "show"});
-  EXPECT_EQ(none.status, 1);
+  EXPECT_EQ(none.status, 3);
   EXPECT_EQ(none.text, "ptzctl: instance 1 has published nothing\n");
   ptz_status_cache_create_group(PTZ_SC_GROUP_POSITION, 1);
   ptz_status_cache_create_group(PTZ_SC_GROUP_LIMIT, 1);
@@ -122,7 +86,7 @@ TEST_F(Ptzctl, StatusShowPrintsWhatThereIs) {
   EXPECT_TRUE(has(all, "  PAN_STATUS_IDLE_TIME         0.000000000 s\n"));
   EXPECT_TRUE(has(all, "PTZ_LIMIT_IS1\n"));
   const auto missing = run({"status", "show", "various"});
-  EXPECT_EQ(missing.status, 1);
+  EXPECT_EQ(missing.status, 3);
   EXPECT_EQ(missing.text, "ptzctl: instance 1 has published no various\n");
 }
 
@@ -172,32 +136,14 @@ TEST_F(Ptzctl, StatusWatchPrintsLinesWhereTheOutputIsNoTerminal) {
 
 TEST_F(Ptzctl, StatusWatchSaysOnceThatNothingIsPublished) {
   const auto result = run({"status", "watch", "--count=3", "--interval=10"});
-  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.status, 3);
   EXPECT_EQ(result.text, "ptzctl: PTZ_POSITION_IS1 is not published\n");
 }
 
 TEST_F(Ptzctl, StatusWatchDrawsOnATerminalUntilTheUserLeaves) {
   const Published published(1);
-  int terminal = -1;
-  const pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
-  if (child == 0) {
-    setenv("TERM", "xterm", 1);
-    execl(PTZCTL, "ptzctl", "status", "watch", "--interval=20", nullptr);
-    _exit(127);
-  }
-  std::string drawn;
-  pollfd ready = {terminal, POLLIN, 0};
-  while (poll(&ready, 1, 10'000) > 0) {
-    char bytes[4096];
-    const ssize_t count = read(terminal, bytes, sizeof bytes);
-    if (count <= 0) break;
-    drawn.append(bytes, static_cast<std::size_t>(count));
-    if (drawn.find("updates a second") != std::string::npos && write(terminal, "q", 1) != 1) break;
-  }
-  close(terminal);
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  const auto [status, drawn] = run_on_terminal({"status", "watch", "--interval=20"}, "updates a second", "q");
+  EXPECT_EQ(status, 0);
   for (const auto *part : {"PTZ_POSITION_IS1", "q to leave", "-12.50 degrees", "moving", "25 updates a second"}) {
     EXPECT_NE(drawn.find(part), std::string::npos) << part << " in " << drawn;
   }
@@ -229,7 +175,7 @@ TEST_F(Ptzctl, TimingShowPrintsStartStopAndWhatIsBetween) {
   EXPECT_TRUE(has(json, "\"state\":\"stopped\",\"start_time\":{\"seconds\":")) << json.text;
   EXPECT_TRUE(has(json, "\"stop_pid\":" + own + ",\"duration_ms\":")) << json.text;
   const auto missing = run({"timing", "show", "nothing"});
-  EXPECT_EQ(missing.status, 1);
+  EXPECT_EQ(missing.status, 3);
   EXPECT_EQ(missing.text, "ptzctl: nothing cannot be read: No such file or directory\n");
 }
 
@@ -241,7 +187,7 @@ TEST_F(Ptzctl, CounterShowPrintsValuesAndOwners) {
       has(run({"counter", "show"}), "ptzdt_driver_commands_d1           0  of process " + std::to_string(getpid())));
   EXPECT_EQ(run({"counter", "show", "moves5", "--json"}).text,
             "{\"counter\":\"moves5\",\"value\":4294967295,\"process\":" + std::to_string(getpid()) + "}\n");
-  EXPECT_EQ(run({"counter", "show", "nothing"}).status, 1);
+  EXPECT_EQ(run({"counter", "show", "nothing"}).status, 3);
 }
 
 // --- vocabulary -------------------------------------------------------------------------------------------------
@@ -258,8 +204,8 @@ TEST_F(Ptzctl, EnumListsTypesAndTheirValues) {
                   "{\"type\":\"PTZMoveStatus\",\"value\":1,\"name\":\"Moving\",\"nick\":\"moving\"}\n"));
   EXPECT_TRUE(has(run({"enum", "PTZDriverMoveCapabilities"}), "0x00000001  "));
   const auto unknown = run({"enum", "Nonsense"});
-  EXPECT_EQ(unknown.status, 1);
-  EXPECT_EQ(unknown.text, "ptzctl: there is no type 'Nonsense'; ptzctl enum lists them\n");
+  EXPECT_EQ(unknown.status, 2);
+  EXPECT_EQ(unknown.text, "ptzctl: there is no type 'Nonsense'; see ptzctl enum --help\n");
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstdlib>
 
+#include "colours.h"
 #include "report.h"
 #include "requests.h"
 
@@ -123,6 +124,7 @@ int main(int argc, char **argv) {
   setlocale(LC_CTYPE, "");
   char *socket_option = nullptr;
   char *log_option = nullptr;
+  char *colour_option = nullptr;
   char **only_option = nullptr;
   char **skip_option = nullptr;
   gboolean list = FALSE;
@@ -152,6 +154,8 @@ int main(int argc, char **argv) {
        "The driver publishes its status as this PTZ instance (default: its status is not looked at)", "N"},
       {"tap", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, &tap, "Print TAP, for a test harness", nullptr},
       {"json", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, &json, "Print JSON", nullptr},
+      {"color", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_STRING, &colour_option,
+       "Colours: always, never, or auto, on a terminal where NO_COLOR is not set", "WHEN"},
       {}};
   const Options options(g_option_context_new("[-- COMMAND...] - check a pan-tilt-zoom driver"));
   g_option_context_add_main_entries(options.get(), entries, nullptr);
@@ -163,6 +167,7 @@ int main(int argc, char **argv) {
   }
   const Text socket(socket_option);
   const Text log(log_option);
+  const Text colours(colour_option);
   const Owned<char *, g_strfreev> only(only_option);
   const Owned<char *, g_strfreev> skip(skip_option);
   char **words = argv + 1;
@@ -172,6 +177,7 @@ int main(int argc, char **argv) {
     if (!(seconds > 0 && seconds <= most_seconds)) return usage("times are above 0 and at most 3600 seconds");
   }
   if (instance < 0) return usage("instances count from 1");
+  if (!choose_colours(colours ? colours.get() : "auto")) return usage("--color is always, never or auto");
   if (tap && json) return usage("--tap and --json exclude each other");
   const Format format = tap ? Format::tap : json ? Format::json : Format::text;
   const auto checks = matching(only.get(), skip.get());

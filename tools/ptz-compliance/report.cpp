@@ -1,10 +1,10 @@
 #include "report.h"
 
-#include <json-glib/json-glib.h>
-#include <unistd.h>
-
 #include <array>
 #include <cstdio>
+
+#include "colours.h"
+#include "json_text.h"
 
 namespace compliance {
 
@@ -13,7 +13,7 @@ namespace {
 using Builder = example::Object<JsonBuilder>;
 
 constexpr std::array<const char *, 3> result_names = {"passed", "failed", "not applicable"};  // by Result
-constexpr std::array<const char *, 3> result_colours = {"32", "31", "33"};
+constexpr std::array<Look, 3> result_looks = {Look::good, Look::bad, Look::notice};
 
 const char *name_of(Result result) { return result_names[static_cast<std::size_t>(result)]; }
 const char *name_of(Traffic::Direction direction) { return direction == Traffic::sent ? "sent" : "received"; }
@@ -37,15 +37,14 @@ struct Counts {
 
 class TextReport : public Report {
   Counts counts_;
-  const bool colours_ = isatty(STDOUT_FILENO) != 0 && g_getenv("NO_COLOR") == nullptr;
 
  public:
   void add(const Check &check, const Outcome &outcome) override {
     counts_.count(outcome.result);
-    const char *const colour = result_colours[static_cast<std::size_t>(outcome.result)];
-    const std::string begin = colours_ ? std::string("\x1b[") + colour + "m" : "";
-    std::printf("%s%-14s%s  %s: %s", begin.c_str(), name_of(outcome.result), colours_ ? "\x1b[0m" : "", check.name,
-                check.title);
+    std::string result = name_of(outcome.result);
+    result.resize(14, ' ');
+    const Look look = result_looks[static_cast<std::size_t>(outcome.result)];
+    std::printf("%s  %s: %s", painted(look, result).c_str(), check.name, check.title);
     if (!outcome.remark.empty()) {
       std::printf(outcome.result == Result::passed ? " (%s)" : " - %s", outcome.remark.c_str());
     }
@@ -108,9 +107,8 @@ void add_number(const Builder &builder, const char *name, gint64 value) {
 }
 void print(const Builder &builder) {
   JsonNode *const root = json_builder_get_root(builder.get());
-  const example::Text text(json_to_string(root, TRUE));
+  std::printf("%s\n", json_text(root, true).c_str());
   json_node_free(root);
-  std::printf("%s\n", text.get());
 }
 
 class JsonReport : public Report {
