@@ -14,6 +14,7 @@
 #include <type_traits>
 
 #include "base/check.h"
+#include "transport/close_on_exec.h"
 #include "transport/monotonic_clock.h"
 
 static_assert(std::is_standard_layout_v<PTZSocket> && std::is_standard_layout_v<PTZSocketClass>);
@@ -82,11 +83,12 @@ bool listen_on(const char *function, gint fd, const gchar *path) {
 
 void open_server_socket(PTZSocket *self) {
   if (self->fd != -1) unlink(self->socket);
-  self->fd = socket(AF_UNIX, self->type | SOCK_CLOEXEC, 0);
+  self->fd = socket(AF_UNIX, self->type, 0);
   if (self->fd < 0) {
     syslog(LOG_ERR, "Failed to create listening socket");
     return;
   }
+  ptz::close_on_exec(self->fd);
   if (!listen_on(__func__, self->fd, self->socket)) {
     // Only the file goes; the descriptor is left open, so that its number is not given out again while a process that
     // could not listen still believes that it does.
@@ -108,12 +110,13 @@ bool connect_to(const char *function, gint fd, const gchar *path) {
 }
 
 int open_client_socket(const gchar *path, gint32 *fd, gint type) {
-  *fd = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
+  *fd = socket(AF_UNIX, type, 0);
   if (*fd < 0) {
     syslog(LOG_ERR, "Could not open client socket, type=%d, errno=%s", type, std::strerror(errno));
     *fd = -1;
     return -1;
   }
+  ptz::close_on_exec(*fd);
   if (connect_to(__func__, *fd, path)) return 0;
   close(*fd);
   unlink(path);  // a file that nobody can connect to only hides from its server that it has to listen anew

@@ -14,6 +14,7 @@
 
 #include "base/check.h"
 #include "ptz_socket_frame.h"
+#include "transport/close_on_exec.h"
 #include "transport/socket_server_private.h"
 
 static_assert(std::is_standard_layout_v<PTZSocketServer> && std::is_standard_layout_v<PTZSocketServerClass>);
@@ -96,7 +97,7 @@ gboolean accept_client(PTZSocketServerSource *source) {
     stop_watching(source, source->tag);
     return G_SOURCE_REMOVE;
   }
-  fcntl(fd, F_SETFD, FD_CLOEXEC);
+  ptz::close_on_exec(fd);
   make_non_blocking(fd);
   add_client(source, fd);
   return G_SOURCE_CONTINUE;

@@ -275,6 +275,7 @@ TEST(SocketServerOpen, TakesItsStepsInOrder) {
   const auto server = open_server(path);
   EXPECT_EQ(sequence(calls), (std::vector{Call::socket, Call::get_status_flags, Call::set_status_flags, Call::unlink,
                                           Call::bind, Call::chmod, Call::listen}));
+  EXPECT_EQ(calls.attempts(Call::socket)[0].argument, SOCK_STREAM);
   EXPECT_EQ(calls.attempts(Call::unlink)[0].path, path);
   EXPECT_EQ(calls.attempts(Call::bind)[0].path, path);
   EXPECT_EQ(calls.attempts(Call::bind)[0].argument, static_cast<std::int64_t>(path.size() + 2));
@@ -420,6 +421,7 @@ TEST(SocketClientOpen, TakesItsStepsInOrder) {
   const auto client = open_client(path);
   EXPECT_EQ(sequence(calls),
             (std::vector{Call::socket, Call::get_status_flags, Call::set_status_flags, Call::connect}));
+  EXPECT_EQ(calls.attempts(Call::socket)[0].argument, SOCK_STREAM);
   EXPECT_EQ(calls.attempts(Call::connect)[0].path, path);
   EXPECT_EQ(calls.attempts(Call::connect)[0].argument, 110);
 }
