@@ -148,6 +148,7 @@ PTZ_API gboolean ptz_socket_client_command_async_send (PTZSocketClientCommand *c
  * Sends a request and waits for its reply, at most ten seconds. Meanwhile the main loop does not watch the descriptor;
  * replies to asynchronous requests that arrive are handed to it. A peer that closes the connection, and a frame that
  * cannot be, end the wait at once, with the message of a time-out.
+ * A signal to the thread does not end it; the first one is logged.
  *
  * Thread: any but the one of the default main context, which it would block.
  *

@@ -126,9 +126,7 @@ void give_up_stream(PTZSocketClientCommand *self) {
   ptz_socket_client_remove_poll(PTZ_SOCKET_CLIENT(self));
 }
 
-bool waits_for_more(int read_error) { return read_error == EAGAIN || read_error == EINTR; }
-
-bool is_silent(int read_error) { return waits_for_more(read_error) || read_error == EPIPE || read_error == ECONNRESET; }
+bool is_silent(int read_error) { return read_error == EAGAIN || read_error == EPIPE || read_error == ECONNRESET; }
 
 // receiving held. Behind a length that cannot be, anything might pass for a frame: nothing is read until somebody has
 // deliberately started the watch again.
@@ -138,8 +136,8 @@ bool is_out_of_step(PTZSocketClientCommand *self) {
   return state->out_of_step;
 }
 
-// receiving held. Returns the bytes read, 0 at the end of the stream, -1 with errno on an error. A header of which
-// nothing has followed yet is no error.
+// receiving held. Returns the bytes read, 0 at the end of the stream, -1 with errno on an error, such as EAGAIN where
+// nothing has followed the header yet: what was read is kept.
 gssize ptz_socket_client_command_read_fd(PTZSocketClientCommand *self, gint fd) {
   if (fd < 0) {
     errno = EBADF;
@@ -179,7 +177,7 @@ gssize ptz_socket_client_command_read_fd(PTZSocketClientCommand *self, gint fd) 
     const int error = errno;
     if (!is_silent(error)) log_func(LOG_WARNING, "Unexpected error reading body: %s", std::strerror(error));
     errno = error;
-    return total > 0 && waits_for_more(error) ? total : -1;
+    return -1;
   }
   if (count == 0) {
     give_up_stream(self);
@@ -363,9 +361,11 @@ gboolean ptz_socket_client_command_cmd_timeout(gpointer user_data) {
 }
 
 void start_expiry_timer(PTZSocketClientCommand *self, guint seconds) {
+  self->timeout_source = g_timeout_add_seconds(seconds, ptz_socket_client_command_cmd_timeout, self);
+  if (seconds > 0) return;
   // A timer of whole seconds may come up to one later, but what is due is due at once.
-  self->timeout_source = seconds > 0 ? g_timeout_add_seconds(seconds, ptz_socket_client_command_cmd_timeout, self)
-                                     : g_timeout_add(0, ptz_socket_client_command_cmd_timeout, self);
+  GSource *timer = g_main_context_find_source_by_id(nullptr, self->timeout_source);
+  if (timer != nullptr) g_source_set_ready_time(timer, 0);
 }
 
 void add_pending(PTZSocketClientCommand *self, gpointer context, guint32 message_id) {
@@ -399,17 +399,21 @@ int wait_readable(gint fd, gint64 timeout_ms) {
 bool await_reply(PTZSocketClientCommand *self, guint32 message_id) {
   const gint fd = descriptor_of(self);
   const timespec start = now_or_zero();
+  bool failure_told = false;
   for (gint64 remaining_ms = sync_timeout_ms; remaining_ms > 0;
        remaining_ms = sync_timeout_ms - ptz::elapsed_ms(start, now_or_zero())) {
     const int ready = wait_readable(fd, remaining_ms);
     if (ready < 0) {
-      if (errno == EINTR) continue;
-      syslog(LOG_WARNING, "%s: Error waiting for sync reply from socket! %m", "ptz_socket_client_command_sync_send");
+      const bool by_signal = errno == EINTR;  // which is told once, and is no reason to give the reply up
+      if (!std::exchange(failure_told, true)) {
+        syslog(LOG_WARNING, "%s: Error waiting for sync reply from socket! %m", "ptz_socket_client_command_sync_send");
+      }
+      if (by_signal) continue;
       return false;
     }
     if (ready == 0) continue;
     const gssize count = ptz_socket_client_command_read_fd(self, fd);
-    if (count == 0 || (count < 0 && !waits_for_more(errno))) return false;
+    if (count == 0 || (count < 0 && errno != EAGAIN)) return false;
     if (!frame_complete(self)) continue;
     if (message_id_of(self->buffer) == message_id) return true;
     defer_reply(self, self->buffer, self->expected);

@@ -582,6 +582,10 @@ INSTANTIATE_TEST_SUITE_P(
                     ReadFailure{"AnythingElseInTheHeaderIsLogged", EIO, 0,
                                 "ptz_socket_client_command_read_fd: Unexpected error reading header: "
                                 "Input/output error"},
+                    ReadFailure{"ASignalInTheHeaderIsLogged", EINTR, 0,
+                                "ptz_socket_client_command_read_fd: Unexpected error reading header: "
+                                "Interrupted system call"},
+                    ReadFailure{"NothingBehindTheHeaderIsSilent", EAGAIN, 1, ""},
                     ReadFailure{"APeerThatHasGoneInTheBodyIsSilent", EPIPE, 1, ""},
                     ReadFailure{"AResetInTheBodyIsSilent", ECONNRESET, 1, ""},
                     ReadFailure{"AnythingElseInTheBodyIsLogged", ENOBUFS, 1,
@@ -731,7 +735,7 @@ TEST_F(SocketClientCommand, LogsAWaitThatFails) {
   EXPECT_TRUE(client.watched());
 }
 
-TEST_F(SocketClientCommand, ASignalNeitherEndsNorProlongsAWait) {
+TEST_F(SocketClientCommand, ASignalIsToldOnceAndNeitherEndsNorProlongsAWait) {
   const SyslogCapture log;
   int waits = 0;
   const SelectHook hook([&](long) -> std::optional<int> {
@@ -742,7 +746,11 @@ TEST_F(SocketClientCommand, ASignalNeitherEndsNorProlongsAWait) {
   });
   EXPECT_FALSE(client.sync_send("question"));
   EXPECT_NEAR(waits, 10, 1);
-  EXPECT_EQ(log.lines(), (std::vector<LogLine>{{LOG_WARNING, time_out_message(0)}}));
+  EXPECT_EQ(log.lines(),
+            (std::vector<LogLine>{{LOG_WARNING,
+                                   "ptz_socket_client_command_sync_send: Error waiting for sync reply from socket! "
+                                   "Interrupted system call"},
+                                  {LOG_WARNING, time_out_message(0)}}));
 }
 
 TEST_F(SocketClientCommand, RealSignalsDoNotEndAWait) {
