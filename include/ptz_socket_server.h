@@ -38,8 +38,9 @@ struct _PTZSocketServerClient {
  * @server: the owning server, not referenced
  *
  * The event source that watches the listening descriptor and every client. A dispatch delivers at most one message.
- * Clients are looked at in list order; where several have something to say they take turns, and so does the listening
- * descriptor, so that none that sends without pause keeps the others waiting.
+ * Clients are looked at in list order, and the listening descriptor after them. Where somebody has been kept waiting
+ * for 16 messages, clients and the listening descriptor take turns until nobody is, so that none that sends without
+ * pause keeps the others waiting for ever.
  */
 struct _PTZSocketServerSource {
   GSource source;

@@ -30,6 +30,7 @@ constexpr auto watched_events = static_cast<GIOCondition>(G_IO_IN | G_IO_ERR | G
 constexpr guint readable_events = G_IO_IN | G_IO_PRI;
 constexpr guint ended_events = G_IO_ERR | G_IO_HUP | G_IO_NVAL;
 constexpr gint send_timeout_ms = 1000;
+constexpr gint patience = 16;  // messages; a burst is served in list order, a flood is not
 
 // Of the message that a plain server's callback is looking at; there is one per process.
 PTZSocketServerReplyContext plain_reply_context = {nullptr, nullptr};
@@ -110,13 +111,16 @@ bool others_are_ready(PTZSocketServerSource *source, const PTZSocketServerClient
   return false;
 }
 
-// A client that has just been heard goes behind those that are waiting, and behind the listening descriptor.
+// Where somebody has been kept waiting for too long, a client that has just been heard goes behind those that wait, and
+// behind the listening descriptor.
 void pass_turn(PTZSocketServerSource *source, GList *served) {
   auto *state = ptz::server_state(source->server);
-  state->listening_turn = (events_of(source, source->tag) & readable_events) != 0;
-  state->next_turn = served->next != nullptr && (state->listening_turn || others_are_ready(source, client_of(served)))
-                         ? client_of(served->next)
-                         : nullptr;
+  const bool somebody_connects = (events_of(source, source->tag) & readable_events) != 0;
+  const bool somebody_waits = somebody_connects || others_are_ready(source, client_of(served));
+  state->kept_waiting = somebody_waits ? std::min(state->kept_waiting + 1, patience) : 0;
+  const bool take_turns = state->kept_waiting == patience;
+  state->listening_turn = take_turns && somebody_connects;
+  state->next_turn = take_turns && served->next != nullptr ? client_of(served->next) : nullptr;
 }
 
 // A callback that runs a main loop of its own must not be called again from there. GLib would see to it, by taking all
@@ -212,6 +216,7 @@ gboolean ptz_socket_server_source_dispatch(GSource *base, GSourceFunc function, 
     if (const auto result = serve(source, link, callback, user_data)) return *result;
   }
 
+  state->kept_waiting = 0;
   if (source->tag == nullptr) return G_SOURCE_CONTINUE;  // a server's own descriptor goes with its client
   if (somebody_connects) return accept_client(source);
   // What never passes would wake the main loop without end.

@@ -7,6 +7,7 @@
 struct PTZSocketServerPrivate {
   std::vector<guint32> connections;  // by descriptor: the number of the connection that holds it, 0 for none
   guint32 last_connection = 0;
+  gint kept_waiting = 0;                       // messages in a row that left somebody waiting
   PTZSocketServerClient *next_turn = nullptr;  // whom the next dispatch looks at first; null for the list's head
   bool listening_turn = false;                 // ... before whom it accepts
   bool serving = false;                        // a callback runs

@@ -232,6 +232,23 @@ TEST_F(SocketServer, DeliversOneMessagePerDispatchNewestClientFirst) {
   EXPECT_EQ(server.messages[1].body, "from the older");
 }
 
+TEST_F(SocketServer, ServesABurstNewestClientFirst) {
+  const Descriptor older = connect(), newer = connect();
+  send_all(older.get(), "from the older");
+  const Descriptor late = connect_to(path);
+  for (int i = 0; i < 10; ++i) {
+    send_all(newer.get(), "from the newer");
+    iterate();
+    ASSERT_EQ(server.messages.size(), i + 1u);
+    EXPECT_EQ(server.messages.back().body, "from the newer");
+  }
+  iterate();
+  EXPECT_EQ(server.messages.back().body, "from the older");
+  EXPECT_EQ(server.client_count(), 2u);
+  iterate();
+  EXPECT_EQ(server.client_count(), 3u);
+}
+
 TEST_F(SocketServer, LetsANewClientWaitForTheIterationAfterAMessage) {
   const Descriptor peer = connect();
   send_all(peer.get(), "hello");
@@ -618,6 +635,7 @@ TEST_F(SocketServer, StopsWatchingAListeningDescriptorThatWasClosedUnderIt) {
 }
 
 class SocketServerFairness : public SocketServer, public testing::WithParamInterface<bool> {};
+constexpr int patience = 16;  // messages before turns are taken
 INSTANTIATE_TEST_SUITE_P(, SocketServerFairness, testing::Bool(),
                          [](const auto &tested) { return tested.param ? "TheFloodIsNewest" : "TheFloodIsOldest"; });
 
@@ -631,14 +649,14 @@ TEST_P(SocketServerFairness, AFloodingClientStarvesNeitherClientsNorTheListening
     return std::any_of(server.messages.begin(), server.messages.end(),
                        [&](const Message &message) { return message.body == text; });
   };
-  for (int i = 0; i < 20; ++i) {
+  for (int i = 0; i < patience + 20; ++i) {
     fill(flooding.get());
     if (i == 4) {
       send_all(quiet.get(), "quiet");
       late = connect_to(path);
       send_all(late.get(), "late");
     }
-    if (i == 4 + 6) {
+    if (i == 4 + patience + 6) {
       EXPECT_TRUE(heard("quiet"));
       EXPECT_EQ(server.client_count(), 3u);
     }
@@ -658,7 +676,7 @@ TEST_F(SocketServer, ManyFloodingClientsLeaveEachOtherTheirTurns) {
     ++turns[message.client_fd];
     return TRUE;
   };
-  for (int i = 0; i < 4 * (floods + 1); ++i) {
+  for (int i = 0; i < patience + 4 * (floods + 1); ++i) {
     iterate();
     for (const Descriptor &peer : peers) fill(peer.get());
   }
