@@ -1,7 +1,47 @@
-# Completes ptzctl and ptz-compliance from what they say of themselves with --help.
+# Completes ptzctl and ptz-compliance from what they say of themselves.
+
+# Usage: _ptz_paths TOOL BEGINNING - parameters and groups, one level further; groups end in a dot.
+_ptz_paths() {
+  local group=${2%"${2##*.}"}
+  group=${group:-root.}
+  "$1" param list "${group%.}" 2>/dev/null | sed "s/=.*//; $([[ $2 == root* ]] || echo 's/^root\.//')"
+}
+
+# Usage: _ptz_values OPTION BEGINNING COMMAND... - what may follow an option, or the words of a command.
+_ptz_values() {
+  local option=$1 beginning=$2 type
+  shift 2
+  case $option in
+    --color) printf '%s\n' always auto never ;;
+    --only | --skip) ptz-compliance --list | sed 's/:.*//' ;;
+    -*) ;;
+    *)
+      case "${*:2}" in
+        'counter show') "$@" | sed 's/ .*//' ;;
+        'driver move')
+          for type in PTZMove PTZMoveCmd; do
+            "$1" enum "$type" --json | sed 's/.*"nick":"\(.*\)"}/\1/; /none/d; y/ /-/'
+          done
+          ;;
+        enum) "$@" ;;
+        'param get' | 'param set') _ptz_paths "$1" "$beginning" ;;
+        'param '*) _ptz_paths "$1" "$beginning" | grep '\.$' ;;
+        'status show') printf '%s\n' limit position various ;;
+        'timing show') "$@" | sed '1d; s/ .*//' ;;
+      esac
+      ;;
+  esac 2>/dev/null
+}
+
 _ptz_tools() {
-  local current=${COMP_WORDS[COMP_CWORD]} help word
+  local current=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]} help word words
   local -a command=("${COMP_WORDS[0]}")
+  # "--color=al" is three words here.
+  if [[ $current == = ]]; then
+    current=
+  elif [[ $before == = ]]; then
+    before=${COMP_WORDS[COMP_CWORD - 2]}
+  fi
   help=$("${command[@]}" --help 2>/dev/null) || return
   for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
     [[ $help == 'Usage: '*' SUBCOMMAND'* ]] || break
@@ -9,13 +49,19 @@ _ptz_tools() {
     command+=("$word")
     help=$("${command[@]}" --help 2>/dev/null) || return
   done
-  if [[ $current == -* ]]; then
-    word=$(sed --quiet 's/^  \(-[a-z], \)\?\(--[a-z-]*\).*/\2/p' <<<"$help")
-  elif [[ $help == 'Usage: '*' SUBCOMMAND'* ]]; then
-    word=$(sed --quiet 's/^  \([a-z-]*\) .*/\1/p' <<<"$help")
+  if [[ $help == 'Usage: '*' SUBCOMMAND'* ]]; then
+    words=$(echo --help && sed --quiet 's/^  \([a-z-]*\) .*/\1/p' <<<"$help")
+    [[ -n $current ]] || words=${words#--help}
+  elif [[ $current == -* ]]; then
+    words=$(sed --quiet 's/^  \(-[a-z], \)\?\(--[a-z-]*\).*/\2/p' <<<"$help")
   else
-    word=
+    words=$(_ptz_values "$before" "$current" "${command[@]}")
   fi
-  mapfile -t COMPREPLY < <(compgen -W "$word" -- "$current")
+  COMPREPLY=()
+  while read -r word; do
+    [[ -z $word || $word != "$current"* ]] || COMPREPLY+=("$word")
+  done <<<"$words"
+  # Behind a group there is more.
+  [[ ${COMPREPLY[*]-} != *. ]] || compopt -o nospace 2>/dev/null || true
 }
 complete -o default -F _ptz_tools ptzctl ptz-compliance

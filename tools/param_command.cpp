@@ -28,6 +28,11 @@ std::string full_path(const std::string &path) {
   return path == "root" || g_str_has_prefix(path.c_str(), "root.") ? path : "root." + path;
 }
 
+// A list shows a group with a dot at its end.
+std::string group_path(const std::string &path) {
+  return full_path(path.ends_with('.') ? path.substr(0, path.size() - 1) : path);
+}
+
 const char *reason_of(gint32 error) {
   switch (error) {
     case PARAM_SERVICE_OK:
@@ -185,7 +190,7 @@ int run_list(const std::string &words, int argc, char **argv) {
       Asks::nobody);
   const auto given = options.parse(argc, argv);
   if (!given) return exit_usage;
-  const auto path = full_path(given->empty() ? "root" : given->front());
+  const auto path = group_path(given->empty() ? "root" : given->front());
   Group group;
   gint32 error = 0;
   if (!read_group(path, group, error)) return complain_of(path, error);
@@ -251,7 +256,7 @@ int run_tree(const std::string &words, int argc, char **argv) {
   Options options(words, {"[GROUP]", "Draws all that is in a group, by default in root.", " PTZ"}, Asks::nobody);
   const auto given = options.parse(argc, argv);
   if (!given) return exit_usage;
-  const auto path = full_path(given->empty() ? "root" : given->front());
+  const auto path = group_path(given->empty() ? "root" : given->front());
   Words groups;
   gint32 error = 0;
   if (!walk(path, param_service_get_child_groups, param_service_get_child_group, groups, error)) {
@@ -280,7 +285,7 @@ int run_create(const std::string &words, int argc, char **argv) {
   if (!number) return exit_usage;
   Call call;
   call.options.number = static_cast<gint32>(*number);
-  const auto path = full_path(given->front());
+  const auto path = group_path(given->front());
   const ptz::Text created(
       param_service_create_dynamic_group(path.c_str(), (*given)[1].c_str(), &call.options, &call.error));
   if (call.error != 0 || created == nullptr) {
@@ -295,7 +300,7 @@ int run_delete(const std::string &words, int argc, char **argv) {
   const auto given = options.parse(argc, argv);
   if (!given) return exit_usage;
   Call call;
-  const auto path = full_path(given->front());
+  const auto path = group_path(given->front());
   param_service_delete_group(path.c_str(), &call.options, &call.error);
   if (call.error != 0) return complain_of(path, call.error);
   if (options.as_json()) print_group(path, "", true);

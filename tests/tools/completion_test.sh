@@ -5,10 +5,14 @@ source "$1"
 shift
 for folder; do PATH=$folder:$PATH; done
 
-# Usage: expect WORDS EXPECTED - the last of the words is the one to complete.
+scratch=$(mktemp --directory)
+trap 'rm -rf "$scratch"' EXIT
+export PTZ_PLATFORM_STATE_DIR=$scratch PTZ_PLATFORM_RUNTIME_DIR=$scratch
+
+# Usage: expect LINE EXPECTED - at the end of the line, whose words are divided as readline does.
 expect() {
   local found
-  read -ra COMP_WORDS <<<"$1"
+  read -ra COMP_WORDS <<<"${1//=/ = }"
   [[ $1 != *' ' ]] || COMP_WORDS+=('')
   COMP_CWORD=$((${#COMP_WORDS[@]} - 1))
   COMPREPLY=()
@@ -23,8 +27,42 @@ expect() {
 expect 'ptzctl dr' 'driver'
 expect 'ptzctl driver p' 'params position presets'
 expect 'ptzctl driver presets ' 'goto list store'
-expect 'ptzctl status show --j' '--json'
-expect 'ptzctl driver move --p' '--pan'
-expect 'ptzctl driver move absolute --ti' '--tilt --timeout'
 expect 'ptzctl nonsense ' ''
-expect 'ptz-compliance --ta' '--tap'
+
+# Every option of every help is completed.
+options_of() {
+  local name help
+  help=$("$@" --help)
+  if [[ $help != *SUBCOMMAND* ]]; then
+    expect "$* -" "$(grep --only-matching '^  \(-[a-z], \)\?--[a-z-]*' <<<"$help" | sed 's/.*--/--/' | paste -sd' ')"
+    return
+  fi
+  expect "$* --h" '--help'
+  while read -r name; do options_of "$@" "$name"; done < <(sed --quiet 's/^  \([a-z]*\) .*/\1/p' <<<"$help")
+}
+options_of ptzctl
+options_of ptz-compliance
+expect 'ptzctl status show --j' '--json'
+expect 'ptzctl driver move absolute --ti' '--tilt --timeout'
+
+# Values, too.
+expect 'ptzctl status show --color ' 'always auto never'
+expect 'ptzctl status show --color=' 'always auto never'
+expect 'ptzctl status show --color=a' 'always auto'
+expect 'ptzctl status show --color=always ' 'limit position various'
+expect 'ptzctl status show p' 'position'
+expect 'ptzctl driver info --socket ' ''
+expect 'ptzctl driver move ab' 'absolute'
+expect 'ptzctl driver move up' 'up up-left up-right'
+expect 'ptzctl enum PTZMove' 'PTZMove PTZMoveStatus PTZMoveCmd'
+expect 'ptz-compliance --only socket.' 'socket.permissions'
+expect 'ptz-compliance --skip process.r' 'process.restart-same-socket'
+ptzctl param set PTZ.Head.H1.PanMax 9000
+ptzctl param set PTZ.Name 'a=b'
+expect 'ptzctl param get ' 'PTZ.'
+expect 'ptzctl param get PTZ.' 'PTZ.Name PTZ.Head.'
+expect 'ptzctl param get PTZ.N' 'PTZ.Name'
+expect 'ptzctl param get root.PTZ.H' 'root.PTZ.Head.'
+expect 'ptzctl param set PTZ.Head.H1.' 'PTZ.Head.H1.PanMax'
+expect 'ptzctl param tree PTZ.' 'PTZ.Head.'
+expect 'ptzctl param get Missing.' ''

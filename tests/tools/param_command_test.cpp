@@ -57,6 +57,7 @@ TEST_F(PtzctlParam, AGroupIsListed) {
   expect({"set", "PTZ.Preset.P1.Name", "y"}, "");
   expect({"list"}, "root.PTZ.\n");
   expect({"list", "PTZ"}, "root.PTZ.Name=x\nroot.PTZ.Preset.\n");
+  expect({"list", "root.PTZ.Preset."}, "root.PTZ.Preset.P1.\n");
   expect({"list", "PTZ", "--json"}, "{\"path\":\"root.PTZ.Name\",\"value\":\"x\"}\n{\"group\":\"root.PTZ.Preset\"}\n");
   expect_failure({"list", "PTZ.Missing"}, "ptzctl: root.PTZ.Missing: there is no such group (error -2)\n");
 }

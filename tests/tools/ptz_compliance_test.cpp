@@ -201,6 +201,11 @@ TEST(PtzCompliance, WhatDoesNotApplySaysWhyAndFailsNothing) {
       << run.output;
 }
 
+TEST(PtzCompliance, ColoursAreForWhoWantsThem) {
+  const ToolRun run = run_tool(with({"--color=always", "--only", "socket.permissions"}, sim_driver()));
+  EXPECT_EQ(run.output.find("\x1b[32mpassed        \x1b[0m  socket.permissions: "), 0U) << run.output;
+}
+
 TEST(PtzCompliance, LatenciesAreShown) {
   const ToolRun run = run_tool(with({"--only", "latency.*"}, sim_driver()));
   EXPECT_EQ(run.status, 0) << run.output;
@@ -298,6 +303,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Misuse{"UnknownOption", {"--colour"}, "Unknown option --colour"},
                     Misuse{"NobodyListens", {"--socket", "/nowhere/at.all"}, "nobody listens on /nowhere/at.all"},
                     Misuse{"NoSuchCheck", {"--only", "framing", "--list"}, "no check has such a name"},
+                    Misuse{"Colour", {"--color", "red", "--list"}, "--color is always, never or auto"},
                     Misuse{"TwoFormats", {"--tap", "--json", "--list"}, "exclude each other"},
                     Misuse{"NoTime", {"--timeout", "0", "--list"}, "times are above 0"},
                     Misuse{"CommandWithoutPath", {"--", "true"}, "needs {socket}"},
