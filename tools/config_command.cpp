@@ -50,7 +50,7 @@ bool is_silence(const GError *error) {
   constexpr gint bus_codes[] = {G_DBUS_ERROR_SERVICE_UNKNOWN, G_DBUS_ERROR_NAME_HAS_NO_OWNER,
                                 G_DBUS_ERROR_NO_REPLY,        G_DBUS_ERROR_TIMEOUT,
                                 G_DBUS_ERROR_TIMED_OUT,       G_DBUS_ERROR_DISCONNECTED};
-  constexpr gint io_codes[] = {G_IO_ERROR_TIMED_OUT, G_IO_ERROR_CLOSED, G_IO_ERROR_NOT_FOUND};
+  constexpr gint io_codes[] = {G_IO_ERROR_TIMED_OUT, G_IO_ERROR_CLOSED};
   const auto is_one_of = [error](std::span<const gint> codes) {
     return std::ranges::find(codes, error->code) != codes.end();
   };

@@ -186,11 +186,19 @@ std::optional<gint> value_of(GType type, const std::string &text) {
   return std::nullopt;
 }
 
-Words nicks_of(GType type) {
-  auto *const values = static_cast<GEnumClass *>(g_type_class_ref(type));
-  Words nicks;
-  for (guint i = 0; i < values->n_values; ++i) nicks.emplace_back(values->values[i].value_nick);
-  return nicks;
+// "up-left" is one word of a command line.
+std::string with(char joint, char instead_of, std::string text) {
+  std::replace(text.begin(), text.end(), instead_of, joint);
+  return text;
+}
+
+Words kinds_of_move() {
+  Words kinds;
+  for (const GType type : {PTZ_TYPE_MOVE, PTZ_TYPE_MOVE_CMD}) {
+    const auto *const values = static_cast<GEnumClass *>(g_type_class_ref(type));
+    for (guint i = 0; i < values->n_values; ++i) kinds.push_back(with('-', ' ', values->values[i].value_nick));
+  }
+  return kinds;
 }
 
 // NaN is where an axis was not named.
@@ -224,17 +232,13 @@ int run_move(const std::string &words, int argc, char **argv) {
   const auto given = options.parse(argc, argv);
   if (!given || !options.is_within("--speed", speed, 1, full_speed)) return exit_usage;
   const std::string &kind = given->front();
-  std::string spaced = kind;
-  std::replace(spaced.begin(), spaced.end(), '-', ' ');
-  if (const auto direction = value_of(PTZ_TYPE_MOVE_CMD, spaced)) {
+  if (const auto direction = value_of(PTZ_TYPE_MOVE_CMD, with(' ', '-', kind))) {
     const MoveCommandRequest run = {static_cast<guint32>(*direction), static_cast<guint16>(speed)};
     return obey(options, PTZ_COMMAND_MOVE_COMMAND, make_body(PTZ_COMMAND_MOVE_COMMAND, run), wait != FALSE);
   }
   const auto move_kind = value_of(PTZ_TYPE_MOVE, kind);
   if (!move_kind) {
-    Words kinds = nicks_of(PTZ_TYPE_MOVE), directions = nicks_of(PTZ_TYPE_MOVE_CMD);
-    kinds.insert(kinds.end(), directions.begin(), directions.end());
-    return options.misused("'%s' is no kind of move%s", kind.c_str(), did_you_mean(kind, kinds).c_str());
+    return options.misused("'%s' is no kind of move%s", kind.c_str(), did_you_mean(kind, kinds_of_move()).c_str());
   }
   MoveRequest move = {static_cast<guint32>(*move_kind), 0, static_cast<guint16>(speed), {}};
   for (std::size_t i = 0; i < axis_count; ++i) {
