@@ -23,15 +23,17 @@ std::atomic<int> allocation_error = 0, mapping_error = 0;
 
 }  // namespace
 
-// Take the place of the C library's functions in the whole test program.
+// Take the place of the C library's functions in the whole test program. Offsets have 64 bits on every machine, and
+// where long has 32, the C library calls the functions that take such offsets by the names that end in 64.
+static_assert(sizeof(off_t) == 8);
 extern "C" {
 __attribute__((visibility("default"))) int posix_fallocate(int fd, off_t offset, off_t length) {
-  static const auto real = reinterpret_cast<int (*)(int, off_t, off_t)>(dlsym(RTLD_NEXT, "posix_fallocate"));
+  static const auto real = reinterpret_cast<int (*)(int, off_t, off_t)>(dlsym(RTLD_NEXT, "posix_fallocate64"));
   return allocation_error != 0 ? allocation_error.load() : real(fd, offset, length);
 }
 __attribute__((visibility("default"))) void *mmap(void *address, size_t length, int protection, int flags, int fd,
                                                   off_t offset) noexcept {
-  static const auto real = reinterpret_cast<void *(*)(void *, size_t, int, int, int, off_t)>(dlsym(RTLD_NEXT, "mmap"));
+  static const auto real = reinterpret_cast<void *(*)(void *, size_t, int, int, int, off_t)>(dlsym(RTLD_NEXT, "mmap64"));
   if (mapping_error != 0 && fd >= 0) {
     errno = mapping_error;
     return MAP_FAILED;

@@ -8,7 +8,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstddef>
 #include <ctime>
 #include <map>
 #include <thread>
@@ -24,15 +23,6 @@ using namespace ptz_test;
 
 namespace {
 
-static_assert(offsetof(PTZSocketClientCommand, fill) == sizeof(PTZSocketClient));
-static_assert(offsetof(PTZSocketClientCommand, expected) == sizeof(PTZSocketClient) + 4);
-static_assert(offsetof(PTZSocketClientCommand, buffer) == sizeof(PTZSocketClient) + 8);
-static_assert(offsetof(PTZSocketClientCommand, next_id) == sizeof(PTZSocketClient) + 16);
-static_assert(offsetof(PTZSocketClientCommand, pending) == sizeof(PTZSocketClient) + 24);
-static_assert(offsetof(PTZSocketClientCommand, timeout_source) == sizeof(PTZSocketClient) + 32);
-static_assert(offsetof(PTZSocketClientCommand, mutex) == sizeof(PTZSocketClient) + 40);
-static_assert(offsetof(PTZSocketClientCommand, free_user_data) == sizeof(PTZSocketClient) + 48);
-static_assert(offsetof(PTZSocketClientCommand, free_callback) == sizeof(PTZSocketClient) + 56);
 static_assert(sizeof(PTZSocketClientCommandClass) == sizeof(PTZSocketClientClass));
 
 constexpr std::int64_t expiry_ms = 360'000;

@@ -15,15 +15,7 @@ using namespace ptz_test;
 
 namespace {
 
-static_assert(offsetof(PTZSocketServerCommand, fill) == sizeof(PTZSocketServer));
-static_assert(offsetof(PTZSocketServerCommand, expected) == sizeof(PTZSocketServer) + 4);
-static_assert(offsetof(PTZSocketServerCommand, message_id) == sizeof(PTZSocketServer) + 8);
-static_assert(offsetof(PTZSocketServerCommand, buffer) == sizeof(PTZSocketServer) + 16);
-static_assert(offsetof(PTZSocketServerCommand, have_message) == sizeof(PTZSocketServer) + 24);
 static_assert(sizeof(PTZSocketServerCommandClass) == sizeof(PTZSocketServerClass));
-static_assert(offsetof(PTZSocketServerCommandReplyContext, fd) == 0);
-static_assert(offsetof(PTZSocketServerCommandReplyContext, server) == sizeof(gpointer));
-static_assert(offsetof(PTZSocketServerCommandReplyContext, message_id) == 2 * sizeof(gpointer));
 
 class SocketServerCommand : public testing::Test {
  protected:
