@@ -1,9 +1,10 @@
 #!/usr/bin/env python3
 """Counts the results of test runs and prints what failed; the last line is "N passed, M failed".
 
-A run is known by its title and the logs that meson wrote, as their path without the suffixes. Two are read: the JUnit
-file has each case of a test program, and the JSON file how each program ended, for a program can fail after its last
-case has passed, or before it wrote down any.
+A run is known by its title, the logs that meson wrote, as their path without the suffixes, and how many programs it
+has: fewer results mean that meson itself ended early. Two logs are read: the JUnit file has each case of a test program,
+and the JSON file how each program ended, for a program can fail after its last case has passed, or before it wrote down
+any.
 """
 import argparse
 import json
@@ -40,7 +41,7 @@ def cases_of_programs(junit, names):
     return cases
 
 
-def read_run(title, logs, counts):
+def read_run(title, logs, expected, counts):
     with open(logs + '.json', encoding='utf-8') as file:
         programs = [json.loads(line) for line in file]
     junit = xml.etree.ElementTree.parse(logs + '.junit.xml').getroot()
@@ -57,21 +58,23 @@ def read_run(title, logs, counts):
         if ended == 'failed':
             output = PASSING.sub('', (program.get('stdout') or '') + (program.get('stderr') or '')).strip('\n')
             print(*output.splitlines()[-OUTPUT_LINES:], '', sep='\n')
+    if len(programs) != expected:
+        raise ValueError(f'{len(programs)} of {expected} programs have results')
 
 
 def main():
     parser = argparse.ArgumentParser()
-    parser.add_argument('--run', nargs=2, action='append', default=[], metavar=('TITLE', 'LOGS'))
+    parser.add_argument('--run', nargs=3, action='append', default=[], metavar=('TITLE', 'LOGS', 'PROGRAMS'))
     parser.add_argument('--failure', action='append', default=[], metavar='TITLE', help='something else that failed')
     arguments = parser.parse_args()
     counts = {'passed': 0, 'failed': len(arguments.failure), 'skipped': 0}
     print()
-    for title, logs in arguments.run:
+    for title, logs, expected in arguments.run:
         try:
-            read_run(title, logs, counts)
+            read_run(title, logs, int(expected), counts)
         except Exception as error:  # whatever it is, the count must come out
             counts['failed'] += 1
-            print(f'FAILED: {title}: no results: {error}')
+            print(f'FAILED: {title}: no or not all results: {error}')
     for title in arguments.failure:
         print(f'FAILED: {title}')
     if counts['skipped'] > 0:
