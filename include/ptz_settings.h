@@ -9,8 +9,11 @@
  * where the key is missing there and present in the other. The shell accessors ask the shell store only.
  *
  * Each load throws away what its store held, also where it fails. Loaders hold their store's lock for the whole load,
- * so readers in other threads wait and never see half of it. What has no end, such as a pipe or a device, is refused like
- * a file that cannot be opened. A record without a proper group or key is left out.
+ * so readers in other threads wait and never see half of it. A record without a proper group or key is left out.
+ *
+ * A pipe is read until its last writer has gone; one that brings nothing for 10 seconds cannot be opened, and one that
+ * takes 10 seconds more, or brings more than 16 MiB, cannot be read. A device or a socket, which may have no end, cannot
+ * be opened; /dev/null is an empty file.
  *
  * A group that begins with "root." or "ROOT." is looked up without these five characters. An index of 0 or more is
  * appended to the group's name in decimal; a negative one is not.

@@ -19,7 +19,6 @@ using Text = Handle<char, g_free>;
 using TextList = Handle<char *, g_strfreev>;
 using Error = Handle<GError, g_error_free>;  // a new type is one such line
 using KeyFile = Handle<GKeyFile, g_key_file_unref>;
-using StringBuffer = Handle<GString, [](GString *text) { g_string_free(text, TRUE); }>;
 template <typename T>
 using Object = Handle<T, g_object_unref>;  // adopts the reference it is given
 template <typename T>

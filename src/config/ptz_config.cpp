@@ -5,7 +5,7 @@
 
 #include "base/check.h"
 #include "base/handles.h"
-#include "config/endless_file.h"
+#include "config/whole_key_file.h"
 #include "platform/file_util.h"
 
 namespace {

@@ -4,8 +4,8 @@
 
 #include "base/check.h"
 #include "base/handles.h"
-#include "config/endless_file.h"
 #include "config/key_file_value.h"
+#include "config/whole_key_file.h"
 
 namespace {
 

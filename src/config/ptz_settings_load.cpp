@@ -6,8 +6,8 @@
 
 #include "base/check.h"
 #include "base/handles.h"
-#include "config/endless_file.h"
 #include "config/settings_stores.h"
+#include "config/whole_key_file.h"
 #include "platform/kv_config.h"
 #include "ptz_settings.h"
 
@@ -20,8 +20,6 @@ constexpr guint list_step = 20;
 constexpr int listing_line_size = 200;
 constexpr char latin1[] = "ISO-8859-1";
 constexpr char utf8[] = "UTF-8";
-
-using Channel = ptz::Handle<GIOChannel, g_io_channel_unref>;
 
 void drop(GKeyFile *&store) {
   if (store != nullptr) g_key_file_unref(std::exchange(store, nullptr));
@@ -137,38 +135,32 @@ bool load_records(GKeyFile *store, const PTZSettingsFileExt &file) {
   return true;
 }
 
-Channel open_raw(const gchar *path, GError **error) {
-  struct stat status = {};
-  ptz::UniqueFd file = ptz::open_with_end(path, status, error);
-  if (!file) return nullptr;
-  Channel channel(g_io_channel_unix_new(file.release()));
-  g_io_channel_set_close_on_unref(channel.get(), TRUE);
-  g_io_channel_set_encoding(channel.get(), nullptr, nullptr);
-  return channel;
-}
-
 enum class Contents { read, skipped, failed };
 
-// The store's lock held. The whole file; an optional one that cannot be opened is skipped.
-Contents read_contents(const gchar *path, gboolean mandatory, ptz::Text &contents, gsize &length) {
+// The store's lock held. Appends the whole file; an optional one that cannot be opened is skipped.
+Contents append_contents(const gchar *path, gboolean mandatory, std::string &text) {
   ptz::Error error;
-  const Channel channel = open_raw(path, ptz::out(error));
-  if (channel == nullptr) {
+  struct stat status = {};
+  ptz::UniqueFd file = ptz::open_with_end(path, status, ptz::out(error));
+  if (file && S_ISFIFO(status.st_mode) && !ptz::wait_for_pipe(file.get())) {
+    ptz::set_file_error(ptz::out(error));
+    file.reset();
+  }
+  if (!file) {
     if (!mandatory) return Contents::skipped;
     syslog(LOG_ERR, "could not open file '%s': %s", path, ptz::message_of(error));
     return Contents::failed;
   }
-  const GIOStatus status = g_io_channel_read_to_end(channel.get(), ptz::out(contents), &length, ptz::out(error));
-  if (status == G_IO_STATUS_NORMAL) return Contents::read;
-  syslog(LOG_ERR, "failed reading file '%s': %s", path, ptz::message_of(error));
+  if (ptz::read_to_end(file.get(), status, text)) return Contents::read;
+  syslog(LOG_ERR, "failed reading file '%s': %s", path, g_strerror(errno));
   return Contents::failed;
 }
 
 // The store's lock held. An empty store is what is left of a text that does not parse.
-gboolean parse_into(GKeyFile *&store, const GString *text) {
+gboolean parse_into(GKeyFile *&store, const std::string &text) {
   store = g_key_file_new();
   ptz::Error error;
-  if (g_key_file_load_from_data(store, text->str, text->len, G_KEY_FILE_NONE, ptz::out(error))) return TRUE;
+  if (g_key_file_load_from_data(store, text.data(), text.size(), G_KEY_FILE_NONE, ptz::out(error))) return TRUE;
   syslog(LOG_ERR, "could not load settings: %s", ptz::message_of(error));
   drop(store);
   store = g_key_file_new();
@@ -270,45 +262,41 @@ gboolean ptz_settings_load_config_gkf(const PTZSettingsFile *files, const PTZSet
     log_func(LOG_ERR, "Error allocating memory, conf files will not be loaded");
     return FALSE;
   }
-  const ptz::StringBuffer text(g_string_new(nullptr));
+  std::string text;
   for (const auto &file : list) {
-    ptz::Text contents;
-    gsize length = 0;
-    const Contents result = read_contents(file.path, file.mandatory, contents, length);
+    const Contents result = append_contents(file.path, file.mandatory, text);
     if (result == Contents::failed) return FALSE;
-    if (result == Contents::skipped) continue;
-    g_string_append_len(text.get(), contents.get(), static_cast<gssize>(length));
-    g_string_append_c(text.get(), '\n');
+    if (result == Contents::read) text += '\n';
   }
-  if (text->len == 0) {
+  if (text.empty()) {
     log_func(LOG_ERR, "no data to read");
     return FALSE;
   }
-  return parse_into(group_stores.key_file, text.get());
+  return parse_into(group_stores.key_file, text);
 }
 
 gboolean ptz_settings_shell_load_config(const PTZSettingsFile *files) {
   const ptz::MutexLock lock(&shell_store.lock);
   drop(shell_store.keys);
-  const ptz::StringBuffer text(g_string_new(nullptr));
-  g_string_append_printf(text.get(), "[%s]\n", ptz::settings::shell_group);
+  std::string text = std::string("[") + ptz::settings::shell_group + "]\n";
   for (auto *file = files; file != nullptr && file->path != nullptr; ++file) {
-    ptz::Text contents;
-    gsize length = 0;
-    const Contents result = read_contents(file->path, file->mandatory, contents, length);
+    std::string contents;
+    const Contents result = append_contents(file->path, file->mandatory, contents);
     if (result == Contents::failed) return FALSE;
     if (result == Contents::skipped) continue;
-    if (!g_utf8_validate_len(contents.get(), length, nullptr)) {
+    if (!g_utf8_validate_len(contents.data(), contents.size(), nullptr)) {
       ptz::Error error;
-      contents.reset(
-          g_convert(contents.get(), static_cast<gssize>(length), utf8, latin1, nullptr, &length, ptz::out(error)));
-      if (contents == nullptr) {
+      gsize length = 0;
+      const ptz::Text converted(g_convert(contents.data(), static_cast<gssize>(contents.size()), utf8, latin1, nullptr,
+                                          &length, ptz::out(error)));
+      if (converted == nullptr) {
         syslog(LOG_ERR, "could not convert file '%s' from ISO-8859-1: %s", file->path, ptz::message_of(error));
         return FALSE;
       }
+      contents.assign(converted.get(), length);
     }
-    g_string_append_len(text.get(), contents.get(), static_cast<gssize>(length));
-    g_string_append_c(text.get(), '\n');
+    text += contents;
+    text += '\n';
   }
-  return parse_into(shell_store.keys, text.get());
+  return parse_into(shell_store.keys, text);
 }

@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -18,6 +19,7 @@
 #include "fixtures.h"
 #include "fresh_process.h"
 #include "kv_records.h"
+#include "peers.h"
 #include "ptz_settings.h"
 #include "settings.h"
 #include "syslog_capture.h"
@@ -329,16 +331,89 @@ TEST_P(Loading, APathOfPercentSignsIsNoFormat) {
   EXPECT_EQ(value(), "one");
 }
 
-TEST_P(Loading, APipeEndsInAFailureNotInAHang) {
-  const auto pipe = dir.file("pipe");
-  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
-  EXPECT_FALSE(load({{pipe}}));
-  ASSERT_EQ(log.lines().size(), 1U);
-  EXPECT_EQ(log.lines()[0].priority, LOG_ERR);
-  EXPECT_EQ(log.lines()[0].text.rfind("could not open file '" + pipe + "': ", 0), 0U) << log.lines()[0].text;
+struct LoadingPipes : Loading {
+  std::string pipe = dir.file("pipe");
+  LoadingPipes() { EXPECT_EQ(mkfifo(pipe.c_str(), 0600), 0); }
+
+  // Lets every wait for the pipe end at once after as many as these, as though its time had passed.
+  static Interposer::Handler impatient(int waits = 0) {
+    return [waits](Attempt &attempt) mutable -> std::optional<Outcome> {
+      if (attempt.call != Call::poll || waits-- > 0) return std::nullopt;
+      EXPECT_GT(attempt.argument, 0);
+      EXPECT_LE(attempt.argument, 10'000);
+      return Outcome{0};
+    };
+  }
+  // Ends once the writer has opened the pipe; its descriptor.
+  Descriptor open_to_write() const { return Descriptor(open(pipe.c_str(), O_WRONLY | O_CLOEXEC)); }
+};
+
+INSTANTIATE_TEST_SUITE_P(, LoadingPipes,
+                         testing::Values(Loader::parsed, Loader::parsed_ext, Loader::key_file, Loader::shell), name_of);
+
+TEST_P(LoadingPipes, OneIsReadUntilItsWriterHasGone) {
+  auto loaded = std::async(std::launch::async, [this] { return load({{pipe}}); });
+  Descriptor writer = open_to_write();
+  const std::string text = is_shell() ? "Key=one\n" : "[Group]\nKey=one\n";
+  for (const char c : text) {
+    ASSERT_EQ(write(writer.get(), &c, 1), 1);
+    std::this_thread::yield();
+  }
+  EXPECT_EQ(loaded.wait_for(20ms), std::future_status::timeout) << "the pipe has a writer still";
+  auto asked = std::async(std::launch::async, [this] { return value(); });
+  EXPECT_EQ(asked.wait_for(20ms), std::future_status::timeout) << "who asks must wait for the whole load";
+  writer.reset();
+  EXPECT_TRUE(loaded.get());
+  EXPECT_EQ(asked.get(), "one");
+  EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_P(LoadingPipes, OneThatNobodyWritesToCannotBeOpened) {
+  {
+    const Interposer no_time(impatient());
+    EXPECT_FALSE(load({{pipe}}));
+  }
+  EXPECT_EQ(log.lines(), error_lines({"could not open file '" + pipe + "': Connection timed out"}));
   // The lock is free again.
   EXPECT_TRUE(load({{value_file("a", "one")}}));
   EXPECT_EQ(value(), "one");
+}
+
+TEST_P(LoadingPipes, AnOptionalOneThatNobodyWritesToIsSkipped) {
+  const Interposer no_time(impatient());
+  EXPECT_TRUE(load({{pipe, FALSE}, {value_file("a", "one")}}));
+  EXPECT_EQ(value(), "one");
+  EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_P(LoadingPipes, AWriterThatStaysEndsInAFailure) {
+  const Descriptor reader(open(pipe.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  const Descriptor writer = open_to_write();
+  ASSERT_EQ(write(writer.get(), "#\n", 2), 2);
+  const bool reads_when_opening = GetParam() == Loader::parsed || GetParam() == Loader::parsed_ext;
+  const Interposer no_time(impatient(reads_when_opening ? 1 : 2));
+  EXPECT_FALSE(load({{pipe}}));
+  EXPECT_EQ(log.lines(), error_lines({(reads_when_opening ? "could not open file '" : "failed reading file '") + pipe +
+                                      "': Connection timed out"}));
+}
+
+TEST_P(LoadingPipes, AnEndlessWriterEndsInAFailure) {
+  auto loaded = std::async(std::launch::async, [this] { return load({{pipe}}); });
+  const Descriptor writer = open_to_write();
+  const std::string lines(65'536, '\n');
+  const auto handler = std::signal(SIGPIPE, SIG_IGN);  // which the write after the load's end would bring
+  std::size_t sent = 0;
+  while (loaded.wait_for(0s) == std::future_status::timeout) {
+    const auto count = write(writer.get(), lines.data(), lines.size());
+    if (count < 0) break;
+    sent += static_cast<std::size_t>(count);
+  }
+  std::signal(SIGPIPE, handler);
+  EXPECT_FALSE(loaded.get());
+  EXPECT_GT(sent, 16'777'216U);
+  EXPECT_LT(sent, 2 * 16'777'216U);
+  ASSERT_EQ(log.lines().size(), 1U);
+  EXPECT_TRUE(log.lines()[0].text.ends_with(" file '" + pipe + "': File too large")) << log.lines()[0].text;
 }
 
 TEST_P(Loading, AnEndlessDeviceEndsInAFailure) {
@@ -350,14 +425,6 @@ TEST_P(Loading, AnEndlessDeviceEndsInAFailure) {
 TEST_P(Loading, TheNullDeviceIsAnEmptyFile) {
   EXPECT_TRUE(load({{"/dev/null"}, {value_file("a", "one")}}));
   EXPECT_EQ(value(), "one");
-}
-
-TEST_P(Loading, AnOptionalPipeIsSkipped) {
-  const auto pipe = dir.file("pipe");
-  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
-  EXPECT_TRUE(load({{pipe, FALSE}, {value_file("a", "one")}}));
-  EXPECT_EQ(value(), "one");
-  EXPECT_TRUE(log.lines().empty());
 }
 
 TEST_P(Loading, AFolderEndsInAFailure) {

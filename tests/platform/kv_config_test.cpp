@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <future>
 #include <optional>
 #include <string>
 #include <tuple>
@@ -153,10 +154,24 @@ TEST_F(KvConfig, AFileThatCannotBeOpenedSaysWhy) {
   EXPECT_EQ(failure(path), EACCES);
 }
 
-TEST_F(KvConfig, WhatHasNoEndIsNotRead) {
+TEST_F(KvConfig, WhatHasNoEndIsNotRead) { EXPECT_EQ(failure("/dev/zero"), EINVAL); }
+
+TEST_F(KvConfig, APipeThatBringsNothingIsWaitedForTenSecondsOnly) {
   ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
-  EXPECT_EQ(failure(path), EINVAL);
-  EXPECT_EQ(failure("/dev/zero"), EINVAL);
+  const Interposer no_time([](Attempt &attempt) -> std::optional<Outcome> {
+    if (attempt.call != Call::poll) return std::nullopt;
+    EXPECT_GT(attempt.argument, 9'000);
+    EXPECT_LE(attempt.argument, 10'000);
+    return Outcome{0};
+  });
+  EXPECT_EQ(failure(path), ETIMEDOUT);
+}
+
+TEST_F(KvConfig, APipeIsReadUntilItsWriterHasGone) {
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  auto writer = std::async(std::launch::async, [this] { write_file(path, "[G]\nA=1\n"); });
+  ASSERT_NE(kv_config_open(path.c_str()), 0);
+  EXPECT_EQ(rest(), (Records{{"G", "A", "1"}}));
 }
 
 TEST_F(KvConfig, TheNullDeviceIsAnEmptyFile) {

@@ -1,8 +1,5 @@
 #include "platform/kv_config.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <algorithm>
 #include <cerrno>
 #include <optional>
@@ -10,8 +7,8 @@
 #include <string_view>
 #include <utility>
 
-#include "base/file_kind.h"
 #include "base/handles.h"
+#include "base/whole_file.h"
 
 namespace {
 
@@ -34,16 +31,6 @@ std::string_view trimmed(std::string_view text) {
   while (!text.empty() && is_blank(text.front())) text.remove_prefix(1);
   while (!text.empty() && is_blank(text.back())) text.remove_suffix(1);
   return text;
-}
-
-bool read_all(int fd, std::string &text) {
-  char chunk[65536];
-  while (true) {
-    const ssize_t count = read(fd, chunk, sizeof chunk);
-    if (count == 0) return true;
-    if (count > 0) text.append(chunk, static_cast<std::size_t>(count));
-    if (count < 0 && errno != EINTR) return false;
-  }
 }
 
 // What is between the brackets of a "[Group]" line, which a comment may follow.
@@ -90,17 +77,15 @@ bool parse_line(OpenFile &file, std::string_view line) {
 
 gint kv_config_open(const gchar *path) {
   kv_config_close();
-  // Without O_NONBLOCK a pipe that nobody writes to would be waited for.
-  const ptz::UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  if (!fd) return 0;
   struct stat status = {};
-  if (fstat(fd.get(), &status) < 0) return 0;
-  if (S_ISDIR(status.st_mode) || !ptz::has_end(status)) {
-    errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+  const ptz::UniqueFd fd = ptz::open_and_examine(path, status);
+  if (!fd) return 0;
+  if (!ptz::can_be_read_whole(status)) {
+    errno = EINVAL;
     return 0;
   }
   std::string text;
-  if (!read_all(fd.get(), text)) return 0;
+  if (!ptz::read_to_end(fd.get(), status, text)) return 0;
   open_file = new OpenFile;
   open_file->text = std::move(text);
   return 1;
