@@ -32,7 +32,7 @@ struct BadValue {
   const char *text;
   const char *group_and_key;
 };
-void PrintTo(const BadValue &value, std::ostream *out) { *out << value.text; }
+void PrintTo(const BadValue &value, std::ostream *out) { *out << testing::PrintToString(std::string(value.text)); }
 
 class DriverSettingsBadValue : public DriverSettingsFiles, public testing::WithParamInterface<BadValue> {};
 
