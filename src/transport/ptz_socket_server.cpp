@@ -216,7 +216,7 @@ gboolean ptz_socket_server_source_dispatch(GSource *base, GSourceFunc function, 
     if (const auto result = serve(source, link, callback, user_data)) return *result;
   }
 
-  state->kept_waiting = 0;
+  if (!somebody_connects) state->kept_waiting = 0;
   if (source->tag == nullptr) return G_SOURCE_CONTINUE;  // a server's own descriptor goes with its client
   if (somebody_connects) return accept_client(source);
   // What never passes would wake the main loop without end.
