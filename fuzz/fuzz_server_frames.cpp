@@ -136,6 +136,7 @@ class Scene {
     Connection *connection = std::exchange(unaccepted_.front(), nullptr);
     unaccepted_.pop_front();
     connection->accepted = true;
+    connection->passed_over = 0;  // it is a client that waits from now on
     connection->fd = fd;
     return fd;
   }
