@@ -60,6 +60,15 @@ struct _PTZDynamicalProperties {
 };
 
 /**
+ * PTZDynamicalProperties::notify-change:
+ * @object: the object whose property changed
+ * @name: the name of the property
+ *
+ * A property has another value than before. Emitted in the thread that made the change, or ended the freeze that held it
+ * back.
+ */
+
+/**
  * PTZDynamicalPropertiesClass:
  * @set_from_string: see ptz_dynamical_properties_set_from_string()
  * @string_to_gvalue: see ptz_dynamical_properties_string_to_gvalue()

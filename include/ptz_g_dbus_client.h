@@ -7,7 +7,19 @@
 G_BEGIN_DECLS
 
 #define PTZ_TYPE_G_DBUS_CLIENT (ptz_g_dbus_client_get_type ())
+/**
+ * PTZ_G_DBUS_CLIENT: (skip)
+ * @o: an object
+ *
+ * Casts @o, with a check, to #PTZGDBusClient.
+ */
 #define PTZ_G_DBUS_CLIENT(o) (G_TYPE_CHECK_INSTANCE_CAST ((o), PTZ_TYPE_G_DBUS_CLIENT, PTZGDBusClient))
+/**
+ * PTZ_G_DBUS_CLIENT_CLASS: (skip)
+ * @k: a class
+ *
+ * Casts @k, with a check, to #PTZGDBusClientClass.
+ */
 #define PTZ_G_DBUS_CLIENT_CLASS(k) (G_TYPE_CHECK_CLASS_CAST ((k), PTZ_TYPE_G_DBUS_CLIENT, PTZGDBusClientClass))
 #define PTZ_IS_G_DBUS_CLIENT(o) (G_TYPE_CHECK_INSTANCE_TYPE ((o), PTZ_TYPE_G_DBUS_CLIENT))
 #define PTZ_IS_G_DBUS_CLIENT_CLASS(k) (G_TYPE_CHECK_CLASS_TYPE ((k), PTZ_TYPE_G_DBUS_CLIENT))

@@ -7,7 +7,19 @@
 G_BEGIN_DECLS
 
 #define PTZ_TYPE_G_DBUS_SERVER (ptz_g_dbus_server_get_type ())
+/**
+ * PTZ_G_DBUS_SERVER: (skip)
+ * @o: an object
+ *
+ * Casts @o, with a check, to #PTZGDBusServer.
+ */
 #define PTZ_G_DBUS_SERVER(o) (G_TYPE_CHECK_INSTANCE_CAST ((o), PTZ_TYPE_G_DBUS_SERVER, PTZGDBusServer))
+/**
+ * PTZ_G_DBUS_SERVER_CLASS: (skip)
+ * @k: a class
+ *
+ * Casts @k, with a check, to #PTZGDBusServerClass.
+ */
 #define PTZ_G_DBUS_SERVER_CLASS(k) (G_TYPE_CHECK_CLASS_CAST ((k), PTZ_TYPE_G_DBUS_SERVER, PTZGDBusServerClass))
 #define PTZ_IS_G_DBUS_SERVER(o) (G_TYPE_CHECK_INSTANCE_TYPE ((o), PTZ_TYPE_G_DBUS_SERVER))
 #define PTZ_IS_G_DBUS_SERVER_CLASS(k) (G_TYPE_CHECK_CLASS_TYPE ((k), PTZ_TYPE_G_DBUS_SERVER))

@@ -75,6 +75,12 @@ struct _PTZParameterItemNode {
 };
 
 /**
+ * PTZParameterItemArray:name:
+ *
+ * The name of the group.
+ */
+
+/**
  * PTZParameterItemArray:
  * @name: (nullable): the name of the group
  * @items: (nullable): the first item's node
