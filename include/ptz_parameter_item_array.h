@@ -111,7 +111,8 @@ struct _PTZParameterItemArrayClass {
  * @item: an item of the array
  * @user_data: what was given with the function
  *
- * Called for an item, with no lock held. It may change the array; items that it removes are not visited.
+ * Called for an item, with no lock held. It may change the array; items that it removes are not visited, those that it
+ * adds are.
  *
  * Returns: what the caller of the function asks
  */

@@ -34,12 +34,21 @@ struct NamedNodes {
   guint32 count;
 };
 
+// What a node is known by once a function of the caller has run, which may have removed it: a new node can get the
+// address of an old one, but no number comes twice.
+struct NumberedNode {
+  Node node;
+  guint64 number;
+};
+static_assert(std::is_standard_layout_v<NumberedNode>);
+
 }  // namespace
 
 // The list again, for whom a walk along it would take too long.
 struct PTZParameterItemArrayPrivate {
-  std::vector<Node *> nodes;
+  std::vector<Node *> nodes;  // so also in the order of their numbers
   std::unordered_map<const gchar *, NamedNodes, NameHash, NameEqual> named;
+  guint64 appends = 0;
   guint32 removals = 0;
 };
 
@@ -61,6 +70,8 @@ PTZParameterItemArrayPrivate *private_of(PTZParameterItemArray *self) {
 // Also read where the lock is not held.
 std::atomic_ref<guint32> count_of(PTZParameterItemArray *self) { return std::atomic_ref(self->count); }
 std::atomic_ref<Node *> link_at(Node *&link) { return std::atomic_ref(link); }
+
+guint64 number_of(const Node *node) { return reinterpret_cast<const NumberedNode *>(node)->number; }
 
 // The link that leads to the node at a position.
 Node *&link_to(PTZParameterItemArray *self, gsize position) {
@@ -98,10 +109,12 @@ PTZParameterItem *append_copy(PTZParameterItemArray *self, const PTZParameterIte
   item->info_code = source->info_code;
   item->range = g_strdup(source->range);
   item->range_code = source->range_code;
-  auto *node = g_new0(Node, 1);
+  auto *state = private_of(self);
+  auto *numbered = g_new0(NumberedNode, 1);
+  numbered->number = ++state->appends;
+  Node *node = &numbered->node;
   node->item = item;
 
-  auto *state = private_of(self);
   // Before the link, as a removal takes it back after: who walks the list never sees more items than are counted.
   count_of(self).fetch_add(1, std::memory_order_release);
   link_at(link_to(self, state->nodes.size())).store(node, std::memory_order_release);
@@ -177,13 +190,9 @@ void remove_at(PTZParameterItemArray *self, gsize position) {
   free_node(node);
 }
 
-// Finds a node again, which may have gone: then the position stays.
-bool find_again(const PTZParameterItemArrayPrivate *state, const Node *node, gsize &position) {
-  if (position < state->nodes.size() && state->nodes[position] == node) return true;
-  const auto found = std::find(state->nodes.begin(), state->nodes.end(), node);
-  if (found == state->nodes.end()) return false;
-  position = static_cast<gsize>(found - state->nodes.begin());
-  return true;
+// Where the oldest node stands that has the number or a later one.
+gsize position_from(const PTZParameterItemArrayPrivate *state, guint64 number) {
+  return static_cast<gsize>(std::ranges::lower_bound(state->nodes, number, {}, number_of) - state->nodes.begin());
 }
 
 // ---- lock not held
@@ -355,8 +364,7 @@ PTZParameterItemArray *ptz_parameter_item_array_remove_by_name(PTZParameterItemA
   const ptz::MutexLock lock(arrays_lock);
   const auto *state = private_of(self);
   const auto found = state->named.find(name);
-  gsize position = 0;
-  if (found != state->named.end() && find_again(state, found->second.first, position)) remove_at(self, position);
+  if (found != state->named.end()) remove_at(self, position_from(state, number_of(found->second.first)));
   return self;
 }
 
@@ -388,15 +396,14 @@ gboolean ptz_parameter_item_array_map(PTZParameterItemArray *self, PTZParameterI
   g_return_val_if_fail(function != NULL, FALSE);
   const auto *state = private_of(self);
   const auto following = [](Node *&link) { return link_at(link).load(std::memory_order_acquire); };
-  gsize position = 0;
   for (Node *node = following(self->items); node != nullptr;) {
+    const guint64 number = number_of(node);
     const guint32 removals = state->removals;
     if (!function(node->item, user_data)) return FALSE;
     if (state->removals == removals) {
       node = following(node->next);
-      ++position;
     } else {  // by the function itself
-      if (find_again(state, node, position)) ++position;
+      const gsize position = position_from(state, number + 1);
       node = position < state->nodes.size() ? state->nodes[position] : nullptr;
     }
   }
@@ -410,8 +417,10 @@ gboolean ptz_parameter_item_array_map_remove(PTZParameterItemArray *self, PTZPar
   const auto *state = private_of(self);
   for (gsize position = 0; position < state->nodes.size();) {
     const Node *node = state->nodes[position];
+    const guint64 number = number_of(node);
     const gboolean unwanted = function(node->item, user_data);
-    if (!find_again(state, node, position)) continue;  // the function has removed it itself
+    position = position_from(state, number);
+    if (position == state->nodes.size() || number_of(state->nodes[position]) != number) continue;  // it has gone
     if (unwanted) {
       remove_at(self, position);
     } else {

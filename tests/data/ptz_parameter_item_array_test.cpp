@@ -698,6 +698,47 @@ TEST(ParameterItemArray, FunctionMayAppend) {
   EXPECT_EQ(array->count, 300u);
 }
 
+// What was freed last is what the next allocation gets, but for a few blocks that the C library keeps back.
+void let_addresses_come_back() {
+  gpointer blocks[16];
+  for (auto &block : blocks) block = g_malloc(sizeof(PTZParameterItemNode) + sizeof(guint64));
+  for (gpointer block : blocks) g_free(block);
+}
+
+// Names too long for the blocks that nodes are in.
+const std::string old_name(60, 'o'), new_name(60, 'n');
+
+// The array that the walk is over, which replaces the old items one by one.
+struct ReplacingWalk {
+  Items array = array_of({old_name.c_str(), "a", old_name.c_str(), "b", old_name.c_str()});
+  Names visited;
+
+  bool replace(PTZParameterItem *stored) {
+    visited.emplace_back(stored->name);
+    if (visited.back() != old_name) return false;
+    let_addresses_come_back();
+    ptz_parameter_item_array_remove_by_name(array.get(), old_name.c_str());
+    append(array, new_name.c_str());
+    return true;
+  }
+  void expect_all_visited() const {
+    EXPECT_EQ(visited, (Names{old_name, "a", old_name, "b", old_name, new_name, new_name, new_name}));
+    EXPECT_EQ(names_in(array), (Names{"a", "b", new_name, new_name, new_name}));
+  }
+};
+
+TEST(ParameterItemArray, FunctionMayReplaceWhatItIsGiven) {
+  ReplacingWalk walk;
+  map(walk.array, [&](PTZParameterItem *stored) { return walk.replace(stored), TRUE; });
+  walk.expect_all_visited();
+}
+
+TEST(ParameterItemArray, FunctionOfMapRemoveMayReplaceWhatItIsGiven) {
+  ReplacingWalk walk;
+  map_remove(walk.array, [&](PTZParameterItem *stored) { return walk.replace(stored) ? TRUE : FALSE; });
+  walk.expect_all_visited();
+}
+
 // ---- argument checks
 
 struct NullCheck {
