@@ -20,6 +20,8 @@
 namespace {
 
 std::atomic<int> allocation_error = 0, mapping_error = 0;
+std::atomic<int> interrupted_allocations = 0;
+std::atomic<bool> others_make_folder = false;
 
 }  // namespace
 
@@ -29,11 +31,18 @@ static_assert(sizeof(off_t) == 8);
 extern "C" {
 __attribute__((visibility("default"))) int posix_fallocate(int fd, off_t offset, off_t length) {
   static const auto real = reinterpret_cast<int (*)(int, off_t, off_t)>(dlsym(RTLD_NEXT, "posix_fallocate64"));
+  if (interrupted_allocations > 0) return --interrupted_allocations, EINTR;
   return allocation_error != 0 ? allocation_error.load() : real(fd, offset, length);
+}
+__attribute__((visibility("default"))) int mkdir(const char *path, mode_t mode) noexcept {
+  static const auto real = reinterpret_cast<int (*)(const char *, mode_t)>(dlsym(RTLD_NEXT, "mkdir"));
+  if (others_make_folder.exchange(false)) real(path, mode);
+  return real(path, mode);
 }
 __attribute__((visibility("default"))) void *mmap(void *address, size_t length, int protection, int flags, int fd,
                                                   off_t offset) noexcept {
-  static const auto real = reinterpret_cast<void *(*)(void *, size_t, int, int, int, off_t)>(dlsym(RTLD_NEXT, "mmap64"));
+  static const auto real =
+      reinterpret_cast<void *(*)(void *, size_t, int, int, int, off_t)>(dlsym(RTLD_NEXT, "mmap64"));
   if (mapping_error != 0 && fd >= 0) {
     errno = mapping_error;
     return MAP_FAILED;
@@ -509,6 +518,22 @@ TEST_F(StatusStore, AFolderWithoutPermissionSaysSo) {
             }),
             0);
   chmod(dir.path().c_str(), 0755);
+}
+
+TEST_F(StatusStore, TheFolderMayBeMadeByAnotherProcessMeanwhile) {
+  setenv("PTZ_PLATFORM_RUNTIME_DIR", dir.file("new").c_str(), 1);
+  others_make_folder = true;
+  EXPECT_EQ(create("G"), 0);
+  EXPECT_FALSE(others_make_folder);
+  EXPECT_EQ(set("G", {item("A", 1)}), 0);
+  EXPECT_EQ(number("G", "A"), 1);
+}
+
+TEST_F(StatusStore, SignalsDoNotKeepAGroupFromBeingMade) {
+  interrupted_allocations = 3;
+  EXPECT_EQ(create("G"), 0);
+  EXPECT_EQ(interrupted_allocations, 0);
+  EXPECT_EQ(number("G", "A"), -ENOKEY);
 }
 
 TEST_F(StatusStore, AFullFolderSaysSoAndKeepsNothing) {

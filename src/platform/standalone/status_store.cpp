@@ -240,6 +240,15 @@ bool is_our_mutex([[maybe_unused]] const pthread_mutex_t &mutex) {
 #endif
 }
 
+// A full file system says so now, not with a signal when the memory is written. 0, or the error.
+int allocate(int fd, std::size_t size) {
+  int error = 0;
+  do {
+    error = posix_fallocate(fd, 0, static_cast<off_t>(size));
+  } while (error == EINTR);
+  return error;
+}
+
 FileHeader *map_file(int fd, std::size_t size, int protection) {
   void *memory = mmap(nullptr, size, protection, MAP_SHARED | MAP_POPULATE, fd, 0);
   return memory == MAP_FAILED ? nullptr : static_cast<FileHeader *>(memory);
@@ -654,11 +663,12 @@ gint status_store_create_group(const gchar *name, guint32 size, gint) {
   // Without a name until it is whole: whoever is killed here leaves nothing behind.
   constexpr int flags = O_TMPFILE | O_RDWR | O_CLOEXEC;
   ptz::UniqueFd fd(open(directory, flags, file_mode));
-  if (!fd && errno == ENOENT && mkdir(directory, directory_mode) == 0) fd.reset(open(directory, flags, file_mode));
+  if (!fd && errno == ENOENT && (mkdir(directory, directory_mode) == 0 || errno == EEXIST)) {
+    fd.reset(open(directory, flags, file_mode));
+  }
   if (!fd) return -1;
   const std::size_t length = file_size(size);
-  // A full file system says so now, not with a signal when the memory is written.
-  if (const int error = posix_fallocate(fd.get(), 0, static_cast<off_t>(length)); error != 0) return fail(error);
+  if (const int error = allocate(fd.get(), length); error != 0) return fail(error);
   auto *header = map_file(fd.get(), length, PROT_READ | PROT_WRITE);
   if (header == nullptr) return -1;
   set_up_file(header, size);
