@@ -18,7 +18,7 @@ G_BEGIN_DECLS
  * @PARAM_SERVICE_NO_GROUP: there is no such group
  * @PARAM_SERVICE_NO_TEMPLATE: there is no such template, or it cannot be read
  * @PARAM_SERVICE_GROUP_EXISTS: the group that was to be created exists
- * @PARAM_SERVICE_BAD_PATH: the path is empty, too long, or has an empty component
+ * @PARAM_SERVICE_BAD_PATH: the path, or one that is to be made, is empty, too long, or has an empty component
  * @PARAM_SERVICE_STORAGE: the tree cannot be read or written
  * @PARAM_SERVICE_BAD_ARGUMENT: a value or a number that the service cannot take
  *

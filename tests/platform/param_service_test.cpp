@@ -3,11 +3,13 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <syslog.h>
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -174,6 +176,26 @@ TEST_F(ParamService, ATemplateMustBeThereAndWhole) {
   EXPECT_EQ(groups_of("root"), std::nullopt);
 }
 
+TEST_F(ParamService, NothingIsMadeThatCouldNotBeReadAgain) {
+  const Answer none{std::nullopt, PARAM_SERVICE_NO_TEMPLATE}, too_long{std::nullopt, PARAM_SERVICE_BAD_PATH};
+  using namespace std::string_literals;
+  for (const auto &text : {"A=1\nB\0C=2\n"s, "A=1\nB\0..C=2\n"s, "A=1\0"s, "A\0=1"s}) {
+    provide_template("t", text);
+    EXPECT_EQ(create("root.Group", "t", 1), none);
+  }
+  const std::string group = "root." + std::string(1010, 'x');
+  provide_template("t", "Longer=1\nName=1\n");
+  EXPECT_EQ(create(group, "t", 1), too_long);  // a parameter of 1025 characters
+  provide_template("t", "Name=1\n");
+  EXPECT_EQ(create(group, "t", 10), value(group + ".x10"));
+  EXPECT_EQ(parameters_of(group + ".x10"), Names{"Name"});
+  EXPECT_EQ(get(group + ".x10.Name"), value("1"));
+  provide_template("t", "");
+  EXPECT_EQ(create(group, "t", 1'000'000'000), too_long);  // a group of 1027 characters
+  EXPECT_EQ(groups_of("root"), Names{group});
+  EXPECT_EQ(groups_of(group), Names{group + ".x10"});
+}
+
 TEST_F(ParamService, ADeletedGroupIsGoneWithAllThatIsInIt) {
   for (const char *path : {"root.A.B.C", "root.A.B.D.E", "root.A.BB.C", "root.A.B-.C", "root.A.B0.C", "root.A.C"}) {
     EXPECT_EQ(set(path, "v"), 0);
@@ -256,6 +278,28 @@ TEST_F(ParamService, AMissingFolderIsOneLineAndIsMetAgainWhenItIsThere) {
   EXPECT_EQ(set("root.A", "v"), 0);
   EXPECT_EQ(get("root.A"), value("v"));
   EXPECT_EQ(log.lines().size(), 1U);
+}
+
+TEST_F(ParamService, ASignalDoesNotEndTheWaitForAnotherProcessThatMakesTheFile) {
+  const int folder = open(dir.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  ASSERT_EQ(flock(folder, LOCK_EX), 0);
+  struct sigaction quiet = {}, before = {};
+  quiet.sa_handler = [](int) {};  // without SA_RESTART
+  sigaction(SIGUSR1, &quiet, &before);
+  std::atomic<bool> done = false;
+  std::jthread waking([&, waiting = pthread_self()] {
+    for (int signals = 0; signals < 20 && !done; ++signals) {
+      g_usleep(2000);
+      pthread_kill(waiting, SIGUSR1);
+    }
+    flock(folder, LOCK_UN);
+  });
+  EXPECT_EQ(set("root.A", "v"), 0);
+  done = true;
+  waking.join();
+  sigaction(SIGUSR1, &before, nullptr);
+  close(folder);
+  EXPECT_TRUE(log.lines().empty());
 }
 
 TEST_F(ParamService, TheFolderHoldsNothingElseAfterwards) {

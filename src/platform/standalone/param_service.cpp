@@ -15,11 +15,11 @@
 
 namespace {
 
+using ptz::platform::longest_path;
 using ptz::platform::Names;
 using ptz::platform::ParamStore;
 using ptz::platform::Settings;
 
-constexpr std::size_t longest_path = 1024;
 constexpr gint64 busy_limit_us = 10 * G_USEC_PER_SEC;
 constexpr gulong first_pause_us = 500, longest_pause_us = 20'000;
 constexpr gint64 look_interval_us = G_USEC_PER_SEC;
@@ -77,6 +77,7 @@ enum class Access { reads, writes };
 gint32 outcome(Access access, int code, gint32 missing) {
   if (code == SQLITE_NOTFOUND) return missing;
   if (code == SQLITE_CONSTRAINT) return PARAM_SERVICE_GROUP_EXISTS;
+  if (code == SQLITE_TOOBIG) return PARAM_SERVICE_BAD_PATH;
   if (code == SQLITE_OK) {
     // Reads work in many a trouble.
     if (access == Access::writes) g_clear_pointer(&service.complaint, g_free);
@@ -140,7 +141,8 @@ bool parse_template(std::string_view text, Settings &defaults) {
     text.remove_prefix(end + 1);
     if (line.empty() || line.front() == '#') continue;
     const auto equals = line.find('=');
-    if (equals == std::string_view::npos) return false;
+    // A NUL would end what is seen of the name or of the value.
+    if (equals == std::string_view::npos || line.find('\0') != std::string_view::npos) return false;
     std::string name(trimmed(line.substr(0, equals)));
     if (!is_path(name.c_str())) return false;
     defaults.emplace_back(std::move(name), trimmed(line.substr(equals + 1)));

@@ -101,10 +101,18 @@ bool make_under(const std::string &file, std::string &reason) {
   return made;
 }
 
+bool lock_for_us_alone(int fd) {
+  int result = -1;
+  do {
+    result = flock(fd, LOCK_EX);
+  } while (result != 0 && errno == EINTR);
+  return result == 0;
+}
+
 // Makes the file where it is missing. One process at a time, so that nobody else's new file loses its log.
 bool make_where_missing(const std::string &file, std::string &reason) {
   const UniqueFd folder(::open(file.substr(0, file.rfind('/')).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!folder || flock(folder.get(), LOCK_EX) != 0) {
+  if (!folder || !lock_for_us_alone(folder.get())) {
     reason = system_reason("cannot be created", errno);
     return false;
   }
@@ -258,9 +266,12 @@ int ParamStore::create_group(std::string_view parent, char letter, gint32 number
       result = has_group(path);
     }
     if (result != SQLITE_NOTFOUND) return result;
-    result = insert_groups_down_to(as_group(path));
+    if (path.size() > longest_path) return SQLITE_TOOBIG;
+    const std::string group = as_group(path);
+    result = insert_groups_down_to(group);
     for (const auto &[name, value] : defaults) {
-      if (result == SQLITE_OK) result = insert(as_group(path) + name, value);
+      if (group.size() + name.size() > longest_path) return SQLITE_TOOBIG;
+      if (result == SQLITE_OK) result = insert(group + name, value);
     }
     return result;
   });

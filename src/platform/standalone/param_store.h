@@ -15,6 +15,8 @@
 
 namespace ptz::platform {
 
+inline constexpr std::size_t longest_path = 1024;
+
 // A path in two parts, "root.PTZ." and "Name"; the first is empty for the root of all.
 struct PathParts {
   std::string_view group;
@@ -40,7 +42,8 @@ class [[gnu::visibility("hidden")]] ParamStore {
   [[nodiscard]] int get(std::string_view path, Text & value);
   [[nodiscard]] int set(std::string_view path, std::string_view value);
   [[nodiscard]] int has_group(std::string_view path);
-  // With the lowest free number where it is negative. The result is SQLITE_CONSTRAINT where the group exists.
+  // With the lowest free number where it is negative. The result is SQLITE_CONSTRAINT where the group exists, and
+  // SQLITE_TOOBIG where its path or one of a parameter in it would be too long.
   [[nodiscard]] int create_group(std::string_view parent, char letter, gint32 number, const Settings &defaults,
                                  std::string &path);
   [[nodiscard]] int delete_group(std::string_view path);
