@@ -59,21 +59,28 @@ TEST_F(RealStore, EveryGroupHoldsItsDefaults) {
 }
 
 TEST_F(RealStore, AnUpdateOfOneProcessIsFetchedByAnother) {
-  gint64 values[47];
+  // The first 22 parameters have one of the two words, the others both.
+  struct Words {
+    gint32 first, second;
+  };
+  Words values[47];
   const auto bind_all = [&] {
     PTZStatusCacheGroup *handle = ptz_status_cache_setup_group(PTZ_SC_GROUP_POSITION, 3, 47);
     for (int i = 0; i < 47; ++i) ptz_status_cache_add_param(handle, static_cast<PTZSCParam>(i), &values[i]);
     return handle;
   };
   EXPECT_TRUE(in_another_process([&] {
-    for (gint64 &value : values) value = 0x1234567800000000 + (&value - values);
+    for (int i = 0; i < 47; ++i) values[i] = {i, 0x12345678};
     return ptz_status_cache_update_group(bind_all()) != FALSE;
   }));
-  std::fill(std::begin(values), std::end(values), 0);
+  std::fill(std::begin(values), std::end(values), Words{});
   PTZStatusCacheGroup *handle = bind_all();
   EXPECT_TRUE(ptz_status_cache_fetch_group(handle));
   EXPECT_EQ(handle->capacity, 47);
-  for (int i = 0; i < 47; ++i) EXPECT_EQ(values[i], i < 22 ? i : 0x1234567800000000 + i) << i;
+  for (int i = 0; i < 47; ++i) {
+    EXPECT_EQ(values[i].first, i);
+    EXPECT_EQ(values[i].second, i < 22 ? 0 : 0x12345678) << i;
+  }
   ptz_status_cache_free_group(handle);
 }
 
