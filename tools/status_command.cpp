@@ -96,7 +96,8 @@ int run_show(const std::string &words, int argc, char **argv) {
   const auto given = options.parse(argc, argv);
   if (!given) return exit_usage;
   std::span<const Kind> wanted = kinds;
-  const bool is_asked_for = !given->empty();
+  const bool only_instance = given->size() == 1 && g_ascii_isdigit(*given->front().c_str());
+  const bool is_asked_for = !given->empty() && !only_instance;
   if (is_asked_for) {
     const auto is_it = [&](const Kind &kind) { return given->front() == nick_of(PTZ_TYPE_SC_GROUP, kind.group); };
     const auto *const found = std::find_if(std::begin(kinds), std::end(kinds), is_it);
@@ -106,8 +107,9 @@ int run_show(const std::string &words, int argc, char **argv) {
     }
     wanted = {found, 1};
   }
+  const bool is_default = given->empty() || (is_asked_for && given->size() == 1);
   const auto instance =
-      given->size() > 1 ? options.number(given->at(1), "instance", 0, G_MAXUINT32) : std::optional(default_instance);
+      is_default ? std::optional(default_instance) : options.number(given->back(), "instance", 0, G_MAXUINT32);
   if (!instance) return exit_usage;
 
   int shown = 0;

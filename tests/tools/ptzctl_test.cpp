@@ -37,6 +37,8 @@ TEST_F(Ptzctl, WhatItHasNoUseForIsRefused) {
                                                                      {"status", "show", "limit", "1", "2"},
                                                                      {"status", "show", "nonsense"},
                                                                      {"status", "show", "preset"},
+                                                                     {"status", "show", ""},
+                                                                     {"status", "show", "2x"},
                                                                      {"status", "show", "limit", "one"},
                                                                      {"status", "show", "limit", "-1"},
                                                                      {"status", "show", "limit", "4294967296"},
@@ -88,6 +90,18 @@ TEST_F(Ptzctl, StatusShowPrintsWhatThereIs) {
   const auto missing = run({"status", "show", "various"});
   EXPECT_EQ(missing.status, 3);
   EXPECT_EQ(missing.text, "ptzctl: instance 1 has published no various\n");
+}
+
+TEST_F(Ptzctl, StatusShowTakesANumberAloneForAnInstance) {
+  ptz_status_cache_create_group(PTZ_SC_GROUP_VARIOUS, 2);
+  ptz_status_cache_create_group(PTZ_SC_GROUP_LIMIT, 2);
+  const auto all = run({"status", "show", "2"});
+  EXPECT_EQ(all.status, 0);
+  EXPECT_TRUE(has(all, "PTZ_VARIOUS_IS2\n")) << all.text;
+  EXPECT_TRUE(has(all, "PTZ_LIMIT_IS2\n"));
+  const auto none = run({"status", "show", "3"});
+  EXPECT_EQ(none.status, 3);
+  EXPECT_EQ(none.text, "ptzctl: instance 3 has published nothing\n");
 }
 
 TEST_F(Ptzctl, ADamagedGroupIsAnError) {
