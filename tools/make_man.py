@@ -48,6 +48,7 @@ def page(program, summary):
     yield ".PP\nWhat went wrong is told on standard error.\n"
     yield (".SH ENVIRONMENT\n.TP\n.B PTZ_PLATFORM_RUNTIME_DIR\nwhere the status store is; /run/ptz\n"
            ".TP\n.B PTZ_PLATFORM_STATE_DIR\nwhere the parameter tree is; /var/lib/ptz\n"
+           ".TP\n.B PTZ_PLATFORM_TEMPLATE_DIR\nwhere templates of dynamic groups are; /etc/sysconfig/template\n"
            ".TP\n.B NO_COLOR\nwhere it is set, colours are printed only with \\-\\-color=always\n")
     other = "ptz-compliance" if name == "ptzctl" else "ptzctl"
     yield f".SH SEE ALSO\n.BR {roff(other)} (1)\n"
