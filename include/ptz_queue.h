@@ -75,6 +75,9 @@ PTZ_API gboolean ptz_queue_push (PTZQueue *queue, gpointer item);
  * ptz_queue_pop: (skip)
  * @queue: a queue
  *
+ * Who takes the last item just after the context has seen it leaves a delivery without any, which takes the source off
+ * the context: pop within the callback, or where nothing is to be delivered any more.
+ *
  * Thread: any.
  *
  * Returns: (transfer full) (nullable): the oldest item, taken out of the queue; `NULL` when it is empty

@@ -16,7 +16,8 @@
  * microseconds) and for the idle and moving times (seconds and nanoseconds); a float for pan, tilt, magnification and
  * the angles of view; a gint32 for all others, flags included.
  *
- * What goes wrong is written to the system log. A handle stays usable after any failure.
+ * What goes wrong is written to the system log. A handle stays usable after any failure but that of a fetch, see
+ * ptz_status_cache_fetch_group().
  */
 #pragma once
 

@@ -76,6 +76,7 @@ gssize ptz::send_counted(PTZSocketClient *client, gconstpointer data, gsize leng
 
 bool ptz::is_watched(PTZSocketClient *client) {
   auto *source = reinterpret_cast<PTZFileGSource *>(client->source);
+  if (source == nullptr) return false;  // as it is where the endpoint's own functions made the client
   const MutexLock lock(&source->mutex);
   return source->tag != nullptr;
 }

@@ -174,6 +174,17 @@ TEST_F(QueueTest, PopTakesTheOldestAndLeavesItToTheCaller) {
   EXPECT_FALSE(iterate());
 }
 
+TEST_F(QueueTest, PopOfTheLastItemThatTheContextHasSeenRemovesTheSource) {
+  const Queue first = receiving(), second = receiving();
+  on_item = [&](int) { EXPECT_EQ(ptz_queue_pop(second.get()), item(2)); };
+  ptz_queue_push(first.get(), item(1));
+  ptz_queue_push(second.get(), item(2));
+  EXPECT_TRUE(iterate());
+  EXPECT_EQ(events, (Events{"got 1", "freed 1"}));
+  EXPECT_FALSE(g_source_is_destroyed(first->source));
+  EXPECT_TRUE(g_source_is_destroyed(second->source));
+}
+
 TEST_F(QueueTest, PushOnNothingIsFalse) {
   const GlibLogCapture log;
   EXPECT_EQ(ptz_queue_push(nullptr, item(1)), FALSE);

@@ -1287,6 +1287,19 @@ TEST_P(ReplyLength, StopsTheWatchAndLeavesRequestsToTheirTimeOut) {
   EXPECT_TRUE(answer.timed_out());
 }
 
+TEST_P(ReplyLength, EndsAClientThatNoMainLoopWatches) {
+  const Pair other;
+  const Object<PTZSocket> socket(
+      ptz_socket_fd_new(PTZ_TYPE_SOCKET_CLIENT_COMMAND, PTZ_SOCKET_MODE_CLIENT, other.ours.get(), SOCK_STREAM));
+  send_all(other.theirs.get(), frame_claiming(GetParam(), 0, ""));
+  guint8 reply[PTZ_SOCKET_BODY_MAX];
+  guint32 length = 0;
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_FALSE(ptz_socket_client_command_sync_send(PTZ_SOCKET_CLIENT_COMMAND(socket.get()), "q", 1, reply, &length));
+  }
+  EXPECT_EQ(length, 0u);
+}
+
 TEST_P(ReplyLength, LetsNothingBehindItPassForAReply) {
   Answer &answer = send();
   reply(frame_claiming(GetParam(), 0, body_of(12)) + frame(0, "forged"));
