@@ -87,7 +87,7 @@ gchar *ptz_firmware_get_file_string(const gchar *file_path) {
     g_file_get_contents(file_path, ptz::out(contents), nullptr, ptz::out(error));
   }
   if (contents == nullptr) {
-    syslog(LOG_ERR, "Failed to read %s: %s", file_path, error != nullptr ? error->message : "");
+    syslog(LOG_ERR, "Failed to read %s: %s", file_path, ptz::message_of(error, ""));
     return nullptr;
   }
   g_strchomp(contents.get());
@@ -110,7 +110,7 @@ GKeyFile *ptz_firmware_get_key_file(const gchar *driver_conf_file) {
   ptz::KeyFile key_file(g_key_file_new());
   ptz::Error error;
   if (!ptz::load_key_file(key_file.get(), driver_conf_file, ptz::out(error))) {
-    syslog(LOG_ERR, "Failed to read %s: %s", driver_conf_file, error != nullptr ? error->message : "");
+    syslog(LOG_ERR, "Failed to read %s: %s", driver_conf_file, ptz::message_of(error, ""));
     return nullptr;
   }
   return key_file.release();

@@ -16,6 +16,7 @@
 
 #include "base/check.h"
 #include "base/handles.h"
+#include "transport/frame_header.h"
 #include "transport/monotonic_clock.h"
 #include "transport/socket_client_private.h"
 
@@ -35,11 +36,11 @@ G_DEFINE_TYPE_WITH_PRIVATE(PTZSocketClientCommand, ptz_socket_client_command, PT
 
 namespace {
 
+using namespace ptz::frame;
+
 constexpr guint reply_timeout_s = 360;
 constexpr gint64 sync_timeout_ms = 10'000;
 constexpr int drained_frames = 11;
-constexpr gsize header_size = PTZ_SOCKET_FRAME_HEADER_SIZE;
-constexpr gsize length_size = sizeof(guint32);
 
 struct PendingRequest {
   gpointer context;
@@ -58,14 +59,6 @@ PTZSocketClientCommandPrivate *private_of(PTZSocketClientCommand *self) {
 }
 
 gint descriptor_of(const PTZSocketClientCommand *self) { return self->parent_instance.parent_instance.fd; }
-
-guint32 word_at(const guint8 *bytes) {
-  guint32 word;
-  std::memcpy(&word, bytes, sizeof word);
-  return word;
-}
-
-guint32 message_id_of(const guint8 *frame) { return word_at(frame + length_size); }
 
 timespec now_or_zero() {
   timespec now = {};
@@ -163,8 +156,8 @@ gssize ptz_socket_client_command_read_fd(PTZSocketClientCommand *self, gint fd) 
     self->fill += static_cast<guint32>(count);
     total = count;
     if (self->fill < length_size) return total;
-    self->expected = word_at(self->buffer);
-    if (self->expected < header_size || self->expected > PTZ_SOCKET_FRAME_MAX) {
+    self->expected = length_of(self->buffer);
+    if (!can_be_length(self->expected)) {
       log_func(LOG_WARNING, "A frame cannot have a length of %u", self->expected);
       give_up_stream(self);
       private_of(self)->out_of_step = true;

@@ -11,6 +11,7 @@
 
 #include "base/check.h"
 #include "base/handles.h"
+#include "transport/frame_header.h"
 #include "transport/socket_server_private.h"
 
 static_assert(std::is_standard_layout_v<PTZSocketServerCommand>);
@@ -27,17 +28,10 @@ G_DEFINE_TYPE_WITH_PRIVATE(PTZSocketServerCommand, ptz_socket_server_command, PT
 
 namespace {
 
-constexpr gsize header_size = PTZ_SOCKET_FRAME_HEADER_SIZE;
-constexpr gsize length_size = sizeof(guint32);
+using namespace ptz::frame;
 
 PTZSocketServerCommandPrivate *private_of(PTZSocketServerCommand *self) {
   return static_cast<PTZSocketServerCommandPrivate *>(ptz_socket_server_command_get_instance_private(self));
-}
-
-guint32 word_at(const guint8 *bytes) {
-  guint32 word;
-  std::memcpy(&word, bytes, sizeof word);
-  return word;
 }
 
 void forget_frame(PTZSocketServerCommand *self) {
@@ -57,7 +51,7 @@ void turn_to(PTZSocketServerCommand *self, gint fd) {
   if (found == state->set_aside.end()) return;
   self->fill = static_cast<guint32>(found->second.size());
   std::memcpy(self->buffer, found->second.data(), self->fill);
-  if (self->fill >= length_size) self->expected = word_at(self->buffer);
+  if (self->fill >= length_size) self->expected = length_of(self->buffer);
   state->set_aside.erase(found);
 }
 
@@ -90,8 +84,8 @@ gssize command_server_read(PTZSocket *socket, gint fd, gpointer out, gsize out_s
     const Piece header = read_piece(self, fd, length_size);
     if (header != Piece::some) return header == Piece::failed ? -1 : 0;
     if (self->fill < length_size) return 0;
-    self->expected = word_at(self->buffer);
-    if (self->expected < header_size || self->expected > PTZ_SOCKET_FRAME_MAX) {
+    self->expected = length_of(self->buffer);
+    if (!can_be_length(self->expected)) {
       log_func(LOG_WARNING, "A frame cannot have a length of %u, closing client fd %d", self->expected, fd);
       forget_frame(self);
       return -1;
@@ -102,7 +96,7 @@ gssize command_server_read(PTZSocket *socket, gint fd, gpointer out, gsize out_s
   if (self->fill != self->expected) return 0;
   const gsize length = std::min<gsize>(self->expected, out_size);
   const gsize body_length = length > header_size ? length - header_size : 0;
-  self->message_id = word_at(self->buffer + length_size);
+  self->message_id = message_id_of(self->buffer);
   std::memcpy(out, self->buffer + header_size, body_length);
   forget_frame(self);
   self->have_message = TRUE;
