@@ -41,6 +41,9 @@ typedef enum {
  * The class ignores SIGPIPE in the process where the signal's disposition is still the default, so that writing to a
  * peer that has gone is an error result and never the end of the process. Descriptors that the library opens are not
  * inherited by child programs.
+ *
+ * The sources and timers of an endpoint hold no reference of it: the last one goes in the thread of the default main
+ * context, or while no loop runs.
  */
 struct _PTZSocket {
   GObject parent_instance;
