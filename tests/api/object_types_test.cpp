@@ -1,5 +1,8 @@
 // What the library registers with GObject for its classes, against what its headers say.
+#include <dlfcn.h>
+#include <elf.h>
 #include <gtest/gtest.h>
+#include <link.h>
 #include <ptz.h>
 
 #include <string>
@@ -34,6 +37,20 @@ constexpr ObjectType object_types[] = {
 };
 
 class ObjectTypes : public testing::TestWithParam<ObjectType> {};
+
+// Its classes would lose their code with it, and could not be registered again by another load.
+TEST(Library, StaysInAProcessThatHasLoadedIt) {
+  Dl_info info = {};
+  link_map *map = nullptr;
+  ASSERT_NE(
+      dladdr1(reinterpret_cast<void *>(ptz_socket_get_type), &info, reinterpret_cast<void **>(&map), RTLD_DL_LINKMAP),
+      0);
+  ElfW(Xword) flags = 0;
+  for (const auto *entry = map->l_ld; entry->d_tag != DT_NULL; ++entry) {
+    if (entry->d_tag == DT_FLAGS_1) flags = entry->d_un.d_val;
+  }
+  EXPECT_NE(flags & DF_1_NODELETE, 0u) << info.dli_fname;
+}
 
 TEST_P(ObjectTypes, HaveTheNameOfTheirStructure) { EXPECT_STREQ(g_type_name(GetParam().get_type()), GetParam().name); }
 
