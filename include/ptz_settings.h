@@ -13,7 +13,8 @@
  *
  * A pipe is read until its last writer has gone; one that brings nothing for 10 seconds cannot be opened, and one that
  * takes 10 seconds more, or brings more than 16 MiB, cannot be read. A device or a socket, which may have no end, cannot
- * be opened; /dev/null is an empty file.
+ * be opened; /dev/null is an empty file. What the parsed store holds is read by the platform: the stand-alone one gives a
+ * pipe 10 seconds in all, and a file that it cannot read is one that cannot be opened.
  *
  * A group that begins with "root." or "ROOT." is looked up without these five characters. An index of 0 or more is
  * appended to the group's name in decimal; a negative one is not.
