@@ -1,11 +1,10 @@
 #!/usr/bin/env bash
 # Usage: exported_symbols.sh LIBRARY [LIST]
 #
-# Prints the names that the library exports, or compares them with the list. Left out are the copies that the compiler
-# leaves of C++ library templates: they are nobody's to use and differ from one kind of build to the next.
+# Prints the names that the library exports, or compares them with the list.
 set -euo pipefail
 
-exported() { nm --dynamic --defined-only --format=posix "$1" | awk '$1 !~ /^_ZZ?N?K?St/ { print $1 }' | LC_ALL=C sort; }
+exported() { nm --dynamic --defined-only --format=posix "$1" | awk '{ print $1 }' | LC_ALL=C sort; }
 
 if (($# == 1)); then
   exported "$1"
