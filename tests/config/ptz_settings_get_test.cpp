@@ -331,6 +331,8 @@ INSTANTIATE_TEST_SUITE_P(
         Number{"-2147483648", -2147483648, std::numeric_limits<gint32>::min()},
         Number{"-2147483649", -2147483649, std::nullopt}, Number{"3000000000", 3'000'000'000, std::nullopt},
         Number{"4294967296", 4'294'967'296, std::nullopt}, Number{"9223372036854775807", G_MAXINT64, std::nullopt},
+        Number{"9223372036854775808", G_MAXINT64, std::nullopt},
+        Number{"18446744073709551621", G_MAXINT64, std::nullopt},
         Number{"-9223372036854775808", G_MININT64, std::nullopt}, Number{"fast", std::nullopt, std::nullopt, 0},
         Number{"-", std::nullopt, std::nullopt, 0}, Number{"x10", std::nullopt, std::nullopt, 0},
         Number{"%d", std::nullopt, std::nullopt, 0}, Number{"\"17", std::nullopt, std::nullopt, 0},
