@@ -114,3 +114,11 @@ build() {
     meson setup "$folder" "$@"
   fi && ninja -C "$folder"
 }
+
+# Usage: show_size LIBRARY SCRATCH [PREFIX] - of what is left of it without symbols; PREFIX is that of another machine's tools.
+show_size() {
+  local library=$1 stripped=$2 prefix=${3-}
+  "${prefix}strip" -o "$stripped" "$library"
+  printf '%s, stripped: %s\n' "${library##*/}" "$(stat --format=%s "$stripped")"
+  "${prefix}size" "$stripped" | awk 'NR == 2 { print "  code and constants " $1 ", data " $2 ", zeroed " $3 }'
+}

@@ -35,7 +35,7 @@ inline constexpr std::size_t pipe_room = 16'777'216;
 [[nodiscard]] inline UniqueFd open_and_examine(const char *path, struct stat &status) {
   // Without O_NONBLOCK a pipe's first writer is waited for here, for ever.
   UniqueFd file(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  if (file && fstat(file.get(), &status) < 0) file = UniqueFd();
+  if (file && fstat(file.get(), &status) < 0) file.reset();
   return file;
 }
 
