@@ -6,6 +6,7 @@
 #include <span>
 #include <type_traits>
 
+#include "base/clock.h"
 #include "base/handles.h"
 #include "platform/status_store.h"
 #include "status/status_value.h"
@@ -148,7 +149,7 @@ void publish_position(guint instance) {
   gfloat reals[std::size(position_keys)] = {};
   gint32 integers[std::size(position_keys)] = {};
   gint32 unknown_status = -1;
-  auto now = ptz::status::time_words(ptz::status::read_clock(CLOCK_MONOTONIC), 1000);
+  auto now = ptz::status::time_words(ptz::clock_now(), 1000);
   PTZStatusCacheTime never = {};
   reals[PTZ_SC_PARAM_POSITION_MZOOM] = 1.0F;
   integers[PTZ_SC_PARAM_POSITION_VZOOM] = 1;

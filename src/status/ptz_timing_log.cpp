@@ -3,9 +3,9 @@
 #include <unistd.h>
 #include <array>
 #include <cerrno>
-#include <ctime>
 
 #include "base/check.h"
+#include "base/clock.h"
 #include "base/handles.h"
 #include "platform/status_store.h"
 #include "ptz_settings.h"
@@ -14,7 +14,7 @@
 namespace {
 
 using ptz::status::integer;
-using ptz::status::read_clock;
+using ptz::clock_now;
 using ptz::status::seconds_and_nanoseconds;
 using ptz::status::time_words;
 
@@ -53,7 +53,7 @@ struct Stamp {
 
 guint16 own_process() { return static_cast<guint16>(getpid()); }
 
-Stamp stamp_now(clockid_t clock) { return {time_words(read_clock(clock)), own_process()}; }
+Stamp stamp_now(clockid_t clock) { return {time_words(clock_now(clock)), own_process()}; }
 
 gint read_stamp(const gchar *group, const End &end, Stamp &stamp) {
   auto values = stamp.params(end);
@@ -77,7 +77,7 @@ PTZStatusCacheTime processor_time_of(pid_t process) {
   clockid_t clock = {};
   timespec used = {};
   if (clock_getcpuclockid(process, &clock) == 0 && clock_gettime(clock, &used) == 0) return time_words(used);
-  return time_words(read_clock(CLOCK_PROCESS_CPUTIME_ID));
+  return time_words(clock_now(CLOCK_PROCESS_CPUTIME_ID));
 }
 
 // The groups of a kind for the first and the second driver.

@@ -17,10 +17,4 @@ enum ValueType : guint32 { integer = 1, real = 2, seconds_and_microseconds = 4, 
   return {static_cast<guint32>(time.tv_sec), static_cast<guint32>(time.tv_nsec / nanoseconds_per_unit)};
 }
 
-[[nodiscard]] inline timespec read_clock(clockid_t clock) {
-  timespec now = {};
-  clock_gettime(clock, &now);
-  return now;
-}
-
 }  // namespace ptz::status

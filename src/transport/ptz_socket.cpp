@@ -1,6 +1,5 @@
 #include "ptz_socket.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -14,8 +13,8 @@
 #include <type_traits>
 
 #include "base/check.h"
-#include "transport/close_on_exec.h"
-#include "transport/monotonic_clock.h"
+#include "base/clock.h"
+#include "base/descriptor_flags.h"
 
 static_assert(std::is_standard_layout_v<PTZSocket> && std::is_standard_layout_v<PTZSocketClass>);
 static_assert(offsetof(PTZSocket, socket) == sizeof(GObject));
@@ -37,16 +36,17 @@ enum Property { property_socket = 1 };
 const gchar *path_of(const PTZSocket *self) { return self->socket != nullptr ? self->socket : "(null)"; }
 
 bool make_non_blocking(const char *function, gint fd) {
-  const int flags = fcntl(fd, F_GETFL, 0);
-  if (flags < 0) {
-    syslog(LOG_ERR, "%s: Failed to get file descriptor flags.", function);
-    return false;
+  switch (ptz::set_non_blocking(fd)) {
+    case ptz::NonBlocking::set:
+      return true;
+    case ptz::NonBlocking::flags_not_read:
+      syslog(LOG_ERR, "%s: Failed to get file descriptor flags.", function);
+      return false;
+    case ptz::NonBlocking::flags_not_written:
+      syslog(LOG_ERR, "%s: Failed to set file descriptor to O_NONBLOCK.", function);
+      return false;
   }
-  if (fcntl(fd, F_SETFL, flags | O_NONBLOCK) < 0) {
-    syslog(LOG_ERR, "%s: Failed to set file descriptor to O_NONBLOCK.", function);
-    return false;
-  }
-  return true;
+  return false;
 }
 
 bool fill_address(const char *function, const gchar *path, sockaddr_un &address) {
@@ -88,7 +88,7 @@ void open_server_socket(PTZSocket *self) {
     syslog(LOG_ERR, "Failed to create listening socket");
     return;
   }
-  ptz::close_on_exec(self->fd);
+  ptz::set_close_on_exec(self->fd);
   if (!listen_on(__func__, self->fd, self->socket)) {
     // Only the file goes; the descriptor is left open, so that its number is not given out again while a process that
     // could not listen still believes that it does.
@@ -116,7 +116,7 @@ int open_client_socket(const gchar *path, gint32 *fd, gint type) {
     *fd = -1;
     return -1;
   }
-  ptz::close_on_exec(*fd);
+  ptz::set_close_on_exec(*fd);
   if (connect_to(__func__, *fd, path)) return 0;
   close(*fd);
   unlink(path);  // a file that nobody can connect to only hides from its server that it has to listen anew
@@ -169,7 +169,7 @@ gssize socket_read(PTZSocket *self, gint fd, gpointer buffer, gsize length, gint
   if (timeout_ms == 0) return read_attempting(fd, bytes, length);
   if (timeout_ms < 1) return 0;
 
-  const timespec start = ptz::monotonic_now();
+  const timespec start = ptz::clock_now();
   gsize count = 0;
   gint64 remaining_ms = timeout_ms;
   do {
@@ -188,7 +188,7 @@ gssize socket_read(PTZSocket *self, gint fd, gpointer buffer, gsize length, gint
       count += static_cast<gsize>(received);
       if (received == 0) usleep(pause_us);  // an end of file stays readable: do not ask in a tight loop
     }
-    remaining_ms = timeout_ms - ptz::elapsed_ms(start, ptz::monotonic_now());
+    remaining_ms = timeout_ms - ptz::elapsed_ms(start, ptz::clock_now());
   } while (count < length && remaining_ms >= 1);
   return static_cast<gssize>(count);
 }
@@ -206,7 +206,7 @@ gssize socket_write(PTZSocket *self, gint fd, gconstpointer buffer, gsize length
   gsize sent = 0;
   if (length > 0 && timeout_ms >= 1) {
     const auto *bytes = static_cast<const guint8 *>(buffer);
-    const timespec start = ptz::monotonic_now();
+    const timespec start = ptz::clock_now();
     gint64 remaining_ms = timeout_ms;
     do {
       pollfd watched = {fd, POLLOUT, 0};
@@ -226,7 +226,7 @@ gssize socket_write(PTZSocket *self, gint fd, gconstpointer buffer, gsize length
           usleep(pause_us);  // the condition may last: do not fill the log in a tight loop
         }
       }
-      remaining_ms = timeout_ms - ptz::elapsed_ms(start, ptz::monotonic_now());
+      remaining_ms = timeout_ms - ptz::elapsed_ms(start, ptz::clock_now());
     } while (sent < length && remaining_ms > 0);
   }
   if (sent > 0) return static_cast<gssize>(sent);

@@ -1,6 +1,5 @@
 #include "ptz_socket_client_command.h"
 
-#include <fcntl.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -15,9 +14,10 @@
 #include <vector>
 
 #include "base/check.h"
+#include "base/clock.h"
+#include "base/descriptor_flags.h"
 #include "base/handles.h"
 #include "transport/frame_header.h"
-#include "transport/monotonic_clock.h"
 #include "transport/socket_client_private.h"
 
 static_assert(std::is_standard_layout_v<PTZSocketClientCommand>);
@@ -466,11 +466,8 @@ static void ptz_socket_client_command_class_init(PTZSocketClientCommandClass *kl
 }
 
 PTZSocketClientCommand *ptz_socket_client_command_new(const gchar *path, gint fd, gint type) {
-  if (path == nullptr && fd >= 0) {
-    // Bounded waits need it, and what is drained before a send must not be waited for.
-    const int flags = fcntl(fd, F_GETFL, 0);
-    if (flags >= 0 && (flags & O_NONBLOCK) == 0) fcntl(fd, F_SETFL, flags | O_NONBLOCK);
-  }
+  // Bounded waits need it, and what is drained before a send must not be waited for.
+  if (path == nullptr && fd >= 0) (void)ptz::set_non_blocking(fd);
   auto *self = PTZ_SOCKET_CLIENT_COMMAND(ptz_socket_client_new(PTZ_TYPE_SOCKET_CLIENT_COMMAND, path, fd, type));
   g_mutex_init(&self->mutex);
   return self;

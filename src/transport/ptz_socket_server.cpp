@@ -1,6 +1,5 @@
 #include "ptz_socket_server.h"
 
-#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -13,8 +12,8 @@
 #include <utility>
 
 #include "base/check.h"
+#include "base/descriptor_flags.h"
 #include "ptz_socket_frame.h"
-#include "transport/close_on_exec.h"
 #include "transport/socket_server_private.h"
 
 static_assert(std::is_standard_layout_v<PTZSocketServer> && std::is_standard_layout_v<PTZSocketServerClass>);
@@ -52,11 +51,6 @@ void stop_watching(PTZSocketServerSource *source, gpointer &tag) {
   tag = nullptr;
 }
 
-void make_non_blocking(gint fd) {
-  const int flags = fcntl(fd, F_GETFL, 0);
-  fcntl(fd, F_SETFL, flags | O_NONBLOCK);
-}
-
 GList *link_holding(PTZSocketServerSource *source, gint fd) {
   GList *link = source->clients;
   while (link != nullptr && client_of(link)->fd != fd) link = link->next;
@@ -84,7 +78,7 @@ void add_client(PTZSocketServerSource *source, gint fd) {
 gboolean accept_client(PTZSocketServerSource *source) {
   if (source->server->parent_instance.socket == nullptr) {
     if (link_holding(source, source->fd) != nullptr) return G_SOURCE_CONTINUE;
-    make_non_blocking(source->fd);
+    (void)ptz::set_non_blocking(source->fd);
     add_client(source, source->fd);
     return G_SOURCE_CONTINUE;
   }
@@ -98,8 +92,8 @@ gboolean accept_client(PTZSocketServerSource *source) {
     stop_watching(source, source->tag);
     return G_SOURCE_REMOVE;
   }
-  ptz::close_on_exec(fd);
-  make_non_blocking(fd);
+  ptz::set_close_on_exec(fd);
+  (void)ptz::set_non_blocking(fd);
   add_client(source, fd);
   return G_SOURCE_CONTINUE;
 }

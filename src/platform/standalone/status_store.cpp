@@ -20,6 +20,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/clock.h"
 #include "base/handles.h"
 
 // A group is a file that every process maps: a header, and a ring of slots that each hold one whole state of the group.
@@ -200,8 +201,7 @@ int fail(int error) {
 }
 
 std::int64_t now_ns(clockid_t clock) {
-  timespec now = {};
-  clock_gettime(clock, &now);
+  const timespec now = ptz::clock_now(clock);
   return now.tv_sec * std::int64_t{1'000'000'000} + now.tv_nsec;
 }
 
