@@ -25,7 +25,6 @@ typedef struct _PTZSocketServerCommandReplyContext PTZSocketServerCommandReplyCo
  * @fd: the descriptor of the client that sent the request
  * @server: the server that received it, not referenced
  * @message_id: the request's message id, which the reply carries too
- * @connection: which connection held @fd then; 0 for a context that the server did not make
  *
  * The reply context of a command server. It may be kept beyond the callback, and the reply sent later, while the
  * server lives. If the client has gone by then, the reply reaches nobody, also where another client has its descriptor
@@ -35,7 +34,6 @@ struct _PTZSocketServerCommandReplyContext {
   gint32 fd;
   PTZSocketServer *server;
   guint32 message_id;
-  guint32 connection;
 };
 
 /**

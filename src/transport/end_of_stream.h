@@ -1,11 +1,11 @@
-// src/transport/end_of_stream.h - tells a descriptor that stays readable with nothing to read from one with data.
+// src/transport/end_of_stream.h - tells an end of file, which stays readable, from data.
 #pragma once
 #include <sys/socket.h>
 #include <cerrno>
 
 namespace ptz {
 
-// A peer that half-closes leaves a descriptor readable for ever, without a hang-up. An empty datagram is no end.
+// After a peer has half-closed, the descriptor stays readable without a hang-up. An empty datagram is not an end.
 [[nodiscard]] inline bool at_end_of_stream(int fd) {
   char byte;
   if (recv(fd, &byte, sizeof byte, MSG_PEEK | MSG_DONTWAIT) != 0) return false;
@@ -14,7 +14,7 @@ namespace ptz {
   return getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &size) == 0 && type != SOCK_DGRAM;
 }
 
-// After a read that failed with this error (0 where it reported none): will the descriptor give data again?
+// After a read that failed with this error, 0 if it reported none: can the descriptor give data again?
 [[nodiscard]] inline bool nothing_more_to_read(int fd, int read_error) {
   if (read_error == EAGAIN || read_error == EINTR) return false;
   char byte;

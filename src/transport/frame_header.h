@@ -1,4 +1,4 @@
-// src/transport/frame_header.h - the first bytes of a frame, which both ends of the command channel read in two steps.
+// src/transport/frame_header.h - the two words at the head of a frame, in host byte order.
 #pragma once
 #include <glib.h>
 #include <cstring>
@@ -8,7 +8,7 @@
 namespace ptz::frame {
 
 inline constexpr gsize header_size = PTZ_SOCKET_FRAME_HEADER_SIZE;
-inline constexpr gsize length_size = sizeof(guint32);  // of the first word, by which it is known how much to read
+inline constexpr gsize length_size = sizeof(guint32);  // of the first word, which says how much to read
 
 [[nodiscard]] inline guint32 word_at(const guint8 *bytes) {
   guint32 word;

@@ -1,10 +1,11 @@
 #include "ptz_file_g_source.h"
 
+#include <memory>
 #include <type_traits>
-#include <utility>
 
 #include "base/check.h"
 #include "base/handles.h"
+#include "transport/nested_loop_guard.h"
 
 static_assert(std::is_standard_layout_v<PTZFileGSource>);
 
@@ -14,11 +15,11 @@ constexpr auto watched_events = static_cast<GIOCondition>(G_IO_IN | G_IO_ERR | G
 constexpr guint readable_events = G_IO_IN | G_IO_PRI;
 constexpr guint ended_events = G_IO_ERR | G_IO_HUP | G_IO_NVAL;
 
-// What the source has beside its public record.
+// The public record first. The guard's pause is protected by the mutex; its callback is entered and left in the thread
+// of the context only.
 struct Watch {
   PTZFileGSource base;
-  bool calling;  // the callback runs; thread of the context
-  bool paused;   // ... and in it a main loop, which must not call it again; mutex
+  ptz::NestedLoopGuard guard;
 };
 static_assert(std::is_standard_layout_v<Watch>);
 
@@ -39,14 +40,12 @@ void stop_watching(PTZFileGSource *self) {
   self->tag = nullptr;
 }
 
-// GLib would keep a running callback from being called again by taking the descriptor off the context and back for
-// every call; this is done only where the callback runs a main loop of its own.
 gboolean ptz_file_g_source_prepare(GSource *source, gint *timeout_ms) {
   *timeout_ms = -1;
-  if (source != nullptr && watch_of(source)->calling) {
+  if (source != nullptr && watch_of(source)->guard.in_callback()) {
     auto *self = file_source(source);
     const ptz::MutexLock lock(&self->mutex);
-    if (self->tag != nullptr) watch_of(source)->paused = true;
+    if (self->tag != nullptr) watch_of(source)->guard.pause();
     stop_watching(self);
   }
   return FALSE;
@@ -66,17 +65,16 @@ gboolean ptz_file_g_source_dispatch(GSource *source, GSourceFunc callback, gpoin
   ptz::MutexLock lock(&self->mutex);
   if (self->tag == nullptr) return G_SOURCE_CONTINUE;
   const guint events = g_source_query_unix_fd(source, self->tag);
-  // A condition that never passes would wake the main loop without end; so would data that nobody takes.
+  // A condition that never clears would wake the main loop forever, and so would data that no callback reads.
   if ((events & ended_events) != 0 || callback == nullptr) stop_watching(self);
   lock.unlock();
   if ((events & ended_events) != 0 || (events & readable_events) == 0 || callback == nullptr) return G_SOURCE_CONTINUE;
-  auto *watch = watch_of(source);
-  if (watch->calling) return G_SOURCE_CONTINUE;
-  watch->calling = true;
+  auto &guard = watch_of(source)->guard;
+  if (guard.in_callback()) return G_SOURCE_CONTINUE;
+  guard.enter();
   const gboolean result = callback(user_data);
-  watch->calling = false;
   const ptz::MutexLock resumed(&self->mutex);
-  if (std::exchange(watch->paused, false)) start_watching(self);
+  if (guard.leave()) start_watching(self);
   return result;
 }
 
@@ -97,6 +95,7 @@ GSource *ptz_file_g_source_new(gint fd) {
   GSource *source = g_source_new(&source_functions, sizeof(Watch));
   g_source_set_can_recurse(source, TRUE);
   g_source_set_static_name(source, "PTZFileGSource");
+  std::construct_at(&watch_of(source)->guard);
   auto *self = file_source(source);
   g_mutex_init(&self->mutex);
   self->fd = fd;
@@ -128,6 +127,6 @@ void ptz_file_g_source_remove_poll(GSource *source) {
   g_return_if_fail(source != NULL);
   auto *self = file_source(source);
   const ptz::MutexLock lock(&self->mutex);
-  watch_of(source)->paused = false;
+  watch_of(source)->guard.cancel();
   stop_watching(self);
 }

@@ -8,7 +8,9 @@
 #include "base/handles.h"
 #include "ptz_socket_frame.h"
 #include "transport/end_of_stream.h"
+#include "transport/endpoint_use.h"
 #include "transport/socket_client_private.h"
+#include "transport/socket_private.h"
 
 static_assert(std::is_standard_layout_v<PTZSocketClient>);
 static_assert(offsetof(PTZSocketClient, source) == sizeof(PTZSocket));
@@ -21,9 +23,10 @@ constexpr gint send_timeout_ms = 1000;
 
 // Default main context.
 gboolean descriptor_ready(gpointer user_data) {
-  const auto client =
-      ptz::share(static_cast<PTZSocketClient *>(user_data));  // its callback may drop the last reference
-  auto *self = reinterpret_cast<PTZSocket *>(client.get());
+  const ptz::EndpointUse use(g_main_current_source(), user_data);  // the callback may drop the last other reference
+  auto *self = use.get();
+  if (self == nullptr) return G_SOURCE_CONTINUE;
+  auto *client = reinterpret_cast<PTZSocketClient *>(self);
   const gint fd = ptz_file_g_source_get_fd(client->source);
   guint8 buffer[PTZ_SOCKET_FRAME_MAX];
   errno = 0;
@@ -45,7 +48,7 @@ gssize client_read(PTZSocket *socket, gint fd, gpointer buffer, gsize length, gi
 static void ptz_socket_client_finalize(GObject *object) {
   auto *self = PTZ_SOCKET_CLIENT(object);
   if (self->source != nullptr) {
-    g_source_destroy(self->source);
+    ptz::destroy_descriptor_source(self->source);
     g_source_unref(self->source);
     self->source = nullptr;
   }
@@ -66,17 +69,16 @@ static void ptz_socket_client_class_init(PTZSocketClientClass *klass) {
   PTZ_SOCKET_CLASS(klass)->read = client_read;
 }
 
-gssize ptz::send_counted(PTZSocketClient *client, gconstpointer data, gsize length) {
+gssize ptz::send_counted(PTZSocketClient *client, gint fd, gconstpointer data, gsize length) {
   auto *self = reinterpret_cast<PTZSocket *>(client);
-  const gint count =
-      static_cast<gint>(PTZ_SOCKET_GET_CLASS(self)->write(self, self->fd, data, length, send_timeout_ms));
+  const gint count = static_cast<gint>(PTZ_SOCKET_GET_CLASS(self)->write(self, fd, data, length, send_timeout_ms));
   if (count < 0) ptz_socket_client_remove_poll(client);
   return count;
 }
 
 bool ptz::is_watched(PTZSocketClient *client) {
   auto *source = reinterpret_cast<PTZFileGSource *>(client->source);
-  if (source == nullptr) return false;  // as it is where the endpoint's own functions made the client
+  if (source == nullptr) return false;  // a client that ptz_socket_new() or ptz_socket_fd_new() has made
   const MutexLock lock(&source->mutex);
   return source->tag != nullptr;
 }
@@ -112,5 +114,5 @@ void ptz_socket_client_remove_poll(PTZSocketClient *client) {
 
 gboolean ptz_socket_client_async_send(PTZSocketClient *client, gconstpointer data, guint32 length) {
   g_return_val_if_fail(PTZ_IS_SOCKET_CLIENT(client), FALSE);
-  return ptz::send_counted(client, data, length) >= 0 ? TRUE : FALSE;
+  return ptz::send_counted(client, ptz::descriptor_of(PTZ_SOCKET(client)), data, length) >= 0 ? TRUE : FALSE;
 }

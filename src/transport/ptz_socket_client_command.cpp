@@ -1,455 +1,130 @@
 #include "ptz_socket_client_command.h"
 
-#include <sys/select.h>
-#include <sys/socket.h>
-#include <unistd.h>
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <memory>
 #include <type_traits>
-#include <utility>
-#include <vector>
 
 #include "base/check.h"
 #include "base/clock.h"
 #include "base/descriptor_flags.h"
 #include "base/handles.h"
-#include "transport/frame_header.h"
+#include "transport/client_command_private.h"
+#include "transport/frame_writer.h"
 #include "transport/socket_client_private.h"
+#include "transport/socket_private.h"
 
 static_assert(std::is_standard_layout_v<PTZSocketClientCommand>);
 static_assert(offsetof(PTZSocketClientCommand, fill) == sizeof(PTZSocketClient));
 
-struct PTZSocketClientCommandPrivate {
-  GRecMutex receiving;                        // guards the assembly state and the two flags
-  GMutex sending;                             // the header and the body of one frame stay together
-  std::atomic<GThread *> expiring = nullptr;  // holds the mutex of the pending requests while a callback runs
-  std::atomic<int> callbacks_running = 0;
-  bool deferring = false;    // replies to asynchronous requests go to the main loop
-  bool out_of_step = false;  // a frame had a length that cannot be: what follows makes no sense
-};
+using PTZSocketClientCommandPrivate = ptz::ClientCommandPrivate;
 
 G_DEFINE_TYPE_WITH_PRIVATE(PTZSocketClientCommand, ptz_socket_client_command, PTZ_TYPE_SOCKET_CLIENT)
 
 namespace {
 
-using namespace ptz::frame;
+using ptz::ClientStream;
+using ptz::private_of;
+using ptz::frame::FrameSent;
 
-constexpr guint reply_timeout_s = 360;
 constexpr gint64 sync_timeout_ms = 10'000;
+constexpr gint64 queue_timeout_ms = 8'000;  // for the sends of other threads; a send of one's own may take two seconds
 constexpr int drained_frames = 11;
 
-struct PendingRequest {
-  gpointer context;
-  guint32 message_id;
-  timespec deadline;
-};
-
-struct DeferredReply {
-  GWeakRef client;  // weak: the client may go before the main loop comes to the reply
-  guint8 frame[PTZ_SOCKET_FRAME_MAX];
-  guint32 length;
-};
-
-PTZSocketClientCommandPrivate *private_of(PTZSocketClientCommand *self) {
-  return static_cast<PTZSocketClientCommandPrivate *>(ptz_socket_client_command_get_instance_private(self));
-}
-
-gint descriptor_of(const PTZSocketClientCommand *self) { return self->parent_instance.parent_instance.fd; }
-
-timespec now_or_zero() {
-  timespec now = {};
-  if (clock_gettime(CLOCK_MONOTONIC, &now) < 0) {
-    syslog(LOG_ERR, "clock_gettime failed %m");
-    now = {};
-  }
-  return now;
-}
-
-// The lock of the pending requests. The expiry timer holds it while a callback runs, which may well send again: in
-// that thread it counts as held.
-class PendingLock {
-  PTZSocketClientCommand *self_;
-  bool locked_;
-
- public:
-  [[nodiscard]] explicit PendingLock(PTZSocketClientCommand *self)
-      : self_(self), locked_(private_of(self)->expiring != g_thread_self()) {
-    if (locked_) g_mutex_lock(&self_->mutex);
-  }
-  PendingLock(PendingLock &&) = delete;
-  ~PendingLock() {
-    if (locked_) g_mutex_unlock(&self_->mutex);
-  }
-};
-
-enum class Waiting { yes, no };
-
-class ReceiveLock {
-  GRecMutex *mutex_;
-
- public:
-  [[nodiscard]] ReceiveLock(GRecMutex *mutex, Waiting waiting) : mutex_(mutex) {
-    if (waiting == Waiting::yes) {
-      g_rec_mutex_lock(mutex_);
-    } else if (!g_rec_mutex_trylock(mutex_)) {
-      mutex_ = nullptr;
-    }
-  }
-  ReceiveLock(ReceiveLock &&) = delete;
-  ~ReceiveLock() { unlock(); }
-  explicit operator bool() const { return mutex_ != nullptr; }
-  void unlock() {
-    if (mutex_ != nullptr) g_rec_mutex_unlock(std::exchange(mutex_, nullptr));
-  }
-};
-
-// receiving held
-void forget_frame(PTZSocketClientCommand *self) {
-  self->fill = 0;
-  self->expected = PTZ_SOCKET_FRAME_UNKNOWN;
-}
-
-// receiving held. The stream has ended or makes no sense from here on.
-void give_up_stream(PTZSocketClientCommand *self) {
-  forget_frame(self);
-  ptz_socket_client_remove_poll(PTZ_SOCKET_CLIENT(self));
-}
-
-bool is_silent(int read_error) { return read_error == EAGAIN || read_error == EPIPE || read_error == ECONNRESET; }
-
-// receiving held. Behind a length that cannot be, anything might pass for a frame: nothing is read until somebody has
-// deliberately started the watch again.
-bool is_out_of_step(PTZSocketClientCommand *self) {
-  auto *state = private_of(self);
-  if (state->out_of_step && ptz::is_watched(PTZ_SOCKET_CLIENT(self))) state->out_of_step = false;
-  return state->out_of_step;
-}
-
-// receiving held. Returns the bytes read, 0 at the end of the stream, -1 with errno on an error, such as EAGAIN where
-// nothing has followed the header yet: what was read is kept.
-gssize ptz_socket_client_command_read_fd(PTZSocketClientCommand *self, gint fd) {
-  if (fd < 0) {
-    errno = EBADF;
-    return -1;
-  }
-  if (is_out_of_step(self)) {
-    errno = EBADMSG;
-    return -1;
-  }
-  gssize total = 0;
-  if (self->expected == PTZ_SOCKET_FRAME_UNKNOWN) {
-    const gssize count = read(fd, self->buffer + self->fill, length_size);
-    if (count < 0) {
-      const int error = errno;
-      if (!is_silent(error)) log_func(LOG_WARNING, "Unexpected error reading header: %s", std::strerror(error));
-      errno = error;
-      return -1;
-    }
-    if (count == 0) {
-      give_up_stream(self);
-      return 0;
-    }
-    self->fill += static_cast<guint32>(count);
-    total = count;
-    if (self->fill < length_size) return total;
-    self->expected = length_of(self->buffer);
-    if (!can_be_length(self->expected)) {
-      log_func(LOG_WARNING, "A frame cannot have a length of %u", self->expected);
-      give_up_stream(self);
-      private_of(self)->out_of_step = true;
-      errno = EBADMSG;
-      return -1;
-    }
-  }
-  const gssize count = read(fd, self->buffer + self->fill, self->expected - self->fill);
-  if (count < 0) {
-    const int error = errno;
-    if (!is_silent(error)) log_func(LOG_WARNING, "Unexpected error reading body: %s", std::strerror(error));
-    errno = error;
-    return -1;
-  }
-  if (count == 0) {
-    give_up_stream(self);
-    return total;
-  }
-  self->fill += static_cast<guint32>(count);
-  return total + count;
-}
-
-// receiving held
-bool frame_complete(const PTZSocketClientCommand *self) { return self->fill == self->expected; }
-
-GList *find_pending(PTZSocketClientCommand *self, guint32 message_id) {
-  for (GList *link = self->pending; link != nullptr; link = link->next) {
-    const auto *request = static_cast<const PendingRequest *>(link->data);
-    if (request != nullptr && request->message_id == message_id) return link;
-  }
-  return nullptr;
-}
-
-PendingRequest *take_pending(PTZSocketClientCommand *self, guint32 message_id) {
-  const PendingLock lock(self);
-  GList *link = find_pending(self, message_id);
-  if (link == nullptr) return nullptr;
-  auto *request = static_cast<PendingRequest *>(link->data);
-  self->pending = g_list_delete_link(self->pending, link);
-  return request;
-}
-
-// No lock of the client held: the callback may send again, or drop the client.
-bool handle_reply(PTZSocketClientCommand *self, guint8 *frame, guint32 length) {
-  const auto *client = PTZ_SOCKET_CLIENT(self);
-  if (client->callback == nullptr || length < header_size) return false;
-  auto *request = take_pending(self, message_id_of(frame));
-  if (request == nullptr) return false;
-  const auto keep = ptz::share(self);
-  auto *state = private_of(self);
-  ++state->callbacks_running;
-  client->callback(request->context, frame + header_size, static_cast<guint32>(length - header_size));
-  --state->callbacks_running;
-  g_slice_free(PendingRequest, request);
-  return true;
-}
-
-// Default main context.
-gboolean deliver_deferred(gpointer user_data) {
-  auto *reply = static_cast<DeferredReply *>(user_data);
-  {
-    const ptz::Object<PTZSocketClientCommand> client(
-        static_cast<PTZSocketClientCommand *>(g_weak_ref_get(&reply->client)));
-    if (client != nullptr) handle_reply(client.get(), reply->frame, reply->length);
-  }
-  g_weak_ref_clear(&reply->client);
-  g_free(reply);
-  return G_SOURCE_REMOVE;
-}
-
-// Not waited for: whoever holds the lock may be the expiry timer, whose callback may be waiting for this thread. A
-// reply that turns out to be nobody's is then dropped on the main loop.
-bool may_be_pending(PTZSocketClientCommand *self, guint32 message_id) {
-  if (!g_mutex_trylock(&self->mutex)) return true;
-  const bool found = find_pending(self, message_id) != nullptr;
-  g_mutex_unlock(&self->mutex);
-  return found;
-}
-
-void defer_reply(PTZSocketClientCommand *self, const guint8 *frame, guint32 length) {
-  if (!may_be_pending(self, message_id_of(frame))) return;
-  auto *reply = g_new0(DeferredReply, 1);
-  g_weak_ref_init(&reply->client, self);
-  std::memcpy(reply->frame, frame, length);
-  reply->length = length;
-  g_idle_add(deliver_deferred, reply);
-}
-
+// The frame goes to the caller's buffer if that holds any frame, so that the main loop's read copies it once.
 gssize command_read(PTZSocket *socket, gint fd, gpointer out, gsize out_size, gint) {
+  using Taken = ClientStream::Taken;
   auto *self = PTZ_SOCKET_CLIENT_COMMAND(socket);
-  auto *state = private_of(self);
-  ReceiveLock lock(&state->receiving, Waiting::no);
-  if (!lock) return 0;  // a synchronous call reads the socket
-  if (ptz_socket_client_command_read_fd(self, fd) < 0) return -1;
-  if (!frame_complete(self)) return 0;
-  // The callback may send, and so receive into the buffer again, while it looks at the body: it gets a copy.
   guint8 own_copy[PTZ_SOCKET_FRAME_MAX];
-  const guint32 length = self->expected;
+  auto *frame = out != nullptr && out_size >= sizeof own_copy ? static_cast<guint8 *>(out) : own_copy;
+  guint32 length = 0;
+  const Taken taken = private_of(self)->stream.take_frame(fd, frame, length);
+  if (taken == Taken::failed) return -1;
+  if (taken == Taken::nothing) return 0;
   const gsize copied = out != nullptr ? std::min<gsize>(out_size, length) : 0;
-  if (copied > 0) std::memcpy(out, self->buffer, copied);
-  auto *frame = copied == length ? static_cast<guint8 *>(out) : own_copy;
-  if (frame == own_copy) std::memcpy(own_copy, self->buffer, length);
-  forget_frame(self);
-  const bool defer = state->deferring;
-  lock.unlock();
-  if (defer) {
-    defer_reply(self, frame, length);
+  if (frame == own_copy && copied > 0) std::memcpy(out, frame, copied);
+  if (taken == Taken::deferred) {
+    ptz::defer_reply(self, frame, length);
   } else {
-    handle_reply(self, frame, length);
+    ptz::deliver_reply(self, frame, length);
   }
   return static_cast<gssize>(copied);
 }
 
-// Replies that have arrived make room for the answer to the next request. Not from within a callback: each would
-// nest another.
+guint command_add_retry(PTZSocket *socket) {
+  return private_of(PTZ_SOCKET_CLIENT_COMMAND(socket))
+      ->stream.reconnect(PTZ_SOCKET_CLASS(ptz_socket_client_command_parent_class)->add_retry);
+}
+
+// Replies that have arrived make room in the peer's buffers for the answer to the next request.
 void drain(PTZSocketClientCommand *self) {
-  if (private_of(self)->callbacks_running > 0) return;
   auto *socket = PTZ_SOCKET(self);
   const auto read_operation = PTZ_SOCKET_GET_CLASS(socket)->read;
   for (int frames = 0; frames < drained_frames; ++frames) {
-    guint8 scratch[length_size];
-    if (static_cast<gint>(read_operation(socket, socket->fd, scratch, 1, 0)) <= 0) break;
+    guint8 scratch[ptz::frame::length_size];
+    if (static_cast<gint>(read_operation(socket, ptz::descriptor_of(socket), scratch, 1, 0)) <= 0) break;
   }
 }
 
-enum class Sent { whole, nothing, part };
-
-Sent send_piece(PTZSocketClientCommand *self, gconstpointer data, gsize length) {
-  const gssize count = ptz::send_counted(PTZ_SOCKET_CLIENT(self), data, length);
-  if (count < 0) return Sent::nothing;
-  return count > 0 && static_cast<gsize>(count) < length ? Sent::part : Sent::whole;
-}
-
-bool send_frame(PTZSocketClientCommand *self, guint32 message_id, gconstpointer body, guint32 length) {
-  const guint32 header[] = {static_cast<guint32>(length + header_size), message_id};
-  const ptz::MutexLock lock(&private_of(self)->sending);
-  const Sent header_sent = send_piece(self, header, sizeof header);
-  if (header_sent == Sent::nothing) return false;
-  const Sent body_sent = header_sent == Sent::whole ? send_piece(self, body, length) : Sent::nothing;
-  if (header_sent == Sent::whole && body_sent == Sent::whole) return true;
-  if (header_sent == Sent::whole && length == 0) return false;  // the header was the whole frame
-  // The peer takes whatever follows for the rest of this frame, so nothing may: not from here, nor from a retry.
+// In the caller's sending turn.
+bool send_frame(PTZSocketClientCommand *self, gint fd, guint32 message_id, gconstpointer body, guint32 length) {
+  auto *client = PTZ_SOCKET_CLIENT(self);
+  const FrameSent sent = ptz::frame::write_frame(
+      message_id, body, length,
+      [=](gconstpointer piece, gsize piece_length) { return ptz::send_counted(client, fd, piece, piece_length); });
+  if (sent != FrameSent::fragment) return sent == FrameSent::whole;
   log_func(LOG_WARNING, "Message %u was sent only in part, shutting the connection down", message_id);
-  ptz_socket_client_remove_poll(PTZ_SOCKET_CLIENT(self));
-  shutdown(descriptor_of(self), SHUT_RDWR);
+  private_of(self)->stream.shut_down(fd);
   return false;
 }
 
+// Whether a request was sent, and how long the wait for its reply may still be.
+struct SyncSend {
+  bool sent;
+  gint64 reply_timeout_ms;
+};
+
+// The ten seconds begin after the send. If other threads kept this one from sending, they begin with the call.
+SyncSend send_synchronously(PTZSocketClientCommand *self, gint fd, guint32 message_id, gconstpointer body,
+                            guint32 length) {
+  auto &stream = private_of(self)->stream;
+  const timespec start = ptz::clock_now();
+  bool had_to_wait = false;
+  if (!stream.begin_sending(queue_timeout_ms, had_to_wait)) return {false, 0};
+  const bool sent = send_frame(self, fd, message_id, body, length);
+  stream.end_sending();
+  return {sent, had_to_wait ? sync_timeout_ms - ptz::elapsed_ms(start, ptz::clock_now()) : sync_timeout_ms};
+}
+
+// contract: without a lock, one counter for both kinds of requests.
 guint32 take_message_id(PTZSocketClientCommand *self) { return std::atomic_ref(self->next_id).fetch_add(1); }
-
-// mutex held
-void start_expiry_timer(PTZSocketClientCommand *self, guint seconds);
-
-void expire(PTZSocketClientCommand *self, PendingRequest *request) {
-  auto *state = private_of(self);
-  const auto *client = PTZ_SOCKET_CLIENT(self);
-  GThread *outer = state->expiring.exchange(g_thread_self());
-  ++state->callbacks_running;
-  if (client->callback != nullptr) {
-    client->callback(request->context, nullptr, 0);
-    g_slice_free(PendingRequest, request);
-  } else {
-    cleanup_table_entry(request, self);
-  }
-  --state->callbacks_running;
-  state->expiring = outer;
-}
-
-// Default main context.
-gboolean ptz_socket_client_command_cmd_timeout(gpointer user_data) {
-  if (user_data == nullptr) return FALSE;
-  const auto keep = ptz::share(static_cast<PTZSocketClientCommand *>(user_data));
-  auto *self = keep.get();
-  const PendingLock lock(self);
-  self->timeout_source = 0;
-  if (self->pending == nullptr) return FALSE;
-  timespec now = now_or_zero();
-  auto *oldest = static_cast<PendingRequest *>(self->pending->data);
-  if (oldest == nullptr) {
-    log_func(LOG_ERR, "Entry without data");
-    self->pending = g_list_delete_link(self->pending, self->pending);
-  } else if (now.tv_sec >= oldest->deadline.tv_sec) {
-    // Taken out first: the callback may send and receive, and must not meet its own request again.
-    self->pending = g_list_delete_link(self->pending, self->pending);
-    expire(self, oldest);
-    now = now_or_zero();  // the callback may have taken its time, which the next request does not wait in addition
-  }
-  if (self->pending == nullptr) return FALSE;
-  const auto *next = static_cast<const PendingRequest *>(self->pending->data);
-  if (next == nullptr) return FALSE;
-  if (self->timeout_source != 0) g_source_remove(self->timeout_source);  // of a request that the callback sent
-  start_expiry_timer(self, static_cast<guint>(std::max<gint64>(next->deadline.tv_sec - now.tv_sec, 0)));
-  return FALSE;
-}
-
-void start_expiry_timer(PTZSocketClientCommand *self, guint seconds) {
-  self->timeout_source = g_timeout_add_seconds(seconds, ptz_socket_client_command_cmd_timeout, self);
-  if (seconds > 0) return;
-  // A timer of whole seconds may come up to one later, but what is due is due at once.
-  GSource *timer = g_main_context_find_source_by_id(nullptr, self->timeout_source);
-  if (timer != nullptr) g_source_set_ready_time(timer, 0);
-}
-
-void add_pending(PTZSocketClientCommand *self, gpointer context, guint32 message_id) {
-  auto *request = g_slice_new(PendingRequest);
-  *request = {context, message_id, now_or_zero()};
-  request->deadline.tv_sec += reply_timeout_s;
-  const PendingLock lock(self);
-  self->pending = g_list_append(self->pending, request);
-}
-
-// As select(2), for any descriptor.
-int wait_readable(gint fd, gint64 timeout_ms) {
-  if (fd < 0) {
-    errno = EBADF;
-    return -1;
-  }
-  timeval timeout = {static_cast<time_t>(timeout_ms / 1000), static_cast<suseconds_t>(timeout_ms % 1000 * 1000)};
-  if (fd < FD_SETSIZE) {
-    fd_set readable;
-    FD_ZERO(&readable);
-    FD_SET(fd, &readable);
-    return select(fd + 1, &readable, nullptr, nullptr, &timeout);
-  }
-  // The kernel takes a set of any size; fd_set is only the smallest that the C library allows.
-  std::vector<fd_set> readable(static_cast<std::size_t>(fd) / FD_SETSIZE + 1);
-  FD_SET(fd % FD_SETSIZE, &readable.back());
-  return select(fd + 1, readable.data(), nullptr, nullptr, &timeout);
-}
-
-// receiving held. The reply stays in the buffer; false when it did not come.
-bool await_reply(PTZSocketClientCommand *self, guint32 message_id) {
-  const gint fd = descriptor_of(self);
-  const timespec start = now_or_zero();
-  bool failure_told = false;
-  for (gint64 remaining_ms = sync_timeout_ms; remaining_ms > 0;
-       remaining_ms = sync_timeout_ms - ptz::elapsed_ms(start, now_or_zero())) {
-    const int ready = wait_readable(fd, remaining_ms);
-    if (ready < 0) {
-      const bool by_signal = errno == EINTR;  // which is told once, and is no reason to give the reply up
-      if (!std::exchange(failure_told, true)) {
-        syslog(LOG_WARNING, "%s: Error waiting for sync reply from socket! %m", "ptz_socket_client_command_sync_send");
-      }
-      if (by_signal) continue;
-      return false;
-    }
-    if (ready == 0) continue;
-    const gssize count = ptz_socket_client_command_read_fd(self, fd);
-    if (count == 0 || (count < 0 && errno != EAGAIN)) return false;
-    if (!frame_complete(self)) continue;
-    if (message_id_of(self->buffer) == message_id) return true;
-    defer_reply(self, self->buffer, self->expected);
-    forget_frame(self);
-  }
-  return false;
-}
 
 }  // namespace
 
 void cleanup_table_entry(gpointer entry, gpointer client) {
-  auto *request = static_cast<PendingRequest *>(entry);
+  auto *request = static_cast<ptz::PendingRequest *>(entry);
   const auto *self = static_cast<const PTZSocketClientCommand *>(client);
   if (request == nullptr) return;
   if (self->free_callback != nullptr) self->free_callback(request->context, self->free_user_data);
-  g_slice_free(PendingRequest, request);
+  ptz::free_pending_request(request);
+}
+
+PTZSocketClientCommandPrivate *ptz::private_of(PTZSocketClientCommand *client) {
+  return static_cast<PTZSocketClientCommandPrivate *>(ptz_socket_client_command_get_instance_private(client));
 }
 
 static void ptz_socket_client_command_finalize(GObject *object) {
   auto *self = PTZ_SOCKET_CLIENT_COMMAND(object);
-  auto *state = private_of(self);
-  if (self->timeout_source != 0) {
-    g_source_remove(self->timeout_source);
-    self->timeout_source = 0;
-  }
+  private_of(self)->pending.clear();
+  std::destroy_at(private_of(self));
   g_free(self->buffer);
   self->buffer = nullptr;
-  if (self->pending != nullptr) {
-    g_list_foreach(self->pending, cleanup_table_entry, self);
-    g_list_free(self->pending);
-    self->pending = nullptr;
-  }
   g_mutex_clear(&self->mutex);
-  g_mutex_clear(&state->sending);
-  g_rec_mutex_clear(&state->receiving);
-  std::destroy_at(state);
   G_OBJECT_CLASS(ptz_socket_client_command_parent_class)->finalize(object);
 }
 
 static void ptz_socket_client_command_init(PTZSocketClientCommand *self) {
-  auto *state = std::construct_at(private_of(self));
-  g_rec_mutex_init(&state->receiving);
-  g_mutex_init(&state->sending);
   self->fill = 0;
   self->expected = PTZ_SOCKET_FRAME_UNKNOWN;
   self->buffer = static_cast<guint8 *>(g_malloc(PTZ_SOCKET_FRAME_MAX));
@@ -458,11 +133,13 @@ static void ptz_socket_client_command_init(PTZSocketClientCommand *self) {
   self->timeout_source = 0;
   self->free_user_data = nullptr;
   self->free_callback = nullptr;
+  std::construct_at(private_of(self), self);
 }
 
 static void ptz_socket_client_command_class_init(PTZSocketClientCommandClass *klass) {
   G_OBJECT_CLASS(klass)->finalize = ptz_socket_client_command_finalize;
   PTZ_SOCKET_CLASS(klass)->read = command_read;
+  PTZ_SOCKET_CLASS(klass)->add_retry = command_add_retry;
 }
 
 PTZSocketClientCommand *ptz_socket_client_command_new(const gchar *path, gint fd, gint type) {
@@ -486,20 +163,23 @@ gboolean ptz_socket_client_command_async_send(PTZSocketClientCommand *client, gc
   g_return_val_if_fail(PTZ_IS_SOCKET_CLIENT_COMMAND(client), FALSE);
   g_return_val_if_fail(length <= PTZ_SOCKET_BODY_MAX, FALSE);
   const auto keep = ptz::share(client);  // a reply that is drained may be the reason to drop the client
+  auto &[callbacks, pending, stream] = *private_of(client);
   drain(client);
   const guint32 message_id = take_message_id(client);
-  // Before it is sent: another thread may read the reply before this one comes to it.
-  if (request_context != nullptr) add_pending(client, request_context, message_id);
-  const bool sent = send_frame(client, message_id, body, length);
+  // contract: pending before it is sent, because another thread may read the reply at once.
+  if (request_context != nullptr) pending.add(request_context, message_id);
+  bool had_to_wait = false;
+  (void)stream.begin_sending(ClientStream::no_limit, had_to_wait);
+  const bool sent = send_frame(client, ptz::descriptor_of(PTZ_SOCKET(client)), message_id, body, length);
+  stream.end_sending();
   if (request_context == nullptr) return sent ? TRUE : FALSE;
   if (!sent) {
-    auto *request = take_pending(client, message_id);
-    if (request == nullptr) return TRUE;  // a peer that knew the id has answered already: the context is no longer ours
-    g_slice_free(PendingRequest, request);
+    auto *request = pending.take(message_id);
+    if (request == nullptr) return TRUE;  // a peer that guessed the id has answered: the callback has the context
+    ptz::free_pending_request(request);
     return FALSE;
   }
-  const PendingLock lock(client);
-  if (client->timeout_source == 0) start_expiry_timer(client, reply_timeout_s);
+  pending.start_timer();
   return TRUE;
 }
 
@@ -509,28 +189,17 @@ gboolean ptz_socket_client_command_sync_send(PTZSocketClientCommand *client, gco
   g_return_val_if_fail(length <= PTZ_SOCKET_BODY_MAX, FALSE);
   g_return_val_if_fail(reply_buffer != NULL, FALSE);
   g_return_val_if_fail(reply_length_out != NULL, FALSE);
-  auto *state = private_of(client);
-  auto *base = PTZ_SOCKET_CLIENT(client);
-  const guint32 message_id = take_message_id(client);
-  const ReceiveLock lock(&state->receiving, Waiting::yes);
-  is_out_of_step(client);  // asked while the watch still tells
-  ptz_socket_client_remove_poll(base);
-  state->deferring = true;
+  const auto keep = ptz::share(client);
+  auto &stream = private_of(client)->stream;
+  ptz::SyncCall call = {take_message_id(client), reply_buffer, reply_length_out};
+  stream.begin(call);
   drain(client);
-  state->deferring = false;
-  if (!send_frame(client, message_id, body, length)) {
-    if (!state->out_of_step) ptz_socket_client_add_poll(base);
-    return FALSE;
+  const gint fd = ptz::descriptor_of(PTZ_SOCKET(client));
+  const SyncSend request = send_synchronously(client, fd, call.message_id, body, length);
+  const bool answered = request.sent && stream.await_reply(call, fd, request.reply_timeout_ms);
+  if (request.sent && !answered) {
+    log_func(LOG_WARNING, "Timeout waiting for response to message %d!", static_cast<int>(call.message_id));
   }
-  const bool answered = await_reply(client, message_id);
-  if (answered) {
-    const gsize reply_length = client->expected - header_size;
-    *reply_length_out = static_cast<guint32>(reply_length);
-    std::memcpy(reply_buffer, client->buffer + header_size, reply_length);
-    forget_frame(client);
-  } else {
-    log_func(LOG_WARNING, "Timeout waiting for response to message %d!", static_cast<int>(message_id));
-  }
-  if (!state->out_of_step) ptz_socket_client_add_poll(base);
+  stream.end(call);
   return answered ? TRUE : FALSE;
 }

@@ -11,13 +11,14 @@ static_assert(sizeof(PTZSocketClientSignalDataReady) == sizeof(PTZSocketClient))
 
 G_DEFINE_TYPE(PTZSocketClientSignalDataReady, ptz_socket_client_signal_data_ready, PTZ_TYPE_SOCKET_CLIENT)
 
-// The callback drains the descriptor. What it cannot drain, or nobody does, must not keep the main loop busy.
+// The callback drains the descriptor. It is also called once at the end of a stream, which lasts, as data do that no
+// callback reads: then the watch stops, so that they do not wake the main loop forever.
 static gssize announce_data(PTZSocket *socket, gint fd, gpointer, gsize length, gint) {
   const auto keep = ptz::share(PTZ_SOCKET_CLIENT(socket));  // the callback may drop the client
   auto *self = keep.get();
-  const bool anybody = self->callback != nullptr;
-  if (anybody) self->callback(self->user_data, nullptr, static_cast<guint32>(length));
-  if (!anybody || ptz::at_end_of_stream(fd)) ptz_socket_client_remove_poll(self);
+  const bool last_call = self->callback == nullptr || ptz::at_end_of_stream(fd);
+  if (self->callback != nullptr) self->callback(self->user_data, nullptr, static_cast<guint32>(length));
+  if (last_call) ptz_socket_client_remove_poll(self);
   return static_cast<gssize>(length);
 }
 

@@ -1,165 +1,154 @@
 #include "ptz_socket_server_command.h"
 
-#include <unistd.h>
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <map>
 #include <memory>
 #include <type_traits>
-#include <vector>
+#include <utility>
 
 #include "base/check.h"
 #include "base/handles.h"
-#include "transport/frame_header.h"
-#include "transport/socket_server_private.h"
+#include "transport/frame_reader.h"
+#include "transport/frame_writer.h"
+#include "transport/reply_contexts.h"
+#include "transport/server_source.h"
 
 static_assert(std::is_standard_layout_v<PTZSocketServerCommand>);
 static_assert(offsetof(PTZSocketServerCommand, fill) == sizeof(PTZSocketServer));
 // ptz_socket_server_send() finds the server of either kind of context.
 static_assert(offsetof(PTZSocketServerCommandReplyContext, server) == offsetof(PTZSocketServerReplyContext, server));
 
+namespace {
+
 struct PTZSocketServerCommandPrivate {
-  gint current_fd = -1;                           // whose frame the buffer holds
-  std::map<gint, std::vector<guint8>> set_aside;  // half frames of the other clients
+  ptz::SharedAssembler assembler;
+  ptz::ReplyContexts contexts;
+  gint foreign_fd = -1;  // that was read although no connection has it
+
+  explicit PTZSocketServerCommandPrivate(PTZSocketServerCommand *server)
+      : assembler(ptz::frame::FrameAssembler(server->buffer, &server->fill, &server->expected)) {}
 };
+
+}  // namespace
 
 G_DEFINE_TYPE_WITH_PRIVATE(PTZSocketServerCommand, ptz_socket_server_command, PTZ_TYPE_SOCKET_SERVER)
 
 namespace {
 
 using namespace ptz::frame;
+using ptz::ServerConnection;
+using ptz::ServerSource;
 
 PTZSocketServerCommandPrivate *private_of(PTZSocketServerCommand *self) {
   return static_cast<PTZSocketServerCommandPrivate *>(ptz_socket_server_command_get_instance_private(self));
 }
 
-void forget_frame(PTZSocketServerCommand *self) {
-  self->fill = 0;
-  self->expected = PTZ_SOCKET_FRAME_UNKNOWN;
+ServerConnection *find_connection(PTZSocketServer *server, gint fd) {
+  return server->source != nullptr ? ServerSource::of(server)->find(fd) : nullptr;
 }
 
-// Makes the assembly state that of the client, putting another's half frame aside.
-void turn_to(PTZSocketServerCommand *self, gint fd) {
+FrameAssembler &assembler_for(PTZSocketServerCommand *self, ServerConnection *connection, gint fd) {
   auto *state = private_of(self);
-  if (state->current_fd == fd) return;
-  if (self->fill > 0) state->set_aside[state->current_fd].assign(self->buffer, self->buffer + self->fill);
-  forget_frame(self);
-  state->current_fd = fd;
-  if (state->set_aside.empty()) return;
-  const auto found = state->set_aside.find(fd);
-  if (found == state->set_aside.end()) return;
-  self->fill = static_cast<guint32>(found->second.size());
-  std::memcpy(self->buffer, found->second.data(), self->fill);
-  if (self->fill >= length_size) self->expected = length_of(self->buffer);
-  state->set_aside.erase(found);
+  auto &assembler = state->assembler.turn_to(connection);
+  if (connection == nullptr && std::exchange(state->foreign_fd, fd) != fd) assembler.reset();
+  return assembler;
 }
 
-void client_closed(PTZSocketServer *server, gint fd) {
-  auto *self = PTZ_SOCKET_SERVER_COMMAND(server);
-  auto *state = private_of(self);
-  if (state->current_fd == fd) {
-    forget_frame(self);
-    state->current_fd = -1;
-  } else {
-    state->set_aside.erase(fd);
-  }
-}
-
-enum class Piece { some, none_yet, failed };
-
-// At most this many bytes of the frame. An end of file is a failure: a client that has stopped sending is done.
-Piece read_piece(PTZSocketServerCommand *self, gint fd, gsize length) {
-  const gssize count = read(fd, self->buffer + self->fill, length);
-  if (count < 0) return errno == EAGAIN ? Piece::none_yet : Piece::failed;
-  if (count == 0) return Piece::failed;
-  self->fill += static_cast<guint32>(count);
-  return Piece::some;
+// The body of the complete frame, as far as there is room.
+gssize take_message(PTZSocketServerCommand *self, FrameAssembler &assembler, gpointer out, gsize out_size) {
+  const gsize length = std::min<gsize>(assembler.length(), out_size);
+  const gsize body_length = length > header_size ? length - header_size : 0;
+  self->message_id = assembler.message_id();
+  if (body_length > 0) std::memcpy(out, assembler.body().data(), body_length);
+  assembler.reset();
+  self->have_message = TRUE;
+  return static_cast<gssize>(body_length);
 }
 
 gssize command_server_read(PTZSocket *socket, gint fd, gpointer out, gsize out_size, gint) {
+  using Outcome = Reception::Outcome;
   auto *self = PTZ_SOCKET_SERVER_COMMAND(socket);
-  turn_to(self, fd);
-  if (self->expected == PTZ_SOCKET_FRAME_UNKNOWN) {
-    const Piece header = read_piece(self, fd, length_size);
-    if (header != Piece::some) return header == Piece::failed ? -1 : 0;
-    if (self->fill < length_size) return 0;
-    self->expected = length_of(self->buffer);
-    if (!can_be_length(self->expected)) {
-      log_func(LOG_WARNING, "A frame cannot have a length of %u, closing client fd %d", self->expected, fd);
-      forget_frame(self);
+  auto *connection = find_connection(&self->parent_instance, fd);
+  auto &assembler = assembler_for(self, connection, fd);
+  const Reception reception = receive_frame(assembler, fd);
+  if (connection != nullptr && reception.count > 0) connection->received = true;
+  switch (reception.outcome) {
+    case Outcome::complete:
+      return take_message(self, assembler, out, out_size);
+    case Outcome::incomplete:
+      return 0;
+    case Outcome::failed:
+      return errno == EAGAIN ? 0 : -1;
+    case Outcome::end_of_stream:
+      if (connection != nullptr && connection->input == ServerConnection::Input::open) {
+        connection->input = ServerConnection::Input::ended;
+      }
+      return 0;
+    case Outcome::malformed:
+      log_func(LOG_WARNING, "A frame cannot have a length of %u, closing client fd %d", assembler.length(), fd);
+      assembler.reset();
       return -1;
-    }
   }
-  const Piece rest = read_piece(self, fd, self->expected - self->fill);
-  if (rest != Piece::some) return rest == Piece::failed ? -1 : 0;
-  if (self->fill != self->expected) return 0;
-  const gsize length = std::min<gsize>(self->expected, out_size);
-  const gsize body_length = length > header_size ? length - header_size : 0;
-  self->message_id = message_id_of(self->buffer);
-  std::memcpy(out, self->buffer + header_size, body_length);
-  forget_frame(self);
-  self->have_message = TRUE;
-  return static_cast<gssize>(body_length);
+  return -1;
 }
 
 gpointer command_server_get_reply_context(PTZSocketServer *server, PTZSocketServerClient *client) {
   auto *self = PTZ_SOCKET_SERVER_COMMAND(server);
   if (!self->have_message) return nullptr;
-  auto *context = g_new(PTZSocketServerCommandReplyContext, 1);
-  *context = {client->fd, server, self->message_id, ptz::connection_at(server, client->fd)};
+  const auto *connection = find_connection(server, client->fd);
+  const guint32 serial = connection != nullptr ? connection->serial : 0;
   self->have_message = FALSE;
-  return context;
+  return private_of(self)->contexts.make(client->fd, server, self->message_id, serial);
 }
 
-gssize write_once(PTZSocketServer *server, gint fd, gconstpointer data, gsize length) {
-  auto *socket = reinterpret_cast<PTZSocket *>(server);
-  errno = 0;
-  return static_cast<gint>(PTZ_SOCKET_GET_CLASS(socket)->write(socket, fd, data, length, 0));
+// The connection that the context was made for has gone, whatever has its descriptor number now.
+bool is_stale(PTZSocketServer *server, const PTZSocketServerCommandReplyContext *context) {
+  const auto serial = private_of(PTZ_SOCKET_SERVER_COMMAND(server))->contexts.take(context);
+  if (!serial || *serial == 0) return false;
+  const auto *connection = find_connection(server, context->fd);
+  return connection == nullptr || connection->serial != *serial;
 }
-
-bool is_part(gssize sent, gsize length) { return sent > 0 && static_cast<gsize>(sent) < length; }
 
 gboolean command_server_send(gpointer reply_context, gconstpointer data, guint32 length) {
   if (reply_context == nullptr) return TRUE;
   const ptz::Handle<PTZSocketServerCommandReplyContext, g_free> context(
       static_cast<PTZSocketServerCommandReplyContext *>(reply_context));
-  g_return_val_if_fail(length <= PTZ_SOCKET_BODY_MAX, FALSE);
-  const gint fd = context->fd;
   auto *server = context->server;
-  if (context->connection != 0 && context->connection != ptz::connection_at(server, fd)) return FALSE;
-
-  const guint32 header[] = {static_cast<guint32>(length + header_size), context->message_id};
-  const gssize header_sent = write_once(server, fd, header, sizeof header);
-  if (header_sent < 0) return FALSE;
-  const bool header_in_part = is_part(header_sent, sizeof header);
-  const gssize body_sent = header_in_part ? -1 : write_once(server, fd, data, length);
-  const bool frame_in_part = header_in_part || is_part(body_sent, length) || (body_sent < 0 && length > 0);
-  if (frame_in_part) ptz::close_client_at(server, fd);  // it would take the next frame for the rest of this one
-  return !frame_in_part && body_sent >= 0 ? TRUE : FALSE;
+  const bool stale = is_stale(server, context.get());
+  g_return_val_if_fail(length <= PTZ_SOCKET_BODY_MAX, FALSE);
+  if (stale) return FALSE;
+  const gint fd = context->fd;
+  const FrameSent sent = write_frame(context->message_id, data, length, [=](gconstpointer piece, gsize piece_length) {
+    auto *socket = reinterpret_cast<PTZSocket *>(server);
+    errno = 0;
+    return gssize{static_cast<gint>(PTZ_SOCKET_GET_CLASS(socket)->write(socket, fd, piece, piece_length, 0))};
+  });
+  if (sent == FrameSent::fragment) {
+    auto *connection = find_connection(server, fd);
+    if (connection != nullptr) ptz_socket_server_close(server, &connection->client);
+  }
+  return sent == FrameSent::whole ? TRUE : FALSE;
 }
 
 }  // namespace
 
 static void ptz_socket_server_command_finalize(GObject *object) {
   auto *self = PTZ_SOCKET_SERVER_COMMAND(object);
+  std::destroy_at(private_of(self));
   g_free(self->buffer);
   self->buffer = nullptr;
   self->fill = 0;
-  // The base closes the clients that are left, when there is nothing to forget of them any more.
-  ptz::server_state(PTZ_SOCKET_SERVER(self))->client_closed = nullptr;
-  std::destroy_at(private_of(self));
   G_OBJECT_CLASS(ptz_socket_server_command_parent_class)->finalize(object);
 }
 
 static void ptz_socket_server_command_init(PTZSocketServerCommand *self) {
-  std::construct_at(private_of(self));
-  ptz::server_state(PTZ_SOCKET_SERVER(self))->client_closed = client_closed;
   self->fill = 0;
   self->expected = PTZ_SOCKET_FRAME_UNKNOWN;
   self->message_id = 0;
   self->buffer = static_cast<guint8 *>(g_malloc(PTZ_SOCKET_FRAME_MAX));
   self->have_message = FALSE;
+  std::construct_at(private_of(self), self);
 }
 
 static void ptz_socket_server_command_class_init(PTZSocketServerCommandClass *klass) {

@@ -4,11 +4,11 @@
 
 namespace ptz {
 
-// ptz_socket_client_async_send() with the count: negative when nothing could be sent (the watch is off then), 0 on a
-// client that is not connected, less than length when the peer took only a part in time.
-gssize send_counted(PTZSocketClient *client, gconstpointer data, gsize length);
+// ptz_socket_client_async_send() on this descriptor, with the count: negative if nothing could be sent (the watch is
+// off then), 0 if the descriptor is -1, less than length if the peer took only a part in time.
+gssize send_counted(PTZSocketClient *client, gint fd, gconstpointer data, gsize length);
 
 // Whether the main loop watches the descriptor.
-bool is_watched(PTZSocketClient *client);
+[[nodiscard]] bool is_watched(PTZSocketClient *client);
 
 }  // namespace ptz

@@ -89,7 +89,6 @@ SIZE (PTZSocketServerClass, 176);
 FIELD (PTZSocketServerCommandReplyContext, 0, gint32, fd);
 FIELD (PTZSocketServerCommandReplyContext, 8, PTZSocketServer *, server);
 FIELD (PTZSocketServerCommandReplyContext, 16, guint32, message_id);
-FIELD (PTZSocketServerCommandReplyContext, 20, guint32, connection);
 SIZE (PTZSocketServerCommandReplyContext, 24);
 FIELD (PTZSocketServerCommand, 0, PTZSocketServer, parent_instance);
 FIELD (PTZSocketServerCommand, 64, guint32, fill);

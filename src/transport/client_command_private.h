@@ -1,0 +1,32 @@
+// src/transport/client_command_private.h - the private state of PTZSocketClientCommand, which its parts share.
+#pragma once
+#include <ctime>
+
+#include "ptz_socket_client_command.h"
+#include "transport/client_stream.h"
+#include "transport/pending_requests.h"
+#include "transport/reply_callbacks.h"
+
+namespace ptz {
+
+struct ClientCommandPrivate {
+  ReplyCallbacks callbacks;
+  PendingRequests pending;
+  ClientStream stream;
+
+  explicit ClientCommandPrivate(PTZSocketClientCommand *client) : pending(client, &callbacks), stream(client) {}
+};
+
+[[nodiscard]] ClientCommandPrivate *private_of(PTZSocketClientCommand *client);
+
+// CLOCK_MONOTONIC; zero, and a line in the system log, if it cannot be read.
+[[nodiscard]] timespec logged_clock_now();
+
+// Hands a frame to its request, in this thread or on the main loop. `frame` is read before it returns. No lock of the
+// client held: a callback may send again, or drop the client.
+void deliver_reply(PTZSocketClientCommand *client, guint8 *frame, guint32 length);
+
+// On the main loop only. Any lock but the pending requests' may be held.
+void defer_reply(PTZSocketClientCommand *client, const guint8 *frame, guint32 length);
+
+}  // namespace ptz

@@ -1,0 +1,277 @@
+#include "transport/client_stream.h"
+
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+#include <vector>
+
+#include "base/check.h"
+#include "base/clock.h"
+#include "transport/client_command_private.h"
+#include "transport/socket_client_private.h"
+
+namespace ptz {
+
+using frame::FrameAssembler;
+using frame::Reception;
+using Outcome = frame::Reception::Outcome;
+
+namespace {
+
+bool is_silent(int read_error) { return read_error == EAGAIN || read_error == EPIPE || read_error == ECONNRESET; }
+
+// Keeps errno.
+Reception ptz_socket_client_command_read_fd(FrameAssembler &assembler, gint fd) {
+  const Reception reception = receive_frame(assembler, fd);
+  if (reception.outcome == Outcome::failed && !is_silent(errno)) {
+    const int error = errno;
+    log_func(LOG_WARNING, "Unexpected error reading %s: %s", reception.in_header ? "header" : "body",
+             std::strerror(error));
+    errno = error;
+  } else if (reception.outcome == Outcome::malformed) {
+    log_func(LOG_WARNING, "A frame cannot have a length of %u", assembler.length());
+  }
+  return reception;
+}
+
+// As select(2), for any descriptor.
+int wait_readable(gint fd, gint64 timeout_ms) {
+  if (fd < 0) {
+    errno = EBADF;
+    return -1;
+  }
+  timeval timeout = {static_cast<time_t>(timeout_ms / 1000), static_cast<suseconds_t>(timeout_ms % 1000 * 1000)};
+  if (fd < FD_SETSIZE) {
+    fd_set readable;
+    FD_ZERO(&readable);
+    FD_SET(fd, &readable);
+    return select(fd + 1, &readable, nullptr, nullptr, &timeout);
+  }
+  // contract: select(2), whatever the number. The kernel takes a set of any size; fd_set is the smallest that the C
+  // library allows.
+  std::vector<fd_set> readable(static_cast<std::size_t>(fd) / FD_SETSIZE + 1);
+  FD_SET(fd % FD_SETSIZE, &readable.back());
+  return select(fd + 1, readable.data(), nullptr, nullptr, &timeout);
+}
+
+}  // namespace
+
+timespec logged_clock_now() {
+  timespec now = {};
+  if (clock_gettime(CLOCK_MONOTONIC, &now) < 0) {
+    syslog(LOG_ERR, "clock_gettime failed %m");
+    now = {};
+  }
+  return now;
+}
+
+ClientStream::ClientStream(PTZSocketClientCommand *client)
+    : client_(client), assembler_(client->buffer, &client->fill, &client->expected) {}
+
+ClientStream::~ClientStream() {
+  g_cond_clear(&sending_ended_);
+  g_mutex_clear(&mutex_);
+}
+
+// mutex_ held
+void ClientStream::resynchronise_if_watched() {
+  if (state_ != State::desynchronised || !is_watched(PTZ_SOCKET_CLIENT(client_))) return;
+  state_ = calls_ != nullptr ? State::waiting : State::watched;
+}
+
+// mutex_ held. No call in progress can get a reply.
+void ClientStream::lose(State state) {
+  state_ = state;
+  ptz_socket_client_remove_poll(PTZ_SOCKET_CLIENT(client_));
+  wake_all();
+}
+
+// mutex_ held
+void ClientStream::wake_all() {
+  for (SyncCall *call = calls_; call != nullptr; call = call->next) {
+    if (call->sleeping) g_cond_signal(&call->changed);
+  }
+}
+
+// mutex_ held. On a failure errno says why; what was read before it is kept.
+Reception ClientStream::receive(gint fd) {
+  resynchronise_if_watched();
+  if (fd < 0 || state_ == State::desynchronised) {
+    errno = fd < 0 ? EBADF : EBADMSG;
+    return {Outcome::failed, 0, true};
+  }
+  const Reception reception = ptz_socket_client_command_read_fd(assembler_, fd);
+  if (reception.outcome == Outcome::end_of_stream) {
+    assembler_.reset();
+    ptz_socket_client_remove_poll(PTZ_SOCKET_CLIENT(client_));
+  } else if (reception.outcome == Outcome::malformed) {
+    assembler_.reset();
+    lose(State::desynchronised);
+    errno = EBADMSG;
+  }
+  return reception;
+}
+
+// mutex_ held, a complete frame assembled. Whether it was the reply of a synchronous call.
+bool ClientStream::hand_to_call() {
+  SyncCall *call = calls_;
+  while (call != nullptr && (call->answered || call->message_id != assembler_.message_id())) call = call->next;
+  if (call == nullptr) return false;
+  const auto body = assembler_.body();
+  *call->reply_length = static_cast<guint32>(body.size());
+  if (!body.empty()) std::memcpy(call->reply_buffer, body.data(), body.size());
+  call->answered = true;
+  if (call->sleeping) g_cond_signal(&call->changed);
+  return true;
+}
+
+ClientStream::Taken ClientStream::take_frame(gint fd, guint8 *frame, guint32 &length) {
+  const MutexLock lock(&mutex_);
+  if (has_reader_) return Taken::nothing;
+  const Reception reception = receive(fd);
+  if (reception.outcome == Outcome::failed || reception.outcome == Outcome::malformed) return Taken::failed;
+  if (reception.outcome != Outcome::complete) return Taken::nothing;
+  const bool is_handed = hand_to_call();
+  if (!is_handed) {
+    length = assembler_.length();
+    std::memcpy(frame, assembler_.received().data(), length);
+  }
+  assembler_.reset();
+  if (is_handed) return Taken::nothing;
+  return state_ == State::waiting ? Taken::deferred : Taken::frame;
+}
+
+// The source is switched with the mutex held: a call that begins must not find it switched on again by one that ends.
+void ClientStream::begin(SyncCall &call) {
+  const MutexLock lock(&mutex_);
+  resynchronise_if_watched();
+  if (state_ == State::watched) state_ = State::waiting;
+  call.connection = connection_;
+  call.next = std::exchange(calls_, &call);
+  ptz_socket_client_remove_poll(PTZ_SOCKET_CLIENT(client_));
+}
+
+void ClientStream::end(SyncCall &call) {
+  const MutexLock lock(&mutex_);
+  SyncCall **link = &calls_;
+  while (*link != &call) link = &(*link)->next;
+  *link = call.next;
+  wake_one();
+  if (calls_ != nullptr) return;
+  if (state_ == State::waiting) state_ = State::watched;
+  if (state_ != State::desynchronised) ptz_socket_client_add_poll(PTZ_SOCKET_CLIENT(client_));
+}
+
+// mutex_ held. If there is no reader, a sleeping call becomes it.
+void ClientStream::wake_one() {
+  if (has_reader_) return;
+  for (SyncCall *call = calls_; call != nullptr; call = call->next) {
+    if (!call->sleeping || call->answered) continue;
+    g_cond_signal(&call->changed);
+    return;
+  }
+}
+
+// mutex_ held. Whether the call can still get its reply.
+bool ClientStream::may_be_answered(const SyncCall &call) const {
+  return !call.answered && state_ == State::waiting && call.connection == connection_;
+}
+
+bool ClientStream::await_reply(SyncCall &call, gint fd, gint64 limit_ms) {
+  const timespec start = logged_clock_now();
+  {
+    const MutexLock lock(&mutex_);
+    while (has_reader_ && may_be_answered(call)) {
+      const gint64 left_ms = limit_ms - elapsed_ms(start, logged_clock_now());
+      if (left_ms <= 0) return false;
+      call.sleeping = true;
+      g_cond_wait_until(&call.changed, &mutex_, g_get_monotonic_time() + left_ms * 1000);
+      call.sleeping = false;
+    }
+    if (!may_be_answered(call)) return call.answered;
+    has_reader_ = true;
+  }
+  read_until_answered(call, fd, start, limit_ms);
+  const MutexLock lock(&mutex_);
+  has_reader_ = false;
+  return call.answered;
+}
+
+// The caller has the reader's role.
+void ClientStream::read_until_answered(SyncCall &call, gint fd, const timespec &start, gint64 limit_ms) {
+  bool interruption_logged = false;
+  for (gint64 left_ms = limit_ms; left_ms > 0; left_ms = limit_ms - elapsed_ms(start, logged_clock_now())) {
+    const int ready = wait_readable(fd, left_ms);
+    if (ready < 0) {
+      const bool is_interrupted = errno == EINTR;  // does not end the wait, and is logged once
+      if (!is_interrupted || !std::exchange(interruption_logged, true)) {
+        syslog(LOG_WARNING, "%s: Error waiting for sync reply from socket! %m", "ptz_socket_client_command_sync_send");
+      }
+      if (!is_interrupted) return;
+    }
+    if (ready <= 0) continue;
+    const MutexLock lock(&mutex_);
+    if (!may_be_answered(call) || !read_for_calls(fd) || call.answered) return;
+  }
+}
+
+// mutex_ held, by the reader. Whether there is more to wait for.
+bool ClientStream::read_for_calls(gint fd) {
+  const Reception reception = receive(fd);
+  if (reception.outcome == Outcome::failed) return errno == EAGAIN;  // contract: nothing to read yet
+  if (reception.outcome == Outcome::complete) {
+    if (!hand_to_call()) defer_reply(client_, assembler_.received().data(), assembler_.length());
+    assembler_.reset();
+    return true;
+  }
+  return reception.outcome == Outcome::incomplete;  // contract: an end of file ends the wait
+}
+
+bool ClientStream::begin_sending(gint64 limit_ms, bool &had_to_wait) {
+  const MutexLock lock(&mutex_);
+  had_to_wait = sending_;
+  if (!sending_) return sending_ = true;
+  const gint64 deadline_us = g_get_monotonic_time() + limit_ms * 1000;
+  ++waiting_senders_;
+  bool in_time = true;
+  while (sending_ && in_time) {
+    if (limit_ms == no_limit) {
+      g_cond_wait(&sending_ended_, &mutex_);
+    } else {
+      in_time = g_cond_wait_until(&sending_ended_, &mutex_, deadline_us);
+    }
+  }
+  --waiting_senders_;
+  if (sending_) return false;
+  return sending_ = true;
+}
+
+void ClientStream::end_sending() {
+  const MutexLock lock(&mutex_);
+  sending_ = false;
+  if (waiting_senders_ > 0) g_cond_signal(&sending_ended_);
+}
+
+void ClientStream::shut_down(gint fd) {
+  const MutexLock lock(&mutex_);
+  lose(State::shut_down);
+  shutdown(fd, SHUT_RDWR);
+}
+
+guint ClientStream::reconnect(guint (*add_retry)(PTZSocket *)) {
+  auto *socket = PTZ_SOCKET(client_);
+  const MutexLock lock(&mutex_);
+  // The reader does not notice that another thread closes the descriptor that it waits for.
+  if (calls_ != nullptr && socket->fd >= 0) shutdown(socket->fd, SHUT_RDWR);
+  const guint timer = add_retry(socket);
+  ++connection_;
+  assembler_.reset();
+  state_ = calls_ != nullptr ? State::waiting : State::watched;
+  wake_all();
+  return timer;
+}
+
+}  // namespace ptz
