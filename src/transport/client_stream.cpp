@@ -68,6 +68,10 @@ timespec logged_clock_now() {
   return now;
 }
 
+Deadline::Deadline(gint64 limit_ms) : start_(logged_clock_now()), limit_ms_(limit_ms), left_ms_(limit_ms) {}
+
+void Deadline::update() { left_ms_ = limit_ms_ - elapsed_ms(start_, logged_clock_now()); }
+
 ClientStream::ClientStream(PTZSocketClientCommand *client)
     : client_(client), assembler_(client->buffer, &client->fill, &client->expected) {}
 
@@ -181,30 +185,29 @@ bool ClientStream::may_be_answered(const SyncCall &call) const {
 }
 
 bool ClientStream::await_reply(SyncCall &call, gint fd, gint64 limit_ms) {
-  const timespec start = logged_clock_now();
+  Deadline deadline(limit_ms);
   {
     const MutexLock lock(&mutex_);
-    while (has_reader_ && may_be_answered(call)) {
-      const gint64 left_ms = limit_ms - elapsed_ms(start, logged_clock_now());
-      if (left_ms <= 0) return false;
+    while (has_reader_ && may_be_answered(call) && deadline.left_ms() > 0) {
       call.sleeping = true;
-      g_cond_wait_until(&call.changed, &mutex_, g_get_monotonic_time() + left_ms * 1000);
+      g_cond_wait_until(&call.changed, &mutex_, g_get_monotonic_time() + deadline.left_ms() * 1000);
       call.sleeping = false;
+      deadline.update();
     }
-    if (!may_be_answered(call)) return call.answered;
+    if (!may_be_answered(call) || deadline.left_ms() <= 0) return call.answered;
     has_reader_ = true;
   }
-  read_until_answered(call, fd, start, limit_ms);
+  read_until_answered(call, fd, deadline);
   const MutexLock lock(&mutex_);
   has_reader_ = false;
   return call.answered;
 }
 
 // The caller has the reader's role.
-void ClientStream::read_until_answered(SyncCall &call, gint fd, const timespec &start, gint64 limit_ms) {
+void ClientStream::read_until_answered(SyncCall &call, gint fd, Deadline &deadline) {
   bool interruption_logged = false;
-  for (gint64 left_ms = limit_ms; left_ms > 0; left_ms = limit_ms - elapsed_ms(start, logged_clock_now())) {
-    const int ready = wait_readable(fd, left_ms);
+  for (; deadline.left_ms() > 0; deadline.update()) {
+    const int ready = wait_readable(fd, deadline.left_ms());
     if (ready < 0) {
       const bool is_interrupted = errno == EINTR;  // does not end the wait, and is logged once
       if (!is_interrupted || !std::exchange(interruption_logged, true)) {

@@ -22,6 +22,18 @@ struct SyncCall {
   SyncCall *next = nullptr;
 };
 
+// How much is left of a bounded wait. It begins with the whole time; the clock is read again by update() only.
+class Deadline {
+  timespec start_;
+  gint64 limit_ms_;
+  gint64 left_ms_;
+
+ public:
+  explicit Deadline(gint64 limit_ms);
+  [[nodiscard]] gint64 left_ms() const { return left_ms_; }
+  void update();
+};
+
 // ClientStream reads the frames of a command client and lets several threads share the descriptor.
 //
 // States:
@@ -103,7 +115,7 @@ class ClientStream {
   void lose(State state);
   [[nodiscard]] bool hand_to_call();
   [[nodiscard]] bool may_be_answered(const SyncCall &call) const;
-  void read_until_answered(SyncCall &call, gint fd, const timespec &start, gint64 limit_ms);
+  void read_until_answered(SyncCall &call, gint fd, Deadline &deadline);
   [[nodiscard]] bool read_for_calls(gint fd);
   void wake_one();
   void wake_all();

@@ -10,21 +10,31 @@ namespace ptz {
 
 namespace {
 
-constexpr gulong pin_wait_us = 50;
-
 GMutex lifetime_mutex;
 
-bool is_last_reference(PTZSocket *endpoint) { return g_atomic_int_get(&endpoint->parent_instance.ref_count) <= 1; }
-
-// lifetime_mutex held. Returns the endpoint, pinned.
-PTZSocket *pin(PTZSocket *endpoint) {
-  auto &lifetime = lifetime_of(endpoint);
-  if (lifetime.ending) return nullptr;
-  ++lifetime.pins;
-  return endpoint;
+// lifetime_mutex held, the endpoint's memory valid. A new reference, or null.
+PTZSocket *reference_if_alive(PTZSocket *endpoint) {
+  return static_cast<PTZSocket *>(g_weak_ref_get(&lifetime_of(endpoint).self));
 }
 
 }  // namespace
+
+void EndpointLifetime::begin(PTZSocket *endpoint) {
+  g_weak_ref_init(&self, endpoint);
+  references = nullptr;
+}
+
+void EndpointLifetime::revive(PTZSocket *endpoint) {
+  const bool is_in_use = g_atomic_int_get(&endpoint->parent_instance.ref_count) > 1;
+  if (is_in_use) g_weak_ref_set(&self, endpoint);
+}
+
+void EndpointLifetime::end() {
+  const MutexLock lock(&lifetime_mutex);
+  for (auto *reference = references; reference != nullptr; reference = reference->next) reference->endpoint = nullptr;
+  references = nullptr;
+  g_weak_ref_clear(&self);
+}
 
 void EndpointReference::set(PTZSocket *to) {
   const MutexLock lock(&lifetime_mutex);
@@ -44,59 +54,20 @@ void EndpointReference::clear() {
   endpoint = nullptr;
 }
 
-EndpointUse::EndpointUse(GSource *source, gpointer endpoint) {
+EndpointUse::EndpointUse(GSource *source, gpointer endpoint) : endpoint_(nullptr) {
   if (endpoint == nullptr) return;
-  PTZSocket *pinned = nullptr;
-  {
-    const MutexLock lock(&lifetime_mutex);
-    if (source == nullptr || !g_source_is_destroyed(source)) pinned = pin(static_cast<PTZSocket *>(endpoint));
-  }
-  take_reference(pinned);
-}
-
-EndpointUse::EndpointUse(const EndpointReference &reference) {
-  PTZSocket *pinned = nullptr;
-  {
-    const MutexLock lock(&lifetime_mutex);
-    if (reference.endpoint != nullptr) pinned = pin(reference.endpoint);
-  }
-  take_reference(pinned);
-}
-
-void EndpointUse::take_reference(PTZSocket *endpoint) {
-  if (endpoint == nullptr) return;
-  g_object_ref(endpoint);
-  endpoint_ = endpoint;
   const MutexLock lock(&lifetime_mutex);
-  --lifetime_of(endpoint).pins;
+  if (source != nullptr && g_source_is_destroyed(source)) return;
+  endpoint_ = reference_if_alive(static_cast<PTZSocket *>(endpoint));
+}
+
+EndpointUse::EndpointUse(const EndpointReference &reference) : endpoint_(nullptr) {
+  const MutexLock lock(&lifetime_mutex);
+  if (reference.endpoint != nullptr) endpoint_ = reference_if_alive(reference.endpoint);
 }
 
 EndpointUse::~EndpointUse() {
   if (endpoint_ != nullptr) g_object_unref(endpoint_);
-}
-
-void last_reference_may_be_going(PTZSocket *endpoint) {
-  auto &lifetime = lifetime_of(endpoint);
-  while (true) {
-    {
-      const MutexLock lock(&lifetime_mutex);
-      if (!is_last_reference(endpoint)) return;
-      if (lifetime.pins == 0) {
-        lifetime.ending = true;
-        for (auto *reference = lifetime.references; reference != nullptr; reference = reference->next) {
-          reference->endpoint = nullptr;
-        }
-        lifetime.references = nullptr;
-        return;
-      }
-    }
-    g_usleep(pin_wait_us);
-  }
-}
-
-void survived_dispose(PTZSocket *endpoint) {
-  const MutexLock lock(&lifetime_mutex);
-  if (!is_last_reference(endpoint)) lifetime_of(endpoint).ending = false;
 }
 
 void destroy_source(GSource *source) {

@@ -6,42 +6,45 @@
 
 namespace ptz {
 
-// contract: sources and timers of an endpoint hold a plain pointer to it and no reference, so the last reference that
-// the program drops ends the endpoint. Another thread may do that while the main loop is about to call back. So a
-// callback begins with an EndpointUse, which takes a reference, or finds that there is nothing left to refer to.
+// contract: sources and timers of an endpoint carry a plain pointer to it and hold no reference, so the last reference
+// that the program drops ends the endpoint. Another thread may do that while the main loop is about to call back. So a
+// callback begins with an EndpointUse, which takes a reference, or finds that the endpoint is ending.
 //
-// Invariants, under one mutex of the process:
+// The endpoint has a weak reference to itself, which GLib empties before it disposes of the endpoint. What remains is
+// to know that the endpoint's memory is still there to look into. Invariants, under one mutex of the process:
 //   - an endpoint destroys its sources (destroy_source(), remove_source()) before its memory is freed. So if a source
 //   is
 //     not destroyed, the memory of its endpoint is valid;
-//   - `ending` is set once the last reference is going. From then on no use begins;
-//   - while there are pins, a use is about to take its reference, and the end of the last one waits for it. The
-//     reference is taken without the mutex, because g_object_ref() may call a toggle notification of the program.
+//   - likewise it clears every EndpointReference to it.
 //
-// The mutex is held for a few instructions, once for each dispatch; it is a leaf, except that destroy_source() takes
-// the mutex of a descriptor source and GLib's own under it. No reference is dropped under it.
+// The mutex is held for a few instructions, once for each dispatch. Under it destroy_descriptor_source() takes the
+// mutex of that source, and GLib its own. No reference is dropped under it.
 struct EndpointReference;
 struct EndpointLifetime {
-  int pins = 0;
-  bool ending = false;
-  EndpointReference *references = nullptr;
+  GWeakRef self;
+  EndpointReference *references;
+
+  void begin(PTZSocket *endpoint);   // by the endpoint's init
+  void revive(PTZSocket *endpoint);  // at the end of its dispose: g_object_run_dispose() leaves it in use
+  void end();                        // by its finalizer, after the sources were destroyed
 };
 
-// A weak pointer to an endpoint, for callbacks that the endpoint does not destroy itself.
+// A weak pointer to an endpoint, for a callback that the endpoint does not cancel. In contrast to GWeakRef, setting and
+// clearing one of many takes constant time.
 struct EndpointReference {
   PTZSocket *endpoint;
   EndpointReference *previous, *next;
 
-  void set(PTZSocket *to);  // a caller that holds a reference to the endpoint
+  void set(PTZSocket *to);  // by a caller that holds a reference to it
   void clear();
 };
 
 // On the stack of a callback.
 class EndpointUse {
-  PTZSocket *endpoint_ = nullptr;
+  PTZSocket *endpoint_;
 
  public:
-  // `source` is what GLib is dispatching; null if a test calls the callback by hand.
+  // `source` is what GLib is dispatching; null if the callback was called by hand.
   EndpointUse(GSource *source, gpointer endpoint);
   explicit EndpointUse(const EndpointReference &reference);
   EndpointUse(EndpointUse &&) = delete;
@@ -50,14 +53,7 @@ class EndpointUse {
   // Null if the endpoint is ending. Then a callback of a source must return G_SOURCE_CONTINUE, because the finalizer
   // destroys the source.
   [[nodiscard]] PTZSocket *get() const { return endpoint_; }
-
- private:
-  void take_reference(PTZSocket *endpoint);
 };
-
-// By the endpoint's dispose operation.
-void last_reference_may_be_going(PTZSocket *endpoint);
-void survived_dispose(PTZSocket *endpoint);
 
 // Any thread.
 void destroy_source(GSource *source);

@@ -90,11 +90,9 @@ static void ptz_socket_get_property(GObject *object, guint id, GValue *value, GP
   g_value_set_string(value, PTZ_SOCKET(object)->socket);
 }
 
-// Also called by g_object_run_dispose(), which the endpoint survives.
 static void ptz_socket_dispose(GObject *object) {
-  ptz::last_reference_may_be_going(PTZ_SOCKET(object));
   G_OBJECT_CLASS(ptz_socket_parent_class)->dispose(object);
-  ptz::survived_dispose(PTZ_SOCKET(object));
+  private_of(PTZ_SOCKET(object))->lifetime.revive(PTZ_SOCKET(object));
 }
 
 void ptz_socket_finalize(GObject *object) {
@@ -111,12 +109,13 @@ void ptz_socket_finalize(GObject *object) {
     g_free(self->socket);
     self->socket = nullptr;
   }
+  private_of(self)->lifetime.end();
   std::destroy_at(private_of(self));
   G_OBJECT_CLASS(ptz_socket_parent_class)->finalize(object);
 }
 
 static void ptz_socket_init(PTZSocket *self) {
-  std::construct_at(private_of(self));
+  std::construct_at(private_of(self))->lifetime.begin(self);
   self->socket = nullptr;
   self->fd = -1;
   self->retry_source = 0;

@@ -743,6 +743,20 @@ TEST_F(SocketClientCommand, ASignalIsToldOnceAndNeitherEndsNorProlongsAWait) {
                                   {LOG_WARNING, time_out_message(0)}}));
 }
 
+TEST_F(SocketClientCommand, FailedWaitAfterAnInterruptedOneIsLoggedToo) {
+  const SyslogCapture log;
+  int waits = 0;
+  const SelectHook hook([&](long) -> std::optional<int> {
+    errno = ++waits == 1 ? EINTR : ENOMEM;
+    return -1;
+  });
+  EXPECT_FALSE(client.sync_send("question"));
+  const std::string prefix = "ptz_socket_client_command_sync_send: Error waiting for sync reply from socket! ";
+  EXPECT_EQ(log.lines(), (std::vector<LogLine>{{LOG_WARNING, prefix + "Interrupted system call"},
+                                               {LOG_WARNING, prefix + "Cannot allocate memory"},
+                                               {LOG_WARNING, time_out_message(0)}}));
+}
+
 TEST_F(SocketClientCommand, RealSignalsDoNotEndAWait) {
   struct sigaction action {
   }, before{};
@@ -1335,6 +1349,71 @@ TEST_P(ReplyLength, EndsASynchronousWaitAtOnce) {
   answering.wait();
   EXPECT_FALSE(client.watched());
   EXPECT_LT(iterations_within(10), 10);
+}
+
+// A client on a path, whose server this test plays.
+class SocketClientCommandAddRetry : public testing::Test {
+ protected:
+  TempDir dir;
+  std::string path = dir.file("server");
+  Listener listener{path};
+  CommandClient client{path};
+  Descriptor peer = listener.accept();
+
+  guint add_retry() {
+    auto *socket = PTZ_SOCKET(client.get());
+    return PTZ_SOCKET_GET_CLASS(socket)->add_retry(socket);
+  }
+  void reconnect() {
+    GSource *timer = g_main_context_find_source_by_id(nullptr, PTZ_SOCKET(client.get())->retry_source);
+    ASSERT_NE(timer, nullptr);
+    g_source_set_ready_time(timer, 0);
+    ASSERT_TRUE(run_until([this] { return client.fd() >= 0; }));
+    peer = listener.accept();
+  }
+  std::optional<std::string> ask() {
+    auto reply = in_thread([this] { return client.sync_send("question"); });
+    const auto request = receive_frame(peer.get());
+    EXPECT_TRUE(request);
+    if (request) send_all(peer.get(), frame(request->id, "answer"));
+    return reply.get();
+  }
+};
+
+TEST_F(SocketClientCommandAddRetry, ReturnsTheTimerAndClosesTheDescriptor) {
+  const guint timer = add_retry();
+  EXPECT_EQ(timer, PTZ_SOCKET(client.get())->retry_source);
+  EXPECT_NE(timer, 0u);
+  EXPECT_EQ(client.fd(), -1);
+}
+
+TEST_F(SocketClientCommandAddRetry, ForgetsAPartialFrame) {
+  send_all(peer.get(), frame(7, "never completed").substr(0, 9));
+  run_pending();
+  ASSERT_EQ(client.get()->fill, 9u);
+  add_retry();
+  EXPECT_EQ(client.get()->fill, 0u);
+  EXPECT_EQ(client.get()->expected, 0xFFFFFFFFu);
+  reconnect();
+  EXPECT_EQ(ask(), "answer");
+}
+
+TEST_F(SocketClientCommandAddRetry, ForgetsThatTheStreamIsDesynchronised) {
+  send_all(peer.get(), frame_claiming(3, 0, ""));
+  run_pending();
+  ASSERT_FALSE(client.watched());
+  add_retry();
+  reconnect();
+  EXPECT_EQ(ask(), "answer");
+}
+
+TEST_F(SocketClientCommandAddRetry, EndsASynchronousCallAtOnce) {
+  const auto start = real_time_ms();
+  auto reply = in_thread([this] { return client.sync_send("question"); });
+  ASSERT_TRUE(receive_frame(peer.get()));
+  add_retry();
+  EXPECT_FALSE(reply.get());
+  EXPECT_LT(real_time_ms() - start, 5000);
 }
 
 TEST_F(SocketClientCommand, StopsWatchingAtTheEndOfTheStream) {

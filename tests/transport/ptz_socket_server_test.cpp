@@ -207,6 +207,43 @@ TEST_F(SocketServer, UsesOneReplyContextForTheWholeProcess) {
   EXPECT_EQ(server.messages[0].context, second.messages[0].context);
 }
 
+TEST_F(SocketServer, ReplyGoesToItsOwnClientAfterAnotherServersMessageInANestedLoop) {
+  PlainServer other(dir.file("other"));
+  const Descriptor mine = connect(), theirs = connect_client(other, dir.file("other"));
+  other.on_message = [](const Message &message) { return ptz_socket_server_send(message.context, "for theirs", 10); };
+  server.on_message = [&](const Message &message) {
+    send_all(theirs.get(), "other");
+    EXPECT_TRUE(run_until([&] { return other.messages.size() == 1; }));
+    EXPECT_TRUE(ptz_socket_server_send(message.context, "for mine", 8));
+    return TRUE;
+  };
+  send_all(mine.get(), "hello");
+  run_pending();
+  EXPECT_EQ(receive_waiting(mine.get()), "for mine");
+  EXPECT_EQ(receive_waiting(theirs.get()), "for theirs");
+}
+
+TEST_F(SocketServer, ReplyGoesToNoClientIfItsOwnWasClosedInANestedLoop) {
+  PlainServer other(dir.file("other"));
+  const Descriptor mine = connect(), theirs = connect_client(other, dir.file("other"));
+  other.on_message = [&](const Message &) {
+    ptz_socket_server_close(server.get(), server.client(0));
+    return TRUE;
+  };
+  gboolean sent = TRUE;
+  server.on_message = [&](const Message &message) {
+    send_all(theirs.get(), "other");
+    EXPECT_TRUE(run_until([&] { return other.messages.size() == 1; }));
+    sent = ptz_socket_server_send(message.context, "for mine", 8);
+    return TRUE;
+  };
+  send_all(mine.get(), "hello");
+  run_pending();
+  EXPECT_FALSE(sent);
+  EXPECT_TRUE(was_closed(mine.get()));
+  EXPECT_EQ(receive_waiting(theirs.get()), "");
+}
+
 TEST_F(SocketServer, ReadsAtMostTheLongestFrameAtOnce) {
   const Descriptor peer = connect();
   const std::string sent = body_of(PTZ_SOCKET_FRAME_MAX + 440);
