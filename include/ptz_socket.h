@@ -38,12 +38,13 @@ typedef enum {
  * An endpoint: one descriptor and the path that it is bound or connected to. Its property "socket" (write-only, a
  * string) is the path.
  *
- * The class ignores SIGPIPE in the process where the signal's disposition is still the default, so that writing to a
- * peer that has gone is an error result and never the end of the process. Descriptors that the library opens are not
- * inherited by child programs.
+ * If SIGPIPE still has its default disposition, the class ignores it in the process, so that writing to a peer that has
+ * gone is an error result and does not end the process. Descriptors that the library opens are not inherited by child
+ * programs.
  *
- * The sources and timers of an endpoint hold no reference of it: the last one goes in the thread of the default main
- * context, or while no loop runs.
+ * The sources and timers of an endpoint hold no reference to it. The last reference may be dropped in any thread, while
+ * a main loop runs. A callback that is running then completes first: the endpoint is finalized when the callback
+ * returns, in the thread of the main loop.
  */
 struct _PTZSocket {
   GObject parent_instance;
@@ -107,8 +108,12 @@ PTZ_API GType ptz_socket_get_type (void);
  * @type: the socket type for socket(2), such as `SOCK_STREAM`
  *
  * Makes an endpoint and opens it. A server removes a stale file at @path, binds, makes the file world-writable and
- * listens. A client connects; where that fails it removes the file at @path and tries again every second on the
- * default main context. Descriptors are non-blocking.
+ * listens. A client connects; if that fails, it removes the file at @path and tries again every second on the default
+ * main context. Descriptors are non-blocking.
+ *
+ * A client that tries to connect before the server listens removes the path that the server has just bound. So a server
+ * checks its path once it listens, and again after two milliseconds, which this call waits. If the path does not name
+ * its socket any more, the server opens it again, at most five times.
  *
  * A failure is written to the system log and leaves the descriptor at -1; failed connections are logged once in 300.
  *
@@ -122,7 +127,7 @@ PTZ_API PTZSocket *ptz_socket_new (GType object_type, gint mode, const gchar *pa
  * ptz_socket_fd_new:
  * @object_type: #PTZSocket or a subclass
  * @mode: a #PTZSocketMode
- * @fd: an open descriptor; the caller keeps it and closes it, after the endpoint has gone
+ * @fd: an open descriptor; the caller owns it, and closes it after the endpoint was finalized
  * @type: the socket type of @fd
  *
  * Makes an endpoint on a descriptor that exists. Opens nothing.
@@ -137,10 +142,13 @@ PTZ_API PTZSocket *ptz_socket_fd_new (GType object_type, gint mode, gint fd, gin
  * ptz_socket_finalize:
  * @object: the endpoint, whose last reference has gone
  *
- * The class's own `finalize`: ends reconnecting, closes the descriptor and, of a
- * server, removes the file at its path. Chaining up reaches it from a subclass; nobody else calls it.
+ * The class's own `finalize`: stops reconnecting, closes the descriptor and, for a server, removes the file at its
+ * path. Subclasses reach it by chaining up; nothing else may call it.
  *
- * Thread: the one that ends the object.
+ * If a callback of the server has dropped the last reference and then made another server on the same path, the file
+ * stays.
+ *
+ * Thread: the one that drops the last reference.
  */
 PTZ_API void ptz_socket_finalize (GObject *object);
 

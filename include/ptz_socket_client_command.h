@@ -42,13 +42,20 @@ typedef void (*PTZSocketClientCommandFreeCallback) (gpointer request_context, gp
  *
  * A client that sends requests in frames (see ptz_socket_frame.h) and matches the replies to them by message id.
  *
- * A frame with a length that cannot be is dropped with all that was received of it, and the client stops watching and
- * reading its descriptor: the stream makes no sense from there on, so make a new client (or, where the peer is known to
- * begin a new frame, call ptz_socket_client_add_poll()). The same holds where a frame could be
- * sent only in part: the connection is shut down, so that nothing ever follows the fragment, and every later send
- * fails. An end of file stops the watch too. Requests that are still pending then run into their time-out.
+ * After a malformed frame (a length below 8 or above 2560) the stream is desynchronised: the frame is discarded, along
+ * with the bytes received so far, and the client stops watching and reading its descriptor. Make a new client, or call
+ * ptz_socket_client_add_poll() if the peer is known to begin a new frame. If a frame could be sent only in part, the
+ * connection is shut down, so that nothing follows the fragment, and every later send fails. An end of file stops the
+ * watch too. Requests that are pending then time out.
  *
- * Several threads may send on one client. Synchronous calls wait for each other.
+ * The class's add_retry operation forgets a partial frame and the desynchronised state, and ends the synchronous calls
+ * that are waiting.
+ *
+ * Several threads may send on one client. Several synchronous calls wait side by side: one of their threads reads, and
+ * hands the others their replies by message id.
+ *
+ * Reply callbacks run only in a thread that has acquired the default main context: the thread that runs the main loop,
+ * or a thread that sends while no thread runs it.
  */
 struct _PTZSocketClientCommand {
   PTZSocketClient parent_instance;
@@ -66,9 +73,10 @@ struct _PTZSocketClientCommand {
 /**
  * PTZSocketClientCommandClass:
  *
- * Adds no operation to #PTZSocketClientClass; overrides its read with one that receives at most one frame, copies as
- * much of it as fits to the given buffer (which may be `NULL`), and handles it. The result is the number of bytes
- * copied, 0 while a frame is incomplete and at an end of file, -1 on an error.
+ * Adds no operation to #PTZSocketClientClass. Overrides its read with one that receives at most one frame, copies as
+ * much of it as fits to the given buffer (which may be `NULL`), and hands it to its request. The result is the number
+ * of bytes copied, 0 while a frame is incomplete, at an end of file and while a synchronous call reads, or -1 on an
+ * error. Overrides its add_retry, see #PTZSocketClientCommand.
  */
 struct _PTZSocketClientCommandClass {
   PTZSocketClientClass parent_class;
@@ -120,8 +128,10 @@ PTZ_API void ptz_socket_client_command_register_free_callback (PTZSocketClientCo
  * @request_context: (nullable): passed to the reply callback, which owns it from then on; `NULL` for a request whose
  *   reply, if any, is dropped
  *
- * Sends a request, waiting at most a second each for its header and its body to be taken, and returns. Replies that
- * have already arrived are handled first, in the calling thread, but not from within a reply callback of this client.
+ * Sends a request, waiting at most a second each for its header and its body to be taken, and returns. Up to eleven
+ * replies that have already arrived are read first, so that the peer has room for the next one. They are delivered in
+ * the calling thread if it can acquire the default main context, and otherwise, and inside a reply callback of this
+ * client, through an idle source on that context.
  *
  * The reply callback is called once for each request with a context: with the reply, or after 360 seconds without it,
  * give or take one. If the client goes first, the free callback is called instead; so it is for a request that times
@@ -130,7 +140,8 @@ PTZ_API void ptz_socket_client_command_register_free_callback (PTZSocketClientCo
  * On a client that is not connected the request is dropped, and times out. A failed send leaves the watch of the
  * descriptor off; @request_context then stays the caller's.
  *
- * Thread: any; the callback runs on the default main context, but for replies that this call itself found waiting.
+ * Thread: any; the callback runs with the default main context acquired, see #PTZSocketClientCommand. A thread that
+ * sends while no main loop runs may be the one that runs it.
  *
  * Returns: `TRUE` if the request was sent
  */
@@ -145,14 +156,15 @@ PTZ_API gboolean ptz_socket_client_command_async_send (PTZSocketClientCommand *c
  * @reply_buffer: where the body of the reply goes: at least `PTZ_SOCKET_BODY_MAX` bytes of the caller's
  * @reply_length_out: where its length goes
  *
- * Sends a request and waits for its reply, at most ten seconds. Meanwhile the main loop does not watch the descriptor;
- * replies to asynchronous requests that arrive are handed to it. A peer that closes the connection, and a frame that
- * cannot be, end the wait at once, with the message of a time-out.
- * A signal to the thread does not end it; the first one is logged.
+ * Sends a request and waits for its reply, at most ten seconds; the calls of several threads wait side by side. If
+ * other threads are sending, the ten seconds include the wait for them. Meanwhile the main loop does not watch the
+ * descriptor; replies to asynchronous requests that arrive are handed to it. A peer that closes the connection, and a
+ * malformed frame, end the wait at once, with the message of a time-out. A signal to the thread does not end the wait;
+ * the first one is logged.
  *
  * Thread: any but the one of the default main context, which it would block.
  *
- * Returns: `TRUE` with the reply; `FALSE` when the request could not be sent or was not answered
+ * Returns: `TRUE` with the reply; `FALSE` if the request could not be sent or was not answered
  */
 PTZ_API gboolean ptz_socket_client_command_sync_send (PTZSocketClientCommand *client, gconstpointer body,
                                                       guint32 length, gpointer reply_buffer,

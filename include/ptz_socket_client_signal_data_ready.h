@@ -24,8 +24,9 @@ typedef struct _PTZSocketClientSignalDataReadyClass PTZSocketClientSignalDataRea
  * PTZSocketClientSignalDataReady:
  *
  * A client that reads nothing itself. Its callback is called as (user data, `NULL`, 2560) when data are waiting, and
- * must drain the descriptor, or it is called again at once. At the end of a stream it is called once, then the watch
- * stops. While no callback is registered, waiting data stop the watch: ptz_socket_client_add_poll() starts it again.
+ * must drain the descriptor, or it is called again at once. If the peer half-closes, the callback is called once more
+ * after the data that came before; it reads the end of file, and the watch stops. If no callback is registered, waiting
+ * data stop the watch: ptz_socket_client_add_poll() starts it again.
  */
 struct _PTZSocketClientSignalDataReady {
   PTZSocketClient parent_instance;

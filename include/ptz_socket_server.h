@@ -38,9 +38,9 @@ struct _PTZSocketServerClient {
  * @server: the owning server, not referenced
  *
  * The event source that watches the listening descriptor and every client. A dispatch delivers at most one message.
- * Clients are looked at in list order, and the listening descriptor after them. Where somebody has been kept waiting
- * for 16 messages, clients and the listening descriptor take turns until nobody is, so that none that sends without
- * pause keeps the others waiting for ever.
+ * Clients are served in list order, and the listening descriptor after them. If another client, or a connection, has
+ * been waiting for 16 messages in a row, clients and the listening descriptor take turns until nothing waits, so that a
+ * client that sends without pause does not starve the others.
  */
 struct _PTZSocketServerSource {
   GSource source;
@@ -56,7 +56,9 @@ struct _PTZSocketServerSource {
  * @server: the server that received it
  *
  * The reply context of a plain server. There is one such record in a process, overwritten by every message: it is
- * valid only during the callback that receives it. An answer to a client that was closed goes to nobody.
+ * valid only during the callback that receives it. If the callback runs a main loop in which another server delivers a
+ * message, the record has its values again when that server's callback returns. A reply to a client that was closed is
+ * not sent.
  */
 struct _PTZSocketServerReplyContext {
   PTZSocketServerClient *client;
@@ -83,10 +85,19 @@ typedef gboolean (*PTZSocketServerCallback) (gpointer user_data, gpointer reply_
  *
  * A server endpoint. It accepts clients, reads what they send and hands each message to one callback.
  *
- * A client is closed when it disconnects or half-closes, when reading from it fails, and when its descriptor reports
- * an error or was closed by somebody else; the others are not affected. The listening descriptor is watched until an
- * accept fails, which ends the whole source, or until it reports a hang-up or an error, or was closed under the watch,
- * which ends only the watch on it. Nothing starts either again: make a new server.
+ * A client is closed when it disconnects, when the class's read operation fails (for a plain server also at an end of
+ * file), and when its descriptor reports an error or was closed by other code. Other clients are not affected. If a
+ * client half-closes and the read operation returns 0, the client stays connected and is watched for a hang-up or an
+ * error only: it may still receive replies.
+ *
+ * The listening descriptor is watched until an accept fails, which ends the whole source, or until it reports a hang-up
+ * or an error, or was closed under the watch, which ends only the watch on it. Nothing starts either again: make a new
+ * server. Peers cannot make accept fail by connecting too often: a connection whose descriptor number is among the last
+ * eight below `RLIMIT_NOFILE` is closed at once, and at most one line a minute in the system log names the process id
+ * and the user id of such a peer.
+ *
+ * While a dispatch runs, it holds a reference to the server. If a callback drops the last other one, the server is
+ * finalized when the callback returns.
  */
 struct _PTZSocketServer {
   PTZSocket parent_instance;
@@ -101,7 +112,7 @@ struct _PTZSocketServer {
  * @get_reply_context: makes the reply context for a message that was read from @client, or `NULL` for no callback
  *
  * The operations that subclasses may override, besides those of #PTZSocketClass. The read of this class reads once;
- * its result is the count, -1 at an end of file and on an error.
+ * its result is the count, or -1 at an end of file and on an error.
  */
 struct _PTZSocketServerClass {
   PTZSocketClass parent_class;
@@ -124,8 +135,8 @@ PTZ_API GType ptz_socket_server_get_type (void);
  * @path: (type filename): where to listen, shorter than 108 bytes; a stale file there is removed
  * @type: the socket type for socket(2)
  *
- * Listens on @path, for everybody (mode 0666), and serves on the default main context. When the server ends, it
- * removes the file and closes its clients.
+ * Listens on @path with mode 0666, and serves on the default main context. When the server is finalized, it removes the
+ * file and closes its clients.
  *
  * Thread: the one of the default main context.
  *

@@ -26,9 +26,11 @@ typedef struct _PTZSocketServerCommandReplyContext PTZSocketServerCommandReplyCo
  * @server: the server that received it, not referenced
  * @message_id: the request's message id, which the reply carries too
  *
- * The reply context of a command server. It may be kept beyond the callback, and the reply sent later, while the
- * server lives. If the client has gone by then, the reply reaches nobody, also where another client has its descriptor
- * number.
+ * The reply context of a command server. It may be kept beyond the callback, and the reply sent later, while the server
+ * exists. If the client has gone by then, the reply is not sent, even if another client has its descriptor number.
+ *
+ * A subclass that overrides get_reply_context may return a context of its own, allocated with g_malloc(). Its reply
+ * goes to @fd unchecked.
  */
 struct _PTZSocketServerCommandReplyContext {
   gint32 fd;
@@ -45,11 +47,13 @@ struct _PTZSocketServerCommandReplyContext {
  * @have_message: a complete frame was delivered and no reply context was made for it yet
  *
  * A server whose clients send frames (see ptz_socket_frame.h). Its callback receives only complete bodies; a frame
- * without a body reaches nobody.
+ * without a body is ignored.
  *
- * The assembly state is that of the client that was read last. When another client's bytes come in between, what the
- * first one had sent of its frame is set aside and taken up again with its next bytes, so that frames of several
- * clients never mix and a half-sent one delays nobody. A client whose frame has a length that cannot be is closed.
+ * The assembly state is that of the client that was read last. When bytes of another client arrive, the partial frame
+ * of the first is saved in the server, and restored with its next bytes. So frames of several clients do not mix, and a
+ * partial frame delays no other client. A client that sends a malformed frame is closed.
+ *
+ * A client that half-closes stays connected and receives the replies that are still to come.
  */
 struct _PTZSocketServerCommand {
   PTZSocketServer parent_instance;
@@ -65,12 +69,13 @@ struct _PTZSocketServerCommand {
  *
  * Adds no operation to #PTZSocketServerClass.
  *
- * Its read receives at most one frame; the result is the length of the body of a completed frame, 0 while one is
- * incomplete, -1 at an end of file, on an error and for a length that cannot be.
+ * Its read receives at most one frame. The result is the length of the body of a completed frame, 0 while a frame is
+ * incomplete and at an end of file, or -1 on an error and for a malformed frame.
  *
- * Its send makes one attempt each to write the header and the body, frees the reply context, and returns `TRUE` when
- * both were written. A reply of more than `PTZ_SOCKET_BODY_MAX` bytes is refused. For one of 0 bytes the header is sent
- * and the result is `FALSE`. A client that took only a part of the frame is closed, since nothing may follow it.
+ * Its send makes one attempt each to write the header and the body, frees the reply context, and returns `TRUE` if both
+ * were written. A reply of more than `PTZ_SOCKET_BODY_MAX` bytes fails a precondition. For a reply of 0 bytes the
+ * header is sent and the result is `FALSE`. A client that took only a part of the frame is closed, because nothing may
+ * follow it. A failure is the caller's to log.
  */
 struct _PTZSocketServerCommandClass {
   PTZSocketServerClass parent_class;
