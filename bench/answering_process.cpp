@@ -68,6 +68,7 @@ std::optional<int> answer_if_asked_to(int argc, char **argv) {
   prctl(PR_SET_PDEATHSIG, SIGTERM);
   const std::string way = argv[2];
   if (way == "bare") return answer_on_bare_stream(link_of_answerer);
+  if (way == "prescribed") return answer_by_prescribed_calls(link_of_answerer, argv[3]);
   if (way == "command") return answer_on_command_channel(link_of_answerer, argv[3]);
   if (way == "gdbus") return answer_on_gdbus_peer(link_of_answerer);
   return 2;

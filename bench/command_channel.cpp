@@ -1,35 +1,17 @@
 #include <ptz.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <array>
-#include <string>
 #include <vector>
 
 #include "answering_process.h"
 #include "contender.h"
 #include "handles.h"
 #include "main_loop.h"
+#include "socket_path.h"
 
 namespace bench {
 namespace {
-
-class SocketPath {
-  ptz_test::Text folder_{g_dir_make_tmp("ptz-bench-XXXXXX", nullptr)};
-  std::string path_;
-
- public:
-  SocketPath() {
-    if (folder_ == nullptr) give_up("no folder for the socket");
-    path_ = std::string(folder_.get()) + "/driver";
-  }
-  SocketPath(SocketPath &&) = delete;
-  ~SocketPath() {
-    unlink(path_.c_str());
-    rmdir(folder_.get());
-  }
-  [[nodiscard]] const std::string &text() const { return path_; }
-};
 
 // A driver's process, and this one's connection to it.
 class Connection {

@@ -38,6 +38,7 @@ class PipelinedCaller {
 
 // Each of these starts a process of its own that answers with the body it was sent.
 std::unique_ptr<Caller> bare_stream();
+std::unique_ptr<Caller> prescribed_calls();
 // The process that answers has so many other clients, which say nothing.
 std::unique_ptr<Caller> command_channel(unsigned idle_clients = 0);
 std::unique_ptr<Caller> gdbus_peer();
@@ -46,6 +47,7 @@ std::unique_ptr<PipelinedCaller> pipelined_gdbus_peer();
 
 // What runs in those processes. The link is a stream socket to the process that asks.
 int answer_on_bare_stream(int link);
+int answer_by_prescribed_calls(int link, const char *socket_path);
 int answer_on_command_channel(int link, const char *socket_path);
 int answer_on_gdbus_peer(int link);
 
