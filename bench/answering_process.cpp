@@ -1,6 +1,7 @@
 #include "answering_process.h"
 
 #include <glib.h>
+#include <sched.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/prctl.h>
@@ -21,6 +22,18 @@ namespace {
 constexpr char answer_flag[] = "--answer";
 constexpr int link_of_answerer = 3;
 
+struct CorePair {
+  int asking, answering;
+};
+std::optional<CorePair> cores_apart;
+
+void stay_on(int core) {
+  cpu_set_t cores;
+  CPU_ZERO(&cores);
+  CPU_SET(core, &cores);
+  if (sched_setaffinity(0, sizeof cores, &cores) < 0) bench::give_up("sched_setaffinity");
+}
+
 }  // namespace
 
 namespace bench {
@@ -40,9 +53,11 @@ AnsweringProcess::AnsweringProcess(const char *way, const std::string &socket_pa
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, ends[1], link_of_answerer);
+  if (cores_apart) stay_on(cores_apart->answering);  // inherited by the process
   const char *arguments[] = {program.get(), answer_flag, way, socket_path.c_str(), nullptr};
   errno = posix_spawn(&process_, program.get(), &actions, nullptr, const_cast<char **>(arguments), environ);
   if (errno != 0) give_up("posix_spawn");
+  if (cores_apart) stay_on(cores_apart->asking);
   posix_spawn_file_actions_destroy(&actions);
   close(ends[1]);
 }
@@ -56,6 +71,19 @@ AnsweringProcess::~AnsweringProcess() {
 void AnsweringProcess::wait_until_ready() const {
   char byte;
   if (read(link_, &byte, sizeof byte) != sizeof byte) give_up("the answering process is not there");
+}
+
+bool stay_apart() {
+  cpu_set_t cores;
+  if (sched_getaffinity(0, sizeof cores, &cores) < 0 || CPU_COUNT(&cores) < 2) return false;
+  const auto first_from = [&cores](int core) {
+    while (!CPU_ISSET(core, &cores)) ++core;
+    return core;
+  };
+  const int asking = first_from(0);
+  cores_apart = {asking, first_from(asking + 1)};
+  stay_on(asking);
+  return true;
 }
 
 void announce_ready(int link) {

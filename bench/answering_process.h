@@ -20,6 +20,10 @@ class AnsweringProcess {
   void wait_until_ready() const;
 };
 
+// From here on this thread stays on one core, and every answering process that it starts on another. False if this
+// process may use only one core.
+[[nodiscard]] bool stay_apart();
+
 void announce_ready(int link);
 
 // The exit status where this process was started to answer: call it before anything else in main().

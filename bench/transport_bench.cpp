@@ -35,6 +35,7 @@ struct Effort {
   gint round_trips = 2000;  // in a round
   gint requests = 5000;     // in a round, asynchronously
   gint outstanding = 32;
+  double calls_aim = prescribed_aim;
 };
 
 double now_us() {
@@ -123,8 +124,7 @@ enum RoundTripRow { floor_row, prescribed_row, channel_row, channel_and_loop_row
 
 using RoundTripRows = std::array<RoundTrips, round_trip_rows>;
 
-void report_round_trips(std::size_t size, const RoundTripRows &rows, Results &results) {
-  const double calls_aim = on_one_core() ? prescribed_aim_on_one_core : prescribed_aim;
+void report_round_trips(std::size_t size, const RoundTripRows &rows, double calls_aim, Results &results) {
   std::printf(
       "\nRound trip with a body of %zu bytes (aims: at most %.0f times the floor, at most %.2f times the prescribed "
       "calls without a main loop, GDBus at least %.0f times it)\n",
@@ -162,7 +162,7 @@ void measure_round_trips(std::size_t size, const Effort &effort, Results &result
   for (gint round = 0; round < effort.rounds; ++round) {
     for (auto &row : rows) row.run(body, effort.round_trips);
   }
-  report_round_trips(size, rows, results);
+  report_round_trips(size, rows, effort.calls_aim, results);
 }
 
 // What it costs a server to watch clients that say nothing.
@@ -233,17 +233,65 @@ void measure_pipelines(std::size_t size, const Effort &effort, Results &results)
   }
 }
 
-// For a tracer or a profiler: nothing but that many requests on the command channel, or by its calls alone.
-int only_ask(std::size_t size, gint count, bool prescribed, bool beside_a_main_loop, gint outstanding) {
-  const auto body = body_of(size);
-  if (outstanding > 0) {
-    const auto command = bench::pipelined_command_channel();
-    return command->ask_all(body, static_cast<unsigned>(count), static_cast<unsigned>(outstanding)) ? 0 : 1;
+struct Options {
+  Effort effort;
+  gboolean quick = FALSE, apart = FALSE, prescribed = FALSE, beside_a_main_loop = FALSE;
+  gint size = 0, only_ask = 0, outstanding = 0;
+  ptz_test::Text json;
+};
+
+// False after a message if an argument is wrong.
+bool parse(int argc, char **argv, Options &options) {
+  auto &effort = options.effort;
+  gchar *json = nullptr;
+  const GOptionEntry entries[] = {
+      {"quick", 0, 0, G_OPTION_ARG_NONE, &options.quick, "Only see that everything works", nullptr},
+      {"rounds", 0, 0, G_OPTION_ARG_INT, &effort.rounds, "Rounds (20)", "N"},
+      {"round-trips", 0, 0, G_OPTION_ARG_INT, &effort.round_trips, "Round trips in a round (2000)", "N"},
+      {"requests", 0, 0, G_OPTION_ARG_INT, &effort.requests, "Asynchronous requests in a round (5000)", "N"},
+      {"body", 0, 0, G_OPTION_ARG_INT, &options.size, "Only with a body of this size, 1 to 2552 (64 and 2552)",
+       "BYTES"},
+      {"apart", 0, 0, G_OPTION_ARG_NONE, &options.apart, "Keep the two processes on different cores", nullptr},
+      {"json", 0, 0, G_OPTION_ARG_FILENAME, &json, "Also write the results there, as a JSON array", "FILE"},
+      {"only-ask", 0, 0, G_OPTION_ARG_INT, &options.only_ask, "Measure nothing, send N requests on the command channel",
+       "N"},
+      {"prescribed", 0, 0, G_OPTION_ARG_NONE, &options.prescribed, "... by the prescribed calls alone", nullptr},
+      {"main-loop", 0, 0, G_OPTION_ARG_NONE, &options.beside_a_main_loop, "... beside a running main loop", nullptr},
+      {"outstanding", 0, 0, G_OPTION_ARG_INT, &options.outstanding, "... asynchronously, N at once", "N"},
+      {},
+  };
+  const std::unique_ptr<GOptionContext, ptz_test::FreeWith<g_option_context_free>> context(
+      g_option_context_new(nullptr));
+  g_option_context_add_main_entries(context.get(), entries, nullptr);
+  GError *error = nullptr;
+  const gboolean parsed = g_option_context_parse(context.get(), &argc, &argv, &error);
+  options.json.reset(json);
+  if (!parsed) {
+    std::fprintf(stderr, "%s\n", error->message);
+    g_error_free(error);
+    return false;
   }
-  const auto caller = prescribed ? bench::prescribed_calls() : bench::command_channel();
+  if (options.size < 0 || static_cast<std::size_t>(options.size) > bench::body_max || effort.rounds < 1 ||
+      effort.round_trips < 1) {
+    std::fprintf(stderr, "A number is out of its range, see --help\n");
+    return false;
+  }
+  return true;
+}
+
+// For a tracer or a profiler: nothing but that many requests on the command channel, or by its calls alone.
+int only_ask(std::size_t size, const Options &options) {
+  const auto body = body_of(size);
+  if (options.outstanding > 0) {
+    const auto command = bench::pipelined_command_channel();
+    return command->ask_all(body, static_cast<unsigned>(options.only_ask), static_cast<unsigned>(options.outstanding))
+               ? 0
+               : 1;
+  }
+  const auto caller = options.prescribed ? bench::prescribed_calls() : bench::command_channel();
   std::optional<bench::RunningMainLoop> loop;
-  if (beside_a_main_loop) loop.emplace();
-  for (gint i = 0; i < count; ++i) {
+  if (options.beside_a_main_loop) loop.emplace();
+  for (gint i = 0; i < options.only_ask; ++i) {
     if (caller->ask(body).size() != body.size()) return 1;
   }
   return 0;
@@ -253,47 +301,23 @@ int only_ask(std::size_t size, gint count, bool prescribed, bool beside_a_main_l
 
 int main(int argc, char **argv) {
   if (const auto status = bench::answer_if_asked_to(argc, argv)) return *status;
-  Effort effort;
-  gboolean quick = FALSE, prescribed = FALSE, beside_a_main_loop = FALSE;
-  gint size = 0, count = 0, outstanding = 0;
-  gchar *json = nullptr;
-  const GOptionEntry options[] = {
-      {"quick", 0, 0, G_OPTION_ARG_NONE, &quick, "Only see that everything works", nullptr},
-      {"rounds", 0, 0, G_OPTION_ARG_INT, &effort.rounds, "Rounds (20)", "N"},
-      {"round-trips", 0, 0, G_OPTION_ARG_INT, &effort.round_trips, "Round trips in a round (2000)", "N"},
-      {"requests", 0, 0, G_OPTION_ARG_INT, &effort.requests, "Asynchronous requests in a round (5000)", "N"},
-      {"body", 0, 0, G_OPTION_ARG_INT, &size, "Only with a body of this size, 1 to 2552 (64 and 2552)", "BYTES"},
-      {"json", 0, 0, G_OPTION_ARG_FILENAME, &json, "Also write the results there, as a JSON array", "FILE"},
-      {"only-ask", 0, 0, G_OPTION_ARG_INT, &count, "Measure nothing, send N requests on the command channel", "N"},
-      {"prescribed", 0, 0, G_OPTION_ARG_NONE, &prescribed, "... by the prescribed calls alone", nullptr},
-      {"main-loop", 0, 0, G_OPTION_ARG_NONE, &beside_a_main_loop, "... beside a running main loop", nullptr},
-      {"outstanding", 0, 0, G_OPTION_ARG_INT, &outstanding, "... asynchronously, N at once", "N"},
-      {},
-  };
-  const std::unique_ptr<GOptionContext, ptz_test::FreeWith<g_option_context_free>> context(
-      g_option_context_new(nullptr));
-  g_option_context_add_main_entries(context.get(), options, nullptr);
-  GError *error = nullptr;
-  const gboolean parsed = g_option_context_parse(context.get(), &argc, &argv, &error);
-  const ptz_test::Text json_path(json);
-  if (!parsed) {
-    std::fprintf(stderr, "%s\n", error->message);
-    g_error_free(error);
-    return 2;
-  }
-  if (quick) {
+  Options options;
+  if (!parse(argc, argv, options)) return 2;
+  auto &effort = options.effort;
+  if (options.quick) {
     effort = {.rounds = 1, .round_trips = 20, .requests = 64};
     std::printf("Too few requests for a time or a ratio below to mean anything\n");
   }
-  if (size < 0 || static_cast<std::size_t>(size) > bench::body_max || effort.rounds < 1 || effort.round_trips < 1) {
-    std::fprintf(stderr, "A number is out of its range, see --help\n");
+  if (on_one_core()) effort.calls_aim = prescribed_aim_on_one_core;
+  if (options.apart && !bench::stay_apart()) {
+    std::fprintf(stderr, "--apart needs two cores\n");
     return 2;
   }
 
   std::vector<std::size_t> sizes(body_sizes.begin(), body_sizes.end());
-  if (size > 0) sizes = {static_cast<std::size_t>(size)};
-  if (count > 0) return only_ask(sizes.front(), count, prescribed, beside_a_main_loop, outstanding);
-  Results results(json_path.get());
+  if (options.size > 0) sizes = {static_cast<std::size_t>(options.size)};
+  if (options.only_ask > 0) return only_ask(sizes.front(), options);
+  Results results(options.json.get());
   for (const std::size_t each : sizes) measure_round_trips(each, effort, results);
   for (const std::size_t each : sizes) measure_pipelines(each, effort, results);
   measure_crowds(sizes.front(), effort, results);
