@@ -1,6 +1,5 @@
 #include "command_channel.h"
 
-#include <dlfcn.h>
 #include <glib.h>
 #include <poll.h>
 #include <sys/ioctl.h>
@@ -13,6 +12,7 @@
 #include <ctime>
 
 #include "fuzz_target.h"
+#include "interpose.h"
 #include "ptz_socket_frame.h"
 
 namespace {
@@ -28,14 +28,19 @@ std::int64_t clock_ns = clock_start_ns;
 int ready_descriptors = 0;
 int failed_checks = 0;
 
-int real_poll(pollfd *fds, nfds_t count, int timeout_ms) {
-  static const auto real = reinterpret_cast<decltype(&poll)>(dlsym(RTLD_NEXT, "poll"));
-  return real(fds, count, timeout_ms);
+}  // namespace
+
+INTERPOSE(int, poll, (pollfd * fds, nfds_t count, int timeout_ms)) {
+  const int ready = REAL(poll)(fds, count, 0);
+  if (ready == 0) ptz_fuzz::move_clock(std::max(timeout_ms, 0));
+  return ready;
 }
+
+namespace {
 
 gint poll_for_main_loop(GPollFD *fds, guint count, gint) {
   static_assert(sizeof(GPollFD) == sizeof(pollfd));
-  ready_descriptors = real_poll(reinterpret_cast<pollfd *>(fds), count, 0);
+  ready_descriptors = REAL(poll)(reinterpret_cast<pollfd *>(fds), count, 0);
   return ready_descriptors;
 }
 
@@ -166,7 +171,7 @@ int take_failed_checks() { return std::exchange(failed_checks, 0); }
 std::size_t open_descriptors() {
   std::array<pollfd, watched_descriptors> fds;
   for (std::size_t i = 0; i < fds.size(); ++i) fds[i] = {static_cast<int>(i), 0, 0};
-  real_poll(fds.data(), fds.size(), 0);
+  REAL(poll)(fds.data(), fds.size(), 0);
   return static_cast<std::size_t>(
       std::count_if(fds.begin(), fds.end(), [](const pollfd &fd) { return (fd.revents & POLLNVAL) == 0; }));
 }
@@ -177,24 +182,16 @@ std::size_t open_descriptors() {
 // enough to know who allocated one: both are most of what an input costs.
 extern "C" const char *__asan_default_options() { return "quarantine_size_mb=16:malloc_context_size=8"; }
 
-// What follows takes the place of the C library's functions in the whole program.
-
-extern "C" int clock_gettime(clockid_t clock, timespec *time) noexcept {
+INTERPOSE(int, clock_gettime, (clockid_t clock, timespec *time)) {
   if (clock != CLOCK_MONOTONIC) return static_cast<int>(syscall(SYS_clock_gettime, clock, time));
   time->tv_sec = clock_ns / nanoseconds_per_second;
   time->tv_nsec = clock_ns % nanoseconds_per_second;
   return 0;
 }
 
-extern "C" int poll(pollfd *fds, nfds_t count, int timeout_ms) {
-  const int ready = real_poll(fds, count, 0);
-  if (ready == 0) ptz_fuzz::move_clock(std::max(timeout_ms, 0));
-  return ready;
-}
-
-extern "C" int usleep(useconds_t microseconds) {
+INTERPOSE(int, usleep, (useconds_t microseconds)) {
   clock_ns += std::int64_t{microseconds} * 1000;
   return 0;
 }
 
-extern "C" void syslog(int, const char *, ...) {}
+INTERPOSE(void, syslog, (int, const char *, ...)) {}

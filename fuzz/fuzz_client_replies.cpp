@@ -20,6 +20,7 @@
 #include "command_channel.h"
 #include "fuzz_target.h"
 #include "handles.h"
+#include "interpose.h"
 #include "ptz_file_g_source.h"
 #include "ptz_socket_client_command.h"
 
@@ -502,8 +503,7 @@ Scene *scene = nullptr;
 
 }  // namespace
 
-// Takes the place of the C library's function in the whole program.
-extern "C" int select(int count, fd_set *readable, fd_set *, fd_set *, timeval *timeout) {
+INTERPOSE(int, select, (int count, fd_set *readable, fd_set *, fd_set *, timeval *timeout)) {
   REQUIRE(scene != nullptr && readable != nullptr && timeout != nullptr);
   REQUIRE(FD_ISSET(count - 1, readable));
   return scene->wait_for_reply(readable, count - 1, timeout->tv_sec * 1000 + timeout->tv_usec / 1000);

@@ -12,6 +12,7 @@
 
 #include "fuzz_target.h"
 #include "handles.h"
+#include "interpose.h"
 #include "ptz_dynamical_properties.h"
 #include "ptz_gvalue_utils.h"
 #include "values.h"
@@ -39,8 +40,7 @@ void forget_logs() {
 
 }  // namespace
 
-// Takes the place of the C library's function.
-extern "C" void syslog(int, const char *format, ...) {
+INTERPOSE(void, syslog, (int, const char *format, ...)) {
   char text[8192];
   va_list arguments;
   va_start(arguments, format);

@@ -12,6 +12,7 @@
 
 #include "byte_arrays.h"
 #include "fuzz_target.h"
+#include "interpose.h"
 #include "ptz_driver_parameter_item.h"
 #include "ptz_serialize.h"
 
@@ -42,9 +43,9 @@ Check failed_check;
 
 }  // namespace
 
-// Takes the place of GLib's function: a reader that fails a check ends there, and not the process with it.
-extern "C" void g_assertion_message_expr(const char *domain, const char *file, int line, const char *function,
-                                         const char *expression) {
+// A reader that fails a check ends there, and does not end the process.
+INTERPOSE(void, g_assertion_message_expr,
+          (const char *domain, const char *file, int line, const char *function, const char *expression)) {
   if (!reading || std::string_view(file) != "ptz_serialize") {
     std::fprintf(stderr, "%s:%s:%d:%s: assertion failed: (%s)\n", domain, file, line, function, expression);
     std::abort();

@@ -5,7 +5,6 @@
 //
 //   input       how it ends (1 byte), operations
 //   operation   low four bits: which (see `operations`), high four bits: its argument; some take further bytes
-#include <dlfcn.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <array>
@@ -23,6 +22,7 @@
 #include "command_channel.h"
 #include "fuzz_target.h"
 #include "handles.h"
+#include "interpose.h"
 #include "ptz_socket_server_command.h"
 
 using namespace ptz_fuzz;
@@ -490,22 +490,18 @@ Scene *scene = nullptr;
 
 }  // namespace
 
-// What follows takes the place of the C library's functions in the whole program.
-
-extern "C" int accept(int fd, sockaddr *address, socklen_t *length) {
-  static const auto real = reinterpret_cast<decltype(&accept)>(dlsym(RTLD_NEXT, "accept"));
+INTERPOSE(int, accept, (int fd, sockaddr *address, socklen_t *length)) {
   if (scene != nullptr && scene->fails_to_accept()) {
     errno = EMFILE;
     return -1;
   }
-  const int accepted = real(fd, address, length);
+  const int accepted = REAL(accept)(fd, address, length);
   return scene != nullptr && accepted >= 0 ? scene->accepted(accepted) : accepted;
 }
 
-extern "C" int close(int fd) {
-  static const auto real = reinterpret_cast<decltype(&close)>(dlsym(RTLD_NEXT, "close"));
+INTERPOSE(int, close, (int fd)) {
   if (scene != nullptr) scene->closed(fd);
-  return real(fd);
+  return REAL(close)(fd);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {

@@ -1,11 +1,10 @@
 // Reads a file of arbitrary bytes with the platform's key-value reader into the parsed store, with conversion and
 // without, and holds what an accessor returns against the records that the reader gave.
-#include <dlfcn.h>
-
 #include <algorithm>
 #include <cctype>
 
 #include "fuzz_target.h"
+#include "interpose.h"
 #include "platform/kv_config.h"
 #include "ptz_settings.h"
 #include "text_files.h"
@@ -51,10 +50,8 @@ void require_values(bool converted) {
 
 }  // namespace
 
-// A program that defines the platform's functions itself overrides them.
-extern "C" const KvConfigRecord *kv_config_get(void) {
-  static const auto real = reinterpret_cast<decltype(kv_config_get) *>(dlsym(RTLD_NEXT, "kv_config_get"));
-  const auto *record = real();
+INTERPOSE(const KvConfigRecord *, kv_config_get, ()) {
+  const auto *record = REAL(kv_config_get)();
   if (record != nullptr) keep(*record);
   return record;
 }

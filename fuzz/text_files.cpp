@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "fuzz_target.h"
+#include "interpose.h"
 
 namespace {
 
@@ -28,8 +29,7 @@ std::string without_lone_backslash(std::string text) {
 
 }  // namespace
 
-// Takes the place of the C library's function.
-extern "C" void syslog(int, const char *format, ...) {
+INTERPOSE(void, syslog, (int, const char *format, ...)) {
   char text[8192];
   va_list arguments;
   va_start(arguments, format);

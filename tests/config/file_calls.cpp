@@ -1,6 +1,5 @@
 #include "file_calls.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <glib.h>
 #include <sys/stat.h>
@@ -16,6 +15,8 @@
 #include <iterator>
 #include <map>
 #include <mutex>
+
+#include "interpose.h"
 
 namespace {
 
@@ -79,12 +80,6 @@ bool fails(Failing what, const char *path = nullptr) {
     return true;
   }
   return false;
-}
-
-// What would have been called without this file: the library's function, or a sanitizer's in front of it.
-template <typename Function>
-Function *next(const char *name) {
-  return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
 }
 
 template <typename Real>
@@ -195,68 +190,43 @@ std::size_t open_descriptors() {
 
 }  // namespace ptz_test
 
-// These take the place of the C library's and GLib's functions in the whole test program. They are defined under names
-// of their own, because the headers declare the real ones with attributes, redirections and fortified inline bodies.
-#define TAKES_THE_PLACE_OF(name) asm(name) __attribute__((visibility("default"), used))
-#define OPEN_PATH(interposed, name)                                          \
-  int interposed(const char *path, int flags, ...) TAKES_THE_PLACE_OF(name); \
-  int interposed(const char *path, int flags, ...) {                         \
-    static const auto real = next<int(const char *, int, ...)>(name);        \
-    va_list arguments;                                                       \
-    va_start(arguments, flags);                                              \
-    const auto mode = static_cast<mode_t>(va_arg(arguments, int));           \
-    va_end(arguments);                                                       \
-    return open_path(real, path, flags, mode);                               \
+#define OPEN_PATH(name)                                            \
+  INTERPOSE(int, name, (const char *path, int flags, ...)) {       \
+    va_list arguments;                                             \
+    va_start(arguments, flags);                                    \
+    const auto mode = static_cast<mode_t>(va_arg(arguments, int)); \
+    va_end(arguments);                                             \
+    return open_path(REAL(name), path, flags, mode);               \
   }
-#define OPEN_AT(interposed, name)                                                        \
-  int interposed(int folder, const char *path, int flags, ...) TAKES_THE_PLACE_OF(name); \
-  int interposed(int folder, const char *path, int flags, ...) {                         \
-    static const auto real = next<int(int, const char *, int, ...)>(name);               \
-    va_list arguments;                                                                   \
-    va_start(arguments, flags);                                                          \
-    const auto mode = static_cast<mode_t>(va_arg(arguments, int));                       \
-    va_end(arguments);                                                                   \
-    return open_at(real, folder, path, flags, mode);                                     \
+#define OPEN_AT(name)                                                    \
+  INTERPOSE(int, name, (int folder, const char *path, int flags, ...)) { \
+    va_list arguments;                                                   \
+    va_start(arguments, flags);                                          \
+    const auto mode = static_cast<mode_t>(va_arg(arguments, int));       \
+    va_end(arguments);                                                   \
+    return open_at(REAL(name), folder, path, flags, mode);               \
   }
-#define OPEN_STREAM(interposed, name)                                            \
-  FILE *interposed(const char *path, const char *mode) TAKES_THE_PLACE_OF(name); \
-  FILE *interposed(const char *path, const char *mode) {                         \
-    static const auto real = next<FILE *(const char *, const char *)>(name);     \
-    return open_stream(real, path, mode);                                        \
-  }
-#define EXAMINE(interposed, name, Buffer)                                    \
-  int interposed(const char *path, Buffer *buffer) TAKES_THE_PLACE_OF(name); \
-  int interposed(const char *path, Buffer *buffer) {                         \
-    static const auto real = next<int(const char *, Buffer *)>(name);        \
-    return real(led_from(path).c_str(), buffer);                             \
-  }
-extern "C" {
-OPEN_PATH(interposed_open, "open")
-OPEN_PATH(interposed_open64, "open64")
-OPEN_AT(interposed_openat, "openat")
-OPEN_AT(interposed_openat64, "openat64")
-OPEN_STREAM(interposed_fopen, "fopen")
-OPEN_STREAM(interposed_fopen64, "fopen64")
-EXAMINE(interposed_stat, "stat", struct stat)
-EXAMINE(interposed_stat64, "stat64", struct stat64)
-EXAMINE(interposed_lstat, "lstat", struct stat)
-EXAMINE(interposed_lstat64, "lstat64", struct stat64)
+#define OPEN_STREAM(name) \
+  INTERPOSE(FILE *, name, (const char *path, const char *mode)) { return open_stream(REAL(name), path, mode); }
+#define EXAMINE(name, Buffer) \
+  INTERPOSE(int, name, (const char *path, Buffer *buffer)) { return REAL(name)(led_from(path).c_str(), buffer); }
 
-int interposed_access(const char *path, int mode) TAKES_THE_PLACE_OF("access");
-int interposed_access(const char *path, int mode) {
-  static const auto real = next<int(const char *, int)>("access");
-  return real(led_from(path).c_str(), mode);
-}
+OPEN_PATH(open)
+OPEN_PATH(open64)
+OPEN_AT(openat)
+OPEN_AT(openat64)
+OPEN_STREAM(fopen)
+OPEN_STREAM(fopen64)
+EXAMINE(stat, struct stat)
+EXAMINE(stat64, struct stat64)
+EXAMINE(lstat, struct stat)
+EXAMINE(lstat64, struct stat64)
 
-int interposed_fsync(int fd) TAKES_THE_PLACE_OF("fsync");
-int interposed_fsync(int fd) {
-  static const auto real = next<int(int)>("fsync");
-  return fails(Failing::fsync) ? -1 : real(fd);
-}
+INTERPOSE(int, access, (const char *path, int mode)) { return REAL(access)(led_from(path).c_str(), mode); }
 
-FILE *interposed_popen(const char *command, const char *mode) TAKES_THE_PLACE_OF("popen");
-FILE *interposed_popen(const char *command, const char *mode) {
-  static const auto real = next<FILE *(const char *, const char *)>("popen");
+INTERPOSE(int, fsync, (int fd)) { return fails(Failing::fsync) ? -1 : REAL(fsync)(fd); }
+
+INTERPOSE(FILE *, popen, (const char *command, const char *mode)) {
   Commands::Handler handler;
   {
     const std::lock_guard lock(calls().lock);
@@ -264,38 +234,28 @@ FILE *interposed_popen(const char *command, const char *mode) {
     handler = calls().command_handler;
   }
   if (fails(Failing::start)) return nullptr;
-  return handler ? real(handler(command).c_str(), mode) : real(command, mode);
+  return handler ? REAL(popen)(handler(command).c_str(), mode) : REAL(popen)(command, mode);
 }
 
-int interposed_pclose(FILE *pipe) TAKES_THE_PLACE_OF("pclose");
-int interposed_pclose(FILE *pipe) {
-  static const auto real = next<int(FILE *)>("pclose");
-  const int status = real(pipe);
+INTERPOSE(int, pclose, (FILE * pipe)) {
+  const int status = REAL(pclose)(pipe);
   return fails(Failing::wait) ? -1 : status;
 }
 
-gpointer interposed_try_realloc(gpointer memory, gsize length) TAKES_THE_PLACE_OF("g_try_realloc");
-gpointer interposed_try_realloc(gpointer memory, gsize length) {
-  static const auto real = next<gpointer(gpointer, gsize)>("g_try_realloc");
-  return fails(Failing::grow) ? nullptr : real(memory, length);
+INTERPOSE(gpointer, g_try_realloc, (gpointer memory, gsize length)) {
+  return fails(Failing::grow) ? nullptr : REAL(g_try_realloc)(memory, length);
 }
 
-gpointer interposed_try_realloc_n(gpointer memory, gsize count, gsize size) TAKES_THE_PLACE_OF("g_try_realloc_n");
-gpointer interposed_try_realloc_n(gpointer memory, gsize count, gsize size) {
-  static const auto real = next<gpointer(gpointer, gsize, gsize)>("g_try_realloc_n");
-  return fails(Failing::grow) ? nullptr : real(memory, count, size);
+INTERPOSE(gpointer, g_try_realloc_n, (gpointer memory, gsize count, gsize size)) {
+  return fails(Failing::grow) ? nullptr : REAL(g_try_realloc_n)(memory, count, size);
 }
 
-gchar *interposed_convert(const gchar *text, gssize length, const gchar *to, const gchar *from, gsize *bytes_read,
-                          gsize *bytes_written, GError **error) TAKES_THE_PLACE_OF("g_convert");
-gchar *interposed_convert(const gchar *text, gssize length, const gchar *to, const gchar *from, gsize *bytes_read,
-                          gsize *bytes_written, GError **error) {
-  static const auto real =
-      next<gchar *(const gchar *, gssize, const gchar *, const gchar *, gsize *, gsize *, GError **)>("g_convert");
+INTERPOSE(gchar *, g_convert,
+          (const gchar *text, gssize length, const gchar *to, const gchar *from, gsize *bytes_read,
+           gsize *bytes_written, GError **error)) {
   if (fails(Failing::convert_mute)) return nullptr;
-  if (!fails(Failing::convert)) return real(text, length, to, from, bytes_read, bytes_written, error);
+  if (!fails(Failing::convert)) return REAL(g_convert)(text, length, to, from, bytes_read, bytes_written, error);
   g_set_error_literal(error, G_CONVERT_ERROR, G_CONVERT_ERROR_NO_CONVERSION,
                       std::string(ptz_test::conversion_message).c_str());
   return nullptr;
 }
-}  // extern "C"

@@ -1,11 +1,12 @@
 #include "kv_records.h"
 
-#include <dlfcn.h>
 #include <glib.h>
 
 #include <cerrno>
 #include <memory>
 #include <mutex>
+
+#include "interpose.h"
 
 namespace {
 
@@ -32,11 +33,6 @@ Reader &reader() {
 }
 
 const gchar *text_or_null(const std::optional<std::string> &text) { return text ? text->c_str() : nullptr; }
-
-template <typename Function>
-Function *next(const char *name) {
-  return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
-}
 
 }  // namespace
 
@@ -76,10 +72,7 @@ std::size_t ReaderLog::closed() const {
 
 }  // namespace ptz_test
 
-// A program that defines the platform's functions itself overrides them.
-extern "C" {
-__attribute__((visibility("default"))) gint kv_config_open(const gchar *path) {
-  static const auto real = next<gint(const gchar *)>("kv_config_open");
+INTERPOSE(gint, kv_config_open, (const gchar *path)) {
   bool faked = false;
   {
     const std::lock_guard lock(reader().lock);
@@ -87,7 +80,7 @@ __attribute__((visibility("default"))) gint kv_config_open(const gchar *path) {
     reader().next_record = 0;
     reader().opening = true;
   }
-  const gint result = faked ? 1 : real(path);
+  const gint result = faked ? 1 : REAL(kv_config_open)(path);
   const int saved_errno = errno;
   {
     const std::lock_guard lock(reader().lock);
@@ -98,8 +91,7 @@ __attribute__((visibility("default"))) gint kv_config_open(const gchar *path) {
   return result;
 }
 
-__attribute__((visibility("default"))) const KvConfigRecord *kv_config_get() {
-  static const auto real = next<const KvConfigRecord *()>("kv_config_get");
+INTERPOSE(const KvConfigRecord *, kv_config_get, ()) {
   static KvConfigRecord current;
   std::function<void()> before_record;
   {
@@ -108,17 +100,15 @@ __attribute__((visibility("default"))) const KvConfigRecord *kv_config_get() {
   }
   if (before_record) before_record();
   const std::lock_guard lock(reader().lock);
-  if (reader().fake == nullptr) return real();
+  if (reader().fake == nullptr) return REAL(kv_config_get)();
   if (reader().next_record == reader().fake->size()) return nullptr;
   const auto &record = (*reader().fake)[reader().next_record++];
   current = {text_or_null(record.group), text_or_null(record.key), text_or_null(record.value)};
   return &current;
 }
 
-__attribute__((visibility("default"))) void kv_config_close() {
-  static const auto real = next<void()>("kv_config_close");
+INTERPOSE(void, kv_config_close, ()) {
   const std::lock_guard lock(reader().lock);
   if (!reader().opening) ++reader().closed;
-  if (reader().fake == nullptr) real();
-}
+  if (reader().fake == nullptr) REAL(kv_config_close)();
 }

@@ -1,6 +1,5 @@
 #include "ptz_config.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -21,6 +20,7 @@
 #include "fixtures.h"
 #include "fresh_process.h"
 #include "handles.h"
+#include "interpose.h"
 #include "syslog_capture.h"
 
 namespace {
@@ -30,12 +30,10 @@ std::function<WholeFileWrite> write_instead;
 
 }  // namespace
 
-// A program that defines a function of the platform itself overrides it.
-extern "C" __attribute__((visibility("default"))) gboolean file_util_set_contents_synced(const gchar *path,
-                                                                                         const gchar *data,
-                                                                                         gsize length, GError **error) {
-  static const auto real = reinterpret_cast<WholeFileWrite *>(dlsym(RTLD_NEXT, "file_util_set_contents_synced"));
-  return write_instead ? write_instead(path, data, length, error) : real(path, data, length, error);
+INTERPOSE(gboolean, file_util_set_contents_synced,
+          (const gchar *path, const gchar *data, gsize length, GError **error)) {
+  return write_instead ? write_instead(path, data, length, error)
+                       : REAL(file_util_set_contents_synced)(path, data, length, error);
 }
 
 namespace {

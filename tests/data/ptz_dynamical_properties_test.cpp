@@ -1,6 +1,5 @@
 #include "ptz_dynamical_properties.h"
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <syslog.h>
 
@@ -15,6 +14,7 @@
 
 #include "fixtures.h"
 #include "handles.h"
+#include "interpose.h"
 #include "subclass.h"
 #include "syslog_capture.h"
 #include "values.h"
@@ -26,13 +26,11 @@ std::atomic<int> threads_waiting = 0;
 thread_local std::function<void()> before_next_lock;  // run once, by the next lock that the thread takes
 }  // namespace
 
-// Takes the place of GLib's function in the whole test program.
-extern "C" void g_mutex_lock(GMutex *mutex) {
-  static const auto real = reinterpret_cast<decltype(&g_mutex_lock)>(dlsym(RTLD_NEXT, "g_mutex_lock"));
+INTERPOSE(void, g_mutex_lock, (GMutex * mutex)) {
   if (before_next_lock != nullptr) std::exchange(before_next_lock, nullptr)();
   if (g_mutex_trylock(mutex)) return;
   ++threads_waiting;
-  real(mutex);
+  REAL(g_mutex_lock)(mutex);
   --threads_waiting;
 }
 

@@ -1,6 +1,5 @@
 #include "ptz_parameter_item_array.h"
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -16,6 +15,7 @@
 #include "failed_assertion.h"
 #include "fixtures.h"
 #include "handles.h"
+#include "interpose.h"
 #include "subclass.h"
 
 using namespace ptz_test;
@@ -25,11 +25,9 @@ std::atomic<const GMutex *> watched_mutex = nullptr;
 std::atomic<std::size_t> times_locked = 0;
 }  // namespace
 
-// Takes the place of GLib's function in the whole test program, and counts.
-extern "C" void g_mutex_lock(GMutex *mutex) {
-  static const auto real = reinterpret_cast<decltype(&g_mutex_lock)>(dlsym(RTLD_NEXT, "g_mutex_lock"));
+INTERPOSE(void, g_mutex_lock, (GMutex * mutex)) {
   if (mutex == watched_mutex) ++times_locked;
-  real(mutex);
+  REAL(g_mutex_lock)(mutex);
 }
 
 namespace {

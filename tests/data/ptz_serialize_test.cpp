@@ -1,6 +1,5 @@
 #include "ptz_serialize.h"
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 
@@ -14,6 +13,7 @@
 
 #include "byte_arrays.h"
 #include "failed_assertion.h"
+#include "interpose.h"
 
 using namespace std::string_literals;
 using namespace ptz_test;
@@ -22,17 +22,15 @@ namespace {
 std::size_t nodes_walked = 0;
 }
 
-// These take the place of GLib's functions in the whole test program: each walks a list to its end.
-extern "C" GList *g_list_append(GList *list, gpointer data) {
-  static const auto real = reinterpret_cast<decltype(&g_list_append)>(dlsym(RTLD_NEXT, "g_list_append"));
+// These two functions of GLib walk a list to its end.
+INTERPOSE(GList *, g_list_append, (GList * list, gpointer data)) {
   nodes_walked += g_list_length(list);
-  return real(list, data);
+  return REAL(g_list_append)(list, data);
 }
 
-extern "C" GList *g_list_last(GList *list) {
-  static const auto real = reinterpret_cast<decltype(&g_list_last)>(dlsym(RTLD_NEXT, "g_list_last"));
+INTERPOSE(GList *, g_list_last, (GList * list)) {
   nodes_walked += g_list_length(list);
-  return real(list);
+  return REAL(g_list_last)(list);
 }
 
 namespace {

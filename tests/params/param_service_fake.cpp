@@ -8,6 +8,8 @@
 #include <set>
 #include <utility>
 
+#include "interpose.h"
+
 namespace {
 
 using ptz_test::FakeService;
@@ -139,15 +141,15 @@ std::vector<unsigned> sleeps() {
 
 }  // namespace ptz_test
 
-// A program that defines the platform's functions itself overrides them.
-#define FOR_THE_LIBRARY __attribute__((visibility("default")))
-extern "C" {
-FOR_THE_LIBRARY unsigned sleep(unsigned seconds) {
+INTERPOSE(unsigned, sleep, (unsigned seconds)) {
   const std::lock_guard lock(shared().lock);
   shared().sleeps.push_back(seconds);
   return 0;
 }
 
+// A program that defines the platform's functions itself overrides them.
+#define FOR_THE_LIBRARY __attribute__((visibility("default")))
+extern "C" {
 FOR_THE_LIBRARY void param_service_reset_options(ParamServiceOptions *options) {
   *options = cleared;
   const std::lock_guard lock(shared().lock);

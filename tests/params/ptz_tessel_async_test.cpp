@@ -1,6 +1,5 @@
 #include "ptz_tessel_async.h"
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <syslog.h>
 
@@ -12,6 +11,7 @@
 #include <vector>
 
 #include "fixtures.h"
+#include "interpose.h"
 #include "param_service_fake.h"
 #include "ptz_tessel.h"
 #include "syslog_capture.h"
@@ -265,12 +265,9 @@ TEST(TesselAsyncOfAFreshProcessDeathTest, WarnsOfAWorkerThatCannotBeStarted) {
 
 }  // namespace
 
-// Takes the place of GLib's function in the whole test program.
-extern "C" __attribute__((visibility("default"))) GThreadPool *g_thread_pool_new(GFunc function, gpointer user_data,
-                                                                                 gint max_threads, gboolean exclusive,
-                                                                                 GError **error) {
-  static const auto real = reinterpret_cast<decltype(&g_thread_pool_new)>(dlsym(RTLD_NEXT, "g_thread_pool_new"));
-  if (!worker_fails) return real(function, user_data, max_threads, exclusive, error);
+INTERPOSE(GThreadPool *, g_thread_pool_new,
+          (GFunc function, gpointer user_data, gint max_threads, gboolean exclusive, GError **error)) {
+  if (!worker_fails) return REAL(g_thread_pool_new)(function, user_data, max_threads, exclusive, error);
   g_set_error_literal(error, G_THREAD_ERROR, G_THREAD_ERROR_AGAIN, "no thread left");
   return nullptr;
 }

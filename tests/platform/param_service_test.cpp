@@ -1,6 +1,5 @@
 #include "platform/param_service.h"
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <sys/file.h>
@@ -15,6 +14,7 @@
 #include <thread>
 
 #include "clock.h"
+#include "interpose.h"
 #include "parameter_tree.h"
 #include "ptz_tessel.h"
 #include "ptz_tessel_async.h"
@@ -541,18 +541,16 @@ TEST_F(ParamService, BackgroundWritesReachTheTreeInOrder) {
 
 }  // namespace
 
-// These take the place of the C library's functions in the whole test program.
-extern "C" __attribute__((visibility("default"))) int fdatasync(int fd) {
-  static const auto real = reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "fdatasync"));
+INTERPOSE(int, fdatasync, (int fd)) {
   ++flushes;
-  if (!flushes_fail) return real(fd);
+  if (!flushes_fail) return REAL(fdatasync)(fd);
   errno = EIO;
   return -1;
 }
-extern "C" __attribute__((visibility("default"))) int fsync(int fd) {
-  static const auto real = reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "fsync"));
+
+INTERPOSE(int, fsync, (int fd)) {
   ++flushes;
-  if (!flushes_fail) return real(fd);
+  if (!flushes_fail) return REAL(fsync)(fd);
   errno = EIO;
   return -1;
 }

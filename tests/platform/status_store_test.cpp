@@ -1,6 +1,5 @@
 #include "platform/status_store.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
@@ -15,6 +14,7 @@
 #include <thread>
 
 #include "clock.h"
+#include "interpose.h"
 #include "shared_group.h"
 
 namespace {
@@ -25,30 +25,25 @@ std::atomic<bool> others_make_folder = false;
 
 }  // namespace
 
-// Take the place of the C library's functions in the whole test program. Offsets have 64 bits on every machine, and
-// where long has 32, the C library calls the functions that take such offsets by the names that end in 64.
+// Offsets have 64 bits on every machine: the library calls the functions whose names end in 64.
 static_assert(sizeof(off_t) == 8);
-extern "C" {
-__attribute__((visibility("default"))) int posix_fallocate(int fd, off_t offset, off_t length) {
-  static const auto real = reinterpret_cast<int (*)(int, off_t, off_t)>(dlsym(RTLD_NEXT, "posix_fallocate64"));
+
+INTERPOSE(int, posix_fallocate64, (int fd, off_t offset, off_t length)) {
   if (interrupted_allocations > 0) return --interrupted_allocations, EINTR;
-  return allocation_error != 0 ? allocation_error.load() : real(fd, offset, length);
+  return allocation_error != 0 ? allocation_error.load() : REAL(posix_fallocate64)(fd, offset, length);
 }
-__attribute__((visibility("default"))) int mkdir(const char *path, mode_t mode) noexcept {
-  static const auto real = reinterpret_cast<int (*)(const char *, mode_t)>(dlsym(RTLD_NEXT, "mkdir"));
-  if (others_make_folder.exchange(false)) real(path, mode);
-  return real(path, mode);
+
+INTERPOSE(int, mkdir, (const char *path, mode_t mode)) {
+  if (others_make_folder.exchange(false)) REAL(mkdir)(path, mode);
+  return REAL(mkdir)(path, mode);
 }
-__attribute__((visibility("default"))) void *mmap(void *address, size_t length, int protection, int flags, int fd,
-                                                  off_t offset) noexcept {
-  static const auto real =
-      reinterpret_cast<void *(*)(void *, size_t, int, int, int, off_t)>(dlsym(RTLD_NEXT, "mmap64"));
+
+INTERPOSE(void *, mmap64, (void *address, size_t length, int protection, int flags, int fd, off_t offset)) {
   if (mapping_error != 0 && fd >= 0) {
     errno = mapping_error;
     return MAP_FAILED;
   }
-  return real(address, length, protection, flags, fd, offset);
-}
+  return REAL(mmap64)(address, length, protection, flags, fd, offset);
 }
 
 namespace {

@@ -15,6 +15,7 @@
 
 #include "fake_store.h"
 #include "fixtures.h"
+#include "interpose.h"
 #include "ptz_settings.h"
 #include "ptz_status_cache.h"
 #include "syslog_capture.h"
@@ -33,8 +34,7 @@ class Pretend {
 
 }  // namespace
 
-// Takes the place of the C library's function in the whole test program.
-extern "C" __attribute__((visibility("default"))) pid_t getpid() noexcept {
+INTERPOSE(pid_t, getpid, ()) {
   return pretended_process != 0 ? pretended_process : static_cast<pid_t>(syscall(SYS_getpid));
 }
 

@@ -5,6 +5,8 @@
 #include <atomic>
 #include <ctime>
 
+#include "interpose.h"
+
 namespace {
 constexpr std::int64_t nanoseconds_per_second = 1'000'000'000;
 std::atomic<std::int64_t> offset_ns = 0;
@@ -22,8 +24,7 @@ std::int64_t real_time_ms() {
 
 }  // namespace ptz_test
 
-// Takes the place of the C library's function in the whole test program.
-extern "C" int clock_gettime(clockid_t clock, timespec *time) noexcept {
+INTERPOSE(int, clock_gettime, (clockid_t clock, timespec *time)) {
   const auto result = static_cast<int>(syscall(SYS_clock_gettime, clock, time));
   if (result == 0 && (clock == CLOCK_MONOTONIC || clock == CLOCK_MONOTONIC_COARSE)) {
     const std::int64_t moved = time->tv_sec * nanoseconds_per_second + time->tv_nsec + offset_ns;

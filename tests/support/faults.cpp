@@ -1,6 +1,5 @@
 #include "faults.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -13,6 +12,8 @@
 #include <cstdarg>
 #include <cstring>
 #include <mutex>
+
+#include "interpose.h"
 
 namespace {
 
@@ -54,12 +55,6 @@ std::optional<Outcome> ask(Attempt &attempt) {
   return outcome;
 }
 
-// What would have been called without this file: the C library's function, or a sanitizer's in front of it.
-template <typename Function>
-Function *next(const char *name) {
-  return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
-}
-
 template <typename Proceed>
 auto intercept(Attempt attempt, Proceed proceed) -> decltype(proceed(attempt)) {
   if (const auto outcome = ask(attempt)) return static_cast<decltype(proceed(attempt))>(outcome->result);
@@ -73,8 +68,8 @@ std::string path_of(const sockaddr *address, socklen_t length) {
   return {path, strnlen(path, length - start)};
 }
 
-int intercept_fcntl(int fd, int command, void *argument) {
-  static const auto real = next<int(int, int, ...)>("fcntl");
+template <typename Real>
+int intercept_fcntl(Real *real, int fd, int command, void *argument) {
   const auto proceed = [=](const Attempt &) { return real(fd, command, argument); };
   const auto value = static_cast<std::int64_t>(reinterpret_cast<std::intptr_t>(argument));
   switch (command) {
@@ -148,119 +143,90 @@ std::vector<Attempt> CallLog::attempts(Call call, int fd) const {
 
 }  // namespace ptz_test
 
-// These take the place of the C library's functions in the whole test program. They are defined under names of their
-// own, because the headers declare the real ones with attributes, redirections and fortified inline bodies.
-#define TAKES_THE_PLACE_OF(name) asm(name) __attribute__((visibility("default"), used))
-extern "C" {
-int interposed_socket(int domain, int type, int protocol) TAKES_THE_PLACE_OF("socket");
-int interposed_bind(int fd, const sockaddr *address, socklen_t length) TAKES_THE_PLACE_OF("bind");
-int interposed_listen(int fd, int backlog) TAKES_THE_PLACE_OF("listen");
-int interposed_connect(int fd, const sockaddr *address, socklen_t length) TAKES_THE_PLACE_OF("connect");
-int interposed_accept(int fd, sockaddr *address, socklen_t *length) TAKES_THE_PLACE_OF("accept");
-int interposed_accept4(int fd, sockaddr *address, socklen_t *length, int flags) TAKES_THE_PLACE_OF("accept4");
-int interposed_fcntl(int fd, int command, ...) TAKES_THE_PLACE_OF("fcntl");
-int interposed_fcntl64(int fd, int command, ...) TAKES_THE_PLACE_OF("fcntl64");
-int interposed_chmod(const char *path, mode_t mode) TAKES_THE_PLACE_OF("chmod");
-int interposed_unlink(const char *path) TAKES_THE_PLACE_OF("unlink");
-int interposed_poll(pollfd *fds, nfds_t count, int timeout_ms) TAKES_THE_PLACE_OF("poll");
-ssize_t interposed_read(int fd, void *buffer, size_t length) TAKES_THE_PLACE_OF("read");
-ssize_t interposed_read_chk(int fd, void *buffer, size_t length, size_t size) TAKES_THE_PLACE_OF("__read_chk");
-ssize_t interposed_write(int fd, const void *buffer, size_t length) TAKES_THE_PLACE_OF("write");
-int interposed_shutdown(int fd, int how) TAKES_THE_PLACE_OF("shutdown");
-int interposed_close(int fd) TAKES_THE_PLACE_OF("close");
-
-int interposed_socket(int domain, int type, int protocol) {
-  static const auto real = next<decltype(interposed_socket)>("socket");
-  return intercept({.call = Call::socket, .argument = type}, [=](auto &) { return real(domain, type, protocol); });
+INTERPOSE(int, socket, (int domain, int type, int protocol)) {
+  return intercept({.call = Call::socket, .argument = type},
+                   [=](auto &) { return REAL(socket)(domain, type, protocol); });
 }
 
-int interposed_bind(int fd, const sockaddr *address, socklen_t length) {
-  static const auto real = next<decltype(interposed_bind)>("bind");
+INTERPOSE(int, bind, (int fd, const sockaddr *address, socklen_t length)) {
   return intercept({.call = Call::bind, .fd = fd, .argument = length, .path = path_of(address, length)},
-                   [=](auto &) { return real(fd, address, length); });
+                   [=](auto &) { return REAL(bind)(fd, address, length); });
 }
 
-int interposed_listen(int fd, int backlog) {
-  static const auto real = next<decltype(interposed_listen)>("listen");
-  return intercept({.call = Call::listen, .fd = fd, .argument = backlog}, [=](auto &) { return real(fd, backlog); });
+INTERPOSE(int, listen, (int fd, int backlog)) {
+  return intercept({.call = Call::listen, .fd = fd, .argument = backlog},
+                   [=](auto &) { return REAL(listen)(fd, backlog); });
 }
 
-int interposed_connect(int fd, const sockaddr *address, socklen_t length) {
-  static const auto real = next<decltype(interposed_connect)>("connect");
+INTERPOSE(int, connect, (int fd, const sockaddr *address, socklen_t length)) {
   return intercept({.call = Call::connect, .fd = fd, .argument = length, .path = path_of(address, length)},
-                   [=](auto &) { return real(fd, address, length); });
+                   [=](auto &) { return REAL(connect)(fd, address, length); });
 }
 
-int interposed_accept(int fd, sockaddr *address, socklen_t *length) {
-  static const auto real = next<decltype(interposed_accept)>("accept");
-  return intercept({.call = Call::accept, .fd = fd}, [=](auto &) { return real(fd, address, length); });
+INTERPOSE(int, accept, (int fd, sockaddr *address, socklen_t *length)) {
+  return intercept({.call = Call::accept, .fd = fd}, [=](auto &) { return REAL(accept)(fd, address, length); });
 }
 
-int interposed_accept4(int fd, sockaddr *address, socklen_t *length, int flags) {
-  static const auto real = next<decltype(interposed_accept4)>("accept4");
-  return intercept({.call = Call::accept, .fd = fd}, [=](auto &) { return real(fd, address, length, flags); });
+INTERPOSE(int, accept4, (int fd, sockaddr *address, socklen_t *length, int flags)) {
+  return intercept({.call = Call::accept, .fd = fd}, [=](auto &) { return REAL(accept4)(fd, address, length, flags); });
 }
 
-int interposed_fcntl(int fd, int command, ...) {
+INTERPOSE(int, fcntl, (int fd, int command, ...)) {
   va_list arguments;
   va_start(arguments, command);
   void *argument = va_arg(arguments, void *);
   va_end(arguments);
-  return intercept_fcntl(fd, command, argument);
+  return intercept_fcntl(REAL(fcntl), fd, command, argument);
 }
 
-int interposed_fcntl64(int fd, int command, ...) {
+INTERPOSE(int, fcntl64, (int fd, int command, ...)) {
   va_list arguments;
   va_start(arguments, command);
   void *argument = va_arg(arguments, void *);
   va_end(arguments);
-  return intercept_fcntl(fd, command, argument);
+  return intercept_fcntl(REAL(fcntl64), fd, command, argument);
 }
 
-int interposed_chmod(const char *path, mode_t mode) {
-  static const auto real = next<decltype(interposed_chmod)>("chmod");
+INTERPOSE(int, chmod, (const char *path, mode_t mode)) {
   return intercept({.call = Call::chmod, .argument = mode, .path = path != nullptr ? path : ""},
-                   [=](auto &) { return real(path, mode); });
+                   [=](auto &) { return REAL(chmod)(path, mode); });
 }
 
-int interposed_unlink(const char *path) {
-  static const auto real = next<decltype(interposed_unlink)>("unlink");
-  return intercept({.call = Call::unlink, .path = path != nullptr ? path : ""}, [=](auto &) { return real(path); });
+INTERPOSE(int, unlink, (const char *path)) {
+  return intercept({.call = Call::unlink, .path = path != nullptr ? path : ""},
+                   [=](auto &) { return REAL(unlink)(path); });
 }
 
-int interposed_poll(pollfd *fds, nfds_t count, int timeout_ms) {
-  static const auto real = next<decltype(interposed_poll)>("poll");
-  if (count != 1) return real(fds, count, timeout_ms);
+INTERPOSE(int, poll, (pollfd * fds, nfds_t count, int timeout_ms)) {
+  if (count != 1) return REAL(poll)(fds, count, timeout_ms);
   return intercept({.call = Call::poll, .fd = fds[0].fd, .argument = timeout_ms},
-                   [=](const Attempt &attempt) { return real(fds, count, static_cast<int>(attempt.argument)); });
+                   [=](const Attempt &attempt) { return REAL(poll)(fds, count, static_cast<int>(attempt.argument)); });
 }
 
-ssize_t interposed_read(int fd, void *buffer, size_t length) {
-  static const auto real = next<decltype(interposed_read)>("read");
-  return intercept({.call = Call::read, .fd = fd, .argument = static_cast<std::int64_t>(length)},
-                   [=](const Attempt &attempt) { return real(fd, buffer, static_cast<size_t>(attempt.argument)); });
-}
-
-ssize_t interposed_read_chk(int fd, void *buffer, size_t length, size_t size) {
-  static const auto real = next<decltype(interposed_read_chk)>("__read_chk");
+INTERPOSE(ssize_t, read, (int fd, void *buffer, size_t length)) {
   return intercept(
       {.call = Call::read, .fd = fd, .argument = static_cast<std::int64_t>(length)},
-      [=](const Attempt &attempt) { return real(fd, buffer, static_cast<size_t>(attempt.argument), size); });
+      [=](const Attempt &attempt) { return REAL(read)(fd, buffer, static_cast<size_t>(attempt.argument)); });
 }
 
-ssize_t interposed_write(int fd, const void *buffer, size_t length) {
-  static const auto real = next<decltype(interposed_write)>("write");
-  return intercept({.call = Call::write, .fd = fd, .argument = static_cast<std::int64_t>(length)},
-                   [=](const Attempt &attempt) { return real(fd, buffer, static_cast<size_t>(attempt.argument)); });
+INTERPOSE(ssize_t, __read_chk, (int fd, void *buffer, size_t length, size_t size)) {
+  return intercept({.call = Call::read, .fd = fd, .argument = static_cast<std::int64_t>(length)},
+                   [=](const Attempt &attempt) {
+                     return REAL(__read_chk)(fd, buffer, static_cast<size_t>(attempt.argument), size);
+                   });
 }
 
-int interposed_shutdown(int fd, int how) {
-  static const auto real = next<decltype(interposed_shutdown)>("shutdown");
-  return intercept({.call = Call::shutdown, .fd = fd, .argument = how}, [=](auto &) { return real(fd, how); });
+INTERPOSE(ssize_t, write, (int fd, const void *buffer, size_t length)) {
+  return intercept(
+      {.call = Call::write, .fd = fd, .argument = static_cast<std::int64_t>(length)},
+      [=](const Attempt &attempt) { return REAL(write)(fd, buffer, static_cast<size_t>(attempt.argument)); });
 }
 
-int interposed_close(int fd) {
-  static const auto real = next<decltype(interposed_close)>("close");
-  return intercept({.call = Call::close, .fd = fd}, [=](auto &) { return real(fd); });
+INTERPOSE(int, shutdown, (int fd, int how)) {
+  return intercept({.call = Call::shutdown, .fd = fd, .argument = how},
+                   [=](auto &) { return REAL(shutdown)(fd, how); });
 }
-}  // extern "C"
+
+INTERPOSE(int, close, (int fd)) {
+  return intercept({.call = Call::close, .fd = fd}, [=](auto &) { return REAL(close)(fd); });
+}

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <mutex>
 
+#include "interpose.h"
 #include "syslog_capture.h"
 
 namespace {
@@ -46,8 +47,7 @@ std::size_t SyslogCapture::containing(std::string_view part) const {
 
 }  // namespace ptz_test
 
-// Takes the place of the C library's function in the whole test program.
-extern "C" void syslog(int priority, const char *format, ...) {
+INTERPOSE(void, syslog, (int priority, const char *format, ...)) {
   const int saved_errno = errno;  // what "%m" prints
   char text[4096];
   va_list arguments;

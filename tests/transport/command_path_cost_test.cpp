@@ -1,6 +1,5 @@
 // What a request and a reply cost in allocations and system calls, counted: the channel carries every movement of a
 // camera, on a small processor.
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -14,6 +13,7 @@
 
 #include "command_ends.h"
 #include "faults.h"
+#include "interpose.h"
 #include "peers.h"
 #include "select_hook.h"
 
@@ -280,18 +280,11 @@ TEST_F(CommandPathCost, ARequestToAServerCallsTheSystemForTheTwoFrames) {
 
 }  // namespace
 
-// These take the place of the C library's functions in the whole test program, under names of their own because the
-// headers declare the real ones with attributes and inline bodies.
-
-#define COUNTED(result, name, parameters, arguments)                                               \
-  result counted_##name parameters asm(#name) __attribute__((visibility("default"), used));        \
-  result counted_##name parameters {                                                               \
-    static const auto real = reinterpret_cast<decltype(&counted_##name)>(dlsym(RTLD_NEXT, #name)); \
-    count_other_call();                                                                            \
-    return real arguments;                                                                         \
+#define COUNTED(result, name, parameters, arguments) \
+  INTERPOSE(result, name, parameters) {              \
+    count_other_call();                              \
+    return REAL(name) arguments;                     \
   }
-
-extern "C" {
 
 COUNTED(ssize_t, recv, (int fd, void *buffer, size_t length, int flags), (fd, buffer, length, flags))
 COUNTED(ssize_t, send, (int fd, const void *buffer, size_t length, int flags), (fd, buffer, length, flags))
@@ -305,6 +298,8 @@ COUNTED(int, usleep, (useconds_t microseconds), (microseconds))
 COUNTED(int, nanosleep, (const timespec *time, timespec *left), (time, left))
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+
+extern "C" {
 
 void *__libc_malloc(size_t size);
 void *__libc_calloc(size_t count, size_t size);
@@ -349,6 +344,6 @@ void free(void *block) noexcept {
   __libc_free(block);
 }
 
-#endif
-
 }  // extern "C"
+
+#endif

@@ -1,9 +1,10 @@
 #include "select_hook.h"
 
-#include <dlfcn.h>
 #include <sys/select.h>
 
 #include <mutex>
+
+#include "interpose.h"
 
 namespace {
 
@@ -26,9 +27,7 @@ SelectHook::~SelectHook() {
 
 }  // namespace ptz_test
 
-// Takes the place of the C library's function in the whole test program.
-extern "C" int select(int count, fd_set *readable, fd_set *writable, fd_set *exceptional, timeval *timeout) {
-  static const auto real = reinterpret_cast<decltype(&select)>(dlsym(RTLD_NEXT, "select"));
+INTERPOSE(int, select, (int count, fd_set *readable, fd_set *writable, fd_set *exceptional, timeval *timeout)) {
   ptz_test::SelectHook::Handler asked;
   {
     const std::lock_guard lock(handler_lock);
@@ -37,5 +36,5 @@ extern "C" int select(int count, fd_set *readable, fd_set *writable, fd_set *exc
   if (asked && timeout != nullptr) {
     if (const auto outcome = asked(timeout->tv_sec * 1000 + timeout->tv_usec / 1000)) return *outcome;
   }
-  return real(count, readable, writable, exceptional, timeout);
+  return REAL(select)(count, readable, writable, exceptional, timeout);
 }
