@@ -170,6 +170,7 @@ TEST(Interpose, FirstCallFromManyThreadsAtOnceReachesRealFunction) {
   std::barrier start(thread_count);
   std::array<pid_t, thread_count> seen{};
   std::vector<std::thread> threads;
+  threads.reserve(thread_count);
   for (pid_t &parent : seen) {
     threads.emplace_back([&] {
       start.arrive_and_wait();
