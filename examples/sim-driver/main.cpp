@@ -15,6 +15,7 @@
 #include "head_parameters.h"
 #include "legacy_presets.h"
 #include "published_status.h"
+#include "reply_sender.h"
 
 namespace {
 
@@ -30,6 +31,7 @@ struct Service {
   bool verbose;
   std::unique_ptr<PublishedStatus> status = nullptr;
   guint tick = 0;  // id of the timer, 0 while the head stands still
+  ReplySender replies = {};
   Loop loop = Loop(g_main_loop_new(nullptr, FALSE));
 };
 
@@ -84,6 +86,7 @@ void log_request(GArray *request, GArray *reply) {
 gboolean on_request(gpointer user_data, gpointer reply_context, gpointer data, guint32 length) {
   auto &service = *static_cast<Service *>(user_data);
   PublishedStatus *const status = service.status.get();
+  const pid_t peer = service.replies.peer_of(reply_context);
   if (status != nullptr) status->request_begins();
   const Body request(ptz_serialize_create_array());
   ptz_serialize_blob(request.get(), data, length);
@@ -91,9 +94,7 @@ gboolean on_request(gpointer user_data, gpointer reply_context, gpointer data, g
   if (service.verbose) log_request(request.get(), reply.get());
   if (status != nullptr) status->reply_begins();
   // Exactly once for each context, which this call frees.
-  if (ptz_socket_server_send(reply_context, reply->data, reply->len) == FALSE) {
-    syslog(LOG_WARNING, "a reply of %u bytes could not be sent", reply->len);
-  }
+  service.replies.send(reply_context, peer, reply->data, reply->len);
   if (status != nullptr) {
     status->request_ends();
     status->publish(service.driver.head(), service.driver.going_to_preset());

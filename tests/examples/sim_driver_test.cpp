@@ -1,10 +1,12 @@
 // The driver program, asked through the library by a client in this process.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <ptz_serialize.h>
 #include <ptz_socket_client_command.h>
 #include <ptz_status_cache.h>
 #include <ptz_tessel.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -158,6 +160,19 @@ TEST_F(SimDriverProgram, RefusesBadRequestsAndLivesOn) {
   }
   EXPECT_EQ(first_word(ask(make_body(PTZCommand(30)))), PTZ_COMMAND_ERROR_REPLY);
   EXPECT_EQ(first_word(ask(make_body(PTZ_COMMAND_GET_DRIVER_NAME))), PTZ_COMMAND_GET_DRIVER_NAME);
+}
+
+TEST_F(SimDriverProgram, LogsProcessIdOfClientThatDoesNotReadItsReplies) {
+  const auto client = ptz_test::connect_to(socket_);
+  ASSERT_EQ(fcntl(client.get(), F_SETFL, O_NONBLOCK), 0);
+  const Body request = make_body(PTZ_COMMAND_GET_DRIVER_NAME);
+  const std::string bytes = ptz_test::frame(1, {request->data, request->len});
+  const std::string line = " to process " + std::to_string(getpid()) + " could not be sent\n";
+  const auto is_logged = [&] { return contents(output_).find(line) != std::string::npos; };
+  for (int requests = 0; requests < 10'000 && ptz_test::send_all(client.get(), bytes); ++requests) {
+    if (requests % 100 == 0 && is_logged()) break;
+  }
+  EXPECT_TRUE(ptz_test::run_until(is_logged)) << contents(output_);
 }
 
 TEST_F(SimDriverProgram, EndsCleanlyOnASignalWhileItMoves) {
