@@ -82,14 +82,14 @@ ClientStream::~ClientStream() {
 
 // mutex_ held
 void ClientStream::resynchronise_if_watched() {
-  if (state_ != State::desynchronised || !is_watched(PTZ_SOCKET_CLIENT(client_))) return;
+  if (state_ != State::desynchronised || !is_watched(&client_->parent_instance)) return;
   state_ = calls_ != nullptr ? State::waiting : State::watched;
 }
 
 // mutex_ held. No call in progress can get a reply.
 void ClientStream::lose(State state) {
   state_ = state;
-  ptz_socket_client_remove_poll(PTZ_SOCKET_CLIENT(client_));
+  stop_watch(&client_->parent_instance);
   wake_all();
 }
 
@@ -110,7 +110,7 @@ Reception ClientStream::receive(gint fd) {
   const Reception reception = ptz_socket_client_command_read_fd(assembler_, fd);
   if (reception.outcome == Outcome::end_of_stream) {
     assembler_.reset();
-    ptz_socket_client_remove_poll(PTZ_SOCKET_CLIENT(client_));
+    stop_watch(&client_->parent_instance);
   } else if (reception.outcome == Outcome::malformed) {
     assembler_.reset();
     lose(State::desynchronised);
@@ -155,18 +155,23 @@ void ClientStream::begin(SyncCall &call) {
   if (state_ == State::watched) state_ = State::waiting;
   call.connection = connection_;
   call.next = std::exchange(calls_, &call);
-  ptz_socket_client_remove_poll(PTZ_SOCKET_CLIENT(client_));
+  stop_watch(&client_->parent_instance);
 }
 
 void ClientStream::end(SyncCall &call) {
   const MutexLock lock(&mutex_);
+  remove(call);
+}
+
+// mutex_ held
+void ClientStream::remove(SyncCall &call) {
   SyncCall **link = &calls_;
   while (*link != &call) link = &(*link)->next;
   *link = call.next;
   wake_one();
   if (calls_ != nullptr) return;
   if (state_ == State::waiting) state_ = State::watched;
-  if (state_ != State::desynchronised) ptz_socket_client_add_poll(PTZ_SOCKET_CLIENT(client_));
+  if (state_ != State::desynchronised) start_watch(&client_->parent_instance);
 }
 
 // mutex_ held. If there is no reader, a sleeping call becomes it.
@@ -194,17 +199,15 @@ bool ClientStream::await_reply(SyncCall &call, gint fd, gint64 limit_ms) {
       call.sleeping = false;
       deadline.update();
     }
+    if (call.answered) remove(call);
     if (!may_be_answered(call) || deadline.left_ms() <= 0) return call.answered;
     has_reader_ = true;
   }
-  read_until_answered(call, fd, deadline);
-  const MutexLock lock(&mutex_);
-  has_reader_ = false;
-  return call.answered;
+  return read_until_answered(call, fd, deadline);
 }
 
-// The caller has the reader's role.
-void ClientStream::read_until_answered(SyncCall &call, gint fd, Deadline &deadline) {
+// The caller has the reader's role, and gives it up.
+bool ClientStream::read_until_answered(SyncCall &call, gint fd, Deadline &deadline) {
   bool interruption_logged = false;
   for (; deadline.left_ms() > 0; deadline.update()) {
     const int ready = wait_readable(fd, deadline.left_ms());
@@ -213,12 +216,18 @@ void ClientStream::read_until_answered(SyncCall &call, gint fd, Deadline &deadli
       if (!is_interrupted || !std::exchange(interruption_logged, true)) {
         syslog(LOG_WARNING, "%s: Error waiting for sync reply from socket! %m", "ptz_socket_client_command_sync_send");
       }
-      if (!is_interrupted) return;
+      if (!is_interrupted) break;
     }
     if (ready <= 0) continue;
     const MutexLock lock(&mutex_);
-    if (!may_be_answered(call) || !read_for_calls(fd) || call.answered) return;
+    if (may_be_answered(call) && read_for_calls(fd) && !call.answered) continue;
+    has_reader_ = false;
+    if (call.answered) remove(call);
+    return call.answered;
   }
+  const MutexLock lock(&mutex_);
+  has_reader_ = false;
+  return false;
 }
 
 // mutex_ held, by the reader. Whether there is more to wait for.
@@ -233,29 +242,31 @@ bool ClientStream::read_for_calls(gint fd) {
   return reception.outcome == Outcome::incomplete;  // contract: an end of file ends the wait
 }
 
-bool ClientStream::begin_sending(gint64 limit_ms, bool &had_to_wait) {
-  const MutexLock lock(&mutex_);
-  had_to_wait = sending_;
-  if (!sending_) return sending_ = true;
+// A sender that finds the turn taken sleeps until it is free. The mutex orders its sleep and the signal.
+bool ClientStream::begin_sending(gint64 limit_ms, std::optional<timespec> &queued_since) {
+  if (!sending_.exchange(true)) return true;
+  queued_since = logged_clock_now();
   const gint64 deadline_us = g_get_monotonic_time() + limit_ms * 1000;
+  const MutexLock lock(&mutex_);
   ++waiting_senders_;
-  bool in_time = true;
-  while (sending_ && in_time) {
+  bool is_mine = !sending_.exchange(true), in_time = true;
+  while (!is_mine && in_time) {
     if (limit_ms == no_limit) {
       g_cond_wait(&sending_ended_, &mutex_);
     } else {
       in_time = g_cond_wait_until(&sending_ended_, &mutex_, deadline_us);
     }
+    is_mine = !sending_.exchange(true);
   }
   --waiting_senders_;
-  if (sending_) return false;
-  return sending_ = true;
+  return is_mine;
 }
 
 void ClientStream::end_sending() {
-  const MutexLock lock(&mutex_);
   sending_ = false;
-  if (waiting_senders_ > 0) g_cond_signal(&sending_ended_);
+  if (waiting_senders_ == 0) return;
+  const MutexLock lock(&mutex_);
+  g_cond_signal(&sending_ended_);
 }
 
 void ClientStream::shut_down(gint fd) {
@@ -265,7 +276,7 @@ void ClientStream::shut_down(gint fd) {
 }
 
 guint ClientStream::reconnect(guint (*add_retry)(PTZSocket *)) {
-  auto *socket = PTZ_SOCKET(client_);
+  auto *socket = &client_->parent_instance.parent_instance;
   const MutexLock lock(&mutex_);
   // The reader does not notice that another thread closes the descriptor that it waits for.
   if (calls_ != nullptr && socket->fd >= 0) shutdown(socket->fd, SHUT_RDWR);

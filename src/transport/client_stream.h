@@ -2,7 +2,9 @@
 // in.
 #pragma once
 #include <glib.h>
+#include <atomic>
 #include <ctime>
+#include <optional>
 
 #include "base/handles.h"
 #include "ptz_socket_client_command.h"
@@ -81,16 +83,18 @@ class ClientStream {
   // A frame is copied to `frame`, PTZ_SOCKET_FRAME_MAX bytes, and its length to `length`.
   [[nodiscard]] Taken take_frame(gint fd, guint8 *frame, guint32 &length);
 
-  // A synchronous call: begin() before the request is sent, await_reply() after it, end() in any case.
+  // A synchronous call: begin() before the request is sent, await_reply() after it.
   void begin(SyncCall &call);
-  // Returns after `limit_ms` at the latest. On true the reply is in the caller's buffer.
+  // Returns after `limit_ms` at the latest. On true the reply is in the caller's buffer and the call has ended.
   [[nodiscard]] bool await_reply(SyncCall &call, gint fd, gint64 limit_ms);
+  // If the request was not sent, or got no reply.
   void end(SyncCall &call);
 
   // One thread at a time sends, so that the header and the body of a frame stay together. Without a limit a thread
-  // waits for as long as the others take, at most two seconds each. Returns whether it is the caller's turn.
+  // waits for as long as the others take, at most two seconds each. Returns whether it is the caller's turn;
+  // `queued_since` is set if the caller had to wait.
   static constexpr gint64 no_limit = -1;
-  [[nodiscard]] bool begin_sending(gint64 limit_ms, bool &had_to_wait);
+  [[nodiscard]] bool begin_sending(gint64 limit_ms, std::optional<timespec> &queued_since);
   void end_sending();
 
   // A frame was sent in part: shuts the connection down.
@@ -107,15 +111,16 @@ class ClientStream {
   SyncCall *calls_ = nullptr;
   bool has_reader_ = false;
   guint connection_ = 0;  // counts reconnections
-  bool sending_ = false;
-  int waiting_senders_ = 0;
+  std::atomic<bool> sending_ = false;
+  std::atomic<int> waiting_senders_ = 0;  // changed with mutex_ held
 
   [[nodiscard]] frame::Reception receive(gint fd);
   void resynchronise_if_watched();
   void lose(State state);
   [[nodiscard]] bool hand_to_call();
   [[nodiscard]] bool may_be_answered(const SyncCall &call) const;
-  void read_until_answered(SyncCall &call, gint fd, Deadline &deadline);
+  [[nodiscard]] bool read_until_answered(SyncCall &call, gint fd, Deadline &deadline);
+  void remove(SyncCall &call);
   [[nodiscard]] bool read_for_calls(gint fd);
   void wake_one();
   void wake_all();

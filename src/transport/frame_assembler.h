@@ -1,6 +1,8 @@
 // src/transport/frame_assembler.h - puts the frames of a byte stream together; used by both ends of the channel.
 #pragma once
 #include <glib.h>
+#include <algorithm>
+#include <cstring>
 #include <span>
 
 #include "transport/frame_header.h"
@@ -13,7 +15,7 @@ namespace ptz::frame {
 //   length unknown   expected == PTZ_SOCKET_FRAME_UNKNOWN, fill < 4
 //   partial frame    8 <= expected <= 2560, fill < expected
 //   complete frame   fill == expected; the caller uses the frame, then calls reset()
-//   malformed        expected is any other number; the caller reports it, then calls reset()
+//   malformed        fill >= 4, and expected is none of 8 to 2560; the caller reports it, then calls reset()
 //
 // Invariants: fill <= PTZ_SOCKET_FRAME_MAX; wanted() never reaches beyond the buffer, nor beyond the end of the frame,
 // so bytes of the next frame stay in the stream.
@@ -30,18 +32,34 @@ class FrameAssembler {
   FrameAssembler(guint8 *buffer, guint32 *fill, guint32 *expected)
       : buffer_(buffer), fill_(fill), expected_(expected) {}
 
-  [[nodiscard]] bool awaits_length() const { return *expected_ == PTZ_SOCKET_FRAME_UNKNOWN; }
+  // Once four bytes are here, a header that claims the unknown length is malformed like any other.
+  [[nodiscard]] bool awaits_length() const { return *expected_ == PTZ_SOCKET_FRAME_UNKNOWN && *fill_ < length_size; }
 
   // The room for the next bytes. Empty while a complete or malformed frame awaits reset().
   // contract: four bytes while the length is unknown, even if some of them are here already. The surplus belongs to
   // the same frame, because the shortest frame has eight bytes.
-  [[nodiscard]] std::span<guint8> wanted() const;
+  [[nodiscard]] std::span<guint8> wanted() const {
+    const guint32 end = awaits_length()             ? *fill_ + static_cast<guint32>(length_size)
+                        : can_be_length(*expected_) ? *expected_
+                                                    : 0;
+    if (*fill_ >= PTZ_SOCKET_FRAME_MAX || *fill_ >= end) return {};
+    return {buffer_ + *fill_, std::min<gsize>(end, PTZ_SOCKET_FRAME_MAX) - *fill_};
+  }
 
   // The caller has put this many bytes, at most wanted().size(), into wanted().
-  [[nodiscard]] Progress take(gsize count);
+  [[nodiscard]] Progress take(gsize count) {
+    *fill_ += static_cast<guint32>(count);
+    return progress();
+  }
 
   // Continues a partial frame that was saved with received().
-  [[nodiscard]] Progress resume(std::span<const guint8> partial_frame);
+  [[nodiscard]] Progress resume(std::span<const guint8> partial_frame) {
+    reset();
+    const gsize length = std::min<gsize>(partial_frame.size(), PTZ_SOCKET_FRAME_MAX);
+    if (length > 0) std::memcpy(buffer_, partial_frame.data(), length);
+    *fill_ = static_cast<guint32>(length);
+    return progress();
+  }
 
   void reset() {
     *fill_ = 0;
@@ -57,7 +75,12 @@ class FrameAssembler {
   [[nodiscard]] std::span<guint8> body() const { return received().subspan(header_size); }
 
  private:
-  [[nodiscard]] Progress progress();
+  [[nodiscard]] Progress progress() {
+    if (awaits_length()) return Progress::incomplete;
+    if (*expected_ == PTZ_SOCKET_FRAME_UNKNOWN) *expected_ = length_of(buffer_);
+    if (!can_be_length(*expected_)) return Progress::malformed;
+    return *fill_ == *expected_ ? Progress::complete : Progress::incomplete;
+  }
 };
 
 }  // namespace ptz::frame

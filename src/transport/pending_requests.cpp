@@ -86,7 +86,7 @@ void PendingRequests::clear() {
 
 // mutex held. contract: without a reply callback the context goes to the free callback.
 void PendingRequests::expire(PendingRequest *request) {
-  const auto *base = PTZ_SOCKET_CLIENT(client_);
+  const auto *base = &client_->parent_instance;
   GThread *outer = expiring_.exchange(g_thread_self());
   {
     const ReplyCallbacks::Running running(callbacks_);

@@ -8,7 +8,8 @@ namespace {
 
 GMutex mutex;  // guards what follows
 PTZSocketServerReplyContext current = {nullptr, nullptr};
-SavedPlainReplyContext *innermost = nullptr;  // of the callbacks that are running
+SavedPlainReplyContext *innermost = nullptr;  // of the callbacks that run inside others
+int running_callbacks = 0;                    // thread of the default main context
 
 }  // namespace
 
@@ -42,18 +43,21 @@ void forget_server_in_plain_reply_context(const PTZSocketServer *server) {
       server);
 }
 
-SavedPlainReplyContext::SavedPlainReplyContext() {
+SavedPlainReplyContext::SavedPlainReplyContext() : is_nested_(running_callbacks++ > 0) {
+  if (!is_nested_) return;
   const MutexLock lock(&mutex);
   saved_ = current;
   outer_ = innermost;
   innermost = this;
 }
 
-// Behind the outermost callback the record keeps its last values, until the next message overwrites them.
+// After the outermost callback the record keeps its last values, until the next message overwrites them.
 SavedPlainReplyContext::~SavedPlainReplyContext() {
+  --running_callbacks;
+  if (!is_nested_) return;
   const MutexLock lock(&mutex);
   innermost = outer_;
-  if (outer_ != nullptr) current = saved_;
+  current = saved_;
 }
 
 }  // namespace ptz

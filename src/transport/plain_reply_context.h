@@ -10,17 +10,18 @@ namespace ptz {
 // is saved before a callback and restored after it. A connection or server that goes meanwhile is cleared in the
 // record and in every saved copy.
 //
-// Thread of the default main context, except forget_server(), which any thread may call; a mutex of its own (a leaf)
-// protects the record and the copies.
+// Thread of the default main context, except forget_server_in_plain_reply_context(), which any thread may call. A mutex
+// (a leaf) protects the record and the copies; how deep callbacks are nested belongs to the first thread alone.
 [[nodiscard]] PTZSocketServerReplyContext *set_plain_reply_context(PTZSocketServer *server,
                                                                    PTZSocketServerClient *client);
 void forget_client_in_plain_reply_context(const PTZSocketServerClient *client);
 void forget_server_in_plain_reply_context(const PTZSocketServer *server);
 
-// Around a callback of any server, on the stack.
+// Around a callback of any server, on the stack. Only a nested one has anything to save.
 class SavedPlainReplyContext {
   PTZSocketServerReplyContext saved_;
   SavedPlainReplyContext *outer_;
+  bool is_nested_;
 
   friend void for_each_plain_reply_context(void (*action)(PTZSocketServerReplyContext &, gconstpointer),
                                            gconstpointer gone);

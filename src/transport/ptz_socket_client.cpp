@@ -72,13 +72,13 @@ static void ptz_socket_client_class_init(PTZSocketClientClass *klass) {
 gssize ptz::send_counted(PTZSocketClient *client, gint fd, gconstpointer data, gsize length) {
   auto *self = reinterpret_cast<PTZSocket *>(client);
   const gint count = static_cast<gint>(PTZ_SOCKET_GET_CLASS(self)->write(self, fd, data, length, send_timeout_ms));
-  if (count < 0) ptz_socket_client_remove_poll(client);
+  if (count < 0) stop_watch(client);
   return count;
 }
 
 bool ptz::is_watched(PTZSocketClient *client) {
   auto *source = reinterpret_cast<PTZFileGSource *>(client->source);
-  if (source == nullptr) return false;  // a client that ptz_socket_new() or ptz_socket_fd_new() has made
+  if (source == nullptr) return false;
   const MutexLock lock(&source->mutex);
   return source->tag != nullptr;
 }
@@ -104,12 +104,12 @@ void ptz_socket_client_register_callback(PTZSocketClient *client, PTZSocketClien
 
 void ptz_socket_client_add_poll(PTZSocketClient *client) {
   g_return_if_fail(PTZ_IS_SOCKET_CLIENT(client));
-  if (client->source != nullptr) ptz_file_g_source_add_poll(client->source);
+  ptz::start_watch(client);
 }
 
 void ptz_socket_client_remove_poll(PTZSocketClient *client) {
   g_return_if_fail(PTZ_IS_SOCKET_CLIENT(client));
-  if (client->source != nullptr) ptz_file_g_source_remove_poll(client->source);
+  ptz::stop_watch(client);
 }
 
 gboolean ptz_socket_client_async_send(PTZSocketClient *client, gconstpointer data, guint32 length) {

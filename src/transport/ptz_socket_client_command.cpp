@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <type_traits>
 
 #include "base/check.h"
@@ -32,10 +33,12 @@ constexpr gint64 sync_timeout_ms = 10'000;
 constexpr gint64 queue_timeout_ms = 8'000;  // for the sends of other threads; a send of one's own may take two seconds
 constexpr int drained_frames = 11;
 
+PTZSocket *endpoint_of(PTZSocketClientCommand *self) { return &self->parent_instance.parent_instance; }
+
 // The frame goes to the caller's buffer if that holds any frame, so that the main loop's read copies it once.
 gssize command_read(PTZSocket *socket, gint fd, gpointer out, gsize out_size, gint) {
   using Taken = ClientStream::Taken;
-  auto *self = PTZ_SOCKET_CLIENT_COMMAND(socket);
+  auto *self = reinterpret_cast<PTZSocketClientCommand *>(socket);  // unchecked: once for each frame
   guint8 own_copy[PTZ_SOCKET_FRAME_MAX];
   auto *frame = out != nullptr && out_size >= sizeof own_copy ? static_cast<guint8 *>(out) : own_copy;
   guint32 length = 0;
@@ -59,7 +62,7 @@ guint command_add_retry(PTZSocket *socket) {
 
 // Replies that have arrived make room in the peer's buffers for the answer to the next request.
 void drain(PTZSocketClientCommand *self) {
-  auto *socket = PTZ_SOCKET(self);
+  auto *socket = endpoint_of(self);
   const auto read_operation = PTZ_SOCKET_GET_CLASS(socket)->read;
   for (int frames = 0; frames < drained_frames; ++frames) {
     guint8 scratch[ptz::frame::length_size];
@@ -69,7 +72,7 @@ void drain(PTZSocketClientCommand *self) {
 
 // In the caller's sending turn.
 bool send_frame(PTZSocketClientCommand *self, gint fd, guint32 message_id, gconstpointer body, guint32 length) {
-  auto *client = PTZ_SOCKET_CLIENT(self);
+  auto *client = &self->parent_instance;
   const FrameSent sent = ptz::frame::write_frame(
       message_id, body, length,
       [=](gconstpointer piece, gsize piece_length) { return ptz::send_counted(client, fd, piece, piece_length); });
@@ -89,12 +92,11 @@ struct SyncSend {
 SyncSend send_synchronously(PTZSocketClientCommand *self, gint fd, guint32 message_id, gconstpointer body,
                             guint32 length) {
   auto &stream = private_of(self)->stream;
-  const timespec start = ptz::clock_now();
-  bool had_to_wait = false;
-  if (!stream.begin_sending(queue_timeout_ms, had_to_wait)) return {false, 0};
+  std::optional<timespec> queued_since;
+  if (!stream.begin_sending(queue_timeout_ms, queued_since)) return {false, 0};
   const bool sent = send_frame(self, fd, message_id, body, length);
   stream.end_sending();
-  return {sent, had_to_wait ? sync_timeout_ms - ptz::elapsed_ms(start, ptz::clock_now()) : sync_timeout_ms};
+  return {sent, queued_since ? sync_timeout_ms - ptz::elapsed_ms(*queued_since, ptz::clock_now()) : sync_timeout_ms};
 }
 
 // contract: without a lock, one counter for both kinds of requests.
@@ -168,9 +170,9 @@ gboolean ptz_socket_client_command_async_send(PTZSocketClientCommand *client, gc
   const guint32 message_id = take_message_id(client);
   // contract: pending before it is sent, because another thread may read the reply at once.
   if (request_context != nullptr) pending.add(request_context, message_id);
-  bool had_to_wait = false;
-  (void)stream.begin_sending(ClientStream::no_limit, had_to_wait);
-  const bool sent = send_frame(client, ptz::descriptor_of(PTZ_SOCKET(client)), message_id, body, length);
+  std::optional<timespec> queued_since;
+  (void)stream.begin_sending(ClientStream::no_limit, queued_since);
+  const bool sent = send_frame(client, ptz::descriptor_of(endpoint_of(client)), message_id, body, length);
   stream.end_sending();
   if (request_context == nullptr) return sent ? TRUE : FALSE;
   if (!sent) {
@@ -189,17 +191,16 @@ gboolean ptz_socket_client_command_sync_send(PTZSocketClientCommand *client, gco
   g_return_val_if_fail(length <= PTZ_SOCKET_BODY_MAX, FALSE);
   g_return_val_if_fail(reply_buffer != NULL, FALSE);
   g_return_val_if_fail(reply_length_out != NULL, FALSE);
-  const auto keep = ptz::share(client);
   auto &stream = private_of(client)->stream;
   ptz::SyncCall call = {take_message_id(client), reply_buffer, reply_length_out};
   stream.begin(call);
   drain(client);
-  const gint fd = ptz::descriptor_of(PTZ_SOCKET(client));
+  const gint fd = ptz::descriptor_of(endpoint_of(client));
   const SyncSend request = send_synchronously(client, fd, call.message_id, body, length);
-  const bool answered = request.sent && stream.await_reply(call, fd, request.reply_timeout_ms);
-  if (request.sent && !answered) {
+  if (request.sent && stream.await_reply(call, fd, request.reply_timeout_ms)) return TRUE;
+  if (request.sent) {
     log_func(LOG_WARNING, "Timeout waiting for response to message %d!", static_cast<int>(call.message_id));
   }
   stream.end(call);
-  return answered ? TRUE : FALSE;
+  return FALSE;
 }

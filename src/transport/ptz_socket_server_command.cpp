@@ -68,7 +68,7 @@ gssize take_message(PTZSocketServerCommand *self, FrameAssembler &assembler, gpo
 
 gssize command_server_read(PTZSocket *socket, gint fd, gpointer out, gsize out_size, gint) {
   using Outcome = Reception::Outcome;
-  auto *self = PTZ_SOCKET_SERVER_COMMAND(socket);
+  auto *self = reinterpret_cast<PTZSocketServerCommand *>(socket);  // unchecked, as below: once for each frame
   auto *connection = find_connection(&self->parent_instance, fd);
   auto &assembler = assembler_for(self, connection, fd);
   const Reception reception = receive_frame(assembler, fd);
@@ -94,7 +94,7 @@ gssize command_server_read(PTZSocket *socket, gint fd, gpointer out, gsize out_s
 }
 
 gpointer command_server_get_reply_context(PTZSocketServer *server, PTZSocketServerClient *client) {
-  auto *self = PTZ_SOCKET_SERVER_COMMAND(server);
+  auto *self = reinterpret_cast<PTZSocketServerCommand *>(server);
   if (!self->have_message) return nullptr;
   const auto *connection = find_connection(server, client->fd);
   const guint32 serial = connection != nullptr ? connection->serial : 0;
@@ -104,7 +104,7 @@ gpointer command_server_get_reply_context(PTZSocketServer *server, PTZSocketServ
 
 // The connection that the context was made for has gone, whatever has its descriptor number now.
 bool is_stale(PTZSocketServer *server, const PTZSocketServerCommandReplyContext *context) {
-  const auto serial = private_of(PTZ_SOCKET_SERVER_COMMAND(server))->contexts.take(context);
+  const auto serial = private_of(reinterpret_cast<PTZSocketServerCommand *>(server))->contexts.take(context);
   if (!serial || *serial == 0) return false;
   const auto *connection = find_connection(server, context->fd);
   return connection == nullptr || connection->serial != *serial;

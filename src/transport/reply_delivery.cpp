@@ -20,7 +20,7 @@ struct DeferredReply {
 };
 
 void handle_reply(PTZSocketClientCommand *client, guint8 *frame, guint32 length) {
-  const auto *base = PTZ_SOCKET_CLIENT(client);
+  const auto *base = &client->parent_instance;
   if (base->callback == nullptr || length < frame::header_size) return;
   auto *state = private_of(client);
   auto *request = state->pending.take(frame::message_id_of(frame));
@@ -60,7 +60,7 @@ void deliver_reply(PTZSocketClientCommand *client, guint8 *frame, guint32 length
 void defer_reply(PTZSocketClientCommand *client, const guint8 *frame, guint32 length) {
   if (!private_of(client)->pending.may_hold(frame::message_id_of(frame))) return;
   auto *reply = static_cast<DeferredReply *>(g_malloc(sizeof(DeferredReply) + length));
-  reply->client.set(PTZ_SOCKET(client));
+  reply->client.set(&client->parent_instance.parent_instance);
   std::memcpy(reply->frame, frame, length);
   reply->length = length;
   g_idle_add(deliver_deferred, reply);

@@ -8,7 +8,14 @@ namespace ptz {
 // off then), 0 if the descriptor is -1, less than length if the peer took only a part in time.
 gssize send_counted(PTZSocketClient *client, gint fd, gconstpointer data, gsize length);
 
-// Whether the main loop watches the descriptor.
+// The watch of the descriptor by the main loop. A client that ptz_socket_new() or ptz_socket_fd_new() has made has
+// none.
 [[nodiscard]] bool is_watched(PTZSocketClient *client);
+inline void start_watch(PTZSocketClient *client) {
+  if (client->source != nullptr) ptz_file_g_source_add_poll(client->source);
+}
+inline void stop_watch(PTZSocketClient *client) {
+  if (client->source != nullptr) ptz_file_g_source_remove_poll(client->source);
+}
 
 }  // namespace ptz
