@@ -41,7 +41,9 @@ typedef struct _PTZParameterItemArrayClass PTZParameterItemArrayClass;
 /**
  * PTZParameterItem:
  * @code: a code of the caller's
- * @name: (nullable): what the item is looked up by; never changed once it is in an array
+ * @name: (nullable): what the item is looked up by. The array does not change it after the append. A caller that does
+ *   frees the old name with g_free() and stores one that was allocated with g_malloc(). Functions that take a name then
+ *   find the item by the new one, after a walk along the list; an item that was appended under that name is found first
  * @text: (nullable): a text of the caller's
  * @value: the value. In an array it always ends in a NUL; one that is given to an array need not
  * @info: (nullable): a text of the caller's
@@ -332,12 +334,13 @@ PTZ_API const gchar *ptz_parameter_item_array_name (PTZParameterItemArray *self)
 /**
  * ptz_parameter_item_array_map: (skip)
  * @self: an array
- * @function: (scope call): called for each item in order; `FALSE` stops
+ * @function: (scope call): called for each item in order; `FALSE` stops. An empty array ignores it, even if it is
+ *   `NULL`
  * @user_data: passed to @function; borrowed
  *
  * Thread: any, while no other thread removes items; takes no lock.
  *
- * Returns: `TRUE` when every call returned `TRUE`, so also for an empty array
+ * Returns: `TRUE` when every call returned `TRUE`, and always for an empty array
  */
 PTZ_API gboolean ptz_parameter_item_array_map (PTZParameterItemArray *self, PTZParameterItemFunction function,
                                                gpointer user_data);

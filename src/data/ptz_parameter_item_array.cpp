@@ -22,32 +22,29 @@ namespace {
 
 using Node = PTZParameterItemNode;
 
-struct NameHash {
-  std::size_t operator()(const gchar *name) const { return name != nullptr ? g_str_hash(name) : 0; }
+// A node as the array allocates it.
+struct IndexedNode {
+  Node node;
+  // Identifies the node after a function of the caller has run, which may have removed it: a new node can get the
+  // address of an old one, but no number is used twice.
+  guint64 number;
+  guint name_hash;  // of the name at the time of the append: the caller may have changed the item's name since
 };
-struct NameEqual {
-  bool operator()(const gchar *left, const gchar *right) const { return g_strcmp0(left, right) == 0; }
-};
+static_assert(std::is_standard_layout_v<IndexedNode>);
 
-struct NamedNodes {
-  Node *first;  // whose item's name is the key
+struct NodesOfHash {
+  Node *first;
   guint32 count;
 };
 
-// What a node is known by once a function of the caller has run, which may have removed it: a new node can get the
-// address of an old one, but no number comes twice.
-struct NumberedNode {
-  Node node;
-  guint64 number;
-};
-static_assert(std::is_standard_layout_v<NumberedNode>);
-
 }  // namespace
 
-// The list again, for whom a walk along it would take too long.
+// Indexes of the list by position and by name, so that look-ups do not walk it. The list of `nodes` is exact. `named`
+// has the nodes by the hash of the name that they were appended with. It is a hint only, because the name is a public
+// field: a hit is verified against the item's name, and after a miss the list is walked.
 struct PTZParameterItemArrayPrivate {
   std::vector<Node *> nodes;  // so also in the order of their numbers
-  std::unordered_map<const gchar *, NamedNodes, NameHash, NameEqual> named;
+  std::unordered_map<guint, NodesOfHash> named;
   guint64 appends = 0;
   guint32 removals = 0;
 };
@@ -71,7 +68,12 @@ PTZParameterItemArrayPrivate *private_of(PTZParameterItemArray *self) {
 std::atomic_ref<guint32> count_of(PTZParameterItemArray *self) { return std::atomic_ref(self->count); }
 std::atomic_ref<Node *> link_at(Node *&link) { return std::atomic_ref(link); }
 
-guint64 number_of(const Node *node) { return reinterpret_cast<const NumberedNode *>(node)->number; }
+const IndexedNode *indexed(const Node *node) { return reinterpret_cast<const IndexedNode *>(node); }
+guint64 number_of(const Node *node) { return indexed(node)->number; }
+guint name_hash_of(const Node *node) { return indexed(node)->name_hash; }
+
+guint hash_of(const gchar *name) { return name != nullptr ? g_str_hash(name) : 0; }
+bool has_name(const Node *node, const gchar *name) { return g_strcmp0(node->item->name, name) == 0; }
 
 // The link that leads to the node at a position.
 Node *&link_to(PTZParameterItemArray *self, gsize position) {
@@ -110,16 +112,17 @@ PTZParameterItem *append_copy(PTZParameterItemArray *self, const PTZParameterIte
   item->range = g_strdup(source->range);
   item->range_code = source->range_code;
   auto *state = private_of(self);
-  auto *numbered = g_new0(NumberedNode, 1);
-  numbered->number = ++state->appends;
-  Node *node = &numbered->node;
+  auto *made = g_new0(IndexedNode, 1);
+  made->number = ++state->appends;
+  made->name_hash = hash_of(item->name);
+  Node *node = &made->node;
   node->item = item;
 
   // Before the link, as a removal takes it back after: who walks the list never sees more items than are counted.
   count_of(self).fetch_add(1, std::memory_order_release);
   link_at(link_to(self, state->nodes.size())).store(node, std::memory_order_release);
   state->nodes.push_back(node);
-  ++state->named.try_emplace(item->name, NamedNodes{node, 0}).first->second.count;
+  ++state->named.try_emplace(made->name_hash, NodesOfHash{node, 0}).first->second.count;
   return item;
 }
 
@@ -158,24 +161,29 @@ PTZParameterItem *item_at(PTZParameterItemArray *self, guint32 index) {
   return index < nodes.size() ? nodes[index]->item : nullptr;
 }
 
-PTZParameterItem *item_named(PTZParameterItemArray *self, const gchar *name) {
-  const auto &named = private_of(self)->named;
-  const auto found = named.find(name);
-  return found != named.end() ? found->second.first->item : nullptr;
+// contract: an item whose name the caller changed is found by the new name, though by a walk along the list.
+Node *node_named(PTZParameterItemArray *self, const gchar *name) {
+  const auto *state = private_of(self);
+  const auto hit = state->named.find(hash_of(name));
+  if (hit != state->named.end() && has_name(hit->second.first, name)) return hit->second.first;
+  const auto found = std::ranges::find_if(state->nodes, [name](const Node *node) { return has_name(node, name); });
+  return found != state->nodes.end() ? *found : nullptr;
 }
 
-// Before the node leaves the list: the next one of its name is looked for behind it.
+PTZParameterItem *item_named(PTZParameterItemArray *self, const gchar *name) {
+  const Node *node = node_named(self, name);
+  return node != nullptr ? node->item : nullptr;
+}
+
+// Called before the node leaves the list: the next node of its hash is searched for behind it.
 void forget_name(PTZParameterItemArrayPrivate *state, const Node *node) {
-  const auto found = state->named.find(node->item->name);
-  if (--found->second.count == 0) {
+  const auto found = state->named.find(name_hash_of(node));
+  auto &[first, count] = found->second;
+  if (--count == 0) {
     state->named.erase(found);
-  } else if (found->second.first == node) {
-    Node *heir = node->next;
-    while (!NameEqual()(heir->item->name, node->item->name)) heir = heir->next;
-    auto entry = state->named.extract(found);
-    entry.key() = heir->item->name;
-    entry.mapped().first = heir;
-    state->named.insert(std::move(entry));
+  } else if (first == node) {
+    do first = first->next;
+    while (name_hash_of(first) != name_hash_of(node));
   }
 }
 
@@ -362,9 +370,8 @@ PTZParameterItemArray *ptz_parameter_item_array_remove(PTZParameterItemArray *se
 PTZParameterItemArray *ptz_parameter_item_array_remove_by_name(PTZParameterItemArray *self, const gchar *name) {
   g_return_val_if_fail(self != NULL, NULL);
   const ptz::MutexLock lock(arrays_lock);
-  const auto *state = private_of(self);
-  const auto found = state->named.find(name);
-  if (found != state->named.end()) remove_at(self, position_from(state, number_of(found->second.first)));
+  const Node *node = node_named(self, name);
+  if (node != nullptr) remove_at(self, position_from(private_of(self), number_of(node)));
   return self;
 }
 
@@ -393,6 +400,8 @@ const gchar *ptz_parameter_item_array_name(PTZParameterItemArray *self) {
 gboolean ptz_parameter_item_array_map(PTZParameterItemArray *self, PTZParameterItemFunction function,
                                       gpointer user_data) {
   g_return_val_if_fail(self != NULL, FALSE);
+  // contract: an empty array gives TRUE whatever the function.
+  if (link_at(self->items).load(std::memory_order_acquire) == nullptr) return TRUE;
   g_return_val_if_fail(function != NULL, FALSE);
   const auto *state = private_of(self);
   const auto following = [](Node *&link) { return link_at(link).load(std::memory_order_acquire); };

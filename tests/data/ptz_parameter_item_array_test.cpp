@@ -580,6 +580,94 @@ TEST(ParameterItemArray, FreeEmptiesAndTheArrayStaysOfUse) {
   EXPECT_STREQ(ptz_parameter_item_array_get_by_name(array.get(), "a")->name, "a");
 }
 
+// ---- names that the caller changed
+
+void rename(PTZParameterItem *stored, const char *name) {
+  g_free(stored->name);
+  stored->name = g_strdup(name);
+}
+
+TEST(ParameterItemArray, RemoveByIndexAfterCallerRenamedItemKeepsIndexValid) {
+  const Items array = array_of({"a", "b", "c"});
+  rename(ptz_parameter_item_array_get(array.get(), 1), "renamed");
+  ptz_parameter_item_array_remove(array.get(), 1);
+  EXPECT_EQ(names_in(array), (Names{"a", "c"}));
+  EXPECT_EQ(ptz_parameter_item_array_get_by_name(array.get(), "b"), nullptr);
+  EXPECT_EQ(ptz_parameter_item_array_get_by_name(array.get(), "renamed"), nullptr);
+  EXPECT_EQ(ptz_parameter_item_array_get_by_name(array.get(), "c"), ptz_parameter_item_array_get(array.get(), 1));
+}
+
+TEST(ParameterItemArray, RemoveByIndexAfterCallerRenamedFirstOfTwoKeepsTheSecondFindable) {
+  const Items array = array_of({"a", "b", "a"});
+  PTZParameterItem *const second = ptz_parameter_item_array_get(array.get(), 2);
+  rename(ptz_parameter_item_array_get(array.get(), 0), "renamed");
+  EXPECT_EQ(ptz_parameter_item_array_get_by_name(array.get(), "a"), second);
+  ptz_parameter_item_array_remove(array.get(), 0);
+  EXPECT_EQ(ptz_parameter_item_array_get_by_name(array.get(), "a"), second);
+  ptz_parameter_item_array_remove_by_name(array.get(), "a");
+  EXPECT_EQ(names_in(array), (Names{"b"}));
+}
+
+TEST(ParameterItemArray, RemoveByIndexAfterCallerRenamedSecondOfTwoKeepsTheFirstRemovable) {
+  const Items array = array_of({"a", "a", "b"});
+  rename(ptz_parameter_item_array_get(array.get(), 1), "renamed");
+  ptz_parameter_item_array_remove(array.get(), 0);
+  EXPECT_EQ(ptz_parameter_item_array_get_by_name(array.get(), "a"), nullptr);
+  ptz_parameter_item_array_remove(array.get(), 0);
+  EXPECT_EQ(names_in(array), (Names{"b"}));
+}
+
+TEST(ParameterItemArray, GetByNameAfterCallerRenamedItemFindsItByTheNewNameOnly) {
+  const Items array = array_of({"a", "b", "c"});
+  PTZParameterItem *const renamed = ptz_parameter_item_array_get(array.get(), 1);
+  rename(renamed, "renamed");
+  EXPECT_EQ(ptz_parameter_item_array_get_by_name(array.get(), "renamed"), renamed);
+  EXPECT_EQ(ptz_parameter_item_array_set_value_by_name(array.get(), "renamed", "new"), renamed);
+  EXPECT_EQ(ptz_parameter_item_array_get_by_name(array.get(), "b"), nullptr);
+  rename(renamed, nullptr);
+  EXPECT_EQ(ptz_parameter_item_array_get_by_name(array.get(), nullptr), renamed);
+}
+
+TEST(ParameterItemArray, AddAfterCallerChangedNameInPlaceReplacesTheItemOfTheNewName) {
+  const Items array = array_of({"a", "b"});
+  PTZParameterItem *const renamed = ptz_parameter_item_array_get(array.get(), 1);
+  renamed->name[0] = 'x';
+  const PTZParameterItem source = item("x", "new"), of_old_name = item("b");
+  EXPECT_EQ(ptz_parameter_item_array_add(array.get(), &source), renamed);
+  EXPECT_STREQ(renamed->value, "new");
+  ptz_parameter_item_array_add(array.get(), &of_old_name);
+  EXPECT_EQ(names_in(array), (Names{"a", "x", "b"}));
+}
+
+TEST(ParameterItemArray, RemoveByNameAfterCallerRenamedItemRemovesItByTheNewName) {
+  const Items array = array_of({"a", "b", "c"});
+  rename(ptz_parameter_item_array_get(array.get(), 1), "renamed");
+  ptz_parameter_item_array_remove_by_name(array.get(), "b");
+  EXPECT_EQ(names_in(array), (Names{"a", "renamed", "c"}));
+  ptz_parameter_item_array_remove_by_name(array.get(), "renamed");
+  EXPECT_EQ(names_in(array), (Names{"a", "c"}));
+}
+
+TEST(ParameterItemArray, MapRemoveOfItemsThatTheFunctionRenamedRemovesThem) {
+  const Items array = array_of({"a", "b", "c"});
+  map_remove(array, [](PTZParameterItem *stored) {
+    rename(stored, "renamed");
+    return TRUE;
+  });
+  EXPECT_EQ(names_in(array), Names{});
+  append(array, "a");
+  EXPECT_EQ(ptz_parameter_item_array_get_by_name(array.get(), "a"), ptz_parameter_item_array_get(array.get(), 0));
+}
+
+TEST(ParameterItemArray, NamesWithTheSameHashAreToldApart) {
+  ASSERT_EQ(g_str_hash("bA"), g_str_hash("c "));
+  const Items array = array_of({"bA", "c ", "bA"});
+  EXPECT_EQ(ptz_parameter_item_array_get_by_name(array.get(), "c "), ptz_parameter_item_array_get(array.get(), 1));
+  ptz_parameter_item_array_remove_by_name(array.get(), "bA");
+  EXPECT_EQ(ptz_parameter_item_array_get_by_name(array.get(), "bA"), ptz_parameter_item_array_get(array.get(), 1));
+  EXPECT_EQ(names_in(array), (Names{"c ", "bA"}));
+}
+
 // ---- copying and walking
 
 TEST(ParameterItemArray, CopyHasTheNameAndItsOwnItems) {
@@ -626,6 +714,12 @@ TEST(ParameterItemArray, MapOfAnEmptyOneIsTrueWithoutACall) {
   EXPECT_EQ(ptz_parameter_item_array_map(array.get(), collect_name, &visited), 1);
   EXPECT_EQ(ptz_parameter_item_array_map_remove(array.get(), collect_name, &visited), 1);
   EXPECT_EQ(visited, Names{});
+}
+
+TEST(ParameterItemArray, MapOfEmptyArrayWithNullFunctionReturnsTrueWithoutCritical) {
+  const GlibLogCapture log;
+  EXPECT_EQ(ptz_parameter_item_array_map(new_array().get(), nullptr, nullptr), 1);
+  EXPECT_TRUE(log.messages().empty());
 }
 
 TEST(ParameterItemArray, MapRemoveTakesWhatTheFunctionSays) {
@@ -699,7 +793,7 @@ TEST(ParameterItemArray, FunctionMayAppend) {
 // What was freed last is what the next allocation gets, but for a few blocks that the C library keeps back.
 void let_addresses_come_back() {
   gpointer blocks[16];
-  for (auto &block : blocks) block = g_malloc(sizeof(PTZParameterItemNode) + sizeof(guint64));
+  for (auto &block : blocks) block = g_malloc(sizeof(PTZParameterItemNode) + 2 * sizeof(guint64));
   for (gpointer block : blocks) g_free(block);
 }
 
