@@ -12,6 +12,9 @@
  * process, under a lock that is not recursive. A handler may get, set and compare; but one that sets a property of any
  * object so that a notification is due at once, or makes the last thaw of one, waits for itself for ever: it freezes
  * the object first and leaves the thaw to an idle callback, or defers the change.
+ *
+ * The `finalize` of a subclass may set properties before it chains up. Nothing is notified then: all handlers have been
+ * disconnected.
  */
 #pragma once
 

@@ -97,7 +97,9 @@ Batch queue_change(PTZDynamicalProperties *self, gchar *key) {
 
 // No lock held.
 void emit(PTZDynamicalProperties *self, const Batch &batch) {
-  if (batch.empty()) return;
+  // The finalize of a subclass may set properties. GLib has disconnected all handlers by then, and the object cannot be
+  // referenced any more, as an emission would do.
+  if (batch.empty() || g_atomic_int_get(&self->parent_instance.ref_count) == 0) return;
   // The first value's reference is let go of after the lock: it may be the last one.
   GValue parameters[] = {G_VALUE_INIT, G_VALUE_INIT};
   g_value_init(&parameters[0], G_TYPE_FROM_INSTANCE(self));

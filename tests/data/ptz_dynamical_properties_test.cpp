@@ -676,6 +676,52 @@ TEST(DynamicalProperties, SetFromStringOfTheBaseClassParsesAndStoresItself) {
   EXPECT_EQ(heard.take(), Names{"a"});
 }
 
+namespace {
+
+void (*in_finalize)(PTZDynamicalProperties *);
+
+// Ends an object of a subclass whose finalize calls the function before it chains up.
+void finalize_with(void (*function)(PTZDynamicalProperties *)) {
+  static const GType type = subclass(PTZ_TYPE_DYNAMICAL_PROPERTIES, "BusyInFinalize", [](gpointer klass, gpointer) {
+    G_OBJECT_CLASS(klass)->finalize = [](GObject *object) {
+      in_finalize(PTZ_DYNAMICAL_PROPERTIES(object));
+      ptz_dynamical_properties_finalize(object);
+    };
+  });
+  in_finalize = function;
+  Properties properties(PTZ_DYNAMICAL_PROPERTIES(g_object_new(type, nullptr)));
+  Names heard;
+  Listener listener(properties, [&heard](const char *name) { heard.emplace_back(name); });
+  listener.forget_object();
+  set(properties, "a", integer(1));
+  properties.reset();
+  EXPECT_EQ(heard, Names{"a"});
+}
+
+}  // namespace
+
+TEST(DynamicalProperties, SetInTheFinalizeOfASubclassStoresWithoutAMessage) {
+  const GlibLogCapture log;
+  finalize_with([](PTZDynamicalProperties *self) {
+    ptz_dynamical_properties_set(self, "a", integer(2).release());
+    g_free(ptz_dynamical_properties_set_from_string(self, "b:string:text"));
+    EXPECT_EQ(g_value_get_int(ptz_dynamical_properties_get(self, "a")), 2);
+    EXPECT_STREQ(g_value_get_string(ptz_dynamical_properties_get(self, "b")), "text");
+  });
+  EXPECT_TRUE(log.messages().empty());
+}
+
+TEST(DynamicalProperties, ThawInTheFinalizeOfASubclassDropsWhatWaitsWithoutAMessage) {
+  const GlibLogCapture log;
+  finalize_with([](PTZDynamicalProperties *self) {
+    ptz_dynamical_properties_freeze_notify(self);
+    ptz_dynamical_properties_set(self, "a", integer(2).release());
+    ptz_dynamical_properties_thaw_notify(self);
+    EXPECT_EQ(self->nqueue.pending, nullptr);
+  });
+  EXPECT_TRUE(log.messages().empty());
+}
+
 // ---- argument checks
 
 struct FailedCheck {
