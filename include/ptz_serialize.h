@@ -222,8 +222,8 @@ PTZ_API gpointer ptz_deserialize_blob (GArray *array, guint32 *indx, guint byte_
  * @indx: the cursor, advanced by 4 and what @deserializer reads
  * @deserializer: reads one element
  *
- * Reads as many elements as the count says, but never more than 1024 or, if that is more, than @array has bytes: a
- * false count ends.
+ * Reads as many elements as the count says, but at most 65536 or, if that is more, as many as @array has bytes, so that
+ * a false count ends. A larger count is cut to that, and a warning is logged.
  *
  * Thread: the one that uses @array.
  *
@@ -238,8 +238,8 @@ PTZ_API GList *ptz_deserialize_glist (GArray *array, guint32 *indx, PTZElementDe
  * @table: where the entries go, replacing those of the same key; its destroy functions own them from then on
  * @deserializer: reads one entry
  *
- * Reads as many entries as the count says, but never more than 1024 or, if that is more, than @array has bytes: a
- * false count ends.
+ * Reads as many entries as the count says, but at most 65536 or, if that is more, as many as @array has bytes, so that
+ * a false count ends. A larger count is cut to that, and a warning is logged.
  *
  * Thread: the one that uses @array.
  *

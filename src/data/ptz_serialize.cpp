@@ -14,9 +14,9 @@ constexpr char module_name[] = "ptz_serialize";
 // Bytes that a blob may claim beyond the end of the array: enough for any field, little enough for any peer's lie.
 constexpr guint32 missing_blob_bytes_max = 64 * 1024;
 
-// Elements that a count may claim where the array has fewer bytes: elements need not take any, so nothing else would
-// stop the lie of a peer.
-constexpr guint32 elements_without_bytes_max = 1024;
+// Elements that a count may claim if the array has fewer bytes: elements need not take any, so nothing else would end
+// a false count.
+constexpr guint32 elements_without_bytes_max = 65'536;
 
 guint32 saturated_sum(guint32 left, guint32 right) { return left + std::min(right, G_MAXUINT32 - left); }
 
@@ -25,8 +25,11 @@ guint32 bytes_left(const GArray *array, guint32 indx) { return array->len > indx
 // In 64 bits: a cursor near 2^32 must not pass by wrapping round.
 bool holds(const GArray *array, guint32 indx, guint32 count) { return array->len >= guint64{indx} + count; }
 
-guint32 read_count(GArray *array, guint32 *indx) {
-  return std::min(ptz_deserialize_32bit(array, indx), std::max(array->len, elements_without_bytes_max));
+guint32 read_count(const char *function, GArray *array, guint32 *indx) {
+  const guint32 claimed = ptz_deserialize_32bit(array, indx);
+  const guint32 believed = std::min(claimed, std::max(array->len, elements_without_bytes_max));
+  if (believed < claimed) syslog(LOG_WARNING, "%s: count of %u elements cut to %u", function, claimed, believed);
+  return believed;
 }
 
 guint8 *byte_at(const GArray *array, guint32 indx) { return reinterpret_cast<guint8 *>(array->data) + indx; }
@@ -153,7 +156,7 @@ GList *ptz_deserialize_glist(GArray *array, guint32 *indx, PTZElementDeserialize
   assert_in(module_name, array != NULL);
   assert_in(module_name, indx != NULL);
   assert_in(module_name, deserializer != NULL);
-  const guint32 count = read_count(array, indx);
+  const guint32 count = read_count(__func__, array, indx);
   GList *list = nullptr;
   for (guint32 i = 0; i < count; ++i) list = g_list_prepend(list, deserializer(array, indx));
   return g_list_reverse(list);
@@ -165,7 +168,7 @@ GHashTable *ptz_deserialize_ghashtable(GArray *array, guint32 *indx, GHashTable 
   assert_in(module_name, indx != NULL);
   assert_in(module_name, table != NULL);
   assert_in(module_name, deserializer != NULL);
-  const guint32 count = read_count(array, indx);
+  const guint32 count = read_count(__func__, array, indx);
   for (guint32 i = 0; i < count; ++i) {
     PTZSerializePair *pair = deserializer(array, indx);
     if (pair == nullptr) continue;

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <syslog.h>
 
 #include <array>
 #include <csignal>
@@ -14,6 +15,7 @@
 #include "byte_arrays.h"
 #include "failed_assertion.h"
 #include "interpose.h"
+#include "syslog_capture.h"
 
 using namespace std::string_literals;
 using namespace ptz_test;
@@ -59,7 +61,7 @@ PTZSerializePair *read_pair(GArray *array, guint32 *indx) {
 }
 
 // A false count is believed up to this, or the bytes of the array.
-constexpr guint32 elements_without_bytes_max = 1024;
+constexpr guint32 elements_without_bytes_max = 65'536;
 
 // Readers that believe nothing: they take no bytes, and count their calls.
 guint32 calls = 0;
@@ -357,6 +359,7 @@ TEST(Serialize, ListOfNoElementsReadsBackAsNull) {
 }
 
 TEST(Serialize, ListOfElementsThatTakeNoBytesIsAsLongAsItsCount) {
+  const SyslogCapture log;
   const Array array = new_array();
   ptz_serialize_32bit(array.get(), elements_without_bytes_max);
   guint32 indx = 0;
@@ -365,10 +368,11 @@ TEST(Serialize, ListOfElementsThatTakeNoBytesIsAsLongAsItsCount) {
   EXPECT_EQ(calls, elements_without_bytes_max);
   EXPECT_EQ(g_list_length(list.get()), elements_without_bytes_max);
   EXPECT_EQ(indx, 4u);
+  EXPECT_TRUE(log.lines().empty());
 }
 
 TEST(Serialize, ListWithALyingCountEnds) {
-  for (const std::string &bytes : {"\xff\xff"s, "\xff\xff\xff\xff"s, std::string(5000, '\xff')}) {
+  for (const std::string &bytes : {"\xff\xff\1"s, "\xff\xff\xff\xff"s, std::string(70'000, '\xff')}) {
     const gsize believed = std::max<gsize>(bytes.size(), elements_without_bytes_max);
     ExactArray array(bytes);
     guint32 indx = 0;
@@ -378,6 +382,16 @@ TEST(Serialize, ListWithALyingCountEnds) {
     EXPECT_EQ(g_list_length(list.get()), believed);
     EXPECT_EQ(indx, 4u);
   }
+}
+
+TEST(Serialize, ListWhoseCountIsCutLogsAWarning) {
+  const SyslogCapture log;
+  ExactArray array("\1\0\1\0"s);  // 65,537
+  guint32 indx = 0;
+  const List list(ptz_deserialize_glist(array.get(), &indx, read_nothing));
+  EXPECT_EQ(g_list_length(list.get()), elements_without_bytes_max);
+  EXPECT_EQ(log.lines(),
+            (std::vector<LogLine>{{LOG_WARNING, "ptz_deserialize_glist: count of 65537 elements cut to 65536"}}));
 }
 
 TEST(Serialize, ListWithALyingCountKeepsToIt) {
@@ -493,7 +507,7 @@ TEST(Serialize, PairReaderThatReturnsNothingAddsNothing) {
 }
 
 TEST(Serialize, TableWithALyingCountEnds) {
-  for (const std::string &bytes : {"\xff\xff"s, std::string(5000, '\xff')}) {
+  for (const std::string &bytes : {"\xff\xff\1"s, std::string(70'000, '\xff')}) {
     const gsize believed = std::max<gsize>(bytes.size(), elements_without_bytes_max);
     ExactArray array(bytes);
     const Table table = new_table();
@@ -503,6 +517,17 @@ TEST(Serialize, TableWithALyingCountEnds) {
     EXPECT_EQ(calls, believed);
     EXPECT_EQ(g_hash_table_size(table.get()), believed);
   }
+}
+
+TEST(Serialize, TableWhoseCountIsCutLogsAWarning) {
+  const SyslogCapture log;
+  ExactArray array("\xff\xff\xff\xff"s);
+  const Table table = new_table();
+  guint32 indx = 0;
+  ptz_deserialize_ghashtable(array.get(), &indx, table.get(), read_no_pair);
+  EXPECT_EQ(log.lines(), (std::vector<LogLine>{{LOG_WARNING,
+                                                "ptz_deserialize_ghashtable: count of 4294967295 elements cut to "
+                                                "65536"}}));
 }
 
 // One call that no check lets through, and the check that it fails.
