@@ -35,6 +35,10 @@ typedef struct _PTZGDBusServerClass PTZGDBusServerClass;
  *
  * Made with g_object_new() and %PTZ_TYPE_G_DBUS_SERVER. When the last reference goes, @skeleton is unexported; a name
  * stays claimed for as long as the process is connected to the bus.
+ *
+ * The owner of a skeleton and subclasses may write @skeleton, in the thread that uses the server. With `NULL` the server
+ * leaves the skeleton exported. A subclass that exports a skeleton itself may store it there, and takes it out before
+ * the skeleton is destroyed.
  */
 struct _PTZGDBusServer {
   GObject parent_instance;

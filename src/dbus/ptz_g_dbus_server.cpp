@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <type_traits>
+#include <utility>
 
 #include "base/check.h"
 #include "dbus/system_bus.h"
@@ -10,18 +11,42 @@ static_assert(std::is_standard_layout_v<PTZGDBusServer> && offsetof(PTZGDBusServ
 static_assert(std::is_standard_layout_v<PTZGDBusServerClass> &&
               offsetof(PTZGDBusServerClass, connection) == sizeof(GObjectClass));
 
-G_DEFINE_TYPE(PTZGDBusServer, ptz_g_dbus_server, G_TYPE_OBJECT)
+// contract: the public field `skeleton` is a plain pointer that the owner of the skeleton and subclasses may write.
+// What it holds is unexported when the server ends. Its validity is up to its writer, except while it is the watched
+// one.
+struct PTZGDBusServerPrivate {
+  GDBusInterfaceSkeleton *watched;  // the one exported last, with a weak reference: its owner may destroy it first
+};
+
+G_DEFINE_TYPE_WITH_PRIVATE(PTZGDBusServer, ptz_g_dbus_server, G_TYPE_OBJECT)
 
 static constexpr guint32 no_flags = 0;       // of RequestName: wait in the queue, let nobody replace us
 static constexpr guint32 primary_owner = 1;  // its answers
 static constexpr guint32 already_owner = 4;
 
+static GDBusInterfaceSkeleton *&watched_by(PTZGDBusServer *self) {
+  return static_cast<PTZGDBusServerPrivate *>(ptz_g_dbus_server_get_instance_private(self))->watched;
+}
+
+static void watched_has_gone(gpointer server, GObject *) {
+  auto *self = static_cast<PTZGDBusServer *>(server);
+  const auto *gone = std::exchange(watched_by(self), nullptr);
+  if (self->skeleton == gone) self->skeleton = nullptr;
+}
+
+static void watch(PTZGDBusServer *self, GDBusInterfaceSkeleton *skeleton) {
+  GDBusInterfaceSkeleton *former = std::exchange(watched_by(self), skeleton);
+  if (former != nullptr) g_object_weak_unref(G_OBJECT(former), watched_has_gone, self);
+  if (skeleton != nullptr) g_object_weak_ref(G_OBJECT(skeleton), watched_has_gone, self);
+}
+
 static void forget_skeleton(PTZGDBusServer *self) {
-  GDBusInterfaceSkeleton *skeleton = self->skeleton;
-  if (skeleton == nullptr) return;
-  g_clear_weak_pointer(&self->skeleton);
+  watch(self, nullptr);
+  GDBusInterfaceSkeleton *skeleton = std::exchange(self->skeleton, nullptr);
   // The caller, whose skeleton it is, may have unexported it.
-  if (g_dbus_interface_skeleton_get_connection(skeleton) != nullptr) g_dbus_interface_skeleton_unexport(skeleton);
+  if (skeleton != nullptr && g_dbus_interface_skeleton_get_connection(skeleton) != nullptr) {
+    g_dbus_interface_skeleton_unexport(skeleton);
+  }
 }
 
 // Without a bus it fails without an error, as where GLib refuses an argument.
@@ -31,8 +56,8 @@ static gboolean export_skeleton(PTZGDBusServer *self, GDBusInterfaceSkeleton *sk
   if (connection == nullptr || !g_dbus_interface_skeleton_export(skeleton, connection, object_path, ptz::out(error))) {
     return FALSE;
   }
-  // Weak: the caller may destroy its skeleton before this server goes.
-  g_set_weak_pointer(&self->skeleton, skeleton);
+  watch(self, skeleton);
+  self->skeleton = skeleton;
   return TRUE;
 }
 

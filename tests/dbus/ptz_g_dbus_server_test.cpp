@@ -4,6 +4,7 @@
 #include <syslog.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "bus.h"
@@ -231,6 +232,91 @@ TEST_F(Server, AServerThatExportedNothingEndsQuietly) {
   server.reset();
   EXPECT_TRUE(criticals.messages().empty());
   EXPECT_TRUE(log.lines().empty());
+}
+
+// --- the public field ---------------------------------------------------------------------------------------------
+
+TEST_F(Server, EndOfServerAfterOwnerClearedTheFieldLeavesTheSkeletonExported) {
+  ASSERT_TRUE(ptz_g_dbus_server_dbus_register(server.get(), base(skeleton), name.c_str(), -1));
+  auto *bus = connection();
+  server->skeleton = nullptr;
+  const GlibLogCapture messages;
+  server.reset();
+  EXPECT_EQ(g_dbus_interface_skeleton_get_connection(base(skeleton)), bus);
+  EXPECT_TRUE(messages.messages().empty());
+}
+
+TEST_F(Server, EndOfSkeletonAfterOwnerClearedTheFieldDoesNotWriteIntoAServerThatHasGone) {
+  ASSERT_TRUE(ptz_g_dbus_server_dbus_register(server.get(), base(skeleton), name.c_str(), -1));
+  server->skeleton = nullptr;
+  server.reset();
+  const auto other = answering_skeleton();
+  std::vector<Object<PTZGDBusServer>> next;  // one is at the address of the old one, unless a sanitizer keeps that back
+  for (int count = 0; count < 200; ++count) {
+    next.push_back(make());
+    next.back()->skeleton = base(other);
+  }
+  skeleton.reset();
+  for (const auto &made : next) EXPECT_EQ(std::exchange(made->skeleton, nullptr), base(other));
+}
+
+TEST_F(Server, EndOfSkeletonLeavesAnotherOneInTheField) {
+  ASSERT_TRUE(ptz_g_dbus_server_dbus_register(server.get(), base(skeleton), name.c_str(), -1));
+  const auto other = answering_skeleton();
+  server->skeleton = base(other);
+  skeleton.reset();
+  EXPECT_EQ(server->skeleton, base(other));
+  server->skeleton = nullptr;
+}
+
+TEST_F(Server, RegisterAfterOwnerClearedTheFieldWatchesTheNewSkeletonOnly) {
+  const auto second = answering_skeleton();
+  ASSERT_TRUE(ptz_g_dbus_server_dbus_register(server.get(), base(skeleton), name.c_str(), 1));
+  server->skeleton = nullptr;
+  const GlibLogCapture messages;
+  ASSERT_TRUE(ptz_g_dbus_server_dbus_register(server.get(), base(second), name.c_str(), 2));
+  skeleton.reset();
+  EXPECT_EQ(server->skeleton, base(second));
+  EXPECT_TRUE(messages.messages().empty());
+}
+
+TEST_F(Server, RegisterAfterAnOtherWroteTheFieldGivesNoMessage) {
+  const auto other = answering_skeleton();
+  server->skeleton = base(other);
+  const GlibLogCapture messages;
+  ASSERT_TRUE(ptz_g_dbus_server_dbus_register(server.get(), base(skeleton), name.c_str(), -1));
+  EXPECT_EQ(server->skeleton, base(skeleton));
+  EXPECT_TRUE(messages.messages().empty());
+}
+
+TEST_F(Server, SkeletonThatASubclassStoredIsUnexportedWithTheServerWithoutAMessage) {
+  static const GType type = subclass(PTZ_TYPE_G_DBUS_SERVER, "TestStoringServer", [](gpointer klass, gpointer) {
+    PTZ_G_DBUS_SERVER_CLASS(klass)->dbus_register = [](PTZGDBusServer *self, GDBusInterfaceSkeleton *given,
+                                                       const gchar *path, gint) -> gboolean {
+      self->skeleton = given;
+      return g_dbus_interface_skeleton_export(given, PTZ_G_DBUS_SERVER_GET_CLASS(self)->connection, path, nullptr);
+    };
+  });
+  server.reset(PTZ_G_DBUS_SERVER(g_object_new(type, nullptr)));
+  const auto path = "/stored/" + name;
+  ASSERT_TRUE(ptz_g_dbus_server_dbus_register(server.get(), base(skeleton), path.c_str(), -1));
+  EXPECT_TRUE(is_reached_at(path));
+  const GlibLogCapture messages;
+  server.reset();
+  EXPECT_EQ(g_dbus_interface_skeleton_get_connection(base(skeleton)), nullptr);
+  EXPECT_TRUE(messages.messages().empty());
+}
+
+TEST_F(Server, FailedRegisterUnexportsTheSkeletonThatASubclassStoredWithoutAMessage) {
+  const auto path = "/stored/" + name;
+  ASSERT_TRUE(g_dbus_interface_skeleton_export(base(skeleton), connection(), path.c_str(), nullptr));
+  server->skeleton = base(skeleton);
+  const auto refused = answering_skeleton();
+  const GlibLogCapture messages;
+  EXPECT_FALSE(ptz_g_dbus_server_dbus_register_obj_full_path(server.get(), base(refused), path.c_str()));
+  EXPECT_EQ(server->skeleton, nullptr);
+  EXPECT_EQ(g_dbus_interface_skeleton_get_connection(base(skeleton)), nullptr);
+  EXPECT_TRUE(messages.messages().empty());
 }
 
 // --- names --------------------------------------------------------------------------------------------------------
