@@ -9,7 +9,9 @@
  * instead, and ptz_tessel_set_vp() takes any length.
  *
  * ptz_tessel_get(), ptz_tessel_set() and ptz_tessel_delete_group() take their path for a format: "%%" stands for "%".
- * Paths should have no other "%"; where one has, it stands for itself.
+ * Any other "%" stands for itself. All other calls use a path as it is once it has been formatted, whatever per cent
+ * signs are in it. A path that is complete, such as that of a walk, is passed to ptz_tessel_get_vp(),
+ * ptz_tessel_set_vp() or ptz_tessel_delete_group_vp() with the format "%s".
  *
  * Where "first letter" is said, it is the first byte of a name as it stands; an empty name makes the call fail.
  *

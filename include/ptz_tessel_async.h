@@ -5,8 +5,8 @@
  * the service refuses is tried ten times, with 0, 1, 2 ... 9 seconds after each, and then dropped; every later change
  * waits for it.
  *
- * Paths are formatted twice at least, so that they should have no "%". The path of a write, and the path and the
- * template of a creation, must have no ":".
+ * A path is formatted once, by the push: per cent signs of its arguments stand for themselves. The path of a write, and
+ * the path and the template of a creation, must have no ":".
  *
  * What is queued when the process ends is lost: nothing waits for it. ptz_tessel_async_get_waiting_threads() does not
  * count the change that is being carried out. To see everything carried out before the process ends, push a last write

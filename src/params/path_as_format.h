@@ -1,4 +1,4 @@
-// src/params/path_as_format.h - a finished path that is given to a formatting function in place of a format.
+// src/params/path_as_format.h - a path that a caller gives in place of a format, without arguments.
 #pragma once
 #include <glib.h>
 #include <cstring>
@@ -6,8 +6,9 @@
 
 namespace ptz {
 
-// "%%" in the path stands for "%". Any other conversion would read an argument that nobody gave: it stands for itself.
-// To be passed on as two arguments: f(x.format(), x.text()).
+// contract: "%%" in the path stands for "%". Any other conversion stands for itself: it would read an argument that was
+// not given. To be passed on as two arguments: f(x.format(), x.text()). A finished path is not passed through here but
+// formatted with "%s".
 class PathAsFormat {
   const gchar *path_;
   std::string resolved_;

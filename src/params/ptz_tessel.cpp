@@ -85,9 +85,19 @@ gint32 create(const Path &path, const gchar *templ, gint32 number, gint32 mode) 
   return call.error;
 }
 
+gint32 mode_of(gboolean first, gboolean second, gboolean third) {
+  if (first && second) return third ? 10 : 12;
+  return first && third ? 11 : 9;
+}
+
+gboolean set_whole(const Path &path, const gchar *val, gboolean switch_a, gboolean switch_b, gint32 extra) {
+  if (!path.is_whole()) return FALSE;
+  return ptz_tessel_set_vp(extra, mode_of(switch_a, switch_a, switch_b), val, "%s", path.get()) == 0;
+}
+
 gboolean delete_whole(const Path &path, gint32 mode) {
   if (!path.is_whole()) return FALSE;
-  ptz_tessel_delete_group(path.get(), mode);
+  ptz_tessel_delete_group_vp(mode, "%s", path.get());
   return TRUE;
 }
 
@@ -138,7 +148,7 @@ WalkEnd walk_parameters(const gchar *group, const gchar *stop_name, gpointer use
   if (context == nullptr) return WalkEnd::failed;
   guint position = 0;
   while (advance(context, param_service_get_param, error)) {
-    const ptz::Text value(ptz_tessel_get(context->full_name));
+    const ptz::Text value(ptz_tessel_get_vp("%s", context->full_name));
     if (value == nullptr) return WalkEnd::failed;
     if (stop_name != nullptr && g_strcmp0(context->name, stop_name) == 0) return WalkEnd::complete;
     if (!action(context->full_name, value.get(), user_data, ++position)) return WalkEnd::complete;
@@ -200,7 +210,7 @@ gint32 ptz_tessel_set_vp(gint32 extra, gint32 mode, const gchar *val, const gcha
   if (extra > 0) call.options.extra = extra;
   param_service_set_custom(path.get(), val, &call.options, &call.error);
   if (call.error == 0) return 0;
-  const ptz::Text current(ptz_tessel_get(path.get()));
+  const ptz::Text current(ptz_tessel_get_vp("%s", path.get()));
   if (current == nullptr || g_str_equal(current.get(), val)) return 0;
   syslog(LOG_WARNING, "Could not set parameter %s to \"%s\", err = %d", path.get(), val, call.error);
   return call.error;
@@ -208,11 +218,8 @@ gint32 ptz_tessel_set_vp(gint32 extra, gint32 mode, const gchar *val, const gcha
 
 gint32 ptz_tessel_set(const gchar *path, const gchar *val, gboolean first, gboolean second, gboolean third,
                       gint32 extra) {
-  gint32 mode = 9;
-  if (first && second) mode = third ? 10 : 12;
-  if (first && !second && third) mode = 11;
   const PathAsFormat as_format(path);
-  return ptz_tessel_set_vp(extra, mode, val, as_format.format(), as_format.text());
+  return ptz_tessel_set_vp(extra, mode_of(first, second, third), val, as_format.format(), as_format.text());
 }
 
 gchar *ptz_tessel_index_get(const gchar *grp_name, const gchar *par_prefix, guint index, const gchar *par_suffix) {
@@ -229,8 +236,7 @@ gboolean ptz_tessel_index_set(const gchar *grp_name, const gchar *par_prefix, gu
   assert_in(module_name, par_suffix != NULL);
   assert_in(module_name, val != NULL);
   const auto path = Path::of("%s.%s%u.%s", grp_name, par_prefix, index, par_suffix);
-  if (!path.is_whole()) return FALSE;
-  return ptz_tessel_set(path.get(), val, switch_a, switch_a, switch_b, extra) == 0;
+  return set_whole(path, val, switch_a, switch_b, extra);
 }
 
 gchar *ptz_tessel_dyn_index_get(const gchar *grp_name, guint index, const gchar *par_name) {
@@ -244,9 +250,7 @@ gboolean ptz_tessel_dyn_index_set(const gchar *grp_name, guint index, const gcha
   assert_in(module_name, grp_name != NULL);
   assert_in(module_name, par_name != NULL);
   assert_in(module_name, val != NULL);
-  const Path path = dynamic_index_path(grp_name, index, par_name);
-  if (!path.is_whole()) return FALSE;
-  return ptz_tessel_set(path.get(), val, switch_a, switch_a, switch_b, extra) == 0;
+  return set_whole(dynamic_index_path(grp_name, index, par_name), val, switch_a, switch_b, extra);
 }
 
 gboolean ptz_tessel_sync(gint32 mode) {

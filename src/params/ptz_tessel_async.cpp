@@ -8,12 +8,9 @@
 
 #include "base/check.h"
 #include "base/handles.h"
-#include "params/path_as_format.h"
 #include "ptz_tessel.h"
 
 namespace {
-
-using ptz::PathAsFormat;
 
 constexpr gint32 extra_unset = -1;
 constexpr gint32 background_mode = 12;
@@ -32,19 +29,18 @@ gchar *take_field(gchar *&text) {
 }
 
 void set_parameter(gchar *job) {
-  const PathAsFormat path(take_field(job));
+  const gchar *const path = take_field(job);
   for (guint attempt = 0; attempt < set_attempts; ++attempt) {
-    if (ptz_tessel_set_vp(extra_unset, background_mode, job, path.format(), path.text()) == 0) return;
+    if (ptz_tessel_set_vp(extra_unset, background_mode, job, "%s", path) == 0) return;
     sleep(attempt);
   }
 }
 
 void add_group(gchar *job) {
-  const PathAsFormat path(take_field(job));
+  const gchar *const path = take_field(job);
   const gchar *const templ = take_field(job);
   const auto number = static_cast<gint32>(std::strtol(job, nullptr, 10));
-  const ptz::Text created(
-      ptz_tessel_create_group_vp(extra_unset, background_mode, number, templ, path.format(), path.text()));
+  const ptz::Text created(ptz_tessel_create_group_vp(extra_unset, background_mode, number, templ, "%s", path));
 }
 
 // The worker thread.
@@ -57,7 +53,7 @@ void ptz_tessel_async_update_param(gpointer data, gpointer) {
   } else if (command == "add") {
     add_group(rest);
   } else if (command == "del") {
-    ptz_tessel_delete_group(rest, background_mode);
+    ptz_tessel_delete_group_vp(background_mode, "%s", rest);
   } else {
     assert_not_reached_in("ptz_tessel_async");
   }
@@ -106,8 +102,7 @@ void ptz_tessel_async_push_set_boolean(gboolean value, const gchar *path_format,
   va_start(arguments, path_format);
   const ptz::Text path(g_strdup_vprintf(path_format, arguments));
   va_end(arguments);
-  const PathAsFormat as_format(path.get());
-  ptz_tessel_async_push_set_param(value ? "true" : "false", as_format.format(), as_format.text());
+  ptz_tessel_async_push_set_param(value ? "true" : "false", path != nullptr ? "%s" : nullptr, path.get());
 }
 
 void ptz_tessel_async_push_set_int(gint value, const gchar *path_format, ...) {
@@ -119,9 +114,8 @@ void ptz_tessel_async_push_set_int(gint value, const gchar *path_format, ...) {
   va_start(arguments, path_format);
   const ptz::Text path(g_strdup_vprintf(path_format, arguments));
   va_end(arguments);
-  const PathAsFormat as_format(path.get());
   const ptz::Text digits(g_strdup_printf("%d", value));
-  ptz_tessel_async_push_set_param(digits.get(), as_format.format(), as_format.text());
+  ptz_tessel_async_push_set_param(digits.get(), path != nullptr ? "%s" : nullptr, path.get());
 }
 
 void ptz_tessel_async_push_add_param_group(gint number, const gchar *templ, const gchar *path_format, ...) {

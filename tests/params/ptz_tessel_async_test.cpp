@@ -130,15 +130,15 @@ TEST_F(TesselAsync, AMegabyteOfAnyBytesIsWrittenWhole) {
   EXPECT_EQ(service.value("root.A"), value);
 }
 
-// Formatted by the push and by the worker, and by these two pushes once more.
-TEST_F(TesselAsync, APercentSignThatIsLeftOfAFormattedPathIsFormattedAgain) {
+TEST_F(TesselAsync, PercentSignsOfAFormattedPathAreNotFormattedAgain) {
   ptz_tessel_async_push_set_param("v", "root.%s", "%%A%d");
   ptz_tessel_async_push_set_boolean(TRUE, "root.%s", "%%%%A%s%n");
   ptz_tessel_async_push_set_int(1, "root.%s", "%%%%A%");
   ptz_tessel_async_push_add_param_group(1, "%s%%", "root.%s", "%%A");
   ptz_tessel_async_delete_group("root.%s", "%%%%A");
-  EXPECT_EQ(carried_out(), (Calls{"set root.%A%d=v mode=12", "set root.%A%s%n=true mode=12", "set root.%A%=1 mode=12",
-                                  "create root.%A from %s%% mode=12 number=1", "delete root.%%A mode=12"}));
+  EXPECT_EQ(carried_out(),
+            (Calls{"set root.%%A%d=v mode=12", "set root.%%%%A%s%n=true mode=12", "set root.%%%%A%=1 mode=12",
+                   "create root.%%A from %s%% mode=12 number=1", "delete root.%%%%A mode=12"}));
 }
 
 TEST_F(TesselAsync, AWriteIsTriedTenTimesWithLongerAndLongerWaits) {

@@ -257,10 +257,22 @@ TEST_F(Tessel, PathsThatAreFormatsStandForThemselvesButForADoubledPercentSign) {
   EXPECT_EQ(text_of(ptz_tessel_get(path.c_str())), "v");
   EXPECT_EQ(ptz_tessel_set(path.c_str(), "%d", FALSE, FALSE, FALSE, 0), 0);
   ptz_tessel_delete_group(path.c_str(), 1);
-  EXPECT_TRUE(ptz_tessel_index_set("root", "%%", 1, "%s", "v", 0, 0, 0));
+  EXPECT_EQ(service.calls(), (Calls{"get " + read, "set " + read + "=%d mode=9", "delete " + read + " mode=1"}));
+}
+
+TEST_F(Tessel, PathsThatAreBuiltKeepEveryPercentSign) {
+  EXPECT_TRUE(ptz_tessel_index_set("root.%d", "%%", 1, "%s", "v", 0, 0, 0));
+  EXPECT_TRUE(ptz_tessel_dyn_index_set("%%A", 1, "50%%", "v", 0, 0, 0));
+  EXPECT_EQ(service.value("root.%d.%%1.%s"), "v");
+  EXPECT_EQ(text_of(ptz_tessel_index_get("root.%d", "%%", 1, "%s")), "v");
+  EXPECT_EQ(text_of(ptz_tessel_dyn_index_get("%%A", 1, "50%%")), "v");
+  service.calls();
+  EXPECT_TRUE(ptz_tessel_index_delete_group("%%A", 1, 1));
   EXPECT_TRUE(ptz_tessel_delete_sub_group("%%A", 1, 1));
-  EXPECT_EQ(service.calls(), (Calls{"get " + read, "set " + read + "=%d mode=9", "delete " + read + " mode=1",
-                                    "set root.%1.%s=v mode=9", "delete root.PTZ.%A.%1 mode=1"}));
+  EXPECT_TRUE(ptz_tessel_delete_subsub_group("A%%", 1, "%n%%", 2, 1));
+  ptz_tessel_delete_group_vp(1, "root.%s", "%%A");
+  EXPECT_EQ(service.calls(), (Calls{"delete root.PTZ.%%A1 mode=1", "delete root.PTZ.%%A.%1 mode=1",
+                                    "delete root.PTZ.A%%.A1.%n%%.%2 mode=1", "delete root.%%A mode=1"}));
 }
 
 // --- writing ----------------------------------------------------------------------------------------------------
@@ -326,6 +338,13 @@ TEST_F(Tessel, AFailedWriteIsForgottenWhereTheParameterCannotBeRead) {
   EXPECT_EQ(ptz_tessel_set_vp(0, 9, "new", "root.A"), 0);
   EXPECT_TRUE(ptz_tessel_dyn_index_set("G", 1, "P", "new", 0, 0, 0));
   EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(Tessel, AFailedWriteReadsBackTheSamePathWithItsPercentSigns) {
+  service.tree = {{"root.A%%B%s", "old"}, {"root.A%B%s", "new"}};
+  fail("set", -9);
+  EXPECT_EQ(ptz_tessel_set_vp(0, 9, "new", "root.%s", "A%%B%s"), -9);
+  EXPECT_EQ(service.calls(), (Calls{"set root.A%%B%s=new mode=9", "get root.A%%B%s"}));
 }
 
 TEST_F(Tessel, ValuesAreWrittenUnchanged) {
@@ -624,6 +643,15 @@ TEST_F(Walk, VisitsEveryParameterInOrder) {
   EXPECT_TRUE(log.lines().empty());
 }
 
+TEST_F(Walk, VisitsParametersWithPercentSignsInTheirNames) {
+  service.parameters["root.A"] = {{"root.A.50%%", "50%%"}, {"root.A.%d%s%n%", "%d%s%n%"}};
+  service.tree = {{"root.A.50%%", "1"}, {"root.A.%d%s%n%", "2"}};
+  EXPECT_TRUE(walk());
+  EXPECT_EQ(visits, (std::vector<Visit>{{"root.A.50%%", "1", 1}, {"root.A.%d%s%n%", "2", 2}}));
+  EXPECT_TRUE(walk("50%%"));
+  EXPECT_EQ(visits.size(), 2U);
+}
+
 TEST_F(Walk, OfAnEmptyGroupVisitsNothing) {
   service.parameters["root.A"] = {};
   EXPECT_TRUE(walk());
@@ -742,6 +770,13 @@ TEST_F(Children, AreVisitedInOrder) {
             (Calls{"groups root.A", "group root.A", "get root.A.B0.Name", "group root.A", "get root.A.B1.Name",
                    "group root.A", "get root.A.B2.Name", "group root.A", "cleanup root.A"}));
   EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(Children, WithPercentSignsInTheirNamesAreVisited) {
+  service.children["root.A"] = {{"root.A.B%%"}, {"root.A.%s"}};
+  service.tree = {{"root.A.B%%.Name", "1"}, {"root.A.%s.Name", "2"}};
+  EXPECT_EQ(walk(), std::nullopt);
+  EXPECT_EQ(visits, (std::vector<std::string>{"root.A.B%%=1", "root.A.%s=2"}));
 }
 
 TEST_F(Children, EndWithATextThatIsReturnedUnlessItIsEmpty) {
