@@ -18,7 +18,7 @@ using namespace ptz_fuzz;
 
 namespace {
 
-constexpr std::size_t longest_path = 1024;
+constexpr std::size_t longest_path = PARAM_SERVICE_PATH_MAX;
 constexpr gint32 unanswered = 12345;
 
 using Settings = std::map<std::string, std::string>;

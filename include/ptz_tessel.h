@@ -4,9 +4,11 @@
  * "root.PTZ". The tree itself is kept by the platform's parameter service; these calls build the paths, convert values
  * and say whether it worked. Mode words, number words and extra words are the service's and are passed on as they are.
  *
- * Paths have at most 127 characters. A call that builds a longer one, or one that cannot be formatted, fails without a
- * word and without asking the service. ptz_tessel_get_vp(), ptz_tessel_get_int() and ptz_tessel_get_bool() cut it short
- * instead, and ptz_tessel_set_vp() takes any length.
+ * Paths of parameters and of groups have at most 127 bytes. The stand-alone parameter service has the same limit for all
+ * its operations, so that whatever is created can be read, walked and deleted. A call that builds a longer path, or one
+ * that cannot be formatted, fails without a word and without asking the service. ptz_tessel_get_vp(),
+ * ptz_tessel_get_int() and ptz_tessel_get_bool() cut it short instead, and ptz_tessel_set_vp() leaves it to the service
+ * to refuse it.
  *
  * ptz_tessel_get(), ptz_tessel_set() and ptz_tessel_delete_group() take their path for a format: "%%" stands for "%".
  * Any other "%" stands for itself. All other calls use a path as it is once it has been formatted, whatever per cent
@@ -83,11 +85,11 @@ PTZ_API gchar *ptz_tessel_get (const gchar *path);
  * @extra: the extra word; not passed on unless it is above 0
  * @mode: the mode word
  * @val: the value, written as it is
- * @path_format: printf-like format of a path of any length
+ * @path_format: printf-like format of a path, which is passed to the service whole, whatever its length
  * @...: its arguments
  *
- * Where the service reports a failure, the parameter is read back: the failure counts, and is logged as a warning,
- * only where it reads and differs from @val.
+ * If the service reports a failure, the parameter is read back: the failure counts, and is logged as a warning, only if
+ * the parameter can be read and differs from @val. That the service refuses a path of more than 127 bytes always counts.
  *
  * Thread: any.
  *

@@ -1,9 +1,9 @@
 /* ptz_tessel_async.h - changes of the parameter tree that are carried out in the background, one after another.
  *
  * A push returns at once, whatever the parameter service does. One worker thread carries the changes out in the order
- * of the pushes, as ptz_tessel_set_vp(), ptz_tessel_create_group_vp() and ptz_tessel_delete_group() do. A write that
+ * of the pushes, as ptz_tessel_set_vp(), ptz_tessel_create_group_vp() and ptz_tessel_delete_group_vp() do. A write that
  * the service refuses is tried ten times, with 0, 1, 2 ... 9 seconds after each, and then dropped; every later change
- * waits for it.
+ * waits for it. A write to a path of more than 127 bytes, which the service refuses, is dropped at once.
  *
  * A path is formatted once, by the push: per cent signs of its arguments stand for themselves. The path of a write, and
  * the path and the template of a creation, must have no ":".

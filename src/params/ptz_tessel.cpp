@@ -24,7 +24,7 @@ constexpr char utf8[] = "UTF-8";
 constexpr char latin1[] = "ISO-8859-1";
 constexpr gint32 extra_unset = -1;
 // Every level of groups takes a character of a path at least. A service that tells of more would never end.
-constexpr int deepest_level = 127;
+constexpr int deepest_level = PARAM_SERVICE_PATH_MAX;
 
 // What is formatted into a buffer of fixed size, NUL included.
 template <std::size_t size>
@@ -46,7 +46,7 @@ class Formatted {
   [[nodiscard]] bool is_whole() const { return !failed() && std::strlen(text_) == static_cast<std::size_t>(length_); }
   [[nodiscard]] const gchar *get() const { return text_; }
 };
-using Path = Formatted<128>;
+using Path = Formatted<PARAM_SERVICE_PATH_MAX + 1>;
 using TemplateName = Formatted<128>;
 using TemplateFile = Formatted<132>;
 
@@ -88,6 +88,11 @@ gint32 create(const Path &path, const gchar *templ, gint32 number, gint32 mode) 
 gint32 mode_of(gboolean first, gboolean second, gboolean third) {
   if (first && second) return third ? 10 : 12;
   return first && third ? 11 : 9;
+}
+
+// Such a path is not read back after a failed write: cut short, it names another parameter.
+bool is_too_long(const gchar *path, gint32 error) {
+  return error == PARAM_SERVICE_BAD_PATH && std::strlen(path) > PARAM_SERVICE_PATH_MAX;
 }
 
 gboolean set_whole(const Path &path, const gchar *val, gboolean switch_a, gboolean switch_b, gint32 extra) {
@@ -210,8 +215,10 @@ gint32 ptz_tessel_set_vp(gint32 extra, gint32 mode, const gchar *val, const gcha
   if (extra > 0) call.options.extra = extra;
   param_service_set_custom(path.get(), val, &call.options, &call.error);
   if (call.error == 0) return 0;
-  const ptz::Text current(ptz_tessel_get_vp("%s", path.get()));
-  if (current == nullptr || g_str_equal(current.get(), val)) return 0;
+  if (!is_too_long(path.get(), call.error)) {
+    const ptz::Text current(ptz_tessel_get_vp("%s", path.get()));
+    if (current == nullptr || g_str_equal(current.get(), val)) return 0;
+  }
   syslog(LOG_WARNING, "Could not set parameter %s to \"%s\", err = %d", path.get(), val, call.error);
   return call.error;
 }

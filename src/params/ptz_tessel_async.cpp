@@ -8,6 +8,7 @@
 
 #include "base/check.h"
 #include "base/handles.h"
+#include "platform/param_service.h"
 #include "ptz_tessel.h"
 
 namespace {
@@ -31,7 +32,8 @@ gchar *take_field(gchar *&text) {
 void set_parameter(gchar *job) {
   const gchar *const path = take_field(job);
   for (guint attempt = 0; attempt < set_attempts; ++attempt) {
-    if (ptz_tessel_set_vp(extra_unset, background_mode, job, "%s", path) == 0) return;
+    const gint32 error = ptz_tessel_set_vp(extra_unset, background_mode, job, "%s", path);
+    if (error == 0 || error == PARAM_SERVICE_BAD_PATH) return;  // which no later attempt changes
     sleep(attempt);
   }
 }

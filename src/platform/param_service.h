@@ -1,7 +1,7 @@
 /* param_service.h - the platform's parameter service: the device's configuration as one tree of named texts.
  *
  * A parameter is named by a path of components with dots between them, such as "root.PTZ.Preset.P0.Name"; every
- * component before the last is a group. Every operation takes an option block, cleared before each call with
+ * component before the last is a group. A path has at most #PARAM_SERVICE_PATH_MAX bytes. Every operation takes an option block, cleared before each call with
  * param_service_reset_options(), and reports a number in its last argument: 0 is success, a negative one of
  * #ParamServiceError a failure.
  */
@@ -10,6 +10,15 @@
 #include <glib.h>
 
 G_BEGIN_DECLS
+
+/**
+ * PARAM_SERVICE_PATH_MAX:
+ *
+ * The longest path of a parameter or a group, in bytes, without the NUL. The limit is the same for reading, writing,
+ * creating, deleting and walking, so that whatever is created can be read, walked and deleted. An operation on a longer
+ * path reports %PARAM_SERVICE_BAD_PATH.
+ */
+#define PARAM_SERVICE_PATH_MAX 127
 
 /**
  * ParamServiceError:

@@ -156,6 +156,15 @@ TEST_F(TesselAsync, AWriteIsTriedTenTimesWithLongerAndLongerWaits) {
   EXPECT_EQ(log.lines(), Lines(10, {LOG_WARNING, "Could not set parameter root.A to \"new\", err = -77"}));
 }
 
+TEST_F(TesselAsync, AWriteThatIsRefusedForItsLongPathIsTriedOnce) {
+  constexpr gint32 bad_path = -5;
+  const std::string path = "root." + std::string(123, 'x'), set = "set " + path + "=v mode=12";
+  service.error = [&](const std::string &call) { return call == set ? bad_path : 0; };
+  ptz_tessel_async_push_set_param("v", "%s", path.c_str());
+  EXPECT_EQ(carried_out(), Calls{set});
+  EXPECT_EQ(sleeps(), std::vector<unsigned>{});
+}
+
 TEST_F(TesselAsync, AWriteThatSucceedsAtLastIsNotTriedAgain) {
   service.tree["root.A"] = "old";
   std::atomic<int> attempts = 0;

@@ -340,6 +340,18 @@ TEST_F(Tessel, AFailedWriteIsForgottenWhereTheParameterCannotBeRead) {
   EXPECT_TRUE(log.lines().empty());
 }
 
+TEST_F(Tessel, WriteThatIsRefusedForItsLongPathFailsWithoutReadBack) {
+  constexpr gint32 bad_path = -5;
+  const std::string longest = padded("root.A.", 127), longer = longest + "y";
+  service.tree[longest] = "v";
+  fail("set", bad_path);
+  EXPECT_EQ(ptz_tessel_set_vp(0, 9, "v", "%s", longer.c_str()), bad_path);
+  EXPECT_EQ(service.calls(), (Calls{"set " + longer + "=v mode=9"}));
+  EXPECT_EQ(log.lines(), (Lines{{LOG_WARNING, "Could not set parameter " + longer + " to \"v\", err = -5"}}));
+  EXPECT_EQ(ptz_tessel_set_vp(0, 9, "v", "%s", longest.c_str()), 0);
+  EXPECT_EQ(service.calls(), (Calls{"set " + longest + "=v mode=9", "get " + longest}));
+}
+
 TEST_F(Tessel, AFailedWriteReadsBackTheSamePathWithItsPercentSigns) {
   service.tree = {{"root.A%%B%s", "old"}, {"root.A%B%s", "new"}};
   fail("set", -9);

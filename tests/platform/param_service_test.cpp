@@ -90,7 +90,7 @@ TEST_F(ParamService, OptionsAreClearedToZero) {
 struct BadPaths : ParameterTree, testing::WithParamInterface<std::string> {};
 INSTANTIATE_TEST_SUITE_P(All, BadPaths,
                          testing::Values("", ".", "..", ".root", "root.", "root..A", ".root.A", "root.A.",
-                                         "root." + std::string(1020, 'x')));
+                                         "root." + std::string(123, 'x')));
 
 TEST_P(BadPaths, AreRefused) {
   EXPECT_EQ(get(GetParam()), (Answer{std::nullopt, PARAM_SERVICE_BAD_PATH}));
@@ -109,14 +109,70 @@ TEST_F(ParamService, AParameterIsInAGroup) {
   EXPECT_EQ(get("root"), (Answer{std::nullopt, PARAM_SERVICE_BAD_PATH}));
 }
 
-TEST_F(ParamService, PathsOf1024CharactersAndAnyBytesAreGood) {
+TEST_F(ParamService, PathsOf127BytesOfAnyKindAreGood) {
   std::string deep = "r";
-  while (deep.size() < 1022) deep += ".g";
-  for (const auto &path : {"root." + std::string(1019, 'x'), deep, std::string("root.%s%n \xFF\n'\"*?[.=")}) {
+  while (deep.size() < 127) deep += ".g";
+  for (const auto &path : {"root." + std::string(122, 'x'), deep, std::string("root.%s%n \xFF\n'\"*?[.=")}) {
     EXPECT_EQ(set(path, "v"), 0);
     EXPECT_EQ(get(path), value("v"));
   }
   EXPECT_EQ(groups_of("r.g.g"), Names{"r.g.g.g"});
+}
+
+// --- one limit for the service and for the library's calls ------------------------------------------------------
+
+// A path of so many bytes.
+std::string path_of(std::size_t length, const std::string &start = "root.") {
+  return start + std::string(length - start.size(), 'x');
+}
+
+gboolean collect(const gchar *name, const gchar *value, gpointer visits, guint) {
+  static_cast<Names *>(visits)->push_back(std::string(name) + "=" + value);
+  return TRUE;
+}
+
+gchar *collect_group(const gchar *group, const gchar *value, gpointer visits) {
+  collect(group, value, visits, 0);
+  return nullptr;
+}
+
+TEST_F(ParamService, ParameterOfTheLongestPathIsReadWalkedAndDeletedByTheLibrary) {
+  const std::string path = path_of(127, "root.Group.");
+  EXPECT_EQ(ptz_tessel_set(path.c_str(), "v", FALSE, FALSE, FALSE, 0), 0);
+  EXPECT_STREQ(Text(ptz_tessel_get(path.c_str())).get(), "v");
+  Names visits;
+  EXPECT_TRUE(ptz_tessel_iterate_group("root.Group", nullptr, &visits, collect));
+  EXPECT_EQ(visits, Names{path + "=v"});
+  ptz_tessel_delete_group("root.Group", 0);
+  EXPECT_EQ(ptz_tessel_get(path.c_str()), nullptr);
+}
+
+TEST_F(ParamService, ParameterOfALongerPathIsNotMadeByTheLibrary) {
+  for (const std::size_t length : {128U, 200U, 1024U, 1025U}) {
+    const std::string path = path_of(length);
+    EXPECT_EQ(ptz_tessel_set_vp(0, 9, "v", "%s", path.c_str()), PARAM_SERVICE_BAD_PATH);
+    EXPECT_EQ(log.count(LOG_WARNING, "Could not set parameter " + path + " to \"v\", err = -5"), 1U);
+  }
+  EXPECT_EQ(groups_of("root"), std::nullopt);
+}
+
+TEST_F(ParamService, GroupsUpToTheLongestPathAreWalkedAndDeletedByTheLibrary) {
+  provide_template("t", "N=v\n");
+  const std::string group = path_of(122), longer = path_of(123);
+  const Text created(ptz_tessel_create_group_vp(-1, 0, 1, "t", "%s", group.c_str()));
+  ASSERT_STREQ(created.get(), (group + ".x1").c_str());
+  EXPECT_EQ(ptz_tessel_create_group_vp(-1, 0, 1, "t", "%s", longer.c_str()), nullptr) << "a parameter of 128 bytes";
+  Names visits;
+  EXPECT_EQ(ptz_tessel_iterate_sub_groups(group.c_str(), "N", FALSE, &visits, collect_group), nullptr);
+  EXPECT_EQ(visits, Names{group + ".x1=v"});
+  ptz_tessel_delete_group(created.get(), 0);
+  EXPECT_EQ(groups_of(group), Names{});
+
+  provide_template("t", "");
+  const std::string longest = path_of(124);
+  EXPECT_STREQ(Text(ptz_tessel_create_group_vp(-1, 0, 1, "t", "%s", longest.c_str())).get(), (longest + ".x1").c_str());
+  ptz_tessel_delete_group((longest + ".x1").c_str(), 0);
+  EXPECT_EQ(groups_of(longest), Names{});
 }
 
 // --- groups -----------------------------------------------------------------------------------------------------
@@ -183,15 +239,15 @@ TEST_F(ParamService, NothingIsMadeThatCouldNotBeReadAgain) {
     provide_template("t", text);
     EXPECT_EQ(create("root.Group", "t", 1), none);
   }
-  const std::string group = "root." + std::string(1010, 'x');
+  const std::string group = "root." + std::string(113, 'x');
   provide_template("t", "Longer=1\nName=1\n");
-  EXPECT_EQ(create(group, "t", 1), too_long);  // a parameter of 1025 characters
+  EXPECT_EQ(create(group, "t", 1), too_long);  // a parameter of 128 bytes
   provide_template("t", "Name=1\n");
   EXPECT_EQ(create(group, "t", 10), value(group + ".x10"));
   EXPECT_EQ(parameters_of(group + ".x10"), Names{"Name"});
   EXPECT_EQ(get(group + ".x10.Name"), value("1"));
   provide_template("t", "");
-  EXPECT_EQ(create(group, "t", 1'000'000'000), too_long);  // a group of 1027 characters
+  EXPECT_EQ(create(group, "t", 1'000'000'000), too_long);  // a group of 130 bytes
   EXPECT_EQ(groups_of("root"), Names{group});
   EXPECT_EQ(groups_of(group), Names{group + ".x10"});
 }

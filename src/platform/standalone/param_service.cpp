@@ -15,7 +15,6 @@
 
 namespace {
 
-using ptz::platform::longest_path;
 using ptz::platform::Names;
 using ptz::platform::ParamStore;
 using ptz::platform::Settings;
@@ -120,7 +119,7 @@ gint32 perform(Access access, gint32 missing, Operation operation) {
 bool is_path(const gchar *path) {
   if (path == nullptr) return false;
   const std::string_view text(path);
-  if (text.empty() || text.size() > longest_path || text.front() == '.' || text.back() == '.') return false;
+  if (text.empty() || text.size() > PARAM_SERVICE_PATH_MAX || text.front() == '.' || text.back() == '.') return false;
   return text.find("..") == std::string_view::npos;
 }
 

@@ -10,6 +10,8 @@
 #include <memory>
 #include <optional>
 
+#include "platform/param_service.h"
+
 namespace ptz::platform {
 namespace {
 
@@ -266,11 +268,11 @@ int ParamStore::create_group(std::string_view parent, char letter, gint32 number
       result = has_group(path);
     }
     if (result != SQLITE_NOTFOUND) return result;
-    if (path.size() > longest_path) return SQLITE_TOOBIG;
+    if (path.size() > PARAM_SERVICE_PATH_MAX) return SQLITE_TOOBIG;
     const std::string group = as_group(path);
     result = insert_groups_down_to(group);
     for (const auto &[name, value] : defaults) {
-      if (group.size() + name.size() > longest_path) return SQLITE_TOOBIG;
+      if (group.size() + name.size() > PARAM_SERVICE_PATH_MAX) return SQLITE_TOOBIG;
       if (result == SQLITE_OK) result = insert(group + name, value);
     }
     return result;

@@ -15,8 +15,6 @@
 
 namespace ptz::platform {
 
-inline constexpr std::size_t longest_path = 1024;
-
 // A path in two parts, "root.PTZ." and "Name"; the first is empty for the root of all.
 struct PathParts {
   std::string_view group;
