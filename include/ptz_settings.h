@@ -9,12 +9,14 @@
  * where the key is missing there and present in the other. The shell accessors ask the shell store only.
  *
  * Each load throws away what its store held, also where it fails. Loaders hold their store's lock for the whole load,
- * so readers in other threads wait and never see half of it. A record without a proper group or key is left out.
+ * including the listing of patterns and every read, so readers in other threads wait and never see half of it. A record
+ * without a proper group or key is left out.
  *
- * A pipe is read until its last writer has gone; one that brings nothing for 10 seconds cannot be opened, and one that
- * takes 10 seconds more, or brings more than 16 MiB, cannot be read. A device or a socket, which may have no end, cannot
- * be opened; /dev/null is an empty file. What the parsed store holds is read by the platform: the stand-alone one gives a
- * pipe 10 seconds in all, and a file that it cannot read is one that cannot be opened.
+ * A pipe is read until its last writer has gone. One load waits at most 10 seconds for the pipes among all its files
+ * together, counted from the first wait; opening and reading share this deadline. A pipe that has brought nothing by
+ * then cannot be opened. One that has a writer still, or brings more than 16 MiB, cannot be read. A device or a socket,
+ * which may have no end, cannot be opened; /dev/null is an empty file. The files of the parsed store are read by the
+ * platform, which gets a copy of a pipe in memory; one of its files that cannot be read cannot be opened either.
  *
  * A group that begins with "root." or "ROOT." is looked up without these five characters. An index of 0 or more is
  * appended to the group's name in decimal; a negative one is not.

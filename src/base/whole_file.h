@@ -14,8 +14,8 @@
 
 namespace ptz {
 
-// A pipe ends when its last writer has gone. How long its first bytes are waited for, how long all may take, and how
-// many it may bring.
+// A pipe ends when its last writer has gone. How long the pipes of one load are waited for, all together, and how many
+// bytes each may bring.
 inline constexpr gint64 pipe_patience_ms = 10'000;
 inline constexpr std::size_t pipe_room = 16'777'216;
 
@@ -39,28 +39,37 @@ inline constexpr std::size_t pipe_room = 16'777'216;
   return file;
 }
 
-[[nodiscard]] inline gint64 pipe_deadline_us() { return g_get_monotonic_time() + pipe_patience_ms * 1000; }
+// The deadline of all pipes of one load, for opening and reading them. The time begins with the first wait. After the
+// deadline only what is ready is read.
+class PipeDeadline {
+  gint64 deadline_us_ = 0;
 
-// Until there is something to read or the last writer has gone; false, with errno, when there is neither by then.
-[[nodiscard]] inline bool wait_for_pipe(int fd, gint64 deadline_us = pipe_deadline_us()) {
-  while (true) {
-    const gint64 left_ms = std::max<gint64>((deadline_us - g_get_monotonic_time()) / 1000, 0);
-    pollfd pipe = {fd, POLLIN, 0};
-    const int ready = poll(&pipe, 1, static_cast<int>(left_ms));
-    if (ready > 0) return true;
-    if (ready < 0 && errno == EINTR) continue;
-    if (ready == 0) errno = ETIMEDOUT;
-    return false;
+  [[nodiscard]] int left_ms() {
+    const gint64 now_us = g_get_monotonic_time();
+    if (deadline_us_ == 0) deadline_us_ = now_us + pipe_patience_ms * 1000;
+    return static_cast<int>(std::max<gint64>((deadline_us_ - now_us) / 1000, 0));
   }
-}
+
+ public:
+  // Returns when there is something to read or the last writer has gone; false, with errno, if the wait fails.
+  [[nodiscard]] bool wait_for(int fd) {
+    while (true) {
+      pollfd pipe = {fd, POLLIN, 0};
+      const int ready = poll(&pipe, 1, left_ms());
+      if (ready > 0) return true;
+      if (ready < 0 && errno == EINTR) continue;
+      if (ready == 0) errno = ETIMEDOUT;
+      return false;
+    }
+  }
+};
 
 // Appends the contents of what can be read whole. False, with errno, when it cannot be read.
-[[nodiscard]] inline bool read_to_end(int fd, const struct stat &status, std::string &text) {
+[[nodiscard]] inline bool read_to_end(int fd, const struct stat &status, std::string &text, PipeDeadline &deadline) {
   const bool is_pipe = S_ISFIFO(status.st_mode);
-  const gint64 deadline_us = is_pipe ? pipe_deadline_us() : 0;
   char chunk[16384];
   for (std::size_t received = 0; received <= pipe_room || !is_pipe;) {
-    if (is_pipe && !wait_for_pipe(fd, deadline_us)) return false;
+    if (is_pipe && !deadline.wait_for(fd)) return false;
     const ssize_t count = read(fd, chunk, sizeof chunk);
     if (count == 0) return true;
     if (count > 0) {

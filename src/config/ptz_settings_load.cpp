@@ -1,3 +1,4 @@
+#include <sys/mman.h>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -127,6 +128,37 @@ bool store_record(GKeyFile *store, const KvConfigRecord &record, const PTZSettin
   return true;
 }
 
+// A file in memory with the text; none, with errno, if there is no room for it.
+ptz::UniqueFd file_of(std::string_view text) {
+  ptz::UniqueFd file(memfd_create("settings", MFD_CLOEXEC));
+  while (file && !text.empty()) {
+    const ssize_t count = write(file.get(), text.data(), text.size());
+    if (count >= 0) {
+      text.remove_prefix(static_cast<std::size_t>(count));
+    } else if (errno != EINTR) {
+      file.reset();
+    }
+  }
+  return file;
+}
+
+// settings lock held. Opens the file in the platform's reader; false with errno. The reader would give each pipe a time
+// of its own. Therefore a pipe is read here, before the load's deadline, and the reader opens a copy in memory.
+bool open_records(const gchar *path, ptz::PipeDeadline &deadline) {
+  struct stat status = {};
+  if (stat(path, &status) < 0 || !S_ISFIFO(status.st_mode)) return kv_config_open(path) != 0;
+  const ptz::UniqueFd pipe = ptz::open_and_examine(path, status);
+  if (!pipe) return false;
+  if (!ptz::can_be_read_whole(status)) {
+    errno = EINVAL;
+    return false;
+  }
+  std::string text;
+  if (!ptz::read_to_end(pipe.get(), status, text, deadline)) return false;
+  const ptz::UniqueFd copy = file_of(text);
+  return copy && kv_config_open(("/proc/self/fd/" + std::to_string(copy.get())).c_str()) != 0;
+}
+
 // settings lock held
 bool load_records(GKeyFile *store, const PTZSettingsFileExt &file) {
   while (const auto *record = kv_config_get()) {
@@ -138,11 +170,11 @@ bool load_records(GKeyFile *store, const PTZSettingsFileExt &file) {
 enum class Contents { read, skipped, failed };
 
 // The store's lock held. Appends the whole file; an optional one that cannot be opened is skipped.
-Contents append_contents(const gchar *path, gboolean mandatory, std::string &text) {
+Contents append_contents(const gchar *path, gboolean mandatory, ptz::PipeDeadline &deadline, std::string &text) {
   ptz::Error error;
   struct stat status = {};
   ptz::UniqueFd file = ptz::open_with_end(path, status, ptz::out(error));
-  if (file && S_ISFIFO(status.st_mode) && !ptz::wait_for_pipe(file.get())) {
+  if (file && S_ISFIFO(status.st_mode) && !deadline.wait_for(file.get())) {
     ptz::set_file_error(ptz::out(error));
     file.reset();
   }
@@ -151,7 +183,7 @@ Contents append_contents(const gchar *path, gboolean mandatory, std::string &tex
     syslog(LOG_ERR, "could not open file '%s': %s", path, ptz::message_of(error));
     return Contents::failed;
   }
-  if (ptz::read_to_end(file.get(), status, text)) return Contents::read;
+  if (ptz::read_to_end(file.get(), status, text, deadline)) return Contents::read;
   syslog(LOG_ERR, "failed reading file '%s': %s", path, g_strerror(errno));
   return Contents::failed;
 }
@@ -241,8 +273,9 @@ gboolean ptz_settings_load_config_ext(const PTZSettingsFileExt *files, const PTZ
     return FALSE;
   }
   group_stores.parsed = g_key_file_new();
+  ptz::PipeDeadline deadline;
   for (const auto &file : list) {
-    if (kv_config_open(file.path) == 0) {
+    if (!open_records(file.path, deadline)) {
       if (!file.mandatory) continue;
       syslog(LOG_ERR, "could not open file '%s': %m", file.path);
       return FALSE;
@@ -263,8 +296,9 @@ gboolean ptz_settings_load_config_gkf(const PTZSettingsFile *files, const PTZSet
     return FALSE;
   }
   std::string text;
+  ptz::PipeDeadline deadline;
   for (const auto &file : list) {
-    const Contents result = append_contents(file.path, file.mandatory, text);
+    const Contents result = append_contents(file.path, file.mandatory, deadline, text);
     if (result == Contents::failed) return FALSE;
     if (result == Contents::read) text += '\n';
   }
@@ -279,9 +313,10 @@ gboolean ptz_settings_shell_load_config(const PTZSettingsFile *files) {
   const ptz::MutexLock lock(&shell_store.lock);
   drop(shell_store.keys);
   std::string text = std::string("[") + ptz::settings::shell_group + "]\n";
+  ptz::PipeDeadline deadline;
   for (auto *file = files; file != nullptr && file->path != nullptr; ++file) {
     std::string contents;
-    const Contents result = append_contents(file->path, file->mandatory, contents);
+    const Contents result = append_contents(file->path, file->mandatory, deadline, contents);
     if (result == Contents::failed) return FALSE;
     if (result == Contents::skipped) continue;
     if (!g_utf8_validate_len(contents.data(), contents.size(), nullptr)) {

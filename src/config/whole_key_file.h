@@ -39,7 +39,8 @@ inline void set_file_error(GError **error) {
     return false;
   }
   std::string text;
-  if (!read_to_end(file.get(), status, text)) {
+  PipeDeadline unused;
+  if (!read_to_end(file.get(), status, text, unused)) {
     set_file_error(error);
     return false;
   }

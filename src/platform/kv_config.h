@@ -21,7 +21,8 @@ typedef struct {
 
 /**
  * kv_config_open:
- * @path: (type filename): the file to read
+ * @path: (type filename): the file to read. Of a pipe the library reads a copy into memory itself: then this is a path
+ *   below /proc/self/fd
  *
  * Thread: one at a time.
  *

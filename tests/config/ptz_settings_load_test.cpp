@@ -1,10 +1,13 @@
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -12,6 +15,7 @@
 #include <future>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "faults.h"
@@ -331,6 +335,10 @@ TEST_P(Loading, APathOfPercentSignsIsNoFormat) {
   EXPECT_EQ(value(), "one");
 }
 
+// Moves GLib's clock only: standard futures, which other tests wait for, do not bear a moved monotonic clock.
+std::atomic<gint64> moved_us = 0;
+void advance_glib_clock(std::int64_t milliseconds) { moved_us += milliseconds * 1000; }
+
 struct LoadingPipes : Loading {
   std::string pipe = dir.file("pipe");
   LoadingPipes() { EXPECT_EQ(mkfifo(pipe.c_str(), 0600), 0); }
@@ -395,6 +403,82 @@ TEST_P(LoadingPipes, AWriterThatStaysEndsInAFailure) {
   EXPECT_FALSE(load({{pipe}}));
   EXPECT_EQ(log.lines(), error_lines({(reads_when_opening ? "could not open file '" : "failed reading file '") + pipe +
                                       "': Connection timed out"}));
+}
+
+// Pipes that hold a setting each. A writer leaves only once its pipe has been read empty: a reader that comes later is
+// not told of the end by poll(2).
+struct FullPipes {
+  std::vector<Descriptor> readers, writers;
+  std::vector<Source> sources;
+
+  FullPipes(const TempDir &dir, int count, const std::string &head) {
+    for (int number = 0; number < count; ++number) {
+      const std::string path = dir.file("full" + std::to_string(number));
+      const std::string text = head + "Key" + std::to_string(number) + "=one\n";
+      EXPECT_EQ(mkfifo(path.c_str(), 0600), 0);
+      readers.emplace_back(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+      writers.emplace_back(open(path.c_str(), O_WRONLY | O_CLOEXEC));
+      EXPECT_EQ(write(writers.back().get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
+      sources.push_back({path});
+    }
+  }
+  void before_poll(int fd) {
+    int bytes = 0;
+    if (ioctl(fd, FIONREAD, &bytes) != 0 || bytes > 0) return;
+    std::erase_if(writers, [fd](const Descriptor &writer) {
+      struct stat polled = {}, written = {};
+      return fstat(fd, &polled) == 0 && fstat(writer.get(), &written) == 0 && polled.st_ino == written.st_ino;
+    });
+  }
+};
+
+TEST_P(LoadingPipes, OpeningAndReadingOfAllPipesOfALoadShareOneDeadline) {
+  FullPipes pipes(dir, 3, is_shell() ? "" : "[Group]\n");
+  std::vector<std::int64_t> waits_ms;
+  {
+    const Interposer each_wait_takes_a_second([&](Attempt &attempt) -> std::optional<Outcome> {
+      if (attempt.call != Call::poll) return std::nullopt;
+      waits_ms.push_back(attempt.argument);
+      pipes.before_poll(attempt.fd);
+      advance_glib_clock(1000);
+      return std::nullopt;
+    });
+    EXPECT_TRUE(load(pipes.sources));
+  }
+  ASSERT_GE(waits_ms.size(), 6U) << "one for the bytes and one for the end of each";
+  EXPECT_GT(waits_ms[0], 9'000);
+  for (std::size_t i = 0; i < waits_ms.size(); ++i) {
+    EXPECT_LE(waits_ms[i], std::max<std::int64_t>(10'000 - 1000 * static_cast<std::int64_t>(i), 0));
+  }
+  for (const char *key : {"Key0", "Key1", "Key2"}) EXPECT_EQ(value(key), "one");
+}
+
+TEST_P(LoadingPipes, PipesAfterTheDeadlineAreReadIfTheyAreReadyAndNotWaitedFor) {
+  const std::string second = dir.file("second");
+  ASSERT_EQ(mkfifo(second.c_str(), 0600), 0);
+  FullPipes full(dir, 1, is_shell() ? "" : "[Group]\n");
+  std::vector<std::int64_t> waits_ms;
+  const Interposer time_passes([&](Attempt &attempt) -> std::optional<Outcome> {
+    if (attempt.call != Call::poll) return std::nullopt;
+    waits_ms.push_back(attempt.argument);
+    full.before_poll(attempt.fd);
+    advance_glib_clock(std::exchange(attempt.argument, 0));
+    return std::nullopt;
+  });
+  EXPECT_TRUE(load({{pipe, FALSE}, {second, FALSE}, full.sources[0], {value_file("a", "one")}}));
+  EXPECT_EQ(value(), "one");
+  EXPECT_EQ(value("Key0"), "one");
+  ASSERT_GE(waits_ms.size(), 4U);
+  EXPECT_GT(waits_ms[0], 9'000);
+  for (std::size_t i = 1; i < waits_ms.size(); ++i) EXPECT_EQ(waits_ms[i], 0);
+  EXPECT_TRUE(log.lines().empty());
+  waits_ms.clear();
+  const auto descriptors = open_descriptors();
+  EXPECT_FALSE(load({{pipe}}));
+  ASSERT_EQ(waits_ms.size(), 1U);
+  EXPECT_GT(waits_ms[0], 9'000) << "each load has a deadline of its own";
+  EXPECT_EQ(log.lines(), error_lines({"could not open file '" + pipe + "': Connection timed out"}));
+  EXPECT_EQ(open_descriptors(), descriptors);
 }
 
 TEST_P(LoadingPipes, AnEndlessWriterEndsInAFailure) {
@@ -1012,3 +1096,9 @@ TEST_F(KeyFileStore, ReadersNeverSeeHalfOfAReload) {
 }
 
 }  // namespace
+
+// Takes the place of GLib's function in the whole test program.
+extern "C" __attribute__((visibility("default"))) gint64 g_get_monotonic_time() {
+  static const auto real = reinterpret_cast<decltype(&g_get_monotonic_time)>(dlsym(RTLD_NEXT, "g_get_monotonic_time"));
+  return real() + moved_us;
+}

@@ -85,7 +85,8 @@ gint kv_config_open(const gchar *path) {
     return 0;
   }
   std::string text;
-  if (!ptz::read_to_end(fd.get(), status, text)) return 0;
+  ptz::PipeDeadline deadline;
+  if (!ptz::read_to_end(fd.get(), status, text, deadline)) return 0;
   open_file = new OpenFile;
   open_file->text = std::move(text);
   return 1;
