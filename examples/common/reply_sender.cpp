@@ -25,16 +25,11 @@ ReplySender::~ReplySender() {
   if (timer_ != 0) g_source_remove(timer_);
 }
 
-// The system is asked once for each connection, which a daemon keeps for hours, and not for each reply. It cannot be
-// asked after a failure instead: a reply that was sent in part closes the descriptor.
+// The system cannot be asked after a failure: a reply that was sent in part closes the descriptor, and by the time of a
+// late reply another client may have its number.
 pid_t ReplySender::peer_of(gpointer reply_context) {
   const auto *context = static_cast<const PTZSocketServerCommandReplyContext *>(reply_context);
-  if (context == nullptr || context->fd < 0 || context->connection == 0) return 0;  // not made by a server
-  const auto index = static_cast<std::size_t>(context->fd);
-  if (index >= connections_.size()) connections_.resize(index + 1);
-  Connection &connection = connections_[index];
-  if (connection.number != context->connection) connection = {context->connection, peer_of_descriptor(context->fd)};
-  return connection.peer;
+  return context != nullptr && context->fd >= 0 ? peer_of_descriptor(context->fd) : 0;
 }
 
 bool ReplySender::send(gpointer reply_context, pid_t peer, gconstpointer data, guint32 length) {

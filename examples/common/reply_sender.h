@@ -3,8 +3,6 @@
 #include <glib.h>
 #include <sys/types.h>
 
-#include <vector>
-
 namespace example {
 
 // ptz_socket_server_send() logs nothing if a reply cannot be sent: the client has gone, or does not read its replies.
@@ -18,14 +16,9 @@ namespace example {
 //     ...
 //     replies.send(reply_context, peer, reply->data, reply->len);
 class ReplySender {
-  struct Connection {
-    guint32 number = 0;
-    pid_t peer = 0;
-  };
-  std::vector<Connection> connections_;  // by descriptor
-  guint suppressed_ = 0;                 // failures since the last line
-  pid_t last_peer_ = 0;                  // of these failures
-  guint timer_ = 0;                      // id; 0 if the last line is more than a second old
+  guint suppressed_ = 0;  // failures since the last line
+  pid_t last_peer_ = 0;   // of these failures
+  guint timer_ = 0;       // id; 0 if the last line is more than a second old
 
   void log_failure(pid_t peer, guint32 length);
   static gboolean on_second_over(gpointer sender);
@@ -37,7 +30,7 @@ class ReplySender {
 
   // The process that made the connection; 0 if unknown. Call this in the server's callback, even if the reply is sent
   // later: by then the client may have gone, and its descriptor may be another client's.
-  [[nodiscard]] pid_t peer_of(gpointer reply_context);
+  [[nodiscard]] static pid_t peer_of(gpointer reply_context);
 
   // Sends the reply and frees the context. Returns whether the reply was sent; if not, it has been logged.
   bool send(gpointer reply_context, pid_t peer, gconstpointer data, guint32 length);

@@ -86,7 +86,7 @@ void log_request(GArray *request, GArray *reply) {
 gboolean on_request(gpointer user_data, gpointer reply_context, gpointer data, guint32 length) {
   auto &service = *static_cast<Service *>(user_data);
   PublishedStatus *const status = service.status.get();
-  const pid_t peer = service.replies.peer_of(reply_context);
+  const pid_t peer = ReplySender::peer_of(reply_context);
   if (status != nullptr) status->request_begins();
   const Body request(ptz_serialize_create_array());
   ptz_serialize_blob(request.get(), data, length);
