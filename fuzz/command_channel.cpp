@@ -54,19 +54,6 @@ void count_failed_check(const gchar *, GLogLevelFlags level, const gchar *messag
 
 namespace ptz_fuzz {
 
-std::uint8_t Input::byte() {
-  if (rest_.empty()) return 0;
-  const auto first = static_cast<std::uint8_t>(rest_.front());
-  rest_.remove_prefix(1);
-  return first;
-}
-
-std::string_view Input::bytes(std::size_t most) {
-  const auto taken = rest_.substr(0, most);
-  rest_.remove_prefix(taken.size());
-  return taken;
-}
-
 std::uint32_t body_length(std::uint8_t code) {
   constexpr std::uint32_t lengths[16] = {1, 2, 3, 4, 5, 8, 0, 12, 60, 255, 256, 1000, 2547, 2550, 2551, 2552};
   return lengths[code % 16];

@@ -11,20 +11,10 @@
 #include <string_view>
 #include <vector>
 
+#include "input.h"
 #include "peers.h"
 
 namespace ptz_fuzz {
-
-// Gives out the input from its front; zeros once it is used up.
-class Input {
-  std::string_view rest_;
-
- public:
-  Input(const std::uint8_t *data, std::size_t size) : rest_(reinterpret_cast<const char *>(data), size) {}
-  [[nodiscard]] bool empty() const { return rest_.empty(); }
-  std::uint8_t byte();
-  std::string_view bytes(std::size_t most);
-};
 
 // The low four bits of a byte say which length: those around the limits of the frame matter most.
 [[nodiscard]] std::uint32_t body_length(std::uint8_t code);
