@@ -39,6 +39,7 @@ struct Connection {
   Peer peer;
   int fd = -1;  // the server's, while it is open
   bool accepted = false;
+  bool narrow = false;
   std::size_t heard = 0;  // how far the callback has heard the messages that the peer sent
   std::size_t passed_over = 0;
   std::string answers;
@@ -64,7 +65,14 @@ struct Connection {
       // After a hang-up a frame that nobody hears of ends the connection, whatever is behind it.
       return peer.has_hung_up() && peer.sent().complete()[heard].body.empty();
     }
-    return peer.has_stopped_sending() || peer.sent().impossible();
+    return has_ended();
+  }
+
+  // A peer that has only stopped sending may still receive.
+  [[nodiscard]] bool has_ended() const { return peer.has_hung_up() || peer.sent().impossible(); }
+
+  [[nodiscard]] bool has_room_for_answer() const {
+    return fd >= 0 && peer.is_open() && !peer.has_stopped_receiving() && peer.unread() == 0 && !narrow;
   }
 
   void receive() {
@@ -108,6 +116,8 @@ class Scene {
   Connection *concerned_ = nullptr;
   bool serves_ = true;
   bool fails_to_accept_ = false;
+  bool in_callback_ = false;
+  gpointer watched_server_ = nullptr;
   ptz_test::Object<PTZSocketServerCommand> server_;
 
  public:
@@ -115,6 +125,8 @@ class Scene {
 
   void play() {
     server_.reset(ptz_socket_server_command_new(path().c_str(), SOCK_STREAM));
+    watched_server_ = server_.get();
+    g_object_add_weak_pointer(G_OBJECT(server_.get()), &watched_server_);
     ptz_socket_server_register_callback(
         base(),
         [](gpointer scene, gpointer reply_context, gpointer data, guint32 length) {
@@ -187,8 +199,9 @@ class Scene {
 
   // The callback.
   gboolean hear(PTZSocketServerCommandReplyContext *reply_context, const char *data, guint32 length) {
-    REQUIRE(serves_);
+    REQUIRE(serves_ && !in_callback_);
     REQUIRE(reply_context->server == base());
+    REQUIRE(!server_->have_message && server_->message_id == reply_context->message_id);
     Connection *from = holder_of(reply_context->fd);
     REQUIRE(from != nullptr);
     const Message *message = from->next();
@@ -204,7 +217,10 @@ class Scene {
       reaction = reactions_.front();
       reactions_.pop_front();
     }
-    return react(*from, reaction % 16, reaction / 16);
+    in_callback_ = true;
+    const gboolean result = react(*from, reaction % 16, reaction / 16);
+    in_callback_ = false;
+    return result;
   }
 
   void require_turns(Connection &heard) {
@@ -239,7 +255,9 @@ class Scene {
         for (std::size_t i = 0; i <= argument % messages_per_reaction; ++i) answer_last_and_send_more(from);
         return TRUE;
       case 7:
+        if ((argument & 2) == 0) answer_all();
         drop_server();
+        answer_all();
         return (argument & 1) != 0 ? TRUE : FALSE;
       case 8:
         serves_ = false;
@@ -250,6 +268,9 @@ class Scene {
       case 10:
         from.peer.hang_up();
         answer(kept_.size() - 1, answer_length(argument));
+        return TRUE;
+      case 11:
+        for (int i = 0; i <= argument; ++i) iterate();
         return TRUE;
     }
   }
@@ -275,6 +296,7 @@ class Scene {
     const std::string frame = ptz_test::frame(kept.message_id, body);
     const bool was_open = to.fd >= 0;
     const std::size_t unread = to.peer.unread();
+    const bool has_room = to.has_room_for_answer();
     const bool sent = while_doing(Doing::answering, &to, [&] {
       return ptz_socket_server_send(kept.reply_context, body.data(), length) != FALSE;
     });
@@ -291,11 +313,12 @@ class Scene {
     } else if (closed) {
       REQUIRE(arrived > 0 && arrived < frame.size());
     } else {
+      REQUIRE(!has_room || too_long || length == 0);
       REQUIRE(arrived == 0 || (length == 0 && was_open && arrived == frame.size()));
     }
   }
 
-  // Every context is answered, while there is a server.
+  // Every context is answered while there is a server.
   void answer_all() {
     while (!kept_.empty()) answer(kept_.size() - 1, 3);
   }
@@ -312,15 +335,27 @@ class Scene {
     REQUIRE(!"a client that the server has not forgotten is in its list");
   }
 
+  // A dispatch holds a reference, so a server that its callback drops is finalized when the dispatch ends.
   void drop_server() {
     if (server_ == nullptr) return;
-    answer_all();
     serves_ = false;
-    gpointer watched = server_.get();
-    g_object_add_weak_pointer(G_OBJECT(server_.get()), &watched);
-    while_doing(Doing::ending, nullptr, [&] { server_.reset(); });
-    REQUIRE(watched == nullptr);
+    doing_ = Doing::ending;
+    server_.reset();
+    if (in_callback_) {
+      REQUIRE(watched_server_ != nullptr);
+    } else {
+      require_end_of_server();
+    }
+  }
+
+  void require_end_of_server() const {
+    REQUIRE(watched_server_ == nullptr);
     for (const Connection &connection : connections_) REQUIRE(connection.fd < 0);
+  }
+
+  void go_on_once() {
+    iterate();
+    if (server_ == nullptr) require_end_of_server();
   }
 
   void compose(Connection &from, std::size_t length) {
@@ -330,12 +365,13 @@ class Scene {
 
   void settle_and_check() {
     settle(64 + 2 * composed_ + messages_per_reaction * reactions_.size() + 8 * connections_.size());
+    if (server_ == nullptr) require_end_of_server();
     if (!serves_) return;
     REQUIRE(unaccepted_.empty());
     for (const Connection &connection : connections_) {
       if (connection.fd < 0) continue;
       REQUIRE(connection.next() == nullptr);
-      REQUIRE(!connection.peer.has_stopped_sending() && !connection.peer.sent().impossible());
+      REQUIRE(!connection.has_ended());
     }
   }
 
@@ -381,7 +417,7 @@ class Scene {
     Connection *from = slot(argument);
     if (from == nullptr) return;
     from->peer.send(piece_length(code));
-    for (int i = code / 16; i > 0; --i) iterate();
+    for (int i = code / 16; i > 0; --i) go_on_once();
   }
 
   void send_pieces(std::uint8_t argument) {
@@ -390,7 +426,7 @@ class Scene {
     if (from == nullptr) return;
     for (int i = code / 16; i >= 0; --i) {
       from->peer.send(piece_length(code));
-      iterate();
+      go_on_once();
     }
   }
 
@@ -403,7 +439,7 @@ class Scene {
   }
 
   void go_on(std::uint8_t argument) {
-    for (int i = 0; i <= argument; ++i) iterate();
+    for (int i = 0; i <= argument; ++i) go_on_once();
   }
 
   void go_on_until_idle(std::uint8_t) { settle_and_check(); }
@@ -441,12 +477,15 @@ class Scene {
   void make_narrow(std::uint8_t argument) {
     Connection *from = slot_[argument % slots];
     const int size = 1;
-    if (from != nullptr && from->fd >= 0) setsockopt(from->fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
+    if (from == nullptr || from->fd < 0) return;
+    setsockopt(from->fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
+    from->narrow = true;
   }
 
   void intervene(std::uint8_t argument) {
     switch (argument) {
       case 0:
+        answer_all();
         drop_server();
         break;
       case 1:
@@ -477,6 +516,7 @@ class Scene {
       settle_and_check();
       if (serves_) REQUIRE(base()->source->clients == nullptr);
     }
+    answer_all();
     drop_server();
     for (Connection &connection : connections_) {
       connection.receive();
