@@ -67,6 +67,7 @@ class Scene {
   guint32 next_id_ = 0;
   std::uint32_t composed_ = 0;
   std::size_t waits_left_ = 0;
+  int callbacks_running_ = 0;
   int nested_loops_ = 0;
   bool disturbed_wait_ = false;
   bool hears_ = true;           // has a callback ...
@@ -190,6 +191,8 @@ class Scene {
   // The callback.
   void end(Request &request, const char *data, guint32 length) {
     REQUIRE(hears_);
+    // A callback runs inside another only if that runs a main loop. Replies that it drains wait for the main loop.
+    REQUIRE(callbacks_running_ <= nested_loops_);
     request.pending = false;
     REQUIRE(++request.ends == 1);
     if (data == nullptr) {
@@ -202,7 +205,9 @@ class Scene {
     const std::uint8_t reaction = reactions_.front();
     reactions_.pop_front();
     const std::string before(data != nullptr ? data : "", length);
+    ++callbacks_running_;
     react(reaction % 16, reaction / 16);
+    --callbacks_running_;
     REQUIRE(before == std::string_view(data != nullptr ? data : "", length));
   }
 
