@@ -8,7 +8,6 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <csignal>
 #include <deque>
 #include <memory>
@@ -19,7 +18,6 @@
 #include "clock.h"
 #include "fixtures.h"
 #include "handles.h"
-#include "interpose.h"
 #include "peers.h"
 #include "syslog_capture.h"
 
