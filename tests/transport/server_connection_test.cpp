@@ -168,6 +168,15 @@ TEST(SharedAssembler, TurnToNoConnectionPutsTheHoldersPartialFrameAside) {
   EXPECT_EQ(shared.received_by(connection.get()), part);
 }
 
+TEST(SharedAssembler, ForgetOfAnotherConnectionKeepsTheHoldersPartialFrame) {
+  Shared shared;
+  const auto other = new_connection(), holder = new_connection();
+  const std::string part = frame(1, "body").substr(0, 9);
+  (void)shared.receive(holder.get(), part);
+  shared.assembler->forget(other.get());
+  EXPECT_EQ(shared.received_by(holder.get()), part);
+}
+
 TEST(SharedAssembler, EndOfAssemblerLetsItsHolderBeDestroyedLater) {
   Shared shared;
   const auto holder = new_connection();
