@@ -133,6 +133,7 @@ static void ptz_socket_client_command_init(PTZSocketClientCommand *self) {
   self->next_id = 0;
   self->pending = nullptr;
   self->timeout_source = 0;
+  g_mutex_init(&self->mutex);
   self->free_user_data = nullptr;
   self->free_callback = nullptr;
   std::construct_at(private_of(self), self);
@@ -148,7 +149,6 @@ PTZSocketClientCommand *ptz_socket_client_command_new(const gchar *path, gint fd
   // Bounded waits need it, and what is drained before a send must not be waited for.
   if (path == nullptr && fd >= 0) (void)ptz::set_non_blocking(fd);
   auto *self = PTZ_SOCKET_CLIENT_COMMAND(ptz_socket_client_new(PTZ_TYPE_SOCKET_CLIENT_COMMAND, path, fd, type));
-  g_mutex_init(&self->mutex);
   return self;
 }
 
