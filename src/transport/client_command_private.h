@@ -22,11 +22,12 @@ struct ClientCommandPrivate {
 // CLOCK_MONOTONIC; zero, and a line in the system log, if it cannot be read.
 [[nodiscard]] timespec logged_clock_now();
 
-// Hands a frame to its request, in this thread or on the main loop. `frame` is read before it returns. No lock of the
-// client held: a callback may send again, or drop the client.
+// Any thread. Delivers a reply to its request, in this thread or through the main loop. Not with `mutex_` of the stream
+// held: a callback may send again, or drop the client.
 void deliver_reply(PTZSocketClientCommand *client, guint8 *frame, guint32 length);
 
-// On the main loop only. Any lock but the pending requests' may be held.
+// Any thread. Queues a copy of a reply for the main loop. The caller may hold `mutex_` of the stream, or be an expiry
+// callback, which holds the mutex of the pending requests.
 void defer_reply(PTZSocketClientCommand *client, const guint8 *frame, guint32 length);
 
 }  // namespace ptz

@@ -2,7 +2,6 @@
 
 #include <sys/select.h>
 #include <sys/socket.h>
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -10,8 +9,10 @@
 
 #include "base/check.h"
 #include "base/clock.h"
+#include "base/handles.h"
 #include "transport/client_command_private.h"
 #include "transport/socket_client_private.h"
+#include "transport/socket_private.h"
 
 namespace ptz {
 
@@ -73,7 +74,10 @@ Deadline::Deadline(gint64 limit_ms) : start_(logged_clock_now()), limit_ms_(limi
 void Deadline::update() { left_ms_ = limit_ms_ - elapsed_ms(start_, logged_clock_now()); }
 
 ClientStream::ClientStream(PTZSocketClientCommand *client)
-    : client_(client), assembler_(client->buffer, &client->fill, &client->expected) {}
+    : client_(client), assembler_(client->buffer, &client->fill, &client->expected) {
+  g_mutex_init(&mutex_);
+  g_cond_init(&sending_ended_);
+}
 
 ClientStream::~ClientStream() {
   g_cond_clear(&sending_ended_);
@@ -86,8 +90,8 @@ void ClientStream::resynchronise_if_watched() {
   state_ = calls_ != nullptr ? State::waiting : State::watched;
 }
 
-// mutex_ held. No call in progress can get a reply.
-void ClientStream::lose(State state) {
+// mutex_ held. Ends all calls in progress without a reply.
+void ClientStream::abandon_calls(State state) {
   state_ = state;
   stop_watch(&client_->parent_instance);
   wake_all();
@@ -113,7 +117,7 @@ Reception ClientStream::receive(gint fd) {
     stop_watch(&client_->parent_instance);
   } else if (reception.outcome == Outcome::malformed) {
     assembler_.reset();
-    lose(State::desynchronised);
+    abandon_calls(State::desynchronised);
     errno = EBADMSG;
   }
   return reception;
@@ -145,7 +149,8 @@ ClientStream::Taken ClientStream::take_frame(gint fd, guint8 *frame, guint32 &le
   }
   assembler_.reset();
   if (is_handed) return Taken::nothing;
-  return state_ == State::waiting ? Taken::deferred : Taken::frame;
+  // contract: a synchronous call hands replies that it finds waiting to the main loop.
+  return calls_ != nullptr ? Taken::deferred : Taken::frame;
 }
 
 // The source is switched with the mutex held: a call that begins must not find it switched on again by one that ends.
@@ -153,14 +158,14 @@ void ClientStream::begin(SyncCall &call) {
   const MutexLock lock(&mutex_);
   resynchronise_if_watched();
   if (state_ == State::watched) state_ = State::waiting;
-  call.connection = connection_;
   call.next = std::exchange(calls_, &call);
   stop_watch(&client_->parent_instance);
 }
 
-void ClientStream::end(SyncCall &call) {
+bool ClientStream::end(SyncCall &call) {
   const MutexLock lock(&mutex_);
   remove(call);
+  return call.answered;
 }
 
 // mutex_ held
@@ -242,49 +247,67 @@ bool ClientStream::read_for_calls(gint fd) {
   return reception.outcome == Outcome::incomplete;  // contract: an end of file ends the wait
 }
 
-// A sender that finds the turn taken sleeps until it is free. The mutex orders its sleep and the signal.
+// A sender that finds the turn taken, or others waiting for it, sleeps until it is free. The mutex orders its sleep and
+// the signal.
 bool ClientStream::begin_sending(gint64 limit_ms, std::optional<timespec> &queued_since) {
-  if (!sending_.exchange(true)) return true;
+  const auto try_to_begin = [this] {
+    GThread *none = nullptr;
+    return sender_.compare_exchange_strong(none, g_thread_self());
+  };
+  if (waiting_senders_ == 0 && try_to_begin()) return true;
   queued_since = logged_clock_now();
-  const gint64 deadline_us = g_get_monotonic_time() + limit_ms * 1000;
+  const gint64 deadline_us = g_get_monotonic_time() + limit_ms * 1000;  // GLib's clock, for g_cond_wait_until()
   const MutexLock lock(&mutex_);
   ++waiting_senders_;
-  bool is_mine = !sending_.exchange(true), in_time = true;
+  bool is_mine = try_to_begin(), in_time = true;
   while (!is_mine && in_time) {
     if (limit_ms == no_limit) {
       g_cond_wait(&sending_ended_, &mutex_);
     } else {
       in_time = g_cond_wait_until(&sending_ended_, &mutex_, deadline_us);
     }
-    is_mine = !sending_.exchange(true);
+    is_mine = try_to_begin();
   }
   --waiting_senders_;
   return is_mine;
 }
 
 void ClientStream::end_sending() {
-  sending_ = false;
+  sender_ = nullptr;
   if (waiting_senders_ == 0) return;
   const MutexLock lock(&mutex_);
   g_cond_signal(&sending_ended_);
 }
 
+// What the peer sent after a malformed length can still be read, and must not be: that state stays.
 void ClientStream::shut_down(gint fd) {
   const MutexLock lock(&mutex_);
-  lose(State::shut_down);
+  abandon_calls(state_ == State::desynchronised ? state_ : State::shut_down);
   shutdown(fd, SHUT_RDWR);
 }
 
+// The descriptor is closed in a sending turn, so that no sender writes to a number that was given out again. Threads
+// that wait for the descriptor do not notice that it is closed: it is shut down first.
 guint ClientStream::reconnect(guint (*add_retry)(PTZSocket *)) {
   auto *socket = &client_->parent_instance.parent_instance;
-  const MutexLock lock(&mutex_);
-  // The reader does not notice that another thread closes the descriptor that it waits for.
-  if (calls_ != nullptr && socket->fd >= 0) shutdown(socket->fd, SHUT_RDWR);
-  const guint timer = add_retry(socket);
-  ++connection_;
-  assembler_.reset();
-  state_ = calls_ != nullptr ? State::waiting : State::watched;
-  wake_all();
+  const bool is_sender = sender_ == g_thread_self();  // in an overridden write operation
+  std::optional<timespec> queued_since;
+  {
+    const MutexLock lock(&mutex_);
+    const gint fd = descriptor_of(socket);
+    if (fd >= 0 && (calls_ != nullptr || sender_ != nullptr)) shutdown(fd, SHUT_RDWR);
+  }
+  if (!is_sender) (void)begin_sending(no_limit, queued_since);
+  guint timer;
+  {
+    const MutexLock lock(&mutex_);
+    timer = add_retry(socket);
+    ++connection_;
+    assembler_.reset();
+    state_ = calls_ != nullptr ? State::waiting : State::watched;
+    wake_all();
+  }
+  if (!is_sender) end_sending();
   return timer;
 }
 

@@ -1,12 +1,10 @@
-// src/transport/client_stream.h - the byte stream of a command client: who reads it, who writes it, what state it is
-// in.
+// src/transport/client_stream.h - the byte stream of a command client: its states, its reader and its senders.
 #pragma once
 #include <glib.h>
 #include <atomic>
 #include <ctime>
 #include <optional>
 
-#include "base/handles.h"
 #include "ptz_socket_client_command.h"
 #include "transport/frame_reader.h"
 
@@ -17,11 +15,17 @@ struct SyncCall {
   guint32 message_id;
   gpointer reply_buffer;  // PTZ_SOCKET_BODY_MAX bytes
   guint32 *reply_length;
-  bool answered = false;  // with what follows: the stream's mutex
+  guint connection = 0;   // that the request was sent on; the caller's thread only
+  bool answered = false;  // guarded by the stream's mutex, like the members below
   bool sleeping = false;  // on `changed`
-  guint connection = 0;   // that the request was sent on
-  GCond changed = {};
+  GCond changed;
   SyncCall *next = nullptr;
+
+  SyncCall(guint32 id, gpointer buffer, guint32 *length) : message_id(id), reply_buffer(buffer), reply_length(length) {
+    g_cond_init(&changed);
+  }
+  SyncCall(SyncCall &&) = delete;
+  ~SyncCall() { g_cond_clear(&changed); }
 };
 
 // How much is left of a bounded wait. It begins with the whole time; the clock is read again by update() only.
@@ -39,30 +43,46 @@ class Deadline {
 // ClientStream reads the frames of a command client and lets several threads share the descriptor.
 //
 // States:
+//
 //   watched          no synchronous call is in progress. The main loop reads the descriptor if its source is switched
 //                    on; so does a drain before a send
-//   waiting          at least one synchronous call is in progress: the source is switched off. One of the calls, the
-//                    reader, waits for the descriptor and hands the others their replies by message id. When it leaves,
-//                    it wakes another, which takes over. While there is a reader, nothing else reads
-//   desynchronised   a malformed length was read. Nothing is read, and synchronous calls fail
-//   shut down        a frame was sent in part, so the connection was shut down. Synchronous calls fail
+//   waiting          at least one synchronous call is in progress. One of them, the reader, waits for the descriptor
+//   and
+//                    hands the others their replies by message id; while there is a reader, nothing else reads. Before
+//                    the first call has sent its request there is no reader, and drains read as in state watched, but
+//                    replies to asynchronous requests are deferred to the main loop
+//   desynchronised   a malformed length was read. Nothing is read. A synchronous call still sends its request, and then
+//                    fails at once
+//   shut down        a frame was sent in part, so the connection was shut down and sends fail. What the peer sent
+//   before
+//                    can still be read
 //
-//   watched -> waiting                                the first synchronous call begins
-//   waiting -> watched                                the last one ends; switches the source on
-//   watched, waiting -> desynchronised                by a malformed length; switches the source off
-//   watched, waiting, desynchronised -> shut down     by a partial send; switches the source off
-//   desynchronised -> watched or waiting              ptz_socket_client_add_poll() has switched the source on; seen by
-//                                                     the next read or synchronous call
-//   desynchronised, shut down -> watched or waiting   the class operation add_retry closes the descriptor
+// Transitions:
 //
-// Lock: `mutex_`, over the state, the list of calls, the reader's role and the assembly fields of the client. It is
-// held over reads that do not wait, and never while a thread waits for the descriptor, sends, or runs a callback.
-// Order: the mutex of the pending requests (which an expiry callback holds), `mutex_`, the mutex of the client's
-// source. Under `mutex_`, the mutex of the pending requests is only tried. The sending turn is not a lock: a thread
-// that has it takes none of these for longer than a few instructions.
+//   watched -> waiting                      the first synchronous call begins; it switches the source off
+//   waiting -> watched                      the last one ends; it switches the source on
+//   any other -> desynchronised             a malformed length; switches the source off
+//   watched, waiting -> shut down           a partial send; switches the source off. The last synchronous call that
+//   ends
+//                                           switches it on again, and the hang-up switches it off for good
+//   desynchronised -> watched or waiting    ptz_socket_client_add_poll() has switched the source on; noticed by the
+//   next
+//                                           read or synchronous call
+//   any -> watched or waiting               the class operation add_retry: the partial frame is forgotten, and the
+//   calls
+//                                           in progress fail
+//
+// An end of file and a read error change no state. An end of file switches the source off and drops the partial frame;
+// both end the reader's call, and the other calls find the same in their turn.
+//
+// Locks: `mutex_` guards the state, the list of calls, the reader's role and the assembly fields of the client. It is
+// held during reads that do not wait, and never while a thread waits for the descriptor, sends, or runs a callback. A
+// thread that sends has the sending turn. Order, outermost first: the mutex of the pending requests, the sending turn,
+// `mutex_`, the lifetime mutex (endpoint_use.h), the mutex of the client's source, GLib's locks. An expiry callback
+// holds the first of them and may send, so a thread that has the turn or `mutex_` never waits for it: it only tries.
 //
 // Invariants: the list holds exactly the calls between begin() and end(). If a call sleeps and there is no reader, a
-// call is awake that is about to become the reader or to wake another.
+// call is awake that becomes the reader or, in end(), wakes a sleeping one.
 //
 // Any thread.
 class ClientStream {
@@ -73,12 +93,12 @@ class ClientStream {
   ClientStream(ClientStream &&) = delete;
   ~ClientStream();
 
-  // For the class's read operation: takes what is there of one frame.
+  // For the class's read operation: reads at most one frame without waiting.
   enum class Taken {
     failed,
-    nothing,   // no frame, or one that a synchronous call was waiting for
+    nothing,   // no complete frame, an end of file, or a frame that went to a synchronous call
     frame,     // a frame for deliver_reply()
-    deferred,  // a frame for defer_reply()
+    deferred,  // a frame for defer_reply(), because a synchronous call is in progress
   };
   // A frame is copied to `frame`, PTZ_SOCKET_FRAME_MAX bytes, and its length to `length`.
   [[nodiscard]] Taken take_frame(gint fd, guint8 *frame, guint32 &length);
@@ -87,8 +107,8 @@ class ClientStream {
   void begin(SyncCall &call);
   // Returns after `limit_ms` at the latest. On true the reply is in the caller's buffer and the call has ended.
   [[nodiscard]] bool await_reply(SyncCall &call, gint fd, gint64 limit_ms);
-  // If the request was not sent, or got no reply.
-  void end(SyncCall &call);
+  // Ends a call whose request was not sent or not answered. Returns whether its reply has come meanwhile.
+  [[nodiscard]] bool end(SyncCall &call);
 
   // One thread at a time sends, so that the header and the body of a frame stay together. Without a limit a thread
   // waits for as long as the others take, at most two seconds each. Returns whether it is the caller's turn;
@@ -101,22 +121,24 @@ class ClientStream {
   void shut_down(gint fd);
   // Closes the descriptor through the class operation of the base class, and forgets what was received from it.
   guint reconnect(guint (*add_retry)(PTZSocket *));
+  // Which connection the descriptor belongs to. Both stay the same during a sending turn.
+  [[nodiscard]] guint connection() const { return connection_; }
 
  private:
   PTZSocketClientCommand *client_;
   frame::FrameAssembler assembler_;
-  GMutex mutex_ = {};
-  GCond sending_ended_ = {};
+  GMutex mutex_;
+  GCond sending_ended_;
   State state_ = State::watched;
   SyncCall *calls_ = nullptr;
   bool has_reader_ = false;
-  guint connection_ = 0;  // counts reconnections
-  std::atomic<bool> sending_ = false;
+  std::atomic<guint> connection_ = 0;  // counts reconnections
+  std::atomic<GThread *> sender_ = nullptr;
   std::atomic<int> waiting_senders_ = 0;  // changed with mutex_ held
 
   [[nodiscard]] frame::Reception receive(gint fd);
   void resynchronise_if_watched();
-  void lose(State state);
+  void abandon_calls(State state);
   [[nodiscard]] bool hand_to_call();
   [[nodiscard]] bool may_be_answered(const SyncCall &call) const;
   [[nodiscard]] bool read_until_answered(SyncCall &call, gint fd, Deadline &deadline);

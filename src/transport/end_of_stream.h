@@ -14,7 +14,7 @@ namespace ptz {
   return getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &size) == 0 && type != SOCK_DGRAM;
 }
 
-// After a read that failed with this error, 0 if it reported none: can the descriptor give data again?
+// Whether no more data can come, after a read that failed with `read_error` (0 if it reported none).
 [[nodiscard]] inline bool nothing_more_to_read(int fd, int read_error) {
   if (read_error == EAGAIN || read_error == EINTR) return false;
   char byte;

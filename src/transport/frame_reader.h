@@ -26,6 +26,7 @@ struct Reception {
   gsize total = 0;
   for (bool in_header = assembler.awaits_length();; in_header = false) {
     const auto wanted = assembler.wanted();
+    if (wanted.empty()) return {Outcome::malformed, total, in_header};  // the public fields were overwritten
     const ssize_t count = read(fd, wanted.data(), wanted.size());
     if (count < 0) return {Outcome::failed, total, in_header};
     if (count == 0) return {Outcome::end_of_stream, total, in_header};

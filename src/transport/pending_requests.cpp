@@ -65,7 +65,7 @@ PendingRequest *PendingRequests::take(guint32 message_id) {
   return request;
 }
 
-bool PendingRequests::may_hold(guint32 message_id) {
+bool PendingRequests::may_contain(guint32 message_id) {
   if (!g_mutex_trylock(&client_->mutex)) return true;
   const bool found = find(message_id) != nullptr;
   g_mutex_unlock(&client_->mutex);

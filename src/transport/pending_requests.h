@@ -18,16 +18,17 @@ struct PendingRequest {
 
 inline void free_pending_request(PendingRequest *request) { g_slice_free(PendingRequest, request); }
 
-// The list, its mutex and the id of the expiry timer are public fields of the client; only this class uses them.
+// The list, its mutex and the id of the expiry timer are public fields of the client. Apart from its init and finalize
+// functions, only this class uses them.
 //
 // A request is pending from before it is sent until its reply is taken, it expires, or the client ends. Each of them
 // removes the entry first, so its context is handed out once.
 //
 // Lock: the client's `mutex`, a leaf except for one case. contract: the expiry timer holds it while it calls the
 // callback of an expired request. In that thread it counts as held, so the callback may send and receive. Another
-// thread that holds locks of its own must not wait for it: may_hold() only tries.
+// thread that holds locks of its own must not wait for it: may_contain() only tries.
 //
-// add(), take(), may_hold() and start_timer(): any thread. Expiry: default main context. clear(): the finalizer.
+// add(), take(), may_contain() and start_timer(): any thread. Expiry: default main context. clear(): the finalizer.
 class PendingRequests {
   PTZSocketClientCommand *client_;
   ReplyCallbacks *callbacks_;
@@ -43,8 +44,8 @@ class PendingRequests {
   void add(gpointer context, guint32 message_id);
   // Null if there is none with this id. The caller frees it with free_pending_request().
   [[nodiscard]] PendingRequest *take(guint32 message_id);
-  // Without waiting; true if that cannot be told now.
-  [[nodiscard]] bool may_hold(guint32 message_id);
+  // Whether a request with this id may be pending. Does not block: if the mutex is taken, returns true.
+  [[nodiscard]] bool may_contain(guint32 message_id);
   // One timer serves all requests.
   void start_timer();
   // Ends the timer and releases every request through cleanup_table_entry().

@@ -45,9 +45,9 @@ gboolean retry_connection(gpointer user_data) {
   if (self == nullptr) return G_SOURCE_CONTINUE;
   gint32 fd = self->fd;
   if (self->socket != nullptr) ptz::open_client_socket(self->socket, &fd, self->type);
-  ptz::set_descriptor(self, fd);  // once it is connected: another thread may be about to send
   if (fd == -1) return G_SOURCE_CONTINUE;
-  self->retry_source = 0;
+  self->retry_source = 0;  // first: a thread that uses the descriptor may start another timer
+  ptz::set_descriptor(self, fd);
   return G_SOURCE_REMOVE;
 }
 

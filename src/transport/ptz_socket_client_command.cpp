@@ -82,21 +82,24 @@ bool send_frame(PTZSocketClientCommand *self, gint fd, guint32 message_id, gcons
   return false;
 }
 
-// Whether a request was sent, and how long the wait for its reply may still be.
+// Whether a request was sent, where, and how long the wait for its reply may still be.
 struct SyncSend {
-  bool sent;
+  enum class Outcome { sent, failed, too_late } outcome;
+  gint fd;
   gint64 reply_timeout_ms;
 };
 
-// The ten seconds begin after the send. If other threads kept this one from sending, they begin with the call.
-SyncSend send_synchronously(PTZSocketClientCommand *self, gint fd, guint32 message_id, gconstpointer body,
-                            guint32 length) {
+// The ten seconds begin after the send. If the thread has to wait for the sends of others, they begin with that wait.
+SyncSend send_synchronously(PTZSocketClientCommand *self, ptz::SyncCall &call, gconstpointer body, guint32 length) {
   auto &stream = private_of(self)->stream;
   std::optional<timespec> queued_since;
-  if (!stream.begin_sending(queue_timeout_ms, queued_since)) return {false, 0};
-  const bool sent = send_frame(self, fd, message_id, body, length);
+  if (!stream.begin_sending(queue_timeout_ms, queued_since)) return {SyncSend::Outcome::too_late, -1, 0};
+  const gint fd = ptz::descriptor_of(endpoint_of(self));
+  call.connection = stream.connection();
+  const bool sent = send_frame(self, fd, call.message_id, body, length);
   stream.end_sending();
-  return {sent, queued_since ? sync_timeout_ms - ptz::elapsed_ms(*queued_since, ptz::clock_now()) : sync_timeout_ms};
+  const gint64 queued_ms = queued_since ? ptz::elapsed_ms(*queued_since, ptz::clock_now()) : 0;
+  return {sent ? SyncSend::Outcome::sent : SyncSend::Outcome::failed, fd, sync_timeout_ms - queued_ms};
 }
 
 // contract: without a lock, one counter for both kinds of requests.
@@ -148,8 +151,7 @@ static void ptz_socket_client_command_class_init(PTZSocketClientCommandClass *kl
 PTZSocketClientCommand *ptz_socket_client_command_new(const gchar *path, gint fd, gint type) {
   // Bounded waits need it, and what is drained before a send must not be waited for.
   if (path == nullptr && fd >= 0) (void)ptz::set_non_blocking(fd);
-  auto *self = PTZ_SOCKET_CLIENT_COMMAND(ptz_socket_client_new(PTZ_TYPE_SOCKET_CLIENT_COMMAND, path, fd, type));
-  return self;
+  return PTZ_SOCKET_CLIENT_COMMAND(ptz_socket_client_new(PTZ_TYPE_SOCKET_CLIENT_COMMAND, path, fd, type));
 }
 
 void ptz_socket_client_command_register_free_callback(PTZSocketClientCommand *client,
@@ -192,15 +194,16 @@ gboolean ptz_socket_client_command_sync_send(PTZSocketClientCommand *client, gco
   g_return_val_if_fail(reply_buffer != NULL, FALSE);
   g_return_val_if_fail(reply_length_out != NULL, FALSE);
   auto &stream = private_of(client)->stream;
-  ptz::SyncCall call = {take_message_id(client), reply_buffer, reply_length_out};
+  ptz::SyncCall call(take_message_id(client), reply_buffer, reply_length_out);
   stream.begin(call);
   drain(client);
-  const gint fd = ptz::descriptor_of(endpoint_of(client));
-  const SyncSend request = send_synchronously(client, fd, call.message_id, body, length);
-  if (request.sent && stream.await_reply(call, fd, request.reply_timeout_ms)) return TRUE;
-  if (request.sent) {
+  const SyncSend request = send_synchronously(client, call, body, length);
+  const bool is_sent = request.outcome == SyncSend::Outcome::sent;
+  if (is_sent && stream.await_reply(call, request.fd, request.reply_timeout_ms)) return TRUE;
+  // contract: the text of a time-out, whatever ended the wait, and before the watch is switched on. A failed send is
+  // silent.
+  if (request.outcome != SyncSend::Outcome::failed) {
     log_func(LOG_WARNING, "Timeout waiting for response to message %d!", static_cast<int>(call.message_id));
   }
-  stream.end(call);
-  return FALSE;
+  return stream.end(call) ? TRUE : FALSE;
 }

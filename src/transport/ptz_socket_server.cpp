@@ -47,8 +47,8 @@ gboolean server_send(gpointer reply_context, gconstpointer data, guint32 length)
   return FALSE;
 }
 
-// In the thread that runs the default main context, or if no thread runs it. Otherwise that thread may be looking at
-// the list of connections, which the source closes when GLib frees it.
+// Does nothing if another thread runs the default main context: that thread may be walking the list. The source then
+// closes the connections when GLib frees it.
 void close_everything(PTZSocketServer *self) {
   if (!g_main_context_acquire(self->context)) return;
   auto *source = ptz::ServerSource::of(self);
@@ -105,6 +105,7 @@ PTZSocketServer *ptz_socket_server_fd_new(GType object_type, gint fd, gint type)
 void ptz_socket_server_register_callback(PTZSocketServer *server, PTZSocketServerCallback callback,
                                          gpointer user_data) {
   g_return_if_fail(PTZ_IS_SOCKET_SERVER(server));
+  if (server->source == nullptr) return;  // a server that ptz_socket_new() has made serves no clients
   g_source_set_callback(&server->source->source, G_SOURCE_FUNC(callback), user_data, nullptr);
 }
 
@@ -119,7 +120,7 @@ gboolean ptz_socket_server_send(gpointer reply_context, gconstpointer data, guin
 void ptz_socket_server_close(PTZSocketServer *server, PTZSocketServerClient *client) {
   g_return_if_fail(PTZ_IS_SOCKET_SERVER(server));
   auto *source = ptz::ServerSource::of(server);
-  GList *link = g_list_find(source->base.clients, client);
+  GList *link = source != nullptr ? g_list_find(source->base.clients, client) : nullptr;
   g_return_if_fail(link != NULL);
   source->turns.forget(link);
   ptz::forget_client_in_plain_reply_context(client);

@@ -7,7 +7,8 @@
 namespace ptz {
 
 // Callbacks of a command client run only in a thread that has acquired the default main context, so one thread at a
-// time. A send inside a callback drains the socket, but hands the replies to the main loop: callbacks do not nest.
+// time. A send inside a callback drains the socket, but hands the replies to the main loop: it never runs another
+// callback. A main loop that a callback runs may.
 //
 // running_here() may be called by any thread.
 class ReplyCallbacks {

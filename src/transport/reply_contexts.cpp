@@ -23,8 +23,7 @@ std::optional<ReplyContexts::Entry> ReplyContexts::remove(const PTZSocketServerC
   return entry;
 }
 
-// An entry that says something else is left of a context that was freed without a reply, whose memory a subclass uses
-// for a context of its own.
+// An entry with other contents belongs to a context that was freed without a reply; a subclass now uses its memory.
 std::optional<guint32> ReplyContexts::take(const PTZSocketServerCommandReplyContext *context) {
   const MutexLock lock(&mutex_);
   const auto entry = remove(context);

@@ -58,7 +58,7 @@ void deliver_reply(PTZSocketClientCommand *client, guint8 *frame, guint32 length
 // If the expiry timer holds the lock of the pending requests, its callback may be waiting for this thread. Then the
 // main loop finds out whether the reply has a request.
 void defer_reply(PTZSocketClientCommand *client, const guint8 *frame, guint32 length) {
-  if (!private_of(client)->pending.may_hold(frame::message_id_of(frame))) return;
+  if (!private_of(client)->pending.may_contain(frame::message_id_of(frame))) return;
   auto *reply = static_cast<DeferredReply *>(g_malloc(sizeof(DeferredReply) + length));
   reply->client.set(&client->parent_instance.parent_instance);
   std::memcpy(reply->frame, frame, length);

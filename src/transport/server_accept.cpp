@@ -15,7 +15,7 @@ namespace ptz {
 
 namespace {
 
-// Descriptors that a peer cannot use up. They keep accept(2) from failing, which would end the service for all.
+// Descriptor numbers that are kept free, so that accept(2) does not fail with EMFILE, which would end the service.
 constexpr rlim_t reserved_descriptors = 8;
 constexpr gint64 log_interval_ms = 60'000;
 

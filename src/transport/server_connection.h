@@ -16,8 +16,8 @@ class SharedAssembler;
 struct ServerConnection {
   enum class Input {
     open,
-    ended,      // the peer has half-closed; set by the read operation, which the server source asks no further
-    unwatched,  // ... and the server source watches for hang-up and error only, because replies may still follow
+    ended,      // the peer has half-closed; set by the read operation
+    unwatched,  // the server source watches for hang-up and error only, because replies may still follow
   };
 
   PTZSocketServerClient client;  // first: see of()
@@ -57,7 +57,7 @@ class SharedAssembler {
   // its partial frame lasts until another connection's turn.
   frame::FrameAssembler &turn_to(ServerConnection *connection);
 
-  // The connection goes, and what was received of its frame.
+  // Discards the connection's partial frame. Called before the connection is destroyed.
   void forget(const ServerConnection *connection);
 };
 

@@ -55,8 +55,8 @@ bool another_client_waits(ServerSource *self, const PTZSocketServerClient *serve
   return false;
 }
 
-// The peer has half-closed: its descriptor stays readable for ever. A reply may still follow, so the connection lives
-// on until the peer hangs up.
+// The peer has half-closed: its descriptor remains readable. A reply may still follow, so the connection stays open
+// until the peer hangs up.
 void watch_for_end_only(ServerSource *self, ServerConnection *connection) {
   connection->input = ServerConnection::Input::unwatched;
   if (connection->client.tag != nullptr) {
@@ -83,10 +83,7 @@ gboolean deliver(ServerSource *self, GList *link, const Callback &callback, gpoi
                  guint32 length) {
   const bool listener_waits = (events_of(self, self->base.tag) & readable_events) != 0;
   self->turns.message_delivered(link, another_client_waits(self, client_of(link)), listener_waits);
-  self->guard.enter();
-  const gboolean result = callback.function(callback.user_data, reply_context, message, length);
-  if (self->guard.leave()) resume(self);
-  return result;
+  return callback.function(callback.user_data, reply_context, message, length);
 }
 
 // A result if a message was delivered. Otherwise it is the next client's turn.
@@ -99,7 +96,7 @@ std::optional<gboolean> read_client(ServerSource *self, GList *link, const Callb
   const gint fd = connection->client.fd;
   const gint count =
       static_cast<gint>(PTZ_SOCKET_GET_CLASS(socket)->read(socket, fd, message, PTZ_SOCKET_FRAME_MAX, 0));
-  if (self->current != connection) return std::nullopt;  // an overridden read operation has closed it
+  if (self->current != connection) return std::nullopt;  // an overridden operation has closed it, as below
   if (count < 0 || (count == 0 && has_ended)) {
     ptz_socket_server_close(server, &connection->client);
     return std::nullopt;
@@ -114,7 +111,7 @@ std::optional<gboolean> read_client(ServerSource *self, GList *link, const Callb
   if (callback.function == nullptr) return std::nullopt;
   const SavedPlainReplyContext outer;
   gpointer reply_context = PTZ_SOCKET_SERVER_GET_CLASS(server)->get_reply_context(server, &connection->client);
-  if (reply_context == nullptr) return std::nullopt;
+  if (reply_context == nullptr || self->current != connection) return std::nullopt;
   return deliver(self, link, callback, reply_context, message, length);
 }
 
@@ -124,7 +121,9 @@ std::optional<gboolean> serve(ServerSource *self, GList *link, const Callback &c
   const bool has_ended = (events & ended_events) != 0;
   if ((events & readable_events) != 0) {
     self->current = ServerConnection::of(client);
+    self->guard.enter();  // before the callback: operations of subclasses, too, may run a main loop
     const auto result = read_client(self, link, callback, has_ended);
+    if (self->guard.leave()) resume(self);
     self->current = nullptr;
     return result;
   }

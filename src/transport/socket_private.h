@@ -9,7 +9,7 @@
 
 namespace ptz {
 
-// Of a file, whatever names it has.
+// Identifies a file independently of its path.
 struct FileIdentity {
   dev_t device;
   ino_t inode;

@@ -20,9 +20,9 @@ class Turns {
   bool listener_next_ = false;
 
  public:
-  // A dispatch begins: does the listening descriptor come before the clients?
+  // A dispatch begins: whether the listening descriptor comes before the clients.
   [[nodiscard]] bool take_listener_turn();
-  // ... and the client that comes first; null for an empty list.
+  // The client with which a dispatch begins; null for an empty list.
   [[nodiscard]] GList *take_first_client(GList *clients);
 
   // A dispatch ends with a message of the client in this link.

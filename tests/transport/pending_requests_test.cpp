@@ -141,24 +141,24 @@ TEST_F(PendingRequests, TakeInSeveralThreadsReturnsEachRequestOnce) {
   EXPECT_EQ(client.get()->pending, nullptr);
 }
 
-TEST_F(PendingRequests, MayHoldTellsWhetherARequestIsPending) {
-  EXPECT_FALSE(pending.may_hold(1));
+TEST_F(PendingRequests, MayContainTellsWhetherARequestIsPending) {
+  EXPECT_FALSE(pending.may_contain(1));
   add(1);
-  EXPECT_TRUE(pending.may_hold(1));
-  EXPECT_FALSE(pending.may_hold(2));
+  EXPECT_TRUE(pending.may_contain(1));
+  EXPECT_FALSE(pending.may_contain(2));
   take(1);
-  EXPECT_FALSE(pending.may_hold(1));
+  EXPECT_FALSE(pending.may_contain(1));
 }
 
-TEST_F(PendingRequests, MayHoldWhileAnotherThreadHoldsTheMutexIsTrueWithoutWaiting) {
+TEST_F(PendingRequests, MayContainWhileAnotherThreadHoldsTheMutexIsTrueWithoutWaiting) {
   const HeldMutex held(&client.get()->mutex);
-  EXPECT_TRUE(pending.may_hold(1));
+  EXPECT_TRUE(pending.may_contain(1));
 }
 
-TEST_F(PendingRequests, MayHoldLeavesTheMutexFree) {
+TEST_F(PendingRequests, MayContainLeavesTheMutexFree) {
   add(1);
-  (void)pending.may_hold(1);
-  (void)pending.may_hold(2);
+  (void)pending.may_contain(1);
+  (void)pending.may_contain(2);
   ASSERT_TRUE(g_mutex_trylock(&client.get()->mutex));
   g_mutex_unlock(&client.get()->mutex);
 }
@@ -265,7 +265,7 @@ TEST_F(PendingRequestsExpiry, CallbackMayUseTheRequestsAgain) {
     took_other = take(2) != nullptr;
     add(3);
     pending.start_timer();
-    may_hold = pending.may_hold(77);  // its own thread holds the mutex
+    may_hold = pending.may_contain(77);  // its own thread holds the mutex
   };
   advance_clock(expiry_ms);
   run_expiry();
@@ -278,13 +278,13 @@ TEST_F(PendingRequestsExpiry, CallbackMayUseTheRequestsAgain) {
   g_mutex_unlock(&client.get()->mutex);
 }
 
-TEST_F(PendingRequestsExpiry, CallbackMakesOtherThreadsWaitButNotInMayHold) {
+TEST_F(PendingRequestsExpiry, CallbackMakesOtherThreadsWaitButNotInMayContain) {
   Answer &expired = add(1);
   add(2);
   std::future<Request> taking;
   bool may_hold = false, taken_meanwhile = true, running_here = false, running_elsewhere = true;
   expired.then = [&] {
-    may_hold = in_thread([&] { return pending.may_hold(77); }).get();
+    may_hold = in_thread([&] { return pending.may_contain(77); }).get();
     taking = in_thread([&] { return take(2); });
     g_usleep(20'000);  // not a wait of the future, which goes by the clock that was moved
     taken_meanwhile = is_ready(taking);

@@ -1487,6 +1487,19 @@ TEST_P(CutFrame, OfASynchronousRequestIsTheLastThingOnTheConnection) {
   EXPECT_FALSE(client.watched());
 }
 
+TEST_P(CutFrame, OnADesynchronisedStreamLeavesWhatFollowsTheMalformedLengthUnread) {
+  Answer &pending = send();
+  reply(frame_claiming(0, 0, "").substr(0, 4) + frame(0, "forged"));
+  {
+    const LittleRoom room(client.fd(), GetParam().room);
+    EXPECT_FALSE(client.send("question", nullptr));
+  }
+  EXPECT_FALSE(client.send("another", nullptr));
+  EXPECT_FALSE(client.sync_send("and another"));
+  run_pending();
+  EXPECT_TRUE(pending.untouched());
+}
+
 // With a socket that is really full.
 TEST_F(SocketClientCommand, AFrameThatFitsOnlyInPartIsTheLastThingOnTheConnection) {
   const int small = 1;

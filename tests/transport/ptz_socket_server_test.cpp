@@ -830,6 +830,32 @@ TEST_F(OverriddenSocketServer, DoesNotCallBackWithoutAReplyContext) {
   EXPECT_EQ(server.client_count(), 2u);
 }
 
+TEST_F(OverriddenSocketServer, ClosesItsClientInGetReplyContextWithoutACallback) {
+  operations.get_reply_context = [](PTZSocketServer *self, PTZSocketServerClient *client) -> gpointer {
+    ptz_socket_server_close(self, client);
+    static PTZSocketServerReplyContext context = {nullptr, self};
+    return &context;
+  };
+  send_all(peer.get(), "hello");
+  run_pending();
+  EXPECT_TRUE(server.messages.empty());
+  EXPECT_EQ(server.client_count(), 0u);
+}
+
+TEST_F(OverriddenSocketServer, ReadThatRunsAMainLoopIsNotCalledAgainFromThere) {
+  int depth = 0, deepest = 0;
+  operations.read = [&](gint fd, gpointer buffer, gsize length, gint) -> gssize {
+    deepest = std::max(deepest, ++depth);
+    iterate(5);
+    --depth;
+    return read(fd, buffer, length);
+  };
+  send_all(peer.get(), "hello");
+  run_pending();
+  EXPECT_EQ(deepest, 1);
+  EXPECT_EQ(server.messages.size(), 1u);
+}
+
 TEST_F(OverriddenSocketServer, SendGoesThroughTheClassOfTheServer) {
   std::string sent;
   operations.send = [&](gpointer, std::string_view data) {
