@@ -42,8 +42,8 @@ typedef enum {
  * gone is an error result and does not end the process. Descriptors that the library opens are not inherited by child
  * programs.
  *
- * The sources and timers of an endpoint hold no reference to it. The last reference may be dropped in any thread, while
- * a main loop runs. A callback that is running then completes first: the endpoint is finalized when the callback
+ * The sources and timers of an endpoint hold no reference to it. The last reference may be dropped in any thread, even
+ * while a main loop runs. A callback that is running then completes first: the endpoint is finalized when the callback
  * returns, in the thread of the main loop.
  */
 struct _PTZSocket {

@@ -24,7 +24,9 @@ typedef struct _PTZSocketClientCommandClass PTZSocketClientCommandClass;
  * @request_context: the context of a request that never got an answer
  * @free_user_data: what was given to ptz_socket_client_command_register_free_callback()
  *
- * Releases the context of an asynchronous request whose client goes before its reply came. It must not use the client.
+ * Releases the context of an asynchronous request whose client is finalized before its reply came. It must not use the
+ * client. It runs in the thread that finalizes the client. If a request times out while no reply callback is
+ * registered, it runs on the default main context instead, with the client's @mutex held.
  */
 typedef void (*PTZSocketClientCommandFreeCallback) (gpointer request_context, gpointer free_user_data);
 
@@ -157,7 +159,8 @@ PTZ_API gboolean ptz_socket_client_command_async_send (PTZSocketClientCommand *c
  * @reply_length_out: where its length goes
  *
  * Sends a request and waits for its reply, at most ten seconds; the calls of several threads wait side by side. If
- * other threads are sending, the ten seconds include the wait for them. Meanwhile the main loop does not watch the
+ * other threads are sending, the ten seconds include the wait for them. On a client that is not connected it fails at
+ * once. On failure @reply_length_out keeps its value. Meanwhile the main loop does not watch the
  * descriptor; replies to asynchronous requests that arrive are handed to it. A peer that closes the connection, and a
  * malformed frame, end the wait at once, with the message of a time-out. A signal to the thread does not end the wait;
  * the first one is logged.

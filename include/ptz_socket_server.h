@@ -179,7 +179,7 @@ PTZ_API void ptz_socket_server_register_callback (PTZSocketServer *server, PTZSo
  * @reply_context: (nullable): what the callback received: freed by this call on a command server, borrowed on a plain
  *   one; `NULL` answers nobody, successfully
  * @data: (array length=length) (element-type guint8): the answer; borrowed
- * @length: bytes in @data, at least 1
+ * @length: bytes in @data, at least 1; on a command server at most `PTZ_SOCKET_BODY_MAX`
  *
  * Answers a message, through the class of the server that the context names.
  *

@@ -147,7 +147,8 @@ std::shared_ptr<DriverLink::Connection> DriverLink::borrow() {
   return connection_;
 }
 
-// The last reference must not go in a worker thread: the main loop may be running the client's source just then.
+// The descriptor may be closed only when the client was finalized. If the main loop is running a callback of the
+// client, that is after the callback; so both go there.
 void DriverLink::give_back(std::shared_ptr<Connection> connection, bool lost) {
   if (lost) {
     // At once, so that the caller who waits for a connection now does not find this one.
