@@ -19,6 +19,8 @@ constexpr int rounds = 150;
 
 // Drops the reference in another thread, some microseconds later, while the main loop runs here.
 void drop_in_thread(gpointer object, unsigned delay) {
+  // One loop that keeps the context, as a program's does.
+  ASSERT_TRUE(g_main_context_acquire(nullptr));
   std::atomic<bool> dropped = false;
   std::thread dropper([&] {
     for (unsigned i = 0; i < delay * 50; ++i) std::atomic_signal_fence(std::memory_order_seq_cst);
@@ -26,8 +28,6 @@ void drop_in_thread(gpointer object, unsigned delay) {
     dropped = true;
     g_main_context_wakeup(nullptr);
   });
-  // One loop that keeps the context, as a program's does.
-  ASSERT_TRUE(g_main_context_acquire(nullptr));
   while (!dropped) g_main_context_iteration(nullptr, FALSE);
   g_main_context_release(nullptr);
   dropper.join();
