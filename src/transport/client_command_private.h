@@ -4,6 +4,7 @@
 
 #include "ptz_socket_client_command.h"
 #include "transport/client_stream.h"
+#include "transport/deferred_replies.h"
 #include "transport/pending_requests.h"
 #include "transport/reply_callbacks.h"
 
@@ -12,9 +13,11 @@ namespace ptz {
 struct ClientCommandPrivate {
   ReplyCallbacks callbacks;
   PendingRequests pending;
+  DeferredReplies deferred;
   ClientStream stream;
 
-  explicit ClientCommandPrivate(PTZSocketClientCommand *client) : pending(client, &callbacks), stream(client) {}
+  explicit ClientCommandPrivate(PTZSocketClientCommand *client)
+      : pending(client, &callbacks), deferred(client), stream(client) {}
 };
 
 [[nodiscard]] ClientCommandPrivate *private_of(PTZSocketClientCommand *client);
@@ -25,6 +28,9 @@ struct ClientCommandPrivate {
 // Any thread. Delivers a reply to its request, in this thread or through the main loop. Not with `mutex_` of the stream
 // held: a callback may send again, or drop the client.
 void deliver_reply(PTZSocketClientCommand *client, guint8 *frame, guint32 length);
+
+// Default main context acquired. Calls the callback of the request that the reply is for, if there is one.
+void handle_reply(PTZSocketClientCommand *client, guint8 *frame, guint32 length);
 
 // Any thread. Queues a copy of a reply for the main loop. The caller may hold `mutex_` of the stream, or be an expiry
 // callback, which holds the mutex of the pending requests.

@@ -19,10 +19,7 @@ PTZSocket *reference_if_alive(PTZSocket *endpoint) {
 
 }  // namespace
 
-void EndpointLifetime::begin(PTZSocket *endpoint) {
-  g_weak_ref_init(&self, endpoint);
-  references = nullptr;
-}
+void EndpointLifetime::begin(PTZSocket *endpoint) { g_weak_ref_init(&self, endpoint); }
 
 void EndpointLifetime::revive(PTZSocket *endpoint) {
   const bool is_in_use = g_atomic_int_get(&endpoint->parent_instance.ref_count) > 1;
@@ -31,27 +28,7 @@ void EndpointLifetime::revive(PTZSocket *endpoint) {
 
 void EndpointLifetime::end() {
   const MutexLock lock(&lifetime_mutex);
-  for (auto *reference = references; reference != nullptr; reference = reference->next) reference->endpoint = nullptr;
-  references = nullptr;
   g_weak_ref_clear(&self);
-}
-
-void EndpointReference::set(PTZSocket *to) {
-  const MutexLock lock(&lifetime_mutex);
-  auto &lifetime = lifetime_of(to);
-  endpoint = to;
-  previous = nullptr;
-  next = lifetime.references;
-  if (next != nullptr) next->previous = this;
-  lifetime.references = this;
-}
-
-void EndpointReference::clear() {
-  const MutexLock lock(&lifetime_mutex);
-  if (endpoint == nullptr) return;
-  (previous != nullptr ? previous->next : lifetime_of(endpoint).references) = next;
-  if (next != nullptr) next->previous = previous;
-  endpoint = nullptr;
 }
 
 EndpointUse::EndpointUse(GSource *source, gpointer endpoint) : endpoint_(nullptr) {
@@ -59,11 +36,6 @@ EndpointUse::EndpointUse(GSource *source, gpointer endpoint) : endpoint_(nullptr
   const MutexLock lock(&lifetime_mutex);
   if (source != nullptr && g_source_is_destroyed(source)) return;
   endpoint_ = reference_if_alive(static_cast<PTZSocket *>(endpoint));
-}
-
-EndpointUse::EndpointUse(const EndpointReference &reference) : endpoint_(nullptr) {
-  const MutexLock lock(&lifetime_mutex);
-  if (reference.endpoint != nullptr) endpoint_ = reference_if_alive(reference.endpoint);
 }
 
 EndpointUse::~EndpointUse() {

@@ -121,6 +121,7 @@ PTZSocketClientCommandPrivate *ptz::private_of(PTZSocketClientCommand *client) {
 
 static void ptz_socket_client_command_finalize(GObject *object) {
   auto *self = PTZ_SOCKET_CLIENT_COMMAND(object);
+  private_of(self)->deferred.end();
   private_of(self)->pending.clear();
   std::destroy_at(private_of(self));
   g_free(self->buffer);
@@ -167,7 +168,8 @@ gboolean ptz_socket_client_command_async_send(PTZSocketClientCommand *client, gc
   g_return_val_if_fail(PTZ_IS_SOCKET_CLIENT_COMMAND(client), FALSE);
   g_return_val_if_fail(length <= PTZ_SOCKET_BODY_MAX, FALSE);
   const auto keep = ptz::share(client);  // a reply that is drained may be the reason to drop the client
-  auto &[callbacks, pending, stream] = *private_of(client);
+  auto &pending = private_of(client)->pending;
+  auto &stream = private_of(client)->stream;
   drain(client);
   const guint32 message_id = take_message_id(client);
   // contract: pending before it is sent, because another thread may read the reply at once.
