@@ -12,6 +12,7 @@
 
 #include "clock.h"
 #include "command_ends.h"
+#include "held_mutex.h"
 #include "peers.h"
 #include "syslog_capture.h"
 #include "transport/client_command_private.h"
@@ -57,26 +58,6 @@ class PendingRequests : public testing::Test {
 };
 
 using PendingRequestsExpiry = PendingRequests;
-
-// While it lives, another thread holds the mutex.
-class HeldMutex {
-  std::promise<void> release_;
-  std::promise<void> held_;
-  std::future<void> holder_;
-
- public:
-  explicit HeldMutex(GMutex *mutex)
-      : holder_(in_thread([this, mutex] {
-          g_mutex_lock(mutex);
-          held_.set_value();
-          release_.get_future().wait();
-          g_mutex_unlock(mutex);
-        })) {
-    held_.get_future().wait();
-  }
-  HeldMutex(const HeldMutex &) = delete;
-  ~HeldMutex() { release_.set_value(); }
-};
 
 }  // namespace
 
