@@ -44,7 +44,7 @@ TEST_F(ClientStreamCalls, ReaderHandsRepliesToCallsThatDoNotAwaitThemYet) {
   EXPECT_TRUE(reading.get());
   EXPECT_TRUE(await(sending));
   EXPECT_EQ(sending.body(), "early");
-  stream.end(sending.call);
+  end(sending);
 }
 
 TEST_F(ClientStreamCalls, ReaderHandsOtherRepliesToTheMainLoop) {
@@ -100,7 +100,7 @@ TEST_F(ClientStreamCalls, ReaderPassesItsRoleToASleeperNotToACallThatIsStillSend
   EXPECT_TRUE(reading.get());
   peer_sends(frame(2, "to the second"));
   EXPECT_TRUE(sleeping.get());
-  stream.end(sending.call);
+  end(sending);
 }
 
 TEST_F(ClientStreamCalls, ReaderWhoseTimeIsUpPassesItsRoleOn) {
@@ -150,7 +150,7 @@ TEST_F(ClientStreamCalls, CallWithoutTimeFailsWithoutWaiting) {
   EXPECT_FALSE(await(request, 0));
   EXPECT_FALSE(await(request, -5));
   EXPECT_EQ(waits, 0);
-  stream.end(request.call);
+  end(request);
 }
 
 TEST_F(ClientStreamCalls, MalformedLengthWakesReaderAndSleepers) {
@@ -210,7 +210,7 @@ TEST_F(ClientStreamCalls, EndOfStreamEndsEveryCall) {
 TEST_F(ClientStreamCalls, EndOfACallThatNeverAwaitedItsReplyWakesASleeper) {
   Request &reader = begin(1), &sleeper = begin(2), &not_sent = begin(3);
   auto reading = finish_as_reader(reader), sleeping = finish_asleep(sleeper);
-  stream.end(not_sent.call);
+  end(not_sent);
   peer_sends(frame(1, "to the reader"));
   EXPECT_TRUE(reading.get());
   peer_sends(frame(2, "to the second"));

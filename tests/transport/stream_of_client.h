@@ -33,7 +33,9 @@ struct Request {
   guint32 length = 0;
   ptz::SyncCall call;
 
-  explicit Request(guint32 message_id) : call{message_id, reply.data(), &length} {}
+  bool ended = false;
+
+  explicit Request(guint32 message_id) : call(message_id, reply.data(), &length) {}
   Request(Request &&) = delete;
   [[nodiscard]] std::string body() const { return {reply.begin(), reply.begin() + length}; }
   // Without the stream's mutex: a call that falls asleep holds it until it does.
@@ -82,14 +84,27 @@ class ClientStream : public testing::Test {
   Request &begin(guint32 message_id) {
     requests_.push_back(std::make_unique<Request>(message_id));
     stream.begin(requests_.back()->call);
+    requests_.back()->call.connection = stream.connection();  // as if it was sent
     return *requests_.back();
   }
-  bool await(Request &request, gint64 limit_ms = long_ms) { return stream.await_reply(request.call, fd, limit_ms); }
+  bool await_on(Request &request, int descriptor, gint64 limit_ms = long_ms) {
+    return request.ended = stream.await_reply(request.call, descriptor, limit_ms);
+  }
+  bool await(Request &request, gint64 limit_ms = long_ms) { return await_on(request, fd, limit_ms); }
+  void end(Request &request) {
+    if (!std::exchange(request.ended, true)) (void)stream.end(request.call);
+  }
+  bool begin_sending(gint64 limit_ms, bool &had_to_wait) {
+    std::optional<timespec> queued_since;
+    const bool is_mine = stream.begin_sending(limit_ms, queued_since);
+    had_to_wait = queued_since.has_value();
+    return is_mine;
+  }
   // In a thread of its own, with the end of the call.
   std::future<bool> finish(Request &request, gint64 limit_ms = long_ms) {
     return in_thread([this, &request, limit_ms] {
       const bool answered = await(request, limit_ms);
-      stream.end(request.call);
+      end(request);
       return answered;
     });
   }
