@@ -13,8 +13,8 @@
 
 namespace {
 
-using ptz::status::integer;
 using ptz::clock_now;
+using ptz::status::integer;
 using ptz::status::seconds_and_nanoseconds;
 using ptz::status::time_words;
 
