@@ -138,7 +138,7 @@ bool ClientStream::hand_to_call() {
 
 ClientStream::Taken ClientStream::take_frame(gint fd, guint8 *frame, guint32 &length) {
   const MutexLock lock(&mutex_);
-  if (has_reader_) return Taken::nothing;
+  if (reader_ != nullptr) return Taken::nothing;
   const Reception reception = receive(fd);
   if (reception.outcome == Outcome::failed || reception.outcome == Outcome::malformed) return Taken::failed;
   if (reception.outcome != Outcome::complete) return Taken::nothing;
@@ -176,12 +176,20 @@ void ClientStream::remove(SyncCall &call) {
   wake_one();
   if (calls_ != nullptr) return;
   if (state_ == State::waiting) state_ = State::watched;
-  if (state_ != State::desynchronised) start_watch(&client_->parent_instance);
+  if (state_ != State::desynchronised && !watches_foreign_descriptor()) start_watch(&client_->parent_instance);
+}
+
+// The source keeps the number that the endpoint had first. After a reconnection it may belong to other code.
+bool ClientStream::watches_foreign_descriptor() const {
+  auto *client = &client_->parent_instance;
+  if (client->source == nullptr) return false;
+  const gint watched = ptz_file_g_source_get_fd(client->source);
+  return watched >= 0 && watched != descriptor_of(&client->parent_instance);
 }
 
 // mutex_ held. If there is no reader, a sleeping call becomes it.
 void ClientStream::wake_one() {
-  if (has_reader_) return;
+  if (reader_ != nullptr) return;
   for (SyncCall *call = calls_; call != nullptr; call = call->next) {
     if (!call->sleeping || call->answered) continue;
     g_cond_signal(&call->changed);
@@ -198,7 +206,7 @@ bool ClientStream::await_reply(SyncCall &call, gint fd, gint64 limit_ms) {
   Deadline deadline(limit_ms);
   {
     const MutexLock lock(&mutex_);
-    while (has_reader_ && may_be_answered(call) && deadline.left_ms() > 0) {
+    while (reader_ != nullptr && may_be_answered(call) && deadline.left_ms() > 0) {
       call.sleeping = true;
       g_cond_wait_until(&call.changed, &mutex_, g_get_monotonic_time() + deadline.left_ms() * 1000);
       call.sleeping = false;
@@ -206,9 +214,14 @@ bool ClientStream::await_reply(SyncCall &call, gint fd, gint64 limit_ms) {
     }
     if (call.answered) remove(call);
     if (!may_be_answered(call) || deadline.left_ms() <= 0) return call.answered;
-    has_reader_ = true;
+    reader_ = &call;
   }
   return read_until_answered(call, fd, deadline);
+}
+
+// mutex_ held. A reconnection may have taken the role from this call.
+void ClientStream::give_up_reading(const SyncCall &call) {
+  if (reader_ == &call) reader_ = nullptr;
 }
 
 // The caller has the reader's role, and gives it up.
@@ -226,12 +239,12 @@ bool ClientStream::read_until_answered(SyncCall &call, gint fd, Deadline &deadli
     if (ready <= 0) continue;
     const MutexLock lock(&mutex_);
     if (may_be_answered(call) && read_for_calls(fd) && !call.answered) continue;
-    has_reader_ = false;
+    give_up_reading(call);
     if (call.answered) remove(call);
     return call.answered;
   }
   const MutexLock lock(&mutex_);
-  has_reader_ = false;
+  give_up_reading(call);
   return false;
 }
 
@@ -303,7 +316,9 @@ guint ClientStream::reconnect(guint (*add_retry)(PTZSocket *)) {
     const MutexLock lock(&mutex_);
     timer = add_retry(socket);
     ++connection_;
+    reader_ = nullptr;  // of the old connection: it may still wait for a number that means something else by now
     assembler_.reset();
+    stop_watch(&client_->parent_instance);
     state_ = calls_ != nullptr ? State::waiting : State::watched;
     wake_all();
   }

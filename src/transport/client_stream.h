@@ -131,7 +131,7 @@ class ClientStream {
   GCond sending_ended_;
   State state_ = State::watched;
   SyncCall *calls_ = nullptr;
-  bool has_reader_ = false;
+  SyncCall *reader_ = nullptr;
   std::atomic<guint> connection_ = 0;  // counts reconnections
   std::atomic<GThread *> sender_ = nullptr;
   std::atomic<int> waiting_senders_ = 0;  // changed with mutex_ held
@@ -144,6 +144,8 @@ class ClientStream {
   [[nodiscard]] bool read_until_answered(SyncCall &call, gint fd, Deadline &deadline);
   void remove(SyncCall &call);
   [[nodiscard]] bool read_for_calls(gint fd);
+  void give_up_reading(const SyncCall &call);
+  [[nodiscard]] bool watches_foreign_descriptor() const;
   void wake_one();
   void wake_all();
 };

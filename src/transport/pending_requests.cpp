@@ -50,7 +50,7 @@ GList *PendingRequests::find(guint32 message_id) const {
 
 void PendingRequests::add(gpointer context, guint32 message_id) {
   auto *request = g_slice_new(PendingRequest);
-  *request = {context, message_id, logged_clock_now()};
+  *request = {context, message_id, logged_clock_now(), false};
   request->deadline.tv_sec += reply_timeout_s;
   const Lock lock(this);
   client_->pending = g_list_append(client_->pending, request);
@@ -65,11 +65,13 @@ PendingRequest *PendingRequests::take(guint32 message_id) {
   return request;
 }
 
-bool PendingRequests::may_contain(guint32 message_id) {
+bool PendingRequests::may_defer(guint32 message_id) {
   if (!g_mutex_trylock(&client_->mutex)) return true;
-  const bool found = find(message_id) != nullptr;
+  GList *link = find(message_id);
+  const bool is_first =
+      link != nullptr && !std::exchange(static_cast<PendingRequest *>(link->data)->has_deferred_reply, true);
   g_mutex_unlock(&client_->mutex);
-  return found;
+  return is_first;
 }
 
 void PendingRequests::start_timer() {

@@ -14,6 +14,7 @@ struct PendingRequest {
   gpointer context;
   guint32 message_id;
   timespec deadline;
+  bool has_deferred_reply;
 };
 
 inline void free_pending_request(PendingRequest *request) { g_slice_free(PendingRequest, request); }
@@ -26,9 +27,9 @@ inline void free_pending_request(PendingRequest *request) { g_slice_free(Pending
 //
 // Lock: the client's `mutex`, a leaf except for one case. contract: the expiry timer holds it while it calls the
 // callback of an expired request. In that thread it counts as held, so the callback may send and receive. Another
-// thread that holds locks of its own must not wait for it: may_contain() only tries.
+// thread that holds locks of its own must not wait for it: may_defer() only tries.
 //
-// add(), take(), may_contain() and start_timer(): any thread. Expiry: default main context. clear(): the finalizer.
+// add(), take(), may_defer() and start_timer(): any thread. Expiry: default main context. clear(): the finalizer.
 class PendingRequests {
   PTZSocketClientCommand *client_;
   ReplyCallbacks *callbacks_;
@@ -44,8 +45,9 @@ class PendingRequests {
   void add(gpointer context, guint32 message_id);
   // Null if there is none with this id. The caller frees it with free_pending_request().
   [[nodiscard]] PendingRequest *take(guint32 message_id);
-  // Whether a request with this id may be pending. Does not block: if the mutex is taken, returns true.
-  [[nodiscard]] bool may_contain(guint32 message_id);
+  // Whether a reply with this id is to be deferred: its request may be pending, and no other reply is deferred for it,
+  // so a peer cannot fill the memory with replies. Does not block: if the mutex is taken, returns true.
+  [[nodiscard]] bool may_defer(guint32 message_id);
   // One timer serves all requests.
   void start_timer();
   // Ends the timer and releases every request through cleanup_table_entry().

@@ -43,7 +43,11 @@ gboolean retry_connection(gpointer user_data) {
   const ptz::EndpointUse use(g_main_current_source(), user_data);
   auto *self = use.get();
   if (self == nullptr) return G_SOURCE_CONTINUE;
-  gint32 fd = self->fd;
+  gint32 fd = ptz::descriptor_of(self);
+  if (fd >= 0) {  // another timer, started by another thread while this one connected, has nothing left to do
+    self->retry_source = 0;
+    return G_SOURCE_REMOVE;
+  }
   if (self->socket != nullptr) ptz::open_client_socket(self->socket, &fd, self->type);
   if (fd == -1) return G_SOURCE_CONTINUE;
   self->retry_source = 0;  // first: a thread that uses the descriptor may start another timer

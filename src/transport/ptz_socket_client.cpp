@@ -31,7 +31,9 @@ gboolean descriptor_ready(gpointer user_data) {
   guint8 buffer[PTZ_SOCKET_FRAME_MAX];
   errno = 0;
   const gint result = static_cast<gint>(PTZ_SOCKET_GET_CLASS(self)->read(self, fd, buffer, sizeof buffer, 0));
-  if (result < 0 && ptz::nothing_more_to_read(fd, errno)) ptz_file_g_source_remove_poll(client->source);
+  // An operation of ours that returns 0 sets errno; one of a subclass may return 0 at an end of file for ever.
+  const bool may_have_ended = result < 0 || (result == 0 && errno == 0);
+  if (may_have_ended && ptz::nothing_more_to_read(fd, errno)) ptz_file_g_source_remove_poll(client->source);
   return G_SOURCE_CONTINUE;
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <memory>
 #include <optional>
@@ -31,6 +32,7 @@ using ptz::frame::FrameSent;
 
 constexpr gint64 sync_timeout_ms = 10'000;
 constexpr gint64 queue_timeout_ms = 8'000;  // for the sends of other threads; a send of one's own may take two seconds
+constexpr gint64 long_send_ms = 50;
 constexpr int drained_frames = 11;
 
 PTZSocket *endpoint_of(PTZSocketClientCommand *self) { return &self->parent_instance.parent_instance; }
@@ -44,7 +46,10 @@ gssize command_read(PTZSocket *socket, gint fd, gpointer out, gsize out_size, gi
   guint32 length = 0;
   const Taken taken = private_of(self)->stream.take_frame(fd, frame, length);
   if (taken == Taken::failed) return -1;
-  if (taken == Taken::nothing) return 0;
+  if (taken == Taken::nothing) {
+    errno = EAGAIN;
+    return 0;
+  }
   const gsize copied = out != nullptr ? std::min<gsize>(out_size, length) : 0;
   if (frame == own_copy && copied > 0) std::memcpy(out, frame, copied);
   if (taken == Taken::deferred) {
@@ -89,17 +94,20 @@ struct SyncSend {
   gint64 reply_timeout_ms;
 };
 
-// The ten seconds begin after the send. If the thread has to wait for the sends of others, they begin with that wait.
+// The ten seconds begin after the send. If that took long, because other threads were sending or the peer did not read,
+// they begin with the call.
 SyncSend send_synchronously(PTZSocketClientCommand *self, ptz::SyncCall &call, gconstpointer body, guint32 length) {
   auto &stream = private_of(self)->stream;
+  const timespec start = ptz::clock_now();
   std::optional<timespec> queued_since;
   if (!stream.begin_sending(queue_timeout_ms, queued_since)) return {SyncSend::Outcome::too_late, -1, 0};
   const gint fd = ptz::descriptor_of(endpoint_of(self));
   call.connection = stream.connection();
   const bool sent = send_frame(self, fd, call.message_id, body, length);
   stream.end_sending();
-  const gint64 queued_ms = queued_since ? ptz::elapsed_ms(*queued_since, ptz::clock_now()) : 0;
-  return {sent ? SyncSend::Outcome::sent : SyncSend::Outcome::failed, fd, sync_timeout_ms - queued_ms};
+  const gint64 spent_ms = ptz::elapsed_ms(start, ptz::clock_now());
+  return {sent ? SyncSend::Outcome::sent : SyncSend::Outcome::failed, fd,
+          sync_timeout_ms - (spent_ms >= long_send_ms ? spent_ms : 0)};
 }
 
 // contract: without a lock, one counter for both kinds of requests.

@@ -43,7 +43,9 @@ gboolean server_send(gpointer reply_context, gconstpointer data, guint32 length)
   auto *socket = PTZ_SOCKET(context->server);
   const gssize sent = PTZ_SOCKET_GET_CLASS(socket)->write(socket, context->client->fd, data, length, send_timeout_ms);
   if (static_cast<gint>(sent) >= 0) return TRUE;
-  if (errno != EAGAIN && errno != EINTR) ptz_socket_server_close(context->server, context->client);
+  const bool may_go_on = errno == EAGAIN || errno == EINTR;
+  // An overridden write operation may have closed the client.
+  if (!may_go_on && context->client != nullptr) ptz_socket_server_close(context->server, context->client);
   return FALSE;
 }
 

@@ -34,7 +34,7 @@ void deliver_reply(PTZSocketClientCommand *client, guint8 *frame, guint32 length
 // main loop finds out whether the reply has a request.
 void defer_reply(PTZSocketClientCommand *client, const guint8 *frame, guint32 length) {
   auto *state = private_of(client);
-  if (state->pending.may_contain(frame::message_id_of(frame))) state->deferred.add(frame, length);
+  if (state->pending.may_defer(frame::message_id_of(frame))) state->deferred.add(frame, length);
 }
 
 }  // namespace ptz

@@ -97,10 +97,12 @@ std::optional<gboolean> read_client(ServerSource *self, GList *link, const Callb
   const gint count =
       static_cast<gint>(PTZ_SOCKET_GET_CLASS(socket)->read(socket, fd, message, PTZ_SOCKET_FRAME_MAX, 0));
   if (self->current != connection) return std::nullopt;  // an overridden operation has closed it, as below
-  if (count < 0 || (count == 0 && has_ended)) {
+  // A frame without a body gives 0 too, and there may be others behind it.
+  if (count < 0 || (count == 0 && has_ended && !connection->received)) {
     ptz_socket_server_close(server, &connection->client);
     return std::nullopt;
   }
+  if (count == 0 && has_ended) return std::nullopt;
   if (count == 0) {
     const bool ended = connection->input == ServerConnection::Input::ended;
     if (ended || (!connection->received && at_end_of_stream(fd))) watch_for_end_only(self, connection);

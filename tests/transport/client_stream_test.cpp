@@ -339,8 +339,13 @@ TEST_F(ClientStreamSending, EndOfATurnWakesTheNextSender) {
   for (const gint64 limit_ms : {ptz::ClientStream::no_limit, long_ms}) {
     bool had_to_wait = false, waited = false;
     ASSERT_TRUE(begin_sending(ptz::ClientStream::no_limit, had_to_wait));
-    auto next = in_thread([&] { return begin_sending(limit_ms, waited); });
-    g_usleep(10'000);
+    std::atomic<bool> started = false;
+    auto next = in_thread([&] {
+      started = true;
+      return begin_sending(limit_ms, waited);
+    });
+    while (!started) g_usleep(100);
+    g_usleep(50'000);
     EXPECT_FALSE(is_ready(next));
     stream.end_sending();
     EXPECT_TRUE(next.get());

@@ -122,24 +122,24 @@ TEST_F(PendingRequests, TakeInSeveralThreadsReturnsEachRequestOnce) {
   EXPECT_EQ(client.get()->pending, nullptr);
 }
 
-TEST_F(PendingRequests, MayContainTellsWhetherARequestIsPending) {
-  EXPECT_FALSE(pending.may_contain(1));
+TEST_F(PendingRequests, MayDeferTellsWhetherARequestIsPending) {
+  EXPECT_FALSE(pending.may_defer(1));
   add(1);
-  EXPECT_TRUE(pending.may_contain(1));
-  EXPECT_FALSE(pending.may_contain(2));
+  EXPECT_TRUE(pending.may_defer(1));
+  EXPECT_FALSE(pending.may_defer(2));
   take(1);
-  EXPECT_FALSE(pending.may_contain(1));
+  EXPECT_FALSE(pending.may_defer(1));
 }
 
-TEST_F(PendingRequests, MayContainWhileAnotherThreadHoldsTheMutexIsTrueWithoutWaiting) {
+TEST_F(PendingRequests, MayDeferWhileAnotherThreadHoldsTheMutexIsTrueWithoutWaiting) {
   const HeldMutex held(&client.get()->mutex);
-  EXPECT_TRUE(pending.may_contain(1));
+  EXPECT_TRUE(pending.may_defer(1));
 }
 
-TEST_F(PendingRequests, MayContainLeavesTheMutexFree) {
+TEST_F(PendingRequests, MayDeferLeavesTheMutexFree) {
   add(1);
-  (void)pending.may_contain(1);
-  (void)pending.may_contain(2);
+  (void)pending.may_defer(1);
+  (void)pending.may_defer(2);
   ASSERT_TRUE(g_mutex_trylock(&client.get()->mutex));
   g_mutex_unlock(&client.get()->mutex);
 }
@@ -246,7 +246,7 @@ TEST_F(PendingRequestsExpiry, CallbackMayUseTheRequestsAgain) {
     took_other = take(2) != nullptr;
     add(3);
     pending.start_timer();
-    may_hold = pending.may_contain(77);  // its own thread holds the mutex
+    may_hold = pending.may_defer(77);  // its own thread holds the mutex
   };
   advance_clock(expiry_ms);
   run_expiry();
@@ -259,13 +259,13 @@ TEST_F(PendingRequestsExpiry, CallbackMayUseTheRequestsAgain) {
   g_mutex_unlock(&client.get()->mutex);
 }
 
-TEST_F(PendingRequestsExpiry, CallbackMakesOtherThreadsWaitButNotInMayContain) {
+TEST_F(PendingRequestsExpiry, CallbackMakesOtherThreadsWaitButNotInMayDefer) {
   Answer &expired = add(1);
   add(2);
   std::future<Request> taking;
   bool may_hold = false, taken_meanwhile = true, running_here = false, running_elsewhere = true;
   expired.then = [&] {
-    may_hold = in_thread([&] { return pending.may_contain(77); }).get();
+    may_hold = in_thread([&] { return pending.may_defer(77); }).get();
     taking = in_thread([&] { return take(2); });
     g_usleep(20'000);  // not a wait of the future, which goes by the clock that was moved
     taken_meanwhile = is_ready(taking);

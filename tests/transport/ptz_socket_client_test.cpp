@@ -580,6 +580,19 @@ TEST_F(SocketClientSubclass, SendsThroughItsOwnOperation) {
   EXPECT_EQ(writes[0].timeout_ms, 1'000);
 }
 
+TEST(SocketClientReadOfASubclass, ThatReturnsZeroAtEndOfFileDoesNotSpin) {
+  static const GType type = subclass(PTZ_TYPE_SOCKET_CLIENT, "ZeroAtEndClient", [](gpointer klass, gpointer) {
+    PTZ_SOCKET_CLASS(klass)->read = [](PTZSocket *, gint fd, gpointer buffer, gsize length, gint) -> gssize {
+      return read(fd, buffer, length);
+    };
+  });
+  const Pair pair;
+  const Object<PTZSocketClient> client(ptz_socket_client_new(type, nullptr, pair.ours.get(), SOCK_STREAM));
+  shutdown(pair.theirs.get(), SHUT_WR);
+  EXPECT_TRUE(run_until([&] { return !is_watched(client.get()); }));
+  EXPECT_LT(iterations_within(look_ms), few_iterations);
+}
+
 // --- data ready -------------------------------------------------------------------------------------------------
 
 struct SocketClientSignalDataReady : testing::Test {

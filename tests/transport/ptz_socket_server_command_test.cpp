@@ -169,6 +169,15 @@ TEST_F(SocketServerCommand, AFrameWithoutABodyReachesNobodyAndDisturbsNobody) {
   EXPECT_EQ(receive_waiting(peer.get()), frame(3, "answer"));
 }
 
+TEST_F(SocketServerCommand, FramesBehindOneWithoutABodyAreDeliveredAfterAHangUp) {
+  Descriptor peer = connect();
+  send_all(peer.get(), frame(0, "") + frame(1, "one") + frame(2, "two"));
+  peer.reset();
+  run_pending();
+  EXPECT_EQ(bodies(), (std::vector<std::string>{"one", "two"}));
+  EXPECT_EQ(server.client_count(), 0u);
+}
+
 TEST_F(SocketServerCommand, AFrameWithoutABodyLeavesNoMessageForAnotherClient) {
   const Descriptor older = connect(), newer = connect();
   send_all(older.get(), frame(8, "body"));

@@ -842,6 +842,23 @@ TEST_F(OverriddenSocketServer, ClosesItsClientInGetReplyContextWithoutACallback)
   EXPECT_EQ(server.client_count(), 0u);
 }
 
+TEST_F(OverriddenSocketServer, WriteThatClosesTheClientAndFailsIsHarmless) {
+  const GlibLogCapture log;
+  server.on_message = [this](const Message &message) {
+    operations.write = [this](gint, std::string_view, gint) -> gssize {
+      ptz_socket_server_close(server.get(), server.client(0));
+      errno = EPIPE;
+      return -1;
+    };
+    EXPECT_FALSE(ptz_socket_server_send(message.context, "answer", 6));
+    return TRUE;
+  };
+  send_all(peer.get(), "hello");
+  run_pending();
+  EXPECT_EQ(server.client_count(), 0u);
+  EXPECT_TRUE(log.messages().empty());
+}
+
 TEST_F(OverriddenSocketServer, ReadThatRunsAMainLoopIsNotCalledAgainFromThere) {
   int depth = 0, deepest = 0;
   operations.read = [&](gint fd, gpointer buffer, gsize length, gint) -> gssize {

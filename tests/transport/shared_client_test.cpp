@@ -216,6 +216,22 @@ TEST_F(SharedClientSyncSend, AnAsynchronousReplyGoesToTheMainLoopMeanwhile) {
   EXPECT_TRUE(answer.replied());
 }
 
+TEST_F(SharedClientSyncSend, RepliesThatAPeerRepeatsAreDeferredOnce) {
+  Answer &answer = prepare_answer();
+  ASSERT_TRUE(client.send("asynchronous", &answer));
+  ASSERT_TRUE(receive_frame(pair.theirs.get()));
+  start_callers();
+  const auto requests = take_requests();
+  for (int i = 0; i < 100; ++i) send_all(pair.theirs.get(), frame(0, body_of(PTZ_SOCKET_BODY_MAX)));
+  for (const Frame &request : requests) reply_to(request);
+  expect_all_answered();
+  // Deferred with the main loop at a standstill: one copy, which leaves nothing behind once it is delivered.
+  EXPECT_TRUE(answer.untouched());
+  EXPECT_EQ(ptz_socket_client_command_async_send(client.get(), "q", 1, nullptr), TRUE);
+  run_pending();
+  EXPECT_TRUE(answer.replied());
+}
+
 TEST_F(SharedClientSyncSend, EveryCallerIsBackTenSecondsAfterItsOwnCall) {
   const SyslogCapture log;
   std::atomic<int> waits = 0;
