@@ -69,8 +69,6 @@ timespec logged_clock_now() {
   return now;
 }
 
-Deadline::Deadline(gint64 limit_ms) : start_(logged_clock_now()), limit_ms_(limit_ms), left_ms_(limit_ms) {}
-
 void Deadline::update() { left_ms_ = limit_ms_ - elapsed_ms(start_, logged_clock_now()); }
 
 ClientStream::ClientStream(PTZSocketClientCommand *client)
@@ -202,8 +200,7 @@ bool ClientStream::may_be_answered(const SyncCall &call) const {
   return !call.answered && state_ == State::waiting && call.connection == connection_;
 }
 
-bool ClientStream::await_reply(SyncCall &call, gint fd, gint64 limit_ms) {
-  Deadline deadline(limit_ms);
+bool ClientStream::await_reply(SyncCall &call, gint fd, Deadline deadline) {
   {
     const MutexLock lock(&mutex_);
     while (reader_ != nullptr && may_be_answered(call) && deadline.left_ms() > 0) {

@@ -35,7 +35,7 @@ class Deadline {
   gint64 left_ms_;
 
  public:
-  explicit Deadline(gint64 limit_ms);
+  Deadline(const timespec &start, gint64 limit_ms) : start_(start), limit_ms_(limit_ms), left_ms_(limit_ms) {}
   [[nodiscard]] gint64 left_ms() const { return left_ms_; }
   void update();
 };
@@ -105,8 +105,8 @@ class ClientStream {
 
   // A synchronous call: begin() before the request is sent, await_reply() after it.
   void begin(SyncCall &call);
-  // Returns after `limit_ms` at the latest. On true the reply is in the caller's buffer and the call has ended.
-  [[nodiscard]] bool await_reply(SyncCall &call, gint fd, gint64 limit_ms);
+  // Returns at the deadline at the latest. On true the reply is in the caller's buffer and the call has ended.
+  [[nodiscard]] bool await_reply(SyncCall &call, gint fd, Deadline deadline);
   // Ends a call whose request was not sent or not answered. Returns whether its reply has come meanwhile.
   [[nodiscard]] bool end(SyncCall &call);
 

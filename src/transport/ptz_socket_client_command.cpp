@@ -91,7 +91,7 @@ bool send_frame(PTZSocketClientCommand *self, gint fd, guint32 message_id, gcons
 struct SyncSend {
   enum class Outcome { sent, failed, too_late } outcome;
   gint fd;
-  gint64 reply_timeout_ms;
+  ptz::Deadline deadline;
 };
 
 // The ten seconds begin after the send. If that took long, because other threads were sending or the peer did not read,
@@ -100,14 +100,15 @@ SyncSend send_synchronously(PTZSocketClientCommand *self, ptz::SyncCall &call, g
   auto &stream = private_of(self)->stream;
   const timespec start = ptz::clock_now();
   std::optional<timespec> queued_since;
-  if (!stream.begin_sending(queue_timeout_ms, queued_since)) return {SyncSend::Outcome::too_late, -1, 0};
+  if (!stream.begin_sending(queue_timeout_ms, queued_since)) return {SyncSend::Outcome::too_late, -1, {start, 0}};
   const gint fd = ptz::descriptor_of(endpoint_of(self));
   call.connection = stream.connection();
   const bool sent = send_frame(self, fd, call.message_id, body, length);
   stream.end_sending();
-  const gint64 spent_ms = ptz::elapsed_ms(start, ptz::clock_now());
+  const timespec end = ptz::logged_clock_now();
+  const gint64 spent_ms = ptz::elapsed_ms(start, end);
   return {sent ? SyncSend::Outcome::sent : SyncSend::Outcome::failed, fd,
-          sync_timeout_ms - (spent_ms >= long_send_ms ? spent_ms : 0)};
+          ptz::Deadline(end, sync_timeout_ms - (spent_ms >= long_send_ms ? spent_ms : 0))};
 }
 
 // contract: without a lock, one counter for both kinds of requests.
@@ -209,7 +210,7 @@ gboolean ptz_socket_client_command_sync_send(PTZSocketClientCommand *client, gco
   drain(client);
   const SyncSend request = send_synchronously(client, call, body, length);
   const bool is_sent = request.outcome == SyncSend::Outcome::sent;
-  if (is_sent && stream.await_reply(call, request.fd, request.reply_timeout_ms)) return TRUE;
+  if (is_sent && stream.await_reply(call, request.fd, request.deadline)) return TRUE;
   // contract: the text of a time-out, whatever ended the wait, and before the watch is switched on. A failed send is
   // silent.
   if (request.outcome != SyncSend::Outcome::failed) {

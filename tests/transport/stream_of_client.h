@@ -88,7 +88,8 @@ class ClientStream : public testing::Test {
     return *requests_.back();
   }
   bool await_on(Request &request, int descriptor, gint64 limit_ms = long_ms) {
-    return request.ended = stream.await_reply(request.call, descriptor, limit_ms);
+    return request.ended =
+               stream.await_reply(request.call, descriptor, ptz::Deadline(ptz::logged_clock_now(), limit_ms));
   }
   bool await(Request &request, gint64 limit_ms = long_ms) { return await_on(request, fd, limit_ms); }
   void end(Request &request) {
