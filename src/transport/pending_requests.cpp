@@ -1,7 +1,6 @@
 #include "transport/pending_requests.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <utility>
 
 #include "base/check.h"

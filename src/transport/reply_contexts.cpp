@@ -1,6 +1,7 @@
 #include "transport/reply_contexts.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace ptz {
 

@@ -1,7 +1,5 @@
 // src/transport/server_connection.h - everything that a server keeps for one connection.
 #pragma once
-#include <span>
-
 #include "ptz_socket_server.h"
 #include "transport/frame_assembler.h"
 

@@ -2,8 +2,11 @@
 
 #include <unistd.h>
 #include <algorithm>
+#include <cstddef>
 #include <memory>
+#include <optional>
 #include <type_traits>
+#include <utility>
 
 #include "base/check.h"
 #include "ptz_socket_frame.h"

@@ -1,7 +1,5 @@
 // src/transport/server_source.h - the event source of a server: accepts connections and serves them.
 #pragma once
-#include <optional>
-
 #include "transport/nested_loop_guard.h"
 #include "transport/server_connection.h"
 #include "transport/turns.h"
@@ -12,9 +10,9 @@ namespace ptz {
 // thread may be finalizing it.
 //
 // Threads: the public record's list, and all of this, belong to the thread of the default main context, or to a thread
-// that has acquired that context. A dispatch holds a reference to the server (source_owner.h), so a server whose last
-// reference goes meanwhile is finalized when the dispatch ends. A server that is finalized elsewhere, while a loop
-// runs, only destroys the source; the source closes its connections when GLib frees it.
+// that has acquired that context. A dispatch holds a reference to the server (endpoint_use.h), so a server whose last
+// other reference goes meanwhile is finalized when the dispatch ends. A server that is finalized elsewhere, while a
+// loop runs, only destroys the source; the source closes its connections when GLib frees it.
 //
 // Invariants: every entry of the list is a ServerConnection's. `current` and `next_link` are in the list, or null.
 struct ServerSource {
