@@ -13,7 +13,8 @@ namespace ptz {
 //   prepare()    if (guard.must_pause()) { take the descriptors off; guard.pause(); }
 //   dispatch()   guard.enter(); callback(); if (guard.leave()) put the descriptors back;
 //   cancel()     if something else has decided meanwhile what is watched
-// The source's owner says which lock or thread protects it.
+// A source whose watch other code may switch on inside the callback tests in_callback() in prepare() instead, and
+// pauses again. The source's owner says which lock or thread protects the guard.
 class NestedLoopGuard {
   bool in_callback_ = false;
   bool paused_ = false;
