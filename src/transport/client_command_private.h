@@ -25,8 +25,8 @@ struct ClientCommandPrivate {
 // CLOCK_MONOTONIC; zero, and a line in the system log, if it cannot be read.
 [[nodiscard]] timespec logged_clock_now();
 
-// Any thread. Delivers a reply to its request, in this thread or through the main loop. Not with `mutex_` of the stream
-// held: a callback may send again, or drop the client.
+// Any thread. Delivers a reply to its request, in this thread or through the main loop. Not in a sending
+// turn nor with `mutex_` of the stream held: a callback may send again, or drop the client.
 void deliver_reply(PTZSocketClientCommand *client, guint8 *frame, guint32 length);
 
 // Default main context acquired. Calls the callback of the request that the reply is for, if there is one.

@@ -44,45 +44,47 @@ class Deadline {
 //
 // States:
 //
-//   watched          no synchronous call is in progress. The main loop reads the descriptor if its source is switched
-//                    on; so does a drain before a send
-//   waiting          at least one synchronous call is in progress. One of them, the reader, waits for the descriptor
-//   and
-//                    hands the others their replies by message id; while there is a reader, nothing else reads. Before
-//                    the first call has sent its request there is no reader, and drains read as in state watched, but
-//                    replies to asynchronous requests are deferred to the main loop
-//   desynchronised   a malformed length was read. Nothing is read. A synchronous call still sends its request, and then
-//                    fails at once
-//   shut down        a frame was sent in part, so the connection was shut down and sends fail. What the peer sent
-//   before
-//                    can still be read
+//   watched
+//     No synchronous call is in progress. The main loop reads the descriptor if its source is switched on; so does a
+//     drain before a send.
+//   waiting
+//     At least one synchronous call is in progress. One of them, the reader, waits for the descriptor and hands the
+//     others their replies by message id; while there is a reader, nothing else reads. While there is none (no call has
+//     sent yet, or the next reader has not woken yet), drains read as in state watched, and the main loop too if the
+//     program has switched the source on; replies to asynchronous requests are deferred to the main loop.
+//   desynchronised
+//     A malformed length was read. Nothing is read. A synchronous call still sends its request, then fails at once.
+//   shut down
+//     A frame was sent in part, so the connection was shut down, and sends fail. Only drains read what the peer sent
+//     before.
 //
-// Transitions:
+// Transitions. Every synchronous call switches the source off when it begins. The calls in progress that have no reply
+// fail in each transition to desynchronised or shut down, and by add_retry.
 //
-//   watched -> waiting                      the first synchronous call begins; it switches the source off
-//   waiting -> watched                      the last one ends; it switches the source on
-//   any other -> desynchronised             a malformed length; switches the source off
-//   watched, waiting -> shut down           a partial send; switches the source off. The last synchronous call that
-//   ends
-//                                           switches it on again, and the hang-up switches it off for good
-//   desynchronised -> watched or waiting    ptz_socket_client_add_poll() has switched the source on; noticed by the
-//   next
-//                                           read or synchronous call
-//   any -> watched or waiting               the class operation add_retry: the partial frame is forgotten, and the
-//   calls
-//                                           in progress fail
+//   watched -> waiting: the first synchronous call begins.
+//   waiting -> watched: the last one ends. It switches the source on, unless a reconnection has given the endpoint
+//     another descriptor number.
+//   any -> desynchronised: a malformed length; switches the source off.
+//   watched, waiting -> shut down: a partial send; switches the source off. Whenever a last synchronous call ends,
+//     it is switched on, and the hang-up switches it off before anything is read. A partial send in state
+//     desynchronised shuts the connection down too, but the state stays.
+//   desynchronised -> watched or waiting: ptz_socket_client_add_poll() has switched the source on; noticed by the
+//     next read or synchronous call.
+//   any -> watched or waiting: the class operation add_retry. It switches the source off, and drops the partial
+//     frame and the reader's role.
 //
-// An end of file and a read error change no state. An end of file switches the source off and drops the partial frame;
-// both end the reader's call, and the other calls find the same in their turn.
+// An end of file and a read error change no state. An end of file switches the source off and drops the partial
+// frame; both end the reader's call, and the other calls find the same in their turn.
 //
-// Locks: `mutex_` guards the state, the list of calls, the reader's role and the assembly fields of the client. It is
-// held during reads that do not wait, and never while a thread waits for the descriptor, sends, or runs a callback. A
-// thread that sends has the sending turn. Order, outermost first: the mutex of the pending requests, the sending turn,
-// `mutex_`, the lifetime mutex (endpoint_use.h), the mutex of the client's source, GLib's locks. An expiry callback
-// holds the first of them and may send, so a thread that has the turn or `mutex_` never waits for it: it only tries.
+// Locks: `mutex_` guards the state, the list of calls, the reader's role and the assembly fields of the client. It
+// is held during reads that do not wait, and never while a thread waits for the descriptor, sends, or runs a
+// callback. A thread that sends has the sending turn. Order, outermost first: the mutex of the pending requests,
+// the sending turn, `mutex_`, then the mutex of the client's source or that of the deferred replies, then GLib's
+// locks. An expiry callback holds the first of them and may send, so a thread that has the turn or `mutex_` never
+// waits for it: it only tries.
 //
-// Invariants: the list holds exactly the calls between begin() and end(). If a call sleeps and there is no reader, a
-// call is awake that becomes the reader or, in end(), wakes a sleeping one.
+// Invariants: the list holds exactly the calls between begin() and end(). If a call sleeps and there is no reader,
+// a call is awake that becomes the reader or, in end(), wakes a sleeping one.
 //
 // Any thread.
 class ClientStream {

@@ -25,9 +25,9 @@ inline void free_pending_request(PendingRequest *request) { g_slice_free(Pending
 // A request is pending from before it is sent until its reply is taken, it expires, or the client ends. Each of them
 // removes the entry first, so its context is handed out once.
 //
-// Lock: the client's `mutex`, a leaf except for one case. contract: the expiry timer holds it while it calls the
-// callback of an expired request. In that thread it counts as held, so the callback may send and receive. Another
-// thread that holds locks of its own must not wait for it: may_defer() only tries.
+// Lock: the client's `mutex`, the outermost in the order of client_stream.h. contract: the expiry timer holds it
+// while it calls the callback of an expired request. In that thread it counts as held, so the callback may send
+// and receive. Another thread that holds locks of its own must not wait for it: may_defer() only tries.
 //
 // add(), take(), may_defer() and start_timer(): any thread. Expiry: default main context. clear(): the finalizer.
 class PendingRequests {

@@ -16,7 +16,7 @@ namespace ptz {
 // Newest last: most contexts get their reply in the callback that receives them. A context that never gets its reply
 // stays here until the server ends.
 //
-// Any thread, although a server is meant to be used in one.
+// Lock: `mutex_`, a leaf. Any thread, although a server is meant to be used in one.
 class ReplyContexts {
   struct Entry {
     const PTZSocketServerCommandReplyContext *context;

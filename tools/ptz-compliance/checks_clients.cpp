@@ -18,7 +18,7 @@ constexpr int comings_and_goings = 20;
 constexpr int unanswered_requests = 400;  // so many that the client has gone before the last is answered
 constexpr int flood_requests = 128;
 constexpr int most_unread_requests = 4'000;
-constexpr int full_ms = 50;  // a driver that takes nothing for so long has nowhere to put it
+constexpr int full_ms = 250;  // a driver that takes nothing for so long has nowhere to put it
 
 void half_frame(Probe &probe) {
   Link slow = probe.connect();
