@@ -216,5 +216,7 @@ gboolean ptz_socket_client_command_sync_send(PTZSocketClientCommand *client, gco
   if (request.outcome != SyncSend::Outcome::failed) {
     log_func(LOG_WARNING, "Timeout waiting for response to message %d!", static_cast<int>(call.message_id));
   }
-  return stream.end(call) ? TRUE : FALSE;
+  // A reply may have come since; one to a request that was not sent is forged.
+  const bool answered = stream.end(call);
+  return is_sent && answered ? TRUE : FALSE;
 }
