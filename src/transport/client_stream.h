@@ -15,9 +15,9 @@ struct SyncCall {
   guint32 message_id;
   gpointer reply_buffer;  // PTZ_SOCKET_BODY_MAX bytes
   guint32 *reply_length;
-  guint connection = 0;   // that the request was sent on; the caller's thread only
-  bool answered = false;  // guarded by the stream's mutex, like the members below
-  bool sleeping = false;  // on `changed`
+  guint connection = 0;                // that the request was sent on; the caller's thread only
+  bool answered = false;               // guarded by the stream's mutex, like the members below
+  std::atomic<bool> sleeping = false;  // on `changed`; atomic for tests, which cannot lock
   GCond changed;
   SyncCall *next = nullptr;
 

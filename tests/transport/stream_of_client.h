@@ -39,7 +39,7 @@ struct Request {
   Request(Request &&) = delete;
   [[nodiscard]] std::string body() const { return {reply.begin(), reply.begin() + length}; }
   // Without the stream's mutex: a call that falls asleep holds it until it does.
-  [[nodiscard]] bool sleeps() { return std::atomic_ref(call.sleeping); }
+  [[nodiscard]] bool sleeps() { return call.sleeping; }
 };
 
 // The stream of a client, and what the peer of the client does. The test itself stands for the main loop.
