@@ -2,7 +2,7 @@
 
 #include <glib.h>
 
-#include "../../src/platform/config_event.h"
+#include "platform/config_event.h"
 
 struct ConfigEvent {
   std::string name;

@@ -12,7 +12,7 @@ read -ra glib_flags <<<"$(pkg-config --cflags --libs gio-2.0)"
 unset CFLAGS CXXFLAGS LDFLAGS LD_PRELOAD
 
 mkdir "$scratch/device"
-cc -Wall -Wextra -Wno-unused-parameter -Werror -shared -fPIC -o "$scratch/device/libdevice_services.so" "$here/services.c" -I"$root/src" \
+cc -Wall -Wextra -Wno-unused-parameter -Werror -shared -fPIC -o "$scratch/device/libdevice_services.so" "$here/services.c" -I"$root/include" \
   "${glib_flags[@]}"
 
 meson setup "$scratch/build" "$root" --buildtype=plain -Dwerror=true -Dtests=false -Dtools=false \

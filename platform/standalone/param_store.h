@@ -1,4 +1,4 @@
-// src/platform/standalone/param_store.h - the parameter tree in one SQLite database, shared by all processes.
+// platform/standalone/param_store.h - the parameter tree in one SQLite database, shared by all processes.
 //
 // Two tables: parameters by (group, name) and groups by (parent, name). A group is kept with a dot at its end, so that
 // a path is its group and its name written one after the other, and all that is below a group is one range of keys.

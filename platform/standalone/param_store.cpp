@@ -1,4 +1,4 @@
-#include "platform/standalone/param_store.h"
+#include "param_store.h"
 
 #include <fcntl.h>
 #include <sys/file.h>

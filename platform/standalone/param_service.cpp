@@ -11,7 +11,7 @@
 
 #include "base/check.h"
 #include "base/handles.h"
-#include "platform/standalone/param_store.h"
+#include "param_store.h"
 
 namespace {
 
