@@ -22,7 +22,8 @@
  * appended to the group's name in decimal; a negative one is not.
  *
  * Every string result is cleaned up: a pair of equal quotes around it is removed, and escape sequences that are left
- * are resolved.
+ * are resolved. Values of the key-file and shell stores had their key-file escapes resolved before that; a value of the
+ * parsed store reaches the clean-up as the file has it.
  *
  * All results are new and the caller's to free. What goes wrong is written to the system log.
  */

@@ -123,7 +123,8 @@ bool store_record(GKeyFile *store, const KvConfigRecord &record, const PTZSettin
     value = converted.get();
   }
   if (is_group_name(record.group) && is_key_name(record.key)) {
-    g_key_file_set_value(store, record.group, record.key, value);
+    // Not g_key_file_set_value(): the accessors read the store with key-file escapes, which a record does not have.
+    g_key_file_set_string(store, record.group, record.key, value);
   }
   return true;
 }
