@@ -1,14 +1,210 @@
+// Replacing a file as a whole.
+//
+// The new content goes into a temporary file beside the old one, is flushed, and is then renamed over it. Every name is
+// used relative to a descriptor of the folder, so that a folder or a link that is exchanged meanwhile changes nothing.
+//
+// Invariants:
+// - The temporary file has the mode 0600 until it has its last owner and group. Then it gets the permissions of the old
+//   file, or less. The content is therefore never readable by more users than the old file allowed.
+// - A symbolic link is followed if it belongs to root, to the caller, or to the owner of the file that it leads to. A
+//   member of the folder's group could otherwise lead a daemon of root to any file of the system.
+// - After a failure the old file is unchanged and the temporary file is removed.
 #include "platform/file_util.h"
 
-#include <glib/gstdio.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <climits>
+#include <cstdio>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "base/check.h"
+#include "base/handles.h"
 
 namespace {
-constexpr int owner_writes_everybody_reads = 0644;
+
+constexpr mode_t mode_of_new_files = 0644;  // less the umask
+constexpr mode_t owner_only = 0600;
+constexpr mode_t permissions = 0777;
+constexpr int most_links = 40;  // as the kernel allows
+constexpr int most_attempts = 100;
+constexpr std::size_t longest_part_of_name = 200;  // leaves room in NAME_MAX for what is put around it
+
+// The end of a path: a folder, a name in it, and the regular file of that name, if there is one.
+struct Place {
+  ptz::UniqueFd folder;
+  std::string name;
+  std::optional<struct stat> old = {};
+};
+
+// A file that is removed unless it is renamed.
+struct TemporaryFile {
+  const Place &place;
+  std::string name = {};
+  ptz::UniqueFd fd = ptz::UniqueFd();
+
+  explicit TemporaryFile(const Place &of) : place(of) {}
+  TemporaryFile(TemporaryFile &&) = delete;
+  ~TemporaryFile() {
+    const int saved_errno = errno;
+    if (!name.empty()) unlinkat(place.folder.get(), name.c_str(), 0);
+    errno = saved_errno;
+  }
+};
+
+bool fail_with(int error) {
+  errno = error;
+  return false;
 }
 
+// Opens the folder of a path, which is relative to the folder in place, and keeps the rest as the name.
+bool enter_folder(std::string_view path, Place &place) {
+  const auto slash = path.rfind('/');
+  const auto folder = slash == std::string_view::npos ? std::string(".") : std::string(path.substr(0, slash + 1));
+  place.name = slash == std::string_view::npos ? path : path.substr(slash + 1);
+  if (path.empty()) return fail_with(ENOENT);
+  const int from = place.folder ? place.folder.get() : AT_FDCWD;
+  place.folder.reset(openat(from, folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!place.folder) return false;
+  return !place.name.empty() || fail_with(EISDIR);
+}
+
+// Users who own links on the way and are neither root nor the caller.
+class ForeignLinks {
+  std::optional<uid_t> owner_;
+  bool several_ = false;
+
+ public:
+  void add(uid_t owner) {
+    if (owner == 0 || owner == geteuid()) return;
+    several_ |= owner_ && *owner_ != owner;
+    owner_ = owner;
+  }
+  [[nodiscard]] bool may_lead_to(const std::optional<struct stat> &file) const {
+    return !owner_ || (!several_ && file && file->st_uid == *owner_);
+  }
+};
+
+bool check_file(const ForeignLinks &links, Place &place, const struct stat *file) {
+  if (file != nullptr) {
+    if (S_ISDIR(file->st_mode)) return fail_with(EISDIR);
+    if (!S_ISREG(file->st_mode)) return fail_with(EINVAL);  // a device or a pipe is not to be replaced by a file
+    place.old = *file;
+  }
+  return links.may_lead_to(place.old) || fail_with(EACCES);
+}
+
+bool find_place(const char *path, Place &place) {
+  std::string rest = path;
+  ForeignLinks links;
+  for (int count = 0; count <= most_links; ++count) {
+    if (!enter_folder(rest, place)) return false;
+    const ptz::UniqueFd entry(openat(place.folder.get(), place.name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    if (!entry) return errno == ENOENT && check_file(links, place, nullptr);
+    struct stat status = {};
+    if (fstat(entry.get(), &status) != 0) return false;
+    if (!S_ISLNK(status.st_mode)) return check_file(links, place, &status);
+    links.add(status.st_uid);
+    char target[PATH_MAX];
+    const ssize_t length = readlinkat(entry.get(), "", target, sizeof target);
+    if (length < 0) return false;
+    if (length == sizeof target) return fail_with(ENAMETOOLONG);
+    rest.assign(target, static_cast<std::size_t>(length));
+  }
+  return fail_with(ELOOP);
+}
+
+bool create(TemporaryFile &file) {
+  const auto part = file.place.name.substr(0, longest_part_of_name);
+  const mode_t mode = file.place.old ? owner_only : mode_of_new_files;
+  for (int attempt = 0; attempt < most_attempts; ++attempt) {
+    char number[16];
+    std::snprintf(number, sizeof number, "%08x", g_random_int());
+    const auto name = "." + part + "." + number;
+    constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+    file.fd.reset(openat(file.place.folder.get(), name.c_str(), flags, mode));
+    if (file.fd) {
+      file.name = name;
+      return true;
+    }
+    if (errno != EEXIST) return false;
+  }
+  return false;
+}
+
+// The old file's permissions, for a file whose group may be another one: then the members of the former group are
+// strangers, and some who were strangers are members. Both get what both had.
+mode_t mode_after(const struct stat &old, bool group_is_kept) {
+  const mode_t mode = old.st_mode & permissions;
+  if (group_is_kept) return mode;
+  const mode_t common = (mode >> 3) & mode & 07;
+  return (mode & 0700) | common << 3 | common;
+}
+
+// Gives the file the owner, the group and the permissions of the old one. An unprivileged caller cannot give a file
+// away: it remains the owner, and keeps the group only if it is a member.
+bool take_access(const TemporaryFile &file) {
+  const auto &old = file.place.old;
+  if (!old) return true;
+  const int fd = file.fd.get();
+  struct stat status = {};
+  if (fstat(fd, &status) != 0) return false;
+  bool group_is_kept = status.st_gid == old->st_gid;
+  if (status.st_uid != old->st_uid || !group_is_kept) {
+    group_is_kept |= fchown(fd, old->st_uid, old->st_gid) == 0 || fchown(fd, static_cast<uid_t>(-1), old->st_gid) == 0;
+  }
+  return fchmod(fd, mode_after(*old, group_is_kept)) == 0;
+}
+
+bool write_all(int fd, std::string_view data) {
+  while (!data.empty()) {
+    const ssize_t count = write(fd, data.data(), data.size());
+    if (count >= 0) {
+      data.remove_prefix(static_cast<std::size_t>(count));
+    } else if (errno != EINTR) {
+      return false;
+    }
+  }
+  return true;
+}
+
+bool close_all(ptz::UniqueFd &fd) { return close(fd.release()) == 0 || errno == EINTR; }
+
+// The file has its name already, so a failure is only logged. Not every file system can flush a folder (EINVAL), and
+// not every folder that may be written may be read.
+void flush_folder(const char *path, const Place &place) {
+  const ptz::UniqueFd folder(openat(place.folder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!folder) return;
+  if (fsync(folder.get()) != 0 && errno != EINVAL) {
+    syslog(LOG_WARNING, "%s: is replaced, but its folder cannot be flushed: %m", path);
+  }
+}
+
+bool replace(const char *path, std::string_view data) {
+  Place place;
+  if (!find_place(path, place)) return false;
+  TemporaryFile file(place);
+  if (!create(file) || !take_access(file) || !write_all(file.fd.get(), data)) return false;
+  if (fsync(file.fd.get()) != 0 || !close_all(file.fd)) return false;
+  const int folder = place.folder.get();
+  if (renameat(folder, file.name.c_str(), folder, place.name.c_str()) != 0) return false;
+  file.name.clear();
+  flush_folder(path, place);
+  return true;
+}
+
+}  // namespace
+
 gboolean file_util_set_contents_synced(const gchar *path, const gchar *data, gsize length, GError **error) {
-  constexpr auto whole_or_not_at_all =
-      static_cast<GFileSetContentsFlags>(G_FILE_SET_CONTENTS_CONSISTENT | G_FILE_SET_CONTENTS_DURABLE);
-  return g_file_set_contents_full(path, data, static_cast<gssize>(length), whole_or_not_at_all,
-                                  owner_writes_everybody_reads, error);
+  g_return_val_if_fail(path != NULL, FALSE);
+  g_return_val_if_fail(data != NULL || length == 0, FALSE);
+  g_return_val_if_fail(error == NULL || *error == NULL, FALSE);
+  if (replace(path, {data, length})) return TRUE;
+  const int reason = errno;
+  const ptz::Text name(g_filename_display_name(path));
+  g_set_error(error, G_FILE_ERROR, g_file_error_from_errno(reason), "Failed to write file \"%s\": %s", name.get(),
+              g_strerror(reason));
+  return FALSE;
 }
