@@ -11,6 +11,9 @@ int run_counter(const std::string &words, int argc, char **argv);
 int run_driver(const std::string &words, int argc, char **argv);
 int run_enum(const std::string &words, int argc, char **argv);
 int run_param(const std::string &words, int argc, char **argv);
+// In param_backup_command.cpp.
+int run_param_backup(const std::string &words, int argc, char **argv);
+int run_param_restore(const std::string &words, int argc, char **argv);
 int run_status(const std::string &words, int argc, char **argv);
 int run_timing(const std::string &words, int argc, char **argv);
 

@@ -25,6 +25,7 @@ _ptz_values() {
           ;;
         enum) "$@" ;;
         'param get' | 'param set') _ptz_paths "$1" "$beginning" ;;
+        'param backup' | 'param restore') ;;  # files, as bash completes them
         'param '*) _ptz_paths "$1" "$beginning" | grep '\.$' ;;
         'status show') printf '%s\n' limit position various ;;
         'timing show') "$@" | sed '1d; s/ .*//' ;;

@@ -328,6 +328,8 @@ int run_param(const std::string &words, int argc, char **argv) {
       {"create", "create a dynamic group from a template", run_create},
       {"delete", "delete a group", run_delete},
       {"sync", "flush the tree to storage", run_sync},
+      {"backup", "write a copy of the tree to a file", run_param_backup},
+      {"restore", "replace the tree by such a copy", run_param_restore},
   };
   openlog("ptzctl", LOG_PERROR, LOG_USER);  // the service logs why it has failed
   return run_one_of(subcommands, "Example: ptzctl param tree PTZ", words, argc, argv);

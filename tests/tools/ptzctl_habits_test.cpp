@@ -63,7 +63,7 @@ struct PtzctlHabits : Ptzctl {
   }
   [[nodiscard]] Result run_line(const std::string &line) const {
     std::filesystem::remove(output.file("text"));
-    Process process("/bin/sh", {"-c", std::string(PTZCTL) + line}, output.file("text"));
+    Process process("/bin/sh", {"-c", "cd " + dir.path() + " && " + PTZCTL + line}, output.file("text"));
     const int status = process.wait();
     return {status, contents(output.file("text"))};
   }
