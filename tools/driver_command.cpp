@@ -488,7 +488,7 @@ int run_driver(const std::string &words, int argc, char **argv) {
       {"send", "any request, field by field", run_send},
       {"stop", "stop every axis", run_stop},
   };
-  return run_one_of(subcommands, "Example: ptzctl driver info --socket /run/ptz/sim-driver/socket", words, argc, argv);
+  return run_one_of(subcommands, "Example: ptzctl driver info --socket /run/ptz/sim-driver.socket", words, argc, argv);
 }
 
 }  // namespace ptzctl

@@ -3,7 +3,7 @@
 # systemd has booted. Prints one line for what works, and ends with a failure at what does not.
 set -euo pipefail
 service=ptznimbo-sim-driver
-socket=/run/ptz/sim-driver/socket
+socket=/run/ptz/sim-driver.socket
 
 fail() { echo "FAILED: $*"; journalctl --unit "$service" --no-pager | tail --lines=20; exit 1; }
 
@@ -18,7 +18,12 @@ is_refused_as() {
   local user=$1 group=$2 what=$3 output
   shift 3
   ! output=$(setpriv --reuid="$user" --regid=nogroup --groups="$group" "$@" 2>&1) || fail "$what is not refused"
-  echo "$what: $output"
+  echo "$what: $(head -n 1 <<<"$output")"
+}
+# Usage: expect WHAT IS SHOULD_BE
+expect() {
+  [[ $2 == "$3" ]] || fail "$1 is \"$2\", not \"$3\""
+  echo "$1: $2"
 }
 answers() { works_as nobody ptz "$1" ptzctl driver position --socket "$socket"; }
 # Usage: comes_back WHAT FORMER_PROCESS
@@ -34,6 +39,43 @@ comes_back() {
   fail "$1"
 }
 main_process() { systemctl show --property MainPID --value "$service"; }
+access_of() { stat --format='%a %U:%G' "$1"; }
+
+# Three users of the tree: root, the driver's user, and another member of the group.
+as_member() { setpriv --reuid=nobody --regid=nogroup --groups=ptz "$@"; }
+as_driver() { setpriv --reuid=ptz --regid=ptz --clear-groups "$@"; }
+
+# Usage: expect_parameter WHAT PATH VALUE - which the driver writes in the background.
+expect_parameter() {
+  local attempt value=
+  for ((attempt = 0; attempt < 100; ++attempt)); do
+    value=$(as_member ptzctl param get "$2" 2>&1) || true
+    [[ $value != "$3" ]] || break
+    sleep 0.1
+  done
+  expect "$1" "$value" "$3"
+}
+
+# Usage: share_parameter - each user writes what the others have written, and all read it.
+share_parameter() {
+  local writer reader
+  for writer in env as_member as_driver env; do
+    $writer ptzctl param set PTZ.Shared.By "$writer" || fail "$writer cannot write a parameter"
+    for reader in env as_member as_driver; do
+      [[ $($reader ptzctl param get PTZ.Shared.By) == "$writer" ]] || fail "$reader cannot read what $writer wrote"
+    done
+  done
+  ptzctl param delete PTZ.Shared || fail 'root cannot delete a group'
+}
+
+expect '/run/ptz' "$(access_of /run/ptz)" '2770 root:ptz'
+expect '/var/lib/ptz' "$(access_of /var/lib/ptz)" '2770 root:ptz'
+
+# Root is the first to write to the tree, before any other user.
+ptzctl param create PTZ.Head sim_head 1 >/dev/null || fail 'root cannot create a group'
+ptzctl param set PTZ.Head.H1.SpeedPercent 50 || fail 'root cannot write a parameter'
+share_parameter
+echo 'root, the user ptz and a member of the group write parameters in turn: done'
 
 systemd-analyze verify "$service.service" || fail 'the unit is not in order'
 systemctl start "$service" || fail 'it does not start'
@@ -41,14 +83,26 @@ echo "started: $(systemctl is-active "$service") as $(stat --format=%U "/proc/$(
 
 answers 'a member of ptz asks it'
 is_refused_as nobody nogroup 'a stranger' ptzctl driver position --socket "$socket"
-works_as nobody ptz 'its status' env PTZ_PLATFORM_RUNTIME_DIR=/run/ptz/sim-driver ptzctl status show
+works_as nobody ptz 'its status, for a member of ptz' ptzctl status show
+is_refused_as nobody nogroup 'its status, for a stranger' ptzctl status show
+works_as nobody ptz 'its timings' ptzctl timing show
 works_as nobody ptz 'its configuration, on the bus' ptzctl config list sim
 is_refused_as nobody nogroup 'a stranger on the bus' ptzctl config list sim
+
+expect_parameter 'a member reads what the driver has set' PTZ.State.S1.Starts 1
+as_member ptzctl param set PTZ.Head.H1.PanMax 4500 || fail 'a member cannot write a parameter of the driver'
+share_parameter
+echo 'all three write beside the running driver: done'
+is_refused_as nobody nogroup 'the parameters, for a stranger' ptzctl param get PTZ.Head.H1.PanMax
 
 works_as nobody ptz 'a preset is stored' ptzctl driver presets store 7 Gate --socket "$socket"
 killed=$(main_process)
 systemctl kill --signal=KILL "$service"
 comes_back 'killed, it comes back' "$killed"
+expect_parameter 'it has counted its second start in the tree' PTZ.State.S1.Starts 2
+as_member ptzctl driver limits --socket "$socket" >/tmp/limits
+grep --quiet '45\.00' /tmp/limits || fail "it does not obey the limit that a member has set: $(cat /tmp/limits)"
+echo 'it obeys the limit that a member has set: 45 degrees'
 restarted=$(main_process)
 systemctl restart dbus
 comes_back 'it comes back with the bus' "$restarted"
@@ -57,3 +111,7 @@ works_as nobody ptz 'its preset is still there' ptzctl driver presets goto 7 --s
 systemctl stop "$service"
 [[ ! -e $socket ]] || fail 'its socket is left behind'
 echo "stopped: $(systemctl show --property Result --value "$service")"
+expect_parameter 'it has told the tree that it ended' PTZ.State.S1.Ended 3
+expect '/run/ptz, afterwards' "$(access_of /run/ptz)" '2770 root:ptz'
+expect '/var/lib/ptz, afterwards' "$(access_of /var/lib/ptz)" '2770 root:ptz'
+! find /run/ptz /var/lib/ptz -perm /0007 ! -name '*.socket' ! -type l | grep . || fail 'this is open to strangers'

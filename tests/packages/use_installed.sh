@@ -13,10 +13,20 @@ expect() {
 }
 nobody() { setpriv --reuid=nobody --regid=nogroup "$@"; }
 
-expect '/run/ptz' "$(stat --format='%a %U:%G' /run/ptz)" '750 root:ptz'
-expect '/var/lib/ptz' "$(stat --format='%a %U:%G' /var/lib/ptz)" '2770 ptz:ptz'
+expect '/run/ptz' "$(stat --format='%a %U:%G' /run/ptz)" '2770 root:ptz'
+expect '/var/lib/ptz' "$(stat --format='%a %U:%G' /var/lib/ptz)" '2770 root:ptz'
 expect 'a stranger looks into /run/ptz' "$(nobody --clear-groups test -x /run/ptz && echo yes || echo no)" no
 expect 'a member of ptz does' "$(nobody --groups ptz test -x /run/ptz && echo yes || echo no)" yes
+expect 'a stranger looks into /var/lib/ptz' "$(nobody --clear-groups test -x /var/lib/ptz && echo yes || echo no)" no
+
+# What root wrote first, a member of the group writes again, and the other way round.
+member() { nobody --groups ptz "$@"; }
+ptzctl param set PTZ.Installed.By root
+member ptzctl param set PTZ.Installed.By nobody
+expect 'root reads what a member wrote' "$(ptzctl param get PTZ.Installed.By)" nobody
+ptzctl param set PTZ.Installed.By root
+expect 'a member reads what root wrote' "$(member ptzctl param get PTZ.Installed.By)" root
+ptzctl param delete PTZ.Installed
 
 echo '#include <ptz.h>' >"$scratch/public_headers.h"
 read -ra flags < <(pkg-config --cflags --libs ptznimbo-common)
