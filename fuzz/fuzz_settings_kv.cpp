@@ -28,7 +28,7 @@ void keep(const KvConfigRecord &record) {
   ++records;
   REQUIRE(record.group != nullptr && record.key != nullptr);
   if (!is_plain(record.group) || !is_plain(record.key)) return;
-  g_key_file_set_value(accepted.get(), record.group, record.key, record.value != nullptr ? record.value : "");
+  g_key_file_set_string(accepted.get(), record.group, record.key, record.value != nullptr ? record.value : "");
 }
 
 void require_values(bool converted) {

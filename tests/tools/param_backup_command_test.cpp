@@ -99,7 +99,10 @@ TEST_F(PtzctlBackup, MisuseIsStatus2) {
 }
 
 TEST_F(PtzctlBackup, PlatformLibraryWithoutBackupIsStatus1) {
-  setenv("LD_LIBRARY_PATH", DEVICE_FOLDER, 1);
+  std::filesystem::create_symlink(DEVICE_PLATFORM, dir.file("libptznimbo_platform.so.0"));
+  const char *before = getenv("LD_LIBRARY_PATH");
+  const std::string folders = before != nullptr ? before : "";
+  setenv("LD_LIBRARY_PATH", (dir.path() + ":" + folders).c_str(), 1);
   for (const auto *subcommand : {"backup", "restore"}) {
     const auto result = param({subcommand, backup});
     EXPECT_EQ(result.status, 1);
@@ -107,7 +110,7 @@ TEST_F(PtzctlBackup, PlatformLibraryWithoutBackupIsStatus1) {
   }
   // Its other functions are the device's.
   EXPECT_EQ(param({"get", "PTZ.A"}).text, "device: root.PTZ.A, mode 9\n");
-  unsetenv("LD_LIBRARY_PATH");
+  setenv("LD_LIBRARY_PATH", folders.c_str(), 1);
 }
 
 }  // namespace
