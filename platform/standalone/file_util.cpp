@@ -71,7 +71,7 @@ bool enter_folder(std::string_view path, Place &place) {
   return !place.name.empty() || fail_with(EISDIR);
 }
 
-// Users who own links on the way and are neither root nor the caller.
+// Owners of links on the way, except for root and the caller.
 class ForeignLinks {
   std::optional<uid_t> owner_;
   bool several_ = false;
@@ -134,8 +134,8 @@ bool create(TemporaryFile &file) {
   return false;
 }
 
-// The old file's permissions, for a file whose group may be another one: then the members of the former group are
-// strangers, and some who were strangers are members. Both get what both had.
+// The permissions of the old file. If the group is another one, members of the old group count as others, and others
+// may be members: both classes then get only the permissions that both had.
 mode_t mode_after(const struct stat &old, bool group_is_kept) {
   const mode_t mode = old.st_mode & permissions;
   if (group_is_kept) return mode;

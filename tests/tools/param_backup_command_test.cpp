@@ -24,7 +24,7 @@ struct PtzctlBackup : Ptzctl {
     EXPECT_EQ(result.status, 0) << arguments.front();
     EXPECT_EQ(result.text, text);
   }
-  // One that says something of the file.
+  // The message names the file.
   void expect_failure(const std::string &subcommand, const std::string &file) const {
     const auto result = param({subcommand, file});
     EXPECT_EQ(result.status, 1) << subcommand;
@@ -108,7 +108,7 @@ TEST_F(PtzctlBackup, PlatformLibraryWithoutBackupIsStatus1) {
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.text, "ptzctl: this platform library has no backup\n");
   }
-  // Its other functions are the device's.
+  // The other functions come from the device's library.
   EXPECT_EQ(param({"get", "PTZ.A"}).text, "device: root.PTZ.A, mode 9\n");
   setenv("LD_LIBRARY_PATH", folders.c_str(), 1);
 }

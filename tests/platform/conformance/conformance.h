@@ -30,13 +30,13 @@ class ServiceTest : public testing::Test {
     const auto missing = missing_of(service_);
     if (!missing.empty()) FAIL() << "the platform library lacks" << missing;
   }
-  // Distinguishes what this process creates from what an earlier run left.
+  // A name that no earlier run has used.
   [[nodiscard]] static std::string own_name(const std::string &name) { return name + std::to_string(getpid()); }
 };
 
 // Runs an action in another process, which loads the same libraries. Returns what it prints; nothing if it fails.
 [[nodiscard]] std::optional<std::string> in_other_process(const Strings &action);
-// What that process does: the exit status.
+// Carries out an action in that process. Returns the exit status.
 int act(const Strings &action);
 
 inline std::string read_file(const std::string &path) {
