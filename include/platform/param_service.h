@@ -1,9 +1,17 @@
 /* param_service.h - the platform's parameter service: the device's configuration as one tree of named texts.
  *
  * A parameter is named by a path of components with dots between them, such as "root.PTZ.Preset.P0.Name"; every
- * component before the last is a group. A path has at most #PARAM_SERVICE_PATH_MAX bytes. Every operation takes an option block, cleared before each call with
- * param_service_reset_options(), and reports a number in its last argument: 0 is success, a negative one of
- * #ParamServiceError a failure.
+ * component before the last is a group. A path has at most #PARAM_SERVICE_PATH_MAX bytes, and a value at most
+ * #PARAM_SERVICE_VALUE_MAX. Every operation takes an option block, which param_service_reset_options() clears before
+ * each call, and stores a #ParamServiceError in its last argument.
+ *
+ * Writes of all processes are visible to each other at once. They survive the end of the process without
+ * param_service_sync(), but not a power failure.
+ *
+ * The stand-alone service sends no change events: a process sees a change when it reads the parameter. It ignores the
+ * fields "mode" and "extra" of #ParamServiceOptions. An operation waits at most ten seconds for other processes, and
+ * then reports %PARAM_SERVICE_STORAGE. The service logs each write that is lost, with the path and the cause, at most
+ * one line a second.
  */
 #pragma once
 
@@ -21,6 +29,14 @@ G_BEGIN_DECLS
 #define PARAM_SERVICE_PATH_MAX 127
 
 /**
+ * PARAM_SERVICE_VALUE_MAX:
+ *
+ * The longest value in bytes, without the NUL. Writing a longer one, or creating a group from a template with a longer
+ * default, reports %PARAM_SERVICE_BAD_ARGUMENT and changes nothing.
+ */
+#define PARAM_SERVICE_VALUE_MAX 16777216
+
+/**
  * ParamServiceError:
  * @PARAM_SERVICE_OK: success
  * @PARAM_SERVICE_NO_PARAMETER: there is no such parameter
@@ -28,8 +44,8 @@ G_BEGIN_DECLS
  * @PARAM_SERVICE_NO_TEMPLATE: there is no such template, or it cannot be read
  * @PARAM_SERVICE_GROUP_EXISTS: the group that was to be created exists
  * @PARAM_SERVICE_BAD_PATH: the path, or one that is to be made, is empty, too long, or has an empty component
- * @PARAM_SERVICE_STORAGE: the tree cannot be read or written
- * @PARAM_SERVICE_BAD_ARGUMENT: a value or a number that the service cannot take
+ * @PARAM_SERVICE_STORAGE: the tree cannot be read or written, or another process keeps it locked
+ * @PARAM_SERVICE_BAD_ARGUMENT: the value is too long or `NULL`, or the number is less than -1
  *
  * What an operation reports.
  */
@@ -46,11 +62,12 @@ typedef enum {
 
 /**
  * ParamServiceOptions:
- * @mode: how to carry the operation out: whether others are told of a change, whether it is kept. For the service
- * @number: on creating a group the number in its name; -1 for the lowest that is free
- * @extra: for the service
+ * @mode: how the device's service carries the operation out, such as whether it sends a change event. The stand-alone
+ *   service ignores it: it sends no change events, and keeps every change
+ * @number: for param_service_create_dynamic_group(): the number in the name of the new group; -1 for the lowest free one
+ * @extra: for the device's service. The stand-alone service ignores it
  *
- * What an operation is told besides its arguments.
+ * Arguments that are the same for all operations.
  */
 typedef struct {
   gint32 mode;
@@ -140,7 +157,8 @@ void param_service_delete_group (const gchar *group_path, ParamServiceOptions *o
  * @options: an option block
  * @error: (out): 0, or what went wrong
  *
- * Makes every earlier write durable before it returns.
+ * Makes every earlier write durable before it returns. In the stand-alone service, the file params.db alone then holds
+ * the whole tree.
  *
  * Thread: any; waits for the storage.
  */

@@ -16,6 +16,7 @@ G_BEGIN_DECLS
  *
  * Writes one consistent snapshot of the parameter tree to a file. The file is replaced as a whole and is durable when the
  * function returns; if it fails, an existing file is unchanged. Other processes may read and write the tree meanwhile.
+ * Only the user can read the file. The tree's own database is no valid @file (%G_IO_ERROR_INVALID_ARGUMENT).
  *
  * Thread: any; blocks on the storage.
  *

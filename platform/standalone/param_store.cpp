@@ -1,25 +1,16 @@
 #include "param_store.h"
 
-#include <fcntl.h>
-#include <sys/file.h>
-#include <sys/stat.h>
-#include <unistd.h>
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
-#include <memory>
-#include <optional>
+#include <algorithm>
+#include <charconv>
+#include <cstring>
+#include <utility>
 
 #include "platform/param_service.h"
 
 namespace ptz::platform {
 namespace {
 
-using Database = Handle<sqlite3, sqlite3_close_v2>;
-
-constexpr int opening_limit_ms = 10'000;
-constexpr int application_id = 0x50545A50;
-constexpr int schema_version = 1;
+constexpr std::size_t most_stems = 1000;
 
 // In the order of ParamStore::Query. "/" is the character after ".": what lies between the two begins with the group.
 constexpr const char *queries[] = {
@@ -30,9 +21,11 @@ constexpr const char *queries[] = {
     "INSERT OR IGNORE INTO groups VALUES (?, ?)",
     "SELECT name FROM parameters WHERE grp = ? ORDER BY name",
     "SELECT name FROM groups WHERE parent = ? ORDER BY name",
+    "SELECT name FROM groups WHERE parent = ? AND name >= ? AND name < ?",
     "DELETE FROM parameters WHERE grp >= ? AND grp < ?",
     "DELETE FROM groups WHERE parent >= ? AND parent < ?",
     "DELETE FROM groups WHERE parent = ? AND name = ?",
+    "PRAGMA data_version",
     "BEGIN IMMEDIATE",
     "COMMIT",
     "ROLLBACK",
@@ -40,91 +33,11 @@ constexpr const char *queries[] = {
 
 std::string as_group(std::string_view path) { return std::string(path) + '.'; }
 
-std::string system_reason(const std::string &what, int error) { return what + ": " + g_strerror(error); }
-
-std::string reason_of(sqlite3 *database) {
-  const int error = sqlite3_system_errno(database);
-  std::string reason = sqlite3_errmsg(database);
-  return error != 0 ? system_reason(reason, error) : reason;
-}
-
-int execute(sqlite3 *database, const std::string &statements) {
-  return sqlite3_exec(database, statements.c_str(), nullptr, nullptr, nullptr);
-}
-
-std::optional<int> number_of(sqlite3 *database, const char *query) {
-  sqlite3_stmt *raw = nullptr;
-  sqlite3_prepare_v2(database, query, -1, &raw, nullptr);
-  const Handle<sqlite3_stmt, sqlite3_finalize> statement(raw);
-  if (statement == nullptr || sqlite3_step(statement.get()) != SQLITE_ROW) return std::nullopt;
-  return sqlite3_column_int(statement.get(), 0);
-}
-
-bool make_tables(const std::string &file, std::string &reason) {
-  sqlite3 *raw = nullptr;
-  const int opened = sqlite3_open_v2(file.c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
-  const Database database(raw);
-  if (opened == SQLITE_OK &&
-      execute(raw,
-              "PRAGMA journal_mode = WAL;"
-              "BEGIN;"
-              "CREATE TABLE parameters (grp TEXT NOT NULL, name TEXT NOT NULL, value TEXT NOT NULL,"
-              " PRIMARY KEY (grp, name)) WITHOUT ROWID;"
-              "CREATE TABLE groups (parent TEXT NOT NULL, name TEXT NOT NULL,"
-              " PRIMARY KEY (parent, name)) WITHOUT ROWID;"
-              "PRAGMA application_id = " +
-                  std::to_string(application_id) +
-                  ";"
-                  "PRAGMA user_version = " +
-                  std::to_string(schema_version) +
-                  ";"
-                  "COMMIT;") == SQLITE_OK) {
-    return true;
-  }
-  reason = reason_of(raw);
-  return false;
-}
-
-// Made whole under another name: a file that has the name and no tables is a damaged one, and not to be filled.
-bool make_under(const std::string &file, std::string &reason) {
-  std::string unfinished = file + ".XXXXXX";
-  const UniqueFd fd(mkostemp(unfinished.data(), O_CLOEXEC));
-  if (!fd) {
-    reason = system_reason("cannot be created", errno);
-    return false;
-  }
-  fchmod(fd.get(), 0644);
-  bool made = make_tables(unfinished, reason);
-  if (made && link(unfinished.c_str(), file.c_str()) != 0) {
-    reason = system_reason("cannot be created", errno);
-    made = false;
-  }
-  unlink(unfinished.c_str());
-  return made;
-}
-
-bool lock_for_us_alone(int fd) {
-  int result = -1;
-  do {
-    result = flock(fd, LOCK_EX);
-  } while (result != 0 && errno == EINTR);
-  return result == 0;
-}
-
-// Makes the file where it is missing. One process at a time, so that nobody else's new file loses its log.
-bool make_where_missing(const std::string &file, std::string &reason) {
-  const UniqueFd folder(::open(file.substr(0, file.rfind('/')).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!folder || !lock_for_us_alone(folder.get())) {
-    reason = system_reason("cannot be created", errno);
-    return false;
-  }
-  if (access(file.c_str(), F_OK) == 0) return true;
-  // Of a database that was taken away: SQLite would put the changes into the new one.
-  rename((file + "-wal").c_str(), (file + "-wal.old").c_str());
-  unlink((file + "-shm").c_str());
-  if (!make_under(file, reason)) return false;
-  fsync(folder.get());
-  return true;
+// The number, if the text is one as create_group() writes it.
+bool read_number(std::string_view text, gint32 &number) {
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  return error == std::errc() && end == text.data() + text.size() && number >= 0 &&
+         (text.size() == 1 || text.front() != '0');
 }
 
 }  // namespace
@@ -132,48 +45,42 @@ bool make_where_missing(const std::string &file, std::string &reason) {
 // One run of a kept statement, which is ready for another afterwards. The texts are borrowed until then.
 class ParamStore::Run {
   sqlite3_stmt *statement_;
+  int bound_ = SQLITE_OK;
 
  public:
   Run(const ParamStore &store, Query query, std::initializer_list<std::string_view> texts)
       : statement_(store.statements_[query].get()) {
     int index = 0;
     for (const auto text : texts) {
-      sqlite3_bind_text64(statement_, ++index, text.data(), text.size(), SQLITE_STATIC, SQLITE_UTF8);
+      const int result = sqlite3_bind_text64(statement_, ++index, text.data(), text.size(), SQLITE_STATIC, SQLITE_UTF8);
+      if (bound_ == SQLITE_OK) bound_ = result;
     }
   }
   Run(Run &&) = delete;
   ~Run() { sqlite3_reset(statement_); }
-  [[nodiscard]] int step() { return sqlite3_step(statement_); }
+  [[nodiscard]] int step() { return bound_ == SQLITE_OK ? sqlite3_step(statement_) : bound_; }
   // Of a statement without rows.
   [[nodiscard]] int finish() {
     const int result = step();
     return result == SQLITE_DONE ? SQLITE_OK : result;
   }
-  [[nodiscard]] std::string_view text() const {
-    const auto *bytes = reinterpret_cast<const char *>(sqlite3_column_text(statement_, 0));
-    return bytes != nullptr ? std::string_view(bytes, static_cast<std::size_t>(sqlite3_column_bytes(statement_, 0)))
-                            : std::string_view("");
+  [[nodiscard]] std::string_view text(int column = 0) const {
+    const auto *bytes = reinterpret_cast<const char *>(sqlite3_column_text(statement_, column));
+    return bytes != nullptr
+               ? std::string_view(bytes, static_cast<std::size_t>(sqlite3_column_bytes(statement_, column)))
+               : std::string_view("");
   }
+  [[nodiscard]] int number() const { return sqlite3_column_int(statement_, 0); }
 };
 
-ParamStore *ParamStore::open(const std::string &file, std::string &reason) {
-  struct stat status = {};
-  if (stat(file.c_str(), &status) != 0) {
-    if (errno != ENOENT) {
-      reason = system_reason("cannot be opened", errno);
-      return nullptr;
-    }
-    if (!make_where_missing(file, reason)) return nullptr;
-  } else if (status.st_size == 0) {
-    reason = "is empty";  // SQLite would take it for a new database, and throw a log of changes beside it away
-    return nullptr;
-  }
-  sqlite3 *raw = nullptr;
-  const int opened = sqlite3_open_v2(file.c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
-  std::unique_ptr<ParamStore> store(new ParamStore(raw));
-  if (opened == SQLITE_OK && store->prepare() == SQLITE_OK) return store.release();
-  reason = reason_of(raw);
-  if (opened == SQLITE_OK && sqlite3_errcode(raw) == SQLITE_OK) reason = "is not a parameter tree";
+std::unique_ptr<ParamStore> ParamStore::on(Database database, StoreResult &result, std::string &reason) {
+  std::unique_ptr<ParamStore> store(new ParamStore(std::move(database)));
+  const int code = store->prepare();
+  result = store->answer(code);
+  if (result == StoreResult::ok) return store;
+  reason = reason_of(store->database_.get());
+  // The header is right and the tables are not there, or are others.
+  if ((code & 0xFF) == SQLITE_ERROR) result = StoreResult::damaged;
   return nullptr;
 }
 
@@ -181,55 +88,58 @@ ParamStore::~ParamStore() = default;
 
 int ParamStore::prepare() {
   sqlite3 *database = database_.get();
-  sqlite3_busy_timeout(database, opening_limit_ms);
-  // The last to leave would otherwise work on the file, also where it is damaged.
-  sqlite3_db_config(database, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
-  // No flush at each write; sync() is there for that. A page that was read is kept, in trees of 100,000 parameters too.
-  const int result = execute(database, "PRAGMA synchronous = NORMAL; PRAGMA cache_size = -16384");
-  if (result != SQLITE_OK) return result;
-  const auto id = number_of(database, "PRAGMA application_id");
-  const auto version = number_of(database, "PRAGMA user_version");
-  if (id != application_id || version != schema_version) return SQLITE_NOTADB;
   for (std::size_t i = 0; i < query_count; ++i) {
     sqlite3_stmt *statement = nullptr;
     const int result = sqlite3_prepare_v3(database, queries[i], -1, SQLITE_PREPARE_PERSISTENT, &statement, nullptr);
     if (result != SQLITE_OK) return result;
     statements_[i].reset(statement);
   }
-  sqlite3_busy_timeout(database, 0);  // from now on, callers wait as they like
+  sqlite3_wal_hook(
+      database,
+      [](void *store, sqlite3 *, const char *, int pages) {
+        static_cast<ParamStore *>(store)->log_pages_ = pages;
+        return SQLITE_OK;
+      },
+      this);
   return SQLITE_OK;
 }
 
-// Finds other writers at its beginning, so that no step can fail for them.
-template <typename Steps>
-int ParamStore::in_transaction(Steps steps) {
-  int result = Run(*this, begin, {}).finish();
-  if (result != SQLITE_OK) return result;
-  result = steps();
-  if (result == SQLITE_OK) result = Run(*this, commit, {}).finish();
-  if (result != SQLITE_OK) static_cast<void>(Run(*this, rollback, {}).finish());
+StoreResult ParamStore::answer(int code) {
+  last_code_ = code;
+  return result_of(code);
+}
+
+// BEGIN IMMEDIATE takes the write lock up front, so that no later statement fails with SQLITE_BUSY.
+StoreResult ParamStore::begin_transaction() { return answer(Run(*this, begin, {}).finish()); }
+
+StoreResult ParamStore::end_transaction(StoreResult result) {
+  if (result == StoreResult::ok) result = answer(Run(*this, commit, {}).finish());
+  if (result == StoreResult::ok) return result;
+  next_numbers_.clear();
+  static_cast<void>(Run(*this, rollback, {}).finish());
   return result;
 }
 
-int ParamStore::get(std::string_view path, Text &value) {
+StoreResult ParamStore::get(std::string_view path, Text &value) {
   const auto [group, name] = split(path);
   Run run(*this, get_value, {group, name});
-  const int result = run.step();
-  if (result == SQLITE_DONE) return SQLITE_NOTFOUND;
-  if (result != SQLITE_ROW) return result;
+  const int code = run.step();
+  if (code == SQLITE_DONE) return StoreResult::not_found;
+  if (code != SQLITE_ROW) return answer(code);
   const auto text = run.text();
   value.reset(g_strndup(text.data(), text.size()));
-  return SQLITE_OK;
+  return StoreResult::ok;
 }
 
-int ParamStore::set(std::string_view path, std::string_view value) {
+StoreResult ParamStore::set(std::string_view path, std::string_view value) {
+  if (value.size() > PARAM_SERVICE_VALUE_MAX) return StoreResult::value_too_long;
   const auto [group, name] = split(path);
   {
     Run run(*this, update_value, {group, name, value});
-    const int result = run.finish();
-    if (result != SQLITE_OK || sqlite3_changes(database_.get()) > 0) return result;
+    const auto result = answer(run.finish());
+    if (result != StoreResult::ok || sqlite3_changes(database_.get()) > 0) return result;
   }
-  return in_transaction([&] { return insert(path, value); });
+  return in_transaction([&] { return answer(insert(path, value)); });
 }
 
 int ParamStore::insert(std::string_view path, std::string_view value) {
@@ -238,7 +148,7 @@ int ParamStore::insert(std::string_view path, std::string_view value) {
   return result == SQLITE_OK ? insert_groups_down_to(group) : result;
 }
 
-// The group, which ends in a dot, and those above it. Where one is, those above it are.
+// The group, which ends in a dot, and those above it. If one exists, those above it do.
 int ParamStore::insert_groups_down_to(std::string_view group) {
   while (!group.empty()) {
     const auto [parent, name] = split(group.substr(0, group.size() - 1));
@@ -249,76 +159,108 @@ int ParamStore::insert_groups_down_to(std::string_view group) {
   return SQLITE_OK;
 }
 
-int ParamStore::has_group(std::string_view path) {
+StoreResult ParamStore::has_group(std::string_view path) {
   const auto [parent, name] = split(path);
-  const int result = Run(*this, find_group, {parent, name}).step();
-  if (result == SQLITE_ROW) return SQLITE_OK;
-  return result == SQLITE_DONE ? SQLITE_NOTFOUND : result;
+  const int code = Run(*this, find_group, {parent, name}).step();
+  return code == SQLITE_DONE ? StoreResult::not_found : answer(code);
 }
 
-int ParamStore::create_group(std::string_view parent, char letter, gint32 number, const Settings &defaults,
-                             std::string &path) {
+// In a transaction. One query reads all numbers that are taken; the result is kept for the next call.
+StoreResult ParamStore::lowest_free_number(std::string_view stem, gint32 &number) {
+  {
+    Run run(*this, data_version, {});
+    if (const int code = run.step(); code != SQLITE_ROW) return answer(code);
+    if (run.number() != std::exchange(seen_version_, run.number())) next_numbers_.clear();
+  }
+  const auto known = next_numbers_.find(stem);
+  number = known != next_numbers_.end() ? known->second : 0;
+  const auto [parent, letter] = split(stem);
+  if (known != next_numbers_.end()) {
+    // An explicit number may have been created since.
+    StoreResult result = StoreResult::ok;
+    for (; (result = has_group(std::string(stem) + std::to_string(number))) == StoreResult::ok; ++number) {
+    }
+    return result == StoreResult::not_found ? StoreResult::ok : result;
+  }
+  std::vector<bool> taken;
+  // ":" is the character after "9".
+  const std::string first = std::string(letter) + '0', beyond = std::string(letter) + ':';
+  Run run(*this, numbered_groups_of, {parent, first, beyond});
+  int code = run.step();
+  std::vector<gint32> numbers;
+  for (; code == SQLITE_ROW; code = run.step()) {
+    if (gint32 found = 0; read_number(run.text().substr(letter.size()), found)) numbers.push_back(found);
+  }
+  if (code != SQLITE_DONE) return answer(code);
+  taken.resize(numbers.size() + 1);
+  for (const gint32 found : numbers) {
+    if (static_cast<std::size_t>(found) < taken.size()) taken[static_cast<std::size_t>(found)] = true;
+  }
+  number = static_cast<gint32>(std::find(taken.begin(), taken.end(), false) - taken.begin());
+  return StoreResult::ok;
+}
+
+StoreResult ParamStore::insert_all(const std::string &group, const Settings &settings) {
+  int code = insert_groups_down_to(group);
+  for (const auto &[name, value] : settings) {
+    if (group.size() + name.size() > PARAM_SERVICE_PATH_MAX) return StoreResult::path_too_long;
+    if (value.size() > PARAM_SERVICE_VALUE_MAX) return StoreResult::value_too_long;
+    if (code == SQLITE_OK) code = insert(group + name, value);
+  }
+  return answer(code);
+}
+
+StoreResult ParamStore::create_group(std::string_view parent, char letter, gint32 number, const Settings &defaults,
+                                     std::string &path) {
   const std::string stem = as_group(parent) + letter;
   return in_transaction([&] {
-    path = stem + std::to_string(number >= 0 ? number : 0);
-    int result = has_group(path);
-    if (number >= 0 && result == SQLITE_OK) return SQLITE_CONSTRAINT;
-    for (gint32 next = 1; result == SQLITE_OK; ++next) {
-      path = stem + std::to_string(next);
-      result = has_group(path);
+    gint32 chosen = number;
+    if (number < 0) {
+      if (const auto result = lowest_free_number(stem, chosen); result != StoreResult::ok) return result;
     }
-    if (result != SQLITE_NOTFOUND) return result;
-    if (path.size() > PARAM_SERVICE_PATH_MAX) return SQLITE_TOOBIG;
-    const std::string group = as_group(path);
-    result = insert_groups_down_to(group);
-    for (const auto &[name, value] : defaults) {
-      if (group.size() + name.size() > PARAM_SERVICE_PATH_MAX) return SQLITE_TOOBIG;
-      if (result == SQLITE_OK) result = insert(group + name, value);
+    path = stem + std::to_string(chosen);
+    if (number >= 0) {
+      const auto result = has_group(path);
+      if (result != StoreResult::not_found) return result == StoreResult::ok ? StoreResult::exists : result;
+    }
+    if (path.size() > PARAM_SERVICE_PATH_MAX) return StoreResult::path_too_long;
+    const auto result = insert_all(as_group(path), defaults);
+    if (result == StoreResult::ok && number < 0) {
+      if (next_numbers_.size() >= most_stems) next_numbers_.clear();
+      next_numbers_.insert_or_assign(stem, chosen < G_MAXINT32 ? chosen + 1 : 0);
     }
     return result;
   });
 }
 
-int ParamStore::delete_group(std::string_view path) {
+StoreResult ParamStore::delete_group(std::string_view path) {
   const auto [parent, name] = split(path);
   const std::string first = as_group(path), beyond = std::string(path) + '/';
+  next_numbers_.clear();
   return in_transaction([&, parent = parent, name = name] {
-    int result = Run(*this, delete_values_below, {first, beyond}).finish();
-    if (result == SQLITE_OK) result = Run(*this, delete_groups_below, {first, beyond}).finish();
-    if (result == SQLITE_OK) result = Run(*this, delete_one_group, {parent, name}).finish();
-    if (result == SQLITE_OK && sqlite3_changes(database_.get()) == 0) return SQLITE_NOTFOUND;
-    return result;
+    int code = Run(*this, delete_values_below, {first, beyond}).finish();
+    if (code == SQLITE_OK) code = Run(*this, delete_groups_below, {first, beyond}).finish();
+    if (code == SQLITE_OK) code = Run(*this, delete_one_group, {parent, name}).finish();
+    if (code == SQLITE_OK && sqlite3_changes(database_.get()) == 0) return StoreResult::not_found;
+    return answer(code);
   });
 }
 
-int ParamStore::list(Query query, std::string_view group, Names &names) {
+StoreResult ParamStore::list(Query query, std::string_view group, Names &names) {
   {
     const std::string key = as_group(group);
     names.clear();
     Run run(*this, query, {key});
-    int result = run.step();
-    for (; result == SQLITE_ROW; result = run.step()) names.emplace_back(run.text());
-    if (result != SQLITE_DONE) return result;
+    int code = run.step();
+    for (; code == SQLITE_ROW; code = run.step()) names.emplace_back(run.text());
+    if (code != SQLITE_DONE) return answer(code);
   }
-  return names.empty() ? has_group(group) : SQLITE_OK;
+  return names.empty() ? has_group(group) : StoreResult::ok;
 }
 
-int ParamStore::list_parameters(std::string_view group, Names &names) { return list(parameters_of, group, names); }
-int ParamStore::list_groups(std::string_view group, Names &names) { return list(groups_of, group, names); }
-
-// Whatever was written before is in the log of changes, or in a database that was flushed before the log was begun
-// anew.
-int ParamStore::sync() {
-  sqlite3_file *log = nullptr;
-  const int result = sqlite3_file_control(database_.get(), "main", SQLITE_FCNTL_JOURNAL_POINTER, &log);
-  if (result != SQLITE_OK) return result;
-  return log != nullptr && log->pMethods != nullptr ? log->pMethods->xSync(log, SQLITE_SYNC_FULL) : SQLITE_CANTOPEN;
+StoreResult ParamStore::list_parameters(std::string_view group, Names &names) {
+  return list(parameters_of, group, names);
 }
-
-bool ParamStore::has_moved() const {
-  int moved = 0;
-  sqlite3_file_control(database_.get(), "main", SQLITE_FCNTL_HAS_MOVED, &moved);
-  return moved != 0;
-}
+StoreResult ParamStore::list_groups(std::string_view group, Names &names) { return list(groups_of, group, names); }
 
 }  // namespace ptz::platform

@@ -4,14 +4,15 @@
 // a path is its group and its name written one after the other, and all that is below a group is one range of keys.
 #pragma once
 #include <glib.h>
-#include <sqlite3.h>
 #include <array>
+#include <map>
+#include <memory>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
-#include "base/handles.h"
+#include "param_database.h"
+#include "param_template.h"
 
 namespace ptz::platform {
 
@@ -21,36 +22,44 @@ struct PathParts {
   std::string_view name;
 };
 [[nodiscard]] inline PathParts split(std::string_view path) {
-  const auto name = path.rfind('.') + 1;  // 0 where there is no dot
+  const auto name = path.rfind('.') + 1;  // 0 if there is no dot
   return {path.substr(0, name), path.substr(name)};
 }
 
 using Names = std::vector<std::string>;
-using Settings = std::vector<std::pair<std::string, std::string>>;  // of full paths
 
-// One connection of this process. Results of calls are SQLite's codes; SQLITE_NOTFOUND is an answer, not a failure.
-// SQLITE_BUSY means that another process is in the way, and that nothing was done: the call may be made again.
+// The statements on one open database. Not thread-safe.
 class [[gnu::visibility("hidden")]] ParamStore {
  public:
-  // Null where the database cannot be opened or is not one of parameters: the reason tells why.
-  static ParamStore *open(const std::string &file, std::string &reason);
+  // Null with result and reason set if the statements cannot be prepared.
+  static std::unique_ptr<ParamStore> on(Database database, StoreResult & result, std::string & reason);
   ~ParamStore();
   ParamStore(ParamStore &&) = delete;
 
-  [[nodiscard]] int get(std::string_view path, Text & value);
-  [[nodiscard]] int set(std::string_view path, std::string_view value);
-  [[nodiscard]] int has_group(std::string_view path);
-  // With the lowest free number where it is negative. The result is SQLITE_CONSTRAINT where the group exists, and
-  // SQLITE_TOOBIG where its path or one of a parameter in it would be too long.
-  [[nodiscard]] int create_group(std::string_view parent, char letter, gint32 number, const Settings &defaults,
-                                 std::string &path);
-  [[nodiscard]] int delete_group(std::string_view path);
-  [[nodiscard]] int list_parameters(std::string_view group, Names & names);
-  [[nodiscard]] int list_groups(std::string_view group, Names & names);
-  [[nodiscard]] int sync();
+  [[nodiscard]] StoreResult get(std::string_view path, Text & value);
+  [[nodiscard]] StoreResult set(std::string_view path, std::string_view value);
+  [[nodiscard]] StoreResult has_group(std::string_view path);
+  // A negative number stands for the lowest free one.
+  [[nodiscard]] StoreResult create_group(std::string_view parent, char letter, gint32 number, const Settings &defaults,
+                                         std::string &path);
+  [[nodiscard]] StoreResult delete_group(std::string_view path);
+  [[nodiscard]] StoreResult list_parameters(std::string_view group, Names & names);
+  [[nodiscard]] StoreResult list_groups(std::string_view group, Names & names);
+  // Replaces the tree by that of another database of the same version, in one transaction.
+  [[nodiscard]] StoreResult replace_by(sqlite3 * source);
 
-  // Whether the file that was opened is no longer the one at its path.
-  [[nodiscard]] bool has_moved() const;
+  // Copies as much of the log into the database as readers permit; `whole` says whether that is all of it.
+  [[nodiscard]] StoreResult checkpoint(bool &whole);
+  // Empties the log after a whole checkpoint. busy if a reader of another process is in the way.
+  [[nodiscard]] StoreResult cut_log();
+  // A write that may begin the log anew without a cut has to flush the log's header.
+  void flush_writes(bool on);
+  [[nodiscard]] int log_pages() const { return log_pages_; }  // after the last write of this connection
+  [[nodiscard]] LogState log_state() const { return log_state_of(database_.get()); }
+
+  // Why the last operation failed.
+  [[nodiscard]] const char *reason() const { return sqlite3_errstr(last_code_); }
+  [[nodiscard]] sqlite3 *database() const { return database_.get(); }
 
  private:
   enum Query : std::size_t {
@@ -61,9 +70,11 @@ class [[gnu::visibility("hidden")]] ParamStore {
     insert_group,
     parameters_of,
     groups_of,
+    numbered_groups_of,
     delete_values_below,
     delete_groups_below,
     delete_one_group,
+    data_version,
     begin,
     commit,
     rollback,
@@ -72,16 +83,30 @@ class [[gnu::visibility("hidden")]] ParamStore {
   class Run;
   using Statement = Handle<sqlite3_stmt, sqlite3_finalize>;
 
-  explicit ParamStore(sqlite3 * database) : database_(database) {}
+  explicit ParamStore(Database database) : database_(std::move(database)) {}
   [[nodiscard]] int prepare();
+  [[nodiscard]] StoreResult answer(int code);  // keeps the code as the reason
   [[nodiscard]] int insert(std::string_view path, std::string_view value);
   [[nodiscard]] int insert_groups_down_to(std::string_view group);
-  [[nodiscard]] int list(Query query, std::string_view group, Names & names);
+  [[nodiscard]] StoreResult list(Query query, std::string_view group, Names & names);
+  [[nodiscard]] StoreResult lowest_free_number(std::string_view stem, gint32 & number);
+  [[nodiscard]] StoreResult insert_all(const std::string &group, const Settings &settings);
+  [[nodiscard]] StoreResult begin_transaction();
+  [[nodiscard]] StoreResult end_transaction(StoreResult result);  // commits after ok, else rolls back
   template <typename Steps>
-  [[nodiscard]] int in_transaction(Steps steps);
+  [[nodiscard]] StoreResult in_transaction(Steps steps) {
+    const auto begun = begin_transaction();
+    return begun == StoreResult::ok ? end_transaction(steps()) : begun;
+  }
 
-  Handle<sqlite3, sqlite3_close_v2> database_;
+  Database database_;
   std::array<Statement, query_count> statements_;
+  int last_code_ = SQLITE_OK;
+  int log_pages_ = 0;
+  // By the path without its number, the number below which none is free. It holds as long as no other connection has
+  // written (`seen_version_`) and this one has deleted nothing.
+  std::map<std::string, gint32, std::less<>> next_numbers_;
+  int seen_version_ = 0;
 };
 
 }  // namespace ptz::platform

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <string>
@@ -312,11 +313,12 @@ TEST_F(ParamService, ASyncFlushesWhatWasWritten) {
   EXPECT_EQ(flushes, 0) << "a write alone is not flushed";
   EXPECT_EQ(sync_tree(), 0);
   EXPECT_GE(flushes, 1);
+  EXPECT_EQ(set("root.A", "3"), 0);
   flushes_fail = true;
   EXPECT_EQ(sync_tree(), PARAM_SERVICE_STORAGE);
   flushes_fail = false;
   EXPECT_EQ(sync_tree(), 0);
-  EXPECT_EQ(get("root.A"), value("2"));
+  EXPECT_EQ(get("root.A"), value("3"));
 }
 
 TEST_F(ParamService, AMissingFolderIsOneLineAndIsMetAgainWhenItIsThere) {
@@ -327,35 +329,28 @@ TEST_F(ParamService, AMissingFolderIsOneLineAndIsMetAgainWhenItIsThere) {
   EXPECT_EQ(sync_tree(), PARAM_SERVICE_STORAGE);
   EXPECT_EQ(parameters_of("root"), std::nullopt);
   EXPECT_EQ(groups_of("root"), std::nullopt);
-  EXPECT_EQ(log.lines(), (std::vector<LogLine>{{LOG_ERR, "Parameter tree " + dir.file("later/params.db") +
-                                                             ": cannot be created: No such file or directory"}}));
+  const std::string missing = dir.file("later/params.db") + ": cannot be created: No such file or directory";
+  EXPECT_EQ(log.lines(), (std::vector<LogLine>{{LOG_ERR, "Parameter tree " + missing},
+                                               {LOG_ERR, "Parameter root.A: not written to " + missing}}));
   EXPECT_FALSE(fs::exists(dir.file("later")));
   fs::create_directory(dir.file("later"));
   EXPECT_EQ(set("root.A", "v"), 0);
   EXPECT_EQ(get("root.A"), value("v"));
-  EXPECT_EQ(log.lines().size(), 1U);
+  EXPECT_EQ(log.lines().size(), 2U);
 }
 
-TEST_F(ParamService, ASignalDoesNotEndTheWaitForAnotherProcessThatMakesTheFile) {
+TEST_F(ParamService, AForeignLockOfTheFolderDoesNotDelayTheFirstCreation) {
   const int folder = open(dir.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   ASSERT_EQ(flock(folder, LOCK_EX), 0);
-  struct sigaction quiet = {}, before = {};
-  quiet.sa_handler = [](int) {};  // without SA_RESTART
-  sigaction(SIGUSR1, &quiet, &before);
-  std::atomic<bool> done = false;
-  std::jthread waking([&, waiting = pthread_self()] {
-    for (int signals = 0; signals < 20 && !done; ++signals) {
-      g_usleep(2000);
-      pthread_kill(waiting, SIGUSR1);
-    }
-    flock(folder, LOCK_UN);
-  });
   EXPECT_EQ(set("root.A", "v"), 0);
-  done = true;
-  waking.join();
-  sigaction(SIGUSR1, &before, nullptr);
-  close(folder);
+  const int lock = open((file + "-lock").c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_EQ(flock(lock, LOCK_EX), 0);
+  EXPECT_EQ(set("root.A", "w"), 0);
+  EXPECT_EQ(sync_tree(), 0);
+  connect_anew();
+  EXPECT_EQ(get("root.A"), value("w"));
   EXPECT_TRUE(log.lines().empty());
+  close(folder);
 }
 
 TEST_F(ParamService, TheFolderHoldsNothingElseAfterwards) {
@@ -364,7 +359,9 @@ TEST_F(ParamService, TheFolderHoldsNothingElseAfterwards) {
     EXPECT_TRUE(entry.path().filename().string().starts_with("params.db")) << entry.path();
     EXPECT_EQ(entry.path().string().find(".db."), std::string::npos) << entry.path();
   }
-  EXPECT_EQ(static_cast<int>(fs::status(file).permissions()), 0644);
+  for (const char *suffix : {"", "-wal", "-shm", "-lock"}) {
+    EXPECT_EQ(static_cast<int>(fs::status(file + suffix).permissions()), 0600) << "as the folder's " << suffix;
+  }
 }
 
 struct Damage {
@@ -386,14 +383,6 @@ const Damage damages[] = {
     {"cut_by_half", [](const auto &file) { cut(file, fs::file_size(file) / 2); }},
     {"cut_by_a_page", [](const auto &file) { cut(file, fs::file_size(file) - 4096); }},
     {"text", [](const auto &file) { ParameterTree::write(file, std::string(5000, 't')); }},
-    {"somebody_elses_database",
-     [](const auto &file) {
-       fs::remove(file);
-       sqlite3 *database = nullptr;
-       EXPECT_EQ(sqlite3_open(file.c_str(), &database), SQLITE_OK);
-       EXPECT_EQ(sqlite3_exec(database, "CREATE TABLE parameters (a)", nullptr, nullptr, nullptr), SQLITE_OK);
-       sqlite3_close(database);
-     }},
     {"pages_of_noise",
      [](const auto &file) {
        auto bytes = ParameterTree::read(file);
@@ -406,31 +395,37 @@ struct Damaged : ParameterTree, testing::WithParamInterface<Damage> {};
 INSTANTIATE_TEST_SUITE_P(Files, Damaged, testing::ValuesIn(damages),
                          [](const auto &info) { return std::string(info.param.name); });
 
-TEST_P(Damaged, AreReportedOnceAndKept) {
+TEST_P(Damaged, AreSetAsideAndTheTreeStartsAnew) {
   for (int i = 0; i < 500; ++i) ASSERT_EQ(set("root.G" + std::to_string(i) + ".P", std::string(100, 'v')), 0);
-  connect_anew();
-  // What is still in the log of changes goes into the file.
-  sqlite3 *database = nullptr;
-  ASSERT_EQ(sqlite3_open(file.c_str(), &database), SQLITE_OK);
-  ASSERT_EQ(sqlite3_exec(database, "SELECT * FROM groups; PRAGMA wal_checkpoint(TRUNCATE)", nullptr, nullptr, nullptr),
-            SQLITE_OK);
-  ASSERT_EQ(sqlite3_close(database), SQLITE_OK);
+  ASSERT_EQ(sync_tree(), 0);
   GetParam().inflict(file);
+  fs::last_write_time(file, fs::last_write_time(file) - std::chrono::hours(1));  // no copy that is under way
   const auto bytes = read(file);
+  connect_anew();
 
-  EXPECT_EQ(get("root.G250.P"), failed);
-  EXPECT_EQ(set("root.G250.P", "new"), PARAM_SERVICE_STORAGE);
-  EXPECT_EQ(set("root.New.P", "new"), PARAM_SERVICE_STORAGE);
-  EXPECT_EQ(remove_group("root"), PARAM_SERVICE_STORAGE);
-  EXPECT_EQ(parameters_of("root.G250"), std::nullopt);
-  EXPECT_EQ(groups_of("root"), std::nullopt);
-  ASSERT_EQ(log.lines().size(), 1U) << testing::PrintToString(log.lines());
-  EXPECT_EQ(log.lines()[0].priority, LOG_ERR);
-  EXPECT_TRUE(log.lines()[0].text.starts_with("Parameter tree " + file + ": ")) << log.lines()[0].text;
-  EXPECT_EQ(read(file), bytes) << "kept as it was found";
+  EXPECT_EQ(get("root.G250.P"), nothing);
+  EXPECT_EQ(set("root.G250.P", "new"), 0);
+  EXPECT_EQ(get("root.G250.P"), value("new"));
+  EXPECT_EQ(groups_of("root"), Names{"root.G250"});
+  EXPECT_EQ(log.containing("it is kept as " + file + ".damaged-1 and a new tree is started"), 1U)
+      << testing::PrintToString(log.lines());
+  EXPECT_EQ(read(file + ".damaged-1"), bytes) << "kept as it was found";
+}
 
+TEST_F(ParamService, ADatabaseOfAnotherProgramIsReportedAndLeftAlone) {
+  sqlite3 *database = nullptr;
+  EXPECT_EQ(sqlite3_open(file.c_str(), &database), SQLITE_OK);
+  EXPECT_EQ(sqlite3_exec(database, "CREATE TABLE parameters (a)", nullptr, nullptr, nullptr), SQLITE_OK);
+  sqlite3_close(database);
+  const auto bytes = read(file);
+  EXPECT_EQ(get("root.A"), failed);
+  EXPECT_EQ(set("root.A", "new"), PARAM_SERVICE_STORAGE);
+  EXPECT_EQ(log.lines(), (std::vector<LogLine>{
+                             {LOG_ERR, "Parameter tree " + file + ": is not a parameter tree"},
+                             {LOG_ERR, "Parameter root.A: not written to " + file + ": is not a parameter tree"}}));
+  EXPECT_EQ(read(file), bytes);
   fs::rename(file, dir.file("kept"));
-  EXPECT_EQ(set("root.A", "v"), 0) << "a new one is begun where the damaged one was taken away";
+  EXPECT_EQ(set("root.A", "v"), 0) << "a new one is begun when the other one was taken away";
   EXPECT_EQ(get("root.A"), value("v"));
 }
 
@@ -504,7 +499,7 @@ TEST_F(ParamService, AWriteGivesUpAfterTenSecondsOfWaiting) {
   }
   writer.join();
   EXPECT_EQ(error, PARAM_SERVICE_STORAGE);
-  EXPECT_EQ(log.count(LOG_ERR, "Parameter tree " + file + ": database is locked"), 1U);
+  EXPECT_EQ(log.count(LOG_ERR, "Parameter root.A: not written to " + file + ": database is locked"), 1U);
   EXPECT_EQ(get("root.A"), value("old"));
 }
 
@@ -514,17 +509,19 @@ TEST_F(ParamService, AFileThatIsCutWhileItIsOpenEndsNobody) {
   EXPECT_EQ(get("root.G1.P"), value(std::string(1000, 'v')));
   fs::resize_file(file, 5000);
   fs::resize_file(file + "-wal", 40);
+  fs::last_write_time(file, fs::last_write_time(file) - std::chrono::hours(1));
   for (int i = 0; i < 500; ++i) {
     const auto answer = get("root.G" + std::to_string(i) + ".P");
-    EXPECT_TRUE(answer == failed || answer == value(std::string(1000, 'v'))) << testing::PrintToString(answer);
+    EXPECT_TRUE(answer == nothing || answer == value(std::string(1000, 'v'))) << testing::PrintToString(answer);
   }
+  EXPECT_EQ(set("root.A", "v"), 0);
 }
 
 TEST_F(ParamService, AFolderInPlaceOfTheFileIsReported) {
   fs::create_directory(file);
   EXPECT_EQ(get("root.A"), failed);
   EXPECT_EQ(set("root.A", "v"), PARAM_SERVICE_STORAGE);
-  EXPECT_EQ(log.lines().size(), 1U);
+  EXPECT_EQ(log.lines().size(), 2U);
   EXPECT_TRUE(fs::is_directory(file));
 }
 

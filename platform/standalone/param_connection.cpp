@@ -1,0 +1,177 @@
+// The connection of the tree: opened, followed, closed.
+#include <fcntl.h>
+#include <unistd.h>
+#include <cerrno>
+#include <utility>
+
+#include "param_tree.h"
+
+namespace ptz::platform {
+namespace {
+
+std::string database_file() { return folder_from("PTZ_PLATFORM_STATE_DIR", "/var/lib/ptz") + "/params.db"; }
+
+}  // namespace
+
+void ParamTree::disconnect() {
+  store_.reset();
+  last_log_ = {};
+}
+
+// Before the file that was put in place is opened.
+void ParamTree::leave_outdated() {
+  const LogState log = store_ != nullptr ? store_->log_state() : LogState{};
+  disconnect();
+  last_log_ = log;
+}
+
+StoreResult ParamTree::take_lock() {
+  if (flushing_) return fail(StoreResult::busy, "another thread is flushing it");
+  if (side_ == nullptr) return fail(StoreResult::read_only, file_name_ + "-lock cannot be opened");
+  if (side_->is_writable() && side_->try_lock()) return StoreResult::ok;
+  if (!side_->is_writable()) {
+    return fail(StoreResult::read_only, "no permission to write " + side_->path() + access_of(side_->path()));
+  }
+  const int error = errno;
+  if (error == EAGAIN || error == EACCES) return fail(StoreResult::busy, "database is locked");
+  return fail(StoreResult::failed, system_reason(side_->path(), error));
+}
+
+void ParamTree::release_lock() { side_->unlock(); }
+
+// Whether the file is the one that is open, and as the record says.
+bool ParamTree::is_current(Record &record) const {
+  struct stat status = {};
+  if (stat(file_name_.c_str(), &status) != 0 || file_ == nullptr || status.st_ino != file_->inode) return false;
+  if (side_ == nullptr) return true;
+  record = side_->load();
+  const auto found = match(record, side_->inode(), stamp_of(status));
+  return (found == Match::same || found == Match::unfinished) && record.generation == generation_;
+}
+
+// Whether a connection that is not current can be replaced by a better one.
+bool ParamTree::may_repair() const {
+  struct stat status = {};
+  if (stat(file_name_.c_str(), &status) != 0 || file_ == nullptr || status.st_ino != file_->inode) return true;
+  return side_ != nullptr && side_->is_writable();
+}
+
+// Connects if necessary, and follows a file that was put in place; reads do so once a second.
+StoreResult ParamTree::look() {
+  if (store_ == nullptr) return connect(false);
+  const gint64 now_us = g_get_monotonic_time();
+  if (now_us < next_look_us_) return StoreResult::ok;
+  next_look_us_ = now_us + tree_times.look_us;
+  Record record;
+  if (is_current(record) && (side_ == nullptr || side_->is_in_place())) return StoreResult::ok;
+  if (!may_repair()) return StoreResult::ok;
+  if (side_ != nullptr && side_->is_writable()) {
+    // While another process flushes or writes, reads go on with what they have.
+    if (take_lock() != StoreResult::ok) {
+      next_look_us_ = now_us + tree_times.look_us / 10;
+      return StoreResult::ok;
+    }
+    release_lock();
+  }
+  leave_outdated();
+  return connect(false);
+}
+
+StoreResult ParamTree::select_file(struct stat &folder) {
+  if (std::string file = database_file(); file != file_name_) {
+    file_name_ = std::move(file);
+    if (!flushing_) side_.reset();
+    suspect_ = swept_ = false;
+    next_flush_pages_ = flush_pages;
+    last_log_ = {};
+  }
+  if (stat(folder_of(file_name_).c_str(), &folder) != 0) {
+    return fail(StoreResult::failed, system_reason("cannot be created", errno));
+  }
+  if (!flushing_ && (side_ == nullptr || !side_->is_in_place())) {
+    side_ = ParamLock::open(file_name_, folder);
+    const int error = errno;
+    if (side_ == nullptr && access(file_name_.c_str(), F_OK) != 0) {
+      return fail(StoreResult::failed, system_reason("cannot be created", error));
+    }
+  }
+  return StoreResult::ok;
+}
+
+// `locked`: the caller holds the tree's lock.
+StoreResult ParamTree::connect(bool locked) {
+  if (store_ != nullptr) return StoreResult::ok;
+  struct stat folder = {};
+  if (const auto result = select_file(folder); result != StoreResult::ok) return result;
+  const bool taken = !locked && take_lock() == StoreResult::ok;
+  struct stat status = {};
+  const bool missing = stat(file_name_.c_str(), &status) != 0 && errno == ENOENT;
+  StoreResult result = StoreResult::ok;
+  if (locked || taken) {
+    result = repair(folder);
+  } else if (missing || suspect_ || status.st_size < smallest_database) {
+    result = take_lock();  // for its cause
+    if (result == StoreResult::ok) {
+      release_lock();  // it has become free just now
+      result = StoreResult::busy;
+    }
+  } else if (side_ != nullptr && side_->is_writable()) {
+    const auto found = match(side_->load(), side_->inode(), stamp_of(status));
+    if (found == Match::replaced) result = fail(StoreResult::busy, "database is locked");
+  }
+  if (result == StoreResult::ok) result = open_store(folder, locked || taken);
+  if (taken) release_lock();
+  last_log_ = {};
+  return result;
+}
+
+// The descriptor of the file at the path; the one that is there is kept if it is that file's.
+bool ParamTree::open_file() {
+  struct stat status = {};
+  if (stat(file_name_.c_str(), &status) != 0) return false;
+  if (file_ != nullptr && file_->inode == status.st_ino) return true;
+  auto file = std::make_shared<OpenFile>();
+  file->fd.reset(::open(file_name_.c_str(), O_RDWR | O_CLOEXEC));
+  if (!file->fd) file->fd.reset(::open(file_name_.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!file->fd || fstat(file->fd.get(), &status) != 0) return false;
+  file->inode = status.st_ino;
+  file_ = std::move(file);
+  return true;
+}
+
+StoreResult ParamTree::open_store(const struct stat &folder, bool locked) {
+  if (!open_file()) return fail(StoreResult::failed, system_reason("cannot be opened", errno));
+  folder_flushed_ = false;
+  for (const char *suffix : {"", "-wal", "-shm"}) repair_access(file_name_ + suffix, folder);
+  Database database;
+  int version = 0;
+  bool changed = false;
+  std::string reason;
+  StoreResult result = open_database(file_name_, database, reason);
+  if (result == StoreResult::ok) result = check_tree(database.get(), version, reason);
+  if (result == StoreResult::ok && locked) result = use_write_ahead_log(database.get(), changed);
+  if (result == StoreResult::ok && locked && version < schema_version) {
+    result = upgrade(database.get(), version, upgrade_steps(), schema_version, reason);
+  }
+  if (result == StoreResult::ok) store_ = ParamStore::on(std::move(database), result, reason);
+  if (result != StoreResult::ok) {
+    if (result == StoreResult::damaged) suspect_ = true;
+    return fail(result, reason.empty() ? "cannot be opened" : reason);
+  }
+  for (const char *suffix : {"-wal", "-shm"}) repair_access(file_name_ + suffix, folder);
+  if (side_ != nullptr) generation_ = side_->load().generation;
+  if (changed) record_database(Record::flushed, generation_);
+  if (locked) record_unknown_log();
+  next_look_us_ = g_get_monotonic_time() + tree_times.look_us;
+  return StoreResult::ok;
+}
+
+// With the tree's lock. Beside a log of the first release, its checkpoints are to be told from a replacement.
+void ParamTree::record_unknown_log() const {
+  Record record = side_->load();
+  if (record.log != LogState{} || (record.flags & Record::flushed) != 0) return;
+  record.log = store_->log_state();
+  side_->save(record);
+}
+
+}  // namespace ptz::platform

@@ -1,0 +1,49 @@
+// platform/standalone/param_files.h - the files of the parameter tree, by path.
+//
+// POSIX drops all locks of a process on a file when the process closes any descriptor of it. So nothing here opens
+// params.db, its -shm or its -lock: modes, owners and times are changed by path.
+#pragma once
+#include <sys/stat.h>
+#include <cstdint>
+#include <string>
+
+namespace ptz::platform {
+
+// What identifies the content of a file without reading it.
+struct FileStamp {
+  std::uint64_t inode = 0;
+  std::int64_t size = 0;
+  std::int64_t modified_ns = 0;
+  bool operator==(const FileStamp &) const = default;
+};
+[[nodiscard]] FileStamp stamp_of(const struct stat &status);
+
+[[nodiscard]] std::string folder_of(const std::string &file);
+[[nodiscard]] std::string system_reason(const std::string &what, int error);
+
+// Nanoseconds of the wall clock, which times of files are compared with.
+[[nodiscard]] std::int64_t wall_clock_ns();
+
+// Gives a file that exists the mode, the group and, as root, the owner that its folder asks for.
+void repair_access(const std::string &path, const struct stat &folder);
+
+// Creates an empty file with the folder's mode, group and owner. An existing file is left as it is. Returns false with
+// errno set.
+bool create_shared_file(const std::string &path, const struct stat &folder);
+
+// A new temporary file "<file>.new-XXXXXX" with the folder's access, or -1 with errno set.
+[[nodiscard]] int open_temporary(const std::string &file, const struct stat &folder, std::string &name);
+
+// Removes "<file>.new-*" that a killed process left. The caller holds the tree's lock; the lock's own temporary files
+// are made without it, so these are removed only if they are a minute old.
+void sweep_temporaries(const std::string &file);
+
+// Moves the write-ahead log to "-wal.old" if it holds anything, and removes the log's index and a rollback journal.
+// Returns whether there was a log.
+bool set_log_aside(const std::string &file);
+
+// Renames a damaged database, with its log, to a free name "<file>.damaged-1" to "-3"; the last one is overwritten.
+// Returns the new name, or an empty text with errno set.
+[[nodiscard]] std::string set_database_aside(const std::string &file);
+
+}  // namespace ptz::platform

@@ -1,0 +1,86 @@
+#include "param_lock.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+#include <cerrno>
+
+namespace ptz::platform {
+namespace {
+
+// A checkpoint of a tree takes milliseconds; a stalled disk may take longer. A file that is put in the database's place
+// later than this is told from what a flush left that was cut off.
+constexpr std::int64_t flush_window_ns = 60'000'000'000;
+
+bool is_soon_after(std::int64_t begun_ns, std::int64_t time_ns) {
+  // A file's time is that of the last clock tick, which may be before the exact one.
+  constexpr std::int64_t tick_ns = 20'000'000;
+  return time_ns >= begun_ns - tick_ns && time_ns <= begun_ns + flush_window_ns;
+}
+
+bool lock_with(int fd, short type) {
+  struct flock lock = {};
+  lock.l_type = type;
+  lock.l_whence = SEEK_SET;
+  int result = -1;
+  do {
+    result = fcntl(fd, F_SETLK, &lock);
+  } while (result != 0 && errno == EINTR);
+  return result == 0;
+}
+
+}  // namespace
+
+Match match(const Record &record, std::uint64_t lock_inode, const FileStamp &database) {
+  if (record.magic != Record::magic_number || record.own_inode != lock_inode) return Match::unrecorded;
+  const bool changing = (record.flags & (Record::flushing | Record::moving)) != 0;
+  if (record.database == database) return changing ? Match::unfinished : Match::same;
+  if (!changing || record.database.inode != database.inode) return Match::replaced;
+  if ((record.flags & Record::moving) != 0 && record.database.size != database.size) return Match::replaced;
+  // A move sets a later time than the recorded one, also if the clock was set back meanwhile.
+  const bool follows =
+      (record.flags & Record::moving) != 0 && is_soon_after(record.database.modified_ns, database.modified_ns);
+  return follows || is_soon_after(record.begun_ns, database.modified_ns) ? Match::unfinished : Match::replaced;
+}
+
+std::unique_ptr<ParamLock> ParamLock::open(const std::string &file, const struct stat &folder) {
+  const std::string path = file + "-lock";
+  if (access(path.c_str(), F_OK) != 0 && !create_shared_file(path, folder)) return nullptr;
+  repair_access(path, folder);
+  bool writable = true;
+  UniqueFd fd(::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+  if (!fd) {
+    writable = false;
+    fd.reset(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+  }
+  struct stat status = {};
+  if (!fd || fstat(fd.get(), &status) != 0) return nullptr;
+  std::unique_ptr<ParamLock> lock(new ParamLock(path, std::move(fd), writable));
+  lock->inode_ = status.st_ino;
+  return lock;
+}
+
+bool ParamLock::try_lock() { return lock_with(fd_.get(), F_WRLCK); }
+void ParamLock::unlock() { lock_with(fd_.get(), F_UNLCK); }
+
+bool ParamLock::is_in_place() const {
+  struct stat status = {};
+  return stat(path_.c_str(), &status) == 0 && status.st_ino == inode_;
+}
+
+Record ParamLock::load() const {
+  Record record;
+  if (pread(fd_.get(), &record, sizeof(record), 0) != static_cast<ssize_t>(sizeof(record)) ||
+      record.version != Record::current_version) {
+    record = {};
+  }
+  return record;
+}
+
+bool ParamLock::save(Record record) const {
+  record.own_inode = inode_;
+  return pwrite(fd_.get(), &record, sizeof(record), 0) == static_cast<ssize_t>(sizeof(record));
+}
+
+bool ParamLock::flush() const { return fdatasync(fd_.get()) == 0; }
+
+}  // namespace ptz::platform

@@ -1,0 +1,149 @@
+// Files of the parameter tree that are not as the record says: missing, put back, damaged.
+#include <fcntl.h>
+#include <unistd.h>
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "base/check.h"
+#include "param_tree.h"
+
+namespace ptz::platform {
+namespace {
+
+constexpr std::int64_t ns_per_us = 1000;
+
+// What the header says of the size of the file, or 0 if it says nothing.
+std::int64_t size_in_header(int fd) {
+  std::uint8_t header[32] = {};
+  if (pread(fd, header, sizeof(header), 0) != static_cast<ssize_t>(sizeof(header))) return 0;
+  if (std::memcmp(header, "SQLite format 3", 16) != 0) return 0;
+  const std::int64_t page = (header[16] << 8) | header[17];
+  const std::int64_t pages =
+      (static_cast<std::int64_t>(header[28]) << 24) | (header[29] << 16) | (header[30] << 8) | header[31];
+  return (page == 1 ? 65536 : page) * pages;
+}
+
+}  // namespace
+
+void ParamTree::record_database(std::uint32_t flags, std::uint32_t generation) const {
+  struct stat status = {};
+  if (side_ == nullptr || stat(file_name_.c_str(), &status) != 0) return;
+  Record record;
+  record.database = stamp_of(status);
+  record.flags = flags;
+  record.generation = generation;
+  side_->save(record);
+}
+
+// A copy is complete if nothing has written to it for a moment, and it is as long as its header says.
+bool ParamTree::is_settled(const struct stat &status, gint64 settled_us) const {
+  const std::int64_t age_ns = wall_clock_ns() - stamp_of(status).modified_ns;
+  const bool fresh = age_ns > -settled_us * ns_per_us && age_ns < settled_us * ns_per_us;
+  if (fresh) return false;
+  const bool rather_fresh = age_ns > 0 && age_ns < tree_times.damage_settled_us * ns_per_us;
+  return !rather_fresh || file_ == nullptr || status.st_size >= size_in_header(file_->fd.get());
+}
+
+StoreResult ParamTree::repair(const struct stat &folder) {
+  if (!swept_) sweep_temporaries(file_name_);
+  swept_ = true;
+  struct stat status = {};
+  if (stat(file_name_.c_str(), &status) != 0) {
+    if (errno == ENOENT) return create(folder);
+    return fail(StoreResult::failed, system_reason("cannot be opened", errno));
+  }
+  if (!S_ISREG(status.st_mode) || !open_file()) return StoreResult::ok;  // opening the store reports it
+  const Record record = side_->load();
+  const auto found = match(record, side_->inode(), stamp_of(status));
+  if (found == Match::replaced) {
+    if (const auto result = accept_replacement(status, record); result != StoreResult::ok) return result;
+  } else if (found == Match::unrecorded) {
+    record_database(0, record.generation + 1);
+  }
+  // SQLite would take it for a new database.
+  if (status.st_size < smallest_database) {
+    const char *damage = status.st_size == 0 ? "is empty" : "is cut short";
+    return is_settled(status, tree_times.damage_settled_us) ? start_anew(folder, damage)
+                                                            : fail(StoreResult::busy, damage);
+  }
+  return suspect_ ? examine(folder, status) : StoreResult::ok;
+}
+
+StoreResult ParamTree::create(const struct stat &folder) {
+  const auto generation = side_->load().generation;
+  if (set_log_aside(file_name_)) {
+    syslog(LOG_WARNING, "Parameter tree %s: is missing; the log of the former one is kept in %s-wal.old",
+           file_name_.c_str(), file_name_.c_str());
+  }
+  std::string reason;
+  const auto result = make_database(file_name_, folder, reason);
+  if (result != StoreResult::ok) return fail(result, reason);
+  record_database(Record::flushed, generation + 1);
+  suspect_ = false;
+  return StoreResult::ok;
+}
+
+// Whether another program that uses SQLite, or a process of the first release, has copied the log into the database.
+// `log` is set to what SQLite's index of the log says now.
+bool ParamTree::has_foreign_checkpoint(const Record &record, LogState &log) const {
+  log = last_log_;
+  if (log == LogState{}) {
+    // A read of the header makes SQLite open the log. What it says may not fit the log, and is not looked at.
+    Database database;
+    std::string ignored;
+    int version = 0;
+    if (open_database(file_name_, database, ignored) != StoreResult::ok) return false;
+    static_cast<void>(check_tree(database.get(), version, ignored));
+    log = log_state_of(database.get());
+  }
+  constexpr LogState unknown;
+  if (std::ranges::equal(record.log.salts, unknown.salts) || std::ranges::equal(log.salts, unknown.salts)) return false;
+  return !std::ranges::equal(log.salts, record.log.salts) || log.backfilled > record.log.backfilled;
+}
+
+StoreResult ParamTree::accept_replacement(const struct stat &status, Record record) {
+  LogState log;
+  if (status.st_ino == record.database.inode && has_foreign_checkpoint(record, log)) {
+    record.database = stamp_of(status);
+    record.flags = 0;
+    record.log = log;
+    side_->save(record);
+    return StoreResult::ok;
+  }
+  if (!is_settled(status, tree_times.settled_us)) return fail(StoreResult::busy, "is being replaced");
+  const bool had_log = set_log_aside(file_name_);
+  syslog(LOG_WARNING, "Parameter tree %s: was replaced by another file%s%s%s", file_name_.c_str(),
+         had_log ? "; the log of the former one is kept in " : "", had_log ? file_name_.c_str() : "",
+         had_log ? "-wal.old" : "");
+  record_database(Record::flushed, record.generation + 1);
+  return StoreResult::ok;
+}
+
+// SQLite found damage. A failure to read, or a full disk, is none.
+StoreResult ParamTree::examine(const struct stat &folder, const struct stat &status) {
+  std::string reason;
+  StoreResult result = StoreResult::ok;
+  {
+    Database database;
+    int version = 0;
+    result = open_database(file_name_, database, reason);
+    if (result == StoreResult::ok) result = check_tree(database.get(), version, reason);
+    if (result == StoreResult::ok) result = check_pages(database.get(), reason);
+    if (result == StoreResult::ok) static_cast<void>(ParamStore::on(std::move(database), result, reason));
+  }
+  if (result == StoreResult::ok) suspect_ = false;
+  if (result != StoreResult::damaged) return fail(result, reason);
+  if (!is_settled(status, tree_times.damage_settled_us)) return fail(StoreResult::busy, reason);
+  return start_anew(folder, reason);
+}
+
+StoreResult ParamTree::start_anew(const struct stat &folder, const std::string &damage) {
+  const std::string kept = set_database_aside(file_name_);
+  if (kept.empty()) return fail(StoreResult::damaged, damage);
+  syslog(LOG_ERR, "Parameter tree %s: %s; it is kept as %s and a new tree is started", file_name_.c_str(),
+         damage.c_str(), kept.c_str());
+  return create(folder);
+}
+
+}  // namespace ptz::platform

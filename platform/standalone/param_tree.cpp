@@ -1,0 +1,235 @@
+#include "param_tree.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <unistd.h>
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "base/check.h"
+
+namespace ptz::platform {
+namespace {
+
+constexpr gulong longest_pause_us = 2000;
+
+// Whether the operation was carried out, with whatever answer.
+bool is_answer(StoreResult result) {
+  switch (result) {
+    case StoreResult::ok:
+    case StoreResult::not_found:
+    case StoreResult::exists:
+    case StoreResult::path_too_long:
+    case StoreResult::value_too_long:
+      return true;
+    default:
+      return false;
+  }
+}
+
+}  // namespace
+
+TreeTimes tree_times;
+
+bool ParamTree::Patience::is_over() {
+  const gint64 now_us = g_get_monotonic_time();
+  if (end_us_ == 0) end_us_ = now_us + tree_times.busy_limit_us;
+  return now_us >= end_us_;
+}
+
+void ParamTree::Patience::pause() {
+  g_usleep(pause_us_);
+  pause_us_ = std::min(2 * pause_us_, longest_pause_us);
+}
+
+// Never destroyed: threads may use it while the process exits.
+ParamTree &ParamTree::instance() {
+  static auto *const tree = new ParamTree;
+  return *tree;
+}
+
+ParamTree::ParamTree() {
+  pthread_atfork(
+      [] {
+        g_mutex_lock(&instance().lock_);
+        instance().disconnect();
+      },
+      [] { g_mutex_unlock(&instance().lock_); },
+      [] {
+        instance().flushing_ = instance().watching_ = false;  // the threads are the parent's, and so are the locks
+        instance().next_line_us_ = 0;
+        g_mutex_unlock(&instance().lock_);
+      });
+}
+
+std::string ParamTree::cause() {
+  const MutexLock lock(&lock_);
+  return cause_;
+}
+
+StoreResult ParamTree::fail(StoreResult result, std::string cause) {
+  cause_ = std::move(cause);
+  return result;
+}
+
+std::string ParamTree::access_of(const std::string &path) const {
+  struct stat status = {};
+  if (stat(path.c_str(), &status) != 0) return "";
+  const Text text(g_strdup_printf(" (owner %u, group %u, mode %04o)", static_cast<unsigned>(status.st_uid),
+                                  static_cast<unsigned>(status.st_gid), static_cast<unsigned>(status.st_mode & 07777)));
+  return text.get();
+}
+
+void ParamTree::complain(const std::string &cause) {
+  std::string complaint = "Parameter tree " + file_name_ + ": " + cause;
+  if (complaint != complaint_) syslog(LOG_ERR, "%s", complaint.c_str());
+  complaint_ = std::move(complaint);
+}
+
+// The layer above has to report success for a new parameter that was not written, so the log is the only report.
+void ParamTree::lose_write(const char *path, StoreResult result) {
+  if (result == StoreResult::value_too_long)
+    cause_ = "the value is longer than " G_STRINGIFY(PARAM_SERVICE_VALUE_MAX) " bytes";
+  const gint64 now_us = g_get_monotonic_time();
+  if (now_us < next_line_us_) return;
+  next_line_us_ = now_us + tree_times.log_line_us;
+  syslog(LOG_ERR, "Parameter %s: not written to %s: %s", path, file_name_.c_str(), cause_.c_str());
+}
+
+StoreResult ParamTree::read(Operation operation) {
+  Patience patience;
+  while (true) {
+    {
+      const MutexLock lock(&lock_);
+      StoreResult result = look();
+      if (result == StoreResult::ok) {
+        result = operation(*store_);
+        if (is_answer(result)) return result;
+        cause_ = store_->reason();
+        if (result != StoreResult::busy) disconnect();
+      }
+      if (result == StoreResult::damaged && may_repair() && patience.may_suspect()) {
+        suspect_ = true;
+        result = StoreResult::busy;
+      }
+      if (result != StoreResult::busy || patience.is_over()) {
+        complain(cause_);
+        return result;
+      }
+    }
+    patience.pause();
+  }
+}
+
+StoreResult ParamTree::write(const char *path, Operation operation) {
+  Patience patience;
+  bool flushed = false;
+  while (true) {
+    bool flush_first = false;
+    int pages = 0;
+    {
+      const MutexLock lock(&lock_);
+      StoreResult result = attempt_write(operation, flushed, flush_first);
+      if (is_answer(result)) {
+        if (result == StoreResult::value_too_long) lose_write(path, result);
+        if (result != StoreResult::ok) return result;
+        complaint_.clear();
+        watch_for_idleness();
+        pages = store_->log_pages();
+        if (pages < next_flush_pages_) return result;
+      } else if (!flush_first) {
+        if (result == StoreResult::damaged && may_repair() && patience.may_suspect()) {
+          suspect_ = true;
+          result = StoreResult::busy;
+        }
+        flush_first = result == StoreResult::full && !flushed;  // the log may have room to give back
+        if (!flush_first && (result != StoreResult::busy || patience.is_over())) {
+          lose_write(path, result);
+          return result;
+        }
+      }
+    }
+    if (pages > 0) {
+      static_cast<void>(flush(Flush::threshold));
+      return StoreResult::ok;
+    }
+    if (flush_first) {
+      static_cast<void>(flush(Flush::sync));
+      flushed = true;  // also if it failed: the write may succeed
+    } else {
+      patience.pause();
+    }
+  }
+}
+
+StoreResult ParamTree::attempt_write(Operation operation, bool flushed, bool &flush_first) {
+  if (const auto connected = connect(false); connected != StoreResult::ok) return connected;
+  if (const auto taken = take_lock(); taken != StoreResult::ok) return taken;
+  Record record;
+  StoreResult result = prepare_write(record, flushed, flush_first);
+  if (result == StoreResult::ok) {
+    const bool first = (record.flags & Record::flushed) != 0;
+    if (first) move_time(record);
+    const bool begins_anew = (record.flags & Record::copied_whole) != 0;
+    if (begins_anew) store_->flush_writes(true);
+    result = operation(*store_);
+    if (begins_anew) store_->flush_writes(false);
+    if (result == StoreResult::ok && (first || begins_anew)) {
+      record.log = store_->log_state();
+      record.flags &= ~static_cast<std::uint32_t>(Record::copied_whole);
+      side_->save(record);
+    }
+    if (!is_answer(result)) {
+      cause_ = store_->reason();
+      if (result == StoreResult::read_only) cause_ += access_of(file_name_);
+      if (result != StoreResult::busy) disconnect();  // the file may be a better one when it is opened again
+    }
+  }
+  release_lock();
+  return result;
+}
+
+// With the tree's lock. Makes sure that the log belongs to the database.
+StoreResult ParamTree::prepare_write(Record &record, bool flushed, bool &flush_first) {
+  if (!is_current(record)) {
+    leave_outdated();
+    if (const auto result = connect(true); result != StoreResult::ok) return result;
+    record = side_->load();
+  }
+  if ((record.flags & Record::flushing) != 0 && !flushed) {
+    flush_first = true;  // a flush was cut off
+    return StoreResult::busy;
+  }
+  if ((record.flags & Record::copied_whole) != 0 && store_->cut_log() == StoreResult::ok) {
+    struct stat status = {};
+    if (fstat(file_->fd.get(), &status) == 0) record.database = stamp_of(status);
+    record.flags &= ~static_cast<std::uint32_t>(Record::copied_whole);
+    side_->save(record);
+  }
+  return StoreResult::ok;
+}
+
+// The first write after a flush: copies made until now have another time than the database from now on.
+void ParamTree::move_time(Record &record) const {
+  record.flags |= Record::moving;
+  record.begun_ns = wall_clock_ns();
+  side_->save(record);
+  struct stat status = {};
+  for (int attempt = 0; attempt < 20; ++attempt) {
+    // Some file systems keep whole seconds only.
+    const std::int64_t wanted_ns = std::max(wall_clock_ns(), record.database.modified_ns + 1) + attempt * 500'000'000LL;
+    const timespec times[] = {{0, UTIME_OMIT}, {wanted_ns / 1'000'000'000, wanted_ns % 1'000'000'000}};
+    // Only the owner can choose the time; another user who can write the file can set the present one.
+    const bool chosen = futimens(file_->fd.get(), times) == 0;
+    if (!chosen) static_cast<void>(futimens(file_->fd.get(), nullptr));
+    if (fstat(file_->fd.get(), &status) != 0 || stamp_of(status).modified_ns != record.database.modified_ns) break;
+    if (!chosen) g_usleep(1000);  // until the next tick of the clock of files
+  }
+  record.database = stamp_of(status);
+  record.flags &= ~static_cast<std::uint32_t>(Record::flushed | Record::moving);
+  record.log = {};
+  side_->save(record);
+}
+
+}  // namespace ptz::platform
