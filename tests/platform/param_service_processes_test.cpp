@@ -112,7 +112,7 @@ TEST_F(ParamServiceProcesses, NothingOfTwoWritersAndNoReadIsLost) {
     EXPECT_EQ(parameters_of(group)->size(), static_cast<std::size_t>(written[writer]) + 1);
   }
   EXPECT_EQ(groups_of("root.Group").value_or(Names{}).size(), static_cast<std::size_t>(created[0]));
-  EXPECT_TRUE(log.lines().empty());
+  EXPECT_TRUE(log.lines().empty()) << testing::PrintToString(log.lines());
   expect_sound();
 }
 
@@ -166,7 +166,46 @@ TEST_F(ParamServiceProcesses, AWriterMayBeKilledAtAnyMoment) {
     }
   }
   EXPECT_GT(acknowledged[0], 0);
-  EXPECT_TRUE(log.lines().empty());
+  EXPECT_TRUE(log.lines().empty()) << testing::PrintToString(log.lines());
+  expect_sound();
+}
+
+// The writers fill the log, so that many of them die in the flush that keeps it small.
+TEST_F(ParamServiceProcesses, WriterMayBeKilledInAFlushBesideAnotherWriter) {
+  const int kills = from_environment("PTZ_TEST_KILLS", 10);
+  std::mt19937 random(4712);
+  std::uniform_int_distribution<int> life_us(500, 20'000);
+  SharedNumbers acknowledged;
+  const auto write_for_ever = [&](int writer) {
+    const std::string group = "root.W" + std::to_string(writer);
+    for (int n = acknowledged[writer] + 1; true; ++n) {
+      ASSERT_EQ(set(group + ".N", std::to_string(n)), 0);
+      ASSERT_EQ(set(group + ".P" + std::to_string(n % 40), std::string(5000, 'v')), 0);
+      acknowledged[writer] = n;
+    }
+  };
+  pid_t writers[] = {start([&] { write_for_ever(0); }), start([&] { write_for_ever(1); })};
+  for (int kill_number = 0; kill_number < kills; ++kill_number) {
+    const int writer = kill_number % 2;
+    const int before = acknowledged[writer];
+    EXPECT_TRUE(run_until([&] { return acknowledged[writer] > before + 5; }));
+    std::this_thread::sleep_for(microseconds(life_us(random)));
+    ASSERT_EQ(::kill(writers[writer], SIGKILL), 0);
+    ASSERT_EQ(wait_for(writers[writer]), SIGKILL);
+    ASSERT_GE(number_at("root.W" + std::to_string(writer) + ".N"), acknowledged[writer]);
+    writers[writer] = start([&] { write_for_ever(writer); });
+  }
+  for (const pid_t writer : writers) {
+    ASSERT_EQ(::kill(writer, SIGKILL), 0);
+    ASSERT_EQ(wait_for(writer), SIGKILL);
+  }
+  for (int writer = 0; writer < 2; ++writer) {
+    EXPECT_GE(number_at("root.W" + std::to_string(writer) + ".N"), acknowledged[writer]);
+  }
+  EXPECT_EQ(set("root.Last", "v"), 0);
+  EXPECT_EQ(sync_tree(), 0);
+  EXPECT_TRUE(log.lines().empty()) << testing::PrintToString(log.lines());
+  EXPECT_LT(std::filesystem::file_size(file + "-wal"), 1U << 20U);
   expect_sound();
 }
 

@@ -21,6 +21,13 @@
 #include "platform/param_service.h"
 #include "syslog_capture.h"
 
+#ifdef __SANITIZE_THREAD__
+// The service starts a thread after a write, also in the children of these programs. The sanitizer would end them.
+extern "C" inline __attribute__((used, visibility("default"))) const char *__tsan_default_options() {
+  return "die_after_fork=0";
+}
+#endif
+
 namespace ptz_test {
 
 using Names = std::vector<std::string>;
