@@ -67,7 +67,8 @@ class Tree {
     require(sqlite3_open_v2(dir_.file("params.db").c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX,
                             nullptr) == SQLITE_OK);
     database_.reset(raw);
-    execute(raw, "PRAGMA synchronous = NORMAL; BEGIN");
+    // The log is kept as short as the service keeps it.
+    execute(raw, "PRAGMA synchronous = NORMAL; PRAGMA wal_autocheckpoint = 200; BEGIN");
     fill(size);
     execute(raw, "COMMIT; PRAGMA wal_checkpoint(TRUNCATE)");
     std::ranges::shuffle(places, std::mt19937(1));
