@@ -1,0 +1,127 @@
+#include "status_ring.h"
+
+#include <cerrno>
+
+namespace ptz::platform {
+
+namespace {
+
+constexpr std::uint64_t max_directory_bytes = max_group_size * 4;
+constexpr int max_read_attempts = 10'000;
+
+// The checksum of a slot, given that of its values.
+Word checksum_of(const SlotHeader &header, Word value_checksum) {
+  Word sum = value_checksum;
+  for (const Word word :
+       {header.sequence, header.layout, header.value_bytes, header.directory_bytes, header.directory_checksum}) {
+    sum = mix(sum, word);
+  }
+  return sum;
+}
+
+SlotHeader load_header(const SlotHeader &shared) {
+  SlotHeader header = {};
+  header.sequence = load(shared.sequence);
+  header.checksum = load(shared.checksum);
+  header.layout = load(shared.layout);
+  header.value_bytes = load(shared.value_bytes);
+  header.directory_bytes = load(shared.directory_bytes);
+  header.directory_checksum = load(shared.directory_checksum);
+  return header;
+}
+
+}  // namespace
+
+void Ring::set_up() const {
+  for (Word i = 1; i < slot_count; ++i) reinterpret_cast<SlotHeader *>(slot(i))->layout = no_layout;
+  auto *first = reinterpret_cast<SlotHeader *>(slot(0));
+  first->directory_checksum = copy_words(0, [](std::uint32_t) { return Word{0}; });
+  first->checksum = checksum_of(*first, first->directory_checksum);
+}
+
+bool Ring::fits(const SlotHeader &header) const {
+  return header.value_bytes <= group_size_ && header.directory_bytes < max_directory_bytes &&
+         words_for(header.value_bytes) + words_for(header.directory_bytes) <= state_words(group_size_);
+}
+
+// The directory's words have been copied, and this is their checksum. Returns 0, or EBADMSG.
+int Ring::take_layout(const SlotHeader &header, Word checksum, Layout &layout) {
+  if (checksum != header.directory_checksum) return EBADMSG;
+  layout.directory_bytes = static_cast<std::uint32_t>(header.directory_bytes);
+  layout.directory_checksum = checksum;
+  layout.value_bytes = static_cast<std::uint32_t>(header.value_bytes);
+  if (!parse_directory(layout)) return EBADMSG;
+  layout.number = header.layout;
+  return 0;
+}
+
+int Ring::read(State &state) const {
+  for (int attempt = 0; attempt < max_read_attempts; ++attempt) {
+    const Word sequence = load(*published_);
+    if (state.sequence == sequence) return 0;
+    const Word *values = slot(sequence) + header_words;
+    const SlotHeader header = load_header(*reinterpret_cast<const SlotHeader *>(slot(sequence)));
+    const bool is_possible = fits(header);
+    const bool is_new_layout = header.layout != state.layout.number;
+    Word value_checksum = 0, directory_checksum = 0;
+    state.sequence.reset();
+    if (is_possible) {
+      const auto value_words = words_for(header.value_bytes);
+      value_checksum = copy_words(value_words, [&](std::uint32_t i) { return state.words[i] = load(values[i]); });
+      if (is_new_layout) {
+        auto &directory = state.layout.directory;
+        const Word *words = values + value_words;
+        state.layout.number = no_layout;
+        directory.resize(words_for(header.directory_bytes));
+        directory_checksum = copy_words(static_cast<std::uint32_t>(directory.size()),
+                                        [&](std::uint32_t i) { return directory[i] = load(words[i]); });
+      }
+    }
+    // The slot of this state is written to again once seven more are published, not before.
+    if (load(*published_) - sequence >= slot_count - 1) continue;
+    if (!is_possible || header.sequence != sequence || header.checksum != checksum_of(header, value_checksum)) {
+      return EBADMSG;
+    }
+    if (is_new_layout) {
+      if (const int error = take_layout(header, directory_checksum, state.layout); error != 0) return error;
+    }
+    state.sequence = sequence;
+    return 0;
+  }
+  return EBUSY;
+}
+
+void Ring::publish(State &state, Word sequence) const {
+  auto &layout = state.layout;
+  const Word number = layout.number == no_layout ? sequence : layout.number;
+  const auto value_words = words_for(layout.value_bytes);
+  Word *values = slot(sequence) + header_words;
+  auto *shared = reinterpret_cast<SlotHeader *>(slot(sequence));
+  // A writer that was killed may have left another directory under the number that is new.
+  if (load(shared->layout) != number || number == sequence) {
+    store(shared->layout, no_layout);
+    for (std::size_t i = 0; i < layout.directory.size(); ++i) store(values[value_words + i], layout.directory[i]);
+    store(shared->value_bytes, layout.value_bytes);
+    store(shared->directory_bytes, layout.directory_bytes);
+    store(shared->directory_checksum, layout.directory_checksum);
+    store(shared->layout, number);
+  }
+  const SlotHeader header = {.sequence = sequence,
+                             .checksum = 0,
+                             .layout = number,
+                             .value_bytes = layout.value_bytes,
+                             .directory_bytes = layout.directory_bytes,
+                             .directory_checksum = layout.directory_checksum,
+                             .unused = {}};
+  store(shared->sequence, sequence);
+  const Word value_checksum = copy_words(value_words, [&](std::uint32_t i) {
+    store(values[i], state.words[i]);
+    return state.words[i];
+  });
+  store(shared->checksum, checksum_of(header, value_checksum));
+  store(*published_, sequence);
+  layout.number = number;
+  state.sequence = sequence;
+}
+
+}  // namespace ptz::platform

@@ -1,0 +1,16 @@
+// platform/standalone/status_values.h - values between a caller's variables and a state of a status group.
+#pragma once
+#include "platform/status_store.h"
+#include "status_ring.h"
+
+namespace ptz::platform {
+
+// Copies those values that the state holds with the same size and type to the caller's variables. Returns how many, or
+// -EINVAL for a parameter without key, size or value.
+[[nodiscard]] int read_values(const State &state, StatusStoreParam *const *params);
+
+// The group's lock is held. Reads the current state, writes the values into it and publishes it. Returns 0, or the
+// error; then nothing is published.
+[[nodiscard]] int write_values(const Ring &ring, State &state, StatusStoreParam *const *params);
+
+}  // namespace ptz::platform

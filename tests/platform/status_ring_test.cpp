@@ -1,0 +1,152 @@
+// The ring of states on a plain buffer, without files and processes.
+#include "status_ring.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using namespace ptz::platform;
+
+constexpr std::uint32_t group_size = 64;
+
+struct StatusRing : testing::Test {
+  Word published = 0;
+  std::vector<Word> slots = std::vector<Word>(Ring::slots_bytes(group_size) / sizeof(Word));
+  Ring ring{&published, slots.data(), group_size};
+  State writer{group_size}, reader{group_size};
+
+  StatusRing() {
+    ring.set_up();
+    EXPECT_EQ(ring.read(writer), 0);
+  }
+
+  void lay_out(const std::vector<Field> &fields) { build_directory(writer.layout, fields); }
+  // Publishes a state in which each byte of the values is the given one.
+  void publish(char byte) {
+    std::memset(writer.bytes(), byte, writer.layout.value_bytes);
+    ring.publish(writer, *writer.sequence + 1);
+  }
+  [[nodiscard]] static std::string values_of(const State &state) { return {state.bytes(), state.layout.value_bytes}; }
+};
+
+const std::vector<Field> two_fields = {{"A", 1, 0, 4}, {"B", 2, 0, 5}};
+
+TEST_F(StatusRing, ReadOfANewRingReturnsSequenceZeroWithoutFields) {
+  EXPECT_EQ(ring.read(reader), 0);
+  EXPECT_EQ(reader.sequence, Word{0});
+  EXPECT_TRUE(reader.layout.fields.empty());
+}
+
+TEST_F(StatusRing, ReadReturnsThePublishedFieldsAndValues) {
+  lay_out(two_fields);
+  publish('x');
+  EXPECT_EQ(ring.read(reader), 0);
+  EXPECT_EQ(reader.sequence, Word{1});
+  ASSERT_EQ(reader.layout.fields.size(), 2U);
+  EXPECT_EQ(reader.layout.fields[1].key, "B");
+  EXPECT_EQ(reader.layout.fields[1].type, 2U);
+  EXPECT_EQ(reader.layout.fields[1].offset, 4U);
+  EXPECT_EQ(reader.layout.fields[1].size, 5U);
+  EXPECT_EQ(values_of(reader), "xxxxxxxxx");
+}
+
+TEST_F(StatusRing, EachOfManyStatesIsReadBack) {
+  lay_out(two_fields);
+  for (char byte = 'a'; byte <= 'z'; ++byte) {
+    publish(byte);
+    ASSERT_EQ(ring.read(reader), 0);
+    ASSERT_EQ(values_of(reader), std::string(9, byte));
+  }
+}
+
+TEST_F(StatusRing, ReadAfterAChangeOfTheLayoutReturnsTheNewFields) {
+  lay_out(two_fields);
+  publish('x');
+  EXPECT_EQ(ring.read(reader), 0);
+  lay_out({{"LONGER", 3, 0, 1}});
+  publish('y');
+  EXPECT_EQ(ring.read(reader), 0);
+  ASSERT_EQ(reader.layout.fields.size(), 1U);
+  EXPECT_EQ(reader.layout.fields[0].key, "LONGER");
+  EXPECT_EQ(values_of(reader), "y");
+}
+
+TEST_F(StatusRing, BytesBehindThePublishedSlotDoNotMatter) {
+  lay_out(two_fields);
+  publish('x');
+  // All slots but number 1: what a killed writer may have left.
+  const std::size_t slot_words = slots.size() / slot_count;
+  for (std::size_t i = 0; i < slots.size(); ++i) {
+    if (i / slot_words != 1) slots[i] = 0xDEADBEEFDEADBEEF;
+  }
+  EXPECT_EQ(ring.read(reader), 0);
+  EXPECT_EQ(values_of(reader), "xxxxxxxxx");
+  for (char byte = 'a'; byte <= 'p'; ++byte) {
+    publish(byte);
+    State fresh(group_size);
+    ASSERT_EQ(ring.read(fresh), 0);
+    ASSERT_EQ(values_of(fresh), std::string(9, byte));
+  }
+}
+
+TEST_F(StatusRing, ReadOfADamagedSlotFailsWithEbadmsg) {
+  lay_out(two_fields);
+  publish('x');
+  const std::size_t slot_words = slots.size() / slot_count;
+  int refused = 0;
+  for (std::size_t i = 0; i < slot_words * 64; ++i) {
+    Word &word = slots[slot_words + i / 64];
+    word ^= Word{1} << i % 64;
+    State fresh(group_size);
+    const int error = ring.read(fresh);
+    if (error == 0) {
+      EXPECT_EQ(values_of(fresh), "xxxxxxxxx") << i;
+    } else {
+      EXPECT_EQ(error, EBADMSG) << i;
+      ++refused;
+    }
+    word ^= Word{1} << i % 64;
+  }
+  EXPECT_EQ(refused, (6 + 2 + 3) * 64) << "the header, the values, the directory";
+}
+
+TEST_F(StatusRing, ReadOfASequenceThatWasNeverPublishedFailsWithEbadmsg) {
+  lay_out(two_fields);
+  publish('x');
+  for (const Word sequence : {Word{2}, Word{9}, ~Word{0}}) {
+    published = sequence;
+    EXPECT_EQ(ring.read(reader), EBADMSG) << sequence;
+  }
+}
+
+TEST_F(StatusRing, ReadersBesideAFastWriterGetWholeStates) {
+  lay_out({{"A", 1, 0, 40}});
+  publish('a');
+  std::atomic<bool> is_over = false;
+  std::atomic<int> torn = 0, failed = 0;
+  std::vector<std::thread> readers;
+  for (int i = 0; i < 2; ++i) {
+    readers.emplace_back([&] {
+      State state(group_size);
+      while (!is_over) {
+        if (ring.read(state) != 0) ++failed;
+        const auto values = values_of(state);
+        if (values != std::string(40, values[0])) ++torn;
+      }
+    });
+  }
+  for (int i = 0; i < 20'000; ++i) publish(static_cast<char>('a' + i % 26));
+  is_over = true;
+  for (auto &reading : readers) reading.join();
+  EXPECT_EQ(failed, 0);
+  EXPECT_EQ(torn, 0);
+}
+
+}  // namespace
