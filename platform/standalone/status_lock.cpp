@@ -1,7 +1,10 @@
 #include "status_lock.h"
 
+#include <fcntl.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <algorithm>
 #include <cerrno>
-#include <cstdint>
 #include <ctime>
 
 #include "base/clock.h"
@@ -9,53 +12,124 @@
 namespace ptz::platform {
 
 namespace {
-constexpr long patience_ns = 100'000'000;
+
+constexpr std::int64_t patience_ns = 100'000'000;
+constexpr int max_spins = 64;
+constexpr long max_sleep_ns = 400'000;
+constexpr Word max_token = (Word{1} << 62) - 1;
+constexpr int max_token_attempts = 16;
+
+std::int64_t monotonic_ns() {
+  const timespec now = clock_now();
+  return now.tv_sec * std::int64_t{1'000'000'000} + now.tv_nsec;
 }
 
-void set_up_lock(WriterLock &lock) {
-  pthread_mutexattr_t attributes;
-  pthread_mutexattr_init(&attributes);
-  pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
-  pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
-  pthread_mutex_init(&lock, &attributes);
-  pthread_mutexattr_destroy(&attributes);
-}
-
-bool is_our_lock([[maybe_unused]] const WriterLock &lock) {
-#ifdef __GLIBC__
-  WriterLock ours;
-  set_up_lock(ours);
-  return lock.__data.__kind == ours.__data.__kind;
-#else
-  return true;
+void relax() {
+#if defined(__x86_64__) || defined(__i386__)
+  __builtin_ia32_pause();
 #endif
 }
 
-int lock_writers(WriterLock &lock) {
-  int error = pthread_mutex_trylock(&lock);
-  if (error == EBUSY) {
-    timespec deadline = clock_now();
-    deadline.tv_nsec += patience_ns;
-    if (deadline.tv_nsec >= 1'000'000'000) {
-      deadline.tv_nsec -= 1'000'000'000;
-      ++deadline.tv_sec;
-    }
-    error = pthread_mutex_clocklock(&lock, CLOCK_MONOTONIC, &deadline);
+// Need not be secret: the lock on the token's byte makes it unique among live processes.
+Word random_token() {
+  Word token = 0;
+  if (getrandom(&token, sizeof token, GRND_NONBLOCK) != static_cast<ssize_t>(sizeof token)) {
+    token = static_cast<Word>(monotonic_ns()) * 0x9E3779B97F4A7C15 ^ reinterpret_cast<std::uintptr_t>(&token);
   }
-  switch (error) {
-    case EOWNERDEAD:
-      pthread_mutex_consistent(&lock);
-      return 0;
-    case ETIMEDOUT:
-      return EBUSY;
-    case ENOTRECOVERABLE:
-    case EINVAL:
-      return EBADMSG;
-    default:
-      return error;
+  return std::max(token & max_token, Word{1});
+}
+
+struct flock byte_lock(short type, Word token) {
+  struct flock lock = {};
+  lock.l_type = type;
+  lock.l_whence = SEEK_SET;
+  lock.l_start = static_cast<off_t>(token);
+  lock.l_len = 1;
+  return lock;
+}
+static_assert(sizeof(off_t) == 8);
+
+int take_byte(int fd, Word token) {
+  struct flock lock = byte_lock(F_WRLCK, token);
+  return fcntl(fd, F_OFD_SETLK, &lock) == 0 ? 0 : errno;
+}
+
+bool replace(Word &owner, Word &expected, Word token) {
+  return std::atomic_ref<Word>(owner).compare_exchange_strong(expected, token, std::memory_order_acq_rel);
+}
+
+}  // namespace
+
+bool Patience::wait() {
+  if (spins_ < max_spins) {
+    ++spins_;
+    relax();
+    return true;
+  }
+  const auto now_ns = monotonic_ns();
+  if (is_spinning()) deadline_ns_ = now_ns + patience_ns;
+  if (now_ns >= deadline_ns_) return false;
+  const timespec pause = {0, static_cast<long>(std::min<std::int64_t>(sleep_ns_, deadline_ns_ - now_ns))};
+  nanosleep(&pause, nullptr);
+  sleep_ns_ = std::min(sleep_ns_ * 2, max_sleep_ns);
+  return true;
+}
+
+int WriterLock::enrol(UniqueFd fd) {
+  struct stat status = {};
+  if (fstat(fd.get(), &status) != 0) return errno;
+  for (int attempt = 0; attempt < max_token_attempts; ++attempt) {
+    const Word token = random_token();
+    const int error = take_byte(fd.get(), token);
+    if (error == EAGAIN || error == EACCES) continue;  // another process has this token
+    if (error != 0) return error;
+    withdraw();
+    fd_ = std::move(fd);
+    token_ = token;
+    device_ = status.st_dev;
+    inode_ = status.st_ino;
+    return 0;
+  }
+  return EBUSY;
+}
+
+void WriterLock::withdraw() {
+  if (is_enrolled() && has_own_file()) fd_.reset();
+  static_cast<void>(fd_.release());
+  token_ = 0;
+}
+
+bool WriterLock::has_own_file() const {
+  struct stat status = {};
+  return fstat(fd_.get(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_;
+}
+
+bool WriterLock::is_intact(const Word &owner) const {
+  return is_enrolled() && load(owner) != token_ && has_own_file() && take_byte(fd_.get(), token_) == 0;
+}
+
+bool WriterLock::is_dead(Word token) const {
+  if (token > max_token) return true;
+  // The token of this process would look dead. The word may hold it in a child that was made without fork handlers.
+  if (token == token_ || !has_own_file()) return false;
+  struct flock lock = byte_lock(F_RDLCK, token);
+  return fcntl(fd_.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type == F_UNLCK;
+}
+
+int WriterLock::lock(Word &owner) const {
+  if (!is_enrolled()) return ESTALE;
+  Patience patience;
+  while (true) {
+    Word seen = 0;
+    if (replace(owner, seen, token_)) return 0;
+    if (seen != 0 && !patience.is_spinning() && is_dead(seen) && replace(owner, seen, token_)) return 0;
+    if (!patience.wait()) return EBUSY;
   }
 }
 
-void unlock_writers(WriterLock &lock) { pthread_mutex_unlock(&lock); }
+void WriterLock::unlock(Word &owner) const {
+  Word expected = token_;  // not stored blindly: the lock may have been lost
+  replace(owner, expected, 0);
+}
 
 }  // namespace ptz::platform

@@ -1,20 +1,72 @@
 // platform/standalone/status_lock.h - the lock that orders the writers of a status group.
 //
-// The kernel hands the lock on if its holder is killed. What the holder had not published does not count.
+// The lock is a word in the group's file: 0 if it is free, otherwise the token of its owner. Locking is one
+// compare-and-swap and takes no system call unless there is contention. No pointer lies in the shared memory, so
+// another writer of the file cannot make this process write anywhere.
+//
+// Dead owners. A process that writes a group keeps a descriptor on the group's file. The descriptor holds a write lock
+// (F_OFD_SETLK) on one byte far beyond the end of the file, and the offset of this byte is the token. The kernel drops
+// the lock when the process ends. A writer that meets a foreign token asks the kernel for a lock on this byte: if there
+// is none, the owner is dead, and the writer replaces the token by its own. Process ids play no part, so neither a
+// process id that is used again nor another pid namespace matters. The token is locked before it can be in the word,
+// and no token is used by two live processes, so a word never returns to an earlier value by accident.
+//
+// Strangers. The query is for a read lock, which conflicts only with write locks. A process that may only read the file
+// can therefore not make a dead owner look alive. A token that is out of range counts as dead.
+//
+// Fork. A child shares the open file description, so it must close its descriptor; otherwise its life would prolong
+// that of the parent's lock. withdraw() does so in the child handler, and the child enrols anew before it writes. A
+// child made by clone() or _Fork() runs no handler; it delays the detection of its dead parent until it ends or calls
+// exec.
+//
+// Lost descriptors. A program that closes all descriptors drops the lock, and its owner looks dead. The owner verifies
+// the word before it publishes, and is_intact() detects the loss once a second.
+//
+// Threads. Within the process the caller lets one thread at a time in, because the kernel does not report the locks of
+// one's own descriptor. enrol(), withdraw() and is_intact() additionally need the registry's lock.
 #pragma once
-#include <pthread.h>
+#include <cstdint>
+
+#include "base/handles.h"
+#include "status_words.h"
 
 namespace ptz::platform {
 
-using WriterLock = pthread_mutex_t;
+// A wait of at most 100 ms: spins for a moment, then sleeps.
+class Patience {
+  std::int64_t deadline_ns_ = 0;
+  int spins_ = 0;
+  long sleep_ns_ = 50'000;
 
-void set_up_lock(WriterLock &lock);
+ public:
+  [[nodiscard]] bool is_spinning() const { return deadline_ns_ == 0; }
+  // Waits for a moment. Returns false without waiting if the time is over.
+  bool wait();
+};
 
-// A mutex of another kind would neither time out nor outlive its holder.
-[[nodiscard]] bool is_our_lock(const WriterLock &lock);
+class WriterLock {
+  UniqueFd fd_;
+  Word token_ = 0;
+  dev_t device_ = 0;
+  ino_t inode_ = 0;
 
-// Waits for at most 100 ms. Returns 0; EBUSY if another writer still holds the lock; EBADMSG if it is no lock.
-[[nodiscard]] int lock_writers(WriterLock &lock);
-void unlock_writers(WriterLock &lock);
+  [[nodiscard]] bool has_own_file() const;
+  [[nodiscard]] bool is_dead(Word token) const;
+
+ public:
+  // Takes a descriptor of the group's file, open for writing. Returns 0, or the error.
+  [[nodiscard]] int enrol(UniqueFd fd);
+  // Closes the descriptor, unless its number belongs to another file by now. Async-signal-safe.
+  void withdraw();
+  [[nodiscard]] bool is_enrolled() const { return token_ != 0; }
+  // The lock is not held. Returns false if the descriptor is no longer ours, or if the word holds our token all the
+  // same; then a new token is needed.
+  [[nodiscard]] bool is_intact(const Word &owner) const;
+
+  // Returns 0; ESTALE if not enrolled; EBUSY if a live writer holds the lock for 100 ms.
+  [[nodiscard]] int lock(Word &owner) const;
+  [[nodiscard]] bool is_held(const Word &owner) const { return load(owner) == token_; }
+  void unlock(Word &owner) const;
+};
 
 }  // namespace ptz::platform

@@ -1,35 +1,80 @@
 #include "status_registry.h"
 
+#include <pthread.h>
 #include <cerrno>
-#include <cstdlib>
 #include <ctime>
 #include <iterator>
-#include <memory>
-#include <string>
 #include <string_view>
 
 #include "base/clock.h"
+#include "base/handles.h"
+#include "directories.h"
 
 namespace ptz::platform {
 
 namespace {
 
-constexpr char directory_variable[] = "PTZ_PLATFORM_RUNTIME_DIR";
-constexpr char default_directory[] = "/run/ptz";
-constexpr clockid_t look_clock = CLOCK_MONOTONIC_COARSE;  // takes a third of the time, and is up to 10 ms late
-constexpr std::int64_t look_interval_ns = 990'000'000;    // so that a second is kept all the same
+constexpr clockid_t look_clock = CLOCK_MONOTONIC_COARSE;  // takes a third of the time of the fine one
+constexpr std::int64_t look_interval_ns = DirectorySetting::max_age_ns;
+constexpr std::int64_t report_interval_ns = 60'000'000'000;
 
 struct Group {
-  std::string directory, name;
+  const std::string &directory;
+  const std::string name;
   std::atomic<Mapping *> mappings[2] = {};  // by access
+  std::int64_t reported_at_ns = Mapping::never;
   Group *next = nullptr;
 };
+
+GMutex registry_lock;
+// Changed under the lock.
+DirectorySetting directory_setting("PTZ_PLATFORM_RUNTIME_DIR", "/run/ptz");
 std::atomic<Group *> groups[64];
+bool has_fork_handlers = false;
 
 std::int64_t look_time_ns() {
   const timespec now = clock_now(look_clock);
   return now.tv_sec * std::int64_t{1'000'000'000} + now.tv_nsec;
 }
+
+// --- fork -------------------------------------------------------------------------------------------------------
+
+template <typename Function>
+void for_each_mapping(Function function) {
+  for (auto &bucket : groups) {
+    for (auto *group = bucket.load(std::memory_order_relaxed); group != nullptr; group = group->next) {
+      for (auto &mapping : group->mappings) {
+        if (auto *mapped = mapping.load(std::memory_order_relaxed)) function(*mapped);
+      }
+    }
+  }
+}
+
+void before_fork() {
+  g_mutex_lock(&registry_lock);
+  for_each_mapping([](Mapping &mapping) {
+    for (auto &workspace : mapping.workspaces) workspace.before_fork();
+  });
+}
+
+void after_fork_in_parent() {
+  for_each_mapping([](Mapping &mapping) {
+    for (auto &workspace : mapping.workspaces) workspace.after_fork_in_parent();
+  });
+  g_mutex_unlock(&registry_lock);
+}
+
+void after_fork_in_child() {
+  for_each_mapping([](Mapping &mapping) {
+    for (auto &workspace : mapping.workspaces) workspace.after_fork_in_child();
+    if (!mapping.lock.is_enrolled()) return;
+    mapping.lock.withdraw();
+    mapping.looked_at_ns.store(Mapping::never, std::memory_order_relaxed);
+  });
+  g_mutex_unlock(&registry_lock);
+}
+
+// --- groups, registry_lock held for changes ---------------------------------------------------------------------
 
 // Names differ in their lengths and last characters.
 std::atomic<Group *> &bucket_of(std::string_view name) {
@@ -37,77 +82,142 @@ std::atomic<Group *> &bucket_of(std::string_view name) {
   return groups[hash % std::size(groups)];
 }
 
-Group *find_group(Group *first, std::string_view directory, std::string_view name) {
-  for (auto *group = first; group != nullptr; group = group->next) {
-    if (group->name == name && group->directory == directory) return group;
+Group *find_group(const std::string &directory, std::string_view name) {
+  for (auto *group = bucket_of(name).load(std::memory_order_acquire); group != nullptr; group = group->next) {
+    if (&group->directory == &directory && group->name == name) return group;
   }
   return nullptr;
 }
 
-Group *add_group(std::string_view directory, std::string_view name) {
+Group &find_or_add_group(const std::string &directory, std::string_view name) {
+  if (auto *group = find_group(directory, name)) return *group;
   auto &bucket = bucket_of(name);
-  auto added = std::make_unique<Group>();
-  added->directory = directory;
-  added->name = name;
-  added->next = bucket.load(std::memory_order_acquire);
-  while (true) {
-    // Another thread may have added it since.
-    if (auto *group = find_group(added->next, directory, name)) return group;
-    if (bucket.compare_exchange_weak(added->next, added.get(), std::memory_order_acq_rel)) return added.release();
-  }
+  auto *added = new Group{directory, std::string(name)};
+  added->next = bucket.load(std::memory_order_relaxed);
+  bucket.store(added, std::memory_order_release);
+  return *added;
 }
 
-// The slow path: the group is new to this process, or its path has to be looked at again.
-Mapping *look_up(Group *group, std::string_view directory, std::string_view name, Access access) {
-  if (!is_group_name(name)) {
-    errno = EINVAL;
-    return nullptr;
-  }
-  const auto path = path_of_group(directory, name);
-  auto *known = group != nullptr ? group->mappings[access].load(std::memory_order_acquire) : nullptr;
-  if (known != nullptr) {
-    const auto now = look_time_ns();
-    switch (currency_of(known->file, path)) {
-      case Currency::current:
-        known->looked_at_ns.store(now, std::memory_order_relaxed);
-        return known;
-      case Currency::damaged:
-        errno = EBADMSG;
-        return nullptr;
-      case Currency::replaced:
-        break;
+// --- slow path, registry_lock held ------------------------------------------------------------------------------
+
+// Gives the mapping a descriptor to lock with, if it has none that works. Returns 0, or the error.
+int enrol(Mapping &mapping, const std::string &directory, const std::string &path) {
+  if (!mapping.turn().try_take()) return 0;  // a thread is writing: it is enrolled
+  int error = 0;
+  if (!mapping.lock.is_intact(mapping.file.header->owner)) {
+    auto file = open_file(directory, path, writing);
+    if (!file.fd) {
+      error = errno;
+    } else if (file.status.st_dev != mapping.file.status.st_dev || file.status.st_ino != mapping.file.status.st_ino) {
+      error = ESTALE;
+    } else {
+      error = mapping.lock.enrol(std::move(file.fd));
     }
   }
-  const auto file = map_file(path, access);
-  if (!file) return nullptr;
-  auto opened = std::make_unique<Mapping>(*file);
-  opened->looked_at_ns = look_time_ns();
-  opened->older = known;
-  if (group == nullptr) group = add_group(directory, name);
-  if (group->mappings[access].compare_exchange_strong(known, opened.get(), std::memory_order_acq_rel)) {
-    return opened.release();
+  mapping.turn().give_back();
+  return error;
+}
+
+// A thread that has just found the mapping gets ESTALE from the lock.
+void retire(Mapping &mapping) {
+  if (!mapping.turn().try_take()) return;
+  mapping.lock.withdraw();
+  mapping.turn().give_back();
+}
+
+Mapping *open_mapping(const std::string &directory, const std::string &path, Access access) {
+  auto file = open_file(directory, path, access);
+  if (!file.fd) return nullptr;
+  const auto mapped = map_file(file, access);
+  if (!mapped) return nullptr;
+  auto mapping = std::make_unique<Mapping>(*mapped);
+  if (access == writing) {
+    if (const int error = mapping->lock.enrol(std::move(file.fd)); error != 0) {
+      unmap_file(*mapped);
+      errno = error;
+      return nullptr;
+    }
   }
-  // Another thread was faster, and no thread has seen this mapping.
-  unmap_file(*file);
-  return known;
+  return mapping.release();
+}
+
+Mapping *look_up(std::string_view name, Access access) {
+  const auto now_ns = look_time_ns();
+  const auto &directory = directory_setting.read(now_ns);
+  if (!has_fork_handlers) {
+    if ((errno = pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child)) != 0) return nullptr;
+    has_fork_handlers = true;
+  }
+  auto *group = find_group(directory, name);
+  auto *known = group != nullptr ? group->mappings[access].load(std::memory_order_relaxed) : nullptr;
+  if (known != nullptr && now_ns - known->looked_at_ns.load(std::memory_order_relaxed) < look_interval_ns) return known;
+  const auto path = path_of_group(directory, name);
+  if (known != nullptr) {
+    auto currency = currency_of(known->file, path);
+    if (currency == Currency::current && access == writing) {
+      errno = enrol(*known, directory, path);
+      if (errno == ESTALE) currency = Currency::replaced;
+      if (errno != 0 && errno != ESTALE) return nullptr;
+    }
+    if (currency == Currency::current) {
+      known->looked_at_ns.store(now_ns, std::memory_order_relaxed);
+      return known;
+    }
+    if (currency == Currency::damaged) {
+      errno = EBADMSG;
+      return nullptr;
+    }
+  }
+  auto *opened = open_mapping(directory, path, access);
+  if (opened == nullptr) return nullptr;
+  opened->looked_at_ns.store(now_ns, std::memory_order_relaxed);
+  find_or_add_group(directory, name).mappings[access].store(opened, std::memory_order_release);
+  if (known != nullptr) retire(*known);
+  return opened;
 }
 
 }  // namespace
 
-const char *runtime_directory() {
-  const char *directory = getenv(directory_variable);
-  return directory != nullptr && *directory != '\0' ? directory : default_directory;
+bool Mapping::take_turn() {
+  if (turn().try_take()) return true;
+  Patience patience;
+  while (patience.wait()) {
+    if (turn().try_take()) return true;
+  }
+  return false;
 }
 
 Mapping *mapping_of(const char *name_text, Access access) {
-  const std::string_view name(name_text), directory(runtime_directory());
-  auto *group = find_group(bucket_of(name).load(std::memory_order_acquire), directory, name);
-  auto *mapping = group != nullptr ? group->mappings[access].load(std::memory_order_acquire) : nullptr;
-  if (mapping == nullptr ||
-      look_time_ns() - mapping->looked_at_ns.load(std::memory_order_relaxed) >= look_interval_ns) {
-    return look_up(group, directory, name, access);
+  const std::string_view name(name_text);
+  const auto now_ns = look_time_ns();
+  if (const auto *directory = directory_setting.recent(now_ns)) {
+    const auto *group = find_group(*directory, name);
+    auto *mapping = group != nullptr ? group->mappings[access].load(std::memory_order_acquire) : nullptr;
+    if (mapping != nullptr && now_ns - mapping->looked_at_ns.load(std::memory_order_relaxed) < look_interval_ns) {
+      return mapping;
+    }
   }
-  return mapping;
+  if (!is_group_name(name)) {
+    errno = EINVAL;
+    return nullptr;
+  }
+  const MutexLock lock(&registry_lock);
+  return look_up(name, access);
+}
+
+const std::string &runtime_directory() {
+  const MutexLock lock(&registry_lock);
+  return directory_setting.read(look_time_ns());
+}
+
+std::optional<std::string> report_is_due(const char *name) {
+  const MutexLock lock(&registry_lock);
+  const auto now_ns = look_time_ns();
+  const auto &directory = directory_setting.read(now_ns);
+  auto &group = find_or_add_group(directory, name);
+  if (now_ns - group.reported_at_ns < report_interval_ns) return std::nullopt;
+  group.reported_at_ns = now_ns;
+  return path_of_group(directory, name);
 }
 
 }  // namespace ptz::platform

@@ -1,28 +1,87 @@
 // platform/standalone/status_registry.h - the status groups that this process has used, and their mapped files.
 //
-// Groups are found without a lock. Neither a group nor a mapping is ever freed, because another thread may be using it.
-// Once a second the group's path is looked at again, so that a group that was removed and created anew is noticed.
+// Fast path. A group and its mapping are found without a lock and without a system call, because neither is ever freed.
+//
+// Slow path, under the registry's lock: the group is new to this process, it is missing, or its path was last looked at
+// a second ago. Then the environment and the path are read again, so that a group that was removed and created anew is
+// noticed. The slow path makes a few system calls on the runtime directory and waits for nothing else.
+//
+// Workspaces. A thread copies a state into a workspace of the mapping and gives it back afterwards. Eight threads fetch
+// one group without an allocation; a further thread uses memory of its own. Writers of one process take turns by the
+// first workspace of the writing mapping, and this turn comes before the group's lock.
+//
+// Lock order: the registry's lock, the turn of the writers (the registry only tries it), the group's owner word.
+//
+// Fork. The kernel copies the memory page by page while other threads run on, so the child may see a pointer without
+// what it points to, or a workspace that changes. The prepare handler therefore takes the registry's lock and all free
+// workspaces. The child abandons the other workspaces, which other threads were using, at the cost of one allocation
+// each. It withdraws from the locks (status_lock.h), and enrols again when it first writes.
 #pragma once
+#include <array>
 #include <atomic>
 #include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
 
 #include "status_file.h"
+#include "status_lock.h"
 
 namespace ptz::platform {
 
-struct Mapping {
-  MappedFile file;
-  std::atomic<std::int64_t> looked_at_ns = 0;
-  Mapping *older = nullptr;  // of the file that the group had before
-  std::atomic<bool> state_in_use = false;
-  State state;
+class alignas(64) Workspace {
+  std::atomic<bool> is_in_use_ = false;
+  bool is_kept_ = false;  // by the thread that forks
+  std::unique_ptr<State> state_;
 
-  explicit Mapping(const MappedFile &mapped) : file(mapped), state(mapped.ring.group_size()) {}
+ public:
+  [[nodiscard]] bool try_take() { return !is_in_use_.exchange(true, std::memory_order_acquire); }
+  void give_back() { is_in_use_.store(false, std::memory_order_release); }
+  // Taken by the caller.
+  [[nodiscard]] State &state(std::uint32_t group_size) {
+    if (state_ == nullptr) state_ = std::make_unique<State>(group_size);
+    return *state_;
+  }
+
+  void before_fork() { is_kept_ = try_take(); }
+  void after_fork_in_parent() {
+    if (is_kept_) give_back();
+  }
+  void after_fork_in_child() {
+    if (!is_kept_) static_cast<void>(state_.release());  // half changed by a thread that the child does not have
+    give_back();
+  }
 };
 
-[[nodiscard]] const char *runtime_directory();
+struct Mapping {
+  static constexpr std::int64_t never = INT64_MIN / 2;
+
+  const MappedFile file;
+  std::atomic<std::int64_t> looked_at_ns = never;
+  std::array<Workspace, 8> workspaces;
+  WriterLock lock;  // only of a writing mapping; used in turn
+
+  explicit Mapping(const MappedFile &mapped) : file(mapped) {}
+
+  // Returns nullptr if all are in use.
+  [[nodiscard]] Workspace *take_workspace() {
+    for (auto &workspace : workspaces) {
+      if (workspace.try_take()) return &workspace;
+    }
+    return nullptr;
+  }
+  // Waits for at most 100 ms. Returns false if another thread still writes.
+  [[nodiscard]] bool take_turn();
+  [[nodiscard]] Workspace &turn() { return workspaces[0]; }
+};
 
 // Returns nullptr with errno set on failure; ENOENT if there is no such group.
 [[nodiscard]] Mapping *mapping_of(const char *name, Access access);
+
+// The directory of the groups, as the environment says now.
+[[nodiscard]] const std::string &runtime_directory();
+
+// Returns the path of a group if no failed write to it was reported within the last minute.
+[[nodiscard]] std::optional<std::string> report_is_due(const char *name);
 
 }  // namespace ptz::platform

@@ -91,7 +91,8 @@ int Ring::read(State &state) const {
   return EBUSY;
 }
 
-void Ring::publish(State &state, Word sequence) const {
+void Ring::publish(State &state) const {
+  const Word sequence = state.next;
   auto &layout = state.layout;
   const Word number = layout.number == no_layout ? sequence : layout.number;
   const auto value_words = words_for(layout.value_bytes);

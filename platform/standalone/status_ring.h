@@ -43,7 +43,8 @@ struct SlotHeader {
 // A state in this process's memory.
 struct State {
   std::unique_ptr<Word[]> words;  // the values
-  std::optional<Word> sequence;   // empty if the values are incomplete
+  std::optional<Word> sequence;   // empty if the values are incomplete, or changed and not published
+  Word next = 0;                  // the sequence to publish under
   Layout layout;
 
   explicit State(std::uint32_t group_size) : words(new Word[words_for(group_size) + 1]()) {}
@@ -83,9 +84,9 @@ class Ring {
   // if the writers were faster 10,000 times.
   [[nodiscard]] int read(State &state) const;
 
-  // The group's lock is held, and the sequence is that of the current state plus one. A layout without a number gets
-  // the sequence as its number.
-  void publish(State &state, Word sequence) const;
+  // The group's lock is held, and state.next is the sequence of the current state plus one. A layout without a number
+  // gets the sequence as its number.
+  void publish(State &state) const;
 };
 
 }  // namespace ptz::platform

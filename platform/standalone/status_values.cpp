@@ -109,21 +109,18 @@ int read_values(const State &state, StatusStoreParam *const *params) {
   return count;
 }
 
-int write_values(const Ring &ring, State &state, StatusStoreParam *const *params) {
+int prepare_values(const Ring &ring, State &state, StatusStoreParam *const *params) {
   if (const int error = ring.read(state); error != 0) return error;
-  const Word next = *state.sequence + 1;
+  state.next = *state.sequence + 1;
   state.sequence.reset();  // if this fails half-way, the next call reads the state again
-  int error = write_in_place(state, params);
-  if (error == EAGAIN) {
-    for (auto *const *given = params; *given != nullptr; ++given) {
-      if (!is_param(**given)) return EINVAL;
-    }
-    error = ring.read(state);
-    if (error == 0) error = change_layout(ring.group_size(), state, params);
+  const int error = write_in_place(state, params);
+  if (error != EAGAIN) return error;
+  for (auto *const *given = params; *given != nullptr; ++given) {
+    if (!is_param(**given)) return EINVAL;
   }
-  if (error != 0) return error;
-  ring.publish(state, next);
-  return 0;
+  // Undoes what was written in place.
+  if (const int again = ring.read(state); again != 0) return again;
+  return change_layout(ring.group_size(), state, params);
 }
 
 }  // namespace ptz::platform

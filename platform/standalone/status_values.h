@@ -9,8 +9,8 @@ namespace ptz::platform {
 // -EINVAL for a parameter without key, size or value.
 [[nodiscard]] int read_values(const State &state, StatusStoreParam *const *params);
 
-// The group's lock is held. Reads the current state, writes the values into it and publishes it. Returns 0, or the
-// error; then nothing is published.
-[[nodiscard]] int write_values(const Ring &ring, State &state, StatusStoreParam *const *params);
+// The group's lock is held. Reads the current state and writes the values into it; the caller publishes it. Returns 0,
+// or the error.
+[[nodiscard]] int prepare_values(const Ring &ring, State &state, StatusStoreParam *const *params);
 
 }  // namespace ptz::platform

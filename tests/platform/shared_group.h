@@ -13,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#include "clock.h"
 #include "fixtures.h"
 #include "platform/status_store.h"
 
@@ -76,9 +77,14 @@ inline int number(const std::string &name, const std::string &key) {
 // A store in a folder of its own.
 struct StoreTest : testing::Test {
   TempDir dir;
-  StoreTest() { setenv("PTZ_PLATFORM_RUNTIME_DIR", dir.path().c_str(), 1); }
+  StoreTest() { use_folder(dir.path()); }
   ~StoreTest() override { unsetenv("PTZ_PLATFORM_RUNTIME_DIR"); }
 
+  // The store reads the environment once a second.
+  static void use_folder(const std::string &path) {
+    setenv("PTZ_PLATFORM_RUNTIME_DIR", path.c_str(), 1);
+    advance_clock(1000);
+  }
   [[nodiscard]] std::string path(const std::string &name) const { return dir.file(name + ".status"); }
   [[nodiscard]] std::vector<std::string> files() const {
     std::vector<std::string> names;

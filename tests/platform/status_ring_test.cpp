@@ -31,7 +31,8 @@ struct StatusRing : testing::Test {
   // Publishes a state in which each byte of the values is the given one.
   void publish(char byte) {
     std::memset(writer.bytes(), byte, writer.layout.value_bytes);
-    ring.publish(writer, *writer.sequence + 1);
+    writer.next = *writer.sequence + 1;
+    ring.publish(writer);
   }
   [[nodiscard]] static std::string values_of(const State &state) { return {state.bytes(), state.layout.value_bytes}; }
 };
