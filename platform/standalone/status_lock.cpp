@@ -83,7 +83,6 @@ int WriterLock::enrol(UniqueFd fd) {
     const int error = take_byte(fd.get(), token);
     if (error == EAGAIN || error == EACCES) continue;  // another process has this token
     if (error != 0) return error;
-    withdraw();
     fd_ = std::move(fd);
     token_ = token;
     device_ = status.st_dev;

@@ -54,7 +54,8 @@ class WriterLock {
   [[nodiscard]] bool is_dead(Word token) const;
 
  public:
-  // Takes a descriptor of the group's file, open for writing. Returns 0, or the error.
+  // Takes a descriptor of the group's file, open for writing. Not enrolled: withdraw first, and only then open the
+  // descriptor, which may get the number of one that was lost. Returns 0, or the error.
   [[nodiscard]] int enrol(UniqueFd fd);
   // Closes the descriptor, unless its number belongs to another file by now. Async-signal-safe.
   void withdraw();

@@ -105,6 +105,7 @@ int enrol(Mapping &mapping, const std::string &directory, const std::string &pat
   if (!mapping.turn().try_take()) return 0;  // a thread is writing: it is enrolled
   int error = 0;
   if (!mapping.lock.is_intact(mapping.file.header->owner)) {
+    mapping.lock.withdraw();
     auto file = open_file(directory, path, writing);
     if (!file.fd) {
       error = errno;

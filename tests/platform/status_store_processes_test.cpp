@@ -2,6 +2,7 @@
 // PTZ_TEST_KILLS=1000 in the environment as many writers are killed; otherwise a few.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/mman.h>
 #include <sys/ptrace.h>
 #include <sys/resource.h>
@@ -21,6 +22,7 @@
 
 #include "clock.h"
 #include "shared_group.h"
+#include "syslog_capture.h"
 
 namespace {
 
@@ -59,32 +61,51 @@ struct StatusStoreProcesses : StoreTest {};
 
 // --- writers that stop inside an update -------------------------------------------------------------------------
 
+// The words that a linked list of locks would have; the owner of a lock would write through them.
+struct Link {
+  Link *previous, *next;
+};
+constexpr off_t lock_offset = 128;
+// After a word, a count, an owner and the kind of the lock: what the C library's robust mutex keeps there.
+constexpr off_t link_offset = lock_offset + 24;
+
 void *guarded_page = nullptr;
 int signal_inside = 0;
+Link planted_link = {};
+std::string planted_path;
 
 // Runs where the store reads the value that is to be written.
 void on_value_read(int) {
-  kill(getpid(), signal_inside);
+  if (signal_inside != 0) {
+    kill(getpid(), signal_inside);
+  } else {
+    const int fd = open(planted_path.c_str(), O_RDWR | O_CLOEXEC);
+    if (pwrite(fd, &planted_link, sizeof planted_link, link_offset) != sizeof planted_link) _exit(2);
+    close(fd);
+  }
   mprotect(guarded_page, static_cast<std::size_t>(sysconf(_SC_PAGESIZE)), PROT_READ | PROT_WRITE);
+}
+
+// Gets a signal in the middle of setting A and B to 2.
+void enter_update_and_get(int signal) {
+  const auto size = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  signal_inside = signal;
+  guarded_page = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  auto *value = static_cast<gint32 *>(guarded_page);
+  *value = 2;
+  mprotect(guarded_page, size, PROT_NONE);
+  struct sigaction action = {};
+  action.sa_handler = on_value_read;
+  sigaction(SIGSEGV, &action, nullptr);
+  gint32 first = 2;
+  StatusStoreParam a = {"A", 4, &first, 1}, b = {"B", 4, value, 1};
+  StatusStoreParam *list[] = {&a, &b, nullptr};
+  if (status_store_set_group("G", list, 2) != 0) _exit(1);
 }
 
 // A writer that gets a signal in the middle of setting A and B to 2.
 pid_t start_writer_that_gets(int signal) {
-  return start([signal] {
-    const auto size = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-    signal_inside = signal;
-    guarded_page = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    auto *value = static_cast<gint32 *>(guarded_page);
-    *value = 2;
-    mprotect(guarded_page, size, PROT_NONE);
-    struct sigaction action = {};
-    action.sa_handler = on_value_read;
-    sigaction(SIGSEGV, &action, nullptr);
-    gint32 first = 2;
-    StatusStoreParam a = {"A", 4, &first, 1}, b = {"B", 4, value, 1};
-    StatusStoreParam *list[] = {&a, &b, nullptr};
-    if (status_store_set_group("G", list, 2) != 0) _exit(1);
-  });
+  return start([signal] { enter_update_and_get(signal); });
 }
 
 TEST_F(StatusStoreProcesses, AStoppedWriterDelaysNoReaderAndFailsOtherWritersSoon) {
@@ -125,6 +146,119 @@ TEST_F(StatusStoreProcesses, AWriterThatDiesInsideAnUpdateChangesNothingAndHolds
   EXPECT_EQ(set("G", {item("A", 4)}), 0);
   EXPECT_EQ(number("G", "A"), 4);
   EXPECT_EQ(number("G", "B"), 1);
+}
+
+TEST_F(StatusStoreProcesses, SetWhileAStoppedWriterHoldsTheLockLogsTheCause) {
+  const SyslogCapture log;
+  create("G");
+  ASSERT_EQ(set("G", {item("A", 1), item("B", 1)}), 0);
+  const pid_t writer = start_writer_that_gets(SIGSTOP);
+  ASSERT_TRUE(WIFSTOPPED(wait_for(writer, WUNTRACED)));
+  EXPECT_EQ(set("G", {item("A", 3)}), -EBUSY);
+  EXPECT_EQ(log.containing("/G.status is not written: another writer holds its lock"), 1U);
+  end(writer);
+}
+
+TEST_F(StatusStoreProcesses, TheLockOfAKilledWriterIsFreeWithinTenMilliseconds) {
+  create("G");
+  ASSERT_EQ(set("G", {item("A", 1), item("B", 1)}), 0);
+  std::int64_t waited_ms = 1'000;
+  for (int i = 0; i < 5 && waited_ms > 10; ++i) {
+    const pid_t writer = start_writer_that_gets(SIGSTOP);
+    ASSERT_TRUE(WIFSTOPPED(wait_for(writer, WUNTRACED)));
+    const auto begin = real_time_ms();
+    kill(writer, SIGKILL);
+    ASSERT_EQ(set("G", {item("A", 1)}), 0);
+    waited_ms = real_time_ms() - begin;
+    wait_for(writer);
+  }
+  EXPECT_LE(waited_ms, 10);
+}
+
+// A child has a copy of its parent's descriptors, which would keep the parent's lock alive.
+TEST_F(StatusStoreProcesses, TheLockOfAKilledWriterIsFreeWhileItsChildLives) {
+  create("G");
+  ASSERT_EQ(set("G", {item("A", 1), item("B", 1)}), 0);
+  auto *grandchild = shared<std::atomic<pid_t>>();
+  const pid_t parent = start([&] {
+    set("G", {item("A", 1)});
+    *grandchild = start([] { pause(); });
+    enter_update_and_get(SIGKILL);
+  });
+  wait_for(parent);
+  ASSERT_NE(*grandchild, 0);
+  EXPECT_EQ(set("G", {item("A", 5)}), 0);
+  EXPECT_EQ(number("G", "B"), 1);
+  kill(*grandchild, SIGKILL);
+}
+
+// A program that closes all descriptors loses its lock's one, too. It gets a new one within a second.
+TEST_F(StatusStoreProcesses, AWriterThatClosedAllDescriptorsIsProtectedAgainAfterASecond) {
+  create("G");
+  ASSERT_EQ(set("G", {item("A", 1), item("B", 1)}), 0);
+  const pid_t writer = start([] {
+    set("G", {item("A", 1)});
+    close_range(3, ~0U, 0);
+    advance_clock(1000);
+    enter_update_and_get(SIGSTOP);
+  });
+  ASSERT_TRUE(WIFSTOPPED(wait_for(writer, WUNTRACED)));
+  EXPECT_EQ(set("G", {item("A", 3)}), -EBUSY);
+  end(writer);
+  EXPECT_EQ(set("G", {item("A", 3)}), 0);
+}
+
+// In a process id namespace of its own a writer's process id means nothing to the others.
+TEST_F(StatusStoreProcesses, AWriterInAnotherPidNamespaceIsKnownToLiveAndToDie) {
+  create("G");
+  ASSERT_EQ(set("G", {item("A", 1), item("B", 1)}), 0);
+  constexpr int refused_status = 77;
+  struct Progress {
+    std::atomic<pid_t> init;
+    std::atomic<bool> is_stopped;
+  };
+  auto *progress = shared<Progress>();
+  const pid_t outside = start([&] {
+    if (unshare(CLONE_NEWPID) != 0) _exit(refused_status);
+    const pid_t init = start([&] {
+      const pid_t writer = start_writer_that_gets(SIGSTOP);
+      wait_for(writer, WUNTRACED);
+      progress->is_stopped = true;
+      pause();
+    });
+    progress->init = init;
+    wait_for(init);
+  });
+  while (!progress->is_stopped) {
+    int status = 0;
+    if (waitpid(outside, &status, WNOHANG) == outside) GTEST_SKIP() << "a process id namespace is refused here";
+    usleep(1000);
+  }
+  EXPECT_EQ(set("G", {item("A", 3)}), -EBUSY);
+  kill(progress->init, SIGKILL);
+  wait_for(outside);
+  EXPECT_EQ(set("G", {item("A", 3)}), 0);
+  EXPECT_EQ(number("G", "B"), 1);
+}
+
+// --- writers that plant pointers ----------------------------------------------------------------------------------
+
+// Another member of the group may write anything into the shared page, also while this process is in an update.
+TEST_F(StatusStoreProcesses, PointersPlantedInTheFileDuringAnUpdateAreNotFollowed) {
+  create("G");
+  ASSERT_EQ(set("G", {item("A", 1), item("B", 1)}), 0);
+  auto *victim = shared<Link>();
+  *victim = {nullptr, nullptr};
+  const pid_t writer = start([&] {
+    planted_link = {victim, victim};
+    planted_path = path("G");
+    enter_update_and_get(0);
+  });
+  EXPECT_TRUE(is_done(wait_for(writer)));
+  EXPECT_EQ(victim->previous, nullptr);
+  EXPECT_EQ(victim->next, nullptr);
+  EXPECT_EQ(set("G", {item("A", 3)}), 0);
+  EXPECT_EQ(number("G", "A"), 3);
 }
 
 // --- writers that are killed at any moment ----------------------------------------------------------------------

@@ -1,0 +1,181 @@
+// Threads and forked children that share the store's state of one process. Counts allocations by operator new.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <new>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+#include "child_process.h"
+#include "clock.h"
+#include "shared_group.h"
+
+namespace {
+std::atomic<long> allocations = 0;
+}
+
+void *operator new(std::size_t size) {
+  ++allocations;
+  return std::malloc(size != 0 ? size : 1);
+}
+void *operator new(std::size_t size, std::align_val_t alignment) {
+  ++allocations;
+  const auto unit = static_cast<std::size_t>(alignment);
+  return std::aligned_alloc(unit, (size + unit - 1) / unit * unit);
+}
+void operator delete(void *memory) noexcept { std::free(memory); }
+void operator delete(void *memory, std::size_t) noexcept { std::free(memory); }
+void operator delete(void *memory, std::align_val_t) noexcept { std::free(memory); }
+void operator delete(void *memory, std::size_t, std::align_val_t) noexcept { std::free(memory); }
+
+namespace {
+
+using namespace ptz_test;
+
+// Fetches without an allocation of its own.
+bool fetch() {
+  gint32 value = 0;
+  StatusStoreParam a = {"A", 4, &value, 1};
+  StatusStoreParam *list[] = {&a, nullptr};
+  return status_store_get_group("G", list, 0) == 1;
+}
+
+struct StatusStoreFork : StoreTest {
+  std::atomic<bool> is_over = false;
+  std::vector<std::thread> threads;
+
+  StatusStoreFork() {
+    create("G", 4096);
+    Items items;
+    for (int i = 0; i < 200; ++i) items.push_back(item("KEY_" + std::to_string(i), i));
+    items.push_back(item("A", 1));
+    set("G", items);
+    EXPECT_TRUE(fetch());
+  }
+  void start_fetching_threads(int count) {
+    for (int i = 0; i < count; ++i) {
+      threads.emplace_back([this] {
+        while (!is_over) EXPECT_TRUE(fetch());
+      });
+    }
+  }
+  void end_threads() {
+    is_over = true;
+    for (auto &thread : threads) thread.join();
+  }
+};
+
+TEST_F(StatusStoreFork, FetchInAChildOfAFetchingProcessAllocatesOnceAtMost) {
+  start_fetching_threads(2);
+  int children_that_allocate = 0;
+  for (int i = 0; i < 300; ++i) {
+    const int result = run_child([] {
+      if (!fetch()) return 2;
+      const long before = allocations;
+      for (int k = 0; k < 5; ++k) {
+        if (!fetch()) return 2;
+      }
+      return allocations == before ? 0 : 1;
+    });
+    ASSERT_NE(result, 2);
+    children_that_allocate += result;
+  }
+  end_threads();
+  EXPECT_EQ(children_that_allocate, 0);
+}
+
+TEST_F(StatusStoreFork, ThreadsThatFetchOneGroupDoNotAllocate) {
+  const long before = allocations;
+  start_fetching_threads(3);
+  for (int i = 0; i < 100'000; ++i) ASSERT_TRUE(fetch());
+  end_threads();
+  // Each of a few workspaces is allocated once.
+  EXPECT_LT(allocations - before, 8 * 10);
+}
+
+TEST_F(StatusStoreFork, SetInAChildAndInItsParentBothSucceed) {
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_EQ(set("G", {item("A", i)}), 0);
+    EXPECT_EQ(run_child([i] { return set("G", {item("A", i + 1000)}) == 0 && set("G", {item("B", i)}) == 0 ? 0 : 1; }),
+              0);
+    EXPECT_EQ(number("G", "A"), i + 1000);
+    EXPECT_EQ(number("G", "B"), i);
+  }
+}
+
+TEST_F(StatusStoreFork, SetInAChildThatWasForkedBesideWritingThreadsSucceeds) {
+  for (int i = 0; i < 2; ++i) {
+    threads.emplace_back([this, i] {
+      while (!is_over)
+        EXPECT_EQ(set("G", {item("A", i), {"C", std::string(static_cast<std::size_t>(1 + i), 'x'), 1}}), 0);
+    });
+  }
+  for (int i = 0; i < 100; ++i) {
+    ASSERT_EQ(run_child([] { return set("G", {item("D", 1)}) == 0 && number("G", "D") == 1 ? 0 : 1; }), 0);
+  }
+  end_threads();
+  EXPECT_EQ(number("G", "D"), 1);
+}
+
+// Descriptors of groups' files, also of groups in other folders.
+int group_descriptors() {
+  int count = 0;
+  for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code ignored;
+    const auto target = std::filesystem::read_symlink(entry.path(), ignored).string();
+    if (target.find(".status") != target.npos) ++count;
+  }
+  return count;
+}
+
+TEST_F(StatusStoreFork, AChildKeepsNoDescriptorOfAGroup) {
+  const int in_parent = group_descriptors();
+  EXPECT_GT(in_parent, 0);
+  EXPECT_EQ(run_child([] { return group_descriptors(); }), 0);
+  EXPECT_EQ(group_descriptors(), in_parent);
+}
+
+// A daemon closes all descriptors, and the number of the lock's descriptor then belongs to another file.
+TEST_F(StatusStoreFork, ADescriptorThatTookTheLocksNumberStaysOpen) {
+  EXPECT_EQ(run_child([] {
+              if (set("G", {item("A", 1)}) != 0) return 1;
+              close_range(3, ~0U, 0);
+              for (int fd = 3; fd < 20; ++fd) {
+                if (open("/dev/null", O_RDONLY) != fd) return 2;
+              }
+              if (run_child([] {
+                    for (int fd = 3; fd < 20; ++fd) {
+                      if (fcntl(fd, F_GETFD) < 0) return 1;
+                    }
+                    return set("G", {item("A", 2)}) == 0 ? 0 : 2;
+                  }) != 0) {
+                return 3;
+              }
+              advance_clock(1000);  // the look at the group finds the descriptor lost
+              if (set("G", {item("A", 3)}) != 0) return 4;
+              for (int fd = 3; fd < 20; ++fd) {
+                if (fcntl(fd, F_GETFD) < 0) return 5;
+              }
+              return number("G", "A") == 3 ? 0 : 6;
+            }),
+            0);
+}
+
+TEST_F(StatusStoreFork, AGroupThatIsReplacedManyTimesUsesOneDescriptor) {
+  const int before = group_descriptors();
+  for (int i = 0; i < 50; ++i) {
+    unlink(path("G").c_str());
+    create("G");
+    advance_clock(1000);
+    ASSERT_EQ(set("G", {item("A", i)}), 0);
+    ASSERT_EQ(number("G", "A"), i);
+  }
+  EXPECT_EQ(group_descriptors(), before);
+}
+
+}  // namespace
