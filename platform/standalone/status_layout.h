@@ -15,11 +15,16 @@ constexpr Word no_layout = ~Word{0};
 constexpr std::size_t entry_header_bytes = 8;
 constexpr std::size_t min_entry_bytes = 3;  // a key of one character, its NUL, one byte of value
 
+// The address of no caller's key.
+inline constexpr char no_address[] = "";
+
 struct Field {
   std::string_view key;  // ended by a NUL
   std::uint32_t type;
   std::uint32_t offset;
   std::uint32_t size;
+  int attempts = 0;                  // to find an address to remember
+  const char *address = no_address;  // of a caller's constant text that equals the key
 };
 
 // A complete directory in this process's memory.

@@ -1,40 +1,64 @@
 #include "status_values.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "constant_text.h"
+
 namespace ptz::platform {
 
 namespace {
 
-// Callers ask for keys in the order in which they are stored, mostly: each search begins behind the one before.
+bool is_param(const StatusStoreParam &param) {
+  return param.key != nullptr && *param.key != '\0' && param.size != 0 && param.value != nullptr;
+}
+
+// Finds the fields of a caller's keys. Comparing texts is half of an update's time, so a field remembers the address of
+// a constant text that matched. Callers ask for keys in the order in which they are stored, mostly: each search begins
+// behind the one before.
 class FieldSearch {
-  const Field *const begin_, *const end_;
-  const Field *next_;
+  static constexpr int max_attempts = 4;
+
+  Field *const begin_, *const end_;
+  Field *next_;
+
+  static void remember(Field &field, const gchar *key) {
+    if (field.attempts++ < max_attempts && ptz::platform::is_constant_text(key)) field.address = key;
+    field.attempts = std::min(field.attempts, max_attempts);
+  }
 
   [[gnu::noinline]] const Field *search(const gchar *key) {
     for (auto left = end_ - begin_; left > 0; --left) {
       if (next_ == end_) next_ = begin_;
-      const Field *field = next_++;
-      if (std::strcmp(field->key.data(), key) == 0) return field;
+      Field *field = next_++;
+      if (std::strcmp(field->key.data(), key) != 0) continue;
+      remember(*field, key);
+      return field;
     }
     return nullptr;
   }
 
  public:
-  explicit FieldSearch(const std::vector<Field> &fields)
+  explicit FieldSearch(std::vector<Field> &fields)
       : begin_(fields.data()), end_(begin_ + fields.size()), next_(begin_) {}
-  const Field *find(const gchar *key) {
-    if (next_ != end_ && std::strcmp(next_->key.data(), key) == 0) return next_++;
-    return search(key);
+
+  enum class Match { whole, other, invalid };
+  // Sets the field if it has the parameter's key, size and type.
+  Match find(const StatusStoreParam &param, const Field *&field) {
+    if (next_ != end_ && next_->address == param.key) [[likely]] {
+      field = next_++;
+      if (param.value == nullptr || param.size == 0) return Match::invalid;
+    } else {
+      if (!is_param(param)) return Match::invalid;
+      field = search(param.key);
+    }
+    return field != nullptr && field->size == param.size && field->type == param.type ? Match::whole : Match::other;
   }
 };
-
-bool is_param(const StatusStoreParam &param) {
-  return param.key != nullptr && *param.key != '\0' && param.size != 0 && param.value != nullptr;
-}
+using Match = FieldSearch::Match;
 
 // The usual sizes need no call.
 void copy_value(void *to, const void *from, std::uint32_t size) {
@@ -83,11 +107,12 @@ int change_layout(std::uint32_t group_size, State &state, StatusStoreParam *cons
 // Writes the values if the state has room for all of them. Returns 0; EAGAIN if the layout has to change; or the error.
 int write_in_place(State &state, StatusStoreParam *const *params) {
   FieldSearch search(state.layout.fields);
+  const Field *field = nullptr;
   for (; *params != nullptr; ++params) {
     const auto &param = **params;
-    if (!is_param(param)) return EINVAL;
-    const auto *field = search.find(param.key);
-    if (field == nullptr || field->size != param.size || field->type != param.type) return EAGAIN;
+    const auto match = search.find(param, field);
+    if (match != Match::whole) [[unlikely]]
+      return match == Match::invalid ? EINVAL : EAGAIN;
     copy_value(state.bytes() + field->offset, param.value, param.size);
   }
   return 0;
@@ -95,14 +120,17 @@ int write_in_place(State &state, StatusStoreParam *const *params) {
 
 }  // namespace
 
-int read_values(const State &state, StatusStoreParam *const *params) {
+int read_values(State &state, StatusStoreParam *const *params) {
   FieldSearch search(state.layout.fields);
+  const Field *field = nullptr;
   int count = 0;
   for (; *params != nullptr; ++params) {
     const auto &param = **params;
-    if (!is_param(param)) return -EINVAL;
-    const auto *field = search.find(param.key);
-    if (field == nullptr || field->size != param.size || field->type != param.type) continue;
+    const auto match = search.find(param, field);
+    if (match == Match::invalid) [[unlikely]]
+      return -EINVAL;
+    if (match != Match::whole) [[unlikely]]
+      continue;
     copy_value(param.value, state.bytes() + field->offset, param.size);
     ++count;
   }

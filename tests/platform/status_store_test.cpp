@@ -176,6 +176,48 @@ TEST_F(StatusStore, KeysAreToldApartWhateverTheirOrder) {
   EXPECT_EQ(wanted, items);
 }
 
+// The store recognises constant keys by their address.
+TEST_F(StatusStore, AKeyInWritableMemoryMayChangeItsText) {
+  create("G");
+  static char key[] = "A";
+  gint32 value = 1;
+  StatusStoreParam param = {key, 4, &value, 1};
+  StatusStoreParam *list[] = {&param, nullptr};
+  for (int i = 0; i < 3; ++i) ASSERT_EQ(status_store_set_group("G", list, 2), 0);
+  key[0] = 'B';
+  value = 2;
+  for (int i = 0; i < 3; ++i) ASSERT_EQ(status_store_set_group("G", list, 2), 0);
+  EXPECT_EQ(number("G", "A"), 1);
+  EXPECT_EQ(number("G", "B"), 2);
+  key[0] = 'A';
+  for (int i = 0; i < 3; ++i) ASSERT_EQ(status_store_get_group("G", list, 0), 1);
+  EXPECT_EQ(value, 1);
+  key[0] = 'B';
+  for (int i = 0; i < 3; ++i) ASSERT_EQ(status_store_get_group("G", list, 0), 1);
+  EXPECT_EQ(value, 2);
+}
+
+TEST_F(StatusStore, AConstantKeyIsFoundInAnyOrderWithItsSizeAndType) {
+  create("G");
+  gint32 values[2] = {1, 2};
+  gint64 large = 0;
+  StatusStoreParam a = {"A", 4, &values[0], 1}, b = {"B", 4, &values[1], 1};
+  StatusStoreParam *list[] = {&a, &b, nullptr}, *reversed[] = {&b, &a, nullptr};
+  for (int i = 0; i < 10; ++i) {
+    ASSERT_EQ(status_store_set_group("G", i % 2 == 0 ? list : reversed, 2), 0);
+    ASSERT_EQ(status_store_get_group("G", i % 3 == 0 ? list : reversed, 0), 2);
+    ASSERT_EQ(values[0], 1);
+    ASSERT_EQ(values[1], 2);
+  }
+  a.value = nullptr;
+  EXPECT_LT(status_store_get_group("G", list, 0), 0);
+  EXPECT_EQ(errno, EINVAL);
+  a = {"A", 8, &large, 1};
+  EXPECT_EQ(status_store_get_group("G", list, 0), 1);
+  a = {"A", 4, &values[0], 2};
+  EXPECT_EQ(status_store_get_group("G", list, 0), 1);
+}
+
 TEST_F(StatusStore, ManyUpdatesInTurnAreEachReadBack) {
   create("G");
   for (int i = 0; i < 1000; ++i) {
