@@ -1,6 +1,5 @@
 #include "status_values.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -16,49 +15,27 @@ bool is_param(const StatusStoreParam &param) {
   return param.key != nullptr && *param.key != '\0' && param.size != 0 && param.value != nullptr;
 }
 
-// Finds the fields of a caller's keys. Comparing texts is half of an update's time, so a field remembers the address of
-// a constant text that matched. Callers ask for keys in the order in which they are stored, mostly: each search begins
-// behind the one before.
-class FieldSearch {
-  static constexpr int max_attempts = 4;
+// A field remembers the address of a caller's constant text that equals its key, because comparing texts is half of an
+// update's time.
+void remember(Field &field, const gchar *key) {
+  constexpr int max_attempts = 4;
+  if (field.attempts == max_attempts) return;
+  ++field.attempts;
+  if (is_constant_text(key)) field.address = key;
+}
 
-  Field *const begin_, *const end_;
-  Field *next_;
-
-  static void remember(Field &field, const gchar *key) {
-    if (field.attempts++ < max_attempts && ptz::platform::is_constant_text(key)) field.address = key;
-    field.attempts = std::min(field.attempts, max_attempts);
-  }
-
-  [[gnu::noinline]] const Field *search(const gchar *key) {
-    for (auto left = end_ - begin_; left > 0; --left) {
-      if (next_ == end_) next_ = begin_;
-      Field *field = next_++;
-      if (std::strcmp(field->key.data(), key) != 0) continue;
-      remember(*field, key);
-      return field;
+// Searches from `next` on, round to the fields before it. Returns the index of the field, or the number of fields.
+std::size_t search(std::vector<Field> &fields, std::size_t next, const gchar *key) {
+  for (std::size_t left = fields.size(); left > 0; --left) {
+    if (next == fields.size()) next = 0;
+    if (std::strcmp(fields[next].key.data(), key) == 0) {
+      remember(fields[next], key);
+      return next;
     }
-    return nullptr;
+    ++next;
   }
-
- public:
-  explicit FieldSearch(std::vector<Field> &fields)
-      : begin_(fields.data()), end_(begin_ + fields.size()), next_(begin_) {}
-
-  enum class Match { whole, other, invalid };
-  // Sets the field if it has the parameter's key, size and type.
-  Match find(const StatusStoreParam &param, const Field *&field) {
-    if (next_ != end_ && next_->address == param.key) [[likely]] {
-      field = next_++;
-      if (param.value == nullptr || param.size == 0) return Match::invalid;
-    } else {
-      if (!is_param(param)) return Match::invalid;
-      field = search(param.key);
-    }
-    return field != nullptr && field->size == param.size && field->type == param.type ? Match::whole : Match::other;
-  }
-};
-using Match = FieldSearch::Match;
+  return fields.size();
+}
 
 // The usual sizes need no call.
 void copy_value(void *to, const void *from, std::uint32_t size) {
@@ -72,6 +49,36 @@ void copy_value(void *to, const void *from, std::uint32_t size) {
     default:
       std::memcpy(to, from, size);
   }
+}
+
+// Calls `copy(param, field)` for each parameter that the state has with the same size and type, until it calls
+// `other()` for another one and gets false. Callers name their keys in the order in which they are stored, mostly:
+// each search begins behind the one before. Returns 0, or EINVAL for a parameter without key, size or value.
+template <typename Copy, typename Other>
+int for_each_param(State &state, StatusStoreParam *const *params, Copy copy, Other other) {
+  auto &fields = state.layout.fields;
+  Field *const begin = fields.data(), *const end = begin + fields.size();
+  Field *next = begin;
+  for (; *params != nullptr; ++params) {
+    const auto &param = **params;
+    if (next == end || next->address != param.key) [[unlikely]] {
+      if (!is_param(param)) return EINVAL;
+      Field *const found = begin + search(fields, static_cast<std::size_t>(next - begin), param.key);
+      if (found == end) {
+        if (!other()) return 0;
+        continue;
+      }
+      next = found;
+    }
+    const Field &field = *next++;
+    if (field.size != param.size || field.type != param.type || param.value == nullptr) [[unlikely]] {
+      if (!is_param(param)) return EINVAL;
+      if (!other()) return 0;
+      continue;
+    }
+    copy(param, field);
+  }
+  return 0;
 }
 
 // Builds a layout for the values of which some are new or have another size or type. Returns 0, or ENOSPC.
@@ -106,35 +113,30 @@ int change_layout(std::uint32_t group_size, State &state, StatusStoreParam *cons
 
 // Writes the values if the state has room for all of them. Returns 0; EAGAIN if the layout has to change; or the error.
 int write_in_place(State &state, StatusStoreParam *const *params) {
-  FieldSearch search(state.layout.fields);
-  const Field *field = nullptr;
-  for (; *params != nullptr; ++params) {
-    const auto &param = **params;
-    const auto match = search.find(param, field);
-    if (match != Match::whole) [[unlikely]]
-      return match == Match::invalid ? EINVAL : EAGAIN;
-    copy_value(state.bytes() + field->offset, param.value, param.size);
-  }
-  return 0;
+  char *const bytes = state.bytes();
+  bool fits = true;
+  const int error = for_each_param(
+      state, params,
+      [bytes](const StatusStoreParam &param, const Field &field) {
+        copy_value(bytes + field.offset, param.value, param.size);
+      },
+      [&fits] { return fits = false; });
+  return error == 0 && !fits ? EAGAIN : error;
 }
 
 }  // namespace
 
 int read_values(State &state, StatusStoreParam *const *params) {
-  FieldSearch search(state.layout.fields);
-  const Field *field = nullptr;
+  const char *const bytes = state.bytes();
   int count = 0;
-  for (; *params != nullptr; ++params) {
-    const auto &param = **params;
-    const auto match = search.find(param, field);
-    if (match == Match::invalid) [[unlikely]]
-      return -EINVAL;
-    if (match != Match::whole) [[unlikely]]
-      continue;
-    copy_value(param.value, state.bytes() + field->offset, param.size);
-    ++count;
-  }
-  return count;
+  const int error = for_each_param(
+      state, params,
+      [bytes, &count](const StatusStoreParam &param, const Field &field) {
+        copy_value(param.value, bytes + field.offset, param.size);
+        ++count;
+      },
+      [] { return true; });
+  return error == 0 ? count : -error;
 }
 
 int prepare_values(const Ring &ring, State &state, StatusStoreParam *const *params) {
