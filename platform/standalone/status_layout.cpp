@@ -14,9 +14,8 @@ struct EntryHeader {
 };
 static_assert(sizeof(EntryHeader) == entry_header_bytes);
 
-}  // namespace
-
-bool parse_directory(Layout &layout) {
+// Sets the fields without the last one.
+bool parse_fields(Layout &layout) {
   const char *const bytes = reinterpret_cast<const char *>(layout.directory.data());
   layout.fields.clear();
   std::uint32_t offset = 0;
@@ -37,7 +36,15 @@ bool parse_directory(Layout &layout) {
   return offset == layout.value_bytes;
 }
 
-void build_directory(Layout &layout, const std::vector<Field> &wanted) {
+}  // namespace
+
+bool parse_directory(Layout &layout) {
+  const bool is_whole = parse_fields(layout);
+  layout.fields.emplace_back();
+  return is_whole;
+}
+
+void build_directory(Layout &layout, std::span<const Field> wanted) {
   std::string directory;
   std::uint32_t value_bytes = 0;
   for (const auto &field : wanted) {

@@ -4,6 +4,7 @@
 // A directory is the layout's form in shared memory. For each field it holds an entry header and the key with its NUL.
 #pragma once
 #include <cstdint>
+#include <span>
 #include <string_view>
 #include <vector>
 
@@ -20,9 +21,9 @@ inline constexpr char no_address[] = "";
 
 struct Field {
   std::string_view key;  // ended by a NUL
-  std::uint32_t type;
-  std::uint32_t offset;
-  std::uint32_t size;
+  std::uint32_t type = 0;
+  std::uint32_t offset = 0;
+  std::uint32_t size = 0;
   int attempts = 0;                  // to find an address to remember
   const char *address = no_address;  // of a caller's constant text that equals the key
 };
@@ -34,7 +35,9 @@ struct Layout {
   std::uint32_t directory_bytes = 0;
   Word directory_checksum = 0;
   std::uint32_t value_bytes = 0;
-  std::vector<Field> fields;
+  std::vector<Field> fields = {{}};  // the last one ends them: it has no key and no address
+
+  [[nodiscard]] std::span<Field> all() { return {fields.data(), fields.size() - 1}; }
 };
 
 // Sets the fields from the directory. Returns false if the directory is malformed.
@@ -42,6 +45,6 @@ struct Layout {
 
 // Sets the directory, its checksum and the fields from the wanted keys, types and sizes. The layout has no number yet.
 // The wanted keys may point into the layout's old directory.
-void build_directory(Layout &layout, const std::vector<Field> &wanted);
+void build_directory(Layout &layout, std::span<const Field> wanted);
 
 }  // namespace ptz::platform

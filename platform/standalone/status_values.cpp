@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -25,7 +26,7 @@ void remember(Field &field, const gchar *key) {
 }
 
 // Searches from `next` on, round to the fields before it. Returns the index of the field, or the number of fields.
-std::size_t search(std::vector<Field> &fields, std::size_t next, const gchar *key) {
+std::size_t search(std::span<Field> fields, std::size_t next, const gchar *key) {
   for (std::size_t left = fields.size(); left > 0; --left) {
     if (next == fields.size()) next = 0;
     if (std::strcmp(fields[next].key.data(), key) == 0) {
@@ -53,15 +54,16 @@ void copy_value(void *to, const void *from, std::uint32_t size) {
 
 // Calls `copy(param, field)` for each parameter that the state has with the same size and type, until it calls
 // `other()` for another one and gets false. Callers name their keys in the order in which they are stored, mostly:
-// each search begins behind the one before. Returns 0, or EINVAL for a parameter without key, size or value.
+// each search begins behind the one before. Moves `params` on. Returns 0, or EINVAL for a parameter without key, size
+// or value.
 template <typename Copy, typename Other>
-int for_each_param(State &state, StatusStoreParam *const *params, Copy copy, Other other) {
-  auto &fields = state.layout.fields;
+int for_each_param(State &state, StatusStoreParam *const *&params, Copy copy, Other other) {
+  const auto fields = state.layout.all();
   Field *const begin = fields.data(), *const end = begin + fields.size();
-  Field *next = begin;
+  Field *next = begin;  // the field that ends them has no address
   for (; *params != nullptr; ++params) {
     const auto &param = **params;
-    if (next == end || next->address != param.key) [[unlikely]] {
+    if (next->address != param.key) [[unlikely]] {
       if (!is_param(param)) return EINVAL;
       Field *const found = begin + search(fields, static_cast<std::size_t>(next - begin), param.key);
       if (found == end) {
@@ -83,7 +85,8 @@ int for_each_param(State &state, StatusStoreParam *const *params, Copy copy, Oth
 
 // Builds a layout for the values of which some are new or have another size or type. Returns 0, or ENOSPC.
 int change_layout(std::uint32_t group_size, State &state, StatusStoreParam *const *params) {
-  std::vector<Field> fields = state.layout.fields;
+  const auto known = state.layout.all();
+  std::vector<Field> fields(known.begin(), known.end());
   std::vector<const void *> values;
   for (const auto &field : fields) values.push_back(state.bytes() + field.offset);
   for (; *params != nullptr; ++params) {
@@ -128,15 +131,15 @@ int write_in_place(State &state, StatusStoreParam *const *params) {
 
 int read_values(State &state, StatusStoreParam *const *params) {
   const char *const bytes = state.bytes();
-  int count = 0;
+  int others = 0;
+  const auto *end = params;
   const int error = for_each_param(
-      state, params,
-      [bytes, &count](const StatusStoreParam &param, const Field &field) {
+      state, end,
+      [bytes](const StatusStoreParam &param, const Field &field) {
         copy_value(param.value, bytes + field.offset, param.size);
-        ++count;
       },
-      [] { return true; });
-  return error == 0 ? count : -error;
+      [&others] { return ++others != 0; });
+  return error == 0 ? static_cast<int>(end - params) - others : -error;
 }
 
 int prepare_values(const Ring &ring, State &state, StatusStoreParam *const *params) {

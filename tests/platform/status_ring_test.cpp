@@ -42,7 +42,7 @@ const std::vector<Field> two_fields = {{"A", 1, 0, 4}, {"B", 2, 0, 5}};
 TEST_F(StatusRing, ReadOfANewRingReturnsSequenceZeroWithoutFields) {
   EXPECT_EQ(ring.read(reader), 0);
   EXPECT_EQ(reader.sequence, Word{0});
-  EXPECT_TRUE(reader.layout.fields.empty());
+  EXPECT_TRUE(reader.layout.all().empty());
 }
 
 TEST_F(StatusRing, ReadReturnsThePublishedFieldsAndValues) {
@@ -50,7 +50,7 @@ TEST_F(StatusRing, ReadReturnsThePublishedFieldsAndValues) {
   publish('x');
   EXPECT_EQ(ring.read(reader), 0);
   EXPECT_EQ(reader.sequence, Word{1});
-  ASSERT_EQ(reader.layout.fields.size(), 2U);
+  ASSERT_EQ(reader.layout.all().size(), 2U);
   EXPECT_EQ(reader.layout.fields[1].key, "B");
   EXPECT_EQ(reader.layout.fields[1].type, 2U);
   EXPECT_EQ(reader.layout.fields[1].offset, 4U);
@@ -74,7 +74,7 @@ TEST_F(StatusRing, ReadAfterAChangeOfTheLayoutReturnsTheNewFields) {
   lay_out({{"LONGER", 3, 0, 1}});
   publish('y');
   EXPECT_EQ(ring.read(reader), 0);
-  ASSERT_EQ(reader.layout.fields.size(), 1U);
+  ASSERT_EQ(reader.layout.all().size(), 1U);
   EXPECT_EQ(reader.layout.fields[0].key, "LONGER");
   EXPECT_EQ(values_of(reader), "y");
 }
