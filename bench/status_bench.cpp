@@ -23,6 +23,7 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -254,6 +255,29 @@ double time_of(int operations, Function function) {
   return (now_us() - begin) / operations;
 }
 
+// The cores of the reader and of the writer, if they are kept apart.
+std::optional<std::array<int, 2>> cores_apart;
+
+void stay_on(int core) {
+  cpu_set_t cores;
+  CPU_ZERO(&cores);
+  CPU_SET(core, &cores);
+  require(sched_setaffinity(0, sizeof cores, &cores) == 0, "no affinity");
+}
+
+bool stay_apart() {
+  cpu_set_t cores;
+  if (sched_getaffinity(0, sizeof cores, &cores) != 0 || CPU_COUNT(&cores) < 2) return false;
+  const auto first_from = [&cores](int core) {
+    while (!CPU_ISSET(core, &cores)) ++core;
+    return core;
+  };
+  const int reader = first_from(0);
+  cores_apart = {reader, first_from(reader + 1)};
+  stay_on(reader);
+  return true;
+}
+
 // The writer is asked over a socket pair for a number of updates, and answers how long each took.
 void serve_updates(int link, Sharing &sharing) {
   int operations = 0;
@@ -279,6 +303,7 @@ class Writer {
     process_ = fork();
     if (process_ == 0) {
       close(ends[0]);
+      if (cores_apart) stay_on((*cores_apart)[1]);
       serve_updates(ends[1], *contender.open(folder));
       _exit(EXIT_SUCCESS);
     }
@@ -351,6 +376,7 @@ int look_for_torn_groups(const std::string &folder, int seconds) {
   for (int i = 0; i < 9; ++i) {
     const pid_t process = fork();
     if (process == 0) {
+      if (cores_apart) stay_on((*cores_apart)[i % 2]);
       const auto sharing = contender.open(folder);
       std::uint64_t done = 0, torn = 0;
       for (; !counts->is_over; ++done) {
@@ -385,10 +411,11 @@ int look_for_torn_groups(const std::string &folder, int seconds) {
 }  // namespace
 
 int main(int argc, char **argv) {
-  gboolean quick = FALSE;
+  gboolean quick = FALSE, apart = FALSE;
   gint rounds = 15, seconds = 10;
   const GOptionEntry entries[] = {
       {"quick", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, &quick, "Only see that it works", nullptr},
+      {"apart", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, &apart, "Keep the two processes on different cores", nullptr},
       {"rounds", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &rounds, "Rounds of all contenders; 15", "N"},
       {"seconds", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &seconds, "How long to look for torn groups; 10", "N"},
       {}};
@@ -397,6 +424,7 @@ int main(int argc, char **argv) {
   const bool parsed = g_option_context_parse(options, &argc, &argv, nullptr) != FALSE;
   g_option_context_free(options);
   require(parsed && argc == 1 && rounds > 0 && seconds > 0, "see --help");
+  require(!apart || stay_apart(), "--apart needs two cores");
   if (quick) rounds = seconds = 1;
 
   // All of them in memory.

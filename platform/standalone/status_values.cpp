@@ -40,15 +40,12 @@ std::size_t search(std::span<Field> fields, std::size_t next, const gchar *key) 
 
 // The usual sizes need no call.
 void copy_value(void *to, const void *from, std::uint32_t size) {
-  switch (size) {
-    case 4:
-      std::memcpy(to, from, 4);
-      break;
-    case 8:
-      std::memcpy(to, from, 8);
-      break;
-    default:
-      std::memcpy(to, from, size);
+  if (size == 8) [[likely]] {
+    std::memcpy(to, from, 8);
+  } else if (size == 4) [[likely]] {
+    std::memcpy(to, from, 4);
+  } else {
+    std::memcpy(to, from, size);
   }
 }
 
