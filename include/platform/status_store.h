@@ -1,7 +1,21 @@
 /* status_store.h - the platform's status store: named groups of small values that the processes of a device share.
  *
- * A group has a size, which bounds the sum of its keys' bytes (with the NUL of each) and its values' bytes. It lives
- * until the device is restarted, whoever made it.
+ * A group has a size, which bounds the sum of its keys' bytes (with the NUL of each) and its values' bytes. A group
+ * exists until the device restarts, even if the process that created it ends.
+ *
+ * Readers and writers do not wait for each other. Writers wait for each other, for at most 100 ms. If a writer is
+ * killed, the group keeps its last complete state, and the next writer proceeds as soon as the kernel has released the
+ * memory of the killed process.
+ *
+ * The stand-alone platform keeps each group in a file of the folder `/run/ptz`, which the environment variable
+ * `PTZ_PLATFORM_RUNTIME_DIR` replaces. The variable may be read as rarely as once a second. A file has the access of
+ * its folder: the folder's group shares it, whatever the umask of the process that created it. The store refuses to
+ * write to a file that belongs neither to root, nor to the caller, nor to the folder's group. A group that was removed
+ * and created anew is noticed within a second.
+ *
+ * A process that writes groups keeps a descriptor for each of them. If the program closes all its descriptors, the next
+ * second's updates are not protected against other writers. A child made by fork() may use the store at once. A child
+ * made by clone() or _Fork() must call exec.
  */
 #pragma once
 
@@ -11,12 +25,15 @@ G_BEGIN_DECLS
 
 /**
  * StatusStoreParam:
- * @key: the value's name in its group
- * @size: bytes of the value
- * @value: where the value is read from, or written to
- * @type: what the value is; the store compares it and knows no more of it
+ * @key: the name of the value in its group
+ * @size: the size of the value in bytes
+ * @value: the variable from which the value is read, or to which it is written
+ * @type: the type of the value; the store only compares it
  *
  * One value of a group, in a variable of the caller.
+ *
+ * The store may recognise a key in read-only memory, such as a string literal, by its address. A library whose literals
+ * were used as keys must therefore stay loaded. The text of a key in writable memory may change between two calls.
  */
 typedef struct {
   const gchar *key;
@@ -31,11 +48,12 @@ typedef struct {
  * @size: its size in bytes
  * @mode: a mode word of the platform
  *
- * Makes a group without values.
+ * Creates a group without values. A group in the format of an older release is replaced.
  *
  * Thread: any.
  *
- * Returns: not negative on success; negative with errno set, EEXIST where there is such a group already
+ * Returns: not negative on success; negative with errno set on failure: EEXIST if the group exists already, ENOSPC if
+ *   the file system is full
  */
 gint status_store_create_group (const gchar *name, guint32 size, gint mode);
 
@@ -45,11 +63,14 @@ gint status_store_create_group (const gchar *name, guint32 size, gint mode);
  * @params: (array zero-terminated=1): the values to write
  * @mode: a mode word of the platform
  *
- * Adds or replaces the given values, all of them or none.
+ * Adds or replaces the given values, all of them or none. The stand-alone platform logs the cause of a failure, once a
+ * minute for each group.
  *
  * Thread: any.
  *
- * Returns: not negative on success; negative with errno set, ENOENT where there is no such group
+ * Returns: not negative on success; negative with errno set on failure: ENOENT if there is no such group, ENOSPC if the
+ *   values do not fit, EBUSY if another writer was stopped in the middle of an update, EACCES if the caller may not
+ *   write to the group, EBADMSG if the group is damaged, of another release, or belongs to a foreign user
  */
 gint status_store_set_group (const gchar *name, StatusStoreParam **params, gint mode);
 
@@ -59,12 +80,13 @@ gint status_store_set_group (const gchar *name, StatusStoreParam **params, gint 
  * @params: (array zero-terminated=1): the values to read
  * @mode: a mode word of the platform
  *
- * Reads those of the given values that the group holds with the same size and type, all from one moment. The others
- * are left as they are.
+ * Reads those of the given values that the group holds with the same size and type, all from one moment. The variables
+ * of the others keep their values.
  *
  * Thread: any.
  *
- * Returns: how many were read; negative with errno set, ENOENT where there is no such group
+ * Returns: the number of values read; negative with errno set on failure: ENOENT if there is no such group or it was
+ *   never written, EBADMSG if the group is damaged or of another release
  */
 gint status_store_get_group (const gchar *name, StatusStoreParam **params, gint mode);
 

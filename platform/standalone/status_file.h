@@ -16,6 +16,7 @@
 #include <string_view>
 
 #include "base/handles.h"
+#include "status_lock.h"
 #include "status_ring.h"
 
 namespace ptz::platform {
@@ -35,7 +36,7 @@ struct Identity {
 struct FileHeader {
   Identity identity;
   alignas(64) Word published;
-  alignas(64) Word owner;  // status_lock.h
+  alignas(64) SharedLock lock;
 };
 static_assert(sizeof(FileHeader) == Identity{}.header_bytes);
 

@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::int64_t patience_ns = 100'000'000;
 constexpr int max_spins = 64;
-constexpr long max_sleep_ns = 400'000;
+constexpr long max_sleep_ns = 400'000, step_aside_ns = 500'000;
 constexpr Word max_token = (Word{1} << 62) - 1;
 constexpr int max_token_attempts = 16;
 
@@ -60,19 +60,29 @@ bool replace(Word &owner, Word &expected, Word token) {
 
 }  // namespace
 
+bool Patience::sleep(long duration_ns) {
+  const auto now_ns = monotonic_ns();
+  if (is_spinning()) deadline_ns_ = now_ns + patience_ns;
+  if (now_ns >= deadline_ns_) return false;
+  const timespec pause = {0, static_cast<long>(std::min<std::int64_t>(duration_ns, deadline_ns_ - now_ns))};
+  nanosleep(&pause, nullptr);
+  return true;
+}
+
 bool Patience::wait() {
   if (spins_ < max_spins) {
     ++spins_;
     relax();
     return true;
   }
-  const auto now_ns = monotonic_ns();
-  if (is_spinning()) deadline_ns_ = now_ns + patience_ns;
-  if (now_ns >= deadline_ns_) return false;
-  const timespec pause = {0, static_cast<long>(std::min<std::int64_t>(sleep_ns_, deadline_ns_ - now_ns))};
-  nanosleep(&pause, nullptr);
+  const bool has_slept = sleep(sleep_ns_);
   sleep_ns_ = std::min(sleep_ns_ * 2, max_sleep_ns);
-  return true;
+  return has_slept;
+}
+
+void Patience::step_aside() {
+  spins_ = max_spins;
+  sleep(step_aside_ns);
 }
 
 int WriterLock::enrol(UniqueFd fd) {
@@ -103,8 +113,8 @@ bool WriterLock::has_own_file() const {
   return fstat(fd_.get(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_;
 }
 
-bool WriterLock::is_intact(const Word &owner) const {
-  return is_enrolled() && load(owner) != token_ && has_own_file() && take_byte(fd_.get(), token_) == 0;
+bool WriterLock::is_intact(const SharedLock &shared) const {
+  return is_enrolled() && load(shared.owner) != token_ && has_own_file() && take_byte(fd_.get(), token_) == 0;
 }
 
 bool WriterLock::is_dead(Word token) const {
@@ -115,20 +125,19 @@ bool WriterLock::is_dead(Word token) const {
   return fcntl(fd_.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type == F_UNLCK;
 }
 
-int WriterLock::lock(Word &owner) const {
+int WriterLock::lock(SharedLock &shared, Patience &patience) const {
   if (!is_enrolled()) return ESTALE;
-  Patience patience;
-  while (true) {
+  const auto try_take = [&] {
     Word seen = 0;
-    if (replace(owner, seen, token_)) return 0;
-    if (seen != 0 && !patience.is_spinning() && is_dead(seen) && replace(owner, seen, token_)) return 0;
-    if (!patience.wait()) return EBUSY;
-  }
+    if (replace(shared.owner, seen, token_)) return true;
+    return seen != 0 && !patience.is_spinning() && is_dead(seen) && replace(shared.owner, seen, token_);
+  };
+  return patience.take(shared.wanted, try_take) ? 0 : EBUSY;
 }
 
-void WriterLock::unlock(Word &owner) const {
+void WriterLock::unlock(SharedLock &shared) const {
   Word expected = token_;  // not stored blindly: the lock may have been lost
-  replace(owner, expected, 0);
+  replace(shared.owner, expected, 0);
 }
 
 }  // namespace ptz::platform

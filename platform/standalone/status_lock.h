@@ -22,6 +22,10 @@
 // Lost descriptors. A program that closes all descriptors drops the lock, and its owner looks dead. The owner verifies
 // the word before it publishes, and is_intact() detects the loss once a second.
 //
+// Starvation. A waiting writer sleeps for moments and would find the lock of a busy writer taken each time, so it sets
+// a second word, and writers that come later wait first. The word is only a hint: if the waiting writer dies, the next
+// one waits for half a millisecond and clears it.
+//
 // Threads. Within the process the caller lets one thread at a time in, because the kernel does not report the locks of
 // one's own descriptor. enrol(), withdraw() and is_intact() additionally need the registry's lock.
 #pragma once
@@ -32,16 +36,44 @@
 
 namespace ptz::platform {
 
+// The words of the lock in shared memory.
+struct SharedLock {
+  Word owner;   // the owner's token, or 0
+  Word wanted;  // not 0 if a writer waits
+};
+
 // A wait of at most 100 ms: spins for a moment, then sleeps.
 class Patience {
-  std::int64_t deadline_ns_ = 0;
   int spins_ = 0;
+  std::int64_t deadline_ns_ = 0;
   long sleep_ns_ = 50'000;
+
+  bool sleep(long duration_ns);
 
  public:
   [[nodiscard]] bool is_spinning() const { return deadline_ns_ == 0; }
   // Waits for a moment. Returns false without waiting if the time is over.
   bool wait();
+  // Waits for longer than the longest moment.
+  void step_aside();
+
+  // Calls `try_take` until it returns true, or returns false if the time is over. A caller that writes all the time
+  // would starve a waiting one: it steps aside first if the lock is wanted.
+  template <typename TryTake>
+  [[nodiscard]] bool take(Word &wanted, TryTake try_take) {
+    if (load(wanted) == 0) [[likely]] {
+      if (try_take()) [[likely]]
+        return true;
+    } else {
+      step_aside();
+    }
+    while (!try_take()) {
+      if (!is_spinning()) store(wanted, 1);
+      if (!wait()) return false;
+    }
+    if (load(wanted) != 0) store(wanted, 0);
+    return true;
+  }
 };
 
 class WriterLock {
@@ -62,12 +94,12 @@ class WriterLock {
   [[nodiscard]] bool is_enrolled() const { return token_ != 0; }
   // The lock is not held. Returns false if the descriptor is no longer ours, or if the word holds our token all the
   // same; then a new token is needed.
-  [[nodiscard]] bool is_intact(const Word &owner) const;
+  [[nodiscard]] bool is_intact(const SharedLock &shared) const;
 
-  // Returns 0; ESTALE if not enrolled; EBUSY if a live writer holds the lock for 100 ms.
-  [[nodiscard]] int lock(Word &owner) const;
-  [[nodiscard]] bool is_held(const Word &owner) const { return load(owner) == token_; }
-  void unlock(Word &owner) const;
+  // Returns 0; ESTALE if not enrolled; EBUSY if a live writer holds the lock until the time is over.
+  [[nodiscard]] int lock(SharedLock &shared, Patience &patience) const;
+  [[nodiscard]] bool is_held(const SharedLock &shared) const { return load(shared.owner) == token_; }
+  void unlock(SharedLock &shared) const;
 };
 
 }  // namespace ptz::platform

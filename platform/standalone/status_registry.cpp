@@ -104,7 +104,7 @@ Group &find_or_add_group(const std::string &directory, std::string_view name) {
 int enrol(Mapping &mapping, const std::string &directory, const std::string &path) {
   if (!mapping.turn().try_take()) return 0;  // a thread is writing: it is enrolled
   int error = 0;
-  if (!mapping.lock.is_intact(mapping.file.header->owner)) {
+  if (!mapping.lock.is_intact(mapping.file.header->lock)) {
     mapping.lock.withdraw();
     auto file = open_file(directory, path, writing);
     if (!file.fd) {
@@ -119,7 +119,8 @@ int enrol(Mapping &mapping, const std::string &directory, const std::string &pat
   return error;
 }
 
-// A thread that has just found the mapping gets ESTALE from the lock.
+// Closes the descriptor of a mapping that is no longer the group's, unless a thread is writing. A thread that has found
+// the mapping, and has not locked yet, gets ESTALE from the lock.
 void retire(Mapping &mapping) {
   if (!mapping.turn().try_take()) return;
   mapping.lock.withdraw();
@@ -179,13 +180,8 @@ Mapping *look_up(std::string_view name, Access access) {
 
 }  // namespace
 
-bool Mapping::take_turn() {
-  if (turn().try_take()) return true;
-  Patience patience;
-  while (patience.wait()) {
-    if (turn().try_take()) return true;
-  }
-  return false;
+bool Mapping::take_turn(Patience &patience) {
+  return patience.take(turn_wanted, [this] { return turn().try_take(); });
 }
 
 Mapping *mapping_of(const char *name_text, Access access) {

@@ -59,7 +59,8 @@ struct Mapping {
   const MappedFile file;
   std::atomic<std::int64_t> looked_at_ns = never;
   std::array<Workspace, 8> workspaces;
-  WriterLock lock;  // only of a writing mapping; used in turn
+  WriterLock lock;       // only of a writing mapping; used in turn
+  Word turn_wanted = 0;  // not 0 if a thread waits for its turn
 
   explicit Mapping(const MappedFile &mapped) : file(mapped) {}
 
@@ -70,8 +71,8 @@ struct Mapping {
     }
     return nullptr;
   }
-  // Waits for at most 100 ms. Returns false if another thread still writes.
-  [[nodiscard]] bool take_turn();
+  // Returns false if another thread writes until the time is over.
+  [[nodiscard]] bool take_turn(Patience &patience);
   [[nodiscard]] Workspace &turn() { return workspaces[0]; }
 };
 
@@ -81,7 +82,8 @@ struct Mapping {
 // The directory of the groups, as the environment says now.
 [[nodiscard]] const std::string &runtime_directory();
 
-// Returns the path of a group if no failed write to it was reported within the last minute.
+// Returns the path of a group if no failed write to it was reported within the last minute. Remembers the group, even
+// if it does not exist; a program has few names.
 [[nodiscard]] std::optional<std::string> report_is_due(const char *name);
 
 }  // namespace ptz::platform

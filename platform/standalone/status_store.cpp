@@ -31,30 +31,31 @@ void report(const char *name, int error) {
 }
 
 // The turn of the writers is held. Returns 0, or the error.
-int write_group(Mapping &mapping, StatusStoreParam **params) {
-  auto &owner = mapping.file.header->owner;
-  if (const int error = mapping.lock.lock(owner); error != 0) return error;
+int write_group(Mapping &mapping, StatusStoreParam **params, Patience &patience) {
+  auto &shared = mapping.file.header->lock;
+  if (const int error = mapping.lock.lock(shared, patience); error != 0) return error;
   auto &state = mapping.turn().state(mapping.file.ring.group_size());
   int error = prepare_values(mapping.file.ring, state, params);
   if (error == 0) {
-    if (mapping.lock.is_held(owner)) {
+    if (mapping.lock.is_held(shared)) {
       mapping.file.ring.publish(state);
     } else {
       error = EBUSY;  // the program closed the lock's descriptor, and another writer took over
     }
   }
-  mapping.lock.unlock(owner);
+  mapping.lock.unlock(shared);
   return error;
 }
 
 int set_group(const char *name, StatusStoreParam **params) {
   constexpr int max_attempts = 3;  // the group is replaced while this thread finds it
+  Patience patience;
   int error = ESTALE;
   for (int attempt = 0; attempt < max_attempts && error == ESTALE; ++attempt) {
     auto *mapping = mapping_of(name, writing);
     if (mapping == nullptr) return errno;
-    if (!mapping->take_turn()) return EBUSY;
-    error = write_group(*mapping, params);
+    if (!mapping->take_turn(patience)) return EBUSY;
+    error = write_group(*mapping, params, patience);
     mapping->turn().give_back();
   }
   return error == ESTALE ? EBUSY : error;

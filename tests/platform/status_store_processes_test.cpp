@@ -19,6 +19,7 @@
 #include <new>
 #include <optional>
 #include <random>
+#include <thread>
 
 #include "clock.h"
 #include "shared_group.h"
@@ -156,6 +157,23 @@ TEST_F(StatusStoreProcesses, SetWhileAStoppedWriterHoldsTheLockLogsTheCause) {
   ASSERT_TRUE(WIFSTOPPED(wait_for(writer, WUNTRACED)));
   EXPECT_EQ(set("G", {item("A", 3)}), -EBUSY);
   EXPECT_EQ(log.containing("/G.status is not written: another writer holds its lock"), 1U);
+  end(writer);
+}
+
+TEST_F(StatusStoreProcesses, ThreadsThatWaitForAStoppedWriterFailAfterATenthOfASecondEach) {
+  create("G");
+  ASSERT_EQ(set("G", {item("A", 1), item("B", 1)}), 0);
+  const pid_t writer = start_writer_that_gets(SIGSTOP);
+  ASSERT_TRUE(WIFSTOPPED(wait_for(writer, WUNTRACED)));
+  std::int64_t waited_ms = 1'000'000;
+  for (int i = 0; i < 5 && waited_ms > 150; ++i) {
+    const auto begin = real_time_ms();
+    std::thread other([] { EXPECT_EQ(set("G", {item("A", 3)}), -EBUSY); });
+    EXPECT_EQ(set("G", {item("A", 3)}), -EBUSY);
+    other.join();
+    waited_ms = real_time_ms() - begin;
+  }
+  EXPECT_LE(waited_ms, 150);
   end(writer);
 }
 
