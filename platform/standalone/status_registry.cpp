@@ -172,6 +172,7 @@ Mapping *look_up(std::string_view name, Access access) {
   }
   auto *opened = open_mapping(directory, path, access);
   if (opened == nullptr) return nullptr;
+  opened->older = known;
   opened->looked_at_ns.store(now_ns, std::memory_order_relaxed);
   find_or_add_group(directory, name).mappings[access].store(opened, std::memory_order_release);
   if (known != nullptr) retire(*known);

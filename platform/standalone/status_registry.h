@@ -59,8 +59,9 @@ struct Mapping {
   const MappedFile file;
   std::atomic<std::int64_t> looked_at_ns = never;
   std::array<Workspace, 8> workspaces;
-  WriterLock lock;       // only of a writing mapping; used in turn
-  Word turn_wanted = 0;  // not 0 if a thread waits for its turn
+  WriterLock lock;           // only of a writing mapping; used in turn
+  Mapping *older = nullptr;  // of the group's former file
+  Word turn_wanted = 0;      // not 0 if a thread waits for its turn
 
   explicit Mapping(const MappedFile &mapped) : file(mapped) {}
 

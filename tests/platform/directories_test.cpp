@@ -12,7 +12,11 @@ constexpr char variable[] = "PTZ_TEST_DIRECTORY";
 constexpr std::int64_t second_ns = 1'000'000'000;
 
 struct Directories : testing::Test {
-  DirectorySetting setting{variable, "/fallback"};
+  // A setting is a global object, which never frees a path.
+  static inline DirectorySetting settings[3] = {
+      {variable, "/fallback"}, {variable, "/fallback"}, {variable, "/fallback"}};
+  static inline int used = 0;
+  DirectorySetting &setting = settings[used++];
   ~Directories() override { unsetenv(variable); }
 };
 
