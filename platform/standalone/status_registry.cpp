@@ -143,32 +143,38 @@ Mapping *open_mapping(const std::string &directory, const std::string &path, Acc
   return mapping.release();
 }
 
+// Whether the path still leads to the mapped file, and the file can be locked. Returns 0; ESTALE if it is another file;
+// or another error.
+int look_at(Mapping &mapping, const std::string &directory, const std::string &path, Access access) {
+  switch (currency_of(mapping.file, path)) {
+    case Currency::replaced:
+      return ESTALE;
+    case Currency::damaged:
+      return EBADMSG;
+    case Currency::current:
+      break;
+  }
+  return access == writing ? enrol(mapping, directory, path) : 0;
+}
+
 Mapping *look_up(std::string_view name, Access access) {
-  const auto now_ns = look_time_ns();
-  const auto &directory = directory_setting.read(now_ns);
   if (!has_fork_handlers) {
-    if ((errno = pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child)) != 0) return nullptr;
+    errno = pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
+    if (errno != 0) return nullptr;
     has_fork_handlers = true;
   }
+  const auto now_ns = look_time_ns();
+  const auto &directory = directory_setting.read(now_ns);
+  const auto path = path_of_group(directory, name);
   auto *group = find_group(directory, name);
   auto *known = group != nullptr ? group->mappings[access].load(std::memory_order_relaxed) : nullptr;
-  if (known != nullptr && now_ns - known->looked_at_ns.load(std::memory_order_relaxed) < look_interval_ns) return known;
-  const auto path = path_of_group(directory, name);
   if (known != nullptr) {
-    auto currency = currency_of(known->file, path);
-    if (currency == Currency::current && access == writing) {
-      errno = enrol(*known, directory, path);
-      if (errno == ESTALE) currency = Currency::replaced;
-      if (errno != 0 && errno != ESTALE) return nullptr;
-    }
-    if (currency == Currency::current) {
-      known->looked_at_ns.store(now_ns, std::memory_order_relaxed);
-      return known;
-    }
-    if (currency == Currency::damaged) {
-      errno = EBADMSG;
-      return nullptr;
-    }
+    if (now_ns - known->looked_at_ns.load(std::memory_order_relaxed) < look_interval_ns) return known;
+    const int error = look_at(*known, directory, path, access);
+    if (error == 0) known->looked_at_ns.store(now_ns, std::memory_order_relaxed);
+    if (error == 0) return known;
+    errno = error;
+    if (error != ESTALE) return nullptr;
   }
   auto *opened = open_mapping(directory, path, access);
   if (opened == nullptr) return nullptr;

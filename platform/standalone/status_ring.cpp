@@ -6,7 +6,7 @@ namespace ptz::platform {
 
 namespace {
 
-constexpr std::uint64_t max_directory_bytes = max_group_size * 4;
+constexpr std::uint64_t max_directory_bytes = std::uint64_t{max_group_size} * 4;
 constexpr int max_read_attempts = 10'000;
 
 // The checksum of a slot, given that of its values.

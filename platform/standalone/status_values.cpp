@@ -85,6 +85,7 @@ int change_layout(std::uint32_t group_size, State &state, StatusStoreParam *cons
   const auto known = state.layout.all();
   std::vector<Field> fields(known.begin(), known.end());
   std::vector<const void *> values;
+  values.reserve(fields.size());
   for (const auto &field : fields) values.push_back(state.bytes() + field.offset);
   for (; *params != nullptr; ++params) {
     const Field given = {(*params)->key, (*params)->type, 0, (*params)->size};
