@@ -40,34 +40,34 @@ std::int64_t look_time_ns() {
 // --- fork -------------------------------------------------------------------------------------------------------
 
 template <typename Function>
-void for_each_mapping(Function function) {
+void for_each_mapping(Access access, Function function) {
   for (auto &bucket : groups) {
     for (auto *group = bucket.load(std::memory_order_relaxed); group != nullptr; group = group->next) {
-      for (auto &mapping : group->mappings) {
-        if (auto *mapped = mapping.load(std::memory_order_relaxed)) function(*mapped);
-      }
+      if (auto *mapping = group->mappings[access].load(std::memory_order_relaxed)) function(*mapping);
     }
   }
 }
 
 void before_fork() {
   g_mutex_lock(&registry_lock);
-  for_each_mapping([](Mapping &mapping) {
+  for_each_mapping(reading, [](Mapping &mapping) {
     for (auto &workspace : mapping.workspaces) workspace.before_fork();
   });
 }
 
 void after_fork_in_parent() {
-  for_each_mapping([](Mapping &mapping) {
+  for_each_mapping(reading, [](Mapping &mapping) {
     for (auto &workspace : mapping.workspaces) workspace.after_fork_in_parent();
   });
   g_mutex_unlock(&registry_lock);
 }
 
 void after_fork_in_child() {
-  for_each_mapping([](Mapping &mapping) {
+  for_each_mapping(reading, [](Mapping &mapping) {
     for (auto &workspace : mapping.workspaces) workspace.after_fork_in_child();
-    if (!mapping.lock.is_enrolled()) return;
+  });
+  for_each_mapping(writing, [](Mapping &mapping) {
+    mapping.turn().after_fork_in_child();
     mapping.lock.withdraw();
     mapping.looked_at_ns.store(Mapping::never, std::memory_order_relaxed);
   });

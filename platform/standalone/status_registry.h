@@ -14,8 +14,9 @@
 //
 // Fork. The kernel copies the memory page by page while other threads run on, so the child may see a pointer without
 // what it points to, or a workspace that changes. The prepare handler therefore takes the registry's lock and all free
-// workspaces. The child abandons the other workspaces, which other threads were using, at the cost of one allocation
-// each. It withdraws from the locks (status_lock.h), and enrols again when it first writes.
+// workspaces of readers. The child abandons the others, at the cost of one allocation each: those that other threads
+// were using, and those of writers, because writers do not wait for a fork. It withdraws from the groups' locks
+// (status_lock.h), and enrols again when it first writes.
 #pragma once
 #include <array>
 #include <atomic>
@@ -48,7 +49,7 @@ class alignas(64) Workspace {
     if (is_kept_) give_back();
   }
   void after_fork_in_child() {
-    if (!is_kept_) static_cast<void>(state_.release());  // half changed by a thread that the child does not have
+    if (!is_kept_) static_cast<void>(state_.release());  // a thread that the child does not have may have changed half
     give_back();
   }
 };
