@@ -19,6 +19,12 @@ namespace {
 std::atomic<long> allocations = 0;
 }
 
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define COUNTS_NOTHING  // the sanitizer's own operators are linked into the program
+#endif
+#endif
+#ifndef COUNTS_NOTHING
 void *operator new(std::size_t size) {
   ++allocations;
   return std::malloc(size != 0 ? size : 1);
@@ -32,6 +38,7 @@ void operator delete(void *memory) noexcept { std::free(memory); }
 void operator delete(void *memory, std::size_t) noexcept { std::free(memory); }
 void operator delete(void *memory, std::align_val_t) noexcept { std::free(memory); }
 void operator delete(void *memory, std::size_t, std::align_val_t) noexcept { std::free(memory); }
+#endif
 
 namespace {
 
