@@ -301,7 +301,7 @@ void read_until_over(Readings &readings) {
   auto items = related(0, 0);
   items.pop_back();
   get("G", items);
-  getrusage(RUSAGE_SELF, &before);
+  getrusage(RUSAGE_THREAD, &before);
   while (!readings.is_over) {
     const int found = get("G", items);
     if (found != related_values) ++readings.failed;
@@ -309,7 +309,7 @@ void read_until_over(Readings &readings) {
     if (std::any_of(items.begin(), items.end(), differs)) ++readings.torn;
     ++readings.made;
   }
-  getrusage(RUSAGE_SELF, &after);
+  getrusage(RUSAGE_THREAD, &after);
   readings.waits += after.ru_nvcsw - before.ru_nvcsw;
 }
 
