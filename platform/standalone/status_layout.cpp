@@ -40,6 +40,7 @@ bool parse_fields(Layout &layout) {
 
 bool parse_directory(Layout &layout) {
   const bool is_whole = parse_fields(layout);
+  if (!is_whole) layout.fields.clear();
   layout.fields.emplace_back();
   return is_whole;
 }

@@ -40,7 +40,7 @@ struct Layout {
   [[nodiscard]] std::span<Field> all() { return {fields.data(), fields.size() - 1}; }
 };
 
-// Sets the fields from the directory. Returns false if the directory is malformed.
+// Sets the fields from the directory. Returns false, without fields, if the directory is malformed.
 [[nodiscard]] bool parse_directory(Layout &layout);
 
 // Sets the directory, its checksum and the fields from the wanted keys, types and sizes. The layout has no number yet.

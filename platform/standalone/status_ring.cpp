@@ -40,7 +40,9 @@ void Ring::set_up() const {
 }
 
 bool Ring::fits(const SlotHeader &header) const {
-  return header.value_bytes <= group_size_ && header.directory_bytes < max_directory_bytes &&
+  // no_layout is the number of a layout that was refused: such a state would be read by the refused fields.
+  return header.layout != no_layout && header.value_bytes <= group_size_ &&
+         header.directory_bytes < max_directory_bytes &&
          words_for(header.value_bytes) + words_for(header.directory_bytes) <= state_words(group_size_);
 }
 

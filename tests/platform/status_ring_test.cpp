@@ -127,6 +127,37 @@ TEST_F(StatusRing, ReadOfASequenceThatWasNeverPublishedFailsWithEbadmsg) {
   }
 }
 
+// Offsets of a refused directory would lead far behind the values.
+TEST_F(StatusRing, ReadOfAMalformedDirectoryFailsWithEbadmsgAndLeavesNoFields) {
+  lay_out({{"X", 1, 0, 60'000}, {"A", 1, 0, 8}});
+  writer.layout.value_bytes = 8;
+  writer.next = 1;
+  ring.publish(writer);
+  EXPECT_EQ(ring.read(reader), EBADMSG);
+  EXPECT_TRUE(reader.layout.all().empty());
+}
+
+// The number of the refused layout is that of no layout, so the state would count as one of a known layout.
+TEST_F(StatusRing, ReadOfAStateWithoutALayoutFailsWithEbadmsg) {
+  const SlotHeader header = {.sequence = 1,
+                             .checksum = 0,
+                             .layout = no_layout,
+                             .value_bytes = 0,
+                             .directory_bytes = 0,
+                             .directory_checksum = 0,
+                             .unused = {}};
+  Word checksum = copy_words(0, [](std::uint32_t) { return Word{0}; });
+  for (const Word word :
+       {header.sequence, header.layout, header.value_bytes, header.directory_bytes, header.directory_checksum}) {
+    checksum = mix(checksum, word);
+  }
+  auto *shared = reinterpret_cast<SlotHeader *>(slots.data() + slots.size() / slot_count);
+  *shared = header;
+  shared->checksum = checksum;
+  published = 1;
+  EXPECT_EQ(ring.read(reader), EBADMSG);
+}
+
 TEST_F(StatusRing, ReadersBesideAFastWriterGetWholeStates) {
   lay_out({{"A", 1, 0, 40}});
   publish('a');
