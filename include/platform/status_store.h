@@ -32,8 +32,9 @@ G_BEGIN_DECLS
  *
  * One value of a group, in a variable of the caller.
  *
- * The store may recognise a key in read-only memory, such as a string literal, by its address. A library whose literals
- * were used as keys must therefore stay loaded. The text of a key in writable memory may change between two calls.
+ * The store may recognise a key by its address if the key lies in read-only memory, as string literals do, of the main
+ * program or of a library that is never unloaded (linked with -z nodelete). Any other key is compared as text: its
+ * library may be unloaded, and a key in writable memory may change between two calls.
  */
 typedef struct {
   const gchar *key;

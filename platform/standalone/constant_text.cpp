@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <link.h>
+#include <sys/auxv.h>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -10,10 +11,29 @@ namespace ptz::platform {
 
 #ifdef DLFO_STRUCT_HAS_EH_DBASE  // the C library has _dl_find_object()
 
+namespace {
+
+// The main program, and an object that is linked with -z nodelete. A library on which the main program depends stays as
+// well, but the loader does not tell it from one that dlopen() has loaded.
+bool is_permanent(const dl_find_object &object) {
+  const auto begin = reinterpret_cast<std::uintptr_t>(object.dlfo_map_start);
+  const auto end = reinterpret_cast<std::uintptr_t>(object.dlfo_map_end);
+  const std::uintptr_t main_program = getauxval(AT_PHDR);
+  if (begin <= main_program && main_program < end) return true;
+  const auto *entry = object.dlfo_link_map->l_ld;
+  while (entry != nullptr && entry->d_tag != DT_NULL) {
+    if (entry->d_tag == DT_FLAGS_1) return (entry->d_un.d_val & DF_1_NODELETE) != 0;
+    ++entry;
+  }
+  return false;
+}
+
+}  // namespace
+
 bool is_constant_text(const char *text) {
   constexpr std::size_t min_page_bytes = 4096;
   dl_find_object object = {};
-  if (_dl_find_object(const_cast<char *>(text), &object) != 0) return false;
+  if (_dl_find_object(const_cast<char *>(text), &object) != 0 || !is_permanent(object)) return false;
   const auto *begin = static_cast<const char *>(object.dlfo_map_start);
   ElfW(Ehdr) header;
   std::memcpy(&header, begin, sizeof header);

@@ -3,8 +3,9 @@
 
 namespace ptz::platform {
 
-// Returns true if the text lies in a read-only segment of the program or of a library, as string literals do. The text
-// at this address stays the same until the library is unloaded. Takes no lock and allocates nothing.
+// Returns true if the text lies in a read-only segment, as string literals do, of the main program or of a library that
+// is never unloaded (linked with -z nodelete). The text at this address stays the same as long as the process runs.
+// Takes no lock and allocates nothing.
 [[nodiscard]] bool is_constant_text(const char *text);
 
 }  // namespace ptz::platform
