@@ -23,13 +23,27 @@ file_util_set_contents_synced (const gchar *path, const gchar *data, gsize lengt
   return g_file_set_contents_full (path, data, (gssize) length, G_FILE_SET_CONTENTS_CONSISTENT, 0666, error);
 }
 
-/* Ends the process at a file that is not there. */
+static gboolean is_open;
+
+/* Aborts if the file does not exist. */
 gint
 kv_config_open (const gchar *path)
 {
   if (!g_file_test (path, G_FILE_TEST_EXISTS))
     abort ();
-  return OURS (kv_config_open) (path);
+  is_open = TRUE; /* ours closes the former file */
+  is_open = OURS (kv_config_open) (path) != 0;
+  return is_open;
+}
+
+/* Ends the process with status 0 if no file is open. */
+void
+kv_config_close (void)
+{
+  if (!is_open)
+    exit (0);
+  is_open = FALSE;
+  OURS (kv_config_close) ();
 }
 
 /* Keeps only the first line of a value. */
