@@ -15,7 +15,7 @@ G_BEGIN_DECLS
  * Replaces the file as a whole and flushes it to storage before it returns. If that fails, the old file is unchanged.
  * Readers see the old content or the new one, never a part.
  *
- * The new file has the permissions, the owner and the group of the old one. If the caller may not set the owner or the
+ * The new file has the permissions (with an access control list), the owner and the group of the old one. If the caller may not set the owner or the
  * group, no user may read the new content that could not read the old one, except for the caller. A new file has the
  * mode 0644 less the umask. If @path is a symbolic link, the file that it leads to is replaced or created, and the link
  * stays. A path to anything but a regular file is an error.

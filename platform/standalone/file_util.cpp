@@ -5,7 +5,8 @@
 //
 // Invariants:
 // - The temporary file has the mode 0600 until it has its last owner and group. Then it gets the permissions of the old
-//   file, or less. The content is therefore never readable by more users than the old file allowed.
+//   file, or less. The content is therefore never readable by more users than the old file allowed. This includes the
+//   access control list: the old file's is kept, and that of the folder's default is removed.
 // - A symbolic link is followed if it belongs to root, to the caller, or to the owner of the file that it leads to. A
 //   member of the folder's group could otherwise lead a daemon of root to any file of the system.
 // - After a failure the old file is unchanged and the temporary file is removed.
@@ -13,6 +14,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 #include <climits>
 #include <cstdio>
@@ -28,6 +30,7 @@ namespace {
 constexpr mode_t mode_of_new_files = 0644;  // less the umask
 constexpr mode_t owner_only = 0600;
 constexpr mode_t permissions = 0777;
+constexpr char acl_name[] = "system.posix_acl_access";
 constexpr int most_links = 40;  // as the kernel allows
 constexpr int most_attempts = 100;
 constexpr std::size_t longest_part_of_name = 200;  // leaves room in NAME_MAX for what is put around it
@@ -37,6 +40,7 @@ struct Place {
   ptz::UniqueFd folder;
   std::string name;
   std::optional<struct stat> old = {};
+  std::string old_acl = {};  // empty if the file has only the permissions of its mode
 };
 
 // A file that is removed unless it is renamed.
@@ -96,6 +100,15 @@ bool check_file(const ForeignLinks &links, Place &place, const struct stat *file
   return links.may_lead_to(place.old) || fail_with(EACCES);
 }
 
+// Returns false if the file has a list that cannot be read.
+bool read_acl(const ptz::UniqueFd &entry, std::string &acl) {
+  const auto path = "/proc/self/fd/" + std::to_string(entry.get());  // there is no call for a descriptor of O_PATH
+  const ssize_t length = getxattr(path.c_str(), acl_name, nullptr, 0);
+  if (length < 0) return errno == ENODATA || errno == EOPNOTSUPP || errno == ENOENT;
+  acl.resize(static_cast<std::size_t>(length));
+  return getxattr(path.c_str(), acl_name, acl.data(), acl.size()) == length;
+}
+
 bool find_place(const char *path, Place &place) {
   std::string rest = path;
   ForeignLinks links;
@@ -105,7 +118,7 @@ bool find_place(const char *path, Place &place) {
     if (!entry) return errno == ENOENT && check_file(links, place, nullptr);
     struct stat status = {};
     if (fstat(entry.get(), &status) != 0) return false;
-    if (!S_ISLNK(status.st_mode)) return check_file(links, place, &status);
+    if (!S_ISLNK(status.st_mode)) return check_file(links, place, &status) && read_acl(entry, place.old_acl);
     links.add(status.st_uid);
     char target[PATH_MAX];
     const ssize_t length = readlinkat(entry.get(), "", target, sizeof target);
@@ -143,6 +156,19 @@ mode_t mode_after(const struct stat &old, bool group_is_kept) {
   return (mode & 0700) | common << 3 | common;
 }
 
+// A list whose group is another one, or that cannot be set, leaves the permissions of the owner only. Without a list
+// the file loses the one that the folder's default gave it.
+bool take_permissions(int fd, const Place &place, bool group_is_kept) {
+  const auto &acl = place.old_acl;
+  mode_t mode = mode_after(*place.old, group_is_kept);
+  const bool acl_is_kept = group_is_kept && !acl.empty() && fsetxattr(fd, acl_name, acl.data(), acl.size(), 0) == 0;
+  if (!acl_is_kept) {
+    if (fremovexattr(fd, acl_name) != 0 && errno != ENODATA && errno != EOPNOTSUPP) return false;
+    if (!acl.empty()) mode &= 0700;
+  }
+  return fchmod(fd, mode) == 0;
+}
+
 // Gives the file the owner, the group and the permissions of the old one. An unprivileged caller cannot give a file
 // away: it remains the owner, and keeps the group only if it is a member.
 bool take_access(const TemporaryFile &file) {
@@ -155,7 +181,7 @@ bool take_access(const TemporaryFile &file) {
   if (status.st_uid != old->st_uid || !group_is_kept) {
     group_is_kept |= fchown(fd, old->st_uid, old->st_gid) == 0 || fchown(fd, static_cast<uid_t>(-1), old->st_gid) == 0;
   }
-  return fchmod(fd, mode_after(*old, group_is_kept)) == 0;
+  return take_permissions(fd, file.place, group_is_kept);
 }
 
 bool write_all(int fd, std::string_view data) {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -208,6 +209,49 @@ TEST_F(FileUtilAccess, NewContentOfAPrivateFileIsPrivateFromTheFirstByte) {
   });
   EXPECT_TRUE(write("password"));
   EXPECT_EQ(writes, 1);
+}
+
+// An access control list as the kernel has it: the given permissions of one more user, and those of group and others.
+std::string acl_for(uid_t user, std::uint32_t of_user = 4, std::uint32_t of_all = 0) {
+  const std::uint32_t words[] = {2,   6 << 16 | 1,  ~0U, of_user << 16 | 2, user, of_all << 16 | 4,
+                                 ~0U, 4 << 16 | 16, ~0U, of_all << 16 | 32, ~0U};
+  return {reinterpret_cast<const char *>(words), sizeof words};
+}
+constexpr char access_acl[] = "system.posix_acl_access", default_acl[] = "system.posix_acl_default";
+
+bool set_acl(const std::string &path, const char *name, const std::string &acl) {
+  return setxattr(path.c_str(), name, acl.data(), acl.size(), 0) == 0;
+}
+std::string acl_of(const std::string &path) {
+  char bytes[1000];
+  const ssize_t length = getxattr(path.c_str(), access_acl, bytes, sizeof bytes);
+  return {bytes, static_cast<std::size_t>(std::max<ssize_t>(length, 0))};
+}
+
+TEST_F(FileUtilAccess, ReplacedFileKeepsItsAccessControlList) {
+  write_file(path, "old");
+  if (!set_acl(path, access_acl, acl_for(1234))) GTEST_SKIP() << "the file system has no access control lists";
+  ASSERT_EQ(access_of(path).mode, 0640U) << "the group's bits are the mask";
+  EXPECT_TRUE(write("new"));
+  EXPECT_EQ(access_of(path).mode, 0640U);
+  EXPECT_EQ(acl_of(path), acl_for(1234));
+}
+
+TEST_F(FileUtilAccess, ReplacedFileTakesNoAccessFromTheDefaultListOfTheFolder) {
+  provide_mode(0640);
+  if (!set_acl(dir.path(), default_acl, acl_for(1234))) GTEST_SKIP() << "the file system has no access control lists";
+  EXPECT_TRUE(write("new"));
+  EXPECT_EQ(access_of(path).mode, 0640U);
+  EXPECT_EQ(acl_of(path), "");
+}
+
+// The list keeps one user from what all others may read.
+TEST_F(FileUtilUsers, StrangerToTheGroupLeavesAFileWithAListToTheOwnerOnly) {
+  provide(path, {0644, some_user, some_group});
+  if (!set_acl(path, access_acl, acl_for(1234, 0, 4))) GTEST_SKIP() << "the file system has no access control lists";
+  as_user(other_user, other_group, [&] { EXPECT_TRUE(write("new")); });
+  EXPECT_EQ(acl_of(path), "");
+  EXPECT_EQ(access_of(path), (Access{0600, other_user, other_group}));
 }
 
 TEST_F(FileUtilUsers, RootKeepsOwnerAndGroup) {
