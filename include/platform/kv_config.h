@@ -42,7 +42,7 @@ const KvConfigRecord *kv_config_get (void);
 /**
  * kv_config_close:
  *
- * Closes the open file. No effect where none is open.
+ * Closes the open file. Has no effect if no file is open.
  *
  * Thread: the one that opened the file.
  */
