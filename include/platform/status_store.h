@@ -9,9 +9,16 @@
  *
  * The stand-alone platform keeps each group in a file of the folder `/run/ptz`, which the environment variable
  * `PTZ_PLATFORM_RUNTIME_DIR` replaces. The variable may be read as rarely as once a second. A file has the access of
- * its folder: the folder's group shares it, whatever the umask of the process that created it. The store refuses to
- * write to a file that belongs neither to root, nor to the caller, nor to the folder's group. A group that was removed
- * and created anew is noticed within a second.
+ * its folder: the folder's group shares it, whatever the umask of the process that created it. A missing folder is
+ * created with the mode 2770. A user who may read a file can hold new writers off by locking it, so keep strangers out of
+ * the folder. The store refuses to write to a file that belongs neither to root, nor to the caller, nor to the folder's
+ * group. A group that was removed and created anew is noticed within a second.
+ *
+ * Errors. Each function lists the error numbers of the stand-alone platform. Another implementation must report EEXIST,
+ * ENOENT and ENOSPC under the same conditions, because callers act on them. Any call may also fail with an error of the
+ * operating system, such as ENOMEM or EMFILE. The stand-alone platform logs the cause of a failed
+ * status_store_set_group() itself, once a minute for each group, except for ENOENT and EINVAL. The other functions log
+ * nothing.
  *
  * A process that writes groups keeps a descriptor for each of them. If the program closes all its descriptors, the next
  * second's updates are not protected against other writers. A child made by fork() may use the store at once. A child
@@ -53,8 +60,10 @@ typedef struct {
  *
  * Thread: any.
  *
- * Returns: not negative on success; negative with errno set on failure: EEXIST if the group exists already, ENOSPC if
- *   the file system is full
+ * Returns: not negative on success; negative with errno set on failure: EEXIST if the group exists already; ENOSPC if
+ *   the file system is full; EFBIG if @size is above 32768; EINVAL if @name is `NULL`, empty, longer than 200 bytes,
+ *   begins with a dot or has a slash; EACCES if the caller may not create files in the folder; ENOENT if the parent of
+ *   the folder does not exist; ENOTDIR if the folder is not one
  */
 gint status_store_create_group (const gchar *name, guint32 size, gint mode);
 
@@ -64,14 +73,15 @@ gint status_store_create_group (const gchar *name, guint32 size, gint mode);
  * @params: (array zero-terminated=1): the values to write
  * @mode: a mode word of the platform
  *
- * Adds or replaces the given values, all of them or none. The stand-alone platform logs the cause of a failure, once a
- * minute for each group.
+ * Adds or replaces the given values, all of them or none.
  *
  * Thread: any.
  *
- * Returns: not negative on success; negative with errno set on failure: ENOENT if there is no such group, ENOSPC if the
- *   values do not fit, EBUSY if another writer was stopped in the middle of an update, EACCES if the caller may not
- *   write to the group, EBADMSG if the group is damaged, of another release, or belongs to a foreign user
+ * Returns: not negative on success; negative with errno set on failure: ENOENT if there is no such group; ENOSPC if the
+ *   values do not fit; EBUSY if another writer holds the group for 100 ms, for example because it was stopped in the
+ *   middle of an update; EACCES if the caller may not write to the group; EBADMSG if the group is damaged, of another
+ *   release, writable for every user, or belongs to a foreign user; ENOTDIR if the folder is not one; EINVAL if the name
+ *   is not valid, @params is `NULL`, or a parameter has no key, no size or no variable
  */
 gint status_store_set_group (const gchar *name, StatusStoreParam **params, gint mode);
 
@@ -87,7 +97,9 @@ gint status_store_set_group (const gchar *name, StatusStoreParam **params, gint 
  * Thread: any.
  *
  * Returns: the number of values read; negative with errno set on failure: ENOENT if there is no such group or it was
- *   never written, EBADMSG if the group is damaged or of another release
+ *   never written; EACCES if the caller may not read the group; EBADMSG if the group is damaged, of another release, or
+ *   writable for every user; EBUSY if writers replaced the values 10,000 times during the call; ENOTDIR if the folder is
+ *   not one; EINVAL if the name is not valid, @params is `NULL`, or a parameter has no key, no size or no variable
  */
 gint status_store_get_group (const gchar *name, StatusStoreParam **params, gint mode);
 

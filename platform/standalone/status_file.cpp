@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::string_view file_suffix = ".status";
 constexpr std::size_t max_name_length = 200;
-constexpr mode_t directory_mode = 0775;
+constexpr mode_t directory_mode = 02770;  // for its group: strangers must not lock or read the files
 constexpr std::string_view outdated_magic = "PTZSTAT1";
 
 constexpr Identity identity_of(std::uint32_t group_size) {
@@ -59,12 +59,19 @@ bool remove_outdated(const std::string &path) {
   return true;
 }
 
+// Returns 0 if the folder exists now, or -1 with errno set. mkdir() obeys the umask and ignores the setgid bit.
+int make_folder(const char *directory) {
+  if (mkdir(directory, S_IRWXU) != 0) return errno == EEXIST ? 0 : -1;
+  const UniqueFd folder(open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
+  return folder ? fchmod(folder.get(), directory_mode) : -1;
+}
+
 // A complete group without a name. Returns no descriptor with errno set on failure.
 UniqueFd make_unnamed(const char *directory, std::uint32_t group_size) {
   constexpr int flags = O_TMPFILE | O_RDWR | O_CLOEXEC;
   struct stat folder = {};
   UniqueFd fd(open(directory, flags, S_IRUSR | S_IWUSR));
-  if (!fd && errno == ENOENT && (mkdir(directory, directory_mode) == 0 || errno == EEXIST)) {
+  if (!fd && errno == ENOENT && make_folder(directory) == 0) {
     fd.reset(open(directory, flags, S_IRUSR | S_IWUSR));
   }
   if (!fd || stat(directory, &folder) != 0 || !take_access_of(folder, fd.get())) return UniqueFd();

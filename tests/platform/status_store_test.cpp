@@ -438,10 +438,17 @@ TEST_F(StatusStore, FoldersAreStoresOfTheirOwn) {
 
 // --- folders that are not as they should be ---------------------------------------------------------------------
 
-TEST_F(StatusStore, AMissingFolderIsMadeByTheFirstGroup) {
+TEST_F(StatusStore, CreateInAMissingFolderMakesTheFolderForItsGroupOnlyWhateverTheUmask) {
+  const mode_t umask_before = umask(077);
   use_folder(dir.file("new"));
   EXPECT_EQ(number("G", "A"), -ENOENT);
   EXPECT_EQ(create("G"), 0);
+  umask(umask_before);
+  struct stat status = {};
+  ASSERT_EQ(stat(dir.file("new").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 02770U);
+  ASSERT_EQ(stat(dir.file("new/G.status").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777, 0660U);
   EXPECT_EQ(set("G", {item("A", 1)}), 0);
   use_folder(dir.file("more/than/one"));
   EXPECT_EQ(create("G"), -ENOENT);
