@@ -15,7 +15,8 @@
 // can therefore not make a dead owner look alive. A token that is out of range counts as dead.
 //
 // Fork. A child shares the open file description, so it must close its descriptor; otherwise its life would prolong
-// that of the parent's lock. withdraw() does so in the child handler, and the child enrols anew before it writes. A
+// that of the parent's lock. withdraw() does so in the child handler, and the child enrols anew before it writes. The
+// description must not be one that is mapped, because the child inherits the mapping, which would keep it open. A
 // child made by clone() or _Fork() runs no handler; it delays the detection of its dead parent until it ends or calls
 // exec.
 //

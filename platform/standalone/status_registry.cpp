@@ -100,41 +100,45 @@ Group &find_or_add_group(const std::string &directory, std::string_view name) {
 
 // --- slow path, registry_lock held ------------------------------------------------------------------------------
 
-// Gives the mapping a descriptor to lock with, if it has none that works. Returns 0, or the error.
+// Gives the mapping a descriptor to lock with. It is one of its own: a child shares the description of a mapped one by
+// the mapping, also after it has closed the descriptor, and so would prolong the life of the lock. Returns 0, or the
+// error.
 int enrol(Mapping &mapping, const std::string &directory, const std::string &path) {
+  mapping.lock.withdraw();
+  auto file = open_file(directory, path, writing);
+  if (!file.fd) return errno;
+  const auto &mapped = mapping.file.status;
+  if (file.status.st_dev != mapped.st_dev || file.status.st_ino != mapped.st_ino) return ESTALE;
+  return mapping.lock.enrol(std::move(file.fd));
+}
+
+// The same if the descriptor does not work any more.
+int enrol_again(Mapping &mapping, const std::string &directory, const std::string &path) {
   if (!mapping.turn().try_take()) return 0;  // a thread is writing: it is enrolled
-  int error = 0;
-  if (!mapping.lock.is_intact(mapping.file.header->lock)) {
-    mapping.lock.withdraw();
-    auto file = open_file(directory, path, writing);
-    if (!file.fd) {
-      error = errno;
-    } else if (file.status.st_dev != mapping.file.status.st_dev || file.status.st_ino != mapping.file.status.st_ino) {
-      error = ESTALE;
-    } else {
-      error = mapping.lock.enrol(std::move(file.fd));
-    }
-  }
+  const int error = mapping.lock.is_intact(mapping.file.header->lock) ? 0 : enrol(mapping, directory, path);
   mapping.turn().give_back();
   return error;
 }
 
-// Closes the descriptor of a mapping that is no longer the group's, unless a thread is writing. A thread that has found
-// the mapping, and has not locked yet, gets ESTALE from the lock.
-void retire(Mapping &mapping) {
-  if (!mapping.turn().try_take()) return;
-  mapping.lock.withdraw();
-  mapping.turn().give_back();
+// Closes the descriptors of mappings that are no longer the group's, the newest first. If a thread is writing, the next
+// replacement of the file tries again. A thread that has found the mapping, and has not locked yet, gets ESTALE from
+// the lock.
+void retire(Mapping *mapping) {
+  for (; mapping != nullptr; mapping = mapping->older) {
+    if (!mapping->turn().try_take()) continue;
+    mapping->lock.withdraw();
+    mapping->turn().give_back();
+  }
 }
 
 Mapping *open_mapping(const std::string &directory, const std::string &path, Access access) {
-  auto file = open_file(directory, path, access);
+  const auto file = open_file(directory, path, access);
   if (!file.fd) return nullptr;
   const auto mapped = map_file(file, access);
   if (!mapped) return nullptr;
   auto mapping = std::make_unique<Mapping>(*mapped);
   if (access == writing) {
-    if (const int error = mapping->lock.enrol(std::move(file.fd)); error != 0) {
+    if (const int error = enrol(*mapping, directory, path); error != 0) {
       unmap_file(*mapped);
       errno = error;
       return nullptr;
@@ -154,7 +158,7 @@ int look_at(Mapping &mapping, const std::string &directory, const std::string &p
     case Currency::current:
       break;
   }
-  return access == writing ? enrol(mapping, directory, path) : 0;
+  return access == writing ? enrol_again(mapping, directory, path) : 0;
 }
 
 Mapping *look_up(std::string_view name, Access access) {
@@ -181,7 +185,7 @@ Mapping *look_up(std::string_view name, Access access) {
   opened->older = known;
   opened->looked_at_ns.store(now_ns, std::memory_order_relaxed);
   find_or_add_group(directory, name).mappings[access].store(opened, std::memory_order_release);
-  if (known != nullptr) retire(*known);
+  retire(known);
   return opened;
 }
 

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <new>
@@ -153,6 +154,41 @@ TEST_F(StatusStoreFork, AChildKeepsNoDescriptorOfAGroup) {
   EXPECT_GT(in_parent, 0);
   EXPECT_EQ(run_child([] { return group_descriptors(); }), 0);
   EXPECT_EQ(group_descriptors(), in_parent);
+}
+
+// Whether a process holds a lock that a writer of the group would have to respect.
+bool has_lock(const std::string &path) {
+  const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
+  struct flock lock = {};
+  lock.l_type = F_RDLCK;
+  EXPECT_EQ(fcntl(fd, F_OFD_GETLK, &lock), 0);
+  close(fd);
+  return lock.l_type != F_UNLCK;
+}
+
+TEST_F(StatusStoreFork, AChildThatOutlivesItsKilledParentHoldsNoLock) {
+  create("H");
+  int pipe_ends[2];
+  ASSERT_EQ(pipe2(pipe_ends, O_CLOEXEC), 0);
+  const pid_t parent = start_child([&] {
+    if (set("H", {item("A", 1)}) != 0) return 1;
+    const pid_t child = start_child([] {
+      for (;;) pause();
+      return 0;
+    });
+    if (write(pipe_ends[1], &child, sizeof child) != sizeof child) return 1;
+    for (;;) pause();
+    return 0;
+  });
+  pid_t child = -1;
+  ASSERT_EQ(read(pipe_ends[0], &child, sizeof child), static_cast<ssize_t>(sizeof child));
+  EXPECT_TRUE(has_lock(path("H")));
+  kill(parent, SIGKILL);
+  EXPECT_EQ(wait_for_child(parent), -SIGKILL);
+  EXPECT_FALSE(has_lock(path("H")));
+  kill(child, SIGKILL);
+  close(pipe_ends[0]);
+  close(pipe_ends[1]);
 }
 
 // A daemon closes all descriptors, and the number of the lock's descriptor then belongs to another file.
