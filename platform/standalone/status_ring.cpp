@@ -1,6 +1,9 @@
 #include "status_ring.h"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
+#include <functional>
 
 namespace ptz::platform {
 
@@ -57,45 +60,81 @@ int Ring::take_layout(const SlotHeader &header, Word checksum, Layout &layout) {
   return 0;
 }
 
+// What was copied from a slot besides the values and the directory, which are in the state.
+struct Ring::Copy {
+  SlotHeader header = {};
+  bool is_possible = false, is_new_layout = false;
+  Word value_checksum = 0, directory_checksum = 0;
+};
+
+inline void Ring::copy_slot(Word sequence, State &state, Copy &copy) const {
+  const Word *values = slot(sequence) + header_words;
+  copy.header = load_header(*reinterpret_cast<const SlotHeader *>(slot(sequence)));
+  copy.is_possible = fits(copy.header);
+  copy.is_new_layout = copy.header.layout != state.layout.number;
+  state.sequence.reset();
+  if (!copy.is_possible) return;
+  const auto value_words = words_for(copy.header.value_bytes);
+  copy.value_checksum = copy_words(value_words, [&](std::uint32_t i) { return state.words[i] = load(values[i]); });
+  if (!copy.is_new_layout) return;
+  auto &directory = state.layout.directory;
+  const Word *words = values + value_words;
+  state.layout.number = no_layout;
+  directory.resize(words_for(copy.header.directory_bytes));
+  copy.directory_checksum = copy_words(static_cast<std::uint32_t>(directory.size()),
+                                       [&](std::uint32_t i) { return directory[i] = load(words[i]); });
+}
+
+// Returns 0 if the copy is a complete state, or EBADMSG.
+inline int Ring::accept(Word sequence, State &state, const Copy &copy) {
+  const auto &header = copy.header;
+  if (!copy.is_possible || header.sequence != sequence || header.checksum != checksum_of(header, copy.value_checksum)) {
+    return EBADMSG;
+  }
+  if (copy.is_new_layout) {
+    if (const int error = take_layout(header, copy.directory_checksum, state.layout); error != 0) return error;
+  } else if (header.value_bytes != state.layout.value_bytes) {
+    return EBADMSG;
+  }
+  state.sequence = sequence;
+  return 0;
+}
+
 int Ring::read(State &state) const {
   for (int attempt = 0; attempt < max_read_attempts; ++attempt) {
     const Word sequence = load(*published_);
     if (state.sequence == sequence) return 0;
-    const Word *values = slot(sequence) + header_words;
-    const SlotHeader header = load_header(*reinterpret_cast<const SlotHeader *>(slot(sequence)));
-    const bool is_possible = fits(header);
-    const bool is_new_layout = header.layout != state.layout.number;
-    Word value_checksum = 0, directory_checksum = 0;
-    state.sequence.reset();
-    if (is_possible) {
-      const auto value_words = words_for(header.value_bytes);
-      value_checksum = copy_words(value_words, [&](std::uint32_t i) { return state.words[i] = load(values[i]); });
-      if (is_new_layout) {
-        auto &directory = state.layout.directory;
-        const Word *words = values + value_words;
-        state.layout.number = no_layout;
-        directory.resize(words_for(header.directory_bytes));
-        directory_checksum = copy_words(static_cast<std::uint32_t>(directory.size()),
-                                        [&](std::uint32_t i) { return directory[i] = load(words[i]); });
-      }
-    }
+    Copy copy;
+    copy_slot(sequence, state, copy);
     // The slot of this state is written to again once seven more are published, not before.
     if (load(*published_) - sequence >= slot_count - 1) continue;
-    if (!is_possible || header.sequence != sequence || header.checksum != checksum_of(header, value_checksum)) {
-      return EBADMSG;
-    }
-    if (is_new_layout) {
-      if (const int error = take_layout(header, directory_checksum, state.layout); error != 0) return error;
-    }
-    state.sequence = sequence;
-    return 0;
+    return accept(sequence, state, copy);
   }
   return EBUSY;
 }
 
-void Ring::publish(State &state) const {
+int Ring::read_for_update(State &state) const {
+  const int error = read(state);
+  if (error == 0) state.next = *state.sequence + 1;
+  if (error != EBADMSG) return error;
+  std::array<Word, slot_count> sequences;
+  for (Word i = 0; i < slot_count; ++i) sequences[i] = load(reinterpret_cast<const SlotHeader *>(slot(i))->sequence);
+  std::sort(sequences.begin(), sequences.end(), std::greater<>());
+  for (const Word sequence : sequences) {
+    Copy copy;
+    state.layout.number = no_layout;
+    copy_slot(sequence, state, copy);
+    if (accept(sequence, state, copy) != 0) continue;
+    state.layout.number = no_layout;  // the directory may be spoilt in other slots of this layout
+    state.next = sequence + slot_count + 1;
+    return 0;
+  }
+  return EBADMSG;
+}
+
+void Ring::fill(const State &state) const {
   const Word sequence = state.next;
-  auto &layout = state.layout;
+  const auto &layout = state.layout;
   const Word number = layout.number == no_layout ? sequence : layout.number;
   const auto value_words = words_for(layout.value_bytes);
   Word *values = slot(sequence) + header_words;
@@ -122,9 +161,12 @@ void Ring::publish(State &state) const {
     return state.words[i];
   });
   store(shared->checksum, checksum_of(header, value_checksum));
-  store(*published_, sequence);
-  layout.number = number;
-  state.sequence = sequence;
+}
+
+void Ring::publish(State &state) const {
+  store(*published_, state.next);
+  if (state.layout.number == no_layout) state.layout.number = state.next;
+  state.sequence = state.next;
 }
 
 }  // namespace ptz::platform

@@ -15,6 +15,10 @@
 // word of a later state therefore sees that the sequence has moved on. ThreadSanitizer does not understand stand-alone
 // fences, so there are none.
 //
+// Damage. A writer that lost the lock in the middle of publish() may spoil a slot, or move `published` back. The next
+// writer goes on from the newest slot that is whole. It leaves out as many sequences as there are slots, because readers
+// may have seen the states that were lost.
+//
 // Trust. The reader believes nothing in the memory: lengths are checked against the group's size before they are used,
 // and a state counts only if its sequence and its checksums match.
 #pragma once
@@ -65,6 +69,9 @@ class Ring {
   static constexpr std::uint32_t slot_words(std::uint32_t group_size) { return header_words + state_words(group_size); }
   [[nodiscard]] Word *slot(Word sequence) const { return slots_ + sequence % slot_count * slot_words(group_size_); }
   [[nodiscard]] bool fits(const SlotHeader &header) const;
+  struct Copy;
+  void copy_slot(Word sequence, State &state, Copy &copy) const;
+  [[nodiscard]] static int accept(Word sequence, State &state, const Copy &copy);
   static int take_layout(const SlotHeader &header, Word checksum, Layout &layout);
 
  public:
@@ -84,8 +91,14 @@ class Ring {
   // if the writers were faster 10,000 times.
   [[nodiscard]] int read(State &state) const;
 
-  // The group's lock is held, and state.next is the sequence of the current state plus one. A layout without a number
-  // gets the sequence as its number.
+  // The group's lock is held. Copies the current state, or the newest whole one if that is damaged, and sets state.next to
+  // the sequence that follows. Returns 0; EBADMSG if no state is whole; EBUSY.
+  [[nodiscard]] int read_for_update(State &state) const;
+
+  // The group's lock is held. Fills the slot of the sequence state.next. A layout without a number gets the sequence as
+  // its number.
+  void fill(const State &state) const;
+  // After fill(), if the lock is still held.
   void publish(State &state) const;
 };
 

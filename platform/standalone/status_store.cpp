@@ -36,13 +36,11 @@ int write_group(Mapping &mapping, StatusStoreParam **params, Patience &patience)
   if (const int error = mapping.lock.lock(shared, patience); error != 0) return error;
   auto &state = mapping.turn().state(mapping.file.ring.group_size());
   int error = prepare_values(mapping.file.ring, state, params);
-  if (error == 0) {
-    if (mapping.lock.is_held(shared)) {
-      mapping.file.ring.publish(state);
-    } else {
-      error = EBUSY;  // the program closed the lock's descriptor, and another writer took over
-    }
-  }
+  // If the program closes the lock's descriptor, another writer may take over at any moment.
+  if (error == 0 && !mapping.lock.is_held(shared)) error = EBUSY;
+  if (error == 0) mapping.file.ring.fill(state);
+  if (error == 0 && !mapping.lock.is_held(shared)) error = EBUSY;
+  if (error == 0) mapping.file.ring.publish(state);
   mapping.lock.unlock(shared);
   return error;
 }

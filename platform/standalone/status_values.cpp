@@ -141,8 +141,7 @@ int read_values(State &state, StatusStoreParam *const *params) {
 }
 
 int prepare_values(const Ring &ring, State &state, StatusStoreParam *const *params) {
-  if (const int error = ring.read(state); error != 0) return error;
-  state.next = *state.sequence + 1;
+  if (const int error = ring.read_for_update(state); error != 0) return error;
   state.sequence.reset();  // if this fails half-way, the next call reads the state again
   const int error = write_in_place(state, params);
   if (error != EAGAIN) return error;
@@ -150,7 +149,7 @@ int prepare_values(const Ring &ring, State &state, StatusStoreParam *const *para
     if (!is_param(**given)) return EINVAL;
   }
   // Undoes what was written in place.
-  if (const int again = ring.read(state); again != 0) return again;
+  if (const int again = ring.read_for_update(state); again != 0) return again;
   return change_layout(ring.group_size(), state, params);
 }
 

@@ -32,6 +32,7 @@ struct StatusRing : testing::Test {
   void publish(char byte) {
     std::memset(writer.bytes(), byte, writer.layout.value_bytes);
     writer.next = *writer.sequence + 1;
+    ring.fill(writer);
     ring.publish(writer);
   }
   [[nodiscard]] static std::string values_of(const State &state) { return {state.bytes(), state.layout.value_bytes}; }
@@ -132,6 +133,7 @@ TEST_F(StatusRing, ReadOfAMalformedDirectoryFailsWithEbadmsgAndLeavesNoFields) {
   lay_out({{"X", 1, 0, 60'000}, {"A", 1, 0, 8}});
   writer.layout.value_bytes = 8;
   writer.next = 1;
+  ring.fill(writer);
   ring.publish(writer);
   EXPECT_EQ(ring.read(reader), EBADMSG);
   EXPECT_TRUE(reader.layout.all().empty());
@@ -156,6 +158,33 @@ TEST_F(StatusRing, ReadOfAStateWithoutALayoutFailsWithEbadmsg) {
   shared->checksum = checksum;
   published = 1;
   EXPECT_EQ(ring.read(reader), EBADMSG);
+}
+
+TEST_F(StatusRing, ReadForUpdateOfADamagedStateReturnsTheNewestWholeState) {
+  lay_out(two_fields);
+  for (char byte = 'a'; byte <= 'm'; ++byte) publish(byte);  // the sequence of 'm' is 13
+  EXPECT_EQ(ring.read(reader), 0);
+  const std::size_t slot_words = slots.size() / slot_count;
+  slots[13 % slot_count * slot_words + sizeof(SlotHeader) / sizeof(Word)] ^= 1;
+  for (const Word sequence : {Word{13}, Word{5}, Word{100}}) {
+    published = sequence;
+    State late(group_size);
+    EXPECT_EQ(ring.read(late), EBADMSG);
+    ASSERT_EQ(ring.read_for_update(late), 0);
+    EXPECT_EQ(values_of(late), std::string(9, 'l'));
+    EXPECT_GT(late.next, Word{13}) << "a reader may have seen it";
+    if (sequence != 100) continue;
+    ring.fill(late);
+    ring.publish(late);
+  }
+  EXPECT_EQ(ring.read(reader), 0);
+  EXPECT_EQ(values_of(reader), std::string(9, 'l'));
+}
+
+TEST_F(StatusRing, ReadForUpdateWithoutAWholeStateFailsWithEbadmsg) {
+  slots.assign(slots.size(), 0xDEADBEEFDEADBEEF);
+  EXPECT_EQ(ring.read_for_update(writer), 0) << "it has the current state";
+  EXPECT_EQ(ring.read_for_update(reader), EBADMSG);
 }
 
 TEST_F(StatusRing, ReadersBesideAFastWriterGetWholeStates) {
