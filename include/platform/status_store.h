@@ -21,8 +21,8 @@
  * nothing.
  *
  * A process that writes groups keeps a descriptor for each of them. If the program closes all its descriptors, the next
- * second's updates are not protected against other writers: they may get lost or damage the values until the next update. A child made by fork() may use the store at once. A child
- * made by clone() or _Fork() must call exec.
+ * second's updates are not protected against other writers: they may get lost, or damage the values until the next
+ * update. A child made by fork() may use the store at once. A child made by clone() or _Fork() must call exec.
  */
 #pragma once
 
@@ -80,9 +80,9 @@ gint status_store_create_group (const gchar *name, guint32 size, gint mode);
  *
  * Returns: not negative on success; negative with errno set on failure: ENOENT if there is no such group; ENOSPC if the
  *   values do not fit; EBUSY if another writer holds the group for 100 ms, for example because it was stopped in the
- *   middle of an update; EACCES if the caller may not write to the group; EBADMSG if the group has no whole
- *   values, is of another release, writable for every user, or belongs to a foreign user; ENOTDIR if the folder is not one; EINVAL if the name
- *   is not valid, @params is `NULL`, or a parameter has no key, no size or no variable
+ *   middle of an update; EACCES if the caller may not write to the group; EBADMSG if the group has no whole values, is
+ *   of another release, writable for every user, or belongs to a foreign user; ENOTDIR if the folder is not one; EINVAL
+ *   if the name is not valid, @params is `NULL`, or a parameter has no key, no size or no variable
  */
 gint status_store_set_group (const gchar *name, StatusStoreParam **params, gint mode);
 
