@@ -116,9 +116,9 @@ int create_file(const std::string &directory, const std::string &path, std::uint
   return linkat(AT_FDCWD, unnamed.c_str(), AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW);
 }
 
-OpenFile open_file(const std::string &directory, const std::string &path, Access access) {
+OpenGroupFile open_file(const std::string &directory, const std::string &path, Access access) {
   const int flags = access == writing ? O_RDWR : O_RDONLY;
-  OpenFile file = {UniqueFd(open(path.c_str(), flags | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY))};
+  OpenGroupFile file = {UniqueFd(open(path.c_str(), flags | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY))};
   if (!file.fd) {
     if (errno == ELOOP || errno == EISDIR || errno == ENXIO) errno = EBADMSG;  // not a regular file
     return file;
@@ -132,7 +132,7 @@ OpenFile open_file(const std::string &directory, const std::string &path, Access
   return file;
 }
 
-std::optional<MappedFile> map_file(const OpenFile &file, Access access) {
+std::optional<MappedFile> map_file(const OpenGroupFile &file, Access access) {
   Identity identity;
   const ssize_t count = pread(file.fd.get(), &identity, sizeof identity, 0);
   if (count < 0) return std::nullopt;

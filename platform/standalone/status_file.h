@@ -57,17 +57,17 @@ struct MappedFile {
 [[nodiscard]] int create_file(const std::string &directory, const std::string &path, std::uint32_t group_size);
 
 // An open file, and what fstat() said about it.
-struct OpenFile {
+struct OpenGroupFile {
   UniqueFd fd = UniqueFd();
   struct stat status = {};
 };
 
 // Returns no descriptor with errno set on failure; EBADMSG if the file is no regular file, or if its owner or its mode
 // is not acceptable.
-[[nodiscard]] OpenFile open_file(const std::string &directory, const std::string &path, Access access);
+[[nodiscard]] OpenGroupFile open_file(const std::string &directory, const std::string &path, Access access);
 
 // Takes nothing in the file for granted. Returns nothing with errno set on failure; EBADMSG if it is no group's file.
-[[nodiscard]] std::optional<MappedFile> map_file(const OpenFile &file, Access access);
+[[nodiscard]] std::optional<MappedFile> map_file(const OpenGroupFile &file, Access access);
 
 void unmap_file(const MappedFile &file);
 

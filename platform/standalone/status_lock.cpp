@@ -19,11 +19,6 @@ constexpr long max_sleep_ns = 400'000, step_aside_ns = 500'000;
 constexpr Word max_token = (Word{1} << 62) - 1;
 constexpr int max_token_attempts = 16;
 
-std::int64_t monotonic_ns() {
-  const timespec now = clock_now();
-  return now.tv_sec * std::int64_t{1'000'000'000} + now.tv_nsec;
-}
-
 void relax() {
 #if defined(__x86_64__) || defined(__i386__)
   __builtin_ia32_pause();
@@ -34,7 +29,7 @@ void relax() {
 Word random_token() {
   Word token = 0;
   if (getrandom(&token, sizeof token, GRND_NONBLOCK) != static_cast<ssize_t>(sizeof token)) {
-    token = static_cast<Word>(monotonic_ns()) * 0x9E3779B97F4A7C15 ^ reinterpret_cast<std::uintptr_t>(&token);
+    token = static_cast<Word>(clock_now_ns()) * 0x9E3779B97F4A7C15 ^ reinterpret_cast<std::uintptr_t>(&token);
   }
   return std::max(token & max_token, Word{1});
 }
@@ -60,8 +55,8 @@ bool replace(Word &owner, Word &expected, Word token) {
 
 }  // namespace
 
-bool Patience::sleep(long duration_ns) {
-  const auto now_ns = monotonic_ns();
+bool WriterPatience::sleep(long duration_ns) {
+  const auto now_ns = clock_now_ns();
   if (is_spinning()) deadline_ns_ = now_ns + patience_ns;
   if (now_ns >= deadline_ns_) return false;
   const timespec pause = {0, static_cast<long>(std::min<std::int64_t>(duration_ns, deadline_ns_ - now_ns))};
@@ -69,7 +64,7 @@ bool Patience::sleep(long duration_ns) {
   return true;
 }
 
-bool Patience::wait() {
+bool WriterPatience::wait() {
   if (spins_ < max_spins) {
     ++spins_;
     relax();
@@ -80,7 +75,7 @@ bool Patience::wait() {
   return has_slept;
 }
 
-void Patience::step_aside() {
+void WriterPatience::step_aside() {
   spins_ = max_spins;
   sleep(step_aside_ns);
 }
@@ -125,7 +120,7 @@ bool WriterLock::is_dead(Word token) const {
   return fcntl(fd_.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type == F_UNLCK;
 }
 
-int WriterLock::lock(SharedLock &shared, Patience &patience) const {
+int WriterLock::lock(SharedLock &shared, WriterPatience &patience) const {
   if (!is_enrolled()) return ESTALE;
   const auto try_take = [&] {
     Word seen = 0;

@@ -44,7 +44,7 @@ struct SharedLock {
 };
 
 // A wait of at most 100 ms: spins for a moment, then sleeps.
-class Patience {
+class WriterPatience {
   int spins_ = 0;
   std::int64_t deadline_ns_ = 0;
   long sleep_ns_ = 50'000;
@@ -98,7 +98,7 @@ class WriterLock {
   [[nodiscard]] bool is_intact(const SharedLock &shared) const;
 
   // Returns 0; ESTALE if not enrolled; EBUSY if a live writer holds the lock until the time is over.
-  [[nodiscard]] int lock(SharedLock &shared, Patience &patience) const;
+  [[nodiscard]] int lock(SharedLock &shared, WriterPatience &patience) const;
   [[nodiscard]] bool is_held(const SharedLock &shared) const { return load(shared.owner) == token_; }
   void unlock(SharedLock &shared) const;
 };

@@ -32,11 +32,6 @@ DirectorySetting directory_setting("PTZ_PLATFORM_RUNTIME_DIR", "/run/ptz");
 std::atomic<Group *> groups[64];
 bool has_fork_handlers = false;
 
-std::int64_t look_time_ns() {
-  const timespec now = clock_now(look_clock);
-  return now.tv_sec * std::int64_t{1'000'000'000} + now.tv_nsec;
-}
-
 // --- fork -------------------------------------------------------------------------------------------------------
 
 template <typename Function>
@@ -167,7 +162,7 @@ Mapping *look_up(std::string_view name, Access access) {
     if (errno != 0) return nullptr;
     has_fork_handlers = true;
   }
-  const auto now_ns = look_time_ns();
+  const auto now_ns = clock_now_ns(look_clock);
   const auto &directory = directory_setting.read(now_ns);
   const auto path = path_of_group(directory, name);
   auto *group = find_group(directory, name);
@@ -191,13 +186,13 @@ Mapping *look_up(std::string_view name, Access access) {
 
 }  // namespace
 
-bool Mapping::take_turn(Patience &patience) {
+bool Mapping::take_turn(WriterPatience &patience) {
   return patience.take(turn_wanted, [this] { return turn().try_take(); });
 }
 
 Mapping *mapping_of(const char *name_text, Access access) {
   const std::string_view name(name_text);
-  const auto now_ns = look_time_ns();
+  const auto now_ns = clock_now_ns(look_clock);
   if (const auto *directory = directory_setting.recent(now_ns)) {
     const auto *group = find_group(*directory, name);
     auto *mapping = group != nullptr ? group->mappings[access].load(std::memory_order_acquire) : nullptr;
@@ -215,12 +210,12 @@ Mapping *mapping_of(const char *name_text, Access access) {
 
 const std::string &runtime_directory() {
   const MutexLock lock(&registry_lock);
-  return directory_setting.read(look_time_ns());
+  return directory_setting.read(clock_now_ns(look_clock));
 }
 
 std::optional<std::string> report_is_due(const char *name) {
   const MutexLock lock(&registry_lock);
-  const auto now_ns = look_time_ns();
+  const auto now_ns = clock_now_ns(look_clock);
   const auto &directory = directory_setting.read(now_ns);
   auto &group = find_or_add_group(directory, name);
   if (now_ns - group.reported_at_ns < report_interval_ns) return std::nullopt;

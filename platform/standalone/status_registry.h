@@ -74,7 +74,7 @@ struct Mapping {
     return nullptr;
   }
   // Returns false if another thread writes until the time is over.
-  [[nodiscard]] bool take_turn(Patience &patience);
+  [[nodiscard]] bool take_turn(WriterPatience &patience);
   [[nodiscard]] Workspace &turn() { return workspaces[0]; }
 };
 

@@ -16,8 +16,8 @@
 // fences, so there are none.
 //
 // Damage. A writer that lost the lock in the middle of publish() may spoil a slot, or move `published` back. The next
-// writer goes on from the newest slot that is whole. It leaves out as many sequences as there are slots, because readers
-// may have seen the states that were lost.
+// writer goes on from the newest slot that is whole. It leaves out as many sequences as there are slots, because
+// readers may have seen the states that were lost.
 //
 // Trust. The reader believes nothing in the memory: lengths are checked against the group's size before they are used,
 // and a state counts only if its sequence and its checksums match.
@@ -91,8 +91,8 @@ class Ring {
   // if the writers were faster 10,000 times.
   [[nodiscard]] int read(State &state) const;
 
-  // The group's lock is held. Copies the current state, or the newest whole one if that is damaged, and sets state.next to
-  // the sequence that follows. Returns 0; EBADMSG if no state is whole; EBUSY.
+  // The group's lock is held. Copies the current state, or the newest whole one if that is damaged, and sets state.next
+  // to the sequence that follows. Returns 0; EBADMSG if no state is whole; EBUSY.
   [[nodiscard]] int read_for_update(State &state) const;
 
   // The group's lock is held. Fills the slot of the sequence state.next. A layout without a number gets the sequence as

@@ -31,7 +31,7 @@ void report(const char *name, int error) {
 }
 
 // The turn of the writers is held. Returns 0, or the error.
-int write_group(Mapping &mapping, StatusStoreParam **params, Patience &patience) {
+int write_group(Mapping &mapping, StatusStoreParam **params, WriterPatience &patience) {
   auto &shared = mapping.file.header->lock;
   if (const int error = mapping.lock.lock(shared, patience); error != 0) return error;
   auto &state = mapping.turn().state(mapping.file.ring.group_size());
@@ -47,7 +47,7 @@ int write_group(Mapping &mapping, StatusStoreParam **params, Patience &patience)
 
 int set_group(const char *name, StatusStoreParam **params) {
   constexpr int max_attempts = 3;  // the group is replaced while this thread finds it
-  Patience patience;
+  WriterPatience patience;
   int error = ESTALE;
   for (int attempt = 0; attempt < max_attempts && error == ESTALE; ++attempt) {
     auto *mapping = mapping_of(name, writing);

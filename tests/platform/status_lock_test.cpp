@@ -34,7 +34,7 @@ struct StatusLock : testing::Test {
     EXPECT_EQ(two.enrol(open_file()), 0);
   }
   [[nodiscard]] int lock_with(const WriterLock &lock) const {
-    Patience patience;
+    WriterPatience patience;
     return lock.lock(*shared, patience);
   }
   [[nodiscard]] UniqueFd open_file(int flags = 0) const {

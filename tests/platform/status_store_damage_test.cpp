@@ -35,7 +35,7 @@ struct StatusStoreDamage : StoreTest {
   }
 };
 
-TEST_F(StatusStoreDamage, ACopyIsAGroupOfItsOwn) {
+TEST_F(StatusStoreDamage, SetOfACopyLeavesTheOriginal) {
   write_content(path("C"), whole);
   EXPECT_EQ(set("C", {item("A", 5)}), 0);
   EXPECT_EQ(number("C", "A"), 5);
@@ -43,7 +43,7 @@ TEST_F(StatusStoreDamage, ACopyIsAGroupOfItsOwn) {
   EXPECT_EQ(number("G", "A"), 3);
 }
 
-TEST_F(StatusStoreDamage, FilesOfAnotherSizeAreRefused) {
+TEST_F(StatusStoreDamage, GetAndSetOfAFileOfAnotherSizeFailWithEbadmsg) {
   expect_refused("");
   expect_refused(whole.substr(0, 1));
   expect_refused(whole.substr(0, whole.size() / 2));
@@ -52,7 +52,7 @@ TEST_F(StatusStoreDamage, FilesOfAnotherSizeAreRefused) {
   expect_refused(whole + std::string(1'000'000, '\0'));
 }
 
-TEST_F(StatusStoreDamage, ForeignFilesAreRefused) {
+TEST_F(StatusStoreDamage, GetAndSetOfAForeignFileFailWithEbadmsg) {
   expect_refused("[Group]\nKey=Value\n");
   expect_refused(std::string(whole.size(), '\0'));
   expect_refused(std::string(whole.size(), 'x'));
@@ -60,7 +60,7 @@ TEST_F(StatusStoreDamage, ForeignFilesAreRefused) {
   expect_refused(content_of(path("Larger")).substr(0, whole.size()));
 }
 
-TEST_F(StatusStoreDamage, WhatIsNoFileIsRefused) {
+TEST_F(StatusStoreDamage, GetAndSetOfWhatIsNoRegularFileFailWithEbadmsg) {
   Items items = {item("A", -1)};
   ASSERT_EQ(mkdir(path("folder").c_str(), 0700), 0);
   ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
@@ -73,8 +73,8 @@ TEST_F(StatusStoreDamage, WhatIsNoFileIsRefused) {
   }
 }
 
-// What a bit that fell over leads to: an error, or what was set, but nothing else; and no crash of a writer.
-TEST_F(StatusStoreDamage, NoFallenBitIsBelieved) {
+// A flipped bit leads to an error or to the values that were set, but to no others, and no writer crashes.
+TEST_F(StatusStoreDamage, GetOfAFlippedBitFailsOrReturnsTheWholeStateAndSetHealsIt) {
   constexpr std::size_t identity_bytes = 24;
   int refused = 0;
   for (std::size_t i = 0; i < whole.size(); ++i) {
@@ -98,7 +98,7 @@ TEST_F(StatusStoreDamage, NoFallenBitIsBelieved) {
   EXPECT_GT(refused, 24 + 8 + 6 * 8 + 8 + 20) << "the identity, the sequence, the slot's header, its values, its keys";
 }
 
-TEST_F(StatusStoreDamage, AGroupThatWasShortenedIsRefusedFromTheNextLookOn) {
+TEST_F(StatusStoreDamage, GetAndSetOfAShortenedFileFailWithEbadmsgFromTheNextLookOn) {
   EXPECT_EQ(number("G", "A"), 3);
   ASSERT_EQ(truncate(path("G").c_str(), 100), 0);
   advance_clock(1000);

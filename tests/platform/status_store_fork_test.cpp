@@ -78,7 +78,7 @@ struct StatusStoreFork : StoreTest {
   }
 };
 
-TEST_F(StatusStoreFork, FetchInAChildOfAFetchingProcessAllocatesOnceAtMost) {
+TEST_F(StatusStoreFork, FetchInAChildOfAFetchingProcessAllocatesNothingAfterTheFirstFetch) {
   start_fetching_threads(2);
   int children_that_allocate = 0;
   for (int i = 0; i < 300; ++i) {

@@ -135,7 +135,7 @@ TEST_F(StatusStoreProcesses, AStoppedWriterDelaysNoReaderAndFailsOtherWritersSoo
   EXPECT_EQ(set("G", {item("A", 3)}), 0);
 }
 
-TEST_F(StatusStoreProcesses, AWriterThatDiesInsideAnUpdateChangesNothingAndHoldsNobodyUp) {
+TEST_F(StatusStoreProcesses, AWriterThatDiesInsideAnUpdateChangesNothingAndDelaysNoOtherWriter) {
   create("G");
   ASSERT_EQ(set("G", {item("A", 1), item("B", 1)}), 0);
   for (int i = 0; i < 10; ++i) {
@@ -313,7 +313,7 @@ void read_until_over(Readings &readings) {
   readings.waits += after.ru_nvcsw - before.ru_nvcsw;
 }
 
-TEST_F(StatusStoreProcesses, KilledWritersTearNothingAndHoldNobodyUp) {
+TEST_F(StatusStoreProcesses, KilledWritersTearNothingAndDelayNoOtherWriter) {
   const char *wanted = getenv("PTZ_TEST_KILLS");
   const int kills = wanted != nullptr ? std::atoi(wanted) : 100;
   create("G", 2048);
