@@ -9,15 +9,20 @@
 //   access control list: the old file's is kept, and that of the folder's default is removed.
 // - A symbolic link is followed if it belongs to root, to the caller, or to the owner of the file that it leads to. A
 //   member of the folder's group could otherwise lead a daemon of root to any file of the system.
-// - After a failure the old file is unchanged and the temporary file is removed.
+// - After a failure the old file is unchanged and the temporary file is removed. One that a killed process left is
+// removed
+//   by the next write of the file, when it is ten minutes old: then no process still writes it.
+// - The folders of the path are not checked: a user who may rename a folder of the path decides which file is written.
 #include "platform/file_util.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 #include <climits>
 #include <cstdio>
+#include <ctime>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -31,6 +36,7 @@ constexpr mode_t mode_of_new_files = 0644;  // less the umask
 constexpr mode_t owner_only = 0600;
 constexpr mode_t permissions = 0777;
 constexpr char acl_name[] = "system.posix_acl_access";
+constexpr time_t oldest_temporary_s = 600;
 constexpr int most_links = 40;  // as the kernel allows
 constexpr int most_attempts = 100;
 constexpr std::size_t longest_part_of_name = 200;  // leaves room in NAME_MAX for what is put around it
@@ -129,13 +135,15 @@ bool find_place(const char *path, Place &place) {
   return fail_with(ELOOP);
 }
 
+// What the names of a file's temporary files begin with; eight hexadecimal digits follow.
+std::string temporary_prefix(const Place &place) { return "." + place.name.substr(0, longest_part_of_name) + "."; }
+
 bool create(TemporaryFile &file) {
-  const auto part = file.place.name.substr(0, longest_part_of_name);
   const mode_t mode = file.place.old ? owner_only : mode_of_new_files;
   for (int attempt = 0; attempt < most_attempts; ++attempt) {
     char number[16];
     std::snprintf(number, sizeof number, "%08x", g_random_int());
-    const auto name = "." + part + "." + number;
+    const auto name = temporary_prefix(file.place) + number;
     constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
     file.fd.reset(openat(file.place.folder.get(), name.c_str(), flags, mode));
     if (file.fd) {
@@ -198,6 +206,28 @@ bool write_all(int fd, std::string_view data) {
 
 bool close_all(ptz::UniqueFd &fd) { return close(fd.release()) == 0 || errno == EINTR; }
 
+bool is_temporary_of(const std::string &prefix, std::string_view name) {
+  constexpr std::string_view digits = "0123456789abcdef";
+  return name.size() == prefix.size() + 8 && name.starts_with(prefix) &&
+         name.find_first_not_of(digits, prefix.size()) == name.npos;
+}
+
+// Removes what killed processes left. The content may be secret.
+void sweep(const Place &place, int folder) {
+  const time_t now = time(nullptr);
+  const auto prefix = temporary_prefix(place);
+  ptz::UniqueFd fd(openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const ptz::Handle<DIR, closedir> entries(fd ? fdopendir(fd.get()) : nullptr);
+  if (entries == nullptr) return;
+  static_cast<void>(fd.release());  // closedir() closes it
+  while (const dirent *entry = readdir(entries.get())) {
+    struct stat status = {};
+    if (!is_temporary_of(prefix, entry->d_name)) continue;
+    if (fstatat(folder, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(status.st_mode)) continue;
+    if (now - status.st_mtime > oldest_temporary_s) unlinkat(folder, entry->d_name, 0);
+  }
+}
+
 // The file has its name already, so a failure is only logged. Not every file system can flush a folder (EINVAL), and
 // not every folder that may be written may be read.
 void flush_folder(const char *path, const Place &place) {
@@ -217,6 +247,7 @@ bool replace(const char *path, std::string_view data) {
   const int folder = place.folder.get();
   if (renameat(folder, file.name.c_str(), folder, place.name.c_str()) != 0) return false;
   file.name.clear();
+  sweep(place, folder);
   flush_folder(path, place);
   return true;
 }

@@ -1,5 +1,6 @@
 #include "platform/file_util.h"
 
+#include <fcntl.h>
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -11,6 +12,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <ctime>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -72,6 +74,24 @@ TEST_F(FileUtil, TheFileIsFlushedBeforeItTakesItsPlace) {
   EXPECT_TRUE(g_error_matches(error.get(), G_FILE_ERROR, G_FILE_ERROR_IO));
   EXPECT_EQ(read_file(path), "old");
   EXPECT_EQ(entries(), 1);
+}
+
+// A file as a killed process leaves it.
+void leave(const std::string &path, time_t age_s) {
+  write_file(path, "password");
+  const timespec then = {time(nullptr) - age_s, 0}, times[] = {then, then};
+  ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+}
+
+TEST_F(FileUtil, WriteRemovesOldTemporaryFilesOfTheSameFileOnly) {
+  const std::string left = dir.file(".file.0123abcd"), fresh = dir.file(".file.0123abce"),
+                    other = dir.file(".else.0123abcd"), longer = dir.file(".file.0123abcde"),
+                    no_digits = dir.file(".file.saved-01");
+  for (const auto &name : {left, other, longer, no_digits}) leave(name, 3600);
+  leave(fresh, 60);
+  EXPECT_TRUE(write("new"));
+  EXPECT_FALSE(fs::exists(left));
+  for (const auto &name : {fresh, other, longer, no_digits}) EXPECT_TRUE(fs::exists(name)) << name;
 }
 
 TEST_F(FileUtil, ANewFileIsFlushedToo) {
