@@ -22,7 +22,8 @@
  *
  * A process that writes groups keeps a descriptor for each of them. If the program closes all its descriptors, the next
  * second's updates are not protected against other writers: they may get lost, or damage the values until the next
- * update. A child made by fork() may use the store at once. A child made by clone() or _Fork() must call exec.
+ * update. A child made by fork() may use the store at once. A child made by clone() or _Fork() must call exec. A fork
+ * handler of the program must not wait for a thread that calls the store.
  */
 #pragma once
 
