@@ -63,7 +63,8 @@ void after_fork_in_child() {
   });
   for_each_mapping(writing, [](Mapping &mapping) {
     mapping.turn().after_fork_in_child();
-    mapping.lock.withdraw();
+    // A former mapping still has its descriptor if a thread was writing when it was retired.
+    for (auto *former = &mapping; former != nullptr; former = former->older) former->lock.withdraw();
     mapping.looked_at_ns.store(Mapping::never, std::memory_order_relaxed);
   });
   g_mutex_unlock(&registry_lock);
