@@ -115,7 +115,7 @@ StoreResult load(const std::string &file, Database &loaded, std::string &reason)
     reason = sqlite3_errstr(code);
     return result_of(code);
   }
-  return upgrade(raw, version, upgrade_steps(), schema_version, reason);
+  return upgrade(raw, version, schema.steps, schema.version, reason);
 }
 
 }  // namespace

@@ -139,6 +139,12 @@ bool ParamTree::open_file() {
   return true;
 }
 
+// The statements of this release cannot be prepared in a tree of an older one, so it is not opened without the lock.
+StoreResult ParamTree::needs_upgrade(std::string &reason) const {
+  reason = "has to be upgraded by a process that can write it";
+  return side_ != nullptr && side_->is_writable() ? StoreResult::busy : StoreResult::read_only;
+}
+
 StoreResult ParamTree::open_store(const struct stat &folder, bool locked) {
   if (!open_file()) return fail(StoreResult::failed, system_reason("cannot be opened", errno));
   folder_flushed_ = false;
@@ -150,8 +156,8 @@ StoreResult ParamTree::open_store(const struct stat &folder, bool locked) {
   StoreResult result = open_database(file_name_, database, reason);
   if (result == StoreResult::ok) result = check_tree(database.get(), version, reason);
   if (result == StoreResult::ok && locked) result = use_write_ahead_log(database.get(), changed);
-  if (result == StoreResult::ok && locked && version < schema_version) {
-    result = upgrade(database.get(), version, upgrade_steps(), schema_version, reason);
+  if (result == StoreResult::ok && version < schema.version) {
+    result = locked ? upgrade(database.get(), version, schema.steps, schema.version, reason) : needs_upgrade(reason);
   }
   if (result == StoreResult::ok) store_ = ParamStore::on(std::move(database), result, reason);
   if (result != StoreResult::ok) {

@@ -10,6 +10,7 @@ namespace ptz::platform {
 namespace {
 
 constexpr int application_id = 0x50545A50;
+constexpr int first_version = 1;
 
 // SQLite sleeps up to ten seconds in a read if another process was stopped between two steps on the log's index. The
 // caller would hold the service's lock meanwhile. Without the sleep SQLite answers SQLITE_PROTOCOL, and callers wait.
@@ -49,10 +50,12 @@ std::string tables() {
          "CREATE TABLE groups (parent TEXT NOT NULL, name TEXT NOT NULL,"
          " PRIMARY KEY (parent, name)) WITHOUT ROWID;"
          "PRAGMA application_id = " +
-         std::to_string(application_id) + ";PRAGMA user_version = " + std::to_string(schema_version) + ";COMMIT;";
+         std::to_string(application_id) + ";PRAGMA user_version = " + std::to_string(first_version) + ";COMMIT;";
 }
 
 }  // namespace
+
+Schema schema = {first_version, {}};
 
 StoreResult result_of(int sqlite_code) {
   switch (sqlite_code & 0xFF) {
@@ -119,9 +122,9 @@ StoreResult check_tree(sqlite3 *database, int &version, std::string &reason) {
     reason = "is not a parameter tree";
     return StoreResult::foreign;
   }
-  if (version <= schema_version) return StoreResult::ok;
+  if (version <= schema.version) return StoreResult::ok;
   reason = "made by a newer release (version " + std::to_string(version) + ", this one knows " +
-           std::to_string(schema_version) + ")";
+           std::to_string(schema.version) + ")";
   return StoreResult::newer;
 }
 
@@ -155,9 +158,6 @@ StoreResult use_write_ahead_log(sqlite3 *database, bool &changed) {
   return result == StoreResult::ok ? StoreResult::read_only : result;
 }
 
-// The first release had version 1, and there is no other yet.
-std::span<const UpgradeStep> upgrade_steps() { return {}; }
-
 StoreResult upgrade(sqlite3 *database, int version, std::span<const UpgradeStep> steps, int target,
                     std::string &reason) {
   for (const auto &step : steps) {
@@ -190,6 +190,9 @@ StoreResult make_database(const std::string &file, const struct stat &folder, st
     if (open_for(temporary, SQLITE_OPEN_READWRITE, database) != SQLITE_OK ||
         execute(database.get(), tables()) != SQLITE_OK) {
       result = failure(database.get(), reason);
+    }
+    if (result == StoreResult::ok) {
+      result = upgrade(database.get(), first_version, schema.steps, schema.version, reason);
     }
   }
   if (result == StoreResult::ok && link(temporary.c_str(), file.c_str()) != 0 && errno != EEXIST) {

@@ -47,8 +47,12 @@ struct UpgradeStep {
   int version;
   const char *statements;
 };
-constexpr int schema_version = 1;
-[[nodiscard]] std::span<const UpgradeStep> upgrade_steps();
+// The version that this release uses, and the steps that lead to it. Tests replace them.
+struct Schema {
+  int version;
+  std::span<const UpgradeStep> steps;
+};
+extern Schema schema;
 [[nodiscard]] StoreResult upgrade(sqlite3 *database, int version, std::span<const UpgradeStep> steps, int target,
                                   std::string &reason);
 

@@ -21,7 +21,9 @@ constexpr std::int64_t old_temporary_ns = 60 * ns_per_s;
 constexpr int damaged_copies = 3;
 constexpr const char *temporary_infix = ".new-";
 
-std::int64_t nanoseconds(const timespec &time) { return time.tv_sec * ns_per_s + time.tv_nsec; }
+std::int64_t nanoseconds(const timespec &time) {
+  return static_cast<std::int64_t>(time.tv_sec) * ns_per_s + time.tv_nsec;
+}
 
 bool is_old(const std::string &path) {
   struct stat status = {};
@@ -29,6 +31,11 @@ bool is_old(const std::string &path) {
 }
 
 }  // namespace
+
+timespec timespec_of(std::int64_t nanoseconds) {
+  return {static_cast<time_t>(nanoseconds / ns_per_s),
+          static_cast<decltype(timespec::tv_nsec)>(nanoseconds % ns_per_s)};
+}
 
 FileStamp stamp_of(const struct stat &status) { return {status.st_ino, status.st_size, nanoseconds(status.st_mtim)}; }
 

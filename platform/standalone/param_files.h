@@ -4,6 +4,7 @@
 // params.db, its -shm or its -lock: modes, owners and times are changed by path.
 #pragma once
 #include <sys/stat.h>
+#include <time.h>
 #include <cstdint>
 #include <string>
 
@@ -16,6 +17,7 @@ struct FileStamp {
   std::int64_t modified_ns = 0;
   bool operator==(const FileStamp &) const = default;
 };
+[[nodiscard]] timespec timespec_of(std::int64_t nanoseconds);
 [[nodiscard]] FileStamp stamp_of(const struct stat &status);
 
 [[nodiscard]] std::string folder_of(const std::string &file);

@@ -130,7 +130,10 @@ StoreResult ParamTree::examine(const struct stat &folder, const struct stat &sta
     result = open_database(file_name_, database, reason);
     if (result == StoreResult::ok) result = check_tree(database.get(), version, reason);
     if (result == StoreResult::ok) result = check_pages(database.get(), reason);
-    if (result == StoreResult::ok) static_cast<void>(ParamStore::on(std::move(database), result, reason));
+    // The tables of an older release are not yet those of the statements.
+    if (result == StoreResult::ok && version == schema.version) {
+      static_cast<void>(ParamStore::on(std::move(database), result, reason));
+    }
   }
   if (result == StoreResult::ok) suspect_ = false;
   if (result != StoreResult::damaged) return fail(result, reason);

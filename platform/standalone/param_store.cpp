@@ -16,9 +16,9 @@ constexpr std::size_t most_stems = 1000;
 constexpr const char *queries[] = {
     "SELECT value FROM parameters WHERE grp = ? AND name = ?",
     "UPDATE parameters SET value = ?3 WHERE grp = ?1 AND name = ?2",
-    "INSERT INTO parameters VALUES (?, ?, ?) ON CONFLICT DO UPDATE SET value = excluded.value",
+    "INSERT INTO parameters (grp, name, value) VALUES (?, ?, ?) ON CONFLICT DO UPDATE SET value = excluded.value",
     "SELECT 1 FROM groups WHERE parent = ? AND name = ?",
-    "INSERT OR IGNORE INTO groups VALUES (?, ?)",
+    "INSERT OR IGNORE INTO groups (parent, name) VALUES (?, ?)",
     "SELECT name FROM parameters WHERE grp = ? ORDER BY name",
     "SELECT name FROM groups WHERE parent = ? ORDER BY name",
     "SELECT name FROM groups WHERE parent = ? AND name >= ? AND name < ?",

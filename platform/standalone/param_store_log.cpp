@@ -33,11 +33,12 @@ StoreResult ParamStore::replace_by(sqlite3 *source) {
   return in_transaction([&] {
     int code = execute(own, "DELETE FROM parameters; DELETE FROM groups");
     if (code == SQLITE_OK) {
-      code =
-          copy_rows(source, "SELECT grp, name, value FROM parameters", own, "INSERT INTO parameters VALUES (?, ?, ?)");
+      code = copy_rows(source, "SELECT grp, name, value FROM parameters", own,
+                       "INSERT INTO parameters (grp, name, value) VALUES (?, ?, ?)");
     }
     if (code == SQLITE_OK) {
-      code = copy_rows(source, "SELECT parent, name FROM groups", own, "INSERT INTO groups VALUES (?, ?)");
+      code =
+          copy_rows(source, "SELECT parent, name FROM groups", own, "INSERT INTO groups (parent, name) VALUES (?, ?)");
     }
     return answer(code);
   });

@@ -219,7 +219,7 @@ void ParamTree::move_time(Record &record) const {
   for (int attempt = 0; attempt < 20; ++attempt) {
     // Some file systems keep whole seconds only.
     const std::int64_t wanted_ns = std::max(wall_clock_ns(), record.database.modified_ns + 1) + attempt * 500'000'000LL;
-    const timespec times[] = {{0, UTIME_OMIT}, {wanted_ns / 1'000'000'000, wanted_ns % 1'000'000'000}};
+    const timespec times[] = {{0, UTIME_OMIT}, timespec_of(wanted_ns)};
     // Only the owner can choose the time; another user who can write the file can set the present one.
     const bool chosen = futimens(file_->fd.get(), times) == 0;
     if (!chosen) static_cast<void>(futimens(file_->fd.get(), nullptr));

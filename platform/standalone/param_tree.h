@@ -81,6 +81,7 @@ class [[gnu::visibility("hidden")]] ParamTree {
   [[nodiscard]] StoreResult connect(bool locked);
   [[nodiscard]] StoreResult select_file(struct stat & folder);
   [[nodiscard]] StoreResult open_store(const struct stat &folder, bool locked);
+  [[nodiscard]] StoreResult needs_upgrade(std::string & reason) const;
   [[nodiscard]] bool open_file();
   void record_unknown_log() const;
   [[nodiscard]] StoreResult take_lock();
