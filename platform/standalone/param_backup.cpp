@@ -132,15 +132,18 @@ gboolean param_service_backup(const gchar *file, GError **error) {
   fd.reset();
   std::string reason;
   StoreResult result = StoreResult::failed;
-  const auto read = ParamTree::instance().read([&](ParamStore &store) {
-    result = write_copy(store.database(), temporary, reason);
-    // Other failures are those of the copy, and no reason to doubt the tree.
-    return result == StoreResult::busy || result == StoreResult::damaged ? result : StoreResult::ok;
-  });
+  std::string cause;
+  const auto read = ParamTree::instance().read(
+      [&](ParamStore &store) {
+        result = write_copy(store.database(), temporary, reason);
+        // Other failures are those of the copy, and no reason to doubt the tree.
+        return result == StoreResult::busy || result == StoreResult::damaged ? result : StoreResult::ok;
+      },
+      &cause);
   if (read != StoreResult::ok) result = read;
   gboolean written = FALSE;
   if (result != StoreResult::ok) {
-    set_error(error, file, result, reason.empty() ? ParamTree::instance().cause() : reason);
+    set_error(error, file, result, reason.empty() ? cause : reason);
   } else if (!flush_path(temporary, O_RDWR) || rename(temporary.c_str(), file) != 0 ||
              !flush_path(folder_containing(file), O_RDONLY | O_DIRECTORY)) {
     set_system_error(error, file, errno);
@@ -164,7 +167,8 @@ gboolean param_service_restore(const gchar *file, GError **error) {
   std::string reason;
   StoreResult result = status.st_size < smallest_database ? StoreResult::damaged : load(path.get(), source, reason);
   if (result != StoreResult::ok) return set_error(error, file, result, reason.empty() ? "is empty" : reason);
-  result = ParamTree::instance().write("(all)", [&](ParamStore &store) { return store.replace_by(source.get()); });
-  if (result == StoreResult::ok) result = ParamTree::instance().sync();
-  return result == StoreResult::ok ? TRUE : set_error(error, file, result, ParamTree::instance().cause());
+  result = ParamTree::instance().write(
+      "(all)", [&](ParamStore &store) { return store.replace_by(source.get()); }, &reason);
+  if (result == StoreResult::ok) result = ParamTree::instance().sync(&reason);
+  return result == StoreResult::ok ? TRUE : set_error(error, file, result, reason);
 }

@@ -28,7 +28,13 @@ void ParamTree::leave_outdated() {
 StoreResult ParamTree::take_lock() {
   if (flushing_) return fail(StoreResult::busy, "another thread is flushing it");
   if (side_ == nullptr) return fail(StoreResult::read_only, file_name_ + "-lock cannot be opened");
-  if (side_->is_writable() && side_->try_lock()) return StoreResult::ok;
+  if (side_->is_writable() && side_->try_lock()) {
+    if (side_->is_in_place()) return StoreResult::ok;
+    // Other processes use another lock file now. The connection is opened again with that one.
+    disconnect();
+    side_.reset();
+    return fail(StoreResult::busy, "the lock file was replaced");
+  }
   if (!side_->is_writable()) {
     return fail(StoreResult::read_only, "no permission to write " + side_->path() + access_of(side_->path()));
   }
@@ -37,7 +43,9 @@ StoreResult ParamTree::take_lock() {
   return fail(StoreResult::failed, system_reason(side_->path(), error));
 }
 
-void ParamTree::release_lock() { side_->unlock(); }
+void ParamTree::release_lock() {
+  if (side_ != nullptr) side_->unlock();
+}
 
 // Whether the file is the one that is open, and as the record says.
 bool ParamTree::is_current(Record &record) const {
@@ -67,20 +75,24 @@ StoreResult ParamTree::look() {
   if (!may_repair()) return StoreResult::ok;
   if (side_ != nullptr && side_->is_writable()) {
     // While another process flushes or writes, reads go on with what they have.
-    if (take_lock() != StoreResult::ok) {
+    if (take_lock() == StoreResult::ok) {
+      release_lock();
+    } else if (store_ != nullptr) {
       next_look_us_ = now_us + tree_times.look_us / 10;
       return StoreResult::ok;
     }
-    release_lock();
   }
   leave_outdated();
   return connect(false);
 }
 
-StoreResult ParamTree::select_file(struct stat &folder) {
+// `locked`: the caller holds the lock of `side_`, which then stays the same.
+StoreResult ParamTree::select_file(struct stat &folder, bool locked) {
   if (std::string file = database_file(); file != file_name_) {
+    // The lock that is held is that of the former file.
+    if (flushing_ || locked) return fail(StoreResult::busy, "the state folder was changed during an operation");
     file_name_ = std::move(file);
-    if (!flushing_) side_.reset();
+    side_.reset();
     suspect_ = swept_ = false;
     next_flush_pages_ = flush_pages;
     last_log_ = {};
@@ -88,7 +100,12 @@ StoreResult ParamTree::select_file(struct stat &folder) {
   if (stat(folder_of(file_name_).c_str(), &folder) != 0) {
     return fail(StoreResult::failed, system_reason("cannot be created", errno));
   }
-  if (!flushing_ && (side_ == nullptr || !side_->is_in_place())) {
+  struct stat status = {};
+  // SQLite would put the log beside the target.
+  if (lstat(file_name_.c_str(), &status) == 0 && S_ISLNK(status.st_mode)) {
+    return fail(StoreResult::failed, "is a symbolic link");
+  }
+  if (!flushing_ && !locked && (side_ == nullptr || !side_->is_in_place())) {
     side_ = ParamLock::open(file_name_, folder);
     const int error = errno;
     if (side_ == nullptr && access(file_name_.c_str(), F_OK) != 0) {
@@ -101,9 +118,11 @@ StoreResult ParamTree::select_file(struct stat &folder) {
 // `locked`: the caller holds the tree's lock.
 StoreResult ParamTree::connect(bool locked) {
   if (store_ != nullptr) return StoreResult::ok;
+  if (!fork_safe_) return fail(StoreResult::failed, "no handlers of fork() could be set up");
   struct stat folder = {};
-  if (const auto result = select_file(folder); result != StoreResult::ok) return result;
-  const bool taken = !locked && take_lock() == StoreResult::ok;
+  if (const auto result = select_file(folder, locked); result != StoreResult::ok) return result;
+  const bool had_lock_file = side_ != nullptr, taken = !locked && take_lock() == StoreResult::ok;
+  if (had_lock_file && side_ == nullptr) return StoreResult::busy;
   struct stat status = {};
   const bool missing = stat(file_name_.c_str(), &status) != 0 && errno == ENOENT;
   StoreResult result = StoreResult::ok;
@@ -131,8 +150,8 @@ bool ParamTree::open_file() {
   if (stat(file_name_.c_str(), &status) != 0) return false;
   if (file_ != nullptr && file_->inode == status.st_ino) return true;
   auto file = std::make_shared<OpenFile>();
-  file->fd.reset(::open(file_name_.c_str(), O_RDWR | O_CLOEXEC));
-  if (!file->fd) file->fd.reset(::open(file_name_.c_str(), O_RDONLY | O_CLOEXEC));
+  file->fd.reset(::open(file_name_.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+  if (!file->fd) file->fd.reset(::open(file_name_.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
   if (!file->fd || fstat(file->fd.get(), &status) != 0) return false;
   file->inode = status.st_ino;
   file_ = std::move(file);

@@ -25,6 +25,8 @@ std::int64_t nanoseconds(const timespec &time) {
   return static_cast<std::int64_t>(time.tv_sec) * ns_per_s + time.tv_nsec;
 }
 
+bool remove_if_present(const std::string &path) { return unlink(path.c_str()) == 0 || errno == ENOENT; }
+
 bool is_old(const std::string &path) {
   struct stat status = {};
   return stat(path.c_str(), &status) == 0 && wall_clock_ns() - nanoseconds(status.st_mtim) > old_temporary_ns;
@@ -50,16 +52,19 @@ std::int64_t wall_clock_ns() {
 }
 
 void repair_access(const std::string &path, const struct stat &folder) {
+  const UniqueFd file(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
   struct stat status = {};
-  if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return;
+  if (!file || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_nlink != 1) return;
   if ((status.st_mode & S_IWUSR) == 0) return;  // SQLite and umasks do not clear this bit: it was done on purpose
   const uid_t owner = geteuid() == 0 ? folder.st_uid : status.st_uid;
   int result = 0;
   if (owner != status.st_uid || folder.st_gid != status.st_gid) {
-    result = chown(path.c_str(), owner != status.st_uid ? owner : static_cast<uid_t>(-1), folder.st_gid);
+    const uid_t new_owner = owner != status.st_uid ? owner : static_cast<uid_t>(-1);
+    result = fchownat(file.get(), "", new_owner, folder.st_gid, AT_EMPTY_PATH);
   }
   const mode_t mode = file_mode_in(folder.st_mode);
-  if ((status.st_mode & 07777) != mode) result = chmod(path.c_str(), mode);
+  const std::string same_file = "/proc/self/fd/" + std::to_string(file.get());  // fchmod() refuses O_PATH
+  if ((status.st_mode & 07777) != mode) result = chmod(same_file.c_str(), mode);
   static_cast<void>(result);  // only the owner and root can; an operation that needs the access reports what is missing
 }
 
@@ -98,18 +103,19 @@ void sweep_temporaries(const std::string &file) {
   }
 }
 
-bool set_log_aside(const std::string &file) {
-  const std::string log = file + "-wal";
+bool remove_log(const std::string &file) {
+  return remove_if_present(file + "-wal") && remove_if_present(file + "-shm");
+}
+
+LogAside set_log_aside(const std::string &file) {
+  const std::string log = file + "-wal", journal = file + "-journal";
   struct stat status = {};
   const bool had_log = stat(log.c_str(), &status) == 0 && status.st_size > 0;
-  if (had_log) {
-    rename(log.c_str(), (log + ".old").c_str());
-  } else {
-    unlink(log.c_str());
-  }
-  unlink((file + "-shm").c_str());
-  unlink((file + "-journal").c_str());  // SQLite would roll it back into the new file
-  return had_log;
+  if (had_log && rename(log.c_str(), (log + ".old").c_str()) != 0) return LogAside::failed;
+  // SQLite would roll the journal back into the new file.
+  if (rename(journal.c_str(), (journal + ".old").c_str()) != 0 && errno != ENOENT) return LogAside::failed;
+  if (!remove_log(file)) return LogAside::failed;
+  return had_log ? LogAside::kept : LogAside::none;
 }
 
 std::string set_database_aside(const std::string &file) {

@@ -1,7 +1,7 @@
 // platform/standalone/param_files.h - the files of the parameter tree, by path.
 //
 // POSIX drops all locks of a process on a file when the process closes any descriptor of it. So nothing here opens
-// params.db, its -shm or its -lock: modes, owners and times are changed by path.
+// params.db, its -shm or its -lock for reading or writing. A descriptor with O_PATH has no effect on locks.
 #pragma once
 #include <sys/stat.h>
 #include <time.h>
@@ -26,7 +26,8 @@ struct FileStamp {
 // Nanoseconds of the wall clock, which times of files are compared with.
 [[nodiscard]] std::int64_t wall_clock_ns();
 
-// Gives a file that exists the mode, the group and, as root, the owner that its folder asks for.
+// Gives a file that exists the mode, the group and, as root, the owner that its folder asks for. A symbolic link and a
+// file with several names are left alone: a member of the group could name any file of the system.
 void repair_access(const std::string &path, const struct stat &folder);
 
 // Creates an empty file with the folder's mode, group and owner. An existing file is left as it is. Returns false with
@@ -40,9 +41,12 @@ bool create_shared_file(const std::string &path, const struct stat &folder);
 // are made without it, so these are removed only if they are a minute old.
 void sweep_temporaries(const std::string &file);
 
-// Moves the write-ahead log to "-wal.old" if it holds anything, and removes the log's index and a rollback journal.
-// Returns whether there was a log.
-bool set_log_aside(const std::string &file);
+enum class LogAside { failed, none, kept };
+// Moves the write-ahead log to "-wal.old" if it holds anything, and a rollback journal to "-journal.old", and removes
+// the log's index. After `failed`, with errno set, the database must not be opened: SQLite would replay what is left.
+[[nodiscard]] LogAside set_log_aside(const std::string &file);
+// Removes the log and its index. Returns false with errno set.
+[[nodiscard]] bool remove_log(const std::string &file);
 
 // Renames a damaged database, with its log, to a free name "<file>.damaged-1" to "-3"; the last one is overwritten.
 // Returns the new name, or an empty text with errno set.

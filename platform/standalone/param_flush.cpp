@@ -11,8 +11,7 @@
 namespace ptz::platform {
 namespace {
 
-constexpr int attempts_at_readers = 50;
-constexpr gulong reader_pause_us = 1000;
+constexpr gint64 longest_idle_pause_us = 60 * G_USEC_PER_SEC;
 
 bool is_empty(const std::string &path) {
   struct stat status = {};
@@ -21,7 +20,7 @@ bool is_empty(const std::string &path) {
 
 // No lock of SQLite's is on the log, so it may be opened and closed.
 bool flush_log(const std::string &path) {
-  const UniqueFd log(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  const UniqueFd log(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
   if (!log) return errno == ENOENT;
   return fdatasync(log.get()) == 0;
 }
@@ -34,50 +33,76 @@ bool flush_folder(const std::string &path) {
 
 }  // namespace
 
-StoreResult ParamTree::sync() {
-  const auto result = flush(Flush::sync);
+StoreResult ParamTree::sync(std::string *reason) {
+  Patience patience;
+  std::string cause;
+  const auto result = flush(Flush::sync, patience, cause);
   const MutexLock lock(&lock_);
   if (result == StoreResult::ok) {
     complaint_.clear();
   } else {
-    complain(cause_);
+    complain(cause);
   }
+  if (reason != nullptr) *reason = std::move(cause);
   return result;
 }
 
 // lock_ not held
-StoreResult ParamTree::flush(Flush kind) {
-  Patience patience;
-  std::shared_ptr<OpenFile> file;
-  std::string log;
-  bool new_names = false;
-  while (file == nullptr) {
-    {
-      const MutexLock lock(&lock_);
-      bool nothing_to_do = false;
-      const auto result = begin_flush(kind, nothing_to_do);
-      if (result == StoreResult::ok && nothing_to_do) return StoreResult::ok;
-      if (result == StoreResult::ok) {
-        file = file_;
-        log = file_name_ + "-wal";
-        new_names = !std::exchange(folder_flushed_, true);
-        break;
-      }
-      if (result != StoreResult::busy || kind != Flush::sync || patience.is_over()) return result;
+StoreResult ParamTree::flush(Flush kind, Patience &patience, std::string &cause) {
+  const bool waits = kind == Flush::sync || kind == Flush::finish;
+  while (true) {
+    const auto result = attempt_flush(kind, cause);
+    if (result == StoreResult::ok) return result;
+    if (result != StoreResult::busy || !waits || patience.is_over()) {
+      if (!waits && result != StoreResult::busy) report_failed_flush(cause);
+      return result;
     }
     patience.pause();
   }
-  const auto result = carry_out_flush(file, log, new_names, kind);
+}
+
+// lock_ not held. busy if another process is in the way, also of a complete copy of the log.
+StoreResult ParamTree::attempt_flush(Flush kind, std::string &cause) {
+  std::shared_ptr<OpenFile> file;
+  std::string log;
+  bool new_names = false;
+  {
+    const MutexLock lock(&lock_);
+    bool nothing_to_do = false;
+    const auto result = begin_flush(kind, nothing_to_do);
+    if (result != StoreResult::ok || nothing_to_do) {
+      cause = cause_;
+      return result;
+    }
+    file = file_;
+    log = file_name_ + "-wal";
+    new_names = !std::exchange(folder_flushed_, true);
+  }
+  auto result = carry_out_flush(file, log, new_names, cause);
   const MutexLock lock(&lock_);
   release_lock();
   flushing_ = false;
+  // What was copied is durable. Only a sync promises that nothing else is in the log, and only an idle flush cuts it.
+  const bool partial = result == StoreResult::busy && flush_state_ != FlushState::failed;
+  if (partial && (kind == Flush::finish || kind == Flush::threshold)) result = StoreResult::ok;
+  if (partial && kind == Flush::sync && flush_state_ == FlushState::whole) result = StoreResult::ok;
   return result;
+}
+
+// A flush that nothing waits for. The next one is attempted when the log has grown as much again.
+void ParamTree::report_failed_flush(const std::string &cause) {
+  const MutexLock lock(&lock_);
+  if (store_ != nullptr) next_flush_pages_ = store_->log_pages() + flush_pages;
+  const gint64 now_us = g_get_monotonic_time();
+  if (now_us < next_line_us_) return;
+  next_line_us_ = now_us + tree_times.log_line_us;
+  syslog(LOG_ERR, "Parameter tree %s: %s", file_name_.c_str(), cause.c_str());
 }
 
 // With lock_. After ok, unless there is nothing to do, this thread holds the tree's lock and `flushing_` is set.
 StoreResult ParamTree::begin_flush(Flush kind, bool &nothing_to_do) {
   if (kind == Flush::idle && store_ == nullptr) {
-    nothing_to_do = true;  // only a requested flush makes a file or logs a failure
+    nothing_to_do = true;  // an idle flush creates no file and logs nothing
     return StoreResult::ok;
   }
   if (const auto connected = connect(false); connected != StoreResult::ok) return connected;
@@ -93,10 +118,12 @@ StoreResult ParamTree::begin_flush(Flush kind, bool &nothing_to_do) {
     record = side_->load();
   }
   const bool unfinished = (record.flags & Record::flushing) != 0;
-  if (!unfinished && (is_empty(file_name_ + "-wal") || (record.flags & Record::copied_whole) != 0)) {
+  const bool copied = (record.flags & Record::copied_whole) != 0;
+  if (!unfinished && (copied || is_empty(file_name_ + "-wal"))) {
     nothing_to_do = true;
+    const bool kept = copied && kind == Flush::idle && !cut_copied_log(record);
     release_lock();
-    return StoreResult::ok;
+    return kept ? fail(StoreResult::busy, "a reader of another process keeps the log") : StoreResult::ok;
   }
   struct stat status = {};
   if (fstat(file_->fd.get(), &status) == 0) record.database = stamp_of(status);
@@ -107,53 +134,59 @@ StoreResult ParamTree::begin_flush(Flush kind, bool &nothing_to_do) {
   return StoreResult::ok;
 }
 
-// lock_ not held; the tree's lock is. On disk, the record says that a flush is under way before the database changes.
+// lock_ not held; the tree's lock is. On disk, the record says that a flush is under way before the database changes,
+// and the time that the record names is the database's.
 StoreResult ParamTree::carry_out_flush(const std::shared_ptr<OpenFile> &file, const std::string &log, bool new_names,
-                                       Flush kind) {
-  if (!side_->flush() || !flush_log(log) || (new_names && !flush_folder(folder_of(log)))) {
-    const int error = errno;
+                                       std::string &cause) {
+  flush_state_ = FlushState::failed;
+  const bool ready =
+      fsync(file->fd.get()) == 0 && side_->flush() && flush_log(log) && (!new_names || flush_folder(folder_of(log)));
+  if (!ready) {
+    cause = system_reason("cannot be flushed", errno);
     const MutexLock lock(&lock_);
     folder_flushed_ = false;
-    return fail(StoreResult::failed, system_reason("cannot be flushed", error));
+    return fail(StoreResult::failed, cause);
   }
   bool whole = false;
   FileStamp copied;
-  for (int attempt = 0; attempt < (kind == Flush::sync ? attempts_at_readers : 1) && !whole; ++attempt) {
-    if (attempt > 0) g_usleep(reader_pause_us);
+  {
     const MutexLock lock(&lock_);
-    if (const auto result = copy_log(whole, copied); result != StoreResult::ok) return result;
+    if (const auto result = copy_log(whole, copied); result != StoreResult::ok) {
+      cause = cause_;
+      return result;
+    }
   }
-  if (fdatasync(file->fd.get()) != 0) {
-    const int error = errno;
+  if (fsync(file->fd.get()) != 0) {
+    cause = system_reason("cannot be flushed", errno);
     const MutexLock lock(&lock_);
-    return fail(StoreResult::failed, system_reason("cannot be flushed", error));
+    return fail(StoreResult::failed, cause);
   }
-  StoreResult result = StoreResult::busy;
-  for (int attempt = 0; attempt < (kind == Flush::sync ? attempts_at_readers : 1); ++attempt) {
-    if (attempt > 0) g_usleep(reader_pause_us);
-    const MutexLock lock(&lock_);
-    result = finish_flush(whole, copied);
-    if (result != StoreResult::busy) break;
-  }
-  return result == StoreResult::busy ? StoreResult::ok : result;  // a reader keeps the log, whose content is durable
+  const MutexLock lock(&lock_);
+  const auto result = finish_flush(whole, copied);
+  cause = cause_;
+  return result;
 }
 
 // With both locks. The connection may have been closed for a fork.
 StoreResult ParamTree::copy_log(bool &whole, FileStamp &copied) {
   const auto generation = generation_;
   if (const auto result = connect(true); result != StoreResult::ok) return result;
-  if (generation != generation_) return fail(StoreResult::failed, "was replaced during a flush");
+  struct stat status = {};
+  Record record = side_->load();
+  if (fstat(file_->fd.get(), &status) != 0 || stamp_of(status) != record.database || generation != generation_) {
+    record.flags = 0;  // the record differs from the file, which the next look finds
+    side_->save(record);
+    return fail(StoreResult::busy, "was replaced during a flush");
+  }
   const auto result = store_->checkpoint(whole);
   if (result != StoreResult::ok) {
     cause_ = store_->reason();
     disconnect();
     return result;
   }
-  struct stat status = {};
   fstat(file_->fd.get(), &status);
   copied = stamp_of(status);
   // From now on, any change of the database is a replacement.
-  Record record = side_->load();
   record.database = copied;
   side_->save(record);
   return StoreResult::ok;
@@ -164,23 +197,25 @@ StoreResult ParamTree::finish_flush(bool whole, const FileStamp &copied) {
   Record record = side_->load();
   struct stat status = {};
   if (stat(file_name_.c_str(), &status) != 0 || stamp_of(status) != copied) {
-    record.flags = 0;  // the file was replaced meanwhile: the record differs from it, which the next look finds
+    record.flags = 0;  // the record differs from the file, which the next look finds
     side_->save(record);
-    return StoreResult::ok;
+    return fail(StoreResult::busy, "was replaced during a flush");
   }
   if (const auto result = connect(true); result != StoreResult::ok) return result;
   record.flags = 0;
-  StoreResult result = StoreResult::ok;
+  StoreResult result = StoreResult::busy;
   if (whole) {
     result = store_->cut_log();
     record.flags = result == StoreResult::ok ? Record::flushed : Record::flushed | Record::copied_whole;
   }
+  flush_state_ = whole ? FlushState::whole : FlushState::partial;
   if (fstat(file_->fd.get(), &status) == 0) record.database = stamp_of(status);
   record.log = store_->log_state();
   side_->save(record);
   // If a reader keeps the log, the next flush is due when it has grown as much again.
-  next_flush_pages_ = flush_pages + (whole && result == StoreResult::ok ? 0 : store_->log_pages());
-  return whole && result != StoreResult::ok && result != StoreResult::busy ? fail(result, store_->reason()) : result;
+  next_flush_pages_ = flush_pages + (result == StoreResult::ok ? 0 : store_->log_pages());
+  if (result == StoreResult::ok) return result;
+  return fail(result, result == StoreResult::busy ? "a reader of another process keeps the log" : store_->reason());
 }
 
 // --- idleness ----------------------------------------------------------------------------------------------------
@@ -194,20 +229,39 @@ void ParamTree::watch_for_idleness() {
   if (thread != nullptr) g_thread_unref(thread);
 }
 
-gpointer ParamTree::flush_when_idle(gpointer tree) {
-  auto *self = static_cast<ParamTree *>(tree);
+// Returns when the process has not written for a while.
+gint64 ParamTree::wait_for_idleness() {
   while (true) {
-    gint64 remaining_us = 0;
+    gint64 last_write_us = 0;
     {
-      const MutexLock lock(&self->lock_);
-      remaining_us = self->last_write_us_ + tree_times.idle_us - g_get_monotonic_time();
-      if (remaining_us <= 0) self->watching_ = false;  // a write from now on starts another thread
+      const MutexLock lock(&lock_);
+      last_write_us = last_write_us_;
     }
-    if (remaining_us <= 0) break;
+    const gint64 remaining_us = last_write_us + tree_times.idle_us - g_get_monotonic_time();
+    if (remaining_us <= 0) return last_write_us;
     g_usleep(static_cast<gulong>(std::min<gint64>(remaining_us, G_USEC_PER_SEC)));
   }
-  static_cast<void>(self->flush(Flush::idle));
-  return nullptr;
+}
+
+gpointer ParamTree::flush_when_idle(gpointer tree) {
+  auto *self = static_cast<ParamTree *>(tree);
+  gint64 pause_us = tree_times.idle_us;
+  while (true) {
+    const gint64 last_write_us = self->wait_for_idleness();
+    Patience patience;
+    std::string cause;
+    const auto result = self->flush(Flush::idle, patience, cause);
+    {
+      const MutexLock lock(&self->lock_);
+      if (result != StoreResult::busy && self->last_write_us_ == last_write_us) {
+        self->watching_ = false;  // a write from now on starts another thread
+        return nullptr;
+      }
+    }
+    if (result != StoreResult::busy) continue;
+    g_usleep(static_cast<gulong>(pause_us));
+    pause_us = std::min(2 * pause_us, longest_idle_pause_us);
+  }
 }
 
 }  // namespace ptz::platform

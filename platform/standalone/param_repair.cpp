@@ -61,7 +61,7 @@ StoreResult ParamTree::repair(const struct stat &folder) {
   } else if (found == Match::unrecorded) {
     record_database(0, record.generation + 1);
   }
-  // SQLite would take it for a new database.
+  // SQLite treats a file of less than 512 bytes as a new database.
   if (status.st_size < smallest_database) {
     const char *damage = status.st_size == 0 ? "is empty" : "is cut short";
     return is_settled(status, tree_times.damage_settled_us) ? start_anew(folder, damage)
@@ -70,12 +70,24 @@ StoreResult ParamTree::repair(const struct stat &folder) {
   return suspect_ ? examine(folder, status) : StoreResult::ok;
 }
 
+// The log of a database that is not there any more. `event` is what happened to it.
+StoreResult ParamTree::put_log_aside(const char *event) {
+  const auto aside = set_log_aside(file_name_);
+  if (aside == LogAside::failed) {
+    return fail(StoreResult::failed, system_reason("the log of the former file cannot be set aside", errno));
+  }
+  const bool kept = aside == LogAside::kept, is_new = std::string_view(event) == "is missing";
+  if (kept || !is_new) {
+    syslog(LOG_WARNING, "Parameter tree %s: %s%s%s%s", file_name_.c_str(), event,
+           kept ? "; the log of the former one is kept in " : "", kept ? file_name_.c_str() : "",
+           kept ? "-wal.old" : "");
+  }
+  return StoreResult::ok;
+}
+
 StoreResult ParamTree::create(const struct stat &folder) {
   const auto generation = side_->load().generation;
-  if (set_log_aside(file_name_)) {
-    syslog(LOG_WARNING, "Parameter tree %s: is missing; the log of the former one is kept in %s-wal.old",
-           file_name_.c_str(), file_name_.c_str());
-  }
+  if (const auto result = put_log_aside("is missing"); result != StoreResult::ok) return result;
   std::string reason;
   const auto result = make_database(file_name_, folder, reason);
   if (result != StoreResult::ok) return fail(result, reason);
@@ -89,7 +101,7 @@ StoreResult ParamTree::create(const struct stat &folder) {
 bool ParamTree::has_foreign_checkpoint(const Record &record, LogState &log) const {
   log = last_log_;
   if (log == LogState{}) {
-    // A read of the header makes SQLite open the log. What it says may not fit the log, and is not looked at.
+    // A read of the header makes SQLite open the log. The values read here may be stale and are not used.
     Database database;
     std::string ignored;
     int version = 0;
@@ -112,15 +124,12 @@ StoreResult ParamTree::accept_replacement(const struct stat &status, Record reco
     return StoreResult::ok;
   }
   if (!is_settled(status, tree_times.settled_us)) return fail(StoreResult::busy, "is being replaced");
-  const bool had_log = set_log_aside(file_name_);
-  syslog(LOG_WARNING, "Parameter tree %s: was replaced by another file%s%s%s", file_name_.c_str(),
-         had_log ? "; the log of the former one is kept in " : "", had_log ? file_name_.c_str() : "",
-         had_log ? "-wal.old" : "");
+  if (const auto result = put_log_aside("was replaced by another file"); result != StoreResult::ok) return result;
   record_database(Record::flushed, record.generation + 1);
   return StoreResult::ok;
 }
 
-// SQLite found damage. A failure to read, or a full disk, is none.
+// SQLite found damage. I/O errors and a full disk are not damage.
 StoreResult ParamTree::examine(const struct stat &folder, const struct stat &status) {
   std::string reason;
   StoreResult result = StoreResult::ok;

@@ -13,8 +13,9 @@ namespace ptz::platform {
 namespace {
 
 constexpr gulong longest_pause_us = 2000;
+constexpr gint64 slow_flush_us = 50'000;
 
-// Whether the operation was carried out, with whatever answer.
+// Returns false if the operation may be tried again.
 bool is_answer(StoreResult result) {
   switch (result) {
     case StoreResult::ok:
@@ -50,22 +51,18 @@ ParamTree &ParamTree::instance() {
 }
 
 ParamTree::ParamTree() {
-  pthread_atfork(
-      [] {
-        g_mutex_lock(&instance().lock_);
-        instance().disconnect();
-      },
-      [] { g_mutex_unlock(&instance().lock_); },
-      [] {
-        instance().flushing_ = instance().watching_ = false;  // the threads are the parent's, and so are the locks
-        instance().next_line_us_ = 0;
-        g_mutex_unlock(&instance().lock_);
-      });
-}
-
-std::string ParamTree::cause() {
-  const MutexLock lock(&lock_);
-  return cause_;
+  fork_safe_ = pthread_atfork(
+                   [] {
+                     g_mutex_lock(&instance().lock_);
+                     instance().disconnect();
+                   },
+                   [] { g_mutex_unlock(&instance().lock_); },
+                   [] {
+                     instance().flushing_ = instance().watching_ =
+                         false;  // the threads are the parent's, and so are the locks
+                     instance().next_line_us_ = 0;
+                     g_mutex_unlock(&instance().lock_);
+                   }) == 0;
 }
 
 StoreResult ParamTree::fail(StoreResult result, std::string cause) {
@@ -97,7 +94,7 @@ void ParamTree::lose_write(const char *path, StoreResult result) {
   syslog(LOG_ERR, "Parameter %s: not written to %s: %s", path, file_name_.c_str(), cause_.c_str());
 }
 
-StoreResult ParamTree::read(Operation operation) {
+StoreResult ParamTree::read(Operation operation, std::string *reason) {
   Patience patience;
   while (true) {
     {
@@ -105,7 +102,10 @@ StoreResult ParamTree::read(Operation operation) {
       StoreResult result = look();
       if (result == StoreResult::ok) {
         result = operation(*store_);
-        if (is_answer(result)) return result;
+        if (is_answer(result)) {
+          complaint_.clear();
+          return result;
+        }
         cause_ = store_->reason();
         if (result != StoreResult::busy) disconnect();
       }
@@ -115,6 +115,7 @@ StoreResult ParamTree::read(Operation operation) {
       }
       if (result != StoreResult::busy || patience.is_over()) {
         complain(cause_);
+        if (reason != nullptr) *reason = cause_;
         return result;
       }
     }
@@ -122,7 +123,7 @@ StoreResult ParamTree::read(Operation operation) {
   }
 }
 
-StoreResult ParamTree::write(const char *path, Operation operation) {
+StoreResult ParamTree::write(const char *path, Operation operation, std::string *reason) {
   Patience patience;
   bool flushed = false;
   while (true) {
@@ -146,21 +147,33 @@ StoreResult ParamTree::write(const char *path, Operation operation) {
         flush_first = result == StoreResult::full && !flushed;  // the log may have room to give back
         if (!flush_first && (result != StoreResult::busy || patience.is_over())) {
           lose_write(path, result);
+          if (reason != nullptr) *reason = cause_;
           return result;
         }
       }
     }
+    std::string ignored;
     if (pages > 0) {
-      static_cast<void>(flush(Flush::threshold));
+      flush_and_yield();
       return StoreResult::ok;
     }
     if (flush_first) {
-      static_cast<void>(flush(Flush::sync));
+      static_cast<void>(flush(Flush::finish, patience, ignored));
       flushed = true;  // also if it failed: the write may succeed
     } else {
       patience.pause();
     }
   }
+}
+
+// Other processes poll for the tree's lock. Without the pause, a process that writes in a loop to a slow disk takes it
+// again at once.
+void ParamTree::flush_and_yield() {
+  const gint64 begun_us = g_get_monotonic_time();
+  Patience patience;
+  std::string ignored;
+  static_cast<void>(flush(Flush::threshold, patience, ignored));
+  if (g_get_monotonic_time() - begun_us > slow_flush_us) g_usleep(3 * longest_pause_us);
 }
 
 StoreResult ParamTree::attempt_write(Operation operation, bool flushed, bool &flush_first) {
@@ -170,7 +183,11 @@ StoreResult ParamTree::attempt_write(Operation operation, bool flushed, bool &fl
   StoreResult result = prepare_write(record, flushed, flush_first);
   if (result == StoreResult::ok) {
     const bool first = (record.flags & Record::flushed) != 0;
-    if (first) move_time(record);
+    if (first) result = move_time(record);
+    if (result != StoreResult::ok) {
+      release_lock();
+      return result;
+    }
     const bool begins_anew = (record.flags & Record::copied_whole) != 0;
     if (begins_anew) store_->flush_writes(true);
     result = operation(*store_);
@@ -201,35 +218,50 @@ StoreResult ParamTree::prepare_write(Record &record, bool flushed, bool &flush_f
     flush_first = true;  // a flush was cut off
     return StoreResult::busy;
   }
-  if ((record.flags & Record::copied_whole) != 0 && store_->cut_log() == StoreResult::ok) {
-    struct stat status = {};
-    if (fstat(file_->fd.get(), &status) == 0) record.database = stamp_of(status);
-    record.flags &= ~static_cast<std::uint32_t>(Record::copied_whole);
-    side_->save(record);
-  }
+  if ((record.flags & Record::copied_whole) != 0) static_cast<void>(cut_copied_log(record));
   return StoreResult::ok;
 }
 
-// The first write after a flush: copies made until now have another time than the database from now on.
-void ParamTree::move_time(Record &record) const {
+// With both locks. Returns false if a reader of another process is in the way.
+bool ParamTree::cut_copied_log(Record &record) {
+  if (store_->cut_log() != StoreResult::ok) return false;
+  struct stat status = {};
+  if (fstat(file_->fd.get(), &status) == 0) record.database = stamp_of(status);
+  record.flags &= ~static_cast<std::uint32_t>(Record::copied_whole);
+  side_->save(record);
+  return true;
+}
+
+// The first write after a flush: copies made until now have another time than the database from now on. busy if the
+// clock of the file system has to move on first.
+StoreResult ParamTree::move_time(Record &record) {
   record.flags |= Record::moving;
   record.begun_ns = wall_clock_ns();
   side_->save(record);
+  const int fd = file_->fd.get();
   struct stat status = {};
-  for (int attempt = 0; attempt < 20; ++attempt) {
-    // Some file systems keep whole seconds only.
-    const std::int64_t wanted_ns = std::max(wall_clock_ns(), record.database.modified_ns + 1) + attempt * 500'000'000LL;
-    const timespec times[] = {{0, UTIME_OMIT}, timespec_of(wanted_ns)};
-    // Only the owner can choose the time; another user who can write the file can set the present one.
-    const bool chosen = futimens(file_->fd.get(), times) == 0;
-    if (!chosen) static_cast<void>(futimens(file_->fd.get(), nullptr));
-    if (fstat(file_->fd.get(), &status) != 0 || stamp_of(status).modified_ns != record.database.modified_ns) break;
-    if (!chosen) g_usleep(1000);  // until the next tick of the clock of files
+  const auto has_moved = [&] {
+    return fstat(fd, &status) == 0 && stamp_of(status).modified_ns != record.database.modified_ns;
+  };
+  // Some file systems keep whole seconds only.
+  for (const std::int64_t later_ns : {1LL, 1'000'000'000LL, 2'000'000'000LL}) {
+    const timespec times[] = {{0, UTIME_OMIT},
+                              timespec_of(std::max(wall_clock_ns(), record.database.modified_ns + later_ns))};
+    if (futimens(fd, times) != 0 || has_moved()) break;
+  }
+  // Only the owner can choose the time; another user who can write the file can set the present one.
+  bool settable = true;
+  if (!has_moved()) settable = futimens(fd, nullptr) == 0;
+  if (settable && !has_moved()) return fail(StoreResult::busy, "the time of the file has not moved on");
+  if (!settable && !std::exchange(time_reported_, true)) {
+    syslog(LOG_WARNING, "Parameter tree %s: its time cannot be set (%m); copies that are put back are not recognised",
+           file_name_.c_str());
   }
   record.database = stamp_of(status);
   record.flags &= ~static_cast<std::uint32_t>(Record::flushed | Record::moving);
   record.log = {};
   side_->save(record);
+  return StoreResult::ok;
 }
 
 }  // namespace ptz::platform

@@ -1,13 +1,14 @@
 // platform/standalone/param_tree.h - this process's connection to the parameter tree: waiting, following, flushing.
 //
 // Locks, in the order in which they are taken:
-//  1. `lock_`, of the threads of this process. It is never held over a flush or a sleep: reads and forks wait for it.
+//  1. `lock_`, of the threads of this process. Reads and forks wait for it, so it is not held over a sleep, and over a
+//     flush only if a program that does not know these locks uses the database too (ParamStore::cut_log).
 //  2. The lock of params.db-lock, of the processes (param_lock.h). A writer holds it for one transaction, under
 //     `lock_`. A flush holds it from beginning to end; `flushing_` keeps the other threads away from it meanwhile.
 // If either is busy, an operation waits without `lock_` and tries again, ten seconds at most.
 //
 // A flush (param_flush.cpp) makes the log durable, copies it into the database, makes the database durable and empties
-// the log. SQLite itself never flushes: the connection is at synchronous = OFF.
+// the log. The connection is at synchronous = OFF, and at NORMAL only for the cut, which has nothing to flush then.
 //
 // The connection is closed before a fork, because SQLite's state must not be used on the other side. A flush that is
 // under way in another thread is inside fsync() then, at descriptors of our own, and goes on in the parent.
@@ -36,8 +37,8 @@ extern TreeTimes tree_times;
 // A database has one page at least, of 512 bytes at least.
 constexpr off_t smallest_database = 512;
 
-// The log is flushed when it has so many pages, so that it stays below 1 MiB.
-constexpr int flush_pages = 200;
+// The log is flushed when it has so many pages. One transaction may make it longer.
+constexpr int flush_pages = 100;
 
 class [[gnu::visibility("hidden")]] ParamTree {
  public:
@@ -58,16 +59,21 @@ class [[gnu::visibility("hidden")]] ParamTree {
 
   static ParamTree &instance();
 
-  [[nodiscard]] StoreResult read(Operation operation);
+  // `reason` is set to the cause of a failure.
+  [[nodiscard]] StoreResult read(Operation operation, std::string *reason = nullptr);
   // The path is for the log line if the write is lost.
-  [[nodiscard]] StoreResult write(const char *path, Operation operation);
-  // Afterwards params.db alone is the tree, and durable.
-  [[nodiscard]] StoreResult sync();
-  // Why the last operation of any thread failed.
-  [[nodiscard]] std::string cause();
+  [[nodiscard]] StoreResult write(const char *path, Operation operation, std::string *reason = nullptr);
+  // Afterwards params.db alone is the tree, and durable. Waits for readers of other processes, ten seconds at most.
+  [[nodiscard]] StoreResult sync(std::string *reason = nullptr);
 
  private:
-  enum class Flush { sync, threshold, idle };
+  enum class Flush {
+    sync,       // waits until the whole log is in the database
+    finish,     // waits for other flushes only
+    threshold,  // does not wait
+    idle,       // does not wait, and is not done before the log is empty
+  };
+  enum class FlushState { failed, partial, whole };  // how much of the log is in the database, and durable
   struct OpenFile;
   class Patience;
 
@@ -79,7 +85,7 @@ class [[gnu::visibility("hidden")]] ParamTree {
   void disconnect();
   void leave_outdated();
   [[nodiscard]] StoreResult connect(bool locked);
-  [[nodiscard]] StoreResult select_file(struct stat & folder);
+  [[nodiscard]] StoreResult select_file(struct stat & folder, bool locked);
   [[nodiscard]] StoreResult open_store(const struct stat &folder, bool locked);
   [[nodiscard]] StoreResult needs_upgrade(std::string & reason) const;
   [[nodiscard]] bool open_file();
@@ -89,6 +95,7 @@ class [[gnu::visibility("hidden")]] ParamTree {
 
   // Of a file that is not as recorded (param_repair.cpp); the tree's lock is held as well.
   [[nodiscard]] StoreResult repair(const struct stat &folder);
+  [[nodiscard]] StoreResult put_log_aside(const char *event);
   [[nodiscard]] StoreResult create(const struct stat &folder);
   [[nodiscard]] StoreResult accept_replacement(const struct stat &status, Record record);
   [[nodiscard]] StoreResult examine(const struct stat &folder, const struct stat &status);
@@ -97,18 +104,23 @@ class [[gnu::visibility("hidden")]] ParamTree {
   [[nodiscard]] bool is_settled(const struct stat &status, gint64 settled_us) const;
   void record_database(std::uint32_t flags, std::uint32_t generation) const;
 
+  void flush_and_yield();
   [[nodiscard]] StoreResult attempt_write(Operation operation, bool flushed, bool &flush_first);
   [[nodiscard]] StoreResult prepare_write(Record & record, bool flushed, bool &flush_first);
-  void move_time(Record & record) const;
+  [[nodiscard]] StoreResult move_time(Record & record);
+  [[nodiscard]] bool cut_copied_log(Record & record);
   void complain(const std::string &cause);
   void lose_write(const char *path, StoreResult result);
   [[nodiscard]] StoreResult fail(StoreResult result, std::string cause);
   [[nodiscard]] std::string access_of(const std::string &path) const;
 
   // Without lock_.
-  [[nodiscard]] StoreResult flush(Flush kind);
+  [[nodiscard]] StoreResult flush(Flush kind, Patience & patience, std::string & cause);
+  [[nodiscard]] StoreResult attempt_flush(Flush kind, std::string & cause);
   [[nodiscard]] StoreResult carry_out_flush(const std::shared_ptr<OpenFile> &file, const std::string &log,
-                                            bool new_names, Flush kind);
+                                            bool new_names, std::string &cause);
+  void report_failed_flush(const std::string &cause);
+  [[nodiscard]] gint64 wait_for_idleness();
   static gpointer flush_when_idle(gpointer tree);
   // With lock_.
   [[nodiscard]] StoreResult begin_flush(Flush kind, bool &nothing_to_do);
@@ -127,9 +139,12 @@ class [[gnu::visibility("hidden")]] ParamTree {
   gint64 next_look_us_ = 0;
   bool suspect_ = false;  // SQLite found damage: the file is to be examined
   bool swept_ = false;
-  bool folder_flushed_ = false;  // the names of this connection's files are durable
-  bool flushing_ = false;        // a thread of this process holds the tree's lock for a flush
-  bool watching_ = false;        // the thread that waits for idleness runs
+  bool fork_safe_ = false;
+  bool time_reported_ = false;
+  bool folder_flushed_ = false;                  // the names of this connection's files are durable
+  bool flushing_ = false;                        // a thread of this process holds the tree's lock for a flush
+  FlushState flush_state_ = FlushState::failed;  // of the flush that is under way
+  bool watching_ = false;                        // the thread that waits for idleness runs
   gint64 last_write_us_ = 0;
   int next_flush_pages_ = flush_pages;
   std::string cause_;
