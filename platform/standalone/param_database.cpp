@@ -112,6 +112,14 @@ StoreResult open_database(const std::string &file, Database &database, std::stri
   return failure(raw, reason);
 }
 
+StoreResult open_without_log(const std::string &file, Database &database, std::string &reason) {
+  const Text uri(g_filename_to_uri(file.c_str(), nullptr, nullptr));
+  if (uri == nullptr) return StoreResult::failed;
+  const int flags = SQLITE_OPEN_READONLY | SQLITE_OPEN_URI;
+  if (open_for(uri.get() + std::string("?immutable=1"), flags, database) == SQLITE_OK) return StoreResult::ok;
+  return failure(database.get(), reason);
+}
+
 StoreResult check_tree(sqlite3 *database, int &version, std::string &reason) {
   const auto id = number_of(database, "PRAGMA application_id");
   if (!id) return failure(database, reason);

@@ -32,6 +32,9 @@ using Database = Handle<sqlite3, sqlite3_close_v2>;
 
 // The file is opened for writing, or for reading only if it is not writable. No statement waits for another process.
 [[nodiscard]] StoreResult open_database(const std::string &file, Database &database, std::string &reason);
+// Reads the file alone, as it is. No other connection of the process may have it open: closing this one drops its
+// locks.
+[[nodiscard]] StoreResult open_without_log(const std::string &file, Database &database, std::string &reason);
 // Whether it is a tree that this release can use: ok, newer, foreign, busy, damaged or failed. `version` is its own.
 [[nodiscard]] StoreResult check_tree(sqlite3 *database, int &version, std::string &reason);
 // Reads every page. ok or damaged, or what kept the check from being done.

@@ -147,7 +147,32 @@ StoreResult ParamTree::examine(const struct stat &folder, const struct stat &sta
   if (result == StoreResult::ok) suspect_ = false;
   if (result != StoreResult::damaged) return fail(result, reason);
   if (!is_settled(status, tree_times.damage_settled_us)) return fail(StoreResult::busy, reason);
-  return start_anew(folder, reason);
+  return is_whole_without_log() ? drop_damaged_log(reason) : start_anew(folder, reason);
+}
+
+// Whether only the log is damaged. A flush that was cut off may have left half of it in the database.
+bool ParamTree::is_whole_without_log() const {
+  struct stat log = {};
+  if (stat((file_name_ + "-wal").c_str(), &log) != 0 || log.st_size == 0) return false;
+  Database database;
+  std::string ignored;
+  int version = 0;
+  return open_without_log(file_name_, database, ignored) == StoreResult::ok &&
+         check_tree(database.get(), version, ignored) == StoreResult::ok &&
+         check_pages(database.get(), ignored) == StoreResult::ok;
+}
+
+StoreResult ParamTree::drop_damaged_log(const std::string &damage) {
+  if (set_log_aside(file_name_) == LogAside::failed) {
+    return fail(StoreResult::failed, system_reason("the damaged log cannot be set aside", errno));
+  }
+  syslog(LOG_ERR,
+         "Parameter tree %s: %s; the log of the last changes is damaged and kept as %s-wal.old, and the tree is as it "
+         "was before them",
+         file_name_.c_str(), damage.c_str(), file_name_.c_str());
+  record_database(Record::flushed, side_->load().generation + 1);
+  suspect_ = false;
+  return StoreResult::ok;
 }
 
 StoreResult ParamTree::start_anew(const struct stat &folder, const std::string &damage) {

@@ -99,6 +99,8 @@ class [[gnu::visibility("hidden")]] ParamTree {
   [[nodiscard]] StoreResult create(const struct stat &folder);
   [[nodiscard]] StoreResult accept_replacement(const struct stat &status, Record record);
   [[nodiscard]] StoreResult examine(const struct stat &folder, const struct stat &status);
+  [[nodiscard]] bool is_whole_without_log() const;
+  [[nodiscard]] StoreResult drop_damaged_log(const std::string &damage);
   [[nodiscard]] StoreResult start_anew(const struct stat &folder, const std::string &damage);
   [[nodiscard]] bool has_foreign_checkpoint(const Record &record, LogState &log) const;
   [[nodiscard]] bool is_settled(const struct stat &status, gint64 settled_us) const;

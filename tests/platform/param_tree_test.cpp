@@ -3,18 +3,33 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
 #include <filesystem>
+#include <fstream>
+#include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "interpose.h"
 #include "parameter_tree.h"
 
 namespace {
+
+struct FlushCall {
+  bool with_times;  // fsync(), not fdatasync()
+  ino_t inode;
+};
+std::vector<FlushCall> flush_calls;
+std::function<void()> before_next_flush;
+std::atomic<bool> in_test_of_flushes = false;
 
 using namespace ptz_test;
 using namespace ptz::platform;
@@ -73,4 +88,256 @@ TEST_F(OlderTree, OpenedWhileAnotherProcessHoldsTheLockIsReportedAndNotTakenForD
   EXPECT_FALSE(fs::exists(file + ".damaged-1"));
 }
 
+// --- flushes ------------------------------------------------------------------------------------------------------
+
+// A child process that has run a function and then waits for its end.
+class HeldProcess {
+  int end_[2] = {};
+  pid_t pid_ = 0;
+
+ public:
+  explicit HeldProcess(const std::function<void()> &function) {
+    int ready[2];
+    EXPECT_EQ(pipe(ready), 0);
+    EXPECT_EQ(pipe(end_), 0);
+    pid_ = start([&] {
+      close(end_[1]);
+      function();
+      char byte = 'r';
+      EXPECT_EQ(::write(ready[1], &byte, 1), 1);
+      _exit(static_cast<int>(::read(end_[0], &byte, 1)));
+    });
+    close(ready[1]);
+    char byte = 0;
+    EXPECT_EQ(::read(ready[0], &byte, 1), 1);
+    close(ready[0]);
+  }
+  HeldProcess(const HeldProcess &) = delete;
+  ~HeldProcess() {
+    close(end_[0]);
+    close(end_[1]);
+    EXPECT_EQ(wait_for(pid_), 0);
+  }
+};
+
+struct Flushed : ParameterTree {
+  Flushed() { tree_times.busy_limit_us = 200'000; }
+  ~Flushed() override {
+    tree_times = {};
+    before_next_flush = nullptr;
+    in_test_of_flushes = false;
+  }
+  [[nodiscard]] ino_t inode_of(const std::string &suffix) const {
+    struct stat status = {};
+    EXPECT_EQ(stat((file + suffix).c_str(), &status), 0);
+    return status.st_ino;
+  }
+  void begin_read() const {
+    sqlite3 *database = nullptr;
+    ASSERT_EQ(sqlite3_open(file.c_str(), &database), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(database, "BEGIN; SELECT count(*) FROM parameters", nullptr, nullptr, nullptr), SQLITE_OK);
+  }
+  void expect_in_database_alone(const std::string &path, const std::string &text) const {
+    const TempDir elsewhere;
+    fs::copy_file(file, elsewhere.file("params.db"));
+    EXPECT_EQ(wait_for(start([&] {
+                setenv("PTZ_PLATFORM_STATE_DIR", elsewhere.path().c_str(), 1);
+                EXPECT_EQ(get(path), value(text));
+              })),
+              0);
+  }
+};
+
+TEST_F(Flushed, SyncBesideAReaderThatStaysFailsAndNamesTheReader) {
+  ASSERT_EQ(set("root.A", "1"), 0);
+  {
+    const HeldProcess reader([this] { begin_read(); });
+    ASSERT_EQ(set("root.B", "2"), 0);
+    EXPECT_EQ(sync_tree(), PARAM_SERVICE_STORAGE);
+    EXPECT_EQ(log.containing("a reader of another process keeps the log"), 1U) << testing::PrintToString(log.lines());
+    EXPECT_EQ(get("root.B"), value("2"));
+  }
+  EXPECT_EQ(sync_tree(), 0);
+  expect_in_database_alone("root.B", "2");
+}
+
+TEST_F(Flushed, SyncBesideAReaderThatEndsSucceedsAndTheDatabaseAloneHoldsEverything) {
+  tree_times.busy_limit_us = 10'000'000;
+  ASSERT_EQ(set("root.A", "1"), 0);
+  const pid_t reader = start([this] {
+    begin_read();
+    raise(SIGSTOP);
+    g_usleep(100'000);
+    _exit(0);
+  });
+  int status = 0;
+  ASSERT_EQ(waitpid(reader, &status, WUNTRACED), reader);
+  ASSERT_EQ(set("root.B", "2"), 0);
+  ASSERT_EQ(kill(reader, SIGCONT), 0);
+  EXPECT_EQ(sync_tree(), 0);
+  expect_in_database_alone("root.B", "2");
+  EXPECT_EQ(wait_for(reader), 0);
+}
+
+// After a power cut, a record that names a time which the file does not have means another file.
+TEST_F(Flushed, MovedTimeIsDurableBeforeTheRecordAndTheCopyWithItsTimeAtTheEnd) {
+  ASSERT_EQ(set("root.A", "1"), 0);
+  ASSERT_EQ(sync_tree(), 0);
+  ASSERT_EQ(set("root.B", "2"), 0);
+  flush_calls.clear();
+  in_test_of_flushes = true;
+  ASSERT_EQ(sync_tree(), 0);
+  in_test_of_flushes = false;
+  ASSERT_GE(flush_calls.size(), 4U);
+  EXPECT_TRUE(flush_calls.front().with_times);
+  EXPECT_EQ(flush_calls.front().inode, inode_of(""));
+  EXPECT_EQ(flush_calls[1].inode, inode_of("-lock"));
+  EXPECT_TRUE(flush_calls.back().with_times);
+  EXPECT_EQ(flush_calls.back().inode, inode_of(""));
+}
+
+TEST_F(Flushed, FileThatIsPutInPlaceDuringAFlushGetsNothingOfTheLog) {
+  tree_times.busy_limit_us = 10'000'000;
+  for (int i = 0; i < 60; ++i) ASSERT_EQ(set("root.G" + std::to_string(i) + ".P", "old"), 0);
+  ASSERT_EQ(sync_tree(), 0);
+  fs::copy_file(file, dir.file("backup"));
+  for (int i = 0; i < 60; ++i) ASSERT_EQ(set("root.G" + std::to_string(i) + ".P", "new"), 0);
+  before_next_flush = [this] { write(file, read(dir.file("backup"))); };
+  static_cast<void>(sync_tree());
+  for (int i = 0; i < 60; ++i) ASSERT_EQ(get("root.G" + std::to_string(i) + ".P"), value("old")) << i;
+  EXPECT_EQ(log.containing("was replaced by another file"), 1U) << testing::PrintToString(log.lines());
+  EXPECT_FALSE(fs::exists(file + ".damaged-1"));
+}
+
+TEST_F(Flushed, FailureOfAFlushThatNothingWaitsForIsLogged) {
+  before_next_flush = [] { errno = EIO; };
+  for (int i = 0; i < 400; ++i) ASSERT_EQ(set("root.G" + std::to_string(i) + ".P", std::string(500, 'v')), 0);
+  EXPECT_EQ(log.containing("cannot be flushed: Input/output error"), 1U) << testing::PrintToString(log.lines());
+}
+
+// --- files in the way ---------------------------------------------------------------------------------------------
+
+using InTheWay = Flushed;
+
+TEST_F(InTheWay, LogOfAReplacedDatabaseThatCannotBeSetAsideIsReportedAndNotReplayed) {
+  ASSERT_EQ(set("root.A", "old"), 0);
+  ASSERT_EQ(sync_tree(), 0);
+  fs::copy_file(file, dir.file("backup"));
+  ASSERT_EQ(set("root.A", "new"), 0);
+  fs::create_directory(file + "-wal.old");
+  fs::last_write_time(dir.file("backup"), fs::last_write_time(file) - std::chrono::hours(1));
+  fs::rename(dir.file("backup"), file);
+  connect_anew();
+  EXPECT_EQ(get("root.A").error, PARAM_SERVICE_STORAGE);
+  EXPECT_EQ(log.containing("cannot be set aside"), 1U) << testing::PrintToString(log.lines());
+  EXPECT_EQ(log.containing("is kept in"), 0U);
+  fs::remove(file + "-wal.old");
+  EXPECT_EQ(get("root.A"), value("old"));
+  EXPECT_TRUE(fs::exists(file + "-wal.old"));
+}
+
+TEST_F(InTheWay, JournalBesideAReplacedDatabaseIsKeptAndNotRolledBack) {
+  ASSERT_EQ(set("root.A", "old"), 0);
+  ASSERT_EQ(sync_tree(), 0);
+  fs::copy_file(file, dir.file("backup"));
+  write(file + "-journal", "of another database");
+  fs::last_write_time(dir.file("backup"), fs::last_write_time(file) - std::chrono::hours(1));
+  fs::rename(dir.file("backup"), file);
+  connect_anew();
+  EXPECT_EQ(get("root.A"), value("old"));
+  EXPECT_FALSE(fs::exists(file + "-journal"));
+  EXPECT_EQ(read(file + "-journal.old"), "of another database");
+}
+
+TEST_F(InTheWay, LockFileThatWasReplacedIsNotUsedByAWriterThatHasTheOldOneOpen) {
+  int go[2], ready[2];
+  ASSERT_EQ(pipe(go), 0);
+  ASSERT_EQ(pipe(ready), 0);
+  // A fork closes the connection, so the child is there before the parent connects.
+  const pid_t holder = start([&] {
+    char byte = 0;
+    ASSERT_EQ(::read(go[0], &byte, 1), 1);
+    fs::remove(file + "-lock");
+    write(file + "-lock", "");
+    const int lock = open((file + "-lock").c_str(), O_RDWR);
+    struct flock whole = {};
+    whole.l_type = F_WRLCK;
+    ASSERT_EQ(fcntl(lock, F_SETLK, &whole), 0);
+    ASSERT_EQ(::write(ready[1], &byte, 1), 1);
+    ASSERT_EQ(::read(go[0], &byte, 1), 1);
+  });
+  char byte = 'g';
+  ASSERT_EQ(set("root.A", "1"), 0);
+  ASSERT_EQ(::write(go[1], &byte, 1), 1);
+  ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+  EXPECT_EQ(set("root.A", "2"), PARAM_SERVICE_STORAGE);
+  EXPECT_EQ(get("root.A"), value("1"));
+  ASSERT_EQ(::write(go[1], &byte, 1), 1);
+  EXPECT_EQ(wait_for(holder), 0);
+  EXPECT_EQ(set("root.A", "3"), 0);
+  connect_anew();
+  EXPECT_EQ(get("root.A"), value("3"));
+}
+
+TEST_F(InTheWay, SymbolicLinkKeepsTheAccessOfItsTarget) {
+  ASSERT_EQ(set("root.A", "1"), 0);
+  const TempDir elsewhere;
+  const std::string target = elsewhere.file("target");
+  write(target, "secret");
+  for (const char *suffix : {"-wal", "-shm", "-lock", ""}) {
+    ASSERT_EQ(chmod(target.c_str(), 0640), 0);
+    connect_anew();
+    fs::remove(file + suffix);
+    fs::create_symlink(target, file + suffix);
+    static_cast<void>(get("root.A"));
+    struct stat status = {};
+    ASSERT_EQ(stat(target.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0640U) << suffix;
+    fs::remove(file + suffix);
+  }
+  EXPECT_EQ(read(target), "secret");
+}
+
+TEST_F(InTheWay, SymbolicLinkInPlaceOfTheDatabaseIsReported) {
+  const TempDir elsewhere;
+  fs::create_symlink(elsewhere.file("params.db"), file);
+  EXPECT_EQ(set("root.A", "1"), PARAM_SERVICE_STORAGE);
+  EXPECT_EQ(log.containing("is a symbolic link"), 1U) << testing::PrintToString(log.lines());
+}
+
+// The log's frames have checksums, which SQLite does not read while other processes have the index of the log.
+TEST_F(InTheWay, DamagedLogIsSetAsideAndTheDatabaseKept) {
+  tree_times.busy_limit_us = 10'000'000;
+  for (int i = 0; i < 60; ++i) ASSERT_EQ(set("root.G" + std::to_string(i) + ".P", "synced"), 0);
+  ASSERT_EQ(sync_tree(), 0);
+  for (int i = 0; i < 60; ++i) ASSERT_EQ(set("root.G" + std::to_string(i) + ".P", "in the log"), 0);
+  tree_times.damage_settled_us = 0;
+  const HeldProcess other([] { EXPECT_EQ(get("root.G0.P"), value("in the log")); });
+  auto bytes = read(file + "-wal");
+  for (std::size_t i = 56; i < bytes.size(); ++i) bytes[i] = static_cast<char>(i * 7919);
+  {
+    std::fstream stream(file + "-wal", std::ios::binary | std::ios::in | std::ios::out);
+    stream.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  }
+  connect_anew();
+  for (int i = 0; i < 60; ++i) ASSERT_EQ(get("root.G" + std::to_string(i) + ".P"), value("synced")) << i;
+  EXPECT_EQ(log.containing("the log of the last changes is damaged"), 1U) << testing::PrintToString(log.lines());
+  EXPECT_FALSE(fs::exists(file + ".damaged-1"));
+}
+
+int before_flush(int fd, bool with_times) {
+  if (in_test_of_flushes) {
+    struct stat status = {};
+    EXPECT_EQ(fstat(fd, &status), 0);
+    flush_calls.push_back({with_times, status.st_ino});
+  }
+  const auto hook = std::exchange(before_next_flush, nullptr);
+  errno = 0;
+  if (hook) hook();
+  return errno == EIO ? -1 : 0;
+}
+
 }  // namespace
+
+INTERPOSE(int, fdatasync, (int fd)) { return before_flush(fd, false) != 0 ? -1 : REAL(fdatasync)(fd); }
+INTERPOSE(int, fsync, (int fd)) { return before_flush(fd, true) != 0 ? -1 : REAL(fsync)(fd); }
