@@ -16,7 +16,8 @@ G_BEGIN_DECLS
  *
  * Writes one consistent snapshot of the parameter tree to a file. The file is replaced as a whole and is durable when the
  * function returns; if it fails, an existing file is unchanged. Other processes may read and write the tree meanwhile.
- * Only the user can read the file. The tree's own database is no valid @file (%G_IO_ERROR_INVALID_ARGUMENT).
+ * Only the user can read the file. A file of the tree itself is no valid @file (%G_IO_ERROR_INVALID_ARGUMENT). Reads of
+ * other threads go on; the copy is held in memory.
  *
  * Thread: any; blocks on the storage.
  *
@@ -31,8 +32,10 @@ gboolean param_service_backup (const gchar *file, GError **error);
  * @file: (type filename): a file that param_service_backup() wrote, or a copy of a parameter database
  * @error: return location for an error, or `NULL`
  *
- * Replaces the whole parameter tree by the content of a file, in one transaction. Other processes see the old tree or the
- * new one, never a mixture. If it fails, the tree is unchanged.
+ * Replaces the whole parameter tree by the content of a file, as a whole. Other processes see the old tree or the new one,
+ * never a mixture, and follow within two seconds. Reads of other threads go on; writes wait until the new tree is on the
+ * storage, and a fork() waits until @file is checked. If it fails, the tree is unchanged, unless the message says that it
+ * is restored and may not survive a power failure.
  *
  * Thread: any; blocks on the storage.
  *

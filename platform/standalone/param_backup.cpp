@@ -4,6 +4,7 @@
 #include <gio/gio.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <string>
@@ -42,29 +43,45 @@ gboolean set_error(GError **error, const char *file, StoreResult result, const s
   return FALSE;
 }
 
-// All pages of one database, in one read transaction.
-int copy_pages(sqlite3 *from, sqlite3 *to) {
-  sqlite3_backup *backup = sqlite3_backup_init(to, "main", from, "main");
-  if (backup == nullptr) return sqlite3_errcode(to);
-  const int copied = sqlite3_backup_step(backup, -1);
-  const int finished = sqlite3_backup_finish(backup);
-  return copied == SQLITE_DONE ? finished : copied;
+constexpr int first_step_pages = 20;
+constexpr gulong step_pause_us = 100;
+// In the header of a database: the journal modes of its readers and its writers.
+constexpr std::size_t read_mode_at = 18, write_mode_at = 19;
+constexpr char rollback_mode = 1, log_mode = 2;
+
+Database memory_database() {
+  sqlite3 *raw = nullptr;
+  sqlite3_open_v2(":memory:", &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
+  return Database(raw);
 }
 
-// A rollback-mode database, which is one file at any time and can be opened in a folder that is not writable.
-StoreResult write_copy(sqlite3 *tree, const std::string &file, std::string &reason) {
-  Database copy;
-  StoreResult result = open_database(file, copy, reason);
-  if (result != StoreResult::ok) return result;
-  int code = copy_pages(tree, copy.get());
-  if (code == SQLITE_OK) code = execute(copy.get(), "PRAGMA journal_mode = DELETE");
-  if (code != SQLITE_OK) reason = sqlite3_errstr(code);
-  return result_of(code);
+// Copies the tree a few pages at a time, so that reads of other threads go on. SQLite begins again if another process
+// has written; the steps then become longer, until the last one is the whole tree.
+StoreResult copy_tree(sqlite3 *to, std::string &reason) {
+  int pages = first_step_pages, remaining = -1;
+  while (true) {
+    PageCopy copied;
+    const auto result = ParamTree::instance().read(
+        [&](ParamStore &store) {
+          copied = store.copy_pages_to(to, pages);
+          return copied.result;
+        },
+        &reason);
+    if (result != StoreResult::ok || copied.remaining == 0) return result;
+    if (remaining >= 0 && copied.remaining >= remaining) pages = std::min(2 * pages, 1 << 20);
+    remaining = copied.remaining;
+    g_usleep(step_pause_us);
+  }
 }
 
-bool flush_path(const std::string &path, int flags) {
-  const ptz::UniqueFd fd(open(path.c_str(), flags | O_CLOEXEC));
-  return fd && (fsync(fd.get()) == 0 || errno == EINVAL);
+// The file that the database would be, in the given journal mode. Empty if there is no memory.
+std::string image_of(sqlite3 *database, char mode) {
+  sqlite3_int64 size = 0;
+  const ptz::Handle<unsigned char, sqlite3_free> bytes(sqlite3_serialize(database, "main", &size, 0));
+  if (bytes == nullptr || size < smallest_database) return "";
+  std::string image(reinterpret_cast<const char *>(bytes.get()), static_cast<std::size_t>(size));
+  image[read_mode_at] = image[write_mode_at] = mode;
+  return image;
 }
 
 std::string folder_containing(const std::string &file) {
@@ -72,13 +89,24 @@ std::string folder_containing(const std::string &file) {
   return slash == std::string::npos ? "." : file.substr(0, slash + 1);
 }
 
-// Whether the file is the tree's own database, which is no place for a backup and no source of one.
+bool is_same(const std::string &one, const std::string &other) {
+  struct stat first = {}, second = {};
+  return stat(one.c_str(), &first) == 0 && stat(other.c_str(), &second) == 0 && first.st_dev == second.st_dev &&
+         first.st_ino == second.st_ino;
+}
+
+// Whether the file is one of the tree's own, which is no place for a backup and no source of one.
 bool is_tree(const char *file) {
-  struct stat given = {}, own = {};
   bool same = false;
+  const std::string given(file);
   const auto result = ParamTree::instance().read([&](ParamStore &store) {
-    const char *path = sqlite3_db_filename(store.database(), "main");
-    same = stat(file, &given) == 0 && stat(path, &own) == 0 && given.st_dev == own.st_dev && given.st_ino == own.st_ino;
+    const std::string path = sqlite3_db_filename(store.database(), "main");
+    const bool in_folder = is_same(folder_containing(given), folder_of(path));
+    for (const char *suffix : {"", "-wal", "-shm", "-lock", "-journal"}) {
+      const std::string own = path + suffix;
+      const bool named = in_folder && given.substr(given.rfind('/') + 1) == own.substr(own.rfind('/') + 1);
+      same = same || named || is_same(given, own);
+    }
     return StoreResult::ok;
   });
   return result == StoreResult::ok && same;
@@ -89,33 +117,39 @@ gboolean refuse_tree(GError **error, const char *file) {
   return FALSE;
 }
 
-// A database in memory: the file is read once, and brought up to date without a change of it.
+// A database in memory: the file is read once, and is brought up to date there. If it has a log, it is opened for
+// writing, which may make an index of the log beside it.
 StoreResult load(const std::string &file, Database &loaded, std::string &reason) {
-  sqlite3 *raw = nullptr;
-  // Without a log beside it, the file may be where nothing can be written.
+  const ForkGate gate;
   const bool has_log = access((file + "-wal").c_str(), F_OK) == 0;
-  const ptz::Text uri(g_filename_to_uri(file.c_str(), nullptr, nullptr));
-  if (uri == nullptr) return StoreResult::failed;
-  const std::string name = uri.get() + std::string(has_log ? "" : "?immutable=1");
-  const int flags = (has_log ? SQLITE_OPEN_READWRITE : SQLITE_OPEN_READONLY) | SQLITE_OPEN_URI | SQLITE_OPEN_NOMUTEX;
-  int code = sqlite3_open_v2(name.c_str(), &raw, flags, nullptr);
-  const Database source(raw);
-  sqlite3_db_config(raw, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+  Database source;
+  StoreResult result = has_log ? open_database(file, source, reason) : open_without_log(file, source, reason);
   int version = 0;
-  StoreResult result = result_of(code);
-  reason = sqlite3_errstr(code);
-  if (result == StoreResult::ok) result = check_tree(raw, version, reason);
-  if (result == StoreResult::ok) result = check_pages(raw, reason);
+  if (result == StoreResult::ok) result = check_tree(source.get(), version, reason);
+  if (result == StoreResult::ok) result = check_pages(source.get(), reason);
   if (result != StoreResult::ok) return result;
-  raw = nullptr;
-  code = sqlite3_open_v2(":memory:", &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
-  loaded.reset(raw);
-  if (code == SQLITE_OK) code = copy_pages(source.get(), raw);
-  if (code != SQLITE_OK) {
-    reason = sqlite3_errstr(code);
-    return result_of(code);
+  loaded = memory_database();
+  sqlite3_backup *backup = sqlite3_backup_init(loaded.get(), "main", source.get(), "main");
+  static_cast<void>(sqlite3_backup_step(backup, -1));
+  if (const int code = sqlite3_backup_finish(backup); backup == nullptr || code != SQLITE_OK) {
+    reason = sqlite3_errmsg(loaded.get());
+    return backup != nullptr ? result_of(code) : StoreResult::failed;
   }
-  return upgrade(raw, version, schema.steps, schema.version, reason);
+  return upgrade(loaded.get(), version, schema.steps, schema.version, reason);
+}
+
+// Writes a temporary file beside the file and renames it. Returns false with errno set.
+bool replace_file(const std::string &file, const std::string &bytes) {
+  std::string temporary = file + ".new-XXXXXX";
+  ptz::UniqueFd fd(mkostemp(temporary.data(), O_CLOEXEC));
+  if (!fd) return false;
+  if (write_whole(fd.get(), bytes) && fsync(fd.get()) == 0 && rename(temporary.c_str(), file.c_str()) == 0) {
+    return flush_folder(folder_containing(file));
+  }
+  const int error = errno;
+  unlink(temporary.c_str());
+  errno = error;
+  return false;
 }
 
 }  // namespace
@@ -123,35 +157,19 @@ StoreResult load(const std::string &file, Database &loaded, std::string &reason)
 gboolean param_service_backup(const gchar *file, GError **error) {
   g_return_val_if_fail(file != nullptr, FALSE);
   if (is_tree(file)) return refuse_tree(error, file);
-  std::string temporary = std::string(file) + ".new-XXXXXX";
-  ptz::UniqueFd fd(mkostemp(temporary.data(), O_CLOEXEC));
-  if (!fd) {
-    set_system_error(error, file, errno);
-    return FALSE;
+  Database copy = memory_database();
+  std::string reason, image;
+  const StoreResult result = copy_tree(copy.get(), reason);
+  {
+    const ForkGate gate;
+    if (result == StoreResult::ok) image = image_of(copy.get(), rollback_mode);
+    copy.reset();
   }
-  fd.reset();
-  std::string reason;
-  StoreResult result = StoreResult::failed;
-  std::string cause;
-  const auto read = ParamTree::instance().read(
-      [&](ParamStore &store) {
-        result = write_copy(store.database(), temporary, reason);
-        // Other failures are those of the copy, and no reason to doubt the tree.
-        return result == StoreResult::busy || result == StoreResult::damaged ? result : StoreResult::ok;
-      },
-      &cause);
-  if (read != StoreResult::ok) result = read;
-  gboolean written = FALSE;
-  if (result != StoreResult::ok) {
-    set_error(error, file, result, reason.empty() ? cause : reason);
-  } else if (!flush_path(temporary, O_RDWR) || rename(temporary.c_str(), file) != 0 ||
-             !flush_path(folder_containing(file), O_RDONLY | O_DIRECTORY)) {
-    set_system_error(error, file, errno);
-  } else {
-    written = TRUE;
-  }
-  if (!written) unlink(temporary.c_str());
-  return written;
+  if (result != StoreResult::ok) return set_error(error, file, result, reason);
+  if (image.empty()) return set_error(error, file, StoreResult::failed, "no memory for a copy of the tree");
+  if (replace_file(file, image)) return TRUE;
+  set_system_error(error, file, errno);
+  return FALSE;
 }
 
 gboolean param_service_restore(const gchar *file, GError **error) {
@@ -162,13 +180,20 @@ gboolean param_service_restore(const gchar *file, GError **error) {
     return FALSE;
   }
   if (is_tree(file)) return refuse_tree(error, file);
+  if (status.st_size < smallest_database) return set_error(error, file, StoreResult::damaged, "is empty");
   const ptz::Text path(g_canonicalize_filename(file, nullptr));
   Database source;
-  std::string reason;
-  StoreResult result = status.st_size < smallest_database ? StoreResult::damaged : load(path.get(), source, reason);
-  if (result != StoreResult::ok) return set_error(error, file, result, reason.empty() ? "is empty" : reason);
-  result = ParamTree::instance().write(
-      "(all)", [&](ParamStore &store) { return store.replace_by(source.get()); }, &reason);
-  if (result == StoreResult::ok) result = ParamTree::instance().sync(&reason);
+  std::string reason, image;
+  StoreResult result = load(path.get(), source, reason);
+  {
+    const ForkGate gate;
+    if (result == StoreResult::ok) image = image_of(source.get(), log_mode);
+    source.reset();
+  }
+  if (result == StoreResult::ok && image.empty()) {
+    result = StoreResult::failed;
+    reason = "no memory for a copy of the tree";
+  }
+  if (result == StoreResult::ok) result = ParamTree::instance().replace_by(image, reason);
   return result == StoreResult::ok ? TRUE : set_error(error, file, result, reason);
 }

@@ -91,6 +91,21 @@ bool create_shared_file(const std::string &path, const struct stat &folder) {
   return made;
 }
 
+bool write_whole(int fd, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t count = write(fd, bytes.data(), bytes.size());
+    if (count < 0 && errno != EINTR) return false;
+    if (count > 0) bytes.remove_prefix(static_cast<std::size_t>(count));
+  }
+  return true;
+}
+
+bool flush_folder(const std::string &path) {
+  const UniqueFd folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  // Not every folder that may be written may be read, and not every file system can flush one.
+  return !folder || fsync(folder.get()) == 0 || errno == EINVAL;
+}
+
 void sweep_temporaries(const std::string &file) {
   const std::string folder = folder_of(file), name = file.substr(folder.size() + 1);
   const std::string ours = name + temporary_infix, of_lock = name + "-lock" + temporary_infix;

@@ -7,6 +7,7 @@
 #include <time.h>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace ptz::platform {
 
@@ -36,6 +37,10 @@ bool create_shared_file(const std::string &path, const struct stat &folder);
 
 // A new temporary file "<file>.new-XXXXXX" with the folder's access, or -1 with errno set.
 [[nodiscard]] int open_temporary(const std::string &file, const struct stat &folder, std::string &name);
+
+// Both return false with errno set.
+[[nodiscard]] bool write_whole(int fd, std::string_view bytes);
+[[nodiscard]] bool flush_folder(const std::string &path);
 
 // Removes "<file>.new-*" that a killed process left. The caller holds the tree's lock; the lock's own temporary files
 // are made without it, so these are removed only if they are a minute old.

@@ -25,12 +25,6 @@ bool flush_log(const std::string &path) {
   return fdatasync(log.get()) == 0;
 }
 
-// The names of the files, which may be new.
-bool flush_folder(const std::string &path) {
-  const UniqueFd folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  return !folder || fsync(folder.get()) == 0 || errno == EINVAL;
-}
-
 }  // namespace
 
 StoreResult ParamTree::sync(std::string *reason) {

@@ -28,6 +28,12 @@ struct PathParts {
 
 using Names = std::vector<std::string>;
 
+// A step of a copy of all pages.
+struct PageCopy {
+  StoreResult result = StoreResult::failed;
+  int remaining = 0;  // pages; 0 when the copy is complete
+};
+
 // The statements on one open database. Not thread-safe.
 class [[gnu::visibility("hidden")]] ParamStore {
  public:
@@ -45,8 +51,9 @@ class [[gnu::visibility("hidden")]] ParamStore {
   [[nodiscard]] StoreResult delete_group(std::string_view path);
   [[nodiscard]] StoreResult list_parameters(std::string_view group, Names & names);
   [[nodiscard]] StoreResult list_groups(std::string_view group, Names & names);
-  // Replaces the tree by that of another database of the same version, in one transaction.
-  [[nodiscard]] StoreResult replace_by(sqlite3 * source);
+  // Copies so many more pages to another database. Called until nothing remains. The connection is in use for the copy
+  // until then, or until it is closed; the next call on another connection begins the copy again.
+  [[nodiscard]] PageCopy copy_pages_to(sqlite3 * database, int pages);
 
   // Copies as much of the log into the database as readers permit; `whole` says whether that is all of it.
   [[nodiscard]] StoreResult checkpoint(bool &whole);
@@ -100,6 +107,8 @@ class [[gnu::visibility("hidden")]] ParamStore {
   }
 
   Database database_;
+  // By the database that is copied to. They are finished before the connection is closed.
+  std::map<sqlite3 *, Handle<sqlite3_backup, sqlite3_backup_finish>> copies_;
   std::array<Statement, query_count> statements_;
   int last_code_ = SQLITE_OK;
   int log_pages_ = 0;

@@ -1,47 +1,22 @@
 // The write-ahead log of a store, and whole trees.
+#include <algorithm>
 #include <cstring>
 
 #include "param_store.h"
 
 namespace ptz::platform {
-namespace {
 
-int copy_rows(sqlite3 *from, const char *query, sqlite3 *to, const char *insertion) {
-  sqlite3_stmt *raw_query = nullptr, *raw_insertion = nullptr;
-  int code = sqlite3_prepare_v2(from, query, -1, &raw_query, nullptr);
-  const Handle<sqlite3_stmt, sqlite3_finalize> rows(raw_query);
-  if (code == SQLITE_OK) code = sqlite3_prepare_v2(to, insertion, -1, &raw_insertion, nullptr);
-  const Handle<sqlite3_stmt, sqlite3_finalize> inserted(raw_insertion);
-  if (code != SQLITE_OK) return code;
-  while ((code = sqlite3_step(rows.get())) == SQLITE_ROW) {
-    for (int column = 0; column < sqlite3_column_count(rows.get()); ++column) {
-      code = sqlite3_bind_value(inserted.get(), column + 1, sqlite3_column_value(rows.get(), column));
-      if (code != SQLITE_OK) return code;
-    }
-    code = sqlite3_step(inserted.get());
-    sqlite3_reset(inserted.get());
-    if (code != SQLITE_DONE) return code;
+PageCopy ParamStore::copy_pages_to(sqlite3 *database, int pages) {
+  auto &copy = copies_[database];
+  if (copy == nullptr) copy.reset(sqlite3_backup_init(database, "main", database_.get(), "main"));
+  if (copy == nullptr) {
+    copies_.erase(database);
+    return {answer(sqlite3_errcode(database)), 0};
   }
-  return code == SQLITE_DONE ? SQLITE_OK : code;
-}
-
-}  // namespace
-
-StoreResult ParamStore::replace_by(sqlite3 *source) {
-  next_numbers_.clear();
-  sqlite3 *own = database_.get();
-  return in_transaction([&] {
-    int code = execute(own, "DELETE FROM parameters; DELETE FROM groups");
-    if (code == SQLITE_OK) {
-      code = copy_rows(source, "SELECT grp, name, value FROM parameters", own,
-                       "INSERT INTO parameters (grp, name, value) VALUES (?, ?, ?)");
-    }
-    if (code == SQLITE_OK) {
-      code =
-          copy_rows(source, "SELECT parent, name FROM groups", own, "INSERT INTO groups (parent, name) VALUES (?, ?)");
-    }
-    return answer(code);
-  });
+  const int code = sqlite3_backup_step(copy.get(), pages);
+  if (code == SQLITE_OK) return {StoreResult::ok, std::max(sqlite3_backup_remaining(copy.get()), 1)};
+  copies_.erase(database);
+  return {answer(code), 0};
 }
 
 StoreResult ParamStore::checkpoint(bool &whole) {

@@ -29,9 +29,17 @@ bool is_answer(StoreResult result) {
   }
 }
 
+GMutex fork_gate = {};
+
 }  // namespace
 
 TreeTimes tree_times;
+
+ForkGate::ForkGate() {
+  static_cast<void>(ParamTree::instance());  // its handlers of fork() take the gate
+  g_mutex_lock(&fork_gate);
+}
+ForkGate::~ForkGate() { g_mutex_unlock(&fork_gate); }
 
 bool ParamTree::Patience::is_over() {
   const gint64 now_us = g_get_monotonic_time();
@@ -53,15 +61,20 @@ ParamTree &ParamTree::instance() {
 ParamTree::ParamTree() {
   fork_safe_ = pthread_atfork(
                    [] {
+                     g_mutex_lock(&fork_gate);
                      g_mutex_lock(&instance().lock_);
                      instance().disconnect();
                    },
-                   [] { g_mutex_unlock(&instance().lock_); },
                    [] {
-                     instance().flushing_ = instance().watching_ =
-                         false;  // the threads are the parent's, and so are the locks
+                     g_mutex_unlock(&instance().lock_);
+                     g_mutex_unlock(&fork_gate);
+                   },
+                   [] {
+                     // The threads are the parent's, and so are the locks of files.
+                     instance().flushing_ = instance().watching_ = false;
                      instance().next_line_us_ = 0;
                      g_mutex_unlock(&instance().lock_);
+                     g_mutex_unlock(&fork_gate);
                    }) == 0;
 }
 

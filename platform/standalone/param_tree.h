@@ -1,6 +1,7 @@
 // platform/standalone/param_tree.h - this process's connection to the parameter tree: waiting, following, flushing.
 //
 // Locks, in the order in which they are taken:
+//  0. The gate of forks (ForkGate). Reads do not wait for it.
 //  1. `lock_`, of the threads of this process. Reads and forks wait for it, so it is not held over a sleep, and over a
 //     flush only if a program that does not know these locks uses the database too (ParamStore::cut_log).
 //  2. The lock of params.db-lock, of the processes (param_lock.h). A writer holds it for one transaction, under
@@ -40,6 +41,14 @@ constexpr off_t smallest_database = 512;
 // The log is flushed when it has so many pages. One transaction may make it longer.
 constexpr int flush_pages = 100;
 
+// Keeps forks out while a thread uses SQLite without the tree's lock, of databases other than the tree.
+class ForkGate {
+ public:
+  ForkGate();
+  ForkGate(ForkGate &&) = delete;
+  ~ForkGate();
+};
+
 class [[gnu::visibility("hidden")]] ParamTree {
  public:
   // An operation on the store; borrowed.
@@ -65,6 +74,8 @@ class [[gnu::visibility("hidden")]] ParamTree {
   [[nodiscard]] StoreResult write(const char *path, Operation operation, std::string *reason = nullptr);
   // Afterwards params.db alone is the tree, and durable. Waits for readers of other processes, ten seconds at most.
   [[nodiscard]] StoreResult sync(std::string *reason = nullptr);
+  // Puts a database file with this content in the place of the tree's. Reads go on with the former tree meanwhile.
+  [[nodiscard]] StoreResult replace_by(const std::string &image, std::string &reason);
 
  private:
   enum class Flush {
@@ -124,7 +135,10 @@ class [[gnu::visibility("hidden")]] ParamTree {
   void report_failed_flush(const std::string &cause);
   [[nodiscard]] gint64 wait_for_idleness();
   static gpointer flush_when_idle(gpointer tree);
+  [[nodiscard]] StoreResult put_in_place(const std::string &image, const struct stat &folder, bool &replaced) const;
   // With lock_.
+  [[nodiscard]] StoreResult begin_replacement(struct stat & folder);
+  [[nodiscard]] StoreResult finish_replacement();
   [[nodiscard]] StoreResult begin_flush(Flush kind, bool &nothing_to_do);
   [[nodiscard]] StoreResult copy_log(bool &whole, FileStamp &copied);
   [[nodiscard]] StoreResult finish_flush(bool whole, const FileStamp &copied);

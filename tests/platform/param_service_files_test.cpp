@@ -399,7 +399,32 @@ TEST_F(Backup, OfTheTreeOverItselfIsAnInvalidArgument) {
   EXPECT_TRUE(log.lines().empty());
 }
 
-TEST_F(Backup, OfANewerReleaseIsNotRestored) {
+TEST_F(Backup, OverAnotherFileOfTheTreeIsAnInvalidArgument) {
+  EXPECT_EQ(set("root.A", "1"), 0);
+  fs::create_hard_link(file, dir.file("hard link"));
+  fs::create_symlink(dir.path(), dir.file("folder"));
+  for (const auto &path : {file + "-wal", file + "-shm", file + "-lock", file + "-journal", dir.file("hard link"),
+                           dir.file("folder/params.db-wal")}) {
+    const auto error = failure(param_service_backup, path);
+    EXPECT_TRUE(g_error_matches(error.get(), G_IO_ERROR, G_IO_ERROR_INVALID_ARGUMENT)) << path;
+  }
+  EXPECT_EQ(get("root.A"), value("1"));
+}
+
+TEST_F(Backup, IsAFileInRollbackModeThatIsOpenedWithoutALog) {
+  EXPECT_EQ(set("root.A", "1"), 0);
+  ASSERT_TRUE(param_service_backup(backup.c_str(), nullptr));
+  EXPECT_EQ(read(backup)[18], 1);
+  EXPECT_EQ(read(backup)[19], 1);
+  sqlite3 *database = nullptr;
+  ASSERT_EQ(sqlite3_open(backup.c_str(), &database), SQLITE_OK);
+  EXPECT_EQ(sqlite3_exec(database, "PRAGMA integrity_check; SELECT * FROM groups", nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  sqlite3_close(database);
+  EXPECT_FALSE(fs::exists(backup + "-wal"));
+}
+
+TEST_F(Backup, RestoreOfANewerReleaseFailsAndKeepsTheTree) {
   EXPECT_EQ(set("root.A", "1"), 0);
   ASSERT_TRUE(param_service_backup(backup.c_str(), nullptr));
   sqlite3 *database = nullptr;

@@ -1,5 +1,6 @@
 // What waits for a slow disk or a stopped process, and what does not.
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 #include <sys/file.h>
 
 #include <algorithm>
@@ -12,6 +13,7 @@
 #include "clock.h"
 #include "interpose.h"
 #include "parameter_tree.h"
+#include "platform/param_service_backup.h"
 
 namespace {
 
@@ -55,7 +57,7 @@ TEST_F(SlowDisk, ReadsAndForksTakeLessThan50MsWhileAnotherThreadFlushes) {
     done = true;
   });
   while (flushes_under_way == 0) g_usleep(100);
-  std::int64_t best_read = 1000, worst_read = 0, best_fork = 1000;
+  std::int64_t best_read = 1000, worst_read = 0, worst_fork = 0;
   int forks = 0;
   while (!done) {
     auto begun = real_time_ms();
@@ -69,7 +71,7 @@ TEST_F(SlowDisk, ReadsAndForksTakeLessThan50MsWhileAnotherThreadFlushes) {
         flush_ms = 0;
         EXPECT_EQ(get("root.A"), value("1"));
       });
-      best_fork = std::min(best_fork, real_time_ms() - begun);
+      worst_fork = std::max(worst_fork, real_time_ms() - begun);
       EXPECT_EQ(wait_for(child), 0);
     }
     g_usleep(5000);
@@ -77,8 +79,8 @@ TEST_F(SlowDisk, ReadsAndForksTakeLessThan50MsWhileAnotherThreadFlushes) {
   flusher.join();
   flush_ms = 0;
   EXPECT_LT(best_read, 50);
-  EXPECT_LT(worst_read, 500);
-  EXPECT_LT(best_fork, 50);
+  EXPECT_LT(worst_read, 250) << "less than one flush";
+  EXPECT_LT(worst_fork, 250) << "less than one flush";
   EXPECT_GE(forks, 5);
 }
 
@@ -121,20 +123,87 @@ TEST_F(SlowDisk, ManyWritesAreReadBesideTheirFlushes) {
   EXPECT_LT(worst, 50);
 }
 
+// The longest read of root.A beside the function, in milliseconds.
+std::int64_t worst_read_beside(const std::function<void()> &function) {
+  std::atomic<bool> done = false;
+  std::thread thread([&] {
+    function();
+    done = true;
+  });
+  std::int64_t worst = 0;
+  while (!done) {
+    const auto begun = real_time_ms();
+    EXPECT_EQ(get("root.A"), value("1"));
+    worst = std::max(worst, real_time_ms() - begun);
+    g_usleep(500);
+  }
+  thread.join();
+  return worst;
+}
+
+TEST_F(SlowDisk, ReadsBesideABackupAndARestoreOfALargeTreeTakeLessThan50Ms) {
+  ASSERT_EQ(wait_for(start([this] {
+              ASSERT_EQ(set("root.A", "1"), 0);
+              ASSERT_EQ(sync_tree(), 0);
+              sqlite3 *database = nullptr;
+              ASSERT_EQ(sqlite3_open(file.c_str(), &database), SQLITE_OK);
+              ASSERT_EQ(sqlite3_exec(database,
+                                     "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 30000)"
+                                     "INSERT INTO parameters SELECT 'root.Many.', 'P' || i, printf('%0100d', i) FROM n",
+                                     nullptr, nullptr, nullptr),
+                        SQLITE_OK);
+              sqlite3_close(database);
+            })),
+            0);
+  const std::string backup = dir.file("backup");
+  flush_ms = 100;
+  EXPECT_LT(worst_read_beside([&] { EXPECT_TRUE(param_service_backup(backup.c_str(), nullptr)); }), 50);
+  EXPECT_LT(worst_read_beside([&] { EXPECT_TRUE(param_service_restore(backup.c_str(), nullptr)); }), 50);
+  flush_ms = 0;
+  EXPECT_EQ(parameters_of("root.Many").value_or(Names{}).size(), 30'000U);
+}
+
+TEST_F(SlowDisk, WritersOfTwoProcessesBothGoOn) {
+  ASSERT_EQ(set("root.A", "1"), 0);
+  const pid_t other = start([] {
+    flush_ms = 40;
+    for (int n = 0; true; ++n) set("root.Other.P" + std::to_string(n % 200), std::string(1000, 'o'));
+  });
+  std::int64_t worst = 0;
+  for (int n = 0; n < 10; ++n) {
+    const auto begun = real_time_ms();
+    EXPECT_EQ(set("root.A", std::to_string(n)), 0);
+    worst = std::max(worst, real_time_ms() - begun);
+    g_usleep(10'000);
+  }
+  EXPECT_LT(worst, 1000);
+  kill(other, SIGKILL);
+  waitpid(other, nullptr, 0);
+}
+
 struct Stopped : ParameterTree {
   ~Stopped() override { stop_in_flush = false; }
 };
 
-// Waits out the ten seconds with the clock of the test.
-gint32 set_within_bounds(const std::string &path) {
+// Waits out the ten seconds with the clock of the test: the write ends after the third step of four seconds.
+gint32 set_for_ten_seconds(const std::string &path) {
   std::atomic<gint32> error = no_answer;
   std::thread writer([&] { error = set(path, "new"); });
-  for (int i = 0; i < 100 && error == no_answer; ++i) {
+  g_usleep(50'000);
+  int steps = 0;
+  for (; steps < 100 && error == no_answer; ++steps) {
     advance_clock(4000);
-    g_usleep(20'000);
+    for (int i = 0; i < 200 && (steps < 2 ? i < 20 : error == no_answer); ++i) g_usleep(5000);
   }
+  EXPECT_EQ(steps, 3);
   writer.join();
   return error;
+}
+
+void expect_fast_read() {
+  const auto begun = real_time_ms();
+  EXPECT_EQ(get("root.A"), value("1"));
+  EXPECT_LT(real_time_ms() - begun, 500);
 }
 
 TEST_F(Stopped, WriterHoldsUpWritesForABoundedTimeAndNoReads) {
@@ -147,12 +216,12 @@ TEST_F(Stopped, WriterHoldsUpWritesForABoundedTimeAndNoReads) {
       ASSERT_EQ(fcntl(lock, F_SETLK, &whole), 0);
       raise(SIGSTOP);
     });
-    EXPECT_EQ(get("root.A"), value("1"));
+    expect_fast_read();
     connect_anew();
-    EXPECT_EQ(get("root.A"), value("1"));
-    EXPECT_EQ(set_within_bounds("root.B"), PARAM_SERVICE_STORAGE);
+    expect_fast_read();
+    EXPECT_EQ(set_for_ten_seconds("root.B"), PARAM_SERVICE_STORAGE);
     EXPECT_EQ(log.containing("Parameter root.B: not written to " + file + ": database is locked"), 1U);
-    EXPECT_EQ(get("root.A"), value("1"));
+    expect_fast_read();
   }
   EXPECT_EQ(set("root.B", "2"), 0) << "the lock of a killed process is free";
 }
@@ -165,17 +234,17 @@ TEST_F(Stopped, FlusherHoldsUpWritesForABoundedTimeAndNoReadsAndIsFinishedAfterI
       static_cast<void>(sync_tree());
     });
     connect_anew();
-    EXPECT_EQ(get("root.A"), value("1"));
-    EXPECT_EQ(set_within_bounds("root.B"), PARAM_SERVICE_STORAGE);
+    expect_fast_read();
+    EXPECT_EQ(set_for_ten_seconds("root.B"), PARAM_SERVICE_STORAGE);
     advance_clock(2000);
-    EXPECT_EQ(get("root.A"), value("1"));
+    expect_fast_read();
   }
   EXPECT_EQ(set("root.B", "2"), 0);
   EXPECT_EQ(get("root.A"), value("1"));
   EXPECT_EQ(log.containing("was replaced"), 0U);
 }
 
-TEST_F(Stopped, FirstCreationBesideAStoppedCreatorWaitsForABoundedTime) {
+TEST_F(Stopped, FirstCreationBesideAStoppedCreatorFailsAfterTenSeconds) {
   const StoppedProcess stranger([this] {
     const int folder = open(dir.path().c_str(), O_RDONLY | O_DIRECTORY);
     ASSERT_EQ(flock(folder, LOCK_EX), 0);
@@ -186,7 +255,7 @@ TEST_F(Stopped, FirstCreationBesideAStoppedCreatorWaitsForABoundedTime) {
     ASSERT_EQ(fcntl(lock, F_SETLK, &whole), 0);
     raise(SIGSTOP);
   });
-  EXPECT_EQ(set_within_bounds("root.A"), PARAM_SERVICE_STORAGE);
+  EXPECT_EQ(set_for_ten_seconds("root.A"), PARAM_SERVICE_STORAGE);
 }
 
 void before_flush() {

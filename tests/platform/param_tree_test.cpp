@@ -20,6 +20,7 @@
 
 #include "interpose.h"
 #include "parameter_tree.h"
+#include "platform/param_service_backup.h"
 
 namespace {
 
@@ -213,6 +214,58 @@ TEST_F(Flushed, FailureOfAFlushThatNothingWaitsForIsLogged) {
   before_next_flush = [] { errno = EIO; };
   for (int i = 0; i < 400; ++i) ASSERT_EQ(set("root.G" + std::to_string(i) + ".P", std::string(500, 'v')), 0);
   EXPECT_EQ(log.containing("cannot be flushed: Input/output error"), 1U) << testing::PrintToString(log.lines());
+}
+
+// --- restore ------------------------------------------------------------------------------------------------------
+
+struct Restore : Flushed {
+  const std::string backup = dir.file("backup");
+  void SetUp() override {
+    ASSERT_EQ(set("root.A", "old"), 0);
+    ASSERT_TRUE(param_service_backup(backup.c_str(), nullptr));
+    ASSERT_EQ(set("root.A", "new"), 0);
+  }
+  [[nodiscard]] std::string failure() const {
+    GError *raw = nullptr;
+    EXPECT_FALSE(param_service_restore(backup.c_str(), &raw));
+    const std::unique_ptr<GError, FreeWith<g_error_free>> error(raw);
+    return error != nullptr ? error->message : "";
+  }
+};
+
+TEST_F(Restore, WhoseFileCannotBeFlushedLeavesTheTree) {
+  before_next_flush = [] { errno = EIO; };
+  EXPECT_NE(failure().find("cannot be written: Input/output error"), std::string::npos);
+  EXPECT_EQ(get("root.A"), value("new"));
+  connect_anew();
+  EXPECT_EQ(get("root.A"), value("new"));
+}
+
+TEST_F(Restore, WhoseNameCannotBeFlushedReplacesTheTreeAndSaysSo) {
+  before_next_flush = [] { before_next_flush = [] { errno = EIO; }; };
+  EXPECT_NE(failure().find("is restored, but may not survive a power failure"), std::string::npos);
+  EXPECT_EQ(get("root.A"), value("old"));
+}
+
+TEST_F(Restore, ThatIsKilledAfterTheRenameIsFollowedByTheNextProcess) {
+  tree_times = {};
+  EXPECT_EQ(wait_for(start([this] {
+              before_next_flush = [] { before_next_flush = [] { _exit(0); }; };
+              param_service_restore(backup.c_str(), nullptr);
+            })),
+            0);
+  EXPECT_EQ(get("root.A"), value("old"));
+  EXPECT_EQ(set("root.A", "newer"), 0);
+  EXPECT_EQ(get("root.A"), value("newer"));
+}
+
+TEST_F(Restore, ThatIsKilledBeforeTheRenameLeavesTheTree) {
+  EXPECT_EQ(wait_for(start([this] {
+              before_next_flush = [] { _exit(0); };
+              param_service_restore(backup.c_str(), nullptr);
+            })),
+            0);
+  EXPECT_EQ(get("root.A"), value("new"));
 }
 
 // --- files in the way ---------------------------------------------------------------------------------------------
