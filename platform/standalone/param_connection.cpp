@@ -11,6 +11,11 @@ namespace {
 
 std::string database_file() { return folder_from("PTZ_PLATFORM_STATE_DIR", "/var/lib/ptz") + "/params.db"; }
 
+bool is_regular_or_missing(const std::string &path) {
+  struct stat status = {};
+  return lstat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode);
+}
+
 }  // namespace
 
 void ParamTree::disconnect() {
@@ -150,8 +155,8 @@ bool ParamTree::open_file() {
   if (stat(file_name_.c_str(), &status) != 0) return false;
   if (file_ != nullptr && file_->inode == status.st_ino) return true;
   auto file = std::make_shared<OpenFile>();
-  file->fd.reset(::open(file_name_.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
-  if (!file->fd) file->fd.reset(::open(file_name_.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+  file->fd.reset(::open(file_name_.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  if (!file->fd) file->fd.reset(::open(file_name_.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
   if (!file->fd || fstat(file->fd.get(), &status) != 0) return false;
   file->inode = status.st_ino;
   file_ = std::move(file);
@@ -167,6 +172,12 @@ StoreResult ParamTree::needs_upgrade(std::string &reason) const {
 StoreResult ParamTree::open_store(const struct stat &folder, bool locked) {
   if (!open_file()) return fail(StoreResult::failed, system_reason("cannot be opened", errno));
   folder_flushed_ = false;
+  for (const char *suffix : {"", "-wal", "-shm"}) {
+    // SQLite would block on a FIFO of another user.
+    if (!is_regular_or_missing(file_name_ + suffix)) {
+      return fail(StoreResult::failed, file_name_ + suffix + " is not a regular file");
+    }
+  }
   for (const char *suffix : {"", "-wal", "-shm"}) repair_access(file_name_ + suffix, folder);
   Database database;
   int version = 0;

@@ -112,6 +112,15 @@ StoreResult open_database(const std::string &file, Database &database, std::stri
   return failure(raw, reason);
 }
 
+bool is_tree_header(const std::uint8_t *header) {
+  constexpr std::size_t version_at = 60, id_at = 68;
+  const auto number_at = [header](std::size_t at) {
+    return header[at] * 0x1000000L + header[at + 1] * 0x10000L + header[at + 2] * 0x100L + header[at + 3];
+  };
+  return number_at(id_at) == application_id && number_at(version_at) >= first_version &&
+         number_at(version_at) <= schema.version;
+}
+
 StoreResult open_without_log(const std::string &file, Database &database, std::string &reason) {
   const Text uri(g_filename_to_uri(file.c_str(), nullptr, nullptr));
   if (uri == nullptr) return StoreResult::failed;

@@ -2,6 +2,7 @@
 #pragma once
 #include <sqlite3.h>
 #include <sys/stat.h>
+#include <cstdint>
 #include <optional>
 #include <span>
 #include <string>
@@ -37,6 +38,8 @@ using Database = Handle<sqlite3, sqlite3_close_v2>;
 [[nodiscard]] StoreResult open_without_log(const std::string &file, Database &database, std::string &reason);
 // Whether it is a tree that this release can use: ok, newer, foreign, busy, damaged or failed. `version` is its own.
 [[nodiscard]] StoreResult check_tree(sqlite3 *database, int &version, std::string &reason);
+// Whether the first 72 bytes of a file say that it is a parameter tree of this release or an older one.
+[[nodiscard]] bool is_tree_header(const std::uint8_t *header);
 // Reads every page. ok or damaged, or what kept the check from being done.
 [[nodiscard]] StoreResult check_pages(sqlite3 *database, std::string &reason);
 // SQLite opens a database in the journal mode that its header names, and a file that was put back may name another.

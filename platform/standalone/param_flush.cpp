@@ -20,7 +20,7 @@ bool is_empty(const std::string &path) {
 
 // No lock of SQLite's is on the log, so it may be opened and closed.
 bool flush_log(const std::string &path) {
-  const UniqueFd log(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+  const UniqueFd log(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
   if (!log) return errno == ENOENT;
   return fdatasync(log.get()) == 0;
 }
@@ -172,6 +172,9 @@ StoreResult ParamTree::copy_log(bool &whole, FileStamp &copied) {
     side_->save(record);
     return fail(StoreResult::busy, "was replaced during a flush");
   }
+  record.flags |= Record::copying;
+  record.begun_ns = wall_clock_ns();
+  side_->save(record);
   const auto result = store_->checkpoint(whole);
   if (result != StoreResult::ok) {
     cause_ = store_->reason();
@@ -182,6 +185,7 @@ StoreResult ParamTree::copy_log(bool &whole, FileStamp &copied) {
   copied = stamp_of(status);
   // From now on, any change of the database is a replacement.
   record.database = copied;
+  record.flags &= ~static_cast<std::uint32_t>(Record::copying);
   side_->save(record);
   return StoreResult::ok;
 }
@@ -203,7 +207,7 @@ StoreResult ParamTree::finish_flush(bool whole, const FileStamp &copied) {
     record.flags = result == StoreResult::ok ? Record::flushed : Record::flushed | Record::copied_whole;
   }
   flush_state_ = whole ? FlushState::whole : FlushState::partial;
-  if (fstat(file_->fd.get(), &status) == 0) record.database = stamp_of(status);
+  record.database = copied;
   record.log = store_->log_state();
   side_->save(record);
   // If a reader keeps the log, the next flush is due when it has grown as much again.

@@ -8,13 +8,29 @@ namespace ptz::platform {
 namespace {
 
 // A checkpoint of a tree takes milliseconds; a stalled disk may take longer. A file that is put in the database's place
-// later than this is told from what a flush left that was cut off.
+// later than this is then distinguishable from the result of an interrupted flush.
 constexpr std::int64_t flush_window_ns = 60'000'000'000;
+
+// Another user of the folder may have made a FIFO of that name, whose opening would block.
+constexpr int access_flags = O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
 
 bool is_soon_after(std::int64_t begun_ns, std::int64_t time_ns) {
   // A file's time is that of the last clock tick, which may be before the exact one.
   constexpr std::int64_t tick_ns = 20'000'000;
   return time_ns >= begun_ns - tick_ns && time_ns <= begun_ns + flush_window_ns;
+}
+
+// A number that differs after the system has started anew, with one chance of 2^32 to be wrong; 0 if it is not known.
+std::uint32_t this_boot() {
+  static const std::uint32_t number = [] {
+    char text[64] = {};
+    const UniqueFd file(open("/proc/sys/kernel/random/boot_id", O_RDONLY | O_CLOEXEC));
+    const ssize_t size = file ? read(file.get(), text, sizeof(text)) : 0;
+    std::uint32_t hash = size > 0 ? 2166136261U : 0;
+    for (ssize_t i = 0; i < size; ++i) hash = (hash ^ static_cast<unsigned char>(text[i])) * 16777619U;
+    return hash;
+  }();
+  return number;
 }
 
 bool lock_with(int fd, short type) {
@@ -32,7 +48,9 @@ bool lock_with(int fd, short type) {
 
 Match match(const Record &record, std::uint64_t lock_inode, const FileStamp &database) {
   if (record.magic != Record::magic_number || record.own_inode != lock_inode) return Match::unrecorded;
-  const bool changing = (record.flags & (Record::flushing | Record::moving)) != 0;
+  const bool recent = record.boot != 0 && record.boot == this_boot();
+  const std::uint32_t change = Record::copying | Record::moving | (recent ? 0U : Record::flushing);
+  const bool changing = (record.flags & change) != 0;
   if (record.database == database) return changing ? Match::unfinished : Match::same;
   if (!changing || record.database.inode != database.inode) return Match::replaced;
   if ((record.flags & Record::moving) != 0 && record.database.size != database.size) return Match::replaced;
@@ -47,13 +65,17 @@ std::unique_ptr<ParamLock> ParamLock::open(const std::string &file, const struct
   if (access(path.c_str(), F_OK) != 0 && !create_shared_file(path, folder)) return nullptr;
   repair_access(path, folder);
   bool writable = true;
-  UniqueFd fd(::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+  UniqueFd fd(::open(path.c_str(), O_RDWR | access_flags));
   if (!fd) {
     writable = false;
-    fd.reset(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    fd.reset(::open(path.c_str(), O_RDONLY | access_flags));
   }
   struct stat status = {};
   if (!fd || fstat(fd.get(), &status) != 0) return nullptr;
+  if (!S_ISREG(status.st_mode)) {
+    errno = EINVAL;
+    return nullptr;
+  }
   std::unique_ptr<ParamLock> lock(new ParamLock(path, std::move(fd), writable));
   lock->inode_ = status.st_ino;
   return lock;
@@ -70,14 +92,20 @@ bool ParamLock::is_in_place() const {
 Record ParamLock::load() const {
   Record record;
   if (pread(fd_.get(), &record, sizeof(record), 0) != static_cast<ssize_t>(sizeof(record)) ||
-      record.version != Record::current_version) {
+      record.magic != Record::magic_number) {
     record = {};
+  }
+  if (record.version != Record::current_version) {
+    const auto version = record.version;
+    record = {};
+    record.version = version;
   }
   return record;
 }
 
 bool ParamLock::save(Record record) const {
   record.own_inode = inode_;
+  record.boot = this_boot();
   return pwrite(fd_.get(), &record, sizeof(record), 0) == static_cast<ssize_t>(sizeof(record));
 }
 

@@ -6,9 +6,11 @@
 //
 //  - A writer holds the lock for one transaction, which goes to the log. The first one after a flush moves the
 //    database's time of modification and records it, so that a copy made before has another time, even with `cp -p`.
-//  - A flush holds the lock from its first step to its last. It sets `flushing` before it changes the database.
+//  - A flush holds the lock from its first step to its last. It sets `flushing`, which it makes durable, and `copying`
+//    before it changes the database.
 //
-// If the database differs from the record, another file was put in its place (see Match).
+// If the database differs from the record, another file was put in its place (see Match). The record is not flushed
+// each time that it changes. So after the system has started anew, `flushing` stands for `copying` too.
 //
 // The lock is a POSIX one: it is free when its owner dies, children do not inherit it, and only a process that may
 // write the file can take it. The process must not open and close the file anywhere else, and threads exclude each
@@ -34,10 +36,11 @@ struct LogState {
 struct Record {
   static constexpr std::uint32_t magic_number = 0x4C5A5450, current_version = 1;
   enum Flag : std::uint32_t {
-    flushing = 1,      // a flush may have changed the database since `database` was recorded
+    flushing = 1,      // a flush is under way. What it wrote may be on disk without `copying`
     flushed = 2,       // params.db alone is the tree: the next write moves its time
     copied_whole = 4,  // the log is in the database, but could not be cut: SQLite may begin it anew
     moving = 8,        // the first write after a flush is about to move the database's time
+    copying = 16,      // a flush may have changed the database since `database` was recorded
   };
   std::uint32_t magic = magic_number, version = current_version;
   std::uint64_t own_inode = 0;  // of the lock file: a copy of the whole folder has another one
@@ -45,8 +48,8 @@ struct Record {
   std::int64_t begun_ns = 0;     // when `flushing` or `moving` was set
   std::uint32_t generation = 0;  // counts files put in the database's place: connections made before are stale
   std::uint32_t flags = 0;
-  LogState log;  // zeros if it is not known
-  std::uint32_t unused = 0;
+  LogState log;            // zeros if it is not known
+  std::uint32_t boot = 0;  // of the system, when the record was saved
 };
 static_assert(sizeof(Record) == 72);
 
@@ -69,7 +72,8 @@ class ParamLock {
   void unlock();
   [[nodiscard]] bool is_in_place() const;  // whether the path still names this file
   [[nodiscard]] std::uint64_t inode() const { return inode_; }
-  [[nodiscard]] Record load() const;  // a cleared one if there is none
+  // A cleared one if there is none, or if it is of another version. Its version is kept.
+  [[nodiscard]] Record load() const;
   bool save(Record record) const;
   bool flush() const;
   [[nodiscard]] const std::string &path() const { return path_; }

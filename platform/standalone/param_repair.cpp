@@ -24,6 +24,18 @@ std::int64_t size_in_header(int fd) {
   return (page == 1 ? 65536 : page) * pages;
 }
 
+// A backup is in rollback mode. SQLite can change the mode only if no other process has the file open, and one that is
+// connected and idle has it open for ever if the backup was copied over the tree. No journal belongs to the file.
+void put_in_log_mode(int fd) {
+  std::uint8_t header[72] = {};
+  if (pread(fd, header, sizeof(header), 0) != static_cast<ssize_t>(sizeof(header))) return;
+  const bool rollback_mode = header[18] == 1 && header[19] == 1;
+  if (!rollback_mode || std::memcmp(header, "SQLite format 3", 16) != 0 || !is_tree_header(header)) return;
+  const std::uint8_t log_mode[] = {2, 2};
+  const auto written = pwrite(fd, log_mode, sizeof(log_mode), 18);
+  static_cast<void>(written);  // SQLite tries as well, and reports it
+}
+
 }  // namespace
 
 void ParamTree::record_database(std::uint32_t flags, std::uint32_t generation) const {
@@ -55,10 +67,15 @@ StoreResult ParamTree::repair(const struct stat &folder) {
   }
   if (!S_ISREG(status.st_mode) || !open_file()) return StoreResult::ok;  // opening the store reports it
   const Record record = side_->load();
+  if (record.version > Record::current_version) {
+    return fail(StoreResult::newer,
+                "made by a newer release (version " + std::to_string(record.version) + " of its lock file)");
+  }
   const auto found = match(record, side_->inode(), stamp_of(status));
   if (found == Match::replaced) {
     if (const auto result = accept_replacement(status, record); result != StoreResult::ok) return result;
   } else if (found == Match::unrecorded) {
+    if (access((file_name_ + "-journal").c_str(), F_OK) != 0) put_in_log_mode(file_->fd.get());
     record_database(0, record.generation + 1);
   }
   // SQLite treats a file of less than 512 bytes as a new database.
@@ -125,6 +142,7 @@ StoreResult ParamTree::accept_replacement(const struct stat &status, Record reco
   }
   if (!is_settled(status, tree_times.settled_us)) return fail(StoreResult::busy, "is being replaced");
   if (const auto result = put_log_aside("was replaced by another file"); result != StoreResult::ok) return result;
+  if (file_ != nullptr) put_in_log_mode(file_->fd.get());
   record_database(Record::flushed, record.generation + 1);
   return StoreResult::ok;
 }

@@ -90,11 +90,28 @@ TEST_F(ParamLockFile, KeepsItsRecordAndKnowsWhetherItIsInPlace) {
   EXPECT_FALSE(lock->is_in_place());
 }
 
+// A process that is killed before it copies leaves the database as recorded; `copying` may not be on disk after a
+// reboot.
+TEST_F(ParamLockFile, ChangeDuringAFlushThatDoesNotCopyIsAReplacementUntilTheNextBoot) {
+  Record record = record_of(recorded, Record::flushing);
+  ASSERT_TRUE(lock->save(record));
+  const FileStamp changed{1, 8192, 101 * second_ns};
+  EXPECT_EQ(match(lock->load(), lock->inode(), changed), Match::replaced);
+  record.flags |= Record::copying;
+  ASSERT_TRUE(lock->save(record));
+  EXPECT_EQ(match(lock->load(), lock->inode(), changed), Match::unfinished);
+  record = lock->load();
+  record.flags = Record::flushing;
+  ++record.boot;
+  EXPECT_EQ(match(record, lock->inode(), changed), Match::unfinished) << "another boot";
+}
+
 TEST_F(ParamLockFile, OfAnotherVersionIsNoRecord) {
   Record record = record_of(recorded, 0);
   record.version = Record::current_version + 1;
   ASSERT_TRUE(lock->save(record));
   EXPECT_EQ(match(lock->load(), lock->inode(), recorded), Match::unrecorded);
+  EXPECT_EQ(lock->load().version, Record::current_version + 1);
 }
 
 TEST_F(ParamLockFile, ChildOfAForkDoesNotHoldTheLock) {

@@ -358,6 +358,63 @@ TEST_F(InTheWay, SymbolicLinkInPlaceOfTheDatabaseIsReported) {
   EXPECT_EQ(log.containing("is a symbolic link"), 1U) << testing::PrintToString(log.lines());
 }
 
+TEST_F(InTheWay, FifoOfAnotherUserIsReportedAndDoesNotBlock) {
+  ASSERT_EQ(set("root.A", "1"), 0);
+  for (const char *suffix : {"-wal", "-shm", "-lock", ""}) {
+    connect_anew();
+    fs::remove(file + suffix);
+    ASSERT_EQ(mkfifo((file + suffix).c_str(), 0440), 0);
+    ASSERT_EQ(wait_for(start([] {
+                alarm(5);
+                static_cast<void>(get("root.A"));
+                EXPECT_EQ(set("root.A", "2"), PARAM_SERVICE_STORAGE);
+              })),
+              0)
+        << suffix;
+    fs::remove(file + suffix);
+  }
+}
+
+// A connected process keeps SQLite's lock of the file, with which another one cannot change the journal mode.
+TEST_F(InTheWay, BackupThatIsCopiedOverTheTreeIsReadBesideAnIdleProcess) {
+  tree_times = {};
+  ASSERT_EQ(set("root.A", "old"), 0);
+  ASSERT_TRUE(param_service_backup(dir.file("backup").c_str(), nullptr));
+  ASSERT_EQ(set("root.A", "new"), 0);
+  const HeldProcess idle([] { EXPECT_EQ(get("root.A"), value("new")); });
+  write(file, read(dir.file("backup")));
+  tree_times.busy_limit_us = 2'000'000;
+  EXPECT_EQ(get("root.A"), value("old"));
+  EXPECT_EQ(set("root.B", "v"), 0);
+}
+
+TEST_F(InTheWay, LockFileOfANewerReleaseIsReportedAndKept) {
+  ASSERT_EQ(set("root.A", "1"), 0);
+  connect_anew();
+  std::string record = read(file + "-lock");
+  record[4] = 9;
+  write(file + "-lock", record);
+  EXPECT_EQ(get("root.A").error, PARAM_SERVICE_STORAGE);
+  EXPECT_EQ(log.containing("made by a newer release"), 1U) << testing::PrintToString(log.lines());
+  EXPECT_EQ(read(file + "-lock"), record);
+}
+
+TEST_F(Flushed, CopyPutInPlaceAfterAFlushWasKilledBeforeItCopiedIsTheTree) {
+  tree_times = {};
+  for (int i = 0; i < 60; ++i) ASSERT_EQ(set("root.G" + std::to_string(i) + ".P", "old"), 0);
+  ASSERT_EQ(sync_tree(), 0);
+  fs::copy_file(file, dir.file("backup"));
+  for (int i = 0; i < 60; ++i) ASSERT_EQ(set("root.G" + std::to_string(i) + ".P", "new"), 0);
+  EXPECT_EQ(wait_for(start([] {
+              before_next_flush = [] { _exit(0); };
+              static_cast<void>(sync_tree());
+            })),
+            0);
+  write(file, read(dir.file("backup")));
+  for (int i = 0; i < 60; ++i) ASSERT_EQ(get("root.G" + std::to_string(i) + ".P"), value("old")) << i;
+  EXPECT_FALSE(fs::exists(file + ".damaged-1"));
+}
+
 // The log's frames have checksums, which SQLite does not read while other processes have the index of the log.
 TEST_F(InTheWay, DamagedLogIsSetAsideAndTheDatabaseKept) {
   tree_times.busy_limit_us = 10'000'000;
