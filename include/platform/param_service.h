@@ -10,8 +10,12 @@
  *
  * The stand-alone service sends no change events: a process sees a change when it reads the parameter. It ignores the
  * fields "mode" and "extra" of #ParamServiceOptions. An operation waits at most ten seconds for other processes, and
- * then reports %PARAM_SERVICE_STORAGE. The service logs each write that is lost, with the path and the cause, at most
- * one line a second.
+ * then reports %PARAM_SERVICE_STORAGE. If param_service_set_custom() does not write a parameter, the service logs the path
+ * and the cause, at most one line a second.
+ *
+ * The stand-alone service keeps the log of changes below 1 MiB, with two exceptions: one transaction, such as a long value
+ * or a large template, may exceed it by its own size, and a process that is stopped while it reads keeps the log from being
+ * emptied.
  */
 #pragma once
 
@@ -137,7 +141,7 @@ void param_service_set_custom (const gchar *path, const gchar *value, ParamServi
  *
  * Thread: any.
  *
- * Returns: (transfer full) (nullable): the path of the group, also where it existed before; `NULL` on other failures
+ * Returns: (transfer full) (nullable): the path of the group, also if it existed before; `NULL` on other failures
  */
 gchar *param_service_create_dynamic_group (const gchar *group_path, const gchar *template_name,
                                            ParamServiceOptions *options, gint32 *error);
@@ -158,7 +162,7 @@ void param_service_delete_group (const gchar *group_path, ParamServiceOptions *o
  * @error: (out): 0, or what went wrong
  *
  * Makes every earlier write durable before it returns. In the stand-alone service, the file params.db alone then holds
- * the whole tree.
+ * the whole tree. A process that reads without end makes it fail after ten seconds.
  *
  * Thread: any; waits for the storage.
  */

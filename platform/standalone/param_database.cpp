@@ -192,7 +192,7 @@ StoreResult upgrade(sqlite3 *database, int version, std::span<const UpgradeStep>
   return StoreResult::failed;
 }
 
-// Nothing is flushed: the first flush of the tree is in time for what it holds.
+// Not flushed here: the first ParamTree::flush() makes the file and its name durable.
 StoreResult make_database(const std::string &file, const struct stat &folder, std::string &reason) {
   std::string temporary;
   UniqueFd fd(open_temporary(file, folder, temporary));

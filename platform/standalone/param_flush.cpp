@@ -87,10 +87,7 @@ StoreResult ParamTree::attempt_flush(Flush kind, std::string &cause) {
 void ParamTree::report_failed_flush(const std::string &cause) {
   const MutexLock lock(&lock_);
   if (store_ != nullptr) next_flush_pages_ = store_->log_pages() + flush_pages;
-  const gint64 now_us = g_get_monotonic_time();
-  if (now_us < next_line_us_) return;
-  next_line_us_ = now_us + tree_times.log_line_us;
-  syslog(LOG_ERR, "Parameter tree %s: %s", file_name_.c_str(), cause.c_str());
+  if (may_log()) syslog(LOG_ERR, "Parameter tree %s: %s", file_name_.c_str(), cause.c_str());
 }
 
 // With lock_. After ok, unless there is nothing to do, this thread holds the tree's lock and `flushing_` is set.

@@ -88,7 +88,12 @@ gchar *param_service_get_custom(const gchar *path, ParamServiceOptions *, gint32
 
 void param_service_set_custom(const gchar *path, const gchar *value, ParamServiceOptions *, gint32 *error) {
   *error = value != nullptr ? PARAM_SERVICE_BAD_PATH : PARAM_SERVICE_BAD_ARGUMENT;
-  if (value == nullptr || !is_parameter_path(path)) return;
+  if (value == nullptr) return;
+  if (!is_parameter_path(path)) {
+    // contract: the layer above reports success for a new parameter, whatever its path.
+    ParamTree::instance().report_bad_path(path != nullptr ? path : "(null)");
+    return;
+  }
   *error = error_of(ParamTree::instance().write(path, [&](ParamStore &store) { return store.set(path, value); }),
                     PARAM_SERVICE_NO_PARAMETER);
 }

@@ -12,7 +12,8 @@ namespace {
 
 constexpr std::size_t most_stems = 1000;
 
-// In the order of ParamStore::Query. "/" is the character after ".": what lies between the two begins with the group.
+// In the order of ParamStore::Query. "/" is the character after ".", so the keys of
+// a group are the range from "group." to "group/".
 constexpr const char *queries[] = {
     "SELECT value FROM parameters WHERE grp = ? AND name = ?",
     "UPDATE parameters SET value = ?3 WHERE grp = ?1 AND name = ?2",
@@ -165,7 +166,8 @@ StoreResult ParamStore::has_group(std::string_view path) {
   return code == SQLITE_DONE ? StoreResult::not_found : answer(code);
 }
 
-// In a transaction. One query reads all numbers that are taken; the result is kept for the next call.
+// In a transaction. The result of a scan is kept for the next call, which only probes from there. A write of another
+// connection makes it void, so two processes that create groups in turn scan each time.
 StoreResult ParamStore::lowest_free_number(std::string_view stem, gint32 &number) {
   {
     Run run(*this, data_version, {});
@@ -173,26 +175,33 @@ StoreResult ParamStore::lowest_free_number(std::string_view stem, gint32 &number
     if (run.number() != std::exchange(seen_version_, run.number())) next_numbers_.clear();
   }
   const auto known = next_numbers_.find(stem);
-  number = known != next_numbers_.end() ? known->second : 0;
-  const auto [parent, letter] = split(stem);
-  if (known != next_numbers_.end()) {
-    // An explicit number may have been created since.
-    StoreResult result = StoreResult::ok;
-    for (; (result = has_group(std::string(stem) + std::to_string(number))) == StoreResult::ok; ++number) {
-    }
-    return result == StoreResult::not_found ? StoreResult::ok : result;
+  if (known == next_numbers_.end()) return scan_numbers(stem, number);
+  number = known->second;
+  return probe_number(stem, number);
+}
+
+// Moves on to a number that is free: an explicit one may have been created since.
+StoreResult ParamStore::probe_number(std::string_view stem, gint32 &number) {
+  while (true) {
+    const auto result = has_group(std::string(stem) + std::to_string(number));
+    if (result == StoreResult::not_found) return StoreResult::ok;
+    if (result != StoreResult::ok) return result;
+    ++number;
   }
-  std::vector<bool> taken;
+}
+
+StoreResult ParamStore::scan_numbers(std::string_view stem, gint32 &number) {
+  const auto [parent, letter] = split(stem);
   // ":" is the character after "9".
   const std::string first = std::string(letter) + '0', beyond = std::string(letter) + ':';
   Run run(*this, numbered_groups_of, {parent, first, beyond});
-  int code = run.step();
   std::vector<gint32> numbers;
+  int code = run.step();
   for (; code == SQLITE_ROW; code = run.step()) {
     if (gint32 found = 0; read_number(run.text().substr(letter.size()), found)) numbers.push_back(found);
   }
   if (code != SQLITE_DONE) return answer(code);
-  taken.resize(numbers.size() + 1);
+  std::vector<bool> taken(numbers.size() + 1);
   for (const gint32 found : numbers) {
     if (static_cast<std::size_t>(found) < taken.size()) taken[static_cast<std::size_t>(found)] = true;
   }

@@ -97,6 +97,8 @@ class [[gnu::visibility("hidden")]] ParamStore {
   [[nodiscard]] int insert_groups_down_to(std::string_view group);
   [[nodiscard]] StoreResult list(Query query, std::string_view group, Names & names);
   [[nodiscard]] StoreResult lowest_free_number(std::string_view stem, gint32 & number);
+  [[nodiscard]] StoreResult probe_number(std::string_view stem, gint32 & number);
+  [[nodiscard]] StoreResult scan_numbers(std::string_view stem, gint32 & number);
   [[nodiscard]] StoreResult insert_all(const std::string &group, const Settings &settings);
   [[nodiscard]] StoreResult begin_transaction();
   [[nodiscard]] StoreResult end_transaction(StoreResult result);  // commits after ok, else rolls back

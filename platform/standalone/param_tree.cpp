@@ -97,14 +97,23 @@ void ParamTree::complain(const std::string &cause) {
   complaint_ = std::move(complaint);
 }
 
+bool ParamTree::may_log() {
+  const gint64 now_us = g_get_monotonic_time();
+  if (now_us < next_line_us_) return false;
+  next_line_us_ = now_us + tree_times.log_line_us;
+  return true;
+}
+
+void ParamTree::report_bad_path(const char *path) {
+  const MutexLock lock(&lock_);
+  if (may_log()) syslog(LOG_ERR, "Parameter %.200s: not written: not the path of a parameter", path);
+}
+
 // The layer above has to report success for a new parameter that was not written, so the log is the only report.
 void ParamTree::lose_write(const char *path, StoreResult result) {
   if (result == StoreResult::value_too_long)
     cause_ = "the value is longer than " G_STRINGIFY(PARAM_SERVICE_VALUE_MAX) " bytes";
-  const gint64 now_us = g_get_monotonic_time();
-  if (now_us < next_line_us_) return;
-  next_line_us_ = now_us + tree_times.log_line_us;
-  syslog(LOG_ERR, "Parameter %s: not written to %s: %s", path, file_name_.c_str(), cause_.c_str());
+  if (may_log()) syslog(LOG_ERR, "Parameter %s: not written to %s: %s", path, file_name_.c_str(), cause_.c_str());
 }
 
 StoreResult ParamTree::read(Operation operation, std::string *reason) {

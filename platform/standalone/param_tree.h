@@ -74,6 +74,8 @@ class [[gnu::visibility("hidden")]] ParamTree {
   [[nodiscard]] StoreResult write(const char *path, Operation operation, std::string *reason = nullptr);
   // Afterwards params.db alone is the tree, and durable. Waits for readers of other processes, ten seconds at most.
   [[nodiscard]] StoreResult sync(std::string *reason = nullptr);
+  // Logs a write that is lost because its path is malformed.
+  void report_bad_path(const char *path);
   // Puts a database file with this content in the place of the tree's. Reads go on with the former tree meanwhile.
   [[nodiscard]] StoreResult replace_by(const std::string &image, std::string &reason);
 
@@ -123,6 +125,7 @@ class [[gnu::visibility("hidden")]] ParamTree {
   [[nodiscard]] StoreResult move_time(Record & record);
   [[nodiscard]] bool cut_copied_log(Record & record);
   void complain(const std::string &cause);
+  [[nodiscard]] bool may_log();  // one line a second
   void lose_write(const char *path, StoreResult result);
   [[nodiscard]] StoreResult fail(StoreResult result, std::string cause);
   [[nodiscard]] std::string access_of(const std::string &path) const;

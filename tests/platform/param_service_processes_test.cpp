@@ -209,7 +209,7 @@ TEST_F(ParamServiceProcesses, WriterMayBeKilledInAFlushBesideAnotherWriter) {
   expect_sound();
 }
 
-TEST_F(ParamServiceProcesses, AKilledReaderHoldsNobodyUp) {
+TEST_F(ParamServiceProcesses, WriteAfterAReaderWasKilledSucceeds) {
   ASSERT_EQ(set("root.A", "v"), 0);
   for (int i = 0; i < 5; ++i) {
     const pid_t reader = start([] {
@@ -224,7 +224,7 @@ TEST_F(ParamServiceProcesses, AKilledReaderHoldsNobodyUp) {
   }
 }
 
-TEST_F(ParamServiceProcesses, BothSidesOfAForkGoOn) {
+TEST_F(ParamServiceProcesses, ForkBesideAWritingThreadLetsBothProcessesWrite) {
   std::atomic<bool> done = false;
   std::atomic<int> written = 0;
   std::thread thread([&] {

@@ -105,6 +105,11 @@ TEST_P(BadPaths, AreRefused) {
   EXPECT_EQ(error, PARAM_SERVICE_BAD_PATH);
 }
 
+TEST_P(BadPaths, AreLoggedIfAWriteIsLost) {
+  EXPECT_EQ(set(GetParam(), "v"), PARAM_SERVICE_BAD_PATH);
+  EXPECT_EQ(log.containing("Parameter " + GetParam() + ": not written: not the path of a parameter"), 1U);
+}
+
 TEST_F(ParamService, AParameterIsInAGroup) {
   EXPECT_EQ(set("root", "v"), PARAM_SERVICE_BAD_PATH);
   EXPECT_EQ(get("root"), (Answer{std::nullopt, PARAM_SERVICE_BAD_PATH}));

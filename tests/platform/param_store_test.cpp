@@ -51,7 +51,7 @@ TEST_F(ParamStoreSet, ValueAboveTheLimitIsTooLongAndNothingIsWritten) {
 }
 
 // A constraint that a set fails is a failure of the database, and not an existing group.
-TEST_F(ParamStoreSet, FailedConstraintIsAFailure) {
+TEST_F(ParamStoreSet, SetThatFailsAConstraintReturnsFailed) {
   ASSERT_EQ(
       execute(store->database(), "CREATE TRIGGER no BEFORE INSERT ON parameters BEGIN SELECT RAISE(ABORT, 'no'); END"),
       SQLITE_OK);
@@ -121,6 +121,7 @@ TEST_F(ParamDatabase, UpgradesStepByStepAndKeepsTheParameters) {
   EXPECT_EQ(number_of(store->database(), "SELECT count(*) FROM groups WHERE note = 'n'"), 1);
   ptz::Text value;
   EXPECT_EQ(store->get("root.A", value), StoreResult::ok);
+  EXPECT_EQ(store->set("root.New.Group.P", "v"), StoreResult::ok) << "the group has a column more";
 }
 
 TEST_F(ParamDatabase, FailedUpgradeStepLeavesTheVersionBeforeIt) {
@@ -146,11 +147,15 @@ TEST_F(ParamDatabase, OfTheFirstReleaseIsUpgraded) {
   EXPECT_EQ(number_of(database.get(), "SELECT count(*) FROM parameters WHERE name = 'InTheLog' AND value = 'yes'"), 1);
 }
 
-TEST_F(ParamDatabase, OfANewerReleaseOrAnotherProgramIsTold) {
+TEST_F(ParamDatabase, CheckTreeOfANewerReleaseReturnsNewer) {
   int version = 0;
   ASSERT_EQ(execute(store->database(), "PRAGMA user_version = 2"), SQLITE_OK);
   EXPECT_EQ(check_tree(store->database(), version, reason), StoreResult::newer);
   EXPECT_EQ(reason, "made by a newer release (version 2, this one knows 1)");
+}
+
+TEST_F(ParamDatabase, CheckTreeOfAnotherProgramReturnsForeign) {
+  int version = 0;
   ASSERT_EQ(execute(store->database(), "PRAGMA application_id = 1"), SQLITE_OK);
   EXPECT_EQ(check_tree(store->database(), version, reason), StoreResult::foreign);
 }

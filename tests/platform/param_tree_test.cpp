@@ -18,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "clock.h"
 #include "interpose.h"
 #include "parameter_tree.h"
 #include "platform/param_service_backup.h"
@@ -373,6 +374,35 @@ TEST_F(InTheWay, FifoOfAnotherUserIsReportedAndDoesNotBlock) {
         << suffix;
     fs::remove(file + suffix);
   }
+}
+
+// A process that was stopped in a change of the index of the log. SQLite itself would sleep ten seconds in each read.
+TEST_F(InTheWay, IndexThatIsBeingChangedByAStoppedProcessDoesNotHoldTheServicesLock) {
+  ASSERT_EQ(set("root.A", "1"), 0);
+  const HeldProcess stopped([this] {
+    const int index = open((file + "-shm").c_str(), O_RDWR);
+    ASSERT_EQ(pwrite(index, "torn", 4, 8), 4);
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    lock.l_start = 120;  // of SQLite's writers
+    lock.l_len = 1;
+    ASSERT_EQ(fcntl(index, F_SETLK, &lock), 0);
+  });
+  const auto begun = real_time_ms();
+  EXPECT_EQ(get("root.A").error, PARAM_SERVICE_STORAGE);
+  EXPECT_LT(real_time_ms() - begun, 3000);
+}
+
+TEST_F(InTheWay, ThreeDamagedDatabasesAreKeptAndTheLastIsOverwritten) {
+  tree_times.damage_settled_us = tree_times.settled_us = 0;
+  for (const std::string suffix : {".damaged-1", ".damaged-2", ".damaged-3", ".damaged-3"}) {
+    connect_anew();
+    write(file, suffix + std::string(1000, 'x'));
+    EXPECT_EQ(set("root.A", "v"), 0);
+    EXPECT_EQ(read(file + suffix).substr(0, suffix.size()), suffix);
+    fs::remove(file);
+  }
+  EXPECT_FALSE(fs::exists(file + ".damaged-4"));
 }
 
 // A connected process keeps SQLite's lock of the file, with which another one cannot change the journal mode.
