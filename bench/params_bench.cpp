@@ -68,7 +68,7 @@ class Tree {
                             nullptr) == SQLITE_OK);
     database_.reset(raw);
     // The log is kept as short as the service keeps it.
-    execute(raw, "PRAGMA synchronous = NORMAL; PRAGMA wal_autocheckpoint = 200; BEGIN");
+    execute(raw, "PRAGMA synchronous = NORMAL; PRAGMA wal_autocheckpoint = 100; BEGIN");
     fill(size);
     execute(raw, "COMMIT; PRAGMA wal_checkpoint(TRUNCATE)");
     std::ranges::shuffle(places, std::mt19937(1));
