@@ -101,7 +101,9 @@ TEST_F(PtzctlParam, ASyncSaysNothingWhereItWorks) {
 }
 
 TEST_F(PtzctlParam, ARefusedWriteIsToldWithTheReasonOfTheService) {
-  expect_failure({"set", "PTZ..A", "v"}, "ptzctl: root.PTZ..A is not written: this is no path (error -5)\n");
+  expect_failure({"set", "PTZ..A", "v"},
+                 "ptzctl: Parameter root.PTZ..A: not written: not the path of a parameter\n"
+                 "ptzctl: root.PTZ..A is not written: this is no path (error -5)\n");
   setenv("PTZ_PLATFORM_STATE_DIR", dir.file("missing").c_str(), 1);
   expect_failure({"set", "PTZ.A", "v"}, "ptzctl: Parameter root.PTZ.A: not written to " +
                                             dir.file("missing/params.db") +
