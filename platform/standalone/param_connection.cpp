@@ -110,6 +110,9 @@ StoreResult ParamTree::select_file(struct stat &folder, bool locked) {
   if (lstat(file_name_.c_str(), &status) == 0 && S_ISLNK(status.st_mode)) {
     return fail(StoreResult::failed, "is a symbolic link");
   }
+  if (!set_special_files_aside(file_name_)) {
+    return fail(StoreResult::failed, system_reason("a file beside it is not a regular file", errno));
+  }
   if (!flushing_ && !locked && (side_ == nullptr || !side_->is_in_place())) {
     side_ = ParamLock::open(file_name_, folder);
     const int error = errno;
@@ -155,8 +158,8 @@ bool ParamTree::open_file() {
   if (stat(file_name_.c_str(), &status) != 0) return false;
   if (file_ != nullptr && file_->inode == status.st_ino) return true;
   auto file = std::make_shared<OpenFile>();
-  file->fd.reset(::open(file_name_.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
-  if (!file->fd) file->fd.reset(::open(file_name_.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  file->fd = open_regular(file_name_, O_RDWR);
+  if (!file->fd) file->fd = open_regular(file_name_, O_RDONLY);
   if (!file->fd || fstat(file->fd.get(), &status) != 0) return false;
   file->inode = status.st_ino;
   file_ = std::move(file);

@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <glib.h>
+#include <syslog.h>
 #include <unistd.h>
 #include <cerrno>
 #include <cstdio>
@@ -49,6 +50,27 @@ std::int64_t wall_clock_ns() {
   timespec now = {};
   clock_gettime(CLOCK_REALTIME, &now);
   return nanoseconds(now);
+}
+
+UniqueFd open_regular(const std::string &path, int flags) {
+  UniqueFd fd(open(path.c_str(), flags | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  struct stat status = {};
+  if (!fd || fstat(fd.get(), &status) != 0) return UniqueFd();
+  if (S_ISREG(status.st_mode)) return fd;
+  errno = EINVAL;
+  return UniqueFd();
+}
+
+bool set_special_files_aside(const std::string &file) {
+  for (const char *suffix : {"-lock", "-wal", "-shm", "-journal"}) {
+    const std::string path = file + suffix;
+    struct stat status = {};
+    if (lstat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode)) continue;
+    if (rename(path.c_str(), (path + ".old").c_str()) != 0) return false;
+    syslog(LOG_WARNING, "Parameter tree %s: %s is not a regular file; renamed to %s.old", file.c_str(), path.c_str(),
+           path.c_str());
+  }
+  return true;
 }
 
 void repair_access(const std::string &path, const struct stat &folder) {

@@ -9,6 +9,8 @@
 #include <string>
 #include <string_view>
 
+#include "base/handles.h"
+
 namespace ptz::platform {
 
 // What identifies the content of a file without reading it.
@@ -26,6 +28,15 @@ struct FileStamp {
 
 // Nanoseconds of the wall clock, which times of files are compared with.
 [[nodiscard]] std::int64_t wall_clock_ns();
+
+// Opens a regular file. Returns none with errno set otherwise; a FIFO of another user would block for ever, and a
+// symbolic link could lead out of the folder.
+[[nodiscard]] UniqueFd open_regular(const std::string &path, int flags);
+
+// Renames a companion file of the database to "*.old" if it is not a regular file. SQLite opens companion files by
+// itself and would block on a FIFO; a member
+// of the folder's group may do so. Returns false with errno set if it stays.
+[[nodiscard]] bool set_special_files_aside(const std::string &file);
 
 // Gives a file that exists the mode, the group and, as root, the owner that its folder asks for. A symbolic link and a
 // file with several names are left alone: a member of the group could name any file of the system.

@@ -20,7 +20,7 @@ bool is_empty(const std::string &path) {
 
 // No lock of SQLite's is on the log, so it may be opened and closed.
 bool flush_log(const std::string &path) {
-  const UniqueFd log(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  const UniqueFd log = open_regular(path, O_RDONLY);
   if (!log) return errno == ENOENT;
   return fdatasync(log.get()) == 0;
 }

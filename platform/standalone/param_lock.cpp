@@ -11,9 +11,6 @@ namespace {
 // later than this is then distinguishable from the result of an interrupted flush.
 constexpr std::int64_t flush_window_ns = 60'000'000'000;
 
-// Another user of the folder may have made a FIFO of that name, whose opening would block.
-constexpr int access_flags = O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
-
 bool is_soon_after(std::int64_t begun_ns, std::int64_t time_ns) {
   // A file's time is that of the last clock tick, which may be before the exact one.
   constexpr std::int64_t tick_ns = 20'000'000;
@@ -65,17 +62,13 @@ std::unique_ptr<ParamLock> ParamLock::open(const std::string &file, const struct
   if (access(path.c_str(), F_OK) != 0 && !create_shared_file(path, folder)) return nullptr;
   repair_access(path, folder);
   bool writable = true;
-  UniqueFd fd(::open(path.c_str(), O_RDWR | access_flags));
+  UniqueFd fd = open_regular(path, O_RDWR);
   if (!fd) {
     writable = false;
-    fd.reset(::open(path.c_str(), O_RDONLY | access_flags));
+    fd = open_regular(path, O_RDONLY);
   }
   struct stat status = {};
   if (!fd || fstat(fd.get(), &status) != 0) return nullptr;
-  if (!S_ISREG(status.st_mode)) {
-    errno = EINVAL;
-    return nullptr;
-  }
   std::unique_ptr<ParamLock> lock(new ParamLock(path, std::move(fd), writable));
   lock->inode_ = status.st_ino;
   return lock;

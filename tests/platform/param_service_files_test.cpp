@@ -111,6 +111,42 @@ TEST_F(SharedFolder, FilesWithANarrowModeAreRepairedByTheirOwner) {
   expect_shared_files();
 }
 
+// What another member of the group may put beside the database.
+struct SpecialFile {
+  const char *name;
+  const char *suffix;
+  bool is_fifo;
+};
+struct SpecialFiles : SharedFolder, testing::WithParamInterface<SpecialFile> {};
+
+TEST_P(SpecialFiles, BesideTheDatabaseAreSetAsideAndBlockNobody) {
+  ASSERT_EQ(run_as(owner, [] { EXPECT_EQ(set("root.A", "v") + sync_tree(), 0); }), 0);
+  const std::string path = file + GetParam().suffix;
+  fs::remove(path);
+  if (GetParam().is_fifo) {
+    ASSERT_EQ(mkfifo(path.c_str(), 0440), 0);
+    ASSERT_EQ(chown(path.c_str(), other, group), 0);
+  } else {
+    fs::create_symlink("/dev/null", path);
+  }
+  EXPECT_EQ(run_as(owner,
+                   [] {
+                     alarm(20);
+                     EXPECT_EQ(get("root.A"), value("v"));
+                     EXPECT_EQ(set("root.A", "w") + sync_tree(), 0);
+                     EXPECT_EQ(get("root.A"), value("w"));
+                   }),
+            0);
+  EXPECT_TRUE(fs::exists(fs::symlink_status(path + ".old")));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    , SpecialFiles,
+    testing::Values(SpecialFile{"FifoAsLog", "-wal", true}, SpecialFile{"FifoAsIndex", "-shm", true},
+                    SpecialFile{"FifoAsLock", "-lock", true}, SpecialFile{"LinkAsLog", "-wal", false},
+                    SpecialFile{"LinkAsIndex", "-shm", false}, SpecialFile{"LinkAsLock", "-lock", false}),
+    [](const auto &info) { return info.param.name; });
+
 TEST_F(SharedFolder, LostWriteOfANewParameterIsLoggedWithPathAndCauseAtMostOnceASecond) {
   ASSERT_EQ(run_as(0, [] { EXPECT_EQ(set("root.A", "v"), 0); }), 0);
   ASSERT_EQ(chmod(dir.path().c_str(), 02775), 0);
