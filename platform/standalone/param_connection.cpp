@@ -58,7 +58,7 @@ bool ParamTree::is_current(Record &record) const {
   if (stat(file_name_.c_str(), &status) != 0 || file_ == nullptr || status.st_ino != file_->inode) return false;
   if (side_ == nullptr) return true;
   record = side_->load();
-  const auto found = match(record, side_->inode(), stamp_of(status));
+  const auto found = side_->compare(record, stamp_of(status));
   return (found == Match::same || found == Match::unfinished) && record.generation == generation_;
 }
 
@@ -143,7 +143,7 @@ StoreResult ParamTree::connect(bool locked) {
       result = StoreResult::busy;
     }
   } else if (side_ != nullptr && side_->is_writable()) {
-    const auto found = match(side_->load(), side_->inode(), stamp_of(status));
+    const auto found = side_->compare(side_->load(), stamp_of(status));
     if (found == Match::replaced) result = fail(StoreResult::busy, "database is locked");
   }
   if (result == StoreResult::ok) result = open_store(folder, locked || taken);

@@ -98,8 +98,20 @@ Record ParamLock::load() const {
 
 bool ParamLock::save(Record record) const {
   record.own_inode = inode_;
+  record.saved_ns = wall_clock_ns();
   record.boot = this_boot();
   return pwrite(fd_.get(), &record, sizeof(record), 0) == static_cast<ssize_t>(sizeof(record));
+}
+
+Match ParamLock::compare(const Record &record, const FileStamp &database) const {
+  const auto found = match(record, inode_, database);
+  if (found != Match::replaced) return found;
+  // The inode of the lock file is no proof: numbers are used again, and `cp` writes to the file that exists.
+  constexpr std::int64_t tick_ns = 50'000'000;
+  struct stat status = {};
+  if (fstat(fd_.get(), &status) != 0) return found;
+  const std::int64_t since_save_ns = stamp_of(status).modified_ns - record.saved_ns;
+  return since_save_ns >= -tick_ns && since_save_ns <= tick_ns ? found : Match::unrecorded;
 }
 
 bool ParamLock::flush() const { return fdatasync(fd_.get()) == 0; }

@@ -48,10 +48,11 @@ struct Record {
   std::int64_t begun_ns = 0;     // when `flushing` or `moving` was set
   std::uint32_t generation = 0;  // counts files put in the database's place: connections made before are stale
   std::uint32_t flags = 0;
-  LogState log;            // zeros if it is not known
-  std::uint32_t boot = 0;  // of the system, when the record was saved
+  LogState log;               // zeros if it is not known
+  std::uint32_t boot = 0;     // of the system, when the record was saved
+  std::int64_t saved_ns = 0;  // a copy of the lock file has another time of modification
 };
-static_assert(sizeof(Record) == 72);
+static_assert(sizeof(Record) == 80);
 
 enum class Match {
   same,
@@ -72,6 +73,8 @@ class ParamLock {
   void unlock();
   [[nodiscard]] bool is_in_place() const;  // whether the path still names this file
   [[nodiscard]] std::uint64_t inode() const { return inode_; }
+  // match() for this lock file. A record that came with a copy of the whole folder is none: the log came with it.
+  [[nodiscard]] Match compare(const Record &record, const FileStamp &database) const;
   // A cleared one if there is none, or if it is of another version. Its version is kept.
   [[nodiscard]] Record load() const;
   bool save(Record record) const;

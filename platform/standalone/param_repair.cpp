@@ -71,7 +71,7 @@ StoreResult ParamTree::repair(const struct stat &folder) {
     return fail(StoreResult::newer,
                 "made by a newer release (version " + std::to_string(record.version) + " of its lock file)");
   }
-  const auto found = match(record, side_->inode(), stamp_of(status));
+  const auto found = side_->compare(record, stamp_of(status));
   if (found == Match::replaced) {
     if (const auto result = accept_replacement(status, record); result != StoreResult::ok) return result;
   } else if (found == Match::unrecorded) {

@@ -349,6 +349,17 @@ TEST_F(Following, WholeFolderThatIsCopiedKeepsItsLog) {
             0);
 }
 
+TEST_F(Following, WholeFolderThatIsCopiedBackKeepsTheLogThatItHad) {
+  const TempDir elsewhere;
+  const auto in_child = [](const std::function<void()> &function) { ASSERT_EQ(wait_for(start(function)), 0); };
+  in_child([] { EXPECT_EQ(set("root.A", "1") + sync_tree() + set("root.A", "in the log"), 0); });
+  for (const char *suffix : {"", "-wal", "-lock"}) copy(file + suffix, elsewhere.file("params.db") + suffix);
+  in_child([] { EXPECT_EQ(set("root.A", "later") + sync_tree() + set("root.B", "later"), 0); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(60));  // a copy has another time than what it is copied from
+  for (const char *suffix : {"", "-wal", "-lock"}) copy(elsewhere.file("params.db") + suffix, file + suffix);
+  in_child([] { EXPECT_EQ(get("root.A"), value("in the log")); });
+}
+
 TEST_F(Following, LeftoverTemporaryFilesAreRemoved) {
   for (const char *name : {"params.db.new-AbCdEf", "params.db.new-AbCdEf-wal", "params.db-lock.new-AbCdEf"}) {
     write(dir.file(name), "x");
