@@ -47,7 +47,8 @@ G_BEGIN_DECLS
  * @PARAM_SERVICE_NO_GROUP: there is no such group
  * @PARAM_SERVICE_NO_TEMPLATE: there is no such template, or it cannot be read
  * @PARAM_SERVICE_GROUP_EXISTS: the group that was to be created exists
- * @PARAM_SERVICE_BAD_PATH: the path, or one that is to be made, is empty, too long, or has an empty component
+ * @PARAM_SERVICE_BAD_PATH: the path, or one that is to be made, is empty, too long, or has an empty component; or the path
+ *   of a parameter has only one component
  * @PARAM_SERVICE_STORAGE: the tree cannot be read or written, or another process keeps it locked
  * @PARAM_SERVICE_BAD_ARGUMENT: the value is too long or `NULL`, or the number is less than -1
  *
@@ -98,7 +99,7 @@ typedef struct {
 
 /**
  * param_service_reset_options:
- * @options: (out caller-allocated): the block to clear to its defaults
+ * @options: (out caller-allocated): the block whose fields are all set to 0
  *
  * Thread: any.
  */
@@ -132,12 +133,15 @@ void param_service_set_custom (const gchar *path, const gchar *value, ParamServi
 /**
  * param_service_create_dynamic_group:
  * @group_path: the group that the new one is to be a child of
- * @template_name: the template of its parameters
+ * @template_name: the name of a template: the file `<name>_grp.conf` in `/etc/sysconfig/template`
  * @options: an option block: the number in the new group's name
  * @error: (out): 0, or what went wrong
  *
  * Creates a group from a template. It is named by the first letter of the last component of @group_path and the
- * number: "root.PTZ.Preset" and 2 give "root.PTZ.Preset.P2".
+ * number: "root.PTZ.Preset" and 2 give "root.PTZ.Preset.P2". Missing groups above it are created too.
+ *
+ * A template has one line `Parameter=default` for each parameter. Empty lines and lines that begin with `#` are skipped,
+ * and blanks around both parts are dropped. If a parameter's name has dots, its groups are created.
  *
  * Thread: any.
  *

@@ -180,7 +180,7 @@ gboolean param_service_restore(const gchar *file, GError **error) {
     return FALSE;
   }
   if (is_tree(file)) return refuse_tree(error, file);
-  if (status.st_size < smallest_database) return set_error(error, file, StoreResult::damaged, "is empty");
+  if (status.st_size < smallest_database) return set_error(error, file, StoreResult::damaged, status.st_size == 0 ? "is empty" : "is not a parameter tree");
   const ptz::Text path(g_canonicalize_filename(file, nullptr));
   Database source;
   std::string reason, image;
