@@ -157,7 +157,11 @@ bool replace_file(const std::string &file, const std::string &bytes) {
 gboolean param_service_backup(const gchar *file, GError **error) {
   g_return_val_if_fail(file != nullptr, FALSE);
   if (is_tree(file)) return refuse_tree(error, file);
-  Database copy = memory_database();
+  Database copy;
+  {
+    const ForkGate gate;
+    copy = memory_database();
+  }
   std::string reason, image;
   const StoreResult result = copy_tree(copy.get(), reason);
   {
@@ -180,7 +184,8 @@ gboolean param_service_restore(const gchar *file, GError **error) {
     return FALSE;
   }
   if (is_tree(file)) return refuse_tree(error, file);
-  if (status.st_size < smallest_database) return set_error(error, file, StoreResult::damaged, status.st_size == 0 ? "is empty" : "is not a parameter tree");
+  if (status.st_size < smallest_database)
+    return set_error(error, file, StoreResult::damaged, status.st_size == 0 ? "is empty" : "is not a parameter tree");
   const ptz::Text path(g_canonicalize_filename(file, nullptr));
   Database source;
   std::string reason, image;

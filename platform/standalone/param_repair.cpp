@@ -57,6 +57,17 @@ bool ParamTree::is_settled(const struct stat &status, gint64 settled_us) const {
   return !rather_fresh || file_ == nullptr || status.st_size >= size_in_header(file_->fd.get());
 }
 
+// While a program overwrites the file, it is empty for some milliseconds and may still have its old time. So the time
+// of the file proves nothing: this process has to have seen the same file for a while.
+bool ParamTree::has_stayed_short(const struct stat &status) {
+  const gint64 now_us = g_get_monotonic_time();
+  if (short_since_us_ == 0 || short_file_ != stamp_of(status)) {
+    short_file_ = stamp_of(status);
+    short_since_us_ = now_us;
+  }
+  return now_us - short_since_us_ >= tree_times.damage_settled_us;
+}
+
 StoreResult ParamTree::repair(const struct stat &folder) {
   if (!swept_) sweep_temporaries(file_name_);
   swept_ = true;
@@ -71,18 +82,18 @@ StoreResult ParamTree::repair(const struct stat &folder) {
     return fail(StoreResult::newer,
                 "made by a newer release (version " + std::to_string(record.version) + " of its lock file)");
   }
+  // SQLite treats a file of less than 512 bytes as a new database.
+  if (status.st_size < smallest_database) {
+    const char *damage = status.st_size == 0 ? "is empty" : "is cut short";
+    return has_stayed_short(status) ? start_anew(folder, damage) : fail(StoreResult::busy, damage);
+  }
+  short_since_us_ = 0;
   const auto found = side_->compare(record, stamp_of(status));
   if (found == Match::replaced) {
     if (const auto result = accept_replacement(status, record); result != StoreResult::ok) return result;
   } else if (found == Match::unrecorded) {
     if (access((file_name_ + "-journal").c_str(), F_OK) != 0) put_in_log_mode(file_->fd.get());
     record_database(0, record.generation + 1);
-  }
-  // SQLite treats a file of less than 512 bytes as a new database.
-  if (status.st_size < smallest_database) {
-    const char *damage = status.st_size == 0 ? "is empty" : "is cut short";
-    return is_settled(status, tree_times.damage_settled_us) ? start_anew(folder, damage)
-                                                            : fail(StoreResult::busy, damage);
   }
   return suspect_ ? examine(folder, status) : StoreResult::ok;
 }
@@ -164,6 +175,10 @@ StoreResult ParamTree::examine(const struct stat &folder, const struct stat &sta
   }
   if (result == StoreResult::ok) suspect_ = false;
   if (result != StoreResult::damaged) return fail(result, reason);
+  // Nobody is replacing the file. Waiting would let another process copy the damaged log into the database.
+  const Record record = side_->load();
+  const bool is_same = side_->compare(record, stamp_of(status)) == Match::same;
+  if (is_same && is_whole_without_log()) return drop_damaged_log(reason);
   if (!is_settled(status, tree_times.damage_settled_us)) return fail(StoreResult::busy, reason);
   return is_whole_without_log() ? drop_damaged_log(reason) : start_anew(folder, reason);
 }

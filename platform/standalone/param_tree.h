@@ -117,6 +117,7 @@ class [[gnu::visibility("hidden")]] ParamTree {
   [[nodiscard]] StoreResult start_anew(const struct stat &folder, const std::string &damage);
   [[nodiscard]] bool has_foreign_checkpoint(const Record &record, LogState &log) const;
   [[nodiscard]] bool is_settled(const struct stat &status, gint64 settled_us) const;
+  [[nodiscard]] bool has_stayed_short(const struct stat &status);
   void record_database(std::uint32_t flags, std::uint32_t generation) const;
 
   void flush_and_yield();
@@ -158,6 +159,8 @@ class [[gnu::visibility("hidden")]] ParamTree {
   gint64 next_look_us_ = 0;
   bool suspect_ = false;  // SQLite found damage: the file is to be examined
   bool swept_ = false;
+  FileStamp short_file_;  // the first sight of a file that is too short for a database
+  gint64 short_since_us_ = 0;
   bool fork_safe_ = false;
   bool time_reported_ = false;
   bool folder_flushed_ = false;                  // the names of this connection's files are durable

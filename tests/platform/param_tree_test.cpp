@@ -15,6 +15,7 @@
 #include <fstream>
 #include <functional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -357,6 +358,24 @@ TEST_F(InTheWay, SymbolicLinkInPlaceOfTheDatabaseIsReported) {
   fs::create_symlink(elsewhere.file("params.db"), file);
   EXPECT_EQ(set("root.A", "1"), PARAM_SERVICE_STORAGE);
   EXPECT_EQ(log.containing("is a symbolic link"), 1U) << testing::PrintToString(log.lines());
+}
+
+// As a program finds the file that overwrites it: empty at first, with its old time.
+TEST_F(InTheWay, DatabaseThatIsEmptyForAMomentIsNotDamaged) {
+  tree_times.busy_limit_us = 10 * G_USEC_PER_SEC;
+  ASSERT_EQ(set("root.A", "1") + sync_tree(), 0);
+  connect_anew();
+  const std::string content = read(file);
+  ASSERT_EQ(truncate(file.c_str(), 0), 0);
+  fs::last_write_time(file, fs::last_write_time(file) - std::chrono::hours(1));
+  std::thread copy([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    write(file, content);
+  });
+  EXPECT_EQ(set("root.B", "2"), 0);
+  copy.join();
+  EXPECT_EQ(get("root.A"), (Answer{"1", 0}));
+  EXPECT_FALSE(fs::exists(file + ".damaged-1"));
 }
 
 TEST_F(InTheWay, FifoInPlaceOfTheDatabaseIsReportedAndDoesNotBlock) {
