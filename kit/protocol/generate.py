@@ -1,0 +1,644 @@
+#!/usr/bin/env python3
+"""Makes from commands.toml, the one description of all messages:
+
+  generate.py header COMMANDS   ptz_kit_messages.h, the public structures and functions
+  generate.py source COMMANDS   ptz_kit_messages.cpp, the tables that message_codec.h interprets
+  generate.py json COMMANDS     commands.json, the description for tools
+  generate.py tables COMMANDS   the tables of docs/driver-commands.md
+"""
+import json
+import sys
+import tomllib
+
+AXES = ['pan', 'tilt', 'zoom']
+C_TYPES = {'u8': 'guint8', 'u16': 'guint16', 'u32': 'guint32', 'i32': 'gint32'}
+LEAST_BYTES = {'u8': 1, 'u16': 2, 'u32': 4, 'i32': 4, 'text': 2}
+VALUE_RANGE = {'u8': (0, 0xFF), 'u16': (0, 0xFFFF), 'u32': (0, 0xFFFFFFFF), 'i32': (-0x80000000, 0x7FFFFFFF)}
+UNITS = {
+    'axis': 'hundredths of a degree; of a magnification for zoom',
+    'axis/s': 'hundredths of a degree per second; of a magnification for zoom',
+    'degrees/100': 'hundredths of a degree',
+    'percent': 'per cent',
+    'permyriad': 'ten thousandths of the image',
+    'magnification/100': 'hundredths of a magnification',
+}
+FIELD_KEYS = {
+    'name', 'type', 'doc', 'unit', 'min', 'max', 'enum', 'flags', 'bytes', 'per_axis', 'inline', 'element', 'since',
+}
+
+
+class DescriptionError(Exception):
+    """The description contradicts itself."""
+
+
+def camel(name):
+    return ''.join(part.capitalize() for part in name.split('_'))
+
+
+def type_getter(name):
+    """PTZMoveCmd -> ptz_move_cmd_get_type"""
+    words = ''.join('_' + c.lower() if c.isupper() else c for c in name.removeprefix('PTZ'))
+    return f'ptz{words}_get_type'
+
+
+class Field:
+    def __init__(self, owner, description):
+        unknown = set(description) - FIELD_KEYS
+        if unknown:
+            raise DescriptionError(f'{owner}: unknown keys {sorted(unknown)}')
+        self.name = description['name']
+        self.type = description['type']
+        self.doc = description['doc']
+        self.unit = description.get('unit')
+        self.enum = description.get('enum')
+        self.flags = description.get('flags')
+        self.group = description.get('per_axis')
+        self.element = description.get('element')
+        self.since = description.get('since', 1)
+        self.least_bytes, self.most_bytes = description.get('bytes', (0, 0xFFFF))
+        self.bounds = (description.get('min'), description.get('max'))
+        self.where = f'{owner}: field {self.name}'
+        if self.unit and self.unit not in UNITS:
+            raise DescriptionError(f'{self.where}: unknown unit {self.unit}')
+        if self.type not in LEAST_BYTES and not self.type.startswith('list:'):
+            raise DescriptionError(f'{self.where}: unknown type {self.type}')
+        if self.is_list and not self.element:
+            raise DescriptionError(f'{self.where}: a list needs the name of its elements')
+
+    @property
+    def is_list(self):
+        return self.type.startswith('list:')
+
+    @property
+    def element_type(self):
+        return self.type.removeprefix('list:')
+
+    def range(self):
+        least, most = VALUE_RANGE[self.type]
+        if self.flags == 'axes':
+            most = 7
+        given_least, given_most = self.bounds
+        return (least if given_least is None else given_least, most if given_most is None else given_most)
+
+    def c_member(self):
+        if self.is_list:
+            return f'GPtrArray *{self.name}'
+        if self.type == 'text':
+            return f'gchar *{self.name}'
+        return f'{C_TYPES[self.type]} {self.name}' + ('[PTZ_KIT_N_AXES]' if self.group else '')
+
+    def c_parameter(self):
+        if self.type == 'text':
+            return f'const gchar *{self.name}'
+        return f'const {C_TYPES[self.type]} *{self.name}' if self.group else f'{C_TYPES[self.type]} {self.name}'
+
+    def meaning(self):
+        """The documentation with everything that bounds the value."""
+        parts = [self.doc]
+        if self.enum:
+            parts.append(f'a #{self.enum}')
+        if self.flags == 'axes':
+            parts.append('the sum of 1 for pan, 2 for tilt and 4 for zoom')
+        elif self.flags:
+            parts.append(f'bits of #{self.flags}')
+        if self.unit:
+            parts.append('in ' + UNITS[self.unit])
+        least, most = self.bounds
+        if least is not None and most is not None:
+            parts.append(f'{least} to {most}')
+        elif most is not None:
+            parts.append(f'at most {most}')
+        elif least is not None:
+            parts.append(f'at least {least}')
+        if self.most_bytes != 0xFFFF:
+            parts.append(f'{self.least_bytes} to {self.most_bytes} bytes')
+        return '; '.join(parts)
+
+
+class Message:
+    """A record, or the request or the reply of a command."""
+
+    def __init__(self, name, doc, fields, command=None, kind=None):
+        self.name = name
+        self.doc = doc
+        self.fields = fields
+        self.command = command
+        self.kind = kind
+        names = [field.name for field in fields]
+        if len(set(names)) != len(names):
+            raise DescriptionError(f'{name}: two fields have the same name')
+
+    @property
+    def c_type(self):
+        return 'PTZKit' + camel(self.name)
+
+    @property
+    def prefix(self):
+        return 'ptz_kit_' + self.name
+
+    @property
+    def type_macro(self):
+        return 'PTZ_KIT_TYPE_' + self.name.upper()
+
+    @property
+    def scalars(self):
+        return [field for field in self.fields if not field.is_list]
+
+    @property
+    def lists(self):
+        return [field for field in self.fields if field.is_list]
+
+    @property
+    def title(self):
+        return self.name.replace('_', ' ')
+
+    def wire_order(self):
+        """(field, axis or None) in the order of the bytes."""
+        order = []
+        rest = list(self.fields)
+        while rest:
+            first = rest[0]
+            if not first.group:
+                order.append((rest.pop(0), None))
+                continue
+            group = []
+            while rest and rest[0].group == first.group:
+                group.append(rest.pop(0))
+            order.extend((field, axis) for axis in range(len(AXES)) for field in group)
+        return order
+
+    def least_bytes(self):
+        return sum(LEAST_BYTES.get(field.type, 4) for field, _ in self.wire_order())
+
+
+class Protocol:
+    def __init__(self, description):
+        self.version = description['version']
+        self.limits = description['limits']
+        self.errors = description['error']
+        self.commands = description['command']
+        self.left_out = description['left_out']
+        self.records = {}
+        for record in description['record']:
+            fields = [Field(record['name'], field) for field in record['fields']]
+            self.records[record['name']] = Message(record['name'], record['doc'], fields)
+        self.messages = []
+        known_errors = {error['name'] for error in self.errors}
+        for command in self.commands:
+            unknown = set(command.get('errors', [])) - known_errors
+            if unknown:
+                raise DescriptionError(f'{command["name"]}: unknown errors {sorted(unknown)}')
+            for kind in ('request', 'reply'):
+                if kind not in command:
+                    continue
+                name = f'{command["name"]}_{kind}'
+                fields = list(self.expand(name, command[kind]))
+                self.messages.append(Message(name, command['doc'], fields, command, kind))
+        for message in self.messages:
+            for field in message.lists:
+                if field.element_type != 'text' and field.element_type not in self.records:
+                    raise DescriptionError(f'{field.where}: no record {field.element_type}')
+
+    def expand(self, owner, descriptions):
+        for description in descriptions:
+            if not description.get('inline'):
+                yield Field(owner, description)
+            elif description['type'] in self.records:
+                yield from self.records[description['type']].fields
+            else:
+                raise DescriptionError(f'{owner}: no record {description["type"]}')
+
+    @property
+    def everything(self):
+        return list(self.records.values()) + self.messages
+
+
+# --- C ----------------------------------------------------------------------------------------------------------------
+
+NOTICE = '/* Made by generate.py from commands.toml. */\n'
+
+
+def new_parameters(message):
+    return ', '.join(field.c_parameter() for field in message.scalars) or 'void'
+
+
+def parameter_docs(message):
+    lines = []
+    for field in message.scalars:
+        annotation = ' (array fixed-size=3):' if field.group else ''
+        lines.append(f' * @{field.name}:{annotation} {field.meaning()}\n')
+    return ''.join(lines)
+
+
+def field_docs(message):
+    lines = []
+    for field in message.fields:
+        annotation = ''
+        if field.is_list:
+            element = 'utf8' if field.element_type == 'text' else 'PTZKit' + camel(field.element_type)
+            annotation = f' (element-type {element}):'
+        elif field.group:
+            annotation = ' (array fixed-size=3):'
+        lines.append(f' * @{field.name}:{annotation} {field.meaning()}\n')
+    return ''.join(lines)
+
+
+def header_of_message(message):
+    kind = 'A record of messages' if message.kind is None else f'The {message.kind} of `{message.command["value"]}`'
+    prefix, c_type = message.prefix, message.c_type
+    members = ''.join(f'  {field.c_member()};\n' for field in message.fields)
+    text = f'''
+#define {message.type_macro} ({prefix}_get_type ())
+
+/**
+ * {c_type}:
+{field_docs(message)} *
+ * {kind}. {message.doc}
+ *
+ * Since: 0.1
+ */
+typedef struct {{
+{members}}} {c_type};
+
+/**
+ * {prefix}_get_type:
+ *
+ * Thread: any.
+ *
+ * Returns: the boxed type of #{c_type}
+ */
+PTZ_KIT_API GType {prefix}_get_type (void);
+
+/**
+ * {prefix}_new:
+{parameter_docs(message)} *
+ * The texts are copied. Thread: any.
+ *
+ * Since: 0.1
+ *
+ * Returns: (transfer full): a new message, for {prefix}_free()
+ */
+PTZ_KIT_API {c_type} *{prefix}_new ({new_parameters(message)});
+
+/**
+ * {prefix}_copy:
+ * @self: a message
+ *
+ * Thread: any.
+ *
+ * Since: 0.1
+ *
+ * Returns: (transfer full): a deep copy of @self
+ */
+PTZ_KIT_API {c_type} *{prefix}_copy (const {c_type} *self);
+
+/**
+ * {prefix}_free:
+ * @self: (transfer full) (nullable): a message
+ *
+ * Thread: any.
+ *
+ * Since: 0.1
+ */
+PTZ_KIT_API void {prefix}_free ({c_type} *self);
+
+/**
+ * {prefix}_validate:
+ * @self: a message
+ * @error: return location for an error, or `NULL`
+ *
+ * Checks every field against the bounds of the description. Limits that depend on the head are not known here.
+ * Thread: any.
+ *
+ * Since: 0.1
+ *
+ * Returns: `TRUE` if every field is within its bounds; `FALSE` with @error set to `PTZ_KIT_ERROR_OUT_OF_RANGE`
+ */
+PTZ_KIT_API gboolean {prefix}_validate (const {c_type} *self, GError **error);
+'''
+    for field in message.lists:
+        element = 'const gchar *' if field.element_type == 'text' else f'const PTZKit{camel(field.element_type)} *'
+        text += f'''
+/**
+ * {prefix}_add_{field.element}:
+ * @self: a message
+ * @{field.element}: the element to append; copied
+ *
+ * Thread: the one that uses @self.
+ *
+ * Since: 0.1
+ */
+PTZ_KIT_API void {prefix}_add_{field.element} ({c_type} *self, {element}{field.element});
+'''
+    if message.kind is None:
+        return text
+    return text + f'''
+/**
+ * {prefix}_write: (skip)
+ * @self: a message
+ * @body: (element-type guint8): a byte array to append the whole body to, command word included
+ * @error: return location for an error, or `NULL`
+ *
+ * Fails if a text is not UTF-8 or the body would be longer than a frame may carry; @body is then unchanged.
+ * Thread: the one that uses @body.
+ *
+ * Since: 0.1
+ *
+ * Returns: `TRUE` on success; `FALSE` with @error set, in `PTZ_KIT_ERROR`
+ */
+PTZ_KIT_API gboolean {prefix}_write (const {c_type} *self, GArray *body, GError **error);
+
+/**
+ * {prefix}_to_bytes:
+ * @self: a message
+ * @error: return location for an error, or `NULL`
+ *
+ * As {prefix}_write(), into new memory. Thread: any.
+ *
+ * Since: 0.1
+ *
+ * Returns: (transfer full) (nullable): the body; `NULL` with @error set on failure
+ */
+PTZ_KIT_API GBytes *{prefix}_to_bytes (const {c_type} *self, GError **error);
+
+/**
+ * {prefix}_read:
+ * @body: (array length=length): a whole body, command word included; borrowed
+ * @length: bytes in @body
+ * @error: return location for an error, or `NULL`
+ *
+ * Reads bytes of a peer that may have sent anything. Bounds of values are not checked: see {prefix}_validate().
+ * Thread: any.
+ *
+ * Since: 0.1
+ *
+ * Returns: (transfer full) (nullable): the message; `NULL` with @error set to `PTZ_KIT_ERROR_MALFORMED`, which names the
+ *   field and its offset, if the body is anything but this message
+ */
+PTZ_KIT_API {c_type} *{prefix}_read (const guint8 *body, gsize length, GError **error);
+'''
+
+
+def make_header(protocol):
+    codes = ''.join(f'  PTZ_KIT_ERROR_CODE_{error["name"].upper()} = {error["code"]},\n' for error in protocol.errors)
+    docs = ''.join(f' * @PTZ_KIT_ERROR_CODE_{error["name"].upper()}: {error["doc"]}\n' for error in protocol.errors)
+    body = ''.join(header_of_message(message) for message in protocol.everything)
+    return f'''{NOTICE}/* ptz_kit_messages.h - the messages between the daemon and a driver as typed structures. */
+#pragma once
+
+#include <ptz_kit_types.h>
+
+G_BEGIN_DECLS
+
+/**
+ * PTZKitErrorCode:
+{docs} *
+ * What an error reply says about a request.
+ *
+ * Since: 0.1
+ */
+typedef enum {{
+{codes}}} PTZKitErrorCode;
+{body}
+G_END_DECLS
+'''
+
+
+def c_text(text):
+    return json.dumps(text)
+
+
+class Pool:
+    """All texts of the tables in one array, so that the tables hold offsets and need no relocation."""
+
+    def __init__(self):
+        self.texts = []
+        self.offsets = {}
+        self.length = 0
+
+    def offset(self, text):
+        if text not in self.offsets:
+            self.offsets[text] = self.length
+            self.texts.append(text)
+            self.length += len(text.encode()) + 1
+        return self.offsets[text]
+
+    def definition(self):
+        lines = ''.join(f'    {c_text(text)} "\\0"\n' for text in self.texts)
+        return f'constexpr char names[] =\n{lines}    ;\n'
+
+
+def element_of(message, field, axis, pool, enumerations, record_numbers):
+    at = f'offsetof({message.c_type}, {field.name})'
+    if axis:
+        at += f' + {axis} * sizeof(gint32)'
+    name = pool.offset(field.name)
+    least, most, enumeration, element = 0, 0, 0, 0
+    if field.is_list:
+        kind = 'list'
+        element = 0 if field.element_type == 'text' else record_numbers[field.element_type]
+    elif field.type == 'text':
+        kind, least, most = 'text', field.least_bytes, field.most_bytes
+    else:
+        kind = field.type
+        least, most = field.range()
+        if field.enum:
+            if field.enum not in enumerations:
+                enumerations.append(field.enum)
+            enumeration = enumerations.index(field.enum) + 1
+    least_text = 'G_MININT32' if least == -0x80000000 else least
+    return (f'{{Kind::{kind}, {enumeration}, {element}, {0 if axis is None else axis + 1}, {at}, {name}, {least_text}, '
+            f'static_cast<guint32>({most})}}')
+
+
+def make_tables_in_c(protocol):
+    pool, enumerations, elements, layouts = Pool(), [], [], []
+    record_numbers = {name: number for number, name in enumerate(protocol.records, 1)}
+    for message in protocol.everything:
+        order = message.wire_order()
+        command = message.command['value'] if message.kind else 'no_command'
+        layouts.append(f'    {{{command}, sizeof({message.c_type}), {message.least_bytes()}, {pool.offset(message.title)}, '
+                       f'{len(elements)}, {len(order)}}},\n')
+        elements += [element_of(message, field, axis, pool, enumerations, record_numbers) for field, axis in order]
+    numbers = {message.name: number for number, message in enumerate(protocol.everything, 1)}
+    codes = {error['name']: error['code'] for error in protocol.errors}
+    commands = ''
+    for command in protocol.commands:
+        errors = ' | '.join(f'1u << {codes[name]}' for name in command.get('errors', [])) or '0'
+        commands += (f'    {{{command["value"]}, {pool.offset(command["name"])}, {numbers.get(command["name"] + "_request", 0)}, '
+                     f'{numbers.get(command["name"] + "_reply", 0)}, {errors}}},\n')
+    element_rows = ''.join(f'    {element},\n' for element in elements)
+    getters = ''.join(f'    {type_getter(name)},\n' for name in enumerations)
+    return f'''
+{pool.definition()}
+constexpr TypeGetter type_getters[] = {{
+{getters}}};
+
+constexpr Element elements[] = {{
+{element_rows}}};
+
+constexpr Layout layouts[] = {{
+{''.join(layouts)}}};
+
+constexpr Command commands[] = {{
+{commands}}};
+'''
+
+
+def functions_of(message, number):
+    prefix, c_type, layout = message.prefix, message.c_type, f'layouts[{number}]'
+    assignments = ''
+    for field in message.scalars:
+        if field.type == 'text':
+            assignments += f'  self->{field.name} = g_strdup({field.name});\n'
+        elif field.group:
+            assignments += f'  copy_axes({field.name}, self->{field.name});\n'
+        else:
+            assignments += f'  self->{field.name} = {field.name};\n'
+    new = f'  auto *self = static_cast<{c_type} *>(make_message({layout}));\n{assignments}  return self;\n'
+    text = f'''
+GType {prefix}_get_type(void) {{
+  static gsize type;
+  return message_type(type, "{c_type}", reinterpret_cast<GBoxedCopyFunc>({prefix}_copy),
+                      reinterpret_cast<GBoxedFreeFunc>({prefix}_free));
+}}
+{c_type} *{prefix}_new({new_parameters(message)}) {{
+{new}}}
+{c_type} *{prefix}_copy(const {c_type} *self) {{ return static_cast<{c_type} *>(copy_message({layout}, self)); }}
+void {prefix}_free({c_type} *self) {{ free_message({layout}, self); }}
+gboolean {prefix}_validate(const {c_type} *self, GError **error) {{ return validate_message({layout}, self, error); }}
+'''
+    for field in message.lists:
+        if field.element_type == 'text':
+            element, copy = 'const gchar *', f'g_strdup({field.element})'
+        else:
+            element = f'const PTZKit{camel(field.element_type)} *'
+            copy = f'ptz_kit_{field.element_type}_copy({field.element})'
+        text += f'''void {prefix}_add_{field.element}({c_type} *self, {element}{field.element}) {{
+  g_return_if_fail(self != NULL);
+  g_return_if_fail({field.element} != NULL);
+  g_ptr_array_add(self->{field.name}, {copy});
+}}
+'''
+    if message.kind is None:
+        return text
+    return text + f'''gboolean {prefix}_write(const {c_type} *self, GArray *body, GError **error) {{
+  return write_message({layout}, self, body, error);
+}}
+GBytes *{prefix}_to_bytes(const {c_type} *self, GError **error) {{ return message_to_bytes({layout}, self, error); }}
+{c_type} *{prefix}_read(const guint8 *body, gsize length, GError **error) {{
+  return static_cast<{c_type} *>(read_message({layout}, {{body, length}}, error));
+}}
+'''
+
+
+def make_source(protocol):
+    functions = ''.join(functions_of(message, number) for number, message in enumerate(protocol.everything))
+    return f'''{NOTICE}#include "ptz_kit_messages.h"
+
+#include <algorithm>
+#include <cstddef>
+
+#include "protocol/message_codec.h"
+
+using namespace ptz_kit;
+
+namespace {{
+{make_tables_in_c(protocol)}
+void copy_axes(const gint32 *from, gint32 *to) {{
+  if (from != nullptr) std::copy_n(from, PTZ_KIT_N_AXES, to);
+}}
+
+}}  // namespace
+
+const ptz_kit::Tables ptz_kit::tables = {{names, type_getters, elements, layouts, commands}};
+{functions}'''
+
+
+# --- documents and data -----------------------------------------------------------------------------------------------
+
+def doc_type(field):
+    if field.is_list:
+        return f'list of {field.element_type}'
+    return f'{field.type} per axis' if field.group else field.type
+
+
+def doc_fields(protocol, command, kind):
+    if kind not in command:
+        return '—'
+    message = next(m for m in protocol.messages if m.command is command and m.kind == kind)
+    parts, rest = [], list(message.fields)
+    while rest:
+        field = rest.pop(0)
+        if not field.group:
+            of = f'list of {field.element_type}' if field.is_list else field.type
+            parts.append(f'{field.name} {of}')
+            continue
+        group = [field]
+        while rest and rest[0].group == field.group:
+            group.append(rest.pop(0))
+        parts.append('per axis: ' + ', '.join(f'{each.name} {each.type}' for each in group))
+    return '; '.join(parts)
+
+
+def make_tables(protocol):
+    codes = {error['name']: str(error['code']) for error in protocol.errors}
+    lines = ['| Code | Name | When |', '|---|---|---|']
+    lines += [f'| {error["code"]} | {error["name"].replace("_", " ")} | {error["doc"]} |' for error in protocol.errors]
+    lines += ['', '| Command | Request | Reply | Errors |', '|---|---|---|---|']
+    for command in protocol.commands:
+        errors = ', '.join(codes[name] for name in command.get('errors', []))
+        lines.append(f'| `{command["value"]}` | {doc_fields(protocol, command, "request")} | '
+                     f'{doc_fields(protocol, command, "reply")} | {errors} |')
+    for message in protocol.everything:
+        of = f'`{message.command["value"]}`, {message.kind}' if message.kind else f'record {message.title}'
+        lines += ['', f'**{of}.** {message.doc}', '', '| Field | Type | Meaning |', '|---|---|---|']
+        lines += [f'| {field.name} | {doc_type(field)} | {field.meaning().replace("#PTZ", "PTZ")} |'
+                  for field in message.fields]
+    return '\n'.join(lines) + '\n'
+
+
+def make_json(protocol):
+    def fields_of(message):
+        result = []
+        for field in message.fields:
+            entry = {'name': field.name, 'type': field.type, 'doc': field.doc, 'since': field.since}
+            for key, value in (('unit', field.unit), ('enum', field.enum), ('flags', field.flags),
+                               ('per_axis', field.group), ('min', field.bounds[0]), ('max', field.bounds[1])):
+                if value is not None:
+                    entry[key] = value
+            if field.type == 'text':
+                entry['bytes'] = [field.least_bytes, field.most_bytes]
+            result.append(entry)
+        return result
+
+    commands = []
+    for command in protocol.commands:
+        entry = {key: command[key] for key in ('name', 'value', 'doc', 'capability') if key in command}
+        entry['errors'] = command.get('errors', [])
+        for message in protocol.messages:
+            if message.command is command:
+                entry[message.kind] = fields_of(message)
+        commands.append(entry)
+    records = [{'name': record.name, 'doc': record.doc, 'fields': fields_of(record)}
+               for record in protocol.records.values()]
+    return json.dumps({'version': protocol.version, 'limits': protocol.limits, 'errors': protocol.errors,
+                       'records': records, 'commands': commands, 'left_out': protocol.left_out}, indent=1) + '\n'
+
+
+MAKERS = {'header': make_header, 'source': make_source, 'json': make_json, 'tables': make_tables}
+
+
+def main(arguments):
+    if len(arguments) != 2 or arguments[0] not in MAKERS:
+        sys.exit(__doc__)
+    try:
+        with open(arguments[1], 'rb') as file:
+            protocol = Protocol(tomllib.load(file))
+    except (OSError, tomllib.TOMLDecodeError, KeyError, DescriptionError) as error:
+        sys.exit(f'{arguments[1]}: {error!r}')
+    sys.stdout.write(MAKERS[arguments[0]](protocol))
+
+
+if __name__ == '__main__':
+    main(sys.argv[1:])

@@ -1,0 +1,387 @@
+#include "protocol/message_codec.h"
+
+#include <ptz_kit_types.h>
+#include <ptz_serialize.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <utility>
+
+#include "protocol/message_access.h"
+
+G_DEFINE_QUARK(ptz - kit - error - quark, ptz_kit_error)
+
+namespace ptz_kit {
+namespace {
+
+// A message that is NULL, or a body: the programmer's error.
+bool is_given(const Layout &layout, gconstpointer given) {
+  if (given == nullptr) g_critical("%s: NULL", title_of(layout));
+  return given != nullptr;
+}
+
+GPtrArray *make_list(const Element &element) {
+  if (record_of(element) == nullptr) return g_ptr_array_new_with_free_func(g_free);
+  return g_ptr_array_new();  // its records are freed by free_list(), which knows their layout
+}
+
+void clear_message(const Layout &layout, gpointer message);
+
+void free_list(const Element &element, GPtrArray *list) {
+  if (list == nullptr) return;
+  if (record_of(element) != nullptr) {
+    for (guint i = 0; i < list->len; ++i) free_message(*record_of(element), list->pdata[i]);
+  }
+  g_ptr_array_unref(list);
+}
+
+void clear_message(const Layout &layout, gpointer message) {
+  for (const Element &element : elements_of(layout)) {
+    if (element.kind == Kind::text) {
+      g_free(member<gchar *>(message, element));
+    } else if (element.kind == Kind::list) {
+      free_list(element, member<GPtrArray *>(message, element));
+    }
+  }
+}
+
+GPtrArray *copy_list(const Element &element, const GPtrArray *list) {
+  GPtrArray *copy = make_list(element);
+  for (guint i = 0; list != nullptr && i < list->len; ++i) {
+    const auto *data = list->pdata[i];
+    g_ptr_array_add(copy, record_of(element) != nullptr ? copy_message(*record_of(element), data)
+                                                        : g_strdup(static_cast<const gchar *>(data)));
+  }
+  return copy;
+}
+
+// --- reading
+// ----------------------------------------------------------------------------------------------------------
+
+class Reader {
+  const char *const title_;
+  std::span<const guint8> body_;
+  gsize offset_ = 0;
+  GError **const error_;
+
+  [[nodiscard]] gsize left() const { return body_.size() - offset_; }
+
+  [[gnu::cold]] bool fail(const char *name, const char *axis, gsize offset, const char *problem) {
+    g_set_error(error_, PTZ_KIT_ERROR, PTZ_KIT_ERROR_MALFORMED, "%s: field \"%s\"%s at byte %" G_GSIZE_FORMAT ": %s",
+                title_, name, axis, offset, problem);
+    return false;
+  }
+  [[gnu::cold]] bool fail(const Element &element, gsize offset, const char *problem) {
+    return fail(name_of(element), axis_names[element.axis], offset, problem);
+  }
+
+  template <typename T>
+  [[nodiscard]] bool number(T &value) {
+    if (left() < sizeof(T)) return false;
+    guint32 bits = 0;
+    for (gsize i = 0; i < sizeof(T); ++i) bits |= guint32{body_[offset_ + i]} << (8 * i);
+    value = static_cast<T>(bits);
+    offset_ += sizeof(T);
+    return true;
+  }
+
+  [[nodiscard]] bool text(const Element &element, gchar *&text) {
+    const gsize start = offset_;
+    guint16 length = 0;
+    if (!number(length) || left() < length) return fail(element, start, too_short);
+    const auto *bytes = reinterpret_cast<const gchar *>(body_.data() + offset_);
+    if (g_utf8_validate_len(bytes, length, nullptr) == FALSE) return fail(element, start, "the text is not UTF-8");
+    text = g_strndup(bytes, length);
+    offset_ += length;
+    return true;
+  }
+
+  [[nodiscard]] bool list(const Element &element, GPtrArray *list) {
+    const gsize start = offset_;
+    const Layout *record = record_of(element);
+    guint32 count = 0;
+    if (!number(count)) return fail(element, start, too_short);
+    const gsize least_bytes = record != nullptr ? record->least_bytes : sizeof(guint16);
+    if (count > left() / least_bytes) return fail(element, start, "the list is longer than the body");
+    for (; count > 0; --count) {
+      if (record == nullptr) {
+        gchar *entry = nullptr;
+        if (!text(element, entry)) return false;
+        g_ptr_array_add(list, entry);
+      } else {
+        g_ptr_array_add(list, make_message(*record));
+        if (!fields(*record, list->pdata[list->len - 1])) return false;
+      }
+    }
+    return true;
+  }
+
+  template <typename T>
+  [[nodiscard]] bool number(const Element &element, T &value) {
+    return number(value) || fail(element, offset_, too_short);
+  }
+
+  [[nodiscard]] bool field(const Element &element, gpointer message) {
+    switch (element.kind) {
+      case Kind::u8:
+        return number(element, member<guint8>(message, element));
+      case Kind::u16:
+        return number(element, member<guint16>(message, element));
+      case Kind::u32:
+        return number(element, member<guint32>(message, element));
+      case Kind::i32:
+        return number(element, member<gint32>(message, element));
+      case Kind::text:
+        return text(element, member<gchar *>(message, element));
+      case Kind::list:
+        return list(element, member<GPtrArray *>(message, element));
+    }
+    g_assert_not_reached();
+  }
+
+  static constexpr char too_short[] = "the body is too short";
+
+ public:
+  Reader(const char *title, std::span<const guint8> body, GError **error) : title_(title), body_(body), error_(error) {}
+
+  [[nodiscard]] bool command(gint32 expected) {
+    gint32 command = 0;
+    if (!number(command)) return fail("command", "", 0, too_short);
+    return command == expected || fail("command", "", 0, "it is another command");
+  }
+
+  [[nodiscard]] bool fields(const Layout &layout, gpointer message) {
+    return std::ranges::all_of(elements_of(layout), [&](const Element &element) { return field(element, message); });
+  }
+
+  [[nodiscard]] bool at_end() {
+    if (left() == 0) return true;
+    g_set_error(error_, PTZ_KIT_ERROR, PTZ_KIT_ERROR_MALFORMED,
+                "%s: %" G_GSIZE_FORMAT " bytes left over at byte %" G_GSIZE_FORMAT, title_, left(), offset_);
+    return false;
+  }
+};
+
+// --- writing
+// ----------------------------------------------------------------------------------------------------------
+
+bool write_text(const char *title, const char *name, const gchar *text, GArray *body, GError **error) {
+  const gsize length = strlen(text);
+  if (length > most_body_bytes) {
+    g_set_error(error, PTZ_KIT_ERROR, PTZ_KIT_ERROR_TOO_LONG,
+                "%s: the text of field \"%s\" has %" G_GSIZE_FORMAT " bytes", title, name, length);
+    return false;
+  }
+  if (g_utf8_validate_len(text, length, nullptr) == FALSE) {
+    g_set_error(error, PTZ_KIT_ERROR, PTZ_KIT_ERROR_BAD_TEXT, "%s: the text of field \"%s\" is not UTF-8", title, name);
+    return false;
+  }
+  ptz_serialize_string(body, text);
+  return true;
+}
+
+bool write_fields(const char *title, const Layout &layout, gconstpointer message, GArray *body, GError **error);
+
+bool write_list(const char *title, const Element &element, const GPtrArray *list, GArray *body, GError **error) {
+  const guint count = list != nullptr ? list->len : 0;
+  ptz_serialize_32bit(body, count);
+  for (guint i = 0; i < count; ++i) {
+    const auto *data = list->pdata[i];
+    const bool written = record_of(element) != nullptr
+                             ? write_fields(title, *record_of(element), data, body, error)
+                             : write_text(title, name_of(element), static_cast<const gchar *>(data), body, error);
+    if (!written) return false;
+    if (body->len > most_body_bytes) break;  // write_message() tells
+  }
+  return true;
+}
+
+bool write_fields(const char *title, const Layout &layout, gconstpointer message, GArray *body, GError **error) {
+  for (const Element &element : elements_of(layout)) {
+    switch (element.kind) {
+      case Kind::u8:
+        ptz_serialize_8bit(body, member<guint8>(message, element));
+        break;
+      case Kind::u16:
+        ptz_serialize_16bit(body, member<guint16>(message, element));
+        break;
+      case Kind::u32:
+      case Kind::i32:
+        ptz_serialize_32bit(body, member<guint32>(message, element));
+        break;
+      case Kind::text:
+        if (!write_text(title, name_of(element), text_of(message, element), body, error)) return false;
+        break;
+      case Kind::list:
+        if (!write_list(title, element, member<GPtrArray *>(message, element), body, error)) return false;
+        break;
+    }
+  }
+  return true;
+}
+
+// --- bounds
+// -----------------------------------------------------------------------------------------------------------
+
+bool fail_bounds(const Layout &layout, const Element &element, const char *what, gint64 value, GError **error) {
+  g_set_error(error, PTZ_KIT_ERROR, PTZ_KIT_ERROR_OUT_OF_RANGE,
+              "%s: %s \"%s\"%s is %" G_GINT64_FORMAT ", not within %" G_GINT64_FORMAT " to %" G_GINT64_FORMAT,
+              title_of(layout), what, name_of(element), axis_names[element.axis], value, gint64{element.least},
+              most_of(element));
+  return false;
+}
+
+GType type_of(const Element &element) { return tables.type_getters[element.enumeration - 1](); }
+
+bool is_enumerator(GType type, gint64 value) {
+  auto *values = static_cast<GEnumClass *>(g_type_class_ref(type));
+  const bool is_one = value <= G_MAXINT && g_enum_get_value(values, static_cast<gint>(value)) != nullptr;
+  g_type_class_unref(values);
+  return is_one;
+}
+
+bool validate_element(const Layout &layout, const Element &element, gconstpointer message, GError **error) {
+  if (element.kind == Kind::list) {
+    const auto *list = member<GPtrArray *>(message, element);
+    for (guint i = 0; record_of(element) != nullptr && list != nullptr && i < list->len; ++i) {
+      if (validate_message(*record_of(element), list->pdata[i], error) == FALSE) return false;
+    }
+    return true;
+  }
+  if (element.kind == Kind::text) {
+    const auto length = static_cast<gint64>(strlen(text_of(message, element)));
+    if (length >= element.least && length <= most_of(element)) return true;
+    return fail_bounds(layout, element, "the length of field", length, error);
+  }
+  const gint64 value = value_of(message, element);
+  if (value < element.least || value > most_of(element)) return fail_bounds(layout, element, "field", value, error);
+  if (element.enumeration == 0 || is_enumerator(type_of(element), value)) return true;
+  g_set_error(error, PTZ_KIT_ERROR, PTZ_KIT_ERROR_OUT_OF_RANGE,
+              "%s: field \"%s\" is %" G_GINT64_FORMAT ", which is no value of %s", title_of(layout), name_of(element),
+              value, g_type_name(type_of(element)));
+  return false;
+}
+
+}  // namespace
+
+gint64 value_of(gconstpointer message, const Element &element) {
+  switch (element.kind) {
+    case Kind::u8:
+      return member<guint8>(message, element);
+    case Kind::u16:
+      return member<guint16>(message, element);
+    case Kind::u32:
+      return member<guint32>(message, element);
+    case Kind::i32:
+      return member<gint32>(message, element);
+    case Kind::text:
+    case Kind::list:
+      break;
+  }
+  g_assert_not_reached();
+}
+
+bool set_value(gpointer message, const Element &element, gint64 value) {
+  const auto set = [&]<typename T>(T) {
+    member<T>(message, element) = static_cast<T>(value);
+    return std::in_range<T>(value);
+  };
+  switch (element.kind) {
+    case Kind::u8:
+      return set(guint8{});
+    case Kind::u16:
+      return set(guint16{});
+    case Kind::u32:
+      return set(guint32{});
+    case Kind::i32:
+      return set(gint32{});
+    case Kind::text:
+    case Kind::list:
+      break;
+  }
+  g_assert_not_reached();
+}
+
+const Command *find_command(gint32 value) {
+  const auto found = std::ranges::find(tables.commands, value, &Command::value);
+  return found != tables.commands.end() ? std::to_address(found) : nullptr;
+}
+
+GType message_type(gsize &type, const char *name, GBoxedCopyFunc copy, GBoxedFreeFunc free) {
+  if (g_once_init_enter(&type)) g_once_init_leave(&type, g_boxed_type_register_static(name, copy, free));
+  return type;
+}
+
+gpointer make_message(const Layout &layout) {
+  gpointer message = g_malloc0(layout.size);
+  for (const Element &element : elements_of(layout)) {
+    if (element.kind == Kind::list) member<GPtrArray *>(message, element) = make_list(element);
+  }
+  return message;
+}
+
+gpointer copy_message(const Layout &layout, gconstpointer message) {
+  if (!is_given(layout, message)) return nullptr;
+  gpointer copy = g_memdup2(message, layout.size);
+  for (const Element &element : elements_of(layout)) {
+    if (element.kind == Kind::text) {
+      member<gchar *>(copy, element) = g_strdup(member<gchar *>(message, element));
+    } else if (element.kind == Kind::list) {
+      member<GPtrArray *>(copy, element) = copy_list(element, member<GPtrArray *>(message, element));
+    }
+  }
+  return copy;
+}
+
+void free_message(const Layout &layout, gpointer message) {
+  if (message == nullptr) return;
+  clear_message(layout, message);
+  g_free(message);
+}
+
+gboolean validate_message(const Layout &layout, gconstpointer message, GError **error) {
+  if (!is_given(layout, message)) return FALSE;
+  for (const Element &element : elements_of(layout)) {
+    if (!validate_element(layout, element, message, error)) return FALSE;
+  }
+  return TRUE;
+}
+
+gboolean write_message(const Layout &layout, gconstpointer message, GArray *body, GError **error) {
+  if (!is_given(layout, message) || !is_given(layout, body)) return FALSE;
+  const guint start = body->len;
+  ptz_serialize_32bit(body, static_cast<guint32>(layout.command));
+  bool written = write_fields(title_of(layout), layout, message, body, error);
+  if (written && body->len - start > most_body_bytes) {
+    g_set_error(error, PTZ_KIT_ERROR, PTZ_KIT_ERROR_TOO_LONG,
+                "%s: the body would have more than %" G_GSIZE_FORMAT " bytes", title_of(layout), most_body_bytes);
+    written = false;
+  }
+  if (!written) g_array_set_size(body, start);
+  return written ? TRUE : FALSE;
+}
+
+GBytes *message_to_bytes(const Layout &layout, gconstpointer message, GError **error) {
+  GArray *body = ptz_serialize_create_array();
+  if (write_message(layout, message, body, error) == FALSE) {
+    g_array_unref(body);
+    return nullptr;
+  }
+  gsize length = 0;
+  gpointer bytes = g_array_steal(body, &length);
+  g_array_unref(body);
+  return g_bytes_new_take(bytes, length);
+}
+
+gpointer read_message(const Layout &layout, std::span<const guint8> body, GError **error) {
+  if (!body.empty() && !is_given(layout, body.data())) return nullptr;
+  Reader reader(title_of(layout), body, error);
+  if (!reader.command(layout.command)) return nullptr;
+  gpointer message = make_message(layout);
+  if (reader.fields(layout, message) && reader.at_end()) return message;
+  free_message(layout, message);
+  return nullptr;
+}
+
+}  // namespace ptz_kit
