@@ -34,7 +34,7 @@ PTZ_KIT_API const gchar *ptz_kit_command_name (gint32 command);
 
 /**
  * ptz_kit_command_from_name:
- * @name: a name as ptz_kit_command_name() returns it
+ * @name: a name as ptz_kit_command_name() returns it; borrowed
  * @command: (out): the command word
  *
  * Thread: any.
@@ -66,7 +66,9 @@ PTZ_KIT_API gboolean ptz_kit_body_get_command (const guint8 *body, gsize length,
  * @length: bytes in @body
  * @error: return location for an error, or `NULL`
  *
- * Reads the body of any command that the kit knows. Thread: any.
+ * Reads the body of any command that the kit knows.
+ *
+ * Thread: any.
  *
  * Since: 0.1
  *
@@ -79,10 +81,13 @@ PTZ_KIT_API GVariant *ptz_kit_body_to_variant (PTZKitBodyKind kind, const guint8
 /**
  * ptz_kit_body_from_variant:
  * @kind: whether it is a request or a reply
- * @fields: a dictionary as ptz_kit_body_to_variant() returns it, with integers of any type
+ * @fields: a dictionary as ptz_kit_body_to_variant() returns it, with integers of any type; borrowed,
+ *   or consumed if it is floating
  * @error: return location for an error, or `NULL`
  *
- * Writes the body of any command that the kit knows. A floating @fields is consumed. Thread: any.
+ * Writes the body of any command that the kit knows.
+ *
+ * Thread: any.
  *
  * Since: 0.1
  *

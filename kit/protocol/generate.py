@@ -226,7 +226,8 @@ def parameter_docs(message):
     lines = []
     for field in message.scalars:
         annotation = ' (array fixed-size=3):' if field.group else ''
-        lines.append(f' * @{field.name}:{annotation} {field.meaning()}\n')
+        copied = '; copied' if field.group or field.type == 'text' else ''
+        lines.append(f' * @{field.name}:{annotation} {field.meaning()}{copied}\n')
     return ''.join(lines)
 
 
@@ -272,7 +273,7 @@ PTZ_KIT_API GType {prefix}_get_type (void);
 /**
  * {prefix}_new:
 {parameter_docs(message)} *
- * The texts are copied. Thread: any.
+ * Thread: any.
  *
  * Since: 0.1
  *
@@ -282,7 +283,7 @@ PTZ_KIT_API {c_type} *{prefix}_new ({new_parameters(message)});
 
 /**
  * {prefix}_copy:
- * @self: a message
+ * @self: a message; borrowed
  *
  * Thread: any.
  *
@@ -304,10 +305,11 @@ PTZ_KIT_API void {prefix}_free ({c_type} *self);
 
 /**
  * {prefix}_validate:
- * @self: a message
+ * @self: a message; borrowed
  * @error: return location for an error, or `NULL`
  *
  * Checks every field against the bounds of the description. Limits that depend on the head are not known here.
+ *
  * Thread: any.
  *
  * Since: 0.1
@@ -321,7 +323,7 @@ PTZ_KIT_API gboolean {prefix}_validate (const {c_type} *self, GError **error);
         text += f'''
 /**
  * {prefix}_add_{field.element}:
- * @self: a message
+ * @self: a message; borrowed
  * @{field.element}: the element to append; copied
  *
  * Thread: the one that uses @self.
@@ -335,11 +337,13 @@ PTZ_KIT_API void {prefix}_add_{field.element} ({c_type} *self, {element}{field.e
     return text + f'''
 /**
  * {prefix}_write: (skip)
- * @self: a message
- * @body: (element-type guint8): a byte array to append the whole body to, command word included
+ * @self: a message; borrowed
+ * @body: (element-type guint8): a byte array to append the whole body to, command word included;
+ *   borrowed
  * @error: return location for an error, or `NULL`
  *
  * Fails if a text is not UTF-8 or the body would be longer than a frame may carry; @body is then unchanged.
+ *
  * Thread: the one that uses @body.
  *
  * Since: 0.1
@@ -350,10 +354,12 @@ PTZ_KIT_API gboolean {prefix}_write (const {c_type} *self, GArray *body, GError 
 
 /**
  * {prefix}_to_bytes:
- * @self: a message
+ * @self: a message; borrowed
  * @error: return location for an error, or `NULL`
  *
- * As {prefix}_write(), into new memory. Thread: any.
+ * As {prefix}_write(), into new memory.
+ *
+ * Thread: any.
  *
  * Since: 0.1
  *
@@ -368,6 +374,7 @@ PTZ_KIT_API GBytes *{prefix}_to_bytes (const {c_type} *self, GError **error);
  * @error: return location for an error, or `NULL`
  *
  * Reads bytes of a peer that may have sent anything. Bounds of values are not checked: see {prefix}_validate().
+ *
  * Thread: any.
  *
  * Since: 0.1

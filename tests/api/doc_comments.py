@@ -124,7 +124,7 @@ def gaps(result, name, parameters, comment):
 
 DECLARATION = re.compile(
     r'(?:/\*\*\n(?P<comment>(?:[ \t]*\*(?!/).*\n)*)[ \t]*\*/\s*)?'
-    r'^PTZ_API\s+(?P<result>[^;()]*?[\s*])(?P<name>\w+)\s*\((?P<parameters>[^;]*)\)[^;)]*;', re.MULTILINE)
+    r'^PTZ_(?:KIT_)?API\s+(?P<result>[^;()]*?[\s*])(?P<name>\w+)\s*\((?P<parameters>[^;]*)\)[^;)]*;', re.MULTILINE)
 
 
 def declarations(text):
