@@ -2,5 +2,8 @@
 #pragma once
 
 #include <ptz_kit_body.h>
+#include <ptz_kit_driver.h>
 #include <ptz_kit_messages.h>
+#include <ptz_kit_replies.h>
+#include <ptz_kit_reply.h>
 #include <ptz_kit_types.h>

@@ -3,6 +3,8 @@
 
   generate.py header COMMANDS   ptz_kit_messages.h, the public structures and functions
   generate.py source COMMANDS   ptz_kit_messages.cpp, the tables that message_codec.h interprets
+  generate.py reply_header COMMANDS   ptz_kit_replies.h, a typed answer for each command of a driver
+  generate.py reply_source COMMANDS   ptz_kit_replies.cpp
   generate.py json COMMANDS     commands.json, the description for tools
   generate.py tables COMMANDS   the tables of docs/driver-commands.md
 """
@@ -562,6 +564,51 @@ const ptz_kit::Tables ptz_kit::tables = {{names, type_getters, elements, layouts
 {functions}'''
 
 
+# --- typed answers ----------------------------------------------------------------------------------------------------
+
+def replies(protocol):
+    """The error reply has functions of its own, by hand."""
+    return [message for message in protocol.messages if message.kind == 'reply' and message.command['name'] != 'error']
+
+
+def make_reply_header(protocol):
+    functions = ''
+    for message in replies(protocol):
+        name = 'ptz_kit_reply_' + message.command['name']
+        functions += f'''
+/**
+ * {name}:
+ * @self: a reply to `{message.command["value"]}`
+ * @answer: the fields of the reply; borrowed
+ *
+ * Answers the request. If @answer cannot be written, the log says why and the request is answered with
+ * `PTZ_KIT_ERROR_CODE_INTERNAL`.
+ *
+ * Thread: the one of the default main context.
+ *
+ * Since: 0.1
+ */
+PTZ_KIT_API void {name} (PTZKitReply *self, const {message.c_type} *answer);
+'''
+    return f'''{NOTICE}/* ptz_kit_replies.h - answers a request with the fields of its reply. */
+#pragma once
+
+#include <ptz_kit_messages.h>
+#include <ptz_kit_reply.h>
+
+G_BEGIN_DECLS
+{functions}
+G_END_DECLS
+'''
+
+
+def make_reply_source(protocol):
+    functions = ''.join(
+        f'void ptz_kit_reply_{message.command["name"]}(PTZKitReply *self, const {message.c_type} *answer) {{\n'
+        f'  ptz_kit::answer(self, {message.command["value"]}, answer);\n}}\n' for message in replies(protocol))
+    return f'{NOTICE}#include "ptz_kit_replies.h"\n\n#include "driver/reply.h"\n\n{functions}'
+
+
 # --- documents and data -----------------------------------------------------------------------------------------------
 
 def doc_type(field):
@@ -633,7 +680,8 @@ def make_json(protocol):
                        'records': records, 'commands': commands, 'left_out': protocol.left_out}, indent=1) + '\n'
 
 
-MAKERS = {'header': make_header, 'source': make_source, 'json': make_json, 'tables': make_tables}
+MAKERS = {'header': make_header, 'source': make_source, 'reply_header': make_reply_header,
+          'reply_source': make_reply_source, 'json': make_json, 'tables': make_tables}
 
 
 def main(arguments):

@@ -1,0 +1,196 @@
+#include "driver/driver_core.h"
+
+#include <gio/gio.h>
+#include <ptz_serialize.h>
+#include <sys/socket.h>
+#include <syslog.h>
+
+#include <cstring>
+
+namespace ptz_kit {
+
+namespace {
+
+constexpr guint ms_per_second = 1000;
+
+Request request_from(gpointer reply_context, std::span<const guint8> body, guint32 serial) {
+  Request request = {PTZ_COMMAND_ERROR_REPLY, reply_context, 0, -1, serial};
+  ptz_kit_body_get_command(body.data(), body.size(), &request.command);
+  // Asked now: by the time of a late reply, another client may have the descriptor's number.
+  const auto *context = static_cast<const PTZSocketServerCommandReplyContext *>(reply_context);
+  ucred peer{};
+  socklen_t size = sizeof peer;
+  if (getsockopt(context->fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0) {
+    request.pid = peer.pid;
+    request.uid = peer.uid;
+  }
+  return request;
+}
+
+bool is_refusal(std::span<const guint8> body) {
+  gint32 command = 0;
+  return ptz_kit_body_get_command(body.data(), body.size(), &command) != FALSE && command == PTZ_COMMAND_ERROR_REPLY;
+}
+
+}  // namespace
+
+// The registry of running drivers hooks in here: before the server replaces what is at the path.
+bool DriverCore::listen(GError **error) {
+  server_.reset(ptz_socket_server_command_new(socket_path.c_str(), SOCK_STREAM));
+  if (!server_ || PTZ_SOCKET(server_.get())->fd < 0) {
+    server_.reset();
+    g_set_error(error, G_IO_ERROR, G_IO_ERROR_FAILED, "cannot listen on '%s'", socket_path.c_str());
+    return false;
+  }
+  ptz_socket_server_register_callback(PTZ_SOCKET_SERVER(server_.get()), on_request, this);
+  return true;
+}
+
+bool DriverCore::start(GError **error) {
+  if (slots().open != nullptr && slots().open(object, error) == FALSE) {
+    if (error != nullptr && *error == nullptr) {
+      g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_FAILED, "the device cannot be opened");
+    }
+    return false;
+  }
+  open_ = true;
+  if (keeps_presets() && !preset_file.empty()) presets.open(preset_file);
+  // A client that can ask the driver finds its status.
+  if (instance > 0) status_ = std::make_unique<PublishedStatus>(instance, axes);
+  if (!listen(error)) {
+    stop();
+    return false;
+  }
+  set_publish_rate();
+  if (verbose) syslog(LOG_INFO, "serving on %s", socket_path.c_str());
+  return true;
+}
+
+void DriverCore::stop() {
+  stop_serving();
+  if (!open_) return;
+  open_ = false;
+  if (slots().close != nullptr) slots().close(object);
+}
+
+void DriverCore::stop_serving() {
+  while (!pending_.empty()) expire(pending_.back());
+  publish_timer_.stop();
+  publish_rate_ = 0;
+  if (end_source_ != 0) g_source_remove(end_source_);
+  end_source_ = 0;
+  server_.reset();
+  status_.reset();
+}
+
+gboolean DriverCore::on_request(gpointer core, gpointer reply_context, gpointer data, guint32 length) {
+  auto &self = *static_cast<DriverCore *>(core);
+  const Object<PTZKitDriver> alive(static_cast<PTZKitDriver *>(g_object_ref(self.object)));
+  const std::span body(static_cast<const guint8 *>(data), length);
+  const guint32 serial = self.status_ ? self.status_->request_begins() : 0;
+  const Object<PTZKitReply> reply(make_reply(self, request_from(reply_context, body, serial)));
+  self.pending_.push_back(reply.get());
+  dispatch(self, body, reply.get());
+  // A virtual function that has thrown, in a language that can, has done neither.
+  if (!is_deferred(reply.get())) fail(reply.get(), "it was neither answered nor deferred");
+  return TRUE;
+}
+
+void DriverCore::deliver(PTZKitReply *reply, std::span<const guint8> body) {
+  const Request &request = request_of(reply);
+  std::erase(pending_, reply);
+  const bool refused = is_refusal(body);
+  follow_orders(request.command, refused);
+  if (verbose) log_request(request.command, body);
+  if (status_) status_->reply_begins();
+  sender_.send(request.context, request.pid, body);
+  if (!status_) return;
+  status_->request_ends(request.serial);
+  status_->publish(axes, going_to_preset);
+}
+
+void DriverCore::log_request(gint32 command, std::span<const guint8> body) const {
+  const char *name = ptz_kit_command_name(command);
+  Error error;
+  const Handle<PTZKitErrorReply, ptz_kit_error_reply_free> refusal(
+      is_refusal(body) ? ptz_kit_error_reply_read(body.data(), body.size(), out(error)) : nullptr);
+  if (refusal) {
+    syslog(LOG_INFO, "request %d \"%s\": error %u, %s", command, name != nullptr ? name : "", refusal->code,
+           refusal->text);
+  } else {
+    syslog(LOG_INFO, "request %d \"%s\": served", command, name != nullptr ? name : "");
+  }
+}
+
+// What an order that was carried out says of the motion.
+void DriverCore::follow_orders(gint32 command, bool refused) {
+  if (refused) return;
+  switch (command) {
+    case PTZ_COMMAND_GOTO_PRESET:
+    case PTZ_COMMAND_GOTO_DEVICE_PRESET:
+      going_to_preset = true;
+      break;
+    case PTZ_COMMAND_MOVE:
+    case PTZ_COMMAND_MOVE_COMMAND:
+    case PTZ_COMMAND_STOP:
+    case PTZ_COMMAND_AREA_ZOOM:
+    case PTZ_COMMAND_FIELD_ANGLES:
+      going_to_preset = false;
+      break;
+    case PTZ_COMMAND_UNREGISTER:
+      // Later, so that the reply is sent first.
+      if (end_source_ == 0) end_source_ = g_idle_add(on_end, this);
+      break;
+    default:
+      break;
+  }
+}
+
+gboolean DriverCore::on_end(gpointer core) {
+  auto &self = *static_cast<DriverCore *>(core);
+  self.end_source_ = 0;
+  const Object<PTZKitDriver> alive(static_cast<PTZKitDriver *>(g_object_ref(self.object)));
+  g_signal_emit_by_name(self.object, "ended");
+  return G_SOURCE_REMOVE;
+}
+
+void DriverCore::update() {
+  if (slots().update != nullptr) slots().update(object);
+}
+
+void DriverCore::report(PTZKitAxis axis, gint32 position, bool moving) {
+  const bool moved = any_moving(axes);
+  axes[axis].report(position, moving, g_get_monotonic_time());
+  const bool moves = any_moving(axes);
+  if (moved == moves) return;
+  if (!moves) going_to_preset = false;
+  if (!server_) return;
+  if (status_) status_->publish(axes, going_to_preset);
+  set_publish_rate();
+}
+
+void DriverCore::report_flag(PTZSCParam flag, bool on) {
+  if (status_) status_->set_flag(flag, on);
+}
+
+// Without a status there is nothing to publish, and a driver without an update function reports by itself.
+void DriverCore::set_publish_rate() {
+  const bool moving = any_moving(axes);
+  const bool needed = status_ != nullptr || (moving && slots().update != nullptr);
+  const gint32 rate = needed ? PublishedStatus::updates_per_second(moving) : 0;
+  if (rate == publish_rate_) return;
+  publish_rate_ = rate;
+  if (rate == 0) return publish_timer_.stop();
+  publish_timer_.start(ms_per_second / static_cast<guint>(rate), on_publish, this);
+}
+
+gboolean DriverCore::on_publish(gpointer core) {
+  auto &self = *static_cast<DriverCore *>(core);
+  const Object<PTZKitDriver> alive(static_cast<PTZKitDriver *>(g_object_ref(self.object)));
+  if (any_moving(self.axes)) self.update();
+  // The update may have changed the rate, and with it the timer.
+  if (self.status_) self.status_->publish(self.axes, self.going_to_preset);
+  return G_SOURCE_CONTINUE;
+}
+
+}  // namespace ptz_kit

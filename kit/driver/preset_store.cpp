@@ -1,0 +1,142 @@
+#include "driver/preset_store.h"
+
+#include <ptz_config.h>
+#include <syslog.h>
+
+#include "driver/axes.h"
+
+namespace ptz_kit {
+
+namespace {
+
+// Of what the kit writes. A change that an older driver can live with raises the minor version.
+constexpr gint format_major = 1;
+constexpr gint format_minor = 0;
+constexpr guint32 most_presets = 32;
+constexpr gsize longest_name = 32;
+constexpr guint8 all_axes = 7;
+constexpr const char *axis_keys[] = {"Pan", "Tilt", "Zoom"};
+constexpr char home_group[] = "DefaultHome";
+constexpr char home_key[] = "Preset";
+
+std::string group_of(PresetKind kind, guint32 number) {
+  return (kind == PresetKind::device ? "DevicePreset" : "Preset") + std::to_string(number);
+}
+
+const char *reason_of(const Error &error) { return error ? error->message : "the file holds no proper preset"; }
+
+// A file without the key "Axes" holds presets of all axes.
+bool read_preset(GKeyFile *file, const char *group, StoredPreset &preset, Error &error) {
+  const Text name(g_key_file_get_string(file, group, "Name", out(error)));
+  if (!name || *name == '\0' || strlen(name.get()) > longest_name) return false;
+  preset.name = name.get();
+  preset.axes = all_axes;
+  if (g_key_file_has_key(file, group, "Axes", nullptr) != FALSE) {
+    preset.axes = static_cast<guint8>(g_key_file_get_integer(file, group, "Axes", out(error)) & all_axes);
+    if (error) return false;
+  }
+  for (std::size_t axis = 0; axis < PTZ_KIT_N_AXES; ++axis) {
+    preset.position[axis] = g_key_file_get_integer(file, group, axis_keys[axis], out(error));
+    if (error) return false;
+  }
+  return true;
+}
+
+void write_preset(GKeyFile *file, const char *group, const StoredPreset &preset) {
+  g_key_file_set_string(file, group, "Name", preset.name.c_str());
+  g_key_file_set_integer(file, group, "Axes", preset.axes);
+  for (std::size_t axis = 0; axis < PTZ_KIT_N_AXES; ++axis) {
+    g_key_file_set_integer(file, group, axis_keys[axis], preset.position[axis]);
+  }
+}
+
+KeyFile copy(GKeyFile *file, Error &error) {
+  gsize length = 0;
+  const Text text(g_key_file_to_data(file, &length, nullptr));
+  KeyFile same(g_key_file_new());
+  g_key_file_load_from_data(same.get(), text.get(), length, G_KEY_FILE_NONE, out(error));
+  return same;
+}
+
+void log_unusable(const std::string &path, const char *reason) {
+  syslog(LOG_ERR, "no presets from '%s', which is left as it is: %s", path.c_str(), reason);
+}
+
+}  // namespace
+
+bool PresetStore::read_group(const std::string &group, PresetKind kind, guint32 number) {
+  if (g_key_file_has_group(key_file_.get(), group.c_str()) == FALSE) return true;
+  StoredPreset preset;
+  Error error;
+  if (!read_preset(key_file_.get(), group.c_str(), preset, error)) {
+    log_unusable(path_, ("[" + group + "]: " + reason_of(error)).c_str());
+    return false;
+  }
+  presets_[static_cast<std::size_t>(kind)][number] = preset;
+  return true;
+}
+
+void PresetStore::open(const std::string &path) {
+  path_ = path;
+  state_ = State::unusable;
+  presets_ = {};
+  home_ = 0;
+  Error error;
+  gboolean compatible = FALSE;
+  key_file_.reset(ptz_config_init_key_file(path.c_str(), format_major, format_minor, &compatible, out(error)));
+  if (!key_file_) return log_unusable(path, reason_of(error));
+  if (compatible == FALSE) return log_unusable(path, "its format is of another version");
+  for (guint32 number = 1; number <= most_presets; ++number) {
+    for (const PresetKind kind : {PresetKind::device, PresetKind::driver}) {
+      if (read_group(group_of(kind, number), kind, number)) continue;
+      presets_ = {};
+      return;
+    }
+  }
+  // 0 without the group.
+  const gint home = g_key_file_get_integer(key_file_.get(), home_group, home_key, nullptr);
+  if (home > 0 && find(PresetKind::device, static_cast<guint32>(home)) != nullptr) home_ = static_cast<guint32>(home);
+  state_ = State::open;
+}
+
+const StoredPreset *PresetStore::find(PresetKind kind, guint32 number) const {
+  const auto found = all(kind).find(number);
+  return found != all(kind).end() ? &found->second : nullptr;
+}
+
+// The change is made to a copy, so that the memory stays what the file holds if the file cannot be written.
+template <typename Change>
+bool PresetStore::keep(const char *what, guint32 number, Change change) {
+  if (state_ == State::without_file) return true;
+  if (state_ == State::unusable) {
+    syslog(LOG_WARNING, "%s %u is not kept: '%s' cannot be used", what, number, path_.c_str());
+    return false;
+  }
+  Error error;
+  KeyFile changed = copy(key_file_.get(), error);
+  change(changed.get());
+  if (error || ptz_config_store_key_file(path_.c_str(), changed.get(), out(error)) == FALSE) {
+    syslog(LOG_WARNING, "%s %u is not kept: %s", what, number, reason_of(error));
+    return false;
+  }
+  key_file_ = std::move(changed);
+  return true;
+}
+
+bool PresetStore::set(PresetKind kind, guint32 number, const StoredPreset &preset) {
+  const std::string group = group_of(kind, number);
+  if (!keep("preset", number, [&](GKeyFile *file) { write_preset(file, group.c_str(), preset); })) return false;
+  presets_[static_cast<std::size_t>(kind)][number] = preset;
+  return true;
+}
+
+bool PresetStore::set_home(guint32 number) {
+  const auto change = [number](GKeyFile *file) {
+    g_key_file_set_integer(file, home_group, home_key, static_cast<gint>(number));
+  };
+  if (!keep("home preset", number, change)) return false;
+  home_ = number;
+  return true;
+}
+
+}  // namespace ptz_kit

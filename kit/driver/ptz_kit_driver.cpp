@@ -1,0 +1,227 @@
+#include "ptz_kit_driver.h"
+
+#include <gio/gio.h>
+#include <syslog.h>
+
+#include <memory>
+#include <new>
+
+#include "driver/driver_core.h"
+#include "driver/driver_private.h"
+
+using namespace ptz_kit;
+
+namespace {
+
+// Raw bytes: GObject gives zeroed memory, and the core is made in init.
+struct DriverPrivate {
+  alignas(DriverCore) std::byte core[sizeof(DriverCore)];
+};
+
+enum Property : guint { name = 1, instance, socket_path, device_types, preset_file, keep_presets, verbose, count };
+GParamSpec *properties[Property::count];
+
+}  // namespace
+
+using PTZKitDriverPrivate = DriverPrivate;
+G_DEFINE_TYPE_WITH_PRIVATE(PTZKitDriver, ptz_kit_driver, G_TYPE_OBJECT)
+
+DriverCore &ptz_kit::core_of(PTZKitDriver *self) {
+  auto *state = static_cast<DriverPrivate *>(ptz_kit_driver_get_instance_private(self));
+  return *std::launder(reinterpret_cast<DriverCore *>(state->core));
+}
+
+static void ptz_kit_driver_init(PTZKitDriver *self) { new (&core_of(self)) DriverCore(self); }
+
+static void ptz_kit_driver_dispose(GObject *object) {
+  core_of(PTZ_KIT_DRIVER(object)).stop_serving();
+  G_OBJECT_CLASS(ptz_kit_driver_parent_class)->dispose(object);
+}
+
+static void ptz_kit_driver_finalize(GObject *object) {
+  std::destroy_at(&core_of(PTZ_KIT_DRIVER(object)));
+  G_OBJECT_CLASS(ptz_kit_driver_parent_class)->finalize(object);
+}
+
+static std::string text_of(const GValue *value) {
+  const gchar *text = g_value_get_string(value);
+  return text != nullptr ? text : "";
+}
+
+static void ptz_kit_driver_set_property(GObject *object, guint id, const GValue *value, GParamSpec *spec) {
+  DriverCore &core = core_of(PTZ_KIT_DRIVER(object));
+  switch (id) {
+    case Property::name:
+      core.name = text_of(value);
+      break;
+    case Property::instance:
+      core.instance = g_value_get_uint(value);
+      break;
+    case Property::socket_path:
+      core.socket_path = text_of(value);
+      break;
+    case Property::device_types: {
+      auto *const *types = static_cast<gchar **>(g_value_get_boxed(value));
+      core.device_types.clear();
+      for (; types != nullptr && *types != nullptr; ++types) core.device_types.emplace_back(*types);
+      break;
+    }
+    case Property::preset_file:
+      core.preset_file = text_of(value);
+      break;
+    case Property::keep_presets:
+      core.keep_presets = g_value_get_boolean(value) != FALSE;
+      break;
+    case Property::verbose:
+      core.verbose = g_value_get_boolean(value) != FALSE;
+      break;
+    default:
+      G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+  }
+}
+
+static void ptz_kit_driver_get_property(GObject *object, guint id, GValue *value, GParamSpec *spec) {
+  const DriverCore &core = core_of(PTZ_KIT_DRIVER(object));
+  switch (id) {
+    case Property::name:
+      return g_value_set_string(value, core.name.c_str());
+    case Property::instance:
+      return g_value_set_uint(value, core.instance);
+    case Property::socket_path:
+      return g_value_set_string(value, core.socket_path.c_str());
+    case Property::device_types: {
+      std::vector<const gchar *> types;
+      for (const std::string &type : core.device_types) types.push_back(type.c_str());
+      types.push_back(nullptr);
+      return g_value_set_boxed(value, types.data());
+    }
+    case Property::preset_file:
+      return g_value_set_string(value, core.preset_file.c_str());
+    case Property::keep_presets:
+      return g_value_set_boolean(value, core.keep_presets ? TRUE : FALSE);
+    case Property::verbose:
+      return g_value_set_boolean(value, core.verbose ? TRUE : FALSE);
+    default:
+      G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
+  }
+}
+
+static void ptz_kit_driver_class_init(PTZKitDriverClass *klass) {
+  constexpr auto flags = static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS);
+  auto *object_class = G_OBJECT_CLASS(klass);
+  object_class->dispose = ptz_kit_driver_dispose;
+  object_class->finalize = ptz_kit_driver_finalize;
+  object_class->set_property = ptz_kit_driver_set_property;
+  object_class->get_property = ptz_kit_driver_get_property;
+  properties[Property::name] = g_param_spec_string("name", nullptr, nullptr, "driver", flags);
+  properties[Property::instance] = g_param_spec_uint("instance", nullptr, nullptr, 0, G_MAXINT32, 0, flags);
+  properties[Property::socket_path] = g_param_spec_string("socket-path", nullptr, nullptr, "", flags);
+  properties[Property::device_types] = g_param_spec_boxed("device-types", nullptr, nullptr, G_TYPE_STRV, flags);
+  properties[Property::preset_file] = g_param_spec_string("preset-file", nullptr, nullptr, "", flags);
+  properties[Property::keep_presets] = g_param_spec_boolean("keep-presets", nullptr, nullptr, TRUE, flags);
+  properties[Property::verbose] = g_param_spec_boolean("verbose", nullptr, nullptr, FALSE, flags);
+  g_object_class_install_properties(object_class, Property::count, properties);
+  g_signal_new("ended", PTZ_KIT_TYPE_DRIVER, G_SIGNAL_RUN_LAST, 0, nullptr, nullptr, nullptr, G_TYPE_NONE, 0);
+}
+
+static bool is_axis(PTZKitAxis axis) { return axis >= 0 && axis < PTZ_KIT_N_AXES; }
+
+void ptz_kit_driver_set_axis(PTZKitDriver *self, PTZKitAxis axis, gint32 minimum, gint32 maximum, gint32 max_speed,
+                             gint32 home) {
+  g_return_if_fail(PTZ_KIT_IS_DRIVER(self));
+  g_return_if_fail(is_axis(axis));
+  g_return_if_fail(minimum < maximum);
+  g_return_if_fail(max_speed > 0);
+  g_return_if_fail(home >= minimum && home <= maximum);
+  core_of(self).axes[axis].set(minimum, maximum, max_speed, home);
+}
+
+void ptz_kit_driver_report_axis(PTZKitDriver *self, PTZKitAxis axis, gint32 position, gboolean moving) {
+  g_return_if_fail(PTZ_KIT_IS_DRIVER(self));
+  g_return_if_fail(is_axis(axis) && core_of(self).axes[axis].is_set());
+  core_of(self).report(axis, position, moving != FALSE);
+}
+
+void ptz_kit_driver_report_speed(PTZKitDriver *self, PTZKitAxis axis, gint32 speed) {
+  g_return_if_fail(PTZ_KIT_IS_DRIVER(self));
+  g_return_if_fail(is_axis(axis) && core_of(self).axes[axis].is_set());
+  core_of(self).axes[axis].report_speed(speed);
+}
+
+void ptz_kit_driver_report_flag(PTZKitDriver *self, PTZSCParam flag, gboolean on) {
+  g_return_if_fail(PTZ_KIT_IS_DRIVER(self));
+  g_return_if_fail(PublishedStatus::is_flag(flag) && flag != PTZ_SC_PARAM_VARIOUS_PT_PRESET_MOVE);
+  core_of(self).report_flag(flag, on != FALSE);
+}
+
+gint32 ptz_kit_driver_get_position(PTZKitDriver *self, PTZKitAxis axis) {
+  g_return_val_if_fail(PTZ_KIT_IS_DRIVER(self), 0);
+  g_return_val_if_fail(is_axis(axis), 0);
+  return core_of(self).axes[axis].position();
+}
+
+void ptz_kit_driver_add_capabilities(PTZKitDriver *self, guint32 move, guint32 extra) {
+  g_return_if_fail(PTZ_KIT_IS_DRIVER(self));
+  core_of(self).added.move |= move;
+  core_of(self).added.extra |= extra;
+}
+
+void ptz_kit_driver_remove_capabilities(PTZKitDriver *self, guint32 move, guint32 extra) {
+  g_return_if_fail(PTZ_KIT_IS_DRIVER(self));
+  core_of(self).removed.move |= move;
+  core_of(self).removed.extra |= extra;
+}
+
+void ptz_kit_driver_add_setting(PTZKitDriver *self, const gchar *group, const gchar *key, PTZKitSettingKind kind,
+                                const gchar *default_value, gint64 minimum, gint64 maximum, const gchar *doc) {
+  g_return_if_fail(PTZ_KIT_IS_DRIVER(self));
+  g_return_if_fail(group != NULL);
+  g_return_if_fail(key != NULL);
+  g_return_if_fail(default_value != NULL);
+  g_return_if_fail(doc != NULL);
+  core_of(self).settings.add({group, key, kind, default_value, minimum, maximum, doc});
+}
+
+gboolean ptz_kit_driver_load_settings(PTZKitDriver *self, const gchar *const *files, GError **error) {
+  g_return_val_if_fail(PTZ_KIT_IS_DRIVER(self), FALSE);
+  g_return_val_if_fail(files != NULL, FALSE);
+  const Problems problems = core_of(self).settings.load(files);
+  for (const std::string &problem : problems.unknown) syslog(LOG_WARNING, "%s", problem.c_str());
+  if (problems.bad.empty()) return TRUE;
+  g_set_error_literal(error, G_KEY_FILE_ERROR, G_KEY_FILE_ERROR_INVALID_VALUE, joined(problems.bad).c_str());
+  return FALSE;
+}
+
+gint64 ptz_kit_driver_get_integer(PTZKitDriver *self, const gchar *group, const gchar *key) {
+  g_return_val_if_fail(PTZ_KIT_IS_DRIVER(self), 0);
+  g_return_val_if_fail(group != NULL && key != NULL, 0);
+  const Setting *setting = core_of(self).settings.find(group, key, PTZ_KIT_SETTING_INTEGER);
+  return setting != nullptr ? integer_of(*setting) : 0;
+}
+
+gboolean ptz_kit_driver_get_boolean(PTZKitDriver *self, const gchar *group, const gchar *key) {
+  g_return_val_if_fail(PTZ_KIT_IS_DRIVER(self), FALSE);
+  g_return_val_if_fail(group != NULL && key != NULL, FALSE);
+  const Setting *setting = core_of(self).settings.find(group, key, PTZ_KIT_SETTING_BOOLEAN);
+  return setting != nullptr && boolean_of(*setting) ? TRUE : FALSE;
+}
+
+const gchar *ptz_kit_driver_get_string(PTZKitDriver *self, const gchar *group, const gchar *key) {
+  g_return_val_if_fail(PTZ_KIT_IS_DRIVER(self), "");
+  g_return_val_if_fail(group != NULL && key != NULL, "");
+  const Setting *setting = core_of(self).settings.find(group, key, PTZ_KIT_SETTING_STRING);
+  return setting != nullptr ? setting->value.c_str() : "";
+}
+
+gboolean ptz_kit_driver_start(PTZKitDriver *self, GError **error) {
+  g_return_val_if_fail(PTZ_KIT_IS_DRIVER(self), FALSE);
+  DriverCore &core = core_of(self);
+  g_return_val_if_fail(!core.is_started(), FALSE);
+  g_return_val_if_fail(!core.socket_path.empty(), FALSE);
+  return core.start(error) ? TRUE : FALSE;
+}
+
+void ptz_kit_driver_stop(PTZKitDriver *self) {
+  g_return_if_fail(PTZ_KIT_IS_DRIVER(self));
+  core_of(self).stop();
+}

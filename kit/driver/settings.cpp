@@ -1,0 +1,178 @@
+#include "driver/settings.h"
+
+#include <ptz_settings.h>
+
+#include <algorithm>
+#include <optional>
+
+#include "driver/handles.h"
+
+namespace ptz_kit {
+
+namespace {
+
+constexpr char root_prefix[] = "root.";
+
+std::optional<bool> parse_boolean(const std::string &text) {
+  for (const char *word : {"yes", "true"}) {
+    if (g_ascii_strcasecmp(text.c_str(), word) == 0) return true;
+  }
+  for (const char *word : {"no", "false"}) {
+    if (g_ascii_strcasecmp(text.c_str(), word) == 0) return false;
+  }
+  return std::nullopt;
+}
+
+// Decimal, hexadecimal with 0x, octal with a leading zero, as the library's settings have it.
+std::optional<gint64> parse_integer(const std::string &text) {
+  char *end = nullptr;
+  errno = 0;
+  const gint64 number = g_ascii_strtoll(text.c_str(), &end, 0);
+  if (end == text.c_str() || *end != '\0' || errno != 0) return std::nullopt;
+  return number;
+}
+
+std::string_view stripped(std::string_view text) {
+  constexpr char blanks[] = " \t\r";
+  const std::size_t first = text.find_first_not_of(blanks);
+  if (first == std::string_view::npos) return {};
+  return text.substr(first, text.find_last_not_of(blanks) - first + 1);
+}
+
+// Without a pair of quotes, and with escape sequences resolved, as the library's settings have it.
+std::string cleaned(std::string_view value) {
+  if (value.size() >= 2 && (value.front() == '"' || value.front() == '\'') && value.front() == value.back()) {
+    value = value.substr(1, value.size() - 2);
+  }
+  const Text resolved(g_strcompress(std::string(value).c_str()));
+  return resolved.get();
+}
+
+std::string bounds_of(const Setting &setting) {
+  return std::to_string(setting.least) + " to " + std::to_string(setting.most);
+}
+
+// Why the setting cannot have the value; empty if it can.
+std::string objection(const Setting &setting, const std::string &value) {
+  switch (setting.kind) {
+    case PTZ_KIT_SETTING_BOOLEAN:
+      return parse_boolean(value) ? "" : "\"" + value + "\" is not yes, no, true or false";
+    case PTZ_KIT_SETTING_INTEGER: {
+      const auto number = parse_integer(value);
+      if (!number) return "\"" + value + "\" is not a whole number";
+      if (*number >= setting.least && *number <= setting.most) return "";
+      return std::to_string(*number) + " is not within " + bounds_of(setting);
+    }
+    case PTZ_KIT_SETTING_STRING: {
+      const auto length = static_cast<gint64>(value.size());
+      if (length >= setting.least && length <= setting.most) return "";
+      return "the text has " + std::to_string(length) + " bytes, not " + bounds_of(setting);
+    }
+  }
+  return "";
+}
+
+}  // namespace
+
+Settings::Settings() {
+  // The library reads it when counters are set up.
+  add({"PTZDriverManager", "NbrOfDrivers", PTZ_KIT_SETTING_INTEGER, "1", 1, G_MAXINT32,
+       "Number of drivers; with 2 or more, a second one has a request counter of its own"});
+}
+
+Setting *Settings::look_up(std::string_view group, std::string_view key) {
+  const auto found = std::ranges::find_if(
+      settings_, [&](const Setting &setting) { return setting.group == group && setting.key == key; });
+  return found != settings_.end() ? std::to_address(found) : nullptr;
+}
+
+void Settings::read_value(std::string_view group, std::string_view key, std::string_view value,
+                          const std::string &where, Problems &problems) {
+  const std::string name = where + "[" + std::string(group) + "] " + std::string(key);
+  Setting *setting = look_up(group, key);
+  if (setting == nullptr) {
+    problems.unknown.push_back(name + ": there is no such setting");
+    return;
+  }
+  const std::string text = cleaned(value);
+  const std::string reason = objection(*setting, text);
+  if (reason.empty()) {
+    setting->value = text;
+  } else {
+    problems.bad.push_back(name + ": " + reason);
+  }
+}
+
+void Settings::read_line(std::string_view line, std::string &group, const std::string &where, Problems &problems) {
+  line = stripped(line);
+  if (line.empty() || line.front() == '#' || line.front() == ';') return;
+  if (line.front() == '[' && line.back() == ']') {
+    group = line.substr(1, line.size() - 2);
+    if (g_ascii_strncasecmp(group.c_str(), root_prefix, strlen(root_prefix)) == 0) group.erase(0, strlen(root_prefix));
+    return;
+  }
+  const std::size_t equals = line.find('=');
+  if (equals == std::string_view::npos || equals == 0 || group.empty()) {
+    problems.bad.push_back(where + "this is neither a group, nor a key in a group with its value, nor a comment");
+    return;
+  }
+  read_value(group, stripped(line.substr(0, equals)), stripped(line.substr(equals + 1)), where, problems);
+}
+
+void Settings::read_file(const char *path, Problems &problems) {
+  Text text;
+  Error error;
+  gsize length = 0;
+  if (g_file_get_contents(path, out(text), &length, out(error)) == FALSE) {
+    problems.bad.emplace_back(error->message);
+    return;
+  }
+  if (g_utf8_validate_len(text.get(), length, nullptr) == FALSE) {
+    problems.bad.push_back(std::string(path) + ": the file is not UTF-8");
+    return;
+  }
+  std::string_view left(text.get(), length);
+  std::string group;
+  for (guint number = 1; !left.empty(); ++number) {
+    const std::size_t end = left.find('\n');
+    read_line(left.substr(0, end), group, std::string(path) + ":" + std::to_string(number) + ": ", problems);
+    left.remove_prefix(end == std::string_view::npos ? left.size() : end + 1);
+  }
+}
+
+Problems Settings::load(const char *const *files) {
+  Problems problems;
+  std::vector<PTZSettingsFile> records;
+  for (; *files != nullptr; ++files) {
+    read_file(*files, problems);
+    records.push_back({*files, TRUE});
+  }
+  if (records.empty() || !problems.bad.empty()) return problems;
+  records.push_back({nullptr, FALSE});
+  if (ptz_settings_load_config_gkf(records.data(), nullptr) == FALSE) {
+    problems.bad.emplace_back("the settings cannot be loaded; the log says why");
+  }
+  return problems;
+}
+
+const Setting *Settings::find(const char *group, const char *key, PTZKitSettingKind kind) const {
+  const Setting *setting = const_cast<Settings *>(this)->look_up(group, key);
+  if (setting != nullptr && setting->kind == kind) return setting;
+  g_critical("no setting [%s] %s of this kind is declared", group, key);
+  return nullptr;
+}
+
+std::string Settings::describe() const {
+  std::string text = "Settings of --config:";
+  for (const Setting &setting : settings_) {
+    text += "\n  [" + setting.group + "] " + setting.key + "=" + setting.value;
+    if (setting.kind == PTZ_KIT_SETTING_INTEGER) text += " (" + bounds_of(setting) + ")";
+    text += "  " + setting.doc;
+  }
+  return text;
+}
+
+bool boolean_of(const Setting &setting) { return parse_boolean(setting.value).value_or(false); }
+gint64 integer_of(const Setting &setting) { return parse_integer(setting.value).value_or(0); }
+
+}  // namespace ptz_kit
