@@ -1,0 +1,125 @@
+// A request is answered once: now, later, by an error of the kit, or when the driver stops.
+#include <unistd.h>
+
+#include "running_driver.h"
+#include "syslog_capture.h"
+
+namespace {
+
+const StatusStore store;
+
+class KitReply : public RunningDriver {
+ protected:
+  void TearDown() override {
+    if (driver_ != nullptr) g_clear_object(&driver_->deferred);
+    end();
+  }
+  bool light_is_answered() {
+    return ask_auxiliary("light") == "{'command': <'auxiliary'>, 'name': <'light'>, 'state': <uint32 1>}";
+  }
+  void ask_later() {
+    send(bytes_of(auxiliary(AUXILIARY_LATER).c_str()));
+    ASSERT_TRUE(ptz_test::run_until([&] { return driver_->deferred != nullptr; }));
+  }
+};
+
+TEST_F(KitReply, DeferredReplyIsSentWhenItIsAnswered) {
+  start();
+  ask_later();
+  EXPECT_FALSE(ptz_test::is_readable(client_.get()));
+  EXPECT_FALSE(ptz_kit_reply_is_answered(driver_->deferred));
+  EXPECT_EQ(ptz_kit_reply_get_command(driver_->deferred), PTZ_COMMAND_AUXILIARY);
+  ptz_kit_reply_error(driver_->deferred, PTZ_KIT_ERROR_CODE_DEVICE, "after %d s", 3);
+  EXPECT_TRUE(ptz_kit_reply_is_answered(driver_->deferred));
+  EXPECT_EQ(text_of(receive()), "{'command': <'error'>, 'code': <uint32 8>, 'text': <'after 3 s'>}");
+}
+
+TEST_F(KitReply, DeferredReplyToClientThatHasGoneIsHarmless) {
+  start();
+  ask_later();
+  client_.reset();
+  ptz_test::run_pending();
+  const ptz_test::SyslogCapture log;
+  ptz_kit_reply_error_literal(driver_->deferred, PTZ_KIT_ERROR_CODE_DEVICE, "too late");
+  EXPECT_EQ(log.containing("to process " + std::to_string(getpid()) + " could not be sent"), 1U);
+  client_ = ptz_test::connect_to(path_);
+  EXPECT_TRUE(light_is_answered());
+}
+
+TEST_F(KitReply, DroppedReplyIsError7) {
+  start();
+  EXPECT_TRUE(is_error(ask_auxiliary(AUXILIARY_DROP), PTZ_KIT_ERROR_CODE_INTERNAL));
+  EXPECT_TRUE(light_is_answered());
+}
+
+TEST_F(KitReply, ReplyNeitherAnsweredNorDeferredIsError7AlthoughItIsReferenced) {
+  start();
+  EXPECT_TRUE(is_error(ask_auxiliary(AUXILIARY_NEITHER), PTZ_KIT_ERROR_CODE_INTERNAL));
+  EXPECT_TRUE(light_is_answered());
+}
+
+TEST_F(KitReply, SecondAnswerIsCriticalAndSendsNothing) {
+  start();
+  const ptz_test::GlibLogCapture log;
+  EXPECT_EQ(ask_auxiliary(AUXILIARY_TWICE), "{'command': <'auxiliary'>, 'name': <'twice'>, 'state': <uint32 1>}");
+  EXPECT_EQ(log.criticals(), 1U);
+  EXPECT_TRUE(light_is_answered());
+}
+
+TEST_F(KitReply, AnswerOfAnotherCommandIsCriticalAndError7) {
+  start();
+  const ptz_test::GlibLogCapture log;
+  EXPECT_TRUE(is_error(ask_auxiliary(AUXILIARY_WRONG), PTZ_KIT_ERROR_CODE_INTERNAL));
+  EXPECT_EQ(log.criticals(), 1U);
+}
+
+TEST_F(KitReply, OkForReplyWithFieldsIsCriticalAndError7) {
+  start();
+  const ptz_test::GlibLogCapture log;
+  EXPECT_TRUE(is_error(ask_auxiliary(AUXILIARY_OK), PTZ_KIT_ERROR_CODE_INTERNAL));
+  EXPECT_EQ(log.criticals(), 1U);
+}
+
+TEST_F(KitReply, LongErrorTextIsCutToOneFrame) {
+  start();
+  send(bytes_of(auxiliary(AUXILIARY_LONG).c_str()));
+  const std::string body = receive();
+  EXPECT_EQ(body.size(), std::size_t{PTZ_SOCKET_BODY_MAX});
+  EXPECT_TRUE(is_error(text_of(body), PTZ_KIT_ERROR_CODE_DEVICE));
+}
+
+TEST_F(KitReply, PeerIsProcessAndUserOfClient) {
+  start();
+  const std::string peer = "'" + std::to_string(getpid()) + " " + std::to_string(getuid()) + "'";
+  EXPECT_NE(ask_auxiliary(AUXILIARY_PEER).find(peer), std::string::npos);
+}
+
+TEST_F(KitReply, StopAnswersPendingRequestsAndLaterAnswersAreHarmless) {
+  start();
+  ask_later();
+  const ptz_test::GlibLogCapture log;
+  ptz_kit_driver_stop(kit());
+  EXPECT_TRUE(is_error(text_of(receive()), PTZ_KIT_ERROR_CODE_INTERNAL));
+  ptz_kit_reply_ok(driver_->deferred);
+  EXPECT_EQ(log.criticals(), 0U);
+}
+
+TEST_F(KitReply, ReplyMayOutliveItsDriver) {
+  start();
+  ask_later();
+  PTZKitReply *const reply = g_steal_pointer(&driver_->deferred);
+  g_clear_object(&driver_);
+  EXPECT_TRUE(is_error(text_of(receive()), PTZ_KIT_ERROR_CODE_INTERNAL));
+  g_object_unref(reply);
+}
+
+TEST_F(KitReply, BytesAreSentAsTheyAre) {
+  start();
+  ask_later();
+  GBytes *bytes = g_bytes_new_static("\x0a\0\0\0body", 8);
+  ptz_kit_reply_send_bytes(driver_->deferred, bytes);
+  g_bytes_unref(bytes);
+  EXPECT_EQ(receive(), std::string("\x0a\0\0\0body", 8));
+}
+
+}  // namespace
