@@ -105,7 +105,7 @@ void Settings::read_value(std::string_view group, std::string_view key, std::str
 
 void Settings::read_line(std::string_view line, std::string &group, const std::string &where, Problems &problems) {
   line = stripped(line);
-  if (line.empty() || line.front() == '#' || line.front() == ';') return;
+  if (line.empty() || line.front() == '#') return;
   if (line.front() == '[' && line.back() == ']') {
     group = line.substr(1, line.size() - 2);
     if (g_ascii_strncasecmp(group.c_str(), root_prefix, strlen(root_prefix)) == 0) group.erase(0, strlen(root_prefix));

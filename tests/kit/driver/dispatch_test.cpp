@@ -29,7 +29,7 @@ TEST_F(KitDriver, UnknownCommandIsError1) {
 TEST_F(KitDriver, CommandThatIsNotOverriddenIsError2WithItsName) {
   start();
   EXPECT_EQ(ask("{'command': <'osd_menu'>, 'action': <1>}"),
-            "{'command': <'error'>, 'code': <uint32 2>, 'text': <'this driver does not serve \"OSD menu\"'>}");
+            "{'command': <'error'>, 'code': <uint32 2>, 'text': <'this driver does not serve \"OSD Menu\"'>}");
 }
 
 TEST_F(KitDriver, BodyShorterThanCommandWordIsError3) {

@@ -1,0 +1,106 @@
+// Declared settings: values from files, and what is told of a bad one.
+#include <fstream>
+
+#include "running_driver.h"
+#include "syslog_capture.h"
+
+namespace {
+
+class KitSettings : public testing::Test {
+ protected:
+  ptz_test::TempDir dir_;
+  PTZKitDriver *driver_ = PTZ_KIT_DRIVER(g_object_new(recording_driver_get_type(), nullptr));
+
+  void SetUp() override {
+    ptz_kit_driver_add_setting(driver_, "Head", "Speed", PTZ_KIT_SETTING_INTEGER, "50", 1, 100, "Speed");
+    ptz_kit_driver_add_setting(driver_, "Head", "Port", PTZ_KIT_SETTING_STRING, "first", 1, 8, "Port");
+    ptz_kit_driver_add_setting(driver_, "Wiper", "On", PTZ_KIT_SETTING_BOOLEAN, "yes", 0, 0, "Wiper");
+  }
+  void TearDown() override { g_object_unref(driver_); }
+
+  std::string file(const char *name, const std::string &text) {
+    std::ofstream(dir_.file(name)) << text;
+    return dir_.file(name);
+  }
+  // The error; empty on success.
+  std::string load(const std::vector<std::string> &files) {
+    std::vector<const gchar *> paths;
+    for (const std::string &path : files) paths.push_back(path.c_str());
+    paths.push_back(nullptr);
+    GError *error = nullptr;
+    if (ptz_kit_driver_load_settings(driver_, paths.data(), &error)) return "";
+    EXPECT_TRUE(g_error_matches(error, G_KEY_FILE_ERROR, G_KEY_FILE_ERROR_INVALID_VALUE));
+    std::string message = error->message;
+    g_error_free(error);
+    return message;
+  }
+  std::string load_text(const std::string &text) { return load({file("settings", text)}); }
+  std::string at(int line) { return dir_.file("settings") + ":" + std::to_string(line) + ": "; }
+  gint64 speed() { return ptz_kit_driver_get_integer(driver_, "Head", "Speed"); }
+  std::string port() { return ptz_kit_driver_get_string(driver_, "Head", "Port"); }
+  bool wiper() { return ptz_kit_driver_get_boolean(driver_, "Wiper", "On") != FALSE; }
+};
+
+TEST_F(KitSettings, DefaultsHoldWithoutFile) {
+  EXPECT_EQ(speed(), 50);
+  EXPECT_EQ(port(), "first");
+  EXPECT_TRUE(wiper());
+}
+
+TEST_F(KitSettings, ValuesOfFileReplaceDefaults) {
+  EXPECT_EQ(load_text("# comment\n[Head]\nSpeed = 0x20\nPort=\"a b\"\n\n[root.Wiper]\nOn=No\r\n"), "");
+  EXPECT_EQ(speed(), 32);
+  EXPECT_EQ(port(), "a b");
+  EXPECT_FALSE(wiper());
+}
+
+TEST_F(KitSettings, LaterFileOverridesEarlierOne) {
+  EXPECT_EQ(load({file("a", "[Head]\nSpeed=1\nPort=x\n"), file("b", "[Head]\nSpeed=2\n")}), "");
+  EXPECT_EQ(speed(), 2);
+  EXPECT_EQ(port(), "x");
+}
+
+TEST_F(KitSettings, EveryBadValueIsToldWithFileAndLine) {
+  EXPECT_EQ(load_text("[Head]\nSpeed=fast\nPort=123456789\n[Wiper]\nOn=1\n"),
+            at(2) + "[Head] Speed: \"fast\" is not a whole number\n" + at(3) +
+                "[Head] Port: the text has 9 bytes, not 1 to 8\n" + at(5) +
+                "[Wiper] On: \"1\" is not yes, no, true or false");
+}
+
+TEST_F(KitSettings, NumberBeyondBoundsOrFollowedByTextIsBad) {
+  EXPECT_EQ(load_text("[Head]\nSpeed=101\n"), at(2) + "[Head] Speed: 101 is not within 1 to 100");
+  EXPECT_EQ(load_text("[Head]\nSpeed=9.5\n"), at(2) + "[Head] Speed: \"9.5\" is not a whole number");
+  EXPECT_EQ(load_text("[Head]\nSpeed=99999999999999999999\n"),
+            at(2) + "[Head] Speed: \"99999999999999999999\" is not a whole number");
+  EXPECT_EQ(speed(), 50);
+}
+
+TEST_F(KitSettings, UnknownKeyIsWarningWithFileAndLine) {
+  const ptz_test::SyslogCapture log;
+  EXPECT_EQ(load_text("[Head]\nSpeed=7\nSpede=8\n"), "");
+  EXPECT_EQ(log.containing(at(3) + "[Head] Spede: there is no such setting"), 1U);
+  EXPECT_EQ(speed(), 7);
+}
+
+TEST_F(KitSettings, LineThatIsNothingIsBad) {
+  EXPECT_EQ(load_text("Speed=1\n"), at(1) +
+                                        "this is neither a group, nor a key in a group with its value, nor a "
+                                        "comment");
+}
+
+TEST_F(KitSettings, MissingFileIsBad) { EXPECT_NE(load({dir_.file("none")}).find("/none"), std::string::npos); }
+
+TEST_F(KitSettings, LibraryHasSettingsOfFilesToo) {
+  EXPECT_EQ(load_text("[PTZDriverManager]\nNbrOfDrivers=2\n"), "");
+  gint32 drivers = 0;
+  EXPECT_TRUE(ptz_settings_get_int("PTZDriverManager", -1, "NbrOfDrivers", &drivers));
+  EXPECT_EQ(drivers, 2);
+}
+
+TEST_F(KitSettings, UndeclaredSettingIsCritical) {
+  const ptz_test::GlibLogCapture log;
+  EXPECT_EQ(ptz_kit_driver_get_integer(driver_, "Head", "Port"), 0);
+  EXPECT_EQ(log.criticals(), 1U);
+}
+
+}  // namespace
