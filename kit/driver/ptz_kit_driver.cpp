@@ -3,9 +3,6 @@
 #include <gio/gio.h>
 #include <syslog.h>
 
-#include <memory>
-#include <new>
-
 #include "driver/driver_core.h"
 #include "driver/driver_private.h"
 
@@ -13,9 +10,9 @@ using namespace ptz_kit;
 
 namespace {
 
-// Raw bytes: GObject gives zeroed memory, and the core is made in init.
+// Allocated apart: GLib would give each size of instance pages of its own.
 struct DriverPrivate {
-  alignas(DriverCore) std::byte core[sizeof(DriverCore)];
+  DriverCore *core;
 };
 
 enum Property : guint { name = 1, instance, socket_path, device_types, preset_file, keep_presets, verbose, count };
@@ -26,12 +23,12 @@ GParamSpec *properties[Property::count];
 using PTZKitDriverPrivate = DriverPrivate;
 G_DEFINE_TYPE_WITH_PRIVATE(PTZKitDriver, ptz_kit_driver, G_TYPE_OBJECT)
 
-DriverCore &ptz_kit::core_of(PTZKitDriver *self) {
-  auto *state = static_cast<DriverPrivate *>(ptz_kit_driver_get_instance_private(self));
-  return *std::launder(reinterpret_cast<DriverCore *>(state->core));
+static DriverPrivate &private_of(PTZKitDriver *self) {
+  return *static_cast<DriverPrivate *>(ptz_kit_driver_get_instance_private(self));
 }
+DriverCore &ptz_kit::core_of(PTZKitDriver *self) { return *private_of(self).core; }
 
-static void ptz_kit_driver_init(PTZKitDriver *self) { new (&core_of(self)) DriverCore(self); }
+static void ptz_kit_driver_init(PTZKitDriver *self) { private_of(self).core = new DriverCore(self); }
 
 static void ptz_kit_driver_dispose(GObject *object) {
   core_of(PTZ_KIT_DRIVER(object)).stop_serving();
@@ -39,7 +36,7 @@ static void ptz_kit_driver_dispose(GObject *object) {
 }
 
 static void ptz_kit_driver_finalize(GObject *object) {
-  std::destroy_at(&core_of(PTZ_KIT_DRIVER(object)));
+  delete private_of(PTZ_KIT_DRIVER(object)).core;
   G_OBJECT_CLASS(ptz_kit_driver_parent_class)->finalize(object);
 }
 
