@@ -91,12 +91,15 @@ TEST_F(KitDriverProgram, ServiceManagerIsToldOfStartLifeAndEnd) {
   const std::string path = dir_.file("notify");
   path.copy(address.sun_path, sizeof address.sun_path - 1);
   ASSERT_EQ(bind(manager.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+  const timeval limit = {10, 0};
+  setsockopt(manager.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
   setenv("NOTIFY_SOCKET", path.c_str(), 1);
   setenv("WATCHDOG_USEC", "40000", 1);
   serve();
   const auto next = [&] {
     char text[64] = {};
-    return std::string(text, recv(manager.get(), text, sizeof text, 0));
+    const auto length = recv(manager.get(), text, sizeof text, 0);
+    return std::string(text, length > 0 ? static_cast<std::size_t>(length) : 0);
   };
   EXPECT_EQ(next(), "READY=1");
   EXPECT_EQ(next(), "WATCHDOG=1");

@@ -179,6 +179,8 @@ TEST_F(KitStatus, MotionToPresetIsFlaggedUntilItEnds) {
   report(0, false);
   ptz_kit_driver_report_axis(kit(), PTZ_KIT_AXIS_TILT, 0, FALSE);
   EXPECT_EQ(published().preset_move, 0);
+  report(1, true);  // by hand
+  EXPECT_EQ(published().preset_move, 0);
 }
 
 TEST_F(KitStatus, MoveEndsFlagOfMotionToPreset) {
