@@ -2,6 +2,7 @@
 #include <string>
 
 #include "driver/driver_core.h"
+#include "driver/format.h"
 
 namespace ptz_kit {
 
@@ -40,7 +41,7 @@ guint32 extra_capabilities(const DriverCore &core) {
 
 void add_parameter(PTZKitGetDriverParametersReply *message, PTZParameterGroup group, const std::string &name,
                    const std::string &label, gint64 value) {
-  const std::string text = std::to_string(value);
+  const std::string text = format("%" G_GINT64_FORMAT, value);
   const Handle<PTZKitParameter, ptz_kit_parameter_free> parameter(
       ptz_kit_parameter_new(group, name.c_str(), label.c_str(), text.c_str(), PTZ_PARAMETER_CONSTANTINTEGER, 0, ""));
   ptz_kit_get_driver_parameters_reply_add_parameter(message, parameter.get());
@@ -133,11 +134,17 @@ void answer_get_driver_parameters(DriverCore &core, gconstpointer, PTZKitReply *
   for (std::size_t index = 0; index < core.axes.size(); ++index) {
     const Axis &axis = core.axes[index];
     if (!axis.is_set()) continue;
-    const std::string label = axis_labels[index];
-    add_parameter(message.get(), PTZ_PARAMETER_GROUP_LIMIT, "min_" + label, "Limit min " + label, axis.minimum());
-    add_parameter(message.get(), PTZ_PARAMETER_GROUP_LIMIT, "max_" + label, "Limit max " + label, axis.maximum());
-    add_parameter(message.get(), PTZ_PARAMETER_GROUP_LIMIT, "max_speed_" + label, "Maximum speed of " + label,
-                  axis.max_speed());
+    const struct {
+      const char *name, *label;
+      gint32 value;
+    } parameters[] = {{"min_%s", "Limit min %s", axis.minimum()},
+                      {"max_%s", "Limit max %s", axis.maximum()},
+                      {"max_speed_%s", "Maximum speed of %s", axis.max_speed()}};
+    for (const auto &each : parameters) {
+      const char *const label = axis_labels[index];
+      add_parameter(message.get(), PTZ_PARAMETER_GROUP_LIMIT, format(each.name, label), format(each.label, label),
+                    each.value);
+    }
   }
   ptz_kit_reply_get_driver_parameters(reply, message.get());
 }

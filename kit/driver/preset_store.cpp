@@ -4,6 +4,7 @@
 #include <syslog.h>
 
 #include "driver/axes.h"
+#include "driver/format.h"
 
 namespace ptz_kit {
 
@@ -20,7 +21,7 @@ constexpr char home_group[] = "DefaultHome";
 constexpr char home_key[] = "Preset";
 
 std::string group_of(PresetKind kind, guint32 number) {
-  return (kind == PresetKind::device ? "DevicePreset" : "Preset") + std::to_string(number);
+  return format("%sPreset%u", kind == PresetKind::device ? "Device" : "", number);
 }
 
 const char *reason_of(const Error &error) { return error ? error->message : "the file holds no proper preset"; }
@@ -69,7 +70,7 @@ bool PresetStore::read_group(const std::string &group, PresetKind kind, guint32 
   StoredPreset preset;
   Error error;
   if (!read_preset(key_file_.get(), group.c_str(), preset, error)) {
-    log_unusable(path_, ("[" + group + "]: " + reason_of(error)).c_str());
+    log_unusable(path_, format("[%s]: %s", group.c_str(), reason_of(error)).c_str());
     return false;
   }
   presets_[static_cast<std::size_t>(kind)][number] = preset;

@@ -3,14 +3,14 @@
 #include <ptz_socket_server.h>
 #include <syslog.h>
 
-#include <string>
+#include "driver/format.h"
 
 namespace ptz_kit {
 namespace {
 
 constexpr guint log_interval_ms = 1000;
 
-std::string name_of(pid_t peer) { return peer > 0 ? "process " + std::to_string(peer) : "an unknown process"; }
+std::string name_of(pid_t peer) { return peer > 0 ? format("process %d", peer) : "an unknown process"; }
 
 }  // namespace
 

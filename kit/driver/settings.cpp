@@ -4,13 +4,16 @@
 
 #include <algorithm>
 #include <optional>
+#include <utility>
 
+#include "driver/format.h"
 #include "driver/handles.h"
 
 namespace ptz_kit {
 
 namespace {
 
+#define BOUNDS "%" G_GINT64_FORMAT " to %" G_GINT64_FORMAT
 constexpr char root_prefix[] = "root.";
 
 std::optional<bool> parse_boolean(const std::string &text) {
@@ -48,26 +51,22 @@ std::string cleaned(std::string_view value) {
   return resolved.get();
 }
 
-std::string bounds_of(const Setting &setting) {
-  return std::to_string(setting.least) + " to " + std::to_string(setting.most);
-}
-
 // Why the setting cannot have the value; empty if it can.
 std::string objection(const Setting &setting, const std::string &value) {
   switch (setting.kind) {
     case PTZ_KIT_SETTING_BOOLEAN:
-      return parse_boolean(value) ? "" : "\"" + value + "\" is not yes, no, true or false";
+      return parse_boolean(value) ? "" : format("\"%s\" is not yes, no, true or false", value.c_str());
     case PTZ_KIT_SETTING_INTEGER: {
       const auto number = parse_integer(value);
-      if (!number) return "\"" + value + "\" is not a whole number";
+      if (!number) return format("\"%s\" is not a whole number", value.c_str());
       if (*number >= setting.least && *number <= setting.most) return "";
-      return std::to_string(*number) + " is not within " + bounds_of(setting);
+      return format("%" G_GINT64_FORMAT " is not within " BOUNDS, *number, setting.least, setting.most);
     }
-    case PTZ_KIT_SETTING_STRING: {
-      const auto length = static_cast<gint64>(value.size());
-      if (length >= setting.least && length <= setting.most) return "";
-      return "the text has " + std::to_string(length) + " bytes, not " + bounds_of(setting);
-    }
+    case PTZ_KIT_SETTING_STRING:
+      if (std::cmp_greater_equal(value.size(), setting.least) && std::cmp_less_equal(value.size(), setting.most)) {
+        return "";
+      }
+      return format("the text has %zu bytes, not " BOUNDS, value.size(), setting.least, setting.most);
   }
   return "";
 }
@@ -86,24 +85,24 @@ Setting *Settings::look_up(std::string_view group, std::string_view key) {
   return found != settings_.end() ? std::to_address(found) : nullptr;
 }
 
-void Settings::read_value(std::string_view group, std::string_view key, std::string_view value,
-                          const std::string &where, Problems &problems) {
-  const std::string name = where + "[" + std::string(group) + "] " + std::string(key);
+void Settings::read_value(std::string_view group, std::string_view key, std::string_view value, const Place &place,
+                          Problems &problems) {
+  const auto name = [&](const char *reason) {
+    return format("%s:%u: [%.*s] %.*s: %s", place.file, place.line, static_cast<int>(group.size()), group.data(),
+                  static_cast<int>(key.size()), key.data(), reason);
+  };
   Setting *setting = look_up(group, key);
-  if (setting == nullptr) {
-    problems.unknown.push_back(name + ": there is no such setting");
-    return;
-  }
-  const std::string text = cleaned(value);
+  if (setting == nullptr) return problems.unknown.push_back(name("there is no such setting"));
+  std::string text = cleaned(value);
   const std::string reason = objection(*setting, text);
   if (reason.empty()) {
-    setting->value = text;
+    setting->value = std::move(text);
   } else {
-    problems.bad.push_back(name + ": " + reason);
+    problems.bad.push_back(name(reason.c_str()));
   }
 }
 
-void Settings::read_line(std::string_view line, std::string &group, const std::string &where, Problems &problems) {
+void Settings::read_line(std::string_view line, std::string &group, const Place &place, Problems &problems) {
   line = stripped(line);
   if (line.empty() || line.front() == '#') return;
   if (line.front() == '[' && line.back() == ']') {
@@ -113,10 +112,10 @@ void Settings::read_line(std::string_view line, std::string &group, const std::s
   }
   const std::size_t equals = line.find('=');
   if (equals == std::string_view::npos || equals == 0 || group.empty()) {
-    problems.bad.push_back(where + "this is neither a group, nor a key in a group with its value, nor a comment");
-    return;
+    return problems.bad.push_back(format(
+        "%s:%u: this is neither a group, nor a key in a group with its value, nor a comment", place.file, place.line));
   }
-  read_value(group, stripped(line.substr(0, equals)), stripped(line.substr(equals + 1)), where, problems);
+  read_value(group, stripped(line.substr(0, equals)), stripped(line.substr(equals + 1)), place, problems);
 }
 
 void Settings::read_file(const char *path, Problems &problems) {
@@ -128,14 +127,13 @@ void Settings::read_file(const char *path, Problems &problems) {
     return;
   }
   if (g_utf8_validate_len(text.get(), length, nullptr) == FALSE) {
-    problems.bad.push_back(std::string(path) + ": the file is not UTF-8");
-    return;
+    return problems.bad.push_back(format("%s: the file is not UTF-8", path));
   }
   std::string_view left(text.get(), length);
   std::string group;
   for (guint number = 1; !left.empty(); ++number) {
     const std::size_t end = left.find('\n');
-    read_line(left.substr(0, end), group, std::string(path) + ":" + std::to_string(number) + ": ", problems);
+    read_line(left.substr(0, end), group, {path, number}, problems);
     left.remove_prefix(end == std::string_view::npos ? left.size() : end + 1);
   }
 }
@@ -155,8 +153,8 @@ Problems Settings::load(const char *const *files) {
   return problems;
 }
 
-const Setting *Settings::find(const char *group, const char *key, PTZKitSettingKind kind) const {
-  const Setting *setting = const_cast<Settings *>(this)->look_up(group, key);
+const Setting *Settings::find(const char *group, const char *key, PTZKitSettingKind kind) {
+  const Setting *setting = look_up(group, key);
   if (setting != nullptr && setting->kind == kind) return setting;
   g_critical("no setting [%s] %s of this kind is declared", group, key);
   return nullptr;
@@ -165,9 +163,9 @@ const Setting *Settings::find(const char *group, const char *key, PTZKitSettingK
 std::string Settings::describe() const {
   std::string text = "Settings of --config:";
   for (const Setting &setting : settings_) {
-    text += "\n  [" + setting.group + "] " + setting.key + "=" + setting.value;
-    if (setting.kind == PTZ_KIT_SETTING_INTEGER) text += " (" + bounds_of(setting) + ")";
-    text += "  " + setting.doc;
+    text += format("\n  [%s] %s=%s", setting.group.c_str(), setting.key.c_str(), setting.value.c_str());
+    if (setting.kind == PTZ_KIT_SETTING_INTEGER) text += format(" (" BOUNDS ")", setting.least, setting.most);
+    text += format("  %s", setting.doc.c_str());
   }
   return text;
 }

@@ -22,12 +22,17 @@ struct Problems {
 };
 
 class Settings {
+  struct Place {
+    const char *file;
+    guint line;
+  };
+
   std::vector<Setting> settings_;
 
   [[nodiscard]] Setting *look_up(std::string_view group, std::string_view key);
   void read_file(const char *path, Problems &problems);
-  void read_line(std::string_view line, std::string &group, const std::string &where, Problems &problems);
-  void read_value(std::string_view group, std::string_view key, std::string_view value, const std::string &where,
+  void read_line(std::string_view line, std::string &group, const Place &place, Problems &problems);
+  void read_value(std::string_view group, std::string_view key, std::string_view value, const Place &place,
                   Problems &problems);
 
  public:
@@ -36,7 +41,7 @@ class Settings {
   // Every file is read to its end, so that all problems are known. Loads the library's own settings, too.
   [[nodiscard]] Problems load(const char *const *files);
   // A critical warning if there is no such setting of this kind.
-  [[nodiscard]] const Setting *find(const char *group, const char *key, PTZKitSettingKind kind) const;
+  [[nodiscard]] const Setting *find(const char *group, const char *key, PTZKitSettingKind kind);
   [[nodiscard]] std::string describe() const;
 };
 
