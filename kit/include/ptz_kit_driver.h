@@ -459,4 +459,6 @@ PTZ_KIT_API void ptz_kit_driver_stop (PTZKitDriver *self);
  */
 PTZ_KIT_API gint ptz_kit_driver_run (PTZKitDriver *self, gint argc, gchar **argv);
 
+G_DEFINE_AUTOPTR_CLEANUP_FUNC (PTZKitDriver, g_object_unref)
+
 G_END_DECLS

@@ -155,4 +155,6 @@ PTZ_KIT_API void ptz_kit_reply_error_literal (PTZKitReply *self, PTZKitErrorCode
  */
 PTZ_KIT_API void ptz_kit_reply_send_bytes (PTZKitReply *self, GBytes *body);
 
+G_DEFINE_AUTOPTR_CLEANUP_FUNC (PTZKitReply, g_object_unref)
+
 G_END_DECLS

@@ -1,4 +1,5 @@
 """Drivers in Python, as processes of their own: virtual functions, exceptions, late replies, settings, the end."""
+import ctypes
 import os
 import signal
 import socket
@@ -110,21 +111,53 @@ class Driver(unittest.TestCase):
         self.assertTrue(extra & PTZ.DriverExtraCapabilities.AUX)
         self.assertFalse(extra & PTZ.DriverExtraCapabilities.OSDMENU)
 
-    def test_settings_are_read_before_open(self):
+    def start_with_limit(self, limit):
         settings = os.path.join(self.folder.name, 'settings')
         with open(settings, 'w', encoding='ascii') as file:
-            file.write('[Head]\nLimit=9000\n')
+            file.write(f'[Head]\n\nLimit={limit}\n')
         self.start('--config', settings)
+        return settings
+
+    def test_settings_are_read_before_open(self):
+        self.start_with_limit(9000)
         self.connect()
         self.assertEqual(self.ask('query_limit_ranges')['maximum'], [9000, 9000, 0])
 
     def test_bad_setting_ends_with_status_2(self):
-        settings = os.path.join(self.folder.name, 'settings')
-        with open(settings, 'w', encoding='ascii') as file:
-            file.write('[Head]\n\nLimit=none\n')
-        self.start('--config', settings)
+        settings = self.start_with_limit('none')
         self.assertEqual(self.driver.wait(20), 2)
         self.assertIn(settings + ':3: [Head] Limit: "none" is not a whole number', self.logged())
+
+    def test_error_of_open_ends_with_status_1_and_its_text(self):
+        self.start_with_limit(1)
+        self.assertEqual(self.driver.wait(20), 1)
+        self.assertIn('python-driver: the limit is too small', self.logged())
+
+    def test_exception_in_open_ends_with_status_1(self):
+        self.start_with_limit(2)
+        self.assertEqual(self.driver.wait(20), 1)
+        self.assertIn('this is meant to fail', self.logged())
+
+    def test_reported_position_is_published(self):
+        self.start('--instance', '7')
+        self.connect()
+        self.ask('move', kind=PTZ.Move.ABSOLUTE, axes=1, speed=100, value=[9000, 0, 0])
+        deadline = time.monotonic() + 20  # the status follows the reply
+        while self.published_pan(7) != 90:
+            self.assertLess(time.monotonic(), deadline)
+            time.sleep(0.005)
+
+    def published_pan(self, instance):
+        """The status cache has no introspection data."""
+        os.environ['PTZ_PLATFORM_RUNTIME_DIR'] = self.folder.name
+        library = ctypes.CDLL('libptznimbo_common.so.0')
+        library.ptz_status_cache_setup_group.restype = ctypes.c_void_p
+        group = ctypes.c_void_p(library.ptz_status_cache_setup_group(PTZ.SCGroup.POSITION, instance, 1))
+        pan = ctypes.c_float()
+        library.ptz_status_cache_add_param(group, PTZ.SCParam.POSITION_PAN, ctypes.byref(pan))
+        self.assertTrue(library.ptz_status_cache_fetch_group(group))
+        library.ptz_status_cache_free_group(group)
+        return pan.value
 
     def test_sigterm_ends_with_status_0_and_removes_socket(self):
         self.start()

@@ -11,6 +11,10 @@ from gi.repository import GLib, PTZ, PTZKit  # noqa: E402
 class Driver(PTZKit.Driver):
     def do_open(self):
         limit = self.get_integer('Head', 'Limit')
+        if limit == 1:
+            raise GLib.Error('the limit is too small', 'tests', 1)
+        if limit == 2:
+            raise RuntimeError('this is meant to fail')
         self.set_axis(PTZKit.Axis.PAN, -limit, limit, 12000, 0)
         self.set_axis(PTZKit.Axis.TILT, -2000, 9000, 9000, 0)
         return True

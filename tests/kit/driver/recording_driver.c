@@ -70,6 +70,12 @@ auxiliary (PTZKitDriver *self, const PTZKitAuxiliaryRequest *request, PTZKitRepl
     ptz_kit_reply_set_preset (reply, &wrong);
   } else if (g_str_equal (request->name, AUXILIARY_OK)) {
     ptz_kit_reply_ok (reply);
+  } else if (g_str_equal (request->name, AUXILIARY_STOP)) {
+    ptz_kit_driver_stop (self);
+    answer_auxiliary (reply, request->name);
+  } else if (g_str_equal (request->name, AUXILIARY_UNREF)) {
+    g_object_unref (self);
+    answer_auxiliary (reply, request->name);
   } else if (g_str_equal (request->name, AUXILIARY_LONG)) {
     text = g_strnfill (10000, 'x');
     ptz_kit_reply_error_literal (reply, PTZ_KIT_ERROR_CODE_DEVICE, text);

@@ -13,6 +13,8 @@ G_BEGIN_DECLS
 #define AUXILIARY_WRONG "wrong" /* answered as another command */
 #define AUXILIARY_OK "ok"       /* answered without the fields that the reply has */
 #define AUXILIARY_LONG "long"   /* refused with 10,000 bytes of text */
+#define AUXILIARY_STOP "stop"   /* stops the driver, then answers */
+#define AUXILIARY_UNREF "unref" /* drops the test's reference of the driver, then answers */
 #define AUXILIARY_PEER "peer"   /* refused with the text "PID UID" */
 
 typedef struct {

@@ -113,6 +113,20 @@ TEST_F(KitReply, ReplyMayOutliveItsDriver) {
   g_object_unref(reply);
 }
 
+TEST_F(KitReply, VirtualFunctionMayStopItsDriver) {
+  start();
+  const ptz_test::GlibLogCapture log;
+  EXPECT_TRUE(is_error(ask_auxiliary(AUXILIARY_STOP), PTZ_KIT_ERROR_CODE_INTERNAL));
+  EXPECT_EQ(log.criticals(), 0U);
+}
+
+TEST_F(KitReply, VirtualFunctionMayDropLastReferenceOfItsDriver) {
+  start();
+  EXPECT_EQ(ask_auxiliary(AUXILIARY_UNREF), "{'command': <'auxiliary'>, 'name': <'unref'>, 'state': <uint32 1>}");
+  driver_ = nullptr;
+  EXPECT_FALSE(ptz_test::connect_to(path_));
+}
+
 TEST_F(KitReply, BytesAreSentAsTheyAre) {
   start();
   ask_later();
