@@ -110,15 +110,15 @@ void DriverCore::deliver(PTZKitReply *reply, std::span<const guint8> body) {
 }
 
 void DriverCore::log_request(gint32 command, std::span<const guint8> body) const {
-  const char *name = ptz_kit_command_name(command);
+  const char *label = ptz_kit_command_name(command);
   Error error;
   const Handle<PTZKitErrorReply, ptz_kit_error_reply_free> refusal(
       is_refusal(body) ? ptz_kit_error_reply_read(body.data(), body.size(), out(error)) : nullptr);
   if (refusal) {
-    syslog(LOG_INFO, "request %d \"%s\": error %u, %s", command, name != nullptr ? name : "", refusal->code,
+    syslog(LOG_INFO, "request %d \"%s\": error %u, %s", command, label != nullptr ? label : "", refusal->code,
            refusal->text);
   } else {
-    syslog(LOG_INFO, "request %d \"%s\": served", command, name != nullptr ? name : "");
+    syslog(LOG_INFO, "request %d \"%s\": served", command, label != nullptr ? label : "");
   }
 }
 

@@ -1,6 +1,9 @@
 // A request is answered once: now, later, by an error of the kit, or when the driver stops.
 #include <unistd.h>
 
+#include <vector>
+
+#include "clock.h"
 #include "running_driver.h"
 #include "syslog_capture.h"
 
@@ -44,6 +47,27 @@ TEST_F(KitReply, DeferredReplyToClientThatHasGoneIsHarmless) {
   EXPECT_EQ(log.containing("to process " + std::to_string(getpid()) + " could not be sent"), 1U);
   client_ = ptz_test::connect_to(path_);
   EXPECT_TRUE(light_is_answered());
+}
+
+TEST_F(KitReply, RepliesThatCannotBeSentAreLoggedAtMostOnceASecond) {
+  start();
+  std::vector<PTZKitReply *> replies;
+  for (int count = 0; count < 4; ++count) {
+    ask_later();
+    replies.push_back(g_steal_pointer(&driver_->deferred));
+  }
+  client_.reset();
+  ptz_test::run_pending();
+  const ptz_test::SyslogCapture log;
+  for (PTZKitReply *reply : replies) {
+    ptz_kit_reply_error_literal(reply, PTZ_KIT_ERROR_CODE_DEVICE, "too late");
+    g_object_unref(reply);
+  }
+  EXPECT_EQ(log.containing("could not be sent"), 1U);
+  ptz_test::advance_clock(1'100);
+  const std::string summary =
+      "replies that could not be sent in the last second: 3 more, the last one to process " + std::to_string(getpid());
+  EXPECT_TRUE(ptz_test::run_until([&] { return log.containing(summary) == 1; }));
 }
 
 TEST_F(KitReply, DroppedReplyIsError7) {
