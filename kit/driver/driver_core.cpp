@@ -173,11 +173,9 @@ void DriverCore::report_flag(PTZSCParam flag, bool on) {
   if (status_) status_->set_flag(flag, on);
 }
 
-// Without a status there is nothing to publish, and a driver without an update function reports by itself.
+// Without a status nothing is published, and the axes are asked for when a client asks.
 void DriverCore::set_publish_rate() {
-  const bool moving = any_moving(axes);
-  const bool needed = status_ != nullptr || (moving && slots().update != nullptr);
-  const gint32 rate = needed ? PublishedStatus::updates_per_second(moving) : 0;
+  const gint32 rate = status_ ? PublishedStatus::updates_per_second(any_moving(axes)) : 0;
   if (rate == publish_rate_) return;
   publish_rate_ = rate;
   if (rate == 0) return publish_timer_.stop();

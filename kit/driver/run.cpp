@@ -137,9 +137,8 @@ gint ptz_kit_driver_run(PTZKitDriver *self, gint argc, gchar **argv) {
     g_printerr("%s: %s; see --help\n", core.name.c_str(), error ? error->message : "wrong usage");
     return PTZ_KIT_EXIT_USAGE;
   }
-  openlog(core.name.c_str(), LOG_PID | LOG_PERROR, LOG_DAEMON);
+  openlog(g_intern_string(core.name.c_str()), LOG_PID | LOG_PERROR, LOG_DAEMON);  // which keeps the pointer
   int status = load_settings(core, options) ? EXIT_SUCCESS : PTZ_KIT_EXIT_USAGE;
   if (status == EXIT_SUCCESS && options.check_settings == FALSE) status = serve(core);
-  closelog();  // the name is the driver's, which may go
   return status;
 }

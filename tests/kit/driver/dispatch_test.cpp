@@ -147,6 +147,14 @@ TEST_F(KitDriver, PositionIsAskedOfDriverThatHasUpdateFunction) {
   EXPECT_EQ(driver_->updates, updates + 1);
 }
 
+TEST_F(KitDriver, NoTimerRunsWithoutStatusToPublish) {
+  start();
+  ptz_kit_driver_report_axis(kit(), PTZ_KIT_AXIS_PAN, 0, TRUE);
+  ptz_test::run_pending();
+  EXPECT_LE(ptz_test::iterations_within(200), 2);
+  EXPECT_EQ(driver_->updates, 0U);
+}
+
 TEST_F(KitDriver, SpeedFollowsFromReportedPositions) {
   start();
   ptz_kit_driver_report_axis(kit(), PTZ_KIT_AXIS_PAN, 0, TRUE);
