@@ -16,7 +16,10 @@ gi.require_version('PTZ', '0')
 gi.require_version('PTZKit', '0')
 from gi.repository import GLib, PTZ, PTZKit  # noqa: E402
 
-PROGRAM = os.path.join(os.path.dirname(os.path.abspath(__file__)), 'python_driver.py')
+FOLDER = os.path.dirname(os.path.abspath(__file__))
+PROGRAM = os.path.join(FOLDER, 'python_driver.py')
+EXAMPLE = os.path.join(FOLDER, '../../../examples/kit-driver/kit_driver.py')
+COMPLIANCE = os.environ.get('PTZ_COMPLIANCE')
 
 
 def body_of(command, **fields):
@@ -166,6 +169,14 @@ class Driver(unittest.TestCase):
         self.driver.send_signal(signal.SIGTERM)
         self.assertEqual(self.driver.wait(20), 0)
         self.assertFalse(os.path.exists(self.path))
+
+    @unittest.skipUnless(COMPLIANCE, 'the tools are not built')
+    def test_compliance_tool_has_no_complaint_about_example(self):
+        environment = os.environ | {'PTZ_PLATFORM_RUNTIME_DIR': self.folder.name}
+        tool = subprocess.run([COMPLIANCE, '--instance', '1', '--', sys.executable, EXAMPLE, '--instance', '1',
+                               '--socket', '{socket}'], env=environment, capture_output=True, text=True, check=False)
+        self.assertEqual(tool.returncode, 0, tool.stdout + tool.stderr)
+        self.assertIn('3 not applicable', tool.stdout)
 
 
 if __name__ == '__main__':
