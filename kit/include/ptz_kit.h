@@ -3,6 +3,8 @@
 
 #include <ptz_kit_body.h>
 #include <ptz_kit_driver.h>
+#include <ptz_kit_link.h>
+#include <ptz_kit_link_calls.h>
 #include <ptz_kit_messages.h>
 #include <ptz_kit_replies.h>
 #include <ptz_kit_reply.h>

@@ -51,6 +51,10 @@ typedef enum {
  * @PTZ_KIT_ERROR_OUT_OF_RANGE: a field has a value that it cannot have
  * @PTZ_KIT_ERROR_TOO_LONG: a message does not fit into one frame
  * @PTZ_KIT_ERROR_BAD_TEXT: a text to be sent is not UTF-8
+ * @PTZ_KIT_ERROR_NOT_CONNECTED: no driver is connected; the request was not sent
+ * @PTZ_KIT_ERROR_LOST: the connection ended before the reply; the driver may have obeyed the request
+ * @PTZ_KIT_ERROR_TIMED_OUT: no reply came before the deadline
+ * @PTZ_KIT_ERROR_BUSY: too many requests are waiting for this driver; the request was not sent
  *
  * Since: 0.1
  */
@@ -58,7 +62,11 @@ typedef enum {
   PTZ_KIT_ERROR_MALFORMED,
   PTZ_KIT_ERROR_OUT_OF_RANGE,
   PTZ_KIT_ERROR_TOO_LONG,
-  PTZ_KIT_ERROR_BAD_TEXT
+  PTZ_KIT_ERROR_BAD_TEXT,
+  PTZ_KIT_ERROR_NOT_CONNECTED,
+  PTZ_KIT_ERROR_LOST,
+  PTZ_KIT_ERROR_TIMED_OUT,
+  PTZ_KIT_ERROR_BUSY
 } PTZKitError;
 
 /**

@@ -10,7 +10,9 @@
 
 #include "protocol/message_access.h"
 
-G_DEFINE_QUARK(ptz - kit - error - quark, ptz_kit_error)
+// clang-format off
+G_DEFINE_QUARK(ptz-kit-error-quark, ptz_kit_error)
+// clang-format on
 
 namespace ptz_kit {
 namespace {

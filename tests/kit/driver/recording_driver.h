@@ -33,9 +33,9 @@ typedef struct {
 } RecordingDriverClass;
 
 /* Pan and tilt, -17000 to 17000 at 12000, home 100, and -2000 to 9000 at 9000, home 200. */
-GType recording_driver_get_type (void);
+GType recording_driver_get_type(void);
 
 /* One that overrides nothing but update, with all three axes. */
-GType silent_driver_get_type (void);
+GType silent_driver_get_type(void);
 
 G_END_DECLS

@@ -1,0 +1,252 @@
+#include "link/link_core.h"
+
+#include <poll.h>
+
+#include <utility>
+
+#include "link/link_section.h"
+
+namespace ptz_kit {
+namespace {
+
+constexpr guint first_retry_ms = 100;
+constexpr guint last_retry_ms = 5000;
+constexpr gint64 stable_us = G_USEC_PER_SEC;  // a connection that ends earlier is not followed by another one at once
+constexpr gushort hang_up = G_IO_HUP | G_IO_ERR | G_IO_NVAL | POLLRDHUP;
+
+}  // namespace
+
+LinkCore::LinkCore(const char *path, guint max_pending, guint handshake_ms)
+    : path_(g_strdup(path)), handshake_ms_(handshake_ms), calls_(max_pending) {
+  g_atomic_ref_count_init(&references_);
+  g_mutex_init(&lock_);
+  g_cond_init(&state_changed_);
+}
+
+LinkCore::~LinkCore() {
+  g_cond_clear(&state_changed_);
+  g_mutex_clear(&lock_);
+}
+
+void LinkCore::unref() {
+  if (g_atomic_ref_count_dec(&references_)) delete this;
+}
+
+bool LinkCore::open(GSource *source, GMainContext *context) {
+  const MutexLock lock(&lock_);
+  if (source_ != nullptr) return false;
+  source_ = g_source_ref(source);
+  context_.reset(g_main_context_ref(context));
+  retry_ms_ = first_retry_ms;
+  next_attempt_us_ = 0;
+  problem_.reset(g_strdup("no attempt yet"));
+  set_state(PTZ_KIT_LINK_STATE_CONNECTING);
+  return true;
+}
+
+void LinkCore::close() {
+  GSource *source = nullptr;
+  {
+    Section section(*this, Section::Callbacks::later);
+    source = std::exchange(source_, nullptr);
+    context_.reset();
+    if (source == nullptr) return;
+    set_state(PTZ_KIT_LINK_STATE_DISCONNECTED);
+    disconnect();
+  }
+  g_source_destroy(source);
+  g_source_unref(source);
+}
+
+PTZKitLinkState LinkCore::state() {
+  const MutexLock lock(&lock_);
+  return state_;
+}
+
+DriverFacts LinkCore::facts() {
+  const MutexLock lock(&lock_);
+  return {Text(g_strdup(facts_.name.get())), facts_.move, facts_.extra, facts_.protocol_version};
+}
+
+Text LinkCore::problem() {
+  const MutexLock lock(&lock_);
+  return Text(g_strdup(problem_.get()));
+}
+
+Context LinkCore::context() {
+  const MutexLock lock(&lock_);
+  return Context(context_ != nullptr ? g_main_context_ref(context_.get()) : nullptr);
+}
+
+Shared<Connection> LinkCore::connection() {
+  const MutexLock lock(&lock_);
+  return connection_;
+}
+
+bool LinkCore::take_change() {
+  const MutexLock lock(&lock_);
+  return std::exchange(change_, false);
+}
+
+bool LinkCore::wait_ready(gint64 deadline_us) {
+  const MutexLock lock(&lock_);
+  while (state_ != PTZ_KIT_LINK_STATE_READY && state_ != PTZ_KIT_LINK_STATE_DISCONNECTED) {
+    if (!g_cond_wait_until(&state_changed_, &lock_, deadline_us)) break;
+  }
+  return state_ == PTZ_KIT_LINK_STATE_READY;
+}
+
+void LinkCore::set_state(PTZKitLinkState state) {
+  if (state_ == state) return;
+  state_ = state;
+  change_ = true;
+  g_cond_broadcast(&state_changed_);
+  wake_source();
+}
+
+// A thread that runs the context prepares the source again before it sleeps.
+void LinkCore::wake_source() const {
+  if (context_ != nullptr && !g_main_context_is_owner(context_.get())) g_main_context_wakeup(context_.get());
+}
+
+gint64 LinkCore::due_us() const {
+  gint64 due = later_calls_ > 0 ? next_deadline_us_ : G_MAXINT64;
+  if (handshake_.running()) due = MIN(due, handshake_.deadline_us());
+  if (!connection_) due = MIN(due, next_attempt_us_);
+  return due;
+}
+
+gushort LinkCore::wanted_events() const {
+  gushort events = hang_up;
+  if (source_reads()) events |= G_IO_IN;
+  if (connection_->blocked()) events |= G_IO_OUT;
+  return events;
+}
+
+bool LinkCore::prepare(const Shared<Connection> &watched, GPollFD &poll, gint *timeout_ms) {
+  const MutexLock lock(&lock_);
+  *timeout_ms = -1;
+  if (source_ == nullptr) return false;
+  if (change_ || watched != connection_) return true;
+  if (connection_) poll.events = wanted_events();
+  const gint64 due = due_us();
+  if (due == G_MAXINT64) return false;
+  const gint64 left_us = due - g_get_monotonic_time();
+  if (left_us <= 0) return true;
+  *timeout_ms = static_cast<gint>(MIN((left_us + 999) / 1000, gint64{G_MAXINT}));
+  return false;
+}
+
+bool LinkCore::check(const Shared<Connection> &watched, const GPollFD &poll) {
+  const MutexLock lock(&lock_);
+  if (source_ == nullptr) return false;
+  if (change_ || watched != connection_) return true;
+  if (connection_ && (poll.revents & wanted_events()) != 0) return true;
+  const gint64 due = due_us();
+  return due != G_MAXINT64 && due <= g_get_monotonic_time();
+}
+
+void LinkCore::run(const Shared<Connection> &watched, gushort events) {
+  Section section(*this, Section::Callbacks::at_once);
+  if (source_ == nullptr) return;
+  if (connected_to(watched)) {
+    if ((events & G_IO_OUT) != 0 && connection_->blocked()) {
+      connection_->flush();
+      send_waiting();
+    }
+    // A thread that polls the descriptor sees a hang-up itself, but would not see that its reply was read.
+    if ((events & hang_up) != 0 || ((events & G_IO_IN) != 0 && reader_ == nullptr)) receive();
+  }
+  const gint64 now_us = g_get_monotonic_time();
+  expire(now_us);
+  if (!connection_ && now_us >= next_attempt_us_) attempt(now_us);
+}
+
+// --- the connection ---
+
+void LinkCore::attempt(gint64 now_us) {
+  UniqueFd fd = connect_to(path_.get());
+  if (fd) {
+    connection_ = Shared(new Connection(std::move(fd)));
+    set_state(PTZ_KIT_LINK_STATE_CONNECTING);
+    return begin_handshake(now_us);
+  }
+  // Nothing there, nothing listens, or the backlog is full: a driver that starts, or one that is busy.
+  const bool may_come = errno == ENOENT || errno == ECONNREFUSED || errno == EAGAIN;
+  attempt_failed(now_us, may_come ? PTZ_KIT_LINK_STATE_CONNECTING : PTZ_KIT_LINK_STATE_FAILED, g_strerror(errno));
+}
+
+void LinkCore::attempt_failed(gint64 now_us, PTZKitLinkState state, const char *problem) {
+  next_attempt_us_ = now_us + retry_ms_ * gint64{1000};
+  retry_ms_ = MIN(2 * retry_ms_, last_retry_ms);
+  problem_.reset(g_strdup(problem));
+  set_state(state);
+}
+
+void LinkCore::begin_handshake(gint64 now_us) {
+  handshake_.begin(now_us + handshake_ms_ * gint64{1000});
+  for (std::size_t i = 0; i < Handshake::count; ++i) send(handshake_.question(i));
+}
+
+void LinkCore::finish_handshake(gint64 now_us) {
+  GError *raw = nullptr;
+  DriverFacts facts;
+  const bool is_read = handshake_.read(facts, &raw);
+  const Error error(raw);
+  if (!is_read) {
+    disconnect();
+    return attempt_failed(now_us, PTZ_KIT_LINK_STATE_FAILED, error->message);
+  }
+  handshake_.end();
+  facts_ = std::move(facts);
+  ready_since_us_ = now_us;
+  retry_ms_ = first_retry_ms;
+  set_state(PTZ_KIT_LINK_STATE_READY);
+}
+
+void LinkCore::receive() {
+  const bool alive = connection_->receive([this](guint32 id, std::span<const guint8> body) {
+    Call *call = calls_.take_answered(id);
+    if (call == nullptr) return;  // a late reply
+    call->take(body);
+    settle(*call, Outcome::answered);
+  });
+  if (handshake_.answered()) finish_handshake(g_get_monotonic_time());
+  if (!connection_) return;
+  alive ? send_waiting() : lose();
+}
+
+void LinkCore::lose() {
+  constexpr char problem[] = "the driver has closed the connection or sent a malformed frame";
+  const gint64 now_us = g_get_monotonic_time();
+  const bool was_ready = state_ == PTZ_KIT_LINK_STATE_READY;
+  disconnect();
+  if (!was_ready) return attempt_failed(now_us, PTZ_KIT_LINK_STATE_FAILED, problem);
+  problem_.reset(g_strdup(problem));
+  next_attempt_us_ = now_us - ready_since_us_ >= stable_us ? now_us : now_us + first_retry_ms * gint64{1000};
+  set_state(PTZ_KIT_LINK_STATE_CONNECTING);
+}
+
+// The descriptor is closed when the source and the reader have let go of it.
+void LinkCore::disconnect() {
+  handshake_.end();
+  if (!connection_) return;
+  connection_->shut_down();
+  connection_ = Shared<Connection>();
+  while (Call *call = calls_.take_sent()) settle(*call, Outcome::lost);
+  while (Call *call = calls_.take_waiting()) settle(*call, Outcome::not_connected);
+}
+
+void LinkCore::expire(gint64 now_us) {
+  if (handshake_.running() && now_us >= handshake_.deadline_us()) {
+    disconnect();
+    attempt_failed(now_us, PTZ_KIT_LINK_STATE_FAILED, "the driver does not answer");
+  }
+  if (later_calls_ == 0 || now_us < next_deadline_us_) return;
+  while (Call *call = calls_.find_due(now_us, next_deadline_us_)) {
+    calls_.give_up(*call, now_us);
+    settle(*call, Outcome::timed_out);
+  }
+}
+
+}  // namespace ptz_kit
