@@ -1,5 +1,5 @@
-// Every reader of the kit's messages. A body that is read must be written as the same bytes, through variants and through
-// nothing else; a body that is not read must leave an error that names the place, and no message.
+// Every reader of the kit's messages. A body that is read must be written as the same bytes, through variants and
+// through nothing else; a body that is not read must leave an error that names the place, and no message.
 //
 //   input   0 for a request, otherwise a reply (1 byte), the body
 #include <ptz_kit.h>
