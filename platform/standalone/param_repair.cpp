@@ -36,6 +36,11 @@ void put_in_log_mode(int fd) {
   static_cast<void>(written);  // SQLite tries as well, and reports it
 }
 
+bool is_in_log_mode(int fd) {
+  std::uint8_t modes[2] = {};
+  return pread(fd, modes, sizeof(modes), 18) == static_cast<ssize_t>(sizeof(modes)) && modes[0] == 2 && modes[1] == 2;
+}
+
 }  // namespace
 
 void ParamTree::record_database(std::uint32_t flags, std::uint32_t generation) const {
@@ -127,6 +132,8 @@ StoreResult ParamTree::create(const struct stat &folder) {
 // Whether another program that uses SQLite, or a process of the first release, has copied the log into the database.
 // `log` is set to what SQLite's index of the log says now.
 bool ParamTree::has_foreign_checkpoint(const Record &record, LogState &log) const {
+  // A checkpoint leaves the database in the mode of the log; a backup of this service has the other mode.
+  if (file_ == nullptr || !is_in_log_mode(file_->fd.get())) return false;
   log = last_log_;
   if (log == LogState{}) {
     // A read of the header makes SQLite open the log. The values read here may be stale and are not used.

@@ -257,11 +257,16 @@ bool ParamTree::cut_copied_log(Record &record) {
 // The first write after a flush: copies made until now have another time than the database from now on. busy if the
 // clock of the file system has to move on first.
 StoreResult ParamTree::move_time(Record &record) {
+  const int fd = file_->fd.get();
+  struct stat status = {};
+  // A file that was overwritten since the look must not be recorded as ours, neither now nor below.
+  if (fstat(fd, &status) != 0 || stamp_of(status) != record.database) {
+    return fail(StoreResult::busy, "is being replaced");
+  }
+  const Record before = record;
   record.flags |= Record::moving;
   record.begun_ns = wall_clock_ns();
   side_->save(record);
-  const int fd = file_->fd.get();
-  struct stat status = {};
   const auto has_moved = [&] {
     return fstat(fd, &status) == 0 && stamp_of(status).modified_ns != record.database.modified_ns;
   };
@@ -278,6 +283,10 @@ StoreResult ParamTree::move_time(Record &record) {
   if (!settable && !std::exchange(time_reported_, true)) {
     syslog(LOG_WARNING, "Parameter tree %s: its time cannot be set (%m); copies that are put back are not recognised",
            file_name_.c_str());
+  }
+  if (status.st_size != before.database.size) {
+    side_->save(before);  // differs from the file now, which the next look finds
+    return fail(StoreResult::busy, "is being replaced");
   }
   record.database = stamp_of(status);
   record.flags &= ~static_cast<std::uint32_t>(Record::flushed | Record::moving);
