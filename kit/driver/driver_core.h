@@ -15,12 +15,12 @@
 #include <vector>
 
 #include "driver/axes.h"
-#include "driver/handles.h"
 #include "driver/preset_store.h"
 #include "driver/published_status.h"
 #include "driver/reply.h"
 #include "driver/reply_sender.h"
 #include "driver/settings.h"
+#include "handles.h"
 
 namespace ptz_kit {
 

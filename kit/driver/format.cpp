@@ -2,7 +2,7 @@
 
 #include <cstdarg>
 
-#include "driver/handles.h"
+#include "handles.h"
 
 namespace ptz_kit {
 

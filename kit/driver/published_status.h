@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "driver/axes.h"
-#include "driver/handles.h"
+#include "handles.h"
 
 namespace ptz_kit {
 

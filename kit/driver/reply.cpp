@@ -7,7 +7,7 @@
 #include <cstdarg>
 #include <cstring>
 
-#include "driver/handles.h"
+#include "handles.h"
 #include "protocol/message_codec.h"
 
 using namespace ptz_kit;

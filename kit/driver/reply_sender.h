@@ -4,7 +4,7 @@
 
 #include <span>
 
-#include "driver/handles.h"
+#include "handles.h"
 
 namespace ptz_kit {
 

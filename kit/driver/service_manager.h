@@ -1,6 +1,6 @@
 // kit/driver/service_manager.h - what a driver tells the service manager that has started it.
 #pragma once
-#include "driver/handles.h"
+#include "handles.h"
 
 namespace ptz_kit {
 

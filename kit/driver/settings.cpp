@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "driver/format.h"
-#include "driver/handles.h"
+#include "handles.h"
 
 namespace ptz_kit {
 

@@ -4,7 +4,7 @@
 
 #include <span>
 
-#include "link/handles.h"
+#include "handles.h"
 
 namespace ptz_kit {
 

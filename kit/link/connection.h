@@ -11,7 +11,7 @@
 #include <cstring>
 #include <span>
 
-#include "link/handles.h"
+#include "handles.h"
 
 namespace ptz_kit {
 
