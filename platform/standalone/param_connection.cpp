@@ -11,11 +11,6 @@ namespace {
 
 std::string database_file() { return folder_from("PTZ_PLATFORM_STATE_DIR", "/var/lib/ptz") + "/params.db"; }
 
-bool is_regular_or_missing(const std::string &path) {
-  struct stat status = {};
-  return lstat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode);
-}
-
 }  // namespace
 
 void ParamTree::disconnect() {
@@ -175,12 +170,6 @@ StoreResult ParamTree::needs_upgrade(std::string &reason) const {
 StoreResult ParamTree::open_store(const struct stat &folder, bool locked) {
   if (!open_file()) return fail(StoreResult::failed, system_reason("cannot be opened", errno));
   folder_flushed_ = false;
-  for (const char *suffix : {"", "-wal", "-shm"}) {
-    // SQLite would block on a FIFO of another user.
-    if (!is_regular_or_missing(file_name_ + suffix)) {
-      return fail(StoreResult::failed, file_name_ + suffix + " is not a regular file");
-    }
-  }
   for (const char *suffix : {"", "-wal", "-shm"}) repair_access(file_name_ + suffix, folder);
   Database database;
   int version = 0;
