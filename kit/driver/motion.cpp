@@ -63,16 +63,16 @@ void go_home(DriverCore &core, guint16 speed, PTZKitReply *reply) {
   move_to(core, axes_set(core.axes), home, speed, reply);
 }
 
-// A request that no client waits for: what it is answered with is dropped.
-class NobodyWaits final : public ReplyTarget {
+// Drops the reply to a request that has no client.
+class DiscardedReplies final : public ReplyTarget {
  public:
   void deliver(PTZKitReply *, std::span<const guint8>) override {}
 };
 
 void stop_axes(DriverCore &core) {
-  static NobodyWaits nobody;
+  static DiscardedReplies discarded;
   if (!serves(core, PTZ_COMMAND_STOP)) return;
-  const Object<PTZKitReply> reply(make_reply(nobody, {PTZ_COMMAND_STOP, nullptr, 0, -1, 0}));
+  const Object<PTZKitReply> reply(make_reply(discarded, {PTZ_COMMAND_STOP, nullptr, 0, -1, 0}));
   call(core, PTZ_COMMAND_STOP, nullptr, reply.get());
   if (!is_deferred(reply.get())) fail(reply.get(), "it was neither answered nor deferred");
 }

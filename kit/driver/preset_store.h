@@ -6,7 +6,7 @@
 #include <map>
 #include <string>
 
-#include "driver/handles.h"
+#include "handles.h"
 
 namespace ptz_kit {
 
@@ -20,8 +20,8 @@ struct StoredPreset {
 
 enum class PresetKind : guint8 { device, driver };
 
-// Invariant: what is in memory is what the file holds, or would hold. A file of another version, or one that cannot be
-// read, is left as it is, and nothing can be stored then.
+// Invariant: the presets in memory equal those in the file, if there is a file. A file of another version, or one that
+// cannot be read, is left as it is, and nothing can be stored then.
 class PresetStore {
  public:
   using Presets = std::map<guint32, StoredPreset>;

@@ -9,9 +9,8 @@
 //   access control list: the old file's is kept, and that of the folder's default is removed.
 // - A symbolic link is followed if it belongs to root, to the caller, or to the owner of the file that it leads to. A
 //   member of the folder's group could otherwise lead a daemon of root to any file of the system.
-// - After a failure the old file is unchanged and the temporary file is removed. One that a killed process left is
-// removed
-//   by the next write of the file, when it is ten minutes old: then no process still writes it.
+// - After a failure the old file is unchanged and the temporary file is removed. The next write of the file removes the
+//   temporary file of a killed process if it is ten minutes old: then no process still writes it.
 // - The folders of the path are not checked: a user who may rename a folder of the path decides which file is written.
 #include "platform/file_util.h"
 

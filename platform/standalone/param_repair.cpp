@@ -182,7 +182,7 @@ StoreResult ParamTree::examine(const struct stat &folder, const struct stat &sta
   }
   if (result == StoreResult::ok) suspect_ = false;
   if (result != StoreResult::damaged) return fail(result, reason);
-  // Nobody is replacing the file. Waiting would let another process copy the damaged log into the database.
+  // The file is not being replaced. Waiting would let another process copy the damaged log into the database.
   const Record record = side_->load();
   const bool is_same = side_->compare(record, stamp_of(status)) == Match::same;
   if (is_same && is_whole_without_log()) return drop_damaged_log(reason);

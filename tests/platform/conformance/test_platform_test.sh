@@ -51,8 +51,8 @@ says 'it ended the process with status 0'
 
 run 1 "$lacking"
 ends_with '[1-9][0-9]* passed, [1-9][0-9]* failed'
-says 'FAILED  Boundary.LibraryDefines/param_service_sync'
-says 'passed  Boundary.LibraryDefines/file_util_set_contents_synced'
+says 'FAILED  Boundary.SymbolIsDefined/param_service_sync'
+says 'passed  Boundary.SymbolIsDefined/file_util_set_contents_synced'
 says 'the platform library lacks kv_config_close kv_config_get kv_config_open'
 
 echo 'no library' >"$scratch/text.so"
