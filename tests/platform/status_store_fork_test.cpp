@@ -172,11 +172,12 @@ TEST_F(StatusStoreFork, AChildThatOutlivesItsKilledParentHoldsNoLock) {
   ASSERT_EQ(pipe2(pipe_ends, O_CLOEXEC), 0);
   const pid_t parent = start_child([&] {
     if (set("H", {item("A", 1)}) != 0) return 1;
-    const pid_t child = start_child([] {
+    start_child([&] {
+      const pid_t self = getpid();
+      if (write(pipe_ends[1], &self, sizeof self) != sizeof self) return 1;
       for (;;) pause();
       return 0;
     });
-    if (write(pipe_ends[1], &child, sizeof child) != sizeof child) return 1;
     for (;;) pause();
     return 0;
   });
