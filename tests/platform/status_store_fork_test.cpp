@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <new>
+#include <string_view>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -118,21 +119,36 @@ TEST_F(StatusStoreFork, SetInAChildAndInItsParentBothSucceed) {
 }
 
 // A writing thread that the kernel keeps waiting for a tenth of a second while it copies the process is a busy one.
-int set_when_free(const Items &items) {
+template <typename Set>
+int when_free(Set set) {
   int result = -EBUSY;
-  for (int i = 0; i < 20 && result == -EBUSY; ++i) result = set("G", items);
+  for (int i = 0; i < 20 && result == -EBUSY; ++i) result = set();
   return result;
 }
 
+// Sets without an allocation of its own: a sanitizer's allocator that is locked at a fork stays locked in the child.
+int set_text(const char *key, std::string_view text) {
+  char bytes[2] = {};
+  text.copy(bytes, sizeof bytes);
+  StatusStoreParam param = {key, static_cast<guint32>(text.size()), bytes, 1};
+  StatusStoreParam *list[] = {&param, nullptr};
+  errno = 0;
+  const gint result = status_store_set_group("G", list, 2);
+  return result >= 0 ? result : -errno;
+}
+
 TEST_F(StatusStoreFork, SetInAChildThatWasForkedBesideWritingThreadsSucceeds) {
-  for (int i = 0; i < 2; ++i) {
-    threads.emplace_back([this, i] {
-      const Items items = {item("A", i), {"C", std::string(static_cast<std::size_t>(1 + i), 'x'), 1}};
-      while (!is_over) EXPECT_EQ(set_when_free(items), 0);
+  for (const char *text : {"x", "xx"}) {
+    threads.emplace_back([this, text] {
+      while (!is_over) EXPECT_EQ(when_free([text] { return set_text("C", text); }), 0);
     });
   }
   for (int i = 0; i < 100; ++i) {
-    ASSERT_EQ(run_child([] { return set_when_free({item("D", 1)}) == 0 && number("G", "D") == 1 ? 0 : 1; }), 0);
+    ASSERT_EQ(run_child([] {
+                const Items items = {item("D", 1)};
+                return when_free([&] { return set("G", items); }) == 0 && number("G", "D") == 1 ? 0 : 1;
+              }),
+              0);
   }
   end_threads();
   EXPECT_EQ(number("G", "D"), 1);
