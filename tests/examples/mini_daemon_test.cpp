@@ -73,7 +73,7 @@ TEST_F(MiniDaemon, EndsAtOnceWhenInterruptedWhileADriverDoesNotAnswer) {
 }
 
 TEST_F(MiniDaemon, MakesItsTourThroughARestartAndEndsWell) {
-  const std::vector<std::string> files = {"--config", EXAMPLE_SETTINGS, "--state", dir_.file("state")};
+  const std::vector<std::string> files = {"--config", SIM_DRIVER_SETTINGS, "--state", dir_.file("state")};
   auto driver = start_driver(files);
   const std::string cue = dir_.file("cue");
   Process daemon(MINI_DAEMON, {"--socket", socket_, "--tour", "--cue", cue, "--pan-limit", "16000"}, output_);

@@ -41,7 +41,7 @@ struct PtzctlConfig : testing::Test {
     driver =
         std::make_unique<Process>(SIM_DRIVER,
                                   std::vector<std::string>{"--socket", dir.file("socket"), "--dbus", "sim", "--config",
-                                                           EXAMPLE_SETTINGS, "--state", dir.file("state")},
+                                                           SIM_DRIVER_SETTINGS, "--state", dir.file("state")},
                                   dir.file("driver"));
     EXPECT_TRUE(run_until([&] { return !owner_of(peer.get(), "com.velk.PTZ.sim").empty(); }));
   }

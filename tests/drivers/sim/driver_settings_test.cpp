@@ -39,7 +39,7 @@ class DriverSettingsBadValue : public DriverSettingsFiles, public testing::WithP
 }  // namespace
 
 TEST_F(DriverSettingsFiles, OfTheExampleAreWhatItShows) {
-  const auto settings = load_driver_settings({EXAMPLE_SETTINGS}, complaints_);
+  const auto settings = load_driver_settings({SIM_DRIVER_SETTINGS}, complaints_);
   ASSERT_TRUE(settings) << complaints_.front();
   EXPECT_EQ(settings->ranges[pan].minimum, -160'00);
   EXPECT_EQ(settings->ranges[pan].maximum, 160'00);

@@ -33,7 +33,7 @@ struct LegacyPresetsOfTheDriver : testing::Test {
 
   std::unique_ptr<Process> launch(const std::vector<std::string> &more = {}) {
     std::vector<std::string> arguments = {"--socket", dir.file("socket"), "--dbus",
-                                          "sim",      "--config",         EXAMPLE_SETTINGS};
+                                          "sim",      "--config",         SIM_DRIVER_SETTINGS};
     arguments.insert(arguments.end(), more.begin(), more.end());
     return std::make_unique<Process>(SIM_DRIVER, arguments, dir.file("output"));
   }

@@ -209,7 +209,7 @@ TEST_F(SimDriverProgram, ListsItsCapabilitiesAndRequestsWhenVerbose) {
 
 TEST_F(SimDriverProgram, TakesItsLimitsAndFactoryPresetsFromSettings) {
   std::ofstream(dir_.file("more.conf")) << "[Pan]\nMin=-4000\n[Preset1]\nPan=0\n";
-  restart_driver({"--config", EXAMPLE_SETTINGS, "--config", dir_.file("more.conf")});
+  restart_driver({"--config", SIM_DRIVER_SETTINGS, "--config", dir_.file("more.conf")});
   const Body reply = ask(make_body(PTZ_COMMAND_QUERY_LIMIT_RANGES));
   BodyReader reader(reply.get());
   EXPECT_EQ(reader.i32(), PTZ_COMMAND_QUERY_LIMIT_RANGES);
@@ -292,7 +292,7 @@ TEST_F(SimDriverProgram, RefusesAPresetThatItCannotStoreAndKeepsTheOneBefore) {
 
 TEST_F(SimDriverProgram, ObeysAParameterThatWasChangedWhenItStartsAgainAndLeavesItsPositionAtTheEnd) {
   setenv("PTZ_PLATFORM_STATE_DIR", dir_.path().c_str(), 1);
-  setenv("PTZ_PLATFORM_TEMPLATE_DIR", EXAMPLE_TEMPLATES, 1);
+  setenv("PTZ_PLATFORM_TEMPLATE_DIR", SIM_DRIVER_TEMPLATES, 1);
   const auto parameter = [](const char *path) {
     const Text value(ptz_tessel_get(path));
     return std::string(value ? value.get() : "(none)");
@@ -345,7 +345,7 @@ Value published(PTZSCGroup group, guint instance, PTZSCParam param) {
 
 TEST_F(SimDriverProgram, PublishesWhereItsHeadIsAndWhatItDoes) {
   setenv("PTZ_PLATFORM_RUNTIME_DIR", dir_.file("run").c_str(), 1);
-  restart_driver({"--instance", "12", "--config", EXAMPLE_SETTINGS});
+  restart_driver({"--instance", "12", "--config", SIM_DRIVER_SETTINGS});
   EXPECT_EQ(published<gint32>(PTZ_SC_GROUP_LIMIT, 12, PTZ_SC_PARAM_LIMIT_MAX_PAN), 160);
   EXPECT_EQ(published<gint32>(PTZ_SC_GROUP_LIMIT, 12, PTZ_SC_PARAM_LIMIT_MIN_TILT), -15);
   EXPECT_EQ(published<gint32>(PTZ_SC_GROUP_LIMIT, 12, PTZ_SC_PARAM_LIMIT_MAX_IRIS), 9999);

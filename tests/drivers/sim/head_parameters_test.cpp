@@ -38,7 +38,7 @@ struct HeadParametersTest : testing::Test {
   // The service looks for its folder when it is first called, and again on both sides of a fork.
   static void move_tree(const std::string &folder) {
     setenv("PTZ_PLATFORM_STATE_DIR", folder.c_str(), 1);
-    setenv("PTZ_PLATFORM_TEMPLATE_DIR", EXAMPLE_TEMPLATES, 1);
+    setenv("PTZ_PLATFORM_TEMPLATE_DIR", SIM_DRIVER_TEMPLATES, 1);
     const pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) _exit(0);
