@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -25,13 +26,17 @@ std::string with_decimals(gint32 hundredths, const char *unit) {
 
 std::string in_degrees(gint32 hundredths) { return with_decimals(hundredths, g_get_charset(nullptr) ? "°" : " deg"); }
 std::string in_magnification(gint32 hundredths) { return with_decimals(hundredths, "x"); }
-std::string in_unit(std::size_t axis, gint32 value) {
-  return axis == zoom ? in_magnification(value) : in_degrees(value);
+std::string in_unit(PTZKitAxis axis, gint32 value) {
+  return axis == PTZ_KIT_AXIS_ZOOM ? in_magnification(value) : in_degrees(value);
 }
 
-std::string describe(const PerAxis &position) {
-  return "pan " + in_degrees(position[pan]) + ", tilt " + in_degrees(position[tilt]) + ", zoom " +
-         in_magnification(position[zoom]);
+std::string describe(const gint32 *position) {
+  return "pan " + in_degrees(position[PTZ_KIT_AXIS_PAN]) + ", tilt " + in_degrees(position[PTZ_KIT_AXIS_TILT]) +
+         ", zoom " + in_magnification(position[PTZ_KIT_AXIS_ZOOM]);
+}
+
+bool is_idle(const PTZKitQueryPositionReply &reply) {
+  return std::ranges::all_of(reply.status, [](gint32 status) { return status == PTZ_MOVE_STATUS_IDLE; });
 }
 
 std::string right_aligned(const std::string &text, glong width) {
@@ -39,13 +44,14 @@ std::string right_aligned(const std::string &text, glong width) {
   return std::string(missing > 0 ? static_cast<std::size_t>(missing) : 0, ' ') + text;
 }
 
-std::string in_columns(const PerAxis &position) {
-  const auto cell = [&](std::size_t axis, glong width) { return right_aligned(in_unit(axis, position[axis]), width); };
-  return "pan " + cell(pan, 8) + "  tilt " + cell(tilt, 7) + "  zoom " + cell(zoom, 6);
+std::string in_columns(const gint32 *position) {
+  const auto cell = [&](PTZKitAxis axis, glong width) { return right_aligned(in_unit(axis, position[axis]), width); };
+  return "pan " + cell(PTZ_KIT_AXIS_PAN, 8) + "  tilt " + cell(PTZ_KIT_AXIS_TILT, 7) + "  zoom " +
+         cell(PTZ_KIT_AXIS_ZOOM, 6);
 }
 
 Terminal::Terminal() : interactive_(isatty(STDOUT_FILENO) == 1 && g_strcmp0(std::getenv("TERM"), "dumb") != 0) {
-  setvbuf(stdout, nullptr, _IOLBF, 0);  // whoever reads a pipe follows the lines as they come
+  setvbuf(stdout, nullptr, _IOLBF, 0);  // the reader of a pipe sees each line at once
 }
 
 void Terminal::end_live() {

@@ -1,18 +1,18 @@
 // terminal.h - what the daemon shows a person: steps, results, and a line that changes while the head moves.
 #pragma once
-#include <glib.h>
+#include <ptz_kit.h>
 
 #include <string>
-
-#include "driver_messages.h"
 
 namespace example {
 
 std::string in_degrees(gint32 hundredths);
 std::string in_magnification(gint32 hundredths);
-std::string in_unit(std::size_t axis, gint32 value);
-std::string describe(const PerAxis &position);
-std::string in_columns(const PerAxis &position);  // as describe(), as wide for every position
+std::string in_unit(PTZKitAxis axis, gint32 value);
+// Positions of all axes, in the order of PTZKitAxis.
+std::string describe(const gint32 *position);
+std::string in_columns(const gint32 *position);  // as describe(), as wide for every position
+bool is_idle(const PTZKitQueryPositionReply &reply);
 // The bytes of a sign say nothing about its width: printf's field widths would be wrong for the degree sign.
 std::string right_aligned(const std::string &text, glong width);
 

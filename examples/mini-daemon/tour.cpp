@@ -1,12 +1,13 @@
 #include "tour.h"
 
 #include <ptz_flags_utils.h>
-#include <ptz_serialize.h>
 
 #include <algorithm>
-#include <cstdlib>
-
-#include "reply.h"
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <span>
+#include <utility>
 
 namespace example {
 
@@ -15,77 +16,55 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto watch_interval = 100ms;
-constexpr auto answer_limit = 2s;  // for requests of the main loop, whose own limit is 360 s
+constexpr auto answer_limit = 2s;
 constexpr int most_watches = 100;  // ten seconds: longer than any motion of the tour
 constexpr gint64 kill_limit_us = gint64{10} * G_USEC_PER_SEC;
 constexpr int queries_at_once = 20;
+constexpr guint16 full_speed = 100;  // per cent
 constexpr guint32 preset_number = 3;
 constexpr const char *preset_name = "entrance";
 constexpr PerAxis entrance = {90'00, 30'00, 5'00};
 constexpr PerAxis gate = {-45'00, 10'00, 2'00};
 
-// What the main loop's replies are waited for in.
+// Counts the replies that arrive on the main loop, for the thread that waits for them.
 class Mailbox {
   std::mutex lock_;
   std::condition_variable arrived_;
-  std::vector<Answer> answers_;
+  int answered_ = 0;
+  int arrivals_ = 0;
 
  public:
-  void put(Answer answer) {
+  void put(bool answered) {
     const std::lock_guard guard(lock_);
-    answers_.push_back(std::move(answer));
+    answered_ += answered ? 1 : 0;
+    ++arrivals_;
     arrived_.notify_all();
   }
-  // Fewer than wanted when the time is over.
-  std::vector<Answer> take(std::size_t wanted) {
+  // The number of good replies when all have arrived, or when the time is over.
+  int wait_for(int wanted) {
     std::unique_lock guard(lock_);
-    arrived_.wait_for(guard, answer_limit, [&] { return answers_.size() >= wanted; });
-    return std::exchange(answers_, {});
+    arrived_.wait_for(guard, answer_limit, [&] { return arrivals_ >= wanted; });
+    return answered_;
   }
 };
 
-std::string flag_names(GType type, guint32 flags) {
-  const auto *const flags_class = static_cast<GFlagsClass *>(g_type_class_ref(type));
-  std::string names;
-  for (guint row = 0; row < flags_class->n_values; ++row) {
-    const GFlagsValue &value = flags_class->values[row];
-    if (value.value != 0 && (flags & value.value) != 0)
-      names += std::string(names.empty() ? "" : " ") + value.value_name;
-  }
-  return names;
+template <typename Element>
+std::span<Element *> elements_of(const GPtrArray *list) {
+  return {reinterpret_cast<Element **>(list->pdata), list->len};
 }
 
-std::string seconds_since(gint64 start_us) {
-  const Text text(g_strdup_printf("%.1f s", static_cast<double>(g_get_monotonic_time() - start_us) / G_USEC_PER_SEC));
-  return text.get();
-}
-
-std::string table_row(std::string name, const std::string &from, const std::string &to, const std::string &speed) {
-  name.resize(4, ' ');
-  return name + right_aligned(from, 12) + right_aligned(to, 12) + right_aligned(speed, 14);
-}
-
-bool is_switch(const DriverParameter &parameter) {
+bool is_switch(const PTZKitParameter &parameter) {
   return parameter.group == PTZ_PARAMETER_GROUP_AUX_BUTTON && parameter.kind == PTZ_PARAMETER_BOOLEAN;
 }
 
-std::string in_words(const DriverParameter &parameter) {
-  const GEnumValue *const group = g_enum_get_value(
-      static_cast<GEnumClass *>(g_type_class_ref(PTZ_TYPE_PARAMETER_GROUP)), static_cast<gint>(parameter.group));
-  std::string words = group != nullptr ? group->value_name : std::to_string(parameter.group);
-  words.resize(std::max<std::size_t>(words.size(), 12), ' ');
-  words += parameter.label + " (" + parameter.name + "): " + parameter.value;
-  return parameter.range.empty() ? words : words + ", of " + parameter.range;
-}
-
-Body move_to(const PerAxis &target) {
-  return make_body(PTZ_COMMAND_MOVE, MoveRequest{PTZ_MOVE_ABSOLUTE, all_axes, full_speed, target});
+PTZKitMoveRequest move_to(const PerAxis &target) {
+  return {PTZ_MOVE_ABSOLUTE, 0b111, full_speed, {target[0], target[1], target[2]}};
 }
 
 }  // namespace
 
 bool Tour::run() {
-  if (!link_.wait_until_connected(options_.driver_limit)) return fail("no driver listens");
+  if (!wait_until_ready()) return fail("no driver listens");
   return show_driver() && show_limits() && switch_live_setting() && move_absolutely() && use_preset() &&
          run_and_stop() && ask_many_at_once() && be_refused() && (options_.cue.empty() || survive_restart());
 }
@@ -97,122 +76,131 @@ bool Tour::fail(const std::string &text) {
   return false;
 }
 
-template <typename Message>
-std::optional<Message> Tour::ask(PTZCommand command, const Body &request) {
-  const Answer answer = link_.ask(request);
-  auto message = read_reply<Message>(answer, command);
-  if (!message) fail(describe_failure(answer));
-  return message;
+bool Tour::wait_until_ready() {
+  const guint limit_ms = options_.driver_limit_ms != 0 ? options_.driver_limit_ms : G_MAXUINT;
+  return ptz_kit_link_wait_ready(link_, limit_ms, nullptr) != FALSE;
 }
 
-bool Tour::order(PTZCommand command, const Body &request) { return ask<Done>(command, request).has_value(); }
+bool Tour::move(const PTZKitMoveRequest &request) {
+  Problem problem;
+  return checked(ptz_kit_link_move(link_, &request, 0, nullptr, problem.out()), problem) != FALSE;
+}
 
-bool Tour::expect_refusal(const Body &request, ErrorCode code, const std::string &what) {
-  const Answer answer = link_.ask(request);
-  const auto refusal = read_refusal(answer);
-  if (!refusal) return fail(what + (answer.outcome == Outcome::answered ? ": was not refused" : ": no answer"));
-  const std::string told = what + ": " + describe_failure(answer);
-  if (refusal->code != code) return fail(told);
-  terminal_.good(told);
+bool Tour::expect_refusal(bool obeyed, const Problem &problem, PTZKitErrorCode code, const std::string &what) {
+  if (obeyed) return fail(what + ": was not refused");
+  const std::string shown = what + ": " + describe_failure(problem);
+  if (!problem.is(PTZ_KIT_REFUSAL, code)) return fail(shown);
+  terminal_.good(shown);
   return true;
 }
 
-std::optional<Positions> Tour::watch_until(const std::function<bool(const Positions &)> &reached) {
-  const gint64 start_us = g_get_monotonic_time();
-  for (int watched = 0; watched < most_watches; ++watched) {
-    const auto mailbox = std::make_shared<Mailbox>();
-    link_.ask_later(make_body(PTZ_COMMAND_QUERY_POSITION),
-                    [mailbox](Answer answer) { mailbox->put(std::move(answer)); });
-    const std::vector<Answer> answers = mailbox->take(1);
-    const auto positions =
-        answers.empty() ? std::nullopt : read_reply<Positions>(answers.front(), PTZ_COMMAND_QUERY_POSITION);
-    if (!positions) {
-      fail(answers.empty() ? "no answer in time" : describe_failure(answers.front()));
-      return std::nullopt;
-    }
-    const bool there = reached(*positions);
-    // Where lines stay, a few of them tell as much.
-    if (terminal_.interactive() || there || watched % 4 == 0) {
-      terminal_.live(seconds_since(start_us) + "  " + in_columns(positions->position) +
-                     (positions->idle() ? "  idle" : "  moving"));
-    }
-    if (there) return positions;
-    if (!link_.sleep(watch_interval)) return std::nullopt;
-  }
-  fail("the head does not get there");
-  return std::nullopt;
+// A body that no function of the kit writes.
+bool Tour::expect_refusal_of(const std::vector<guint8> &body, PTZKitErrorCode code, const std::string &what) {
+  Problem problem;
+  const Bytes request(g_bytes_new(body.data(), body.size()));
+  const Bytes reply(ptz_kit_link_call(link_, request.get(), 0, nullptr, problem.out()));
+  return expect_refusal(reply != nullptr, problem, code, what);
 }
 
-std::optional<Positions> Tour::watch_until_idle() { return watch_until(&Positions::idle); }
+Tour::Positions Tour::watch_until(const std::function<bool(const PTZKitQueryPositionReply &)> &reached) {
+  const gint64 start_us = g_get_monotonic_time();
+  for (int watched = 0; watched < most_watches; ++watched) {
+    Positions positions = ask_position();
+    if (!positions) return nullptr;
+    const bool there = reached(*positions);
+    // On a terminal the line is replaced; elsewhere a few lines are enough.
+    if (terminal_.interactive() || there || watched % 4 == 0) {
+      terminal_.live(seconds_since(start_us) + "  " + in_columns(positions->position) +
+                     (is_idle(*positions) ? "  idle" : "  moving"));
+    }
+    if (there) return positions;
+    if (!interruption_.sleep(watch_interval)) return nullptr;
+  }
+  fail("the head does not get there");
+  return nullptr;
+}
+
+Tour::Positions Tour::watch_until_idle() { return watch_until(is_idle); }
 
 bool Tour::arrive_at(const PerAxis &target) {
   const gint64 start_us = g_get_monotonic_time();
-  const auto positions = watch_until_idle();
+  const Positions positions = watch_until_idle();
   if (!positions) return false;
-  if (positions->position != target) return fail("it should be at " + describe(target));
+  if (!std::ranges::equal(positions->position, target)) return fail("it should be at " + describe(target.data()));
   terminal_.good("there after " + seconds_since(start_us) + ", to the hundredth");
   return true;
 }
 
 bool Tour::show_driver() {
   begin_step("What is it, and what can it do?");
-  const auto name = ask<Name>(PTZ_COMMAND_GET_DRIVER_NAME);
+  const auto name = ask<ptz_kit_link_get_driver_name, ptz_kit_get_driver_name_reply_free>();
   if (!name) return false;
-  const auto types = ask<DeviceTypes>(PTZ_COMMAND_GET_DEVICE_TYPES);
+  const auto types = ask<ptz_kit_link_get_device_types, ptz_kit_get_device_types_reply_free>();
   if (!types) return false;
-  auto capabilities = ask<Capabilities>(PTZ_COMMAND_GET_CAPABILITIES);
+  const auto capabilities = ask<ptz_kit_link_get_capabilities, ptz_kit_get_capabilities_reply_free>();
   if (!capabilities) return false;
-  const auto parameters = ask<ParameterList>(PTZ_COMMAND_GET_DRIVER_PARAMETERS);
-  if (!parameters) return false;
   std::string devices;
-  for (const Name &type : types->elements) devices += " \"" + type.text + "\"";
-  terminal_.line("driver  " + name->text + ", for:" + devices);
-  terminal_.line("moves   " + flag_names(PTZ_TYPE_DRIVER_MOVE_CAPABILITIES, capabilities->words.move));
-  terminal_.line("offers  " + flag_names(PTZ_TYPE_DRIVER_EXTRA_CAPABILITIES, capabilities->words.extra));
-  terminal_.line("has     " + std::to_string(parameters->elements.size()) + " parameters");
-  for (const DriverParameter &parameter : parameters->elements) {
-    if (live_setting_.empty() && is_switch(parameter)) live_setting_ = parameter.name;
-    terminal_.line("          " + in_words(parameter));
-  }
-  if (!ptz_flags_utils_ptz_usable(&capabilities->words)) return fail("the driver is of no use");
+  for (const char *type : elements_of<char>(types->types)) devices += " \"" + std::string(type) + "\"";
+  terminal_.line("driver  " + std::string(name->name) + ", for:" + devices);
+  terminal_.line("moves   " + flag_names(PTZ_TYPE_DRIVER_MOVE_CAPABILITIES, capabilities->move));
+  terminal_.line("offers  " + flag_names(PTZ_TYPE_DRIVER_EXTRA_CAPABILITIES, capabilities->extra));
+  if (!show_parameters()) return false;
+  PTZDriverCapabilities words{capabilities->move, capabilities->extra};
+  if (!ptz_flags_utils_ptz_usable(&words)) return fail("the driver is of no use");
   terminal_.good("usable");
+  return true;
+}
+
+bool Tour::show_parameters() {
+  const Parameters parameters = ask_parameters();
+  if (!parameters) return false;
+  terminal_.line("has     " + std::to_string(parameters->parameters->len) + " parameters");
+  for (const PTZKitParameter *parameter : elements_of<PTZKitParameter>(parameters->parameters)) {
+    if (live_setting_.empty() && is_switch(*parameter)) live_setting_ = parameter->name;
+    terminal_.line("          " + in_words(*parameter));
+  }
   return true;
 }
 
 bool Tour::show_limits() {
   begin_step("How far, and how fast?");
-  const auto limits = ask<Limits>(PTZ_COMMAND_QUERY_LIMIT_RANGES);
+  const auto limits = ask<ptz_kit_link_query_limit_ranges, ptz_kit_query_limit_ranges_reply_free>();
   if (!limits) return false;
-  const auto speeds = ask<Speeds>(PTZ_COMMAND_QUERY_SPEED);
+  const auto speeds = ask<ptz_kit_link_query_speed, ptz_kit_query_speed_reply_free>();
   if (!speeds) return false;
   terminal_.line(table_row("", "from", "to", "at most"));
-  for (const auto &[axis, name] : {std::pair{pan, "pan"}, {tilt, "tilt"}, {zoom, "zoom"}}) {
-    if (limits->minimum[axis] >= limits->maximum[axis]) return fail("the limits make no sense");
+  for (const auto &[axis, name] :
+       {std::pair{PTZ_KIT_AXIS_PAN, "pan"}, {PTZ_KIT_AXIS_TILT, "tilt"}, {PTZ_KIT_AXIS_ZOOM, "zoom"}}) {
+    if (limits->minimum[axis] >= limits->maximum[axis]) return fail("a limit range is empty");
     terminal_.line(table_row(name, in_unit(axis, limits->minimum[axis]), in_unit(axis, limits->maximum[axis]),
                              in_unit(axis, speeds->maximum[axis]) + "/s"));
   }
   limits_ = *limits;
   if (!options_.pan_limit) return true;
   const std::string wanted = in_degrees(*options_.pan_limit);
-  if (limits->maximum[pan] != *options_.pan_limit) return fail("pan should end at " + wanted);
+  if (limits->maximum[PTZ_KIT_AXIS_PAN] != *options_.pan_limit) return fail("pan should end at " + wanted);
   terminal_.good("pan ends at " + wanted + ", where the driver's settings end it");
   return true;
 }
 
-// The reply of the auxiliary command says that it was switched; the parameters show that others hear of it.
+// The reply of the auxiliary command says that it was switched; the parameters show that other clients see it.
 bool Tour::switch_live_setting() {
   if (live_setting_.empty()) return true;
   begin_step("A live setting, switched on and off");
   for (const auto &[state, expected] : {std::pair{PTZ_ENABLE_ON, "true"}, {PTZ_ENABLE_OFF, "false"}}) {
-    const Auxiliary wanted{live_setting_, static_cast<guint32>(state)};
-    if (!ask<Auxiliary>(PTZ_COMMAND_AUXILIARY, make_body(PTZ_COMMAND_AUXILIARY, wanted))) return false;
-    const auto parameters = ask<ParameterList>(PTZ_COMMAND_GET_DRIVER_PARAMETERS);
+    PTZKitAuxiliaryRequest wanted{live_setting_.data(), static_cast<guint32>(state)};
+    Problem problem;
+    const Owned<PTZKitAuxiliaryReply, ptz_kit_auxiliary_reply_free> reply(
+        ptz_kit_link_auxiliary(link_, &wanted, 0, nullptr, problem.out()));
+    if (!reply) return fail(describe_failure(problem));
+    const Parameters parameters = ask_parameters();
     if (!parameters) return false;
-    const auto shown = std::ranges::find(parameters->elements, live_setting_, &DriverParameter::name);
-    if (shown == parameters->elements.end() || shown->value != expected) {
+    const auto list = elements_of<PTZKitParameter>(parameters->parameters);
+    const auto shown = std::ranges::find_if(list, [&](const auto *each) { return each->name == live_setting_; });
+    if (shown == list.end() || (*shown)->value != std::string(expected)) {
       return fail("the parameter " + live_setting_ + " should be " + expected);
     }
-    terminal_.line(in_words(*shown));
+    terminal_.line(in_words(**shown));
   }
   terminal_.good("the parameters follow it");
   return true;
@@ -220,117 +208,126 @@ bool Tour::switch_live_setting() {
 
 bool Tour::move_absolutely() {
   begin_step("An absolute move, watched until the head is idle");
-  terminal_.line("to " + describe(entrance));
-  return order(PTZ_COMMAND_MOVE, move_to(entrance)) && arrive_at(entrance);
+  terminal_.line("to " + describe(entrance.data()));
+  return move(move_to(entrance)) && arrive_at(entrance);
 }
 
 bool Tour::use_preset() {
   begin_step("A device preset: stored, left, returned to");
-  const auto stored = ask<PresetNumber>(PTZ_COMMAND_SET_DEVICE_PRESET,
-                                        make_body(PTZ_COMMAND_SET_DEVICE_PRESET, Preset{preset_number, preset_name}));
-  if (!stored) return false;
+  const Text name(g_strdup(preset_name));
+  const PTZKitSetDevicePresetRequest preset{preset_number, name.get()};
+  Problem problem;
+  const Owned<PTZKitSetDevicePresetReply, ptz_kit_set_device_preset_reply_free> stored(
+      ptz_kit_link_set_device_preset(link_, &preset, 0, nullptr, problem.out()));
+  if (!stored) return fail(describe_failure(problem));
   viewpoint_ = entrance;
-  terminal_.line("stored; away to " + describe(gate));
-  return order(PTZ_COMMAND_MOVE, move_to(gate)) && arrive_at(gate) && return_to_preset();
+  terminal_.line("stored; away to " + describe(gate.data()));
+  return move(move_to(gate)) && arrive_at(gate) && return_to_preset();
 }
 
 bool Tour::return_to_preset() {
-  const auto presets = ask<PresetList>(PTZ_COMMAND_GET_DEVICE_PRESETS);
+  const auto presets = ask<ptz_kit_link_get_device_presets, ptz_kit_get_device_presets_reply_free>();
   if (!presets) return false;
   std::string listed;
   bool found = false;
-  for (const Preset &preset : presets->elements) {
-    listed += " " + std::to_string(preset.number) + " \"" + preset.name + "\"";
-    found = found || (preset.number == preset_number && preset.name == preset_name);
+  for (const PTZKitPreset *preset : elements_of<PTZKitPreset>(presets->presets)) {
+    listed += " " + std::to_string(preset->number) + " \"" + preset->name + "\"";
+    found = found || (preset->number == preset_number && preset->name == std::string(preset_name));
   }
   terminal_.line("presets:" + listed);
   if (!found) return fail("the preset that was stored is missing");
   terminal_.line("to preset " + std::to_string(preset_number));
-  return order(PTZ_COMMAND_GOTO_DEVICE_PRESET,
-               make_body(PTZ_COMMAND_GOTO_DEVICE_PRESET, GotoPresetRequest{preset_number, full_speed})) &&
+  const PTZKitGotoDevicePresetRequest request{preset_number, full_speed};
+  Problem problem;
+  return checked(ptz_kit_link_goto_device_preset(link_, &request, 0, nullptr, problem.out()), problem) &&
          arrive_at(viewpoint_);
 }
 
 bool Tour::run_and_stop() {
   begin_step("A continuous move, stopped");
-  const auto speeds = ask<Speeds>(PTZ_COMMAND_QUERY_SPEED);
+  const auto speeds = ask<ptz_kit_link_query_speed, ptz_kit_query_speed_reply_free>();
   if (!speeds) return false;
-  const gint32 velocity = speeds->maximum[pan] / 3;
+  const gint32 velocity = speeds->maximum[PTZ_KIT_AXIS_PAN] / 3;
   terminal_.line("pan to the left at " + in_degrees(velocity) + "/s");
-  const MoveRequest to_the_left{PTZ_MOVE_CONTINUOUS, axis_bit(pan), full_speed, {-velocity, 0, 0}};
-  if (!order(PTZ_COMMAND_MOVE, make_body(PTZ_COMMAND_MOVE, to_the_left))) return false;
-  const gint32 far_enough = viewpoint_[pan] - 25'00;
-  if (!watch_until([&](const Positions &now) { return now.position[pan] <= far_enough; })) return false;
+  if (!move({PTZ_MOVE_CONTINUOUS, 1U << PTZ_KIT_AXIS_PAN, full_speed, {-velocity, 0, 0}})) return false;
+  const gint32 far_enough = viewpoint_[PTZ_KIT_AXIS_PAN] - 25'00;
+  if (!watch_until([&](const auto &now) { return now.position[PTZ_KIT_AXIS_PAN] <= far_enough; })) return false;
 
   terminal_.line("stop");
-  if (!order(PTZ_COMMAND_STOP, make_body(PTZ_COMMAND_STOP))) return false;
-  const auto at_rest = watch_until_idle();
-  if (!at_rest || !link_.sleep(watch_interval)) return false;
-  const auto later = ask<Positions>(PTZ_COMMAND_QUERY_POSITION);
+  Problem problem;
+  if (!checked(ptz_kit_link_stop(link_, 0, nullptr, problem.out()), problem)) return false;
+  const Positions at_rest = watch_until_idle();
+  if (!at_rest || !interruption_.sleep(watch_interval)) return false;
+  const Positions later = ask_position();
   if (!later) return false;
-  if (later->position != at_rest->position) return fail("it still moves");
-  terminal_.good("stands still, " + in_degrees(viewpoint_[pan] - later->position[pan]) + " further left");
+  if (!std::ranges::equal(later->position, at_rest->position)) return fail("it still moves");
+  const gint32 way = viewpoint_[PTZ_KIT_AXIS_PAN] - later->position[PTZ_KIT_AXIS_PAN];
+  terminal_.good("stands still, " + in_degrees(way) + " further left");
   return true;
 }
 
+// The callbacks of the asynchronous calls run on the main loop: this thread has no main context of its own.
 bool Tour::ask_many_at_once() {
   begin_step("Many requests at once, from two threads");
   const auto mailbox = std::make_shared<Mailbox>();
   for (int query = 0; query < queries_at_once; ++query) {
-    link_.ask_later(make_body(PTZ_COMMAND_QUERY_POSITION),
-                    [mailbox](Answer answer) { mailbox->put(std::move(answer)); });
+    ptz_kit_link_query_position_async(
+        link_, 0, nullptr,
+        [](GObject *link, GAsyncResult *result, gpointer user_data) {
+          const std::unique_ptr<std::shared_ptr<Mailbox>> box(static_cast<std::shared_ptr<Mailbox> *>(user_data));
+          const Positions reply(ptz_kit_link_query_position_finish(PTZ_KIT_LINK(link), result, nullptr));
+          (*box)->put(reply != nullptr);
+        },
+        new std::shared_ptr<Mailbox>(mailbox));
   }
-  if (!ask<Limits>(PTZ_COMMAND_QUERY_LIMIT_RANGES)) return false;
-  int answered = 0;
-  for (const Answer &answer : mailbox->take(queries_at_once)) {
-    answered += read_reply<Positions>(answer, PTZ_COMMAND_QUERY_POSITION) ? 1 : 0;
-  }
-  const std::string told = std::to_string(answered) + " of " + std::to_string(queries_at_once) +
-                           " asynchronous queries answered while a synchronous one was, too";
-  if (answered != queries_at_once) return fail(told);
-  terminal_.good(told);
+  if (!ask<ptz_kit_link_query_limit_ranges, ptz_kit_query_limit_ranges_reply_free>()) return false;
+  const int answered = mailbox->wait_for(queries_at_once);
+  const std::string shown = std::to_string(answered) + " of " + std::to_string(queries_at_once) +
+                            " asynchronous queries answered while a synchronous one was, too";
+  if (answered != queries_at_once) return fail(shown);
+  terminal_.good(shown);
   return true;
 }
 
 bool Tour::be_refused() {
   begin_step("What the driver refuses, and lives on");
-  Body unknown(ptz_serialize_create_array());
-  ptz_serialize_32bit(unknown.get(), 29);
-  Body cut_short = move_to(gate);
-  g_array_set_size(cut_short.get(), cut_short->len - 3);
-  const auto beyond = static_cast<gint32>(std::min<gint64>(gint64{limits_.maximum[pan]} + 1, G_MAXINT32));
-  return expect_refusal(unknown, ErrorCode::unknown_command, "command 29") &&
-         expect_refusal(make_body(PTZ_COMMAND_OSD_MENU), ErrorCode::unsupported, "OSD menu") &&
-         expect_refusal(cut_short, ErrorCode::malformed, "a move without its last bytes") &&
-         expect_refusal(move_to({beyond, 0, 1'00}), ErrorCode::out_of_range, "a move beyond the limit") &&
-         expect_refusal(make_body(PTZ_COMMAND_GOTO_DEVICE_PRESET, GotoPresetRequest{7, full_speed}),
-                        ErrorCode::not_found, "a preset that nobody stored");
+  const std::vector<guint8> unknown = {29, 0, 0, 0};
+  const std::vector<guint8> cut_short = {PTZ_COMMAND_MOVE, 0, 0, 0, PTZ_MOVE_ABSOLUTE, 0, 0, 0, 0b111, full_speed, 0};
+  const PTZKitOsdMenuRequest menu{PTZ_OSD_MENU_OPEN};
+  const auto beyond = static_cast<gint32>(std::min<gint64>(gint64{limits_.maximum[PTZ_KIT_AXIS_PAN]} + 1, G_MAXINT32));
+  const PTZKitMoveRequest too_far = move_to({beyond, 0, 1'00});
+  const PTZKitGotoDevicePresetRequest to_nowhere{7, full_speed};
+  Problem problem;
+  return expect_refusal_of(unknown, PTZ_KIT_ERROR_CODE_UNKNOWN_COMMAND, "command 29") &&
+         expect_refusal(ptz_kit_link_osd_menu(link_, &menu, 0, nullptr, problem.out()), problem,
+                        PTZ_KIT_ERROR_CODE_UNSUPPORTED, "OSD menu") &&
+         expect_refusal_of(cut_short, PTZ_KIT_ERROR_CODE_MALFORMED, "a move without its last bytes") &&
+         expect_refusal(ptz_kit_link_move(link_, &too_far, 0, nullptr, problem.out()), problem,
+                        PTZ_KIT_ERROR_CODE_OUT_OF_RANGE, "a move beyond the limit") &&
+         expect_refusal(ptz_kit_link_goto_device_preset(link_, &to_nowhere, 0, nullptr, problem.out()), problem,
+                        PTZ_KIT_ERROR_CODE_NOT_FOUND, "a preset that was never stored");
+}
+
+bool Tour::wait_until_killed() {
+  const gint64 cue_us = g_get_monotonic_time();
+  Problem problem;
+  while (const Positions reply{ptz_kit_link_query_position(link_, 0, nullptr, problem.out())}) {
+    if (g_get_monotonic_time() - cue_us > kill_limit_us) return fail("the driver was not killed");
+    if (!interruption_.sleep(20ms)) return false;
+  }
+  terminal_.line("noticed: " + describe_failure(problem));
+  return true;
 }
 
 bool Tour::survive_restart() {
   begin_step("The driver is killed and started again");
-  if (!g_file_set_contents(options_.cue.c_str(), "kill\n", -1, nullptr)) {
-    return fail("the cue cannot be given");
-  }
-  const gint64 cue_us = g_get_monotonic_time();
-  Answer answer;
-  do {
-    if (g_get_monotonic_time() - cue_us > kill_limit_us) return fail("nobody killed it");
-    if (!link_.sleep(20ms)) return false;
-    answer = link_.ask(make_body(PTZ_COMMAND_QUERY_POSITION));
-  } while (answer.outcome == Outcome::answered);
-  terminal_.line("noticed: " + describe_failure(answer));
-
+  if (!g_file_set_contents(options_.cue.c_str(), "kill\n", -1, nullptr)) return fail("the cue cannot be given");
+  if (!wait_until_killed()) return false;
   const gint64 lost_us = g_get_monotonic_time();
-  // The kernel may close the dying driver's connections before the socket that it listens on: that still connects.
-  do {
-    if (!link_.wait_until_connected(options_.driver_limit)) return fail("it did not come back");
-    answer = link_.ask(make_body(PTZ_COMMAND_GET_DRIVER_NAME));
-  } while (answer.outcome != Outcome::answered && g_get_monotonic_time() - lost_us < kill_limit_us);
-  const auto name = read_reply<Name>(answer, PTZ_COMMAND_GET_DRIVER_NAME);
-  if (!name) return fail(describe_failure(answer));
-  terminal_.line(name->text + " listens again after " + seconds_since(lost_us));
-  const auto positions = ask<Positions>(PTZ_COMMAND_QUERY_POSITION);
+  if (!wait_until_ready()) return fail("it did not come back");
+  const Text name(ptz_kit_link_dup_driver_name(link_));
+  terminal_.line(std::string(name.get()) + " listens again after " + seconds_since(lost_us));
+  const Positions positions = ask_position();
   if (!positions) return false;
   terminal_.line("a new process, at " + describe(positions->position));
   return return_to_preset();
