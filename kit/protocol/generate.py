@@ -6,7 +6,8 @@
   generate.py reply_header COMMANDS   ptz_kit_replies.h, a typed answer for each command of a driver
   generate.py reply_source COMMANDS   ptz_kit_replies.cpp
   generate.py json COMMANDS     commands.json, the description for tools
-  generate.py tables COMMANDS   the tables of docs/driver-commands.md
+
+document.py makes the tables of docs/driver-commands.md.
 """
 import json
 import sys
@@ -609,48 +610,7 @@ def make_reply_source(protocol):
     return f'{NOTICE}#include "ptz_kit_replies.h"\n\n#include "driver/reply.h"\n\n{functions}'
 
 
-# --- documents and data -----------------------------------------------------------------------------------------------
-
-def doc_type(field):
-    if field.is_list:
-        return f'list of {field.element_type}'
-    return f'{field.type} per axis' if field.group else field.type
-
-
-def doc_fields(protocol, command, kind):
-    if kind not in command:
-        return '—'
-    message = next(m for m in protocol.messages if m.command is command and m.kind == kind)
-    parts, rest = [], list(message.fields)
-    while rest:
-        field = rest.pop(0)
-        if not field.group:
-            of = f'list of {field.element_type}' if field.is_list else field.type
-            parts.append(f'{field.name} {of}')
-            continue
-        group = [field]
-        while rest and rest[0].group == field.group:
-            group.append(rest.pop(0))
-        parts.append('per axis: ' + ', '.join(f'{each.name} {each.type}' for each in group))
-    return '; '.join(parts)
-
-
-def make_tables(protocol):
-    codes = {error['name']: str(error['code']) for error in protocol.errors}
-    lines = ['| Code | Name | When |', '|---|---|---|']
-    lines += [f'| {error["code"]} | {error["name"].replace("_", " ")} | {error["doc"]} |' for error in protocol.errors]
-    lines += ['', '| Command | Request | Reply | Errors |', '|---|---|---|---|']
-    for command in protocol.commands:
-        errors = ', '.join(codes[name] for name in command.get('errors', []))
-        lines.append(f'| `{command["value"]}` | {doc_fields(protocol, command, "request")} | '
-                     f'{doc_fields(protocol, command, "reply")} | {errors} |')
-    for message in protocol.everything:
-        of = f'`{message.command["value"]}`, {message.kind}' if message.kind else f'record {message.title}'
-        lines += ['', f'**{of}.** {message.doc}', '', '| Field | Type | Meaning |', '|---|---|---|']
-        lines += [f'| {field.name} | {doc_type(field)} | {field.meaning().replace("#PTZ", "PTZ")} |'
-                  for field in message.fields]
-    return '\n'.join(lines) + '\n'
-
+# --- data -----------------------------------------------------------------------------------------------------------
 
 def make_json(protocol):
     def fields_of(message):
@@ -681,7 +641,7 @@ def make_json(protocol):
 
 
 MAKERS = {'header': make_header, 'source': make_source, 'reply_header': make_reply_header,
-          'reply_source': make_reply_source, 'json': make_json, 'tables': make_tables}
+          'reply_source': make_reply_source, 'json': make_json}
 
 
 def main(arguments):
