@@ -72,6 +72,18 @@ TEST_F(MiniDaemon, EndsAtOnceWhenInterruptedWhileADriverDoesNotAnswer) {
   EXPECT_LT(ptz_test::real_time_ms() - start_ms, 5'000);  // it would wait for ten seconds
 }
 
+TEST_F(MiniDaemon, EndsItsTourAtOnceWhenInterruptedWhileADriverDoesNotAnswer) {
+  const auto driver = start_driver({"--speed-factor", "1"});
+  Process daemon(MINI_DAEMON, {"--socket", socket_, "--tour"}, output_);
+  ASSERT_TRUE(tells("moving")) << contents(output_);
+  driver->signal(SIGSTOP);
+  g_usleep(200'000);  // the worker asks every 100 ms: it now waits for a reply
+  const auto start_ms = ptz_test::real_time_ms();
+  daemon.signal(SIGINT);
+  EXPECT_EQ(daemon.wait(), 1);
+  EXPECT_LT(ptz_test::real_time_ms() - start_ms, 5'000);  // the call alone would wait for ten seconds
+}
+
 TEST_F(MiniDaemon, MakesItsTourThroughARestartAndEndsWell) {
   const std::vector<std::string> files = {"--config", SIM_DRIVER_SETTINGS, "--state", dir_.file("state")};
   auto driver = start_driver(files);
