@@ -7,6 +7,7 @@ for logs and configuration keys, such as "Error reply", and no identifiers in an
 
 A comment that begins with "Thread:" gets this word in bold. To Markdown it would be data about the page, not shown.
 """
+import os
 import re
 import subprocess
 import sys
@@ -36,6 +37,9 @@ def declared_enumerations(text):
 
 def name_members(kind, declared):
     prefix = kind.get(GET_TYPE).removesuffix('_get_type') + '_'
+    names = [identifier.lower() for identifier, _, _ in declared]
+    if not all(name.startswith(prefix) for name in names):
+        prefix = re.match('.*_|', os.path.commonprefix(names))[0]
     members = kind.findall('member', NAMESPACES)
     values = [int(member.get('value')) for member in members]
     # The class lists them in this order too; both may have a value twice.

@@ -1,0 +1,79 @@
+#include "registry/entry_folder.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+
+namespace ptz_kit {
+namespace {
+
+constexpr char default_runtime_directory[] = "/run/ptz";
+constexpr gint64 lock_wait_us = 2 * G_USEC_PER_SEC;
+constexpr gulong lock_retry_us = 5000;
+constexpr mode_t access_bits = 07777;
+
+// The new folder is complete when it gets its name, and never replaces one that has come meanwhile. Returns 0 or errno.
+int make_like_parent(const std::string &path) {
+  const Text parent(g_path_get_dirname(path.c_str()));
+  const Text made(g_build_filename(parent.get(), ".drivers-XXXXXX", nullptr));
+  struct stat status;
+  if (stat(parent.get(), &status) != 0 || g_mkdtemp(made.get()) == nullptr) return errno;
+  const UniqueFd folder = open_folder(made.get());
+  if (folder && (fchown(folder.get(), static_cast<uid_t>(-1), status.st_gid) == 0 || errno == EPERM) &&
+      fchmod(folder.get(), status.st_mode & access_bits) == 0 &&
+      renameat2(AT_FDCWD, made.get(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE) == 0) {
+    return 0;
+  }
+  const int error = errno;
+  rmdir(made.get());
+  return error;
+}
+
+}  // namespace
+
+std::string registry_directory() {
+  const char *runtime = g_getenv("PTZ_PLATFORM_RUNTIME_DIR");
+  return std::string(runtime != nullptr && *runtime != '\0' ? runtime : default_runtime_directory) + "/drivers";
+}
+
+UniqueFd open_folder(const char *path) { return UniqueFd(open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC)); }
+
+UniqueFd make_folder(const std::string &path) {
+  UniqueFd folder = open_folder(path.c_str());
+  if (folder || errno != ENOENT) return folder;
+  const int error = make_like_parent(path);
+  if (error == 0 || error == EEXIST) return open_folder(path.c_str());
+  errno = error;
+  return UniqueFd();
+}
+
+bool lock_folder(int folder) {
+  const gint64 deadline_us = g_get_monotonic_time() + lock_wait_us;
+  while (flock(folder, LOCK_EX | LOCK_NB) != 0) {
+    if (errno != EWOULDBLOCK || g_get_monotonic_time() >= deadline_us) return false;
+    g_usleep(lock_retry_us);
+    errno = EWOULDBLOCK;
+  }
+  return true;
+}
+
+void unlock_folder(int folder) { flock(folder, LOCK_UN); }
+
+FolderReader::FolderReader(int folder)
+    : stream_([folder]() -> DIR * {
+        // A descriptor of its own: duplicates share the position.
+        const int fd = openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        DIR *stream = fd >= 0 ? fdopendir(fd) : nullptr;
+        if (stream == nullptr && fd >= 0) close(fd);
+        return stream;
+      }()) {}
+
+const char *FolderReader::next() {
+  const dirent *found = readdir(stream_.get());
+  return found != nullptr ? found->d_name : nullptr;
+}
+
+}  // namespace ptz_kit

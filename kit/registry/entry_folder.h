@@ -1,0 +1,51 @@
+// kit/registry/entry_folder.h - the folder of the registry.
+#pragma once
+#include <dirent.h>
+
+#include <string>
+#include <utility>
+
+#include "handles.h"
+#include "registry/entry.h"
+
+namespace ptz_kit {
+
+// `drivers` in the runtime directory.
+[[nodiscard]] std::string registry_directory();
+
+// An open directory. An empty descriptor with errno set on failure.
+[[nodiscard]] UniqueFd open_folder(const char *path);
+// Made if it is missing and its parent is there, with the mode and the group of its parent, whatever the umask.
+[[nodiscard]] UniqueFd make_folder(const std::string &path);
+
+// Waits for at most two seconds for the lock of a folder, which is advisory (flock) and independent of the locks of its
+// files. False with errno EWOULDBLOCK if another process holds it all the time. It ends with unlock_folder(), or with
+// the process.
+[[nodiscard]] bool lock_folder(int folder);
+void unlock_folder(int folder);
+
+// Walks the names in a folder, from its beginning.
+class FolderReader {
+  const Handle<DIR, closedir> stream_;
+
+ public:
+  explicit FolderReader(int folder);
+  [[nodiscard]] explicit operator bool() const { return stream_ != nullptr; }
+  // Null at the end.
+  [[nodiscard]] const char *next();
+};
+
+// Calls handler(file_name, entry, listens) for each entry in a folder. False with errno set if it cannot be read.
+template <typename Handler>
+[[nodiscard]] bool for_each_entry(int folder, Handler &&handler) {
+  FolderReader reader(folder);
+  if (!reader) return false;
+  while (const char *file = reader.next()) {
+    bool listens = false;
+    if (g_str_has_suffix(file, entry_suffix) == FALSE) continue;
+    if (Entry entry = read_entry(folder, file, listens)) handler(file, std::move(entry), listens);
+  }
+  return true;
+}
+
+}  // namespace ptz_kit
