@@ -8,7 +8,6 @@ namespace ptz_kit {
 
 namespace {
 
-constexpr char protocol_version[] = "1";  // of commands.toml
 constexpr guint32 most_presets = 32;
 
 guint32 move_capabilities(const DriverCore &core) {

@@ -7,6 +7,8 @@
 
 #include <cstring>
 
+#include "driver/socket_path.h"
+
 namespace ptz_kit {
 
 namespace {
@@ -34,30 +36,40 @@ bool is_refusal(std::span<const guint8> body) {
 
 }  // namespace
 
-// The registry of running drivers hooks in here: before the server replaces what is at the path.
-bool DriverCore::listen(GError **error) {
-  server_.reset(ptz_socket_server_command_new(socket_path.c_str(), SOCK_STREAM));
-  if (!server_ || PTZ_SOCKET(server_.get())->fd < 0) {
-    server_.reset();
-    g_set_error(error, G_IO_ERROR, G_IO_ERROR_FAILED, "cannot listen on '%s'", socket_path.c_str());
-    return false;
-  }
-  ptz_socket_server_register_callback(PTZ_SOCKET_SERVER(server_.get()), on_request, this);
-  return true;
+// Before the device is opened, which a driver that serves it already would not like, and the status published.
+bool DriverCore::claim(GError **error) {
+  const Text program(g_file_read_link("/proc/self/exe", nullptr));
+  std::string path = resolve_socket_path(socket_path);
+  char none[] = "";
+  const PTZKitRegistryEntry facts = {name.data(),
+                                     path.data(),
+                                     program ? program.get() : none,
+                                     getpid(),
+                                     getuid(),
+                                     instance,
+                                     static_cast<guint32>(g_ascii_strtoull(protocol_version, nullptr, 10)),
+                                     g_get_real_time(),
+                                     PTZ_KIT_DRIVER_LIVE};
+  if (!registration_.claim(facts, error)) return false;
+  if (is_path_free(path, error)) return true;
+  registration_.withdraw();
+  return false;
 }
 
 bool DriverCore::start(GError **error) {
+  if (!claim(error)) return false;
   if (slots().open != nullptr && slots().open(object, error) == FALSE) {
     if (error != nullptr && *error == nullptr) {
       g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_FAILED, "the device cannot be opened");
     }
+    registration_.withdraw();
     return false;
   }
   open_ = true;
   if (keeps_presets() && !preset_file.empty()) presets.open(preset_file);
   // A client that can ask the driver finds its status.
   if (instance > 0) status_ = std::make_unique<PublishedStatus>(instance, axes);
-  if (!listen(error)) {
+  if (!listener_.start(socket_path, error)) {
     stop();
     return false;
   }
@@ -79,7 +91,8 @@ void DriverCore::stop_serving() {
   publish_rate_ = 0;
   if (end_source_ != 0) g_source_remove(end_source_);
   end_source_ = 0;
-  server_.reset();
+  listener_.stop();
+  registration_.withdraw();
   status_.reset();
 }
 
@@ -88,7 +101,10 @@ gboolean DriverCore::on_request(gpointer core, gpointer reply_context, gpointer 
   const Object<PTZKitDriver> alive(static_cast<PTZKitDriver *>(g_object_ref(self.object)));
   const std::span body(static_cast<const guint8 *>(data), length);
   const guint32 serial = self.status_ ? self.status_->request_begins() : 0;
-  const Object<PTZKitReply> reply(make_reply(self, request_from(reply_context, body, serial)));
+  const Request request = request_from(reply_context, body, serial);
+  // Until the reply is sent: a server that has lost its path goes when it has no client.
+  g_object_ref(static_cast<const PTZSocketServerCommandReplyContext *>(reply_context)->server);
+  const Object<PTZKitReply> reply(make_reply(self, request));
   self.pending_.push_back(reply.get());
   dispatch(self, body, reply.get());
   // A virtual function that has thrown, in a language that can, has done neither.
@@ -103,6 +119,8 @@ void DriverCore::deliver(PTZKitReply *reply, std::span<const guint8> body) {
   follow_orders(request.command, refused);
   if (verbose) log_request(request.command, body);
   if (status_) status_->reply_begins();
+  const auto *context = static_cast<const PTZSocketServerCommandReplyContext *>(request.context);
+  const Object<PTZSocketServer> server(context != nullptr ? context->server : nullptr);
   sender_.send(request.context, request.pid, body);
   if (!status_) return;
   status_->request_ends(request.serial);
@@ -164,7 +182,7 @@ void DriverCore::report(PTZKitAxis axis, gint32 position, bool moving) {
   const bool moves = any_moving(axes);
   if (moved == moves) return;
   if (!moves) going_to_preset = false;
-  if (!server_) return;
+  if (!listener_.is_started()) return;
   if (status_) status_->publish(axes, going_to_preset);
   set_publish_rate();
 }

@@ -15,14 +15,18 @@
 #include <vector>
 
 #include "driver/axes.h"
+#include "driver/listener.h"
 #include "driver/preset_store.h"
 #include "driver/published_status.h"
 #include "driver/reply.h"
 #include "driver/reply_sender.h"
 #include "driver/settings.h"
 #include "handles.h"
+#include "registry/registration.h"
 
 namespace ptz_kit {
+
+inline constexpr char protocol_version[] = "1";  // of commands.toml
 
 struct Capabilities {
   guint32 move = 0;
@@ -33,7 +37,8 @@ class DriverCore final : public ReplyTarget {
   std::vector<PTZKitReply *>
       pending_;  // borrowed: a reply removes itself when it is answered, at the latest when it goes
   ReplySender sender_;
-  Object<PTZSocketServerCommand> server_;
+  Registration registration_;
+  Listener listener_{registration_, on_request, this};
   std::unique_ptr<PublishedStatus> status_;
   Timer publish_timer_;
   gint32 publish_rate_ = 0;
@@ -46,7 +51,7 @@ class DriverCore final : public ReplyTarget {
   void log_request(gint32 command, std::span<const guint8> body) const;
   void follow_orders(gint32 command, bool refused);
   void set_publish_rate();
-  bool listen(GError **error);
+  bool claim(GError **error);
 
  public:
   explicit DriverCore(PTZKitDriver *driver) : object(driver) {}

@@ -90,11 +90,11 @@ Text format_entry(const PTZKitRegistryEntry &entry, const SocketFile &socket) {
   const Text name(g_strescape(entry.name, nullptr));
   const Text path(g_strescape(entry.socket_path, nullptr));
   const Text program(g_strescape(entry.program, nullptr));
-  return Text(g_strdup_printf(
-      "[%s]\nName=\"%s\"\nSocket=\"%s\"\nProgram=\"%s\"\nProcess=%d\nInstance=%u\n"
-      "Protocol=%u\nSince=%" G_GINT64_FORMAT "\nDevice=%" G_GUINT64_FORMAT "\nInode=%" G_GUINT64_FORMAT "\n",
-      group, name.get(), path.get(), program.get(), entry.pid, entry.instance, entry.protocol_version, entry.since,
-      guint64{socket.device}, guint64{socket.inode}));
+  constexpr char format[] =
+      "[%s]\nName=\"%s\"\nSocket=\"%s\"\nProgram=\"%s\"\nProcess=%d\nInstance=%u\nProtocol=%u\n"
+      "Since=%" G_GINT64_FORMAT "\nDevice=%020" G_GINT64_MODIFIER "u\nInode=%020" G_GINT64_MODIFIER "u\n";
+  return Text(g_strdup_printf(format, group, name.get(), path.get(), program.get(), entry.pid, entry.instance,
+                              entry.protocol_version, entry.since, guint64{socket.device}, guint64{socket.inode}));
 }
 
 Entry read_entry(int folder, const char *file, bool &listens) {

@@ -1,0 +1,160 @@
+#include "driver/listener.h"
+
+#include <fcntl.h>
+#include <gio/gio.h>
+#include <glib-unix.h>
+#include <poll.h>
+#include <sys/inotify.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <syslog.h>
+
+#include <cstring>
+
+#include "driver/format.h"
+#include "driver/socket_path.h"
+#include "registry/entry_folder.h"
+
+namespace ptz_kit {
+namespace {
+
+constexpr guint retry_ms = 250;
+constexpr guint without_watch_ms = 500;
+constexpr gint64 take_back_interval_us = G_USEC_PER_SEC;
+constexpr gint64 listen_interval_us = 10'000;  // a program that removes the path all the time does not stop the driver
+
+Text folder_of(const std::string &path) { return Text(g_path_get_dirname(path.c_str())); }
+
+bool has_work(PTZSocketServerCommand *server) {
+  if (PTZ_SOCKET_SERVER(server)->source->clients != nullptr) return true;
+  pollfd waiting = {PTZ_SOCKET(server)->fd, POLLIN, 0};
+  return poll(&waiting, 1, 0) > 0;
+}
+
+std::string describe_loss(const PathHolder &holder) {
+  switch (holder.kind) {
+    case PathHolder::Kind::nobody:
+      return "was removed: listening there again";
+    case PathHolder::Kind::process:
+      return holder.pid > 0 ? format("was taken by process %d: taking it back", holder.pid)
+                            : "was taken by another process: taking it back";
+    case PathHolder::Kind::no_socket:
+    case PathHolder::Kind::unknown:
+      break;
+  }
+  return "was replaced by another file: listening there again when that is removed";
+}
+
+}  // namespace
+
+bool Listener::start(const std::string &path, GError **error) {
+  stop();
+  const std::string resolved = resolve_socket_path(path);
+  path_ = resolved.size() < sizeof sockaddr_un::sun_path ? resolved : path;
+  owner_ = getpid();
+  // Drivers without a common registry still do not overtake each other between the check and the bind.
+  const UniqueFd folder = open_folder(folder_of(path_).get());
+  const bool locked = folder && lock_folder(folder.get());
+  const bool may_listen = is_path_free(path_, error);
+  const bool listens = may_listen && listen();
+  if (locked) unlock_folder(folder.get());
+  if (listens) {
+    begin_watch();
+  } else if (may_listen) {
+    g_set_error(error, G_IO_ERROR, G_IO_ERROR_FAILED, "cannot listen on '%s'", path.c_str());
+  }
+  return listens;
+}
+
+void Listener::stop() {
+  timer_.stop();
+  if (watch_source_ != 0) g_source_remove(watch_source_);
+  watch_source_ = 0;
+  watch_ = UniqueFd();
+  if (is_started() && owner_ == getpid() && file_.inode != 0 && socket_at(path_.c_str()) == file_) {
+    unlink(path_.c_str());
+  }
+  servers_.clear();
+}
+
+bool Listener::listen() {
+  Object<PTZSocketServerCommand> server(ptz_socket_server_command_new(path_.c_str(), SOCK_STREAM));
+  if (!server || PTZ_SOCKET(server.get())->fd < 0) return false;
+  g_object_set(server.get(), "socket", "", nullptr);  // the server would remove the file at the path
+  ptz_socket_server_register_callback(PTZ_SOCKET_SERVER(server.get()), callback_, user_data_);
+  servers_.push_back(std::move(server));
+  file_ = socket_at(path_.c_str());
+  listening_since_us_ = g_get_monotonic_time();
+  drop_idle_servers();
+  registration_.publish(file_);
+  return true;
+}
+
+void Listener::drop_idle_servers() {
+  const PTZSocketServerCommand *listening = servers_.back().get();
+  std::erase_if(servers_, [=](const auto &server) { return server.get() != listening && !has_work(server.get()); });
+}
+
+void Listener::begin_watch() {
+  watch_ = UniqueFd(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+  if (watch_) {
+    watch_source_ = g_unix_fd_add(watch_.get(), G_IO_IN, on_change, this);
+  } else {
+    syslog(LOG_WARNING, "the socket is looked at twice a second, because inotify is not available: %s",
+           g_strerror(errno));
+  }
+  watch_file();
+  check();  // for a change before the watch
+}
+
+void Listener::watch_file() {
+  if (!watch_) return;
+  if (file_watch_ >= 0) inotify_rm_watch(watch_.get(), file_watch_);
+  file_watch_ = inotify_add_watch(watch_.get(), path_.c_str(), IN_ATTRIB | IN_MOVE_SELF | IN_DONT_FOLLOW);
+  inotify_add_watch(watch_.get(), folder_of(path_).get(), IN_MOVE_SELF | IN_ONLYDIR);
+}
+
+gboolean Listener::on_change(gint fd, GIOCondition, gpointer listener) {
+  alignas(inotify_event) char events[4096];
+  while (read(fd, events, sizeof events) > 0) {
+  }
+  static_cast<Listener *>(listener)->check();
+  return G_SOURCE_CONTINUE;
+}
+
+gboolean Listener::on_timer(gpointer listener) {
+  auto &self = *static_cast<Listener *>(listener);
+  self.timer_.ended();
+  self.check();
+  return G_SOURCE_REMOVE;
+}
+
+void Listener::check_in(guint interval_ms) {
+  if (!timer_.runs()) timer_.start(interval_ms, on_timer, this);
+}
+
+void Listener::check() {
+  if (file_.inode == 0 || socket_at(path_.c_str()) != file_) return recover();
+  lost_ = false;
+  timer_.stop();
+  if (!watch_) check_in(without_watch_ms);
+}
+
+void Listener::recover() {
+  const PathHolder holder = holder_of(path_.c_str());
+  if (!lost_) syslog(LOG_WARNING, "socket '%s' %s", path_.c_str(), describe_loss(holder).c_str());
+  lost_ = true;
+  const gint64 age_us = g_get_monotonic_time() - listening_since_us_;
+  const bool is_served = holder.kind == PathHolder::Kind::process;
+  const gint64 wait_us = (is_served ? take_back_interval_us : listen_interval_us) - age_us;
+  if (wait_us > 0) return check_in(static_cast<guint>(wait_us / 1000 + 1));
+  const bool may_listen = is_served || holder.kind == PathHolder::Kind::nobody;
+  // Without its folder the server would only log an error.
+  if (!may_listen || g_file_test(folder_of(path_).get(), G_FILE_TEST_IS_DIR) == FALSE || !listen()) {
+    return check_in(retry_ms);
+  }
+  watch_file();
+  check();
+}
+
+}  // namespace ptz_kit

@@ -1,0 +1,66 @@
+// kit/driver/listener.h - the listening socket of a driver, and its path.
+//
+// The base's server binds the path. The listener then takes the path away from it (property "socket"), because the
+// server would remove whatever file is there when it ends. The listener removes the file only if it is its own, by
+// device and inode.
+//
+// Loss. inotify tells at once when the file loses its name (IN_ATTRIB: its count of links changes) or is moved. The
+// folder is watched for its own move only, so a busy folder such as /tmp wakes nothing. If the path is free or stale, a
+// new server listens there at once. If another process serves it, or if another file is in the way, a timer looks again
+// until the path is back; a path that was served is taken back at most once a second, so two programs that want the
+// same path do not keep each other busy.
+//
+// Clients. The server that has lost its path goes on serving its clients. It is freed when the path is lost the next
+// time and no client is left, so there are never more servers than connections, plus one.
+//
+// Main context.
+#pragma once
+#include <ptz_socket_server_command.h>
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "handles.h"
+#include "registry/registration.h"
+
+namespace ptz_kit {
+
+class Listener {
+  const PTZSocketServerCallback callback_;
+  const gpointer user_data_;
+  Registration &registration_;
+  std::string path_;
+  pid_t owner_ = 0;  // a child does not remove the files of its parent
+  SocketFile file_;
+  std::vector<Object<PTZSocketServerCommand>> servers_;  // the last one listens
+  UniqueFd watch_;                                       // of inotify
+  guint watch_source_ = 0;
+  int file_watch_ = -1;
+  Timer timer_;
+  bool lost_ = false;
+  gint64 listening_since_us_ = 0;
+
+  [[nodiscard]] bool listen();
+  void begin_watch();
+  void watch_file();
+  void drop_idle_servers();
+  void check();
+  void recover();
+  void check_in(guint interval_ms);
+  static gboolean on_change(gint fd, GIOCondition, gpointer listener);
+  static gboolean on_timer(gpointer listener);
+
+ public:
+  Listener(Registration &registration, PTZSocketServerCallback callback, gpointer user_data)
+      : callback_(callback), user_data_(user_data), registration_(registration) {}
+  Listener(const Listener &) = delete;
+  ~Listener() { stop(); }
+
+  [[nodiscard]] bool is_started() const { return !servers_.empty(); }
+  // False with an error if the path is served or is no socket, or if the server cannot listen.
+  [[nodiscard]] bool start(const std::string &path, GError **error);
+  void stop();
+};
+
+}  // namespace ptz_kit
