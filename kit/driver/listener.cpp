@@ -103,15 +103,16 @@ void Listener::begin_watch() {
     syslog(LOG_WARNING, "the socket is looked at twice a second, because inotify is not available: %s",
            g_strerror(errno));
   }
-  watch_file();
+  watch_files();
   check();  // for a change before the watch
 }
 
-void Listener::watch_file() {
+void Listener::watch_files() {
   if (!watch_) return;
   if (file_watch_ >= 0) inotify_rm_watch(watch_.get(), file_watch_);
   file_watch_ = inotify_add_watch(watch_.get(), path_.c_str(), IN_ATTRIB | IN_MOVE_SELF | IN_DONT_FOLLOW);
   inotify_add_watch(watch_.get(), folder_of(path_).get(), IN_MOVE_SELF | IN_ONLYDIR);
+  inotify_add_watch(watch_.get(), registration_.path().c_str(), IN_ATTRIB | IN_DONT_FOLLOW);
 }
 
 gboolean Listener::on_change(gint fd, GIOCondition, gpointer listener) {
@@ -125,6 +126,10 @@ gboolean Listener::on_change(gint fd, GIOCondition, gpointer listener) {
 gboolean Listener::on_timer(gpointer listener) {
   auto &self = *static_cast<Listener *>(listener);
   self.timer_.ended();
+  if (self.registration_.is_removed()) {
+    self.registration_.publish(self.file_);
+    self.watch_files();
+  }
   self.check();
   return G_SOURCE_REMOVE;
 }
@@ -137,7 +142,8 @@ void Listener::check() {
   if (file_.inode == 0 || socket_at(path_.c_str()) != file_) return recover();
   lost_ = false;
   timer_.stop();
-  if (!watch_) check_in(without_watch_ms);
+  // Later: its folder may be removed just now, and would not be empty.
+  if (!watch_ || registration_.is_removed()) check_in(without_watch_ms);
 }
 
 void Listener::recover() {
@@ -153,7 +159,7 @@ void Listener::recover() {
   if (!may_listen || g_file_test(folder_of(path_).get(), G_FILE_TEST_IS_DIR) == FALSE || !listen()) {
     return check_in(retry_ms);
   }
-  watch_file();
+  watch_files();
   check();
 }
 

@@ -10,6 +10,8 @@
 // until the path is back; a path that was served is taken back at most once a second, so two programs that want the
 // same path do not keep each other busy.
 //
+// The entry in the registry is watched likewise, and made anew half a second after it was removed.
+//
 // Clients. The server that has lost its path goes on serving its clients. It is freed when the path is lost the next
 // time and no client is left, so there are never more servers than connections, plus one.
 //
@@ -43,7 +45,7 @@ class Listener {
 
   [[nodiscard]] bool listen();
   void begin_watch();
-  void watch_file();
+  void watch_files();
   void drop_idle_servers();
   void check();
   void recover();

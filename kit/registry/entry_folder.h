@@ -16,7 +16,7 @@ namespace ptz_kit {
 // An open directory. An empty descriptor with errno set on failure.
 [[nodiscard]] UniqueFd open_folder(const char *path);
 // Made if it is missing and its parent is there, with the mode and the group of its parent, whatever the umask.
-[[nodiscard]] UniqueFd make_folder(const std::string &path);
+UniqueFd make_folder(const std::string &path);
 
 // Waits for at most two seconds for the lock of a folder, which is advisory (flock) and independent of the locks of its
 // files. False with errno EWOULDBLOCK if another process holds it all the time. It ends with unlock_folder(), or with

@@ -1,8 +1,10 @@
 #include <gio/gio.h>
 
 #include <cstring>
+#include <memory>
 
 #include "registry/entry_folder.h"
+#include "registry/registry_watch.h"
 
 using namespace ptz_kit;
 
@@ -12,6 +14,7 @@ enum { prop_0, prop_directory, prop_count };
 
 struct RegistryState {
   std::string directory;
+  std::unique_ptr<RegistryWatch> watch;
 };
 
 using EntryList = Handle<GPtrArray, g_ptr_array_unref>;
@@ -92,6 +95,12 @@ G_DEFINE_FINAL_TYPE(PTZKitRegistry, ptz_kit_registry, G_TYPE_OBJECT)
 
 static void ptz_kit_registry_init(PTZKitRegistry *self) { self->own = new RegistryState; }
 
+// The sources end in the thread that drops the object.
+static void ptz_kit_registry_dispose(GObject *object) {
+  PTZ_KIT_REGISTRY(object)->own->watch.reset();
+  G_OBJECT_CLASS(ptz_kit_registry_parent_class)->dispose(object);
+}
+
 static void ptz_kit_registry_finalize(GObject *object) {
   delete PTZ_KIT_REGISTRY(object)->own;
   G_OBJECT_CLASS(ptz_kit_registry_parent_class)->finalize(object);
@@ -108,12 +117,17 @@ static void ptz_kit_registry_get_property(GObject *object, guint, GValue *value,
 
 static void ptz_kit_registry_class_init(PTZKitRegistryClass *klass) {
   GObjectClass *object_class = G_OBJECT_CLASS(klass);
+  object_class->dispose = ptz_kit_registry_dispose;
   object_class->finalize = ptz_kit_registry_finalize;
   object_class->set_property = ptz_kit_registry_set_property;
   object_class->get_property = ptz_kit_registry_get_property;
   constexpr auto flags = static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_CONSTRUCT_ONLY | G_PARAM_STATIC_STRINGS);
   g_object_class_install_property(object_class, prop_directory,
                                   g_param_spec_string("directory", nullptr, nullptr, nullptr, flags));
+  for (const char *signal : {"driver-appeared", "driver-gone"}) {
+    g_signal_new(signal, PTZ_KIT_TYPE_REGISTRY, G_SIGNAL_RUN_LAST, 0, nullptr, nullptr, nullptr, G_TYPE_NONE, 1,
+                 PTZ_KIT_TYPE_REGISTRY_ENTRY);
+  }
 }
 
 PTZKitRegistry *ptz_kit_registry_new(const gchar *directory) {
@@ -157,6 +171,11 @@ PTZKitRegistryEntry *ptz_kit_registry_find(PTZKitRegistry *self, const gchar *na
 
 gboolean ptz_kit_registry_watch(PTZKitRegistry *self, GError **error) {
   g_return_val_if_fail(PTZ_KIT_IS_REGISTRY(self), FALSE);
-  g_set_error_literal(error, G_FILE_ERROR, G_FILE_ERROR_NOSYS, "watching is not built yet");
+  RegistryState &own = *self->own;
+  if (own.watch) return TRUE;
+  own.watch = std::make_unique<RegistryWatch>(self, own.directory);
+  if (own.watch->begin()) return TRUE;
+  set_file_error(error, own.directory.c_str());
+  own.watch.reset();
   return FALSE;
 }

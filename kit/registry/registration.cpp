@@ -143,11 +143,19 @@ bool Registration::claim(const PTZKitRegistryEntry &facts, GError **error) {
   return !conflict;
 }
 
+bool Registration::is_removed() const {
+  struct stat status;
+  return file_ && fstat(file_.get(), &status) == 0 && status.st_nlink == 0;
+}
+
 void Registration::publish(const SocketFile &socket) {
   if (!file_) return;
-  struct stat status;
-  if (fstat(file_.get(), &status) == 0 && status.st_nlink == 0) return add_entry(socket);
-  if (!write(socket)) warn(directory_);
+  if (is_removed()) {
+    make_folder(directory_);  // which may have been removed with its files
+    add_entry(socket);
+  } else if (!write(socket)) {
+    warn(directory_);
+  }
 }
 
 void Registration::withdraw() {

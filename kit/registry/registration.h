@@ -45,8 +45,11 @@ class Registration {
   // False with an error if another driver has the socket or the instance, or if the lock of the folder is not free for
   // two seconds. If the folder cannot be written, the log gets a warning, and the driver has no entry.
   [[nodiscard]] bool claim(const PTZKitRegistryEntry &facts, GError **error);
-  // Has the entry made anew if it was removed.
+  // Makes the entry anew if it was removed.
   void publish(const SocketFile &socket);
+  [[nodiscard]] bool is_removed() const;
+  // Of the entry; empty before the first one.
+  [[nodiscard]] const std::string &path() const { return path_; }
   void withdraw();
 };
 

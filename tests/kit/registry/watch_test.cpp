@@ -1,0 +1,165 @@
+// The signals of a registry: drivers come and go.
+#include <sys/resource.h>
+#include <sys/wait.h>
+
+#include <csignal>
+#include <filesystem>
+
+#include "../driver/running_driver.h"
+#include "entry_files.h"
+
+namespace {
+
+using registry_test::Owned;
+
+class RegistryWatch : public testing::Test {
+ protected:
+  ptz_test::TempDir dir_;
+  const std::string folder_ = dir_.file("drivers");
+  Owned<PTZKitRegistry> registry_;
+  std::vector<std::string> seen_;
+
+  void SetUp() override {
+    setenv("PTZ_PLATFORM_RUNTIME_DIR", dir_.path().c_str(), 1);
+    registry_.reset(ptz_kit_registry_new(nullptr));
+    g_signal_connect(registry_.get(), "driver-appeared",
+                     G_CALLBACK(+[](PTZKitRegistry *, PTZKitRegistryEntry *entry, RegistryWatch *test) {
+                       test->seen_.push_back(std::string("+") + entry->name);
+                     }),
+                     this);
+    g_signal_connect(registry_.get(), "driver-gone",
+                     G_CALLBACK(+[](PTZKitRegistry *, PTZKitRegistryEntry *entry, RegistryWatch *test) {
+                       test->seen_.push_back(std::string("-") + entry->name);
+                     }),
+                     this);
+  }
+  void watch() { ASSERT_TRUE(ptz_kit_registry_watch(registry_.get(), nullptr)); }
+  PTZKitDriver *start(const char *name) {
+    auto *driver = PTZ_KIT_DRIVER(
+        g_object_new(recording_driver_get_type(), "name", name, "socket-path", dir_.file(name).c_str(), nullptr));
+    EXPECT_TRUE(ptz_kit_driver_start(driver, nullptr));
+    return driver;
+  }
+  static void stop(PTZKitDriver *driver) {
+    ptz_kit_driver_stop(driver);
+    g_object_unref(driver);
+  }
+  // What was signalled, when as much as expected is there and a moment later no more.
+  std::vector<std::string> signals(std::size_t count) {
+    ptz_test::run_until([&] { return seen_.size() >= count; }, 2000);
+    ptz_test::run_until([] { return false; }, 30);
+    return std::exchange(seen_, {});
+  }
+  using Names = std::vector<std::string>;
+};
+
+TEST_F(RegistryWatch, SignalsStartAndStopOnce) {
+  ASSERT_EQ(mkdir(folder_.c_str(), 0700), 0);
+  watch();
+  watch();
+  PTZKitDriver *driver = start("a");
+  EXPECT_EQ(signals(1), Names{"+a"});
+  stop(driver);
+  EXPECT_EQ(signals(1), Names{"-a"});
+}
+
+TEST_F(RegistryWatch, SignalsDriverThatRunsAlreadyFromMainLoop) {
+  PTZKitDriver *driver = start("a");
+  watch();
+  EXPECT_EQ(seen_, Names{});
+  EXPECT_EQ(signals(1), Names{"+a"});
+  stop(driver);
+  EXPECT_EQ(signals(1), Names{"-a"});
+}
+
+TEST_F(RegistryWatch, FollowsFolderThatIsMadeLater) {
+  setenv("PTZ_PLATFORM_RUNTIME_DIR", dir_.file("later/runtime").c_str(), 1);
+  const Owned<PTZKitRegistry> registry(ptz_kit_registry_new(nullptr));
+  int appeared = 0;
+  g_signal_connect_swapped(registry.get(), "driver-appeared", G_CALLBACK(+[](int *count) { ++*count; }), &appeared);
+  ASSERT_TRUE(ptz_kit_registry_watch(registry.get(), nullptr));
+  ptz_test::run_pending();
+  std::filesystem::create_directories(dir_.file("later/runtime"));
+  PTZKitDriver *driver = start("a");
+  EXPECT_TRUE(ptz_test::run_until([&] { return appeared == 1; }, 2000));
+  stop(driver);
+}
+
+TEST_F(RegistryWatch, FollowsFolderThatIsRemovedAndMadeAgain) {
+  watch();
+  PTZKitDriver *driver = start("a");
+  EXPECT_EQ(signals(1), Names{"+a"});
+  stop(driver);
+  EXPECT_EQ(signals(1), Names{"-a"});
+  std::filesystem::remove_all(folder_);
+  ptz_test::run_pending();
+  driver = start("b");
+  EXPECT_EQ(signals(1), Names{"+b"});
+  stop(driver);
+}
+
+TEST_F(RegistryWatch, SignalsKilledDriver) {
+  watch();
+  const pid_t child = fork();
+  if (child == 0) {
+    start("killed");
+    for (;;) pause();
+  }
+  EXPECT_EQ(signals(1), Names{"+killed"});
+  kill(child, SIGKILL);
+  EXPECT_EQ(signals(1), Names{"-killed"});
+  waitpid(child, nullptr, 0);
+}
+
+TEST_F(RegistryWatch, SignalsNothingWhenPathOfDriverIsRemoved) {
+  watch();
+  PTZKitDriver *driver = start("a");
+  EXPECT_EQ(signals(1), Names{"+a"});
+  ASSERT_EQ(unlink(dir_.file("a").c_str()), 0);
+  EXPECT_EQ(signals(0), Names{});
+  stop(driver);
+}
+
+TEST_F(RegistryWatch, SignalsDriverAgainWhoseEntryWasRemoved) {
+  watch();
+  PTZKitDriver *driver = start("a");
+  EXPECT_EQ(signals(1), Names{"+a"});
+  std::filesystem::remove_all(folder_);
+  EXPECT_EQ(signals(2), (Names{"-a", "+a"}));
+  stop(driver);
+  EXPECT_EQ(signals(1), Names{"-a"});
+}
+
+TEST_F(RegistryWatch, HandlerMayDropTheRegistry) {
+  g_signal_connect_swapped(registry_.get(), "driver-appeared",
+                           G_CALLBACK(+[](Owned<PTZKitRegistry> *registry) { registry->reset(); }), &registry_);
+  watch();
+  PTZKitDriver *driver = start("a");
+  EXPECT_EQ(signals(1), Names{"+a"});
+  EXPECT_EQ(registry_, nullptr);
+  stop(driver);
+  EXPECT_EQ(signals(0), Names{});
+}
+
+TEST_F(RegistryWatch, SleepsWhileNothingChanges) {
+  watch();
+  PTZKitDriver *driver = start("a");
+  EXPECT_EQ(signals(1), Names{"+a"});
+  EXPECT_LE(ptz_test::iterations_within(200), 5);
+  stop(driver);
+}
+
+TEST_F(RegistryWatch, WithoutInotifyFails) {
+  rlimit old = {}, none = {};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &old), 0);
+  none = {0, old.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  GError *error = nullptr;
+  const gboolean watches = ptz_kit_registry_watch(registry_.get(), &error);
+  setrlimit(RLIMIT_NOFILE, &old);
+  const Owned<GError> owned(error);
+  EXPECT_FALSE(watches);
+  EXPECT_TRUE(g_error_matches(error, G_FILE_ERROR, G_FILE_ERROR_MFILE));
+}
+
+}  // namespace
