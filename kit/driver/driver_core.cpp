@@ -38,6 +38,7 @@ bool is_refusal(std::span<const guint8> body) {
 
 // Before the device is opened, which a driver that serves it already would not like, and the status published.
 bool DriverCore::claim(GError **error) {
+  if (socket_path.empty()) return true;  // no client can find the driver
   const Text program(g_file_read_link("/proc/self/exe", nullptr));
   std::string path = resolve_socket_path(socket_path);
   char none[] = "";
@@ -69,13 +70,29 @@ bool DriverCore::start(GError **error) {
   if (keeps_presets() && !preset_file.empty()) presets.open(preset_file);
   // A client that can ask the driver finds its status.
   if (instance > 0) status_ = std::make_unique<PublishedStatus>(instance, axes);
-  if (!listener_.start(socket_path, error)) {
+  if (!socket_path.empty() && !listener_.start(socket_path, error)) {
     stop();
     return false;
   }
+  serving_ = true;
   set_publish_rate();
+  if (slots().started != nullptr && slots().started(object, error) == FALSE) {
+    if (error != nullptr && *error == nullptr) {
+      g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_FAILED, "the driver cannot serve");
+    }
+    stop();
+    return false;
+  }
   if (verbose) syslog(LOG_INFO, "serving on %s", socket_path.c_str());
   return true;
+}
+
+bool DriverCore::check_settings(GError **error) const {
+  if (slots().check_settings == nullptr || slots().check_settings(object, error) != FALSE) return true;
+  if (error != nullptr && *error == nullptr) {
+    g_set_error_literal(error, G_KEY_FILE_ERROR, G_KEY_FILE_ERROR_INVALID_VALUE, "the settings do not fit the driver");
+  }
+  return false;
 }
 
 void DriverCore::stop() {
@@ -86,7 +103,8 @@ void DriverCore::stop() {
 }
 
 void DriverCore::stop_serving() {
-  while (!pending_.empty()) expire(pending_.back());
+  serving_ = false;
+  while (!pending_.empty()) expire(pending_.back(), "the driver ends");
   publish_timer_.stop();
   publish_rate_ = 0;
   if (end_source_ != 0) g_source_remove(end_source_);
@@ -110,6 +128,31 @@ gboolean DriverCore::on_request(gpointer core, gpointer reply_context, gpointer 
   // A virtual function that has thrown, in a language that can, has done neither.
   if (!is_deferred(reply.get())) fail(reply.get(), "it was neither answered nor deferred");
   return TRUE;
+}
+
+Bytes DriverCore::answer(std::span<const guint8> body) {
+  class Capture final : public ReplyTarget {
+    DriverCore &core_;
+
+   public:
+    Bytes body;
+    explicit Capture(DriverCore &core) : core_(core) {}
+    void deliver(PTZKitReply *reply, std::span<const guint8> answer) override {
+      core_.follow_orders(request_of(reply).command, is_refusal(answer));
+      body.reset(g_bytes_new(answer.data(), answer.size()));
+    }
+  } capture(*this);
+  Request request = {PTZ_COMMAND_ERROR_REPLY, nullptr, 0, -1, 0};
+  ptz_kit_body_get_command(body.data(), body.size(), &request.command);
+  const Object<PTZKitDriver> alive(static_cast<PTZKitDriver *>(g_object_ref(object)));
+  const Object<PTZKitReply> reply(make_reply(capture, request));
+  dispatch(*this, body, reply.get());
+  if (is_deferred(reply.get())) {
+    expire(reply.get(), "the answer was deferred");
+  } else {
+    fail(reply.get(), "it was neither answered nor deferred");
+  }
+  return std::move(capture.body);
 }
 
 void DriverCore::deliver(PTZKitReply *reply, std::span<const guint8> body) {
@@ -182,7 +225,7 @@ void DriverCore::report(PTZKitAxis axis, gint32 position, bool moving) {
   const bool moves = any_moving(axes);
   if (moved == moves) return;
   if (!moves) going_to_preset = false;
-  if (!listener_.is_started()) return;
+  if (!serving_) return;
   if (status_) status_->publish(axes, going_to_preset);
   set_publish_rate();
 }

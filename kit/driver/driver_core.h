@@ -44,6 +44,7 @@ class DriverCore final : public ReplyTarget {
   gint32 publish_rate_ = 0;
   guint end_source_ = 0;
   bool open_ = false;
+  bool serving_ = false;
 
   static gboolean on_request(gpointer core, gpointer reply_context, gpointer data, guint32 length);
   static gboolean on_publish(gpointer core);
@@ -61,6 +62,7 @@ class DriverCore final : public ReplyTarget {
   PTZKitDriver *object;
   std::string name = "driver", socket_path, preset_file;
   std::vector<std::string> device_types;
+  std::vector<const GOptionEntry *> option_entries;
   guint instance = 0;
   bool keep_presets = true, verbose = false;
   Axes axes;
@@ -77,11 +79,18 @@ class DriverCore final : public ReplyTarget {
   bool start(GError **error);
   void stop();
   void stop_serving();
+  [[nodiscard]] bool check_settings(GError **error) const;
+  // Answers a request that came another way than over the socket.
+  [[nodiscard]] Bytes answer(std::span<const guint8> body);
 
   // Lets the driver report where its axes are now.
   void update();
   void report(PTZKitAxis axis, gint32 position, bool moving);
   void report_flag(PTZSCParam flag, bool on);
+
+  // preset_functions.cpp: false with an error if the head cannot be there; false, logged, if the change cannot be kept.
+  bool check_position(guint8 moved, const gint32 *position, GError **error) const;
+  bool change_preset(guint32 number, const StoredPreset *preset);
 
   void deliver(PTZKitReply *reply, std::span<const guint8> body) override;
 };

@@ -45,7 +45,11 @@ bool read_preset(GKeyFile *file, const char *group, StoredPreset &preset, Error 
 
 void write_preset(GKeyFile *file, const char *group, const StoredPreset &preset) {
   g_key_file_set_string(file, group, "Name", preset.name.c_str());
-  g_key_file_set_integer(file, group, "Axes", preset.axes);
+  if (preset.axes == all_axes) {
+    g_key_file_remove_key(file, group, "Axes", nullptr);
+  } else {
+    g_key_file_set_integer(file, group, "Axes", preset.axes);
+  }
   for (std::size_t axis = 0; axis < PTZ_KIT_N_AXES; ++axis) {
     g_key_file_set_integer(file, group, axis_keys[axis], preset.position[axis]);
   }
@@ -80,7 +84,7 @@ bool PresetStore::read_group(const std::string &group, PresetKind kind, guint32 
 void PresetStore::open(const std::string &path) {
   path_ = path;
   state_ = State::unusable;
-  presets_ = {};
+  reset();
   home_ = 0;
   Error error;
   gboolean compatible = FALSE;
@@ -90,14 +94,18 @@ void PresetStore::open(const std::string &path) {
   for (guint32 number = 1; number <= most_presets; ++number) {
     for (const PresetKind kind : {PresetKind::device, PresetKind::driver}) {
       if (read_group(group_of(kind, number), kind, number)) continue;
-      presets_ = {};
-      return;
+      return reset();
     }
   }
   // 0 without the group.
   const gint home = g_key_file_get_integer(key_file_.get(), home_group, home_key, nullptr);
   if (home > 0 && find(PresetKind::device, static_cast<guint32>(home)) != nullptr) home_ = static_cast<guint32>(home);
   state_ = State::open;
+}
+
+void PresetStore::add_factory_preset(guint32 number, const StoredPreset &preset) {
+  factory_[number] = preset;
+  presets_[static_cast<std::size_t>(PresetKind::device)].emplace(number, preset);
 }
 
 const StoredPreset *PresetStore::find(PresetKind kind, guint32 number) const {
@@ -129,6 +137,26 @@ bool PresetStore::set(PresetKind kind, guint32 number, const StoredPreset &prese
   if (!keep("preset", number, [&](GKeyFile *file) { write_preset(file, group.c_str(), preset); })) return false;
   presets_[static_cast<std::size_t>(kind)][number] = preset;
   return true;
+}
+
+bool PresetStore::remove(PresetKind kind, guint32 number) {
+  const std::string group = group_of(kind, number);
+  const auto change = [&](GKeyFile *file) { g_key_file_remove_group(file, group.c_str(), nullptr); };
+  if (!keep("the removal of preset", number, change)) return false;
+  presets_[static_cast<std::size_t>(kind)].erase(number);
+  return true;
+}
+
+bool PresetStore::sync() {
+  Error error;
+  if (state_ == State::open && ptz_config_store_key_file(path_.c_str(), key_file_.get(), out(error)) != FALSE) {
+    return true;
+  }
+  syslog(LOG_WARNING, "the presets are not kept: %s",
+         state_ == State::open           ? reason_of(error)
+         : state_ == State::without_file ? "there is no file for them"
+                                         : "their file cannot be used");
+  return false;
 }
 
 bool PresetStore::set_home(guint32 number) {

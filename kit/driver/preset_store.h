@@ -32,13 +32,17 @@ class PresetStore {
   std::string path_;
   KeyFile key_file_;
   std::array<Presets, 2> presets_;
+  Presets factory_;  // of the device
   guint32 home_ = 0;
 
   template <typename Change>
   bool keep(const char *what, guint32 number, Change change);
   bool read_group(const std::string &group, PresetKind kind, guint32 number);
+  void reset() { presets_ = {factory_, Presets()}; }
 
  public:
+  // Before open(), whose file may hold another preset of this number.
+  void add_factory_preset(guint32 number, const StoredPreset &preset);
   // Logs why the presets of the file cannot be used.
   void open(const std::string &path);
 
@@ -49,6 +53,9 @@ class PresetStore {
 
   // False, which is logged, if the change cannot be kept.
   bool set(PresetKind kind, guint32 number, const StoredPreset &preset);
+  bool remove(PresetKind kind, guint32 number);
+  // Writes the file once more. Without a file, this fails.
+  bool sync();
   bool set_home(guint32 number);
 };
 

@@ -119,6 +119,9 @@ static void ptz_kit_driver_class_init(PTZKitDriverClass *klass) {
   properties[Property::verbose] = g_param_spec_boolean("verbose", nullptr, nullptr, FALSE, flags);
   g_object_class_install_properties(object_class, Property::count, properties);
   g_signal_new("ended", PTZ_KIT_TYPE_DRIVER, G_SIGNAL_RUN_LAST, 0, nullptr, nullptr, nullptr, G_TYPE_NONE, 0);
+  g_signal_new("preset-changed", PTZ_KIT_TYPE_DRIVER, G_SIGNAL_RUN_LAST, 0, nullptr, nullptr, nullptr, G_TYPE_NONE, 3,
+               G_TYPE_UINT, PTZ_KIT_TYPE_SET_PRESET_REQUEST | G_SIGNAL_TYPE_STATIC_SCOPE,
+               PTZ_KIT_TYPE_SET_PRESET_REQUEST | G_SIGNAL_TYPE_STATIC_SCOPE);
 }
 
 static bool is_axis(PTZKitAxis axis) { return axis >= 0 && axis < PTZ_KIT_N_AXES; }
@@ -179,12 +182,18 @@ void ptz_kit_driver_add_setting(PTZKitDriver *self, const gchar *group, const gc
   core_of(self).settings.add({group, key, kind, default_value, minimum, maximum, doc});
 }
 
+void ptz_kit_driver_add_option_entries(PTZKitDriver *self, const GOptionEntry *entries) {
+  g_return_if_fail(PTZ_KIT_IS_DRIVER(self));
+  g_return_if_fail(entries != NULL);
+  core_of(self).option_entries.push_back(entries);
+}
+
 gboolean ptz_kit_driver_load_settings(PTZKitDriver *self, const gchar *const *files, GError **error) {
   g_return_val_if_fail(PTZ_KIT_IS_DRIVER(self), FALSE);
   g_return_val_if_fail(files != NULL, FALSE);
   const Problems problems = core_of(self).settings.load(files);
   for (const std::string &problem : problems.unknown) syslog(LOG_WARNING, "%s", problem.c_str());
-  if (problems.bad.empty()) return TRUE;
+  if (problems.bad.empty()) return core_of(self).check_settings(error) ? TRUE : FALSE;
   g_set_error_literal(error, G_KEY_FILE_ERROR, G_KEY_FILE_ERROR_INVALID_VALUE, joined(problems.bad).c_str());
   return FALSE;
 }
@@ -214,8 +223,16 @@ gboolean ptz_kit_driver_start(PTZKitDriver *self, GError **error) {
   g_return_val_if_fail(PTZ_KIT_IS_DRIVER(self), FALSE);
   DriverCore &core = core_of(self);
   g_return_val_if_fail(!core.is_started(), FALSE);
-  g_return_val_if_fail(!core.socket_path.empty(), FALSE);
   return core.start(error) ? TRUE : FALSE;
+}
+
+GBytes *ptz_kit_driver_answer(PTZKitDriver *self, GBytes *request) {
+  g_return_val_if_fail(PTZ_KIT_IS_DRIVER(self), NULL);
+  g_return_val_if_fail(request != NULL, NULL);
+  g_return_val_if_fail(core_of(self).is_started(), NULL);
+  gsize length = 0;
+  const auto *data = static_cast<const guint8 *>(g_bytes_get_data(request, &length));
+  return core_of(self).answer({data, length}).release();
 }
 
 void ptz_kit_driver_stop(PTZKitDriver *self) {

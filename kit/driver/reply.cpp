@@ -111,8 +111,8 @@ void fail(PTZKitReply *reply, const char *reason) {
   deliver_error(reply, State::answered, PTZ_KIT_ERROR_CODE_INTERNAL, internal_error);
 }
 
-void expire(PTZKitReply *reply) {
-  if (is_pending(reply)) deliver_error(reply, State::expired, PTZ_KIT_ERROR_CODE_INTERNAL, "the driver ends");
+void expire(PTZKitReply *reply, const char *text) {
+  if (is_pending(reply)) deliver_error(reply, State::expired, PTZ_KIT_ERROR_CODE_INTERNAL, text);
 }
 
 }  // namespace ptz_kit

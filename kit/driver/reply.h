@@ -37,6 +37,6 @@ void answer(PTZKitReply *reply, gint32 command, gconstpointer message);
 void fail(PTZKitReply *reply, const char *reason);
 
 // Answers with error 7. Later answers have no effect.
-void expire(PTZKitReply *reply);
+void expire(PTZKitReply *reply, const char *text);
 
 }  // namespace ptz_kit

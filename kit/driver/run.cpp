@@ -15,11 +15,13 @@ namespace {
 using OptionContext = Handle<GOptionContext, g_option_context_free>;
 using MainLoop = Handle<GMainLoop, g_main_loop_unref>;
 
+constexpr gint not_given = G_MININT32;
+
 struct Options {
   char *socket = nullptr;
   char *state = nullptr;
   char **config = nullptr;
-  gint instance = -1;
+  gint instance = not_given;
   gboolean check_settings = FALSE;
   gboolean verbose = FALSE;
 
@@ -48,6 +50,7 @@ bool parse(const DriverCore &core, gint argc, gchar **argv, Options &options, Er
       {}};
   const OptionContext context(g_option_context_new("- driver of a pan-tilt-zoom head"));
   g_option_context_add_main_entries(context.get(), entries, nullptr);
+  for (const GOptionEntry *more : core.option_entries) g_option_context_add_main_entries(context.get(), more, nullptr);
   const std::string exits =
       "\n\nExit status:\n  0  the driver was asked to end\n  1  the device or the socket cannot be opened\n"
       "  2  wrong usage or bad settings: starting it again does not help";
@@ -59,9 +62,9 @@ bool parse(const DriverCore &core, gint argc, gchar **argv, Options &options, Er
   const bool parsed = g_option_context_parse_strv(context.get(), &arguments, out(error)) != FALSE;
   const TextList left(arguments);
   if (!parsed) return false;
-  const char *problem = g_strv_length(left.get()) > 1 ? "it takes nothing beside its options"
-                        : options.instance < -1       ? "--instance is 0 or above"
-                                                      : nullptr;
+  const char *problem = g_strv_length(left.get()) > 1                           ? "it takes nothing beside its options"
+                        : options.instance < 0 && options.instance != not_given ? "--instance is 0 or above"
+                                                                                : nullptr;
   if (problem != nullptr) error.reset(g_error_new_literal(G_OPTION_ERROR, G_OPTION_ERROR_BAD_VALUE, problem));
   return problem == nullptr;
 }
@@ -75,6 +78,15 @@ void apply(const Options &options, DriverCore &core) {
 
 void complain(const DriverCore &core, const std::vector<std::string> &problems) {
   for (const std::string &problem : problems) g_printerr("%s: %s\n", core.name.c_str(), problem.c_str());
+}
+
+// Each line of the message is one problem.
+bool check_settings(DriverCore &core) {
+  Error error;
+  if (core.check_settings(out(error))) return true;
+  const TextList lines(g_strsplit(error->message, "\n", -1));
+  for (char **line = lines.get(); *line != nullptr; ++line) complain(core, {*line});
+  return false;
 }
 
 // Whether the driver may start. An older driver may have a newer file, so a key that it does not know is a warning.
@@ -138,7 +150,7 @@ gint ptz_kit_driver_run(PTZKitDriver *self, gint argc, gchar **argv) {
     return PTZ_KIT_EXIT_USAGE;
   }
   openlog(g_intern_string(core.name.c_str()), LOG_PID | LOG_PERROR, LOG_DAEMON);  // which keeps the pointer
-  int status = load_settings(core, options) ? EXIT_SUCCESS : PTZ_KIT_EXIT_USAGE;
+  int status = load_settings(core, options) && check_settings(core) ? EXIT_SUCCESS : PTZ_KIT_EXIT_USAGE;
   if (status == EXIT_SUCCESS && options.check_settings == FALSE) status = serve(core);
   return status;
 }

@@ -63,12 +63,23 @@ std::string objection(const Setting &setting, const std::string &value) {
       return format("%" G_GINT64_FORMAT " is not within " BOUNDS, *number, setting.least, setting.most);
     }
     case PTZ_KIT_SETTING_STRING:
+      if (g_utf8_validate(value.c_str(), -1, nullptr) == FALSE) return "the text is not UTF-8";
       if (std::cmp_greater_equal(value.size(), setting.least) && std::cmp_less_equal(value.size(), setting.most)) {
         return "";
       }
       return format("the text has %zu bytes, not " BOUNDS, value.size(), setting.least, setting.most);
   }
   return "";
+}
+
+std::string_view without_number(std::string_view group) {
+  while (!group.empty() && g_ascii_isdigit(group.back())) group.remove_suffix(1);
+  return group;
+}
+
+// Whether the two are the same setting of numbered groups, such as [Preset0] and [Preset1].
+bool are_numbered_alike(const Setting &a, const Setting &b) {
+  return a.key == b.key && a.doc == b.doc && without_number(a.group) == without_number(b.group);
 }
 
 }  // namespace
@@ -162,8 +173,13 @@ const Setting *Settings::find(const char *group, const char *key, PTZKitSettingK
 
 std::string Settings::describe() const {
   std::string text = "Settings of --config:";
-  for (const Setting &setting : settings_) {
-    text += format("\n  [%s] %s=%s", setting.group.c_str(), setting.key.c_str(), setting.value.c_str());
+  for (std::size_t index = 0; index < settings_.size(); ++index) {
+    const Setting &setting = settings_[index];
+    text += format("\n  [%s]", setting.group.c_str());
+    const std::size_t first = index;
+    while (index + 1 < settings_.size() && are_numbered_alike(setting, settings_[index + 1])) ++index;
+    if (index > first) text += format(" to [%s]", settings_[index].group.c_str());
+    text += format(" %s=%s", setting.key.c_str(), setting.value.c_str());
     if (setting.kind == PTZ_KIT_SETTING_INTEGER) text += format(" (" BOUNDS ")", setting.least, setting.most);
     text += format("  %s", setting.doc.c_str());
   }

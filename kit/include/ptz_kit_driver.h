@@ -136,6 +136,18 @@ struct _PTZKitDriver {
  *
  * Since: 0.1
  */
+/**
+ * PTZKitDriver::preset-changed:
+ * @self: the driver
+ * @number: number of the preset
+ * @before: (nullable): the preset as it was; `NULL` if there was none
+ * @after: (nullable): the preset as it is; `NULL` if it was removed
+ *
+ * A preset of the device that the class keeps was stored or removed, by a request or by a function of this class. The
+ * request is not answered yet.
+ *
+ * Since: 0.1
+ */
 
 /**
  * PTZKitDriverClass:
@@ -169,6 +181,11 @@ struct _PTZKitDriver {
  * @get_preset_position: tells the position of a preset
  * @query_attributes: lists the attributes of the device
  * @get_driver_parameters: lists the parameters of the driver
+ * @check_settings: checks what the bounds of a single setting cannot express, and the driver's own options. Called by
+ *   ptz_kit_driver_load_settings(), and by ptz_kit_driver_run() before the driver starts. Each line of the error's
+ *   message is one problem
+ * @started: called by ptz_kit_driver_start() when the driver listens, for what others may only find then. If it fails,
+ *   the driver stops
  *
  * The virtual functions of a driver. Those of commands answer by their #PTZKitReply.
  *
@@ -206,8 +223,11 @@ struct _PTZKitDriverClass {
   void (*query_attributes) (PTZKitDriver *self, PTZKitReply *reply);
   void (*get_driver_parameters) (PTZKitDriver *self, PTZKitReply *reply);
 
+  gboolean (*check_settings) (PTZKitDriver *self, GError **error);
+  gboolean (*started) (PTZKitDriver *self, GError **error);
+
   /*< private >*/
-  gpointer reserved[16];
+  gpointer reserved[14];
 };
 
 /**
@@ -347,6 +367,20 @@ PTZ_KIT_API void ptz_kit_driver_add_setting (PTZKitDriver *self, const gchar *gr
                                              gint64 maximum, const gchar *doc);
 
 /**
+ * ptz_kit_driver_add_option_entries: (skip)
+ * @self: a driver
+ * @entries: (array zero-terminated=1): options of ptz_kit_driver_run() beside its own; borrowed, with all that they
+ *   point at, until ptz_kit_driver_run() has returned
+ *
+ * Adds options. @check_settings is called when they are read.
+ *
+ * Thread: the one of the default main context.
+ *
+ * Since: 0.1
+ */
+PTZ_KIT_API void ptz_kit_driver_add_option_entries (PTZKitDriver *self, const GOptionEntry *entries);
+
+/**
  * ptz_kit_driver_load_settings:
  * @self: a driver
  * @files: (array zero-terminated=1): paths of key files, of which a later one overrides an earlier one; borrowed
@@ -407,11 +441,106 @@ PTZ_KIT_API gboolean ptz_kit_driver_get_boolean (PTZKitDriver *self, const gchar
 PTZ_KIT_API const gchar *ptz_kit_driver_get_string (PTZKitDriver *self, const gchar *group, const gchar *key);
 
 /**
- * ptz_kit_driver_start:
- * @self: a driver with a name and a socket path
+ * ptz_kit_driver_add_factory_preset:
+ * @self: a driver
+ * @preset: a preset of the device; copied
+ *
+ * Gives the device a preset from the factory. One of the same number in the preset file hides it. Call this before the
+ * driver listens: at the latest in @open.
+ *
+ * Thread: the one of the default main context.
+ *
+ * Since: 0.1
+ */
+PTZ_KIT_API void ptz_kit_driver_add_factory_preset (PTZKitDriver *self, const PTZKitSetPresetRequest *preset);
+
+/**
+ * ptz_kit_driver_get_presets:
+ * @self: a driver
+ *
+ * Thread: the one of the default main context.
+ *
+ * Since: 0.1
+ *
+ * Returns: (transfer container) (element-type PTZKitSetPresetRequest): the presets of the device that the class keeps,
+ *   by number; the array owns them
+ */
+PTZ_KIT_API GPtrArray *ptz_kit_driver_get_presets (PTZKitDriver *self);
+
+/**
+ * ptz_kit_driver_store_preset:
+ * @self: a driver
+ * @preset: a preset of the device; copied
  * @error: return location for an error, or `NULL`
  *
- * Opens the device, reads the presets, publishes the status and listens. The default main context must run then.
+ * Stores a preset of the device at a position that need not be the current one, as another interface of the driver may
+ * want.
+ *
+ * Thread: the one of the default main context; blocks on the preset file.
+ *
+ * Since: 0.1
+ *
+ * Returns: `TRUE` on success; `FALSE` with @error set: to `PTZ_KIT_ERROR_OUT_OF_RANGE` if @preset has a value that it
+ *   cannot have, in `G_IO_ERROR` if it cannot be kept; nothing has changed then
+ */
+PTZ_KIT_API gboolean ptz_kit_driver_store_preset (PTZKitDriver *self, const PTZKitSetPresetRequest *preset,
+                                                  GError **error);
+
+/**
+ * ptz_kit_driver_remove_preset:
+ * @self: a driver
+ * @number: number of a preset of the device
+ * @error: return location for an error, or `NULL`
+ *
+ * Removes a preset of the device. One from the factory is there again when the driver has been started anew.
+ *
+ * Thread: the one of the default main context; blocks on the preset file.
+ *
+ * Since: 0.1
+ *
+ * Returns: `TRUE` on success, also if there is no such preset; `FALSE` with @error set, in `G_IO_ERROR`, if the change
+ *   cannot be kept; nothing has changed then
+ */
+PTZ_KIT_API gboolean ptz_kit_driver_remove_preset (PTZKitDriver *self, guint32 number, GError **error);
+
+/**
+ * ptz_kit_driver_sync_presets:
+ * @self: a driver
+ * @error: return location for an error, or `NULL`
+ *
+ * Writes the preset file once more. Each change of a preset has written it before.
+ *
+ * Thread: the one of the default main context; blocks on the preset file.
+ *
+ * Since: 0.1
+ *
+ * Returns: `TRUE` on success; `FALSE` with @error set, in `G_IO_ERROR`, if there is no file or it cannot be written
+ */
+PTZ_KIT_API gboolean ptz_kit_driver_sync_presets (PTZKitDriver *self, GError **error);
+
+/**
+ * ptz_kit_driver_answer:
+ * @self: a driver that is started
+ * @request: body of a request; borrowed
+ *
+ * Answers a request that did not come over the driver's socket: that of a test, say. It is checked and carried out as
+ * any other; timings and counters do not show it. A virtual function that defers its answer has failed.
+ *
+ * Thread: the one of the default main context.
+ *
+ * Since: 0.1
+ *
+ * Returns: (transfer full): body of the reply
+ */
+PTZ_KIT_API GBytes *ptz_kit_driver_answer (PTZKitDriver *self, GBytes *request);
+
+/**
+ * ptz_kit_driver_start:
+ * @self: a driver with a name
+ * @error: return location for an error, or `NULL`
+ *
+ * Opens the device, reads the presets, publishes the status and listens. The default main context must run then. A
+ * driver without a socket path does not listen: it is asked by ptz_kit_driver_answer().
  *
  * Thread: the one of the default main context.
  *

@@ -87,7 +87,9 @@ TEST(KitDriverClass, SlotsKeepTheirPlaces) {
   EXPECT_EQ(slot(offsetof(PTZKitDriverClass, auxiliary)), 12U);
   EXPECT_EQ(slot(offsetof(PTZKitDriverClass, move_command)), 19U);
   EXPECT_EQ(slot(offsetof(PTZKitDriverClass, get_driver_parameters)), 26U);
-  EXPECT_EQ(slot(offsetof(PTZKitDriverClass, reserved)), 27U);
+  EXPECT_EQ(slot(offsetof(PTZKitDriverClass, check_settings)), 27U);
+  EXPECT_EQ(slot(offsetof(PTZKitDriverClass, started)), 28U);
+  EXPECT_EQ(slot(offsetof(PTZKitDriverClass, reserved)), 29U);
   EXPECT_EQ(slot(sizeof(PTZKitDriverClass)), 43U);
 }
 

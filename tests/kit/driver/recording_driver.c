@@ -14,6 +14,25 @@ open_device (PTZKitDriver *self, GError **error)
   return TRUE;
 }
 
+static gboolean
+check_settings (PTZKitDriver *self, GError **error)
+{
+  const gchar *complaint = ((RecordingDriver *) self)->complaint;
+
+  if (complaint != NULL)
+    g_set_error_literal (error, G_KEY_FILE_ERROR, G_KEY_FILE_ERROR_INVALID_VALUE, complaint);
+  return complaint == NULL;
+}
+
+static gboolean
+started (PTZKitDriver *self, GError **error)
+{
+  ((RecordingDriver *) self)->starts++;
+  if (((RecordingDriver *) self)->fails_to_serve)
+    g_set_error_literal (error, G_IO_ERROR, G_IO_ERROR_NOT_CONNECTED, "there is no bus");
+  return !((RecordingDriver *) self)->fails_to_serve;
+}
+
 static void
 close_device (PTZKitDriver *self)
 {
@@ -91,7 +110,9 @@ auxiliary (PTZKitDriver *self, const PTZKitAuxiliaryRequest *request, PTZKitRepl
 static void
 recording_driver_class_init (RecordingDriverClass *klass)
 {
+  klass->parent_class.check_settings = check_settings;
   klass->parent_class.open = open_device;
+  klass->parent_class.started = started;
   klass->parent_class.close = close_device;
   klass->parent_class.update = update;
   klass->parent_class.move = move;

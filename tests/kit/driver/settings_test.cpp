@@ -47,6 +47,16 @@ TEST_F(KitSettings, DefaultsHoldWithoutFile) {
   EXPECT_TRUE(wiper());
 }
 
+TEST_F(KitSettings, TextWithEscapedByteThatIsNotUtf8IsBad) {
+  EXPECT_EQ(load_text("[Head]\nPort=caf\\351\n"), at(2) + "[Head] Port: the text is not UTF-8");
+}
+
+TEST_F(KitSettings, DriverMayRefuseValuesThatAreGoodByThemselves) {
+  reinterpret_cast<RecordingDriver *>(driver_)->complaint = "[Head] Speed: too much\n[Head] Port: too far";
+  EXPECT_EQ(load_text("[Head]\nSpeed=2\n"), "[Head] Speed: too much\n[Head] Port: too far");
+  EXPECT_EQ(load_text("[Head]\nSpeed=0\n"), at(2) + "[Head] Speed: 0 is not within 1 to 100");
+}
+
 TEST_F(KitSettings, ValuesOfFileReplaceDefaults) {
   EXPECT_EQ(load_text("# comment\n[Head]\nSpeed = 0x20\nPort=\"a b\"\n\n[root.Wiper]\nOn=No\r\n"), "");
   EXPECT_EQ(speed(), 32);

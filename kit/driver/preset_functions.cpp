@@ -1,0 +1,112 @@
+// What a driver may do itself with the presets that the class keeps.
+#include <gio/gio.h>
+
+#include "driver/driver_private.h"
+
+using namespace ptz_kit;
+
+namespace {
+
+// Borrows the name.
+PTZKitSetPresetRequest message_of(guint32 number, const StoredPreset &preset) {
+  PTZKitSetPresetRequest message = {number, const_cast<gchar *>(preset.name.c_str()), preset.axes, {}};
+  std::ranges::copy(preset.position, message.position);
+  return message;
+}
+
+StoredPreset preset_of(const PTZKitSetPresetRequest &message) {
+  StoredPreset preset = {message.name, message.axes, {}};
+  std::ranges::copy(message.position, preset.position.begin());
+  return preset;
+}
+
+bool validate(DriverCore &core, const PTZKitSetPresetRequest &message, GError **error) {
+  if (!core.keeps_presets()) {
+    g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_NOT_SUPPORTED, "this driver keeps no presets");
+    return false;
+  }
+  if (ptz_kit_set_preset_request_validate(&message, error) == FALSE) return false;
+  if (g_utf8_validate(message.name, -1, nullptr) != FALSE) {
+    return core.check_position(message.axes, message.position, error);
+  }
+  g_set_error_literal(error, PTZ_KIT_ERROR, PTZ_KIT_ERROR_OUT_OF_RANGE, "the name is not UTF-8");
+  return false;
+}
+
+gboolean fail(GError **error) {
+  g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_FAILED, "the presets cannot be kept; the log tells why");
+  return FALSE;
+}
+
+}  // namespace
+
+bool DriverCore::check_position(guint8 moved, const gint32 *position, GError **error) const {
+  for (std::size_t index = 0; index < axes.size(); ++index) {
+    if ((moved & axis_bit(index)) == 0) continue;
+    const Axis &axis = axes[index];
+    if (!axis.is_set()) {
+      g_set_error(error, PTZ_KIT_ERROR, PTZ_KIT_ERROR_OUT_OF_RANGE, "the head has no %s", axis_labels[index]);
+      return false;
+    }
+    if (position[index] != axis.clamped(position[index])) {
+      g_set_error(error, PTZ_KIT_ERROR, PTZ_KIT_ERROR_OUT_OF_RANGE, "%s %d is not within %d to %d", axis_labels[index],
+                  position[index], axis.minimum(), axis.maximum());
+      return false;
+    }
+  }
+  return true;
+}
+
+bool DriverCore::change_preset(guint32 number, const StoredPreset *preset) {
+  const StoredPreset *const found = presets.find(PresetKind::device, number);
+  const StoredPreset before = found != nullptr ? *found : StoredPreset();
+  const bool was_there = found != nullptr;
+  if (!(preset != nullptr ? presets.set(PresetKind::device, number, *preset)
+                          : presets.remove(PresetKind::device, number))) {
+    return false;
+  }
+  if (!was_there && preset == nullptr) return true;
+  const PTZKitSetPresetRequest old = message_of(number, before);
+  const PTZKitSetPresetRequest present = preset != nullptr ? message_of(number, *preset) : PTZKitSetPresetRequest();
+  g_signal_emit_by_name(object, "preset-changed", number, was_there ? &old : nullptr,
+                        preset != nullptr ? &present : nullptr);
+  return true;
+}
+
+void ptz_kit_driver_add_factory_preset(PTZKitDriver *self, const PTZKitSetPresetRequest *preset) {
+  g_return_if_fail(PTZ_KIT_IS_DRIVER(self));
+  g_return_if_fail(preset != NULL && ptz_kit_set_preset_request_validate(preset, NULL));
+  core_of(self).presets.add_factory_preset(preset->number, preset_of(*preset));
+}
+
+GPtrArray *ptz_kit_driver_get_presets(PTZKitDriver *self) {
+  g_return_val_if_fail(PTZ_KIT_IS_DRIVER(self), NULL);
+  const auto free_preset = [](gpointer preset) {
+    ptz_kit_set_preset_request_free(static_cast<PTZKitSetPresetRequest *>(preset));
+  };
+  GPtrArray *presets = g_ptr_array_new_with_free_func(free_preset);
+  for (const auto &[number, preset] : core_of(self).presets.all(PresetKind::device)) {
+    const PTZKitSetPresetRequest message = message_of(number, preset);
+    g_ptr_array_add(presets, ptz_kit_set_preset_request_copy(&message));
+  }
+  return presets;
+}
+
+gboolean ptz_kit_driver_store_preset(PTZKitDriver *self, const PTZKitSetPresetRequest *preset, GError **error) {
+  g_return_val_if_fail(PTZ_KIT_IS_DRIVER(self), FALSE);
+  g_return_val_if_fail(preset != NULL, FALSE);
+  DriverCore &core = core_of(self);
+  if (!validate(core, *preset, error)) return FALSE;
+  const StoredPreset stored = preset_of(*preset);
+  return core.change_preset(preset->number, &stored) ? TRUE : fail(error);
+}
+
+gboolean ptz_kit_driver_remove_preset(PTZKitDriver *self, guint32 number, GError **error) {
+  g_return_val_if_fail(PTZ_KIT_IS_DRIVER(self), FALSE);
+  return core_of(self).change_preset(number, nullptr) ? TRUE : fail(error);
+}
+
+gboolean ptz_kit_driver_sync_presets(PTZKitDriver *self, GError **error) {
+  g_return_val_if_fail(PTZ_KIT_IS_DRIVER(self), FALSE);
+  return core_of(self).presets.sync() ? TRUE : fail(error);
+}
