@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
-namespace example {
+namespace sim {
 
 double Axis::resting_place() const { return position_ + velocity_ * std::abs(velocity_) / (2.0 * range_.acceleration); }
 
@@ -62,4 +62,4 @@ void Axis::stop() { plan(resting_place(), range_.max_speed); }
 gint32 Axis::position() const { return static_cast<gint32>(std::lround(position_)); }
 gint32 Axis::velocity() const { return static_cast<gint32>(std::lround(velocity_)); }
 
-}  // namespace example
+}  // namespace sim

@@ -4,9 +4,9 @@
 
 #include <array>
 
-namespace example {
+namespace sim {
 
-// In units of the axis (see driver_messages.h), units per second, and units per second squared.
+// In units of the axis (see head.h), units per second, and units per second squared.
 struct AxisRange {
   gint32 minimum;
   gint32 maximum;
@@ -60,4 +60,4 @@ class Axis {
   [[nodiscard]] gint32 velocity() const;
 };
 
-}  // namespace example
+}  // namespace sim

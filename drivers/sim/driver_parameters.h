@@ -1,24 +1,11 @@
-// driver_parameters.h - what the driver tells of itself in answer to "Get driver parameters": an array of parameter
-// items, kept up to date while the live settings change.
+// driver_parameters.h - what the driver tells of itself in answer to "Get driver parameters".
 #pragma once
-#include <ptz_parameter_item_array.h>
-
-#include <memory>
-
 #include "head.h"
 #include "live_settings.h"
 
-namespace example {
+namespace sim {
 
-class DriverParameters {
-  Object<PTZParameterItemArray> items_;
-  std::unique_ptr<SettingWatch> watch_;
+// What the class would answer, and the live settings as they are now.
+void answer_driver_parameters(const Head &head, const LiveSettings &live, PTZKitReply *reply);
 
- public:
-  DriverParameters(const Head &head, const LiveSettings &settings);
-
-  // A ParameterList, each item as a driver parameter item record.
-  void write(GArray *body) const;
-};
-
-}  // namespace example
+}  // namespace sim

@@ -4,125 +4,119 @@
 
 #include <cstdarg>
 
-namespace example {
+#include "owners.h"
+
+namespace sim {
 
 namespace {
 
-constexpr int no_index = -1;
+constexpr char preset_group[] = "Preset";
+constexpr char name_key[] = "Name";
+constexpr gint64 longest_preset_name = 32;  // bytes
 
-struct Place {
-  const char *group;
-  int index;
-  const char *key;
-};
+std::string numbered(const char *group, guint32 index) { return group + std::to_string(index); }
 
-// Reads one value after the other, and goes on after a bad one: an installer wants to know of all of them.
-class SettingsReader {
-  std::vector<std::string> &complaints_;
+void declare_integer(PTZKitDriver *driver, const std::string &group, const char *key, gint32 value, gint32 lowest,
+                     gint32 highest, const char *doc) {
+  ptz_kit_driver_add_setting(driver, group.c_str(), key, PTZ_KIT_SETTING_INTEGER, std::to_string(value).c_str(), lowest,
+                             highest, doc);
+}
 
-  bool has(const Place &place) {
-    const Owned<char *, g_strfreev> keys(ptz_settings_get_group(place.group, place.index));
-    return keys && g_strv_contains(keys.get(), place.key) != FALSE;
+void declare_axis(PTZKitDriver *driver, std::size_t axis) {
+  const char *const group = axis_titles[axis];
+  const AxisRange &range = head_ranges[axis];
+  const gint32 lowest = axis == zoom ? 1 : G_MININT32;
+  declare_integer(driver, group, "Min", range.minimum, lowest, G_MAXINT32, "Lower limit");
+  declare_integer(driver, group, "Max", range.maximum, lowest, G_MAXINT32, "Upper limit");
+  declare_integer(driver, group, "MaxSpeed", range.max_speed, 1, most_speed, "Maximum speed, per second");
+  declare_integer(driver, group, "Acceleration", range.acceleration, 1, most_speed, "Per second squared");
+}
+
+// The description of the settings takes those of neighbours that differ in the number of the group only as one.
+void declare_presets(PTZKitDriver *driver) {
+  for (guint32 index = 0; index < most_presets; ++index) {
+    ptz_kit_driver_add_setting(driver, numbered(preset_group, index).c_str(), name_key, PTZ_KIT_SETTING_STRING, "", 1,
+                               longest_preset_name, "Name of a preset of the factory");
   }
+  for (std::size_t axis = 0; axis < axis_count; ++axis) {
+    for (guint32 index = 0; index < most_presets; ++index) {
+      declare_integer(driver, numbered(preset_group, index), axis_titles[axis], head_home[axis], G_MININT32, G_MAXINT32,
+                      "Its position, within the limits");
+    }
+  }
+}
+
+gint32 integer(PTZKitDriver *driver, const std::string &group, const char *key) {
+  return static_cast<gint32>(ptz_kit_driver_get_integer(driver, group.c_str(), key));
+}
+
+class Complaints {
+  std::string text_;
 
  public:
-  explicit SettingsReader(std::vector<std::string> &complaints) : complaints_(complaints) {}
-
-  // False, which the readers of values pass on.
-  bool complain(const Place &place, const char *format, ...) G_GNUC_PRINTF(3, 4);
-  // Where the key is missing, the value stays, and that is good.
-  bool number(const Place &place, gint32 lowest, gint32 highest, gint32 &value);
-  bool preset_name(const Place &place, std::string &name);
-  [[nodiscard]] bool content() const { return complaints_.empty(); }
+  void add(const char *format, ...) G_GNUC_PRINTF(2, 3);
+  [[nodiscard]] const std::string &text() const { return text_; }
 };
 
-bool SettingsReader::complain(const Place &place, const char *format, ...) {
+void Complaints::add(const char *format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  const Text text(g_strdup_vprintf(format, arguments));
+  const Text line(g_strdup_vprintf(format, arguments));
   va_end(arguments);
-  const std::string index = place.index == no_index ? "" : std::to_string(place.index);
-  complaints_.push_back("[" + (place.group + index) + "] " + place.key + ": " + text.get());
-  return false;
+  text_ += (text_.empty() ? "" : "\n") + std::string(line.get());
 }
 
-bool SettingsReader::number(const Place &place, gint32 lowest, gint32 highest, gint32 &value) {
-  if (!has(place)) return true;
-  const Text text(ptz_settings_get_string(place.group, place.index, place.key));
-  if (!text) return complain(place, "the value is no text");
-  // The accessors of numbers ignore the text after one: 90.5 would be taken for 90.
-  char *end = nullptr;
-  g_ascii_strtoll(text.get(), &end, 0);
-  if (end == text.get() || *g_strchug(end) != '\0') return complain(place, "this is no whole number");
-  gint32 number = 0;
-  if (!ptz_settings_get_int(place.group, place.index, place.key, &number)) {
-    return complain(place, "the number does not fit 32 bits");
+AxisRange read_range(PTZKitDriver *driver, const char *group, Complaints &complaints) {
+  const AxisRange range = {integer(driver, group, "Min"), integer(driver, group, "Max"),
+                           integer(driver, group, "MaxSpeed"), integer(driver, group, "Acceleration")};
+  if (range.minimum >= range.maximum) {
+    complaints.add("[%s] Min: %d is not below Max, %d", group, range.minimum, range.maximum);
   }
-  if (number < lowest || number > highest) {
-    return complain(place, "%d is not within %d to %d", number, lowest, highest);
-  }
-  value = number;
-  return true;
+  return range;
 }
 
-bool SettingsReader::preset_name(const Place &place, std::string &name) {
-  if (!has(place)) return true;
-  const Text text(ptz_settings_get_string(place.group, place.index, place.key));
-  if (!text || !valid_preset_name(text.get())) {
-    return complain(place, "a name has 1 to %zu bytes of UTF-8", longest_preset_name);
-  }
-  name = text.get();
-  return true;
-}
-
-void read_ranges(SettingsReader &reader, HeadRanges &ranges) {
-  for (std::size_t index = 0; index < axis_count; ++index) {
-    const char *const group = axis_titles[index];
-    AxisRange &range = ranges[index];
-    const gint32 lowest = index == zoom ? 1 : G_MININT32;
-    const bool good_minimum = reader.number({group, no_index, "Min"}, lowest, G_MAXINT32, range.minimum);
-    const bool good_maximum = reader.number({group, no_index, "Max"}, lowest, G_MAXINT32, range.maximum);
-    reader.number({group, no_index, "MaxSpeed"}, 1, most_speed, range.max_speed);
-    reader.number({group, no_index, "Acceleration"}, 1, most_speed, range.acceleration);
-    if (good_minimum && good_maximum && range.minimum >= range.maximum) {
-      reader.complain({group, no_index, "Min"}, "%d is not below Max, %d", range.minimum, range.maximum);
+FactoryPreset read_preset(PTZKitDriver *driver, guint32 index, const HeadRanges &ranges, Complaints &complaints) {
+  const std::string group = numbered(preset_group, index);
+  const TextList keys(ptz_settings_get_group(preset_group, static_cast<gint>(index)));
+  const auto has = [&](const char *key) { return keys && g_strv_contains(keys.get(), key) != FALSE; };
+  FactoryPreset preset = {std::string(preset_group) + " " + std::to_string(index + 1), home_within(ranges)};
+  if (has(name_key)) preset.name = ptz_kit_driver_get_string(driver, group.c_str(), name_key);
+  for (std::size_t axis = 0; axis < axis_count; ++axis) {
+    if (!has(axis_titles[axis])) continue;
+    const gint32 position = integer(driver, group, axis_titles[axis]);
+    const AxisRange &range = ranges[axis];
+    if (position < range.minimum || position > range.maximum) {
+      complaints.add("[%s] %s: %d is not within %d to %d", group.c_str(), axis_titles[axis], position, range.minimum,
+                     range.maximum);
     }
+    preset.position[axis] = position;
   }
-}
-
-void read_factory_presets(SettingsReader &reader, const HeadRanges &ranges, Presets &presets) {
-  for (gint32 index = 0; index < gint32{most_presets}; ++index) {
-    constexpr const char *group = "Preset";
-    if (!ptz_settings_has_group(group, index)) continue;
-    const guint32 number = static_cast<guint32>(index) + 1;
-    StoredPreset preset{group + (" " + std::to_string(number)), home_within(ranges)};
-    reader.preset_name({group, index, "Name"}, preset.name);
-    for (std::size_t axis = 0; axis < axis_count; ++axis) {
-      reader.number({group, index, axis_titles[axis]}, ranges[axis].minimum, ranges[axis].maximum,
-                    preset.position[axis]);
-    }
-    presets[number] = preset;
-  }
+  return preset;
 }
 
 }  // namespace
 
-std::optional<DriverSettings> load_driver_settings(const std::vector<std::string> &files,
-                                                   std::vector<std::string> &complaints) {
-  std::vector<PTZSettingsFile> records;
-  for (const std::string &file : files) records.push_back({file.c_str(), TRUE});
-  records.push_back({nullptr, FALSE});
-  if (!ptz_settings_load_config_gkf(records.data(), nullptr)) {
-    complaints.emplace_back("the settings cannot be loaded; the log tells why");
-    return std::nullopt;
-  }
-  SettingsReader reader(complaints);
-  DriverSettings settings;
-  read_ranges(reader, settings.ranges);
-  // With limits that make no sense, neither would what is said about positions.
-  if (reader.content()) read_factory_presets(reader, settings.ranges, settings.factory_presets);
-  if (!reader.content()) return std::nullopt;
-  return settings;
+void declare_settings(PTZKitDriver *driver) {
+  for (std::size_t axis = 0; axis < axis_count; ++axis) declare_axis(driver, axis);
+  declare_presets(driver);
 }
 
-}  // namespace example
+std::optional<DriverSettings> read_settings(PTZKitDriver *driver, GError **error) {
+  Complaints complaints;
+  DriverSettings settings;
+  for (std::size_t axis = 0; axis < axis_count; ++axis) {
+    settings.ranges[axis] = read_range(driver, axis_titles[axis], complaints);
+  }
+  // Positions are not compared with limits that are wrong themselves.
+  const guint32 count = complaints.text().empty() ? most_presets : 0;
+  for (guint32 index = 0; index < count; ++index) {
+    if (ptz_settings_has_group(preset_group, static_cast<gint>(index)) == FALSE) continue;
+    FactoryPreset preset = read_preset(driver, index, settings.ranges, complaints);
+    settings.factory_presets[index + 1] = std::move(preset);
+  }
+  if (complaints.text().empty()) return settings;
+  g_set_error_literal(error, G_KEY_FILE_ERROR, G_KEY_FILE_ERROR_INVALID_VALUE, complaints.text().c_str());
+  return std::nullopt;
+}
+
+}  // namespace sim

@@ -1,13 +1,23 @@
 // head.h - the simulated pan-tilt-zoom head: what a real driver reaches through a serial line or a bus.
 #pragma once
+#include <ptz_kit.h>
+
 #include <algorithm>
 #include <array>
 #include <functional>
 
 #include "axis.h"
-#include "driver_messages.h"
 
-namespace example {
+namespace sim {
+
+// Pan and tilt are in hundredths of a degree (right and up are positive), zoom is the magnification times 100; speeds
+// are these units per second.
+enum AxisIndex : std::size_t { pan = PTZ_KIT_AXIS_PAN, tilt = PTZ_KIT_AXIS_TILT, zoom = PTZ_KIT_AXIS_ZOOM };
+constexpr std::size_t axis_count = PTZ_KIT_N_AXES;
+using PerAxis = std::array<gint32, axis_count>;
+
+constexpr guint8 axis_bit(std::size_t axis) { return static_cast<guint8>(1U << axis); }
+constexpr guint8 all_axes = axis_bit(pan) | axis_bit(tilt) | axis_bit(zoom);
 
 using HeadRanges = std::array<AxisRange, axis_count>;
 
@@ -16,7 +26,8 @@ constexpr HeadRanges head_ranges = {{
     {-20'00, 90'00, 90'00, 180'00},     // tilt
     {1'00, 30'00, 10'00, 20'00},        // zoom, magnification
 }};
-constexpr std::array<const char *, axis_count> axis_names = {"pan", "tilt", "zoom"};
+// Where settings and state files name the axes.
+constexpr std::array<const char *, axis_count> axis_titles = {"Pan", "Tilt", "Zoom"};
 constexpr PerAxis head_home = {0, 0, 1'00};
 
 // Home, or the limit next to it.
@@ -62,4 +73,4 @@ class Head {
   }
 };
 
-}  // namespace example
+}  // namespace sim

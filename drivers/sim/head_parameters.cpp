@@ -8,9 +8,9 @@
 #include <string>
 #include <utility>
 
-#include "presets.h"
+#include "owners.h"
 
-namespace example {
+namespace sim {
 
 namespace {
 
@@ -100,4 +100,4 @@ bool HeadParameters::finish(gint64 limit_ms) const {
   return ptz_tessel_sync(mode) != FALSE;
 }
 
-}  // namespace example
+}  // namespace sim

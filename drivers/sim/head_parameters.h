@@ -5,7 +5,7 @@
 
 #include "head.h"
 
-namespace example {
+namespace sim {
 
 class HeadParameters {
   guint instance_;
@@ -31,4 +31,4 @@ class HeadParameters {
   bool finish(gint64 limit_ms) const;
 };
 
-}  // namespace example
+}  // namespace sim

@@ -6,21 +6,25 @@
 
 #include <optional>
 
-#include "driver.h"
+#include "head.h"
+#include "live_settings.h"
+#include "owners.h"
 
-namespace example {
+namespace sim {
 
 // What a configuration event tells by its kind.
 enum class ChangeKind : gint { changed = 0, added = 1, removed = 2 };
 
-// Serves from start() to its end. Refusals are D-Bus errors that are named after their ErrorCode, such as
+// Serves from start() to its end. Refusals are D-Bus errors that are named after their PTZKitErrorCode, such as
 // com.velk.PTZ.Error.Code5. Whatever changes a preset is announced, a request of the daemon too: as configuration event
 // of the set, with the entries that have changed, and each entry as PropertiesChanged, such as "3.Name". A live setting
 // that changes is announced as PropertiesChanged, too, by its own name, such as "light".
 class LegacyPresets {
   using Skeleton = ptzlegacyconfigdynamicConfigurationLegacy;
 
-  Driver &driver_;
+  PTZKitDriver *driver_;
+  Head &head_;
+  const LiveSettings &live_;
   Object<Skeleton> skeleton_;
   Owned<PTZLegacyConfigHandler, ptz_legacy_config_cleanup> handler_;
   std::optional<SettingWatch> settings_;
@@ -33,11 +37,15 @@ class LegacyPresets {
   static gboolean on_set(Skeleton *skeleton, GDBusMethodInvocation *call, gint number, const gchar *entry,
                          GVariant *value, LegacyPresets *self);
   static gboolean on_get_all(Skeleton *skeleton, GDBusMethodInvocation *call, LegacyPresets *self);
+  static void on_change(PTZKitDriver *driver, guint number, const PTZKitSetPresetRequest *before,
+                        const PTZKitSetPresetRequest *after, LegacyPresets *self);
 
-  void announce(guint32 number, const StoredPreset *before, const StoredPreset *after) const;
+  void announce(guint number, const PTZKitSetPresetRequest *before, const PTZKitSetPresetRequest *after) const;
 
  public:
-  explicit LegacyPresets(Driver &driver) : driver_(driver) {}
+  // All of them outlive it.
+  LegacyPresets(PTZKitDriver *driver, Head &head, const LiveSettings &live)
+      : driver_(driver), head_(head), live_(live) {}
   LegacyPresets(const LegacyPresets &) = delete;
   ~LegacyPresets();
 
@@ -46,4 +54,4 @@ class LegacyPresets {
   bool start(const char *short_name);
 };
 
-}  // namespace example
+}  // namespace sim

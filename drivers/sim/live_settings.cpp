@@ -2,7 +2,7 @@
 
 #include <utility>
 
-namespace example {
+namespace sim {
 
 LiveSettings::LiveSettings() : properties_(ptz_dynamical_properties_new()) {
   for (const auto &setting : live_settings) switch_to(setting.name, false);
@@ -32,4 +32,4 @@ SettingWatch::SettingWatch(const LiveSettings &settings, Function changed)
 
 SettingWatch::~SettingWatch() { g_signal_handler_disconnect(properties_.get(), handler_); }
 
-}  // namespace example
+}  // namespace sim

@@ -8,9 +8,9 @@
 #include <optional>
 #include <string>
 
-#include "owned.h"
+#include "owners.h"
 
-namespace example {
+namespace sim {
 
 struct LiveSetting {
   const char *name;
@@ -49,4 +49,4 @@ class SettingWatch {
   ~SettingWatch();
 };
 
-}  // namespace example
+}  // namespace sim

@@ -42,12 +42,34 @@ std::string_view stripped(std::string_view text) {
   return text.substr(first, text.find_last_not_of(blanks) - first + 1);
 }
 
-// Without a pair of quotes, and with escape sequences resolved, as the library's settings have it.
-std::string cleaned(std::string_view value) {
+// Resolves the escapes of key files. One that is unknown stays, a lone backslash at the end is left out.
+std::string without_key_file_escapes(std::string_view value) {
+  constexpr std::string_view letters = "sntr\\";
+  constexpr std::string_view meanings = " \n\t\r\\";
+  std::string text;
+  for (std::size_t index = 0; index < value.size(); ++index) {
+    if (value[index] != '\\') {
+      text += value[index];
+    } else if (++index < value.size()) {
+      const std::size_t known = letters.find(value[index]);
+      if (known == std::string_view::npos) text += '\\';
+      text += known == std::string_view::npos ? value[index] : meanings[known];
+    }
+  }
+  return text;
+}
+
+// As the library's settings have it: key-file escapes are resolved, a pair of quotes is taken off, C escapes are
+// resolved.
+std::string cleaned(std::string_view raw) {
+  std::string value = without_key_file_escapes(raw);
   if (value.size() >= 2 && (value.front() == '"' || value.front() == '\'') && value.front() == value.back()) {
     value = value.substr(1, value.size() - 2);
   }
-  const Text resolved(g_strcompress(std::string(value).c_str()));
+  // GLib would complain of a lone backslash at the end.
+  const std::size_t before = value.find_last_not_of('\\');
+  if ((value.size() - 1 - before) % 2 == 1) value.pop_back();
+  const Text resolved(g_strcompress(value.c_str()));
   return resolved.get();
 }
 

@@ -1,4 +1,4 @@
-// The tool as it is run: with the example driver, and with drivers that have one fault each.
+// The tool as it is run: with the simulated driver, and with the same driver with one fault each.
 #include <gtest/gtest.h>
 #include <json-glib/json-glib.h>
 #include <sys/wait.h>
@@ -57,8 +57,9 @@ Words with(Words words, const Words &more) {
   words.insert(words.end(), more.begin(), more.end());
   return words;
 }
-Words broken_driver(const std::string &fault) {
-  return {"--instance", "1", "--", BROKEN_DRIVER, "--socket", "{socket}", "--instance", "1", "--fault", fault};
+Words faulty_driver(const std::string &fault) {
+  return {"--instance",     "1",  "--",      SIM_DRIVER, "--socket", "{socket}", "--instance", "1",
+          "--speed-factor", "20", "--fault", fault};
 }
 Words sim_driver() { return {"--", SIM_DRIVER, "--socket", "{socket}", "--speed-factor", "20"}; }
 
@@ -76,6 +77,18 @@ std::vector<Named> listed_checks() {
     if (colon != std::string::npos) checks.push_back({line.substr(0, colon), line.substr(colon + 2)});
   }
   return checks;
+}
+
+// But the first, which is none.
+std::vector<std::string> listed_faults() {
+  char *output = nullptr;
+  g_spawn_command_line_sync(SIM_DRIVER " --fault list", &output, nullptr, nullptr, nullptr);
+  std::istringstream lines(output);
+  g_free(output);
+  std::vector<std::string> names;
+  for (std::string line; std::getline(lines, line);) names.push_back(line.substr(0, line.find(": ")));
+  if (!names.empty()) names.erase(names.begin());
+  return names;
 }
 
 std::vector<std::string> listed_names() {
@@ -97,7 +110,7 @@ std::vector<std::string> names_in(const std::string &tap, const std::string &kin
 
 }  // namespace
 
-TEST(PtzCompliance, TheExampleDriverPassesEveryCheckInSomeSeconds) {
+TEST(PtzCompliance, TheSimulatedDriverPassesEveryCheckInSomeSeconds) {
   const gint64 start = g_get_monotonic_time();
   const ToolRun run = run_tool({"--instance", "1", "--", SIM_DRIVER, "--socket", "{socket}", "--instance", "1"});
   EXPECT_EQ(run.status, 0) << run.output;
@@ -105,8 +118,8 @@ TEST(PtzCompliance, TheExampleDriverPassesEveryCheckInSomeSeconds) {
   EXPECT_LT(g_get_monotonic_time() - start, 20 * G_USEC_PER_SEC);
 }
 
-TEST(PtzCompliance, TheBrokenDriverWithoutAFaultPassesEveryCheck) {
-  const ToolRun run = run_tool(with({"--tap"}, broken_driver("")));
+TEST(PtzCompliance, TheServerOfTheFaultsWithoutOnePassesEveryCheck) {
+  const ToolRun run = run_tool(with({"--tap"}, faulty_driver("none")));
   EXPECT_EQ(run.status, 0) << run.output;
   EXPECT_EQ(names_in(run.output, "ok"), listed_names());
   EXPECT_EQ(run.output.find("# SKIP"), std::string::npos) << run.output;
@@ -121,9 +134,11 @@ TEST(PtzCompliance, NamesAreDottedUniqueAndAtLeastForty) {
   }
 }
 
-// A fault is named as the check that finds it: each check has a driver that fails it and no other. These runs mostly
-// wait for what does not come, so many go on beside each other, begun by the first test that wants one of them.
-class BrokenDriver : public testing::TestWithParam<std::string> {
+TEST(PtzCompliance, EveryCheckHasAFaultThatItFinds) { EXPECT_EQ(listed_faults(), listed_names()); }
+
+// A fault is named as the check that finds it: the driver with this fault fails that check and no other. These runs
+// mostly wait for what does not come, so many go on beside each other, begun by the first test that wants one of them.
+class FaultyDriver : public testing::TestWithParam<std::string> {
   static constexpr std::size_t most_at_once = 8;
 
   static inline std::map<std::string, std::promise<ToolRun>> runs_;
@@ -132,7 +147,7 @@ class BrokenDriver : public testing::TestWithParam<std::string> {
 
   static void run_some(const std::vector<std::string> &faults) {
     for (std::size_t index = next_++; index < faults.size(); index = next_++) {
-      runs_[faults[index]].set_value(run_tool(with({"--tap"}, broken_driver(faults[index]))));
+      runs_[faults[index]].set_value(run_tool(with({"--tap"}, faulty_driver(faults[index]))));
     }
   }
 
@@ -157,13 +172,13 @@ class BrokenDriver : public testing::TestWithParam<std::string> {
   static ToolRun run() { return runs_[GetParam()].get_future().get(); }
 };
 
-TEST_P(BrokenDriver, FailsTheCheckOfItsFaultOnly) {
-  const ToolRun run = BrokenDriver::run();
+TEST_P(FaultyDriver, FailsTheCheckOfItsFaultOnly) {
+  const ToolRun run = FaultyDriver::run();
   EXPECT_EQ(run.status, 1);
   EXPECT_EQ(names_in(run.output, "not ok"), Words{GetParam()}) << run.output;
 }
 
-INSTANTIATE_TEST_SUITE_P(Faults, BrokenDriver, testing::ValuesIn(listed_names()), [](const auto &info) {
+INSTANTIATE_TEST_SUITE_P(Faults, FaultyDriver, testing::ValuesIn(listed_faults()), [](const auto &info) {
   std::string name = info.param;
   for (char &letter : name) {
     if (std::isalnum(static_cast<unsigned char>(letter)) == 0) letter = '_';
@@ -173,7 +188,7 @@ INSTANTIATE_TEST_SUITE_P(Faults, BrokenDriver, testing::ValuesIn(listed_names())
 
 TEST(PtzCompliance, AFailureComesWithItsReasonAndItsBytes) {
   const ToolRun run =
-      run_tool(with({"--timeout", "0.3", "--only", "replies.id-is-copied"}, broken_driver("replies.id-is-copied")));
+      run_tool(with({"--timeout", "0.3", "--only", "replies.id-is-copied"}, faulty_driver("replies.id-is-copied")));
   EXPECT_EQ(run.status, 1);
   EXPECT_NE(run.output.find("failed          replies.id-is-copied: a reply carries the message id of its request, "
                             "whatever it is - client 1 has no reply to request 305419896 within 300 ms\n"),
@@ -187,13 +202,13 @@ TEST(PtzCompliance, AFailureComesWithItsReasonAndItsBytes) {
 }
 
 TEST(PtzCompliance, ADriverThatDiesIsNamedWithItsSignalAndStartedAgain) {
-  const ToolRun run = run_tool(with({"--only", "commands.text-*"}, broken_driver("commands.text-beyond-the-body")));
+  const ToolRun run = run_tool(with({"--only", "commands.text-*"}, faulty_driver("commands.text-beyond-the-body")));
   EXPECT_NE(run.output.find("the driver was ended by signal 6 (Aborted)"), std::string::npos) << run.output;
   EXPECT_NE(run.output.find("1 passed, 1 failed"), std::string::npos) << run.output;
 }
 
 TEST(PtzCompliance, WhatDoesNotApplySaysWhyAndFailsNothing) {
-  const ToolRun run = run_tool(with({"--only", "*.conttilt"}, broken_driver("caps.usable")));
+  const ToolRun run = run_tool(with({"--only", "*.conttilt"}, faulty_driver("caps.usable")));
   EXPECT_EQ(run.status, 0);
   EXPECT_NE(run.output.find("not applicable  caps.answers-what-it-announces.conttilt: who announces continuous tilt "
                             "obeys it - the driver does not announce continuous tilt\n"),
@@ -217,7 +232,7 @@ TEST(PtzCompliance, LatenciesAreShown) {
 TEST(PtzCompliance, TapHasAPlanSkipsAndDiagnostics) {
   const ToolRun run =
       run_tool(with({"--tap", "--timeout", "0.3", "--only", "process.sigterm-s*", "--only", "process.sigterm"},
-                    broken_driver("process.sigterm")));
+                    faulty_driver("process.sigterm")));
   EXPECT_EQ(run.output.find("TAP version 13\n1..2\nnot ok 1 - process.sigterm\n  ---\n  check: \"SIGTERM ends the "
                             "driver\"\n  message: \"the driver still runs 300 ms after SIGTERM\"\n"),
             0U)
@@ -229,7 +244,7 @@ TEST(PtzCompliance, TapHasAPlanSkipsAndDiagnostics) {
 
 TEST(PtzCompliance, JsonHasEveryCheckAndTheBytesOfFailures) {
   const ToolRun run = run_tool(
-      with({"--json", "--only", "socket.*", "--only", "framing.empty-body"}, broken_driver("framing.empty-body")));
+      with({"--json", "--only", "socket.*", "--only", "framing.empty-body"}, faulty_driver("framing.empty-body")));
   EXPECT_EQ(run.status, 1);
   JsonParser *const parser = json_parser_new();
   ASSERT_TRUE(json_parser_load_from_data(parser, run.output.data(), static_cast<gssize>(run.output.size()), nullptr))

@@ -5,8 +5,8 @@
 #include <cmath>
 #include <random>
 
-using example::Axis;
-using example::AxisRange;
+using sim::Axis;
+using sim::AxisRange;
 
 namespace {
 

@@ -5,15 +5,15 @@
 #include <fstream>
 #include <ostream>
 
-#include "driver.h"
 #include "fixtures.h"
+#include "running_driver.h"
 #include "syslog_capture.h"
 
-using namespace example;
+using namespace sim;
 
 namespace {
 
-class DriverSettingsFiles : public testing::Test {
+class DriverSettingsFiles : public sim_test::RunningDriver {
  protected:
   ptz_test::TempDir dir_;
   ptz_test::SyslogCapture log_;
@@ -23,9 +23,22 @@ class DriverSettingsFiles : public testing::Test {
     std::ofstream(dir_.file(name)) << text;
     return dir_.file(name);
   }
-  std::optional<DriverSettings> load(const std::string &text) {
-    return load_driver_settings({write("settings", text)}, complaints_);
+  std::optional<DriverSettings> load_files(const std::vector<std::string> &files) {
+    std::vector<const gchar *> paths;
+    for (const std::string &file : files) paths.push_back(file.c_str());
+    paths.push_back(nullptr);
+    GError *raw = nullptr;
+    if (ptz_kit_driver_load_settings(driver_.get(), paths.data(), &raw) != FALSE) {
+      return read_settings(driver_.get(), nullptr);
+    }
+    const Error error(raw);
+    const TextList lines(g_strsplit(error->message, "\n", -1));
+    for (char **line = lines.get(); *line != nullptr; ++line) complaints_.emplace_back(*line);
+    return std::nullopt;
   }
+  std::optional<DriverSettings> load(const std::string &text) { return load_files({write("settings", text)}); }
+  // Where a complaint says that the value stands.
+  std::string at(int line) const { return dir_.file("settings") + ":" + std::to_string(line) + ": "; }
 };
 
 struct BadValue {
@@ -39,7 +52,7 @@ class DriverSettingsBadValue : public DriverSettingsFiles, public testing::WithP
 }  // namespace
 
 TEST_F(DriverSettingsFiles, OfTheExampleAreWhatItShows) {
-  const auto settings = load_driver_settings({SIM_DRIVER_SETTINGS}, complaints_);
+  const auto settings = load_files({SIM_DRIVER_SETTINGS});
   ASSERT_TRUE(settings) << complaints_.front();
   EXPECT_EQ(settings->ranges[pan].minimum, -160'00);
   EXPECT_EQ(settings->ranges[pan].maximum, 160'00);
@@ -67,7 +80,7 @@ TEST_F(DriverSettingsFiles, AreTheBuiltInOnesWhereAKeyIsMissing) {
 TEST_F(DriverSettingsFiles, AreReadAsOneWhereALaterKeyCounts) {
   const std::string first = write("1.conf", "[Pan]\nMin=-100\nMax=100\n");
   const std::string second = write("2.conf", "[Pan]\nMax=0x20\n");
-  const auto settings = load_driver_settings({first, second}, complaints_);
+  const auto settings = load_files({first, second});
   ASSERT_TRUE(settings);
   EXPECT_EQ(settings->ranges[pan].minimum, -100);
   EXPECT_EQ(settings->ranges[pan].maximum, 32);
@@ -93,20 +106,31 @@ TEST_F(DriverSettingsFiles, MayLeaveOutPresetsAndTheirKeys) {
 TEST_F(DriverSettingsFiles, PutTheHeadNextToItsHomeWhereTheLimitsExcludeThat) {
   const auto settings = load("[Pan]\nMin=500\n[Tilt]\nMax=-300\n[Zoom]\nMin=200\n");
   ASSERT_TRUE(settings);
-  Driver driver(settings->ranges);
-  EXPECT_EQ(driver.head().each(&Axis::position), (PerAxis{500, -300, 200}));
+  start();
+  EXPECT_EQ(head_of(driver_.get()).each(&Axis::position), (PerAxis{500, -300, 200}));
 }
 
 TEST_F(DriverSettingsFiles, TellAllThatIsWrong) {
   EXPECT_FALSE(load("[Pan]\nMaxSpeed=0\n[Zoom]\nMin=x\nAcceleration=-1\n"));
-  EXPECT_EQ(complaints_, (std::vector<std::string>{"[Pan] MaxSpeed: 0 is not within 1 to 1000000",
-                                                   "[Zoom] Min: this is no whole number",
-                                                   "[Zoom] Acceleration: -1 is not within 1 to 1000000"}));
+  EXPECT_EQ(complaints_, (std::vector<std::string>{at(2) + "[Pan] MaxSpeed: 0 is not within 1 to 1000000",
+                                                   at(4) + "[Zoom] Min: \"x\" is not a whole number",
+                                                   at(5) + "[Zoom] Acceleration: -1 is not within 1 to 1000000"}));
+}
+
+TEST_F(DriverSettingsFiles, TellAllThatDoesNotFitTheRest) {
+  EXPECT_FALSE(load("[Pan]\nMin=17001\n[Zoom]\nMax=99\n[Preset3]\nTilt=9001\n"));
+  EXPECT_EQ(complaints_, (std::vector<std::string>{"[Pan] Min: 17001 is not below Max, 17000",
+                                                   "[Zoom] Min: 100 is not below Max, 99"}));
+  complaints_.clear();
+  make();
+  EXPECT_FALSE(load("[Preset3]\nTilt=9001\n[Preset4]\nPan=-17001\n"));
+  EXPECT_EQ(complaints_, (std::vector<std::string>{"[Preset3] Tilt: 9001 is not within -2000 to 9000",
+                                                   "[Preset4] Pan: -17001 is not within -17000 to 17000"}));
 }
 
 TEST_F(DriverSettingsFiles, MustAllBeThere) {
   const std::string there = write("1.conf", "[Pan]\nMin=-100\n");
-  EXPECT_FALSE(load_driver_settings({there, dir_.file("missing")}, complaints_));
+  EXPECT_FALSE(load_files({there, dir_.file("missing")}));
   EXPECT_EQ(complaints_.size(), 1U);
 }
 
@@ -118,7 +142,7 @@ TEST_F(DriverSettingsFiles, MustBeAKeyFile) {
 TEST_P(DriverSettingsBadValue, IsRefusedByGroupAndKey) {
   EXPECT_FALSE(load(GetParam().text));
   ASSERT_EQ(complaints_.size(), 1U);
-  EXPECT_EQ(complaints_.front().find(std::string(GetParam().group_and_key) + ": "), 0U) << complaints_.front();
+  EXPECT_NE(complaints_.front().find(GetParam().group_and_key), std::string::npos) << complaints_.front();
 }
 INSTANTIATE_TEST_SUITE_P(
     All, DriverSettingsBadValue,
@@ -135,5 +159,5 @@ INSTANTIATE_TEST_SUITE_P(
         BadValue{"[Preset0]\nPan=17001\n", "[Preset0] Pan"}, BadValue{"[Preset31]\nZoom=x\n", "[Preset31] Zoom"},
         BadValue{"[Preset2]\nName=\n", "[Preset2] Name"},
         BadValue{"[Preset2]\nName=123456789012345678901234567890123\n", "[Preset2] Name"},
-        BadValue{"[Preset2]\nName=caf\xE9\n", "[Preset2] Name"},
+        BadValue{"[Preset2]\nName=caf\xE9\n", "the file is not UTF-8"},
         BadValue{"[Preset2]\nName=caf\\\\351\n", "[Preset2] Name"}));

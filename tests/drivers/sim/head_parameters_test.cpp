@@ -12,9 +12,10 @@
 #include <string>
 
 #include "fixtures.h"
+#include "owners.h"
 #include "syslog_capture.h"
 
-using namespace example;
+using namespace sim;
 using ptz_test::SyslogCapture;
 
 namespace {

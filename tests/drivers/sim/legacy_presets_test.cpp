@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "bus.h"
-#include "driver_messages.h"
+#include "messages.h"
 #include "peers.h"
 #include "process.h"
 
@@ -22,7 +22,7 @@ namespace {
 constexpr char bus_name[] = "com.velk.PTZ.sim";
 constexpr char path[] = "/com/velk/PTZ/sim";
 
-gint number_of(example::ErrorCode code) { return static_cast<gint>(code); }
+gint number_of(PTZKitErrorCode code) { return static_cast<gint>(code); }
 
 struct LegacyPresetsOfTheDriver : testing::Test {
   TempDir dir;
@@ -80,21 +80,21 @@ TEST_F(LegacyPresetsOfTheDriver, AreAddedUnderTheNumberAskedForOrTheLowestFreeOn
   EXPECT_EQ(ask("AddConfiguration", "(0,)").text(), "(4,)");
   EXPECT_EQ(ask("GetConfigurationEntry", "(7, 'Name')").text(), "(<'Preset7'>,)");
   EXPECT_EQ(ask("GetConfigurationEntry", "(7, 'Zoom')").text(), "(<100>,)");
-  EXPECT_EQ(refused("AddConfiguration", "(7,)"), number_of(example::ErrorCode::out_of_range));
-  EXPECT_EQ(refused("AddConfiguration", "(33,)"), number_of(example::ErrorCode::out_of_range));
+  EXPECT_EQ(refused("AddConfiguration", "(7,)"), number_of(PTZ_KIT_ERROR_CODE_OUT_OF_RANGE));
+  EXPECT_EQ(refused("AddConfiguration", "(33,)"), number_of(PTZ_KIT_ERROR_CODE_OUT_OF_RANGE));
 }
 
 TEST_F(LegacyPresetsOfTheDriver, RunOutOfNumbers) {
   for (int number = 3; number <= 32; ++number) {
     EXPECT_EQ(ask("AddConfiguration", "(-1,)").text(), "(" + std::to_string(number) + ",)");
   }
-  EXPECT_EQ(refused("AddConfiguration", "(-1,)"), number_of(example::ErrorCode::out_of_range));
+  EXPECT_EQ(refused("AddConfiguration", "(-1,)"), number_of(PTZ_KIT_ERROR_CODE_OUT_OF_RANGE));
 }
 
 TEST_F(LegacyPresetsOfTheDriver, AreRemoved) {
   EXPECT_EQ(ask("RemoveConfiguration", "(1,)").text(), "()");
-  EXPECT_EQ(refused("GetConfigurationEntry", "(1, 'Name')"), number_of(example::ErrorCode::not_found));
-  EXPECT_EQ(refused("RemoveConfiguration", "(1,)"), number_of(example::ErrorCode::not_found));
+  EXPECT_EQ(refused("GetConfigurationEntry", "(1, 'Name')"), number_of(PTZ_KIT_ERROR_CODE_NOT_FOUND));
+  EXPECT_EQ(refused("RemoveConfiguration", "(1,)"), number_of(PTZ_KIT_ERROR_CODE_NOT_FOUND));
 }
 
 TEST_F(LegacyPresetsOfTheDriver, HaveEntriesThatMayBeSet) {
@@ -110,7 +110,7 @@ struct RefusalCase {
   const char *label;
   const char *method;
   const char *parameters;
-  example::ErrorCode code;
+  PTZKitErrorCode code;
 };
 
 void PrintTo(const RefusalCase &refusal, std::ostream *out) { *out << refusal.method << refusal.parameters; }
@@ -123,26 +123,27 @@ TEST_P(LegacyPresetsRefusals, HaveACodeAndChangeNothing) {
   EXPECT_TRUE(events.signals.empty());
 }
 
-using example::ErrorCode;
 INSTANTIATE_TEST_SUITE_P(
     All, LegacyPresetsRefusals,
     testing::Values(
-        RefusalCase{"SetOfNoPreset", "SetConfigurationEntry", "(3, 'Name', <'x'>)", ErrorCode::not_found},
-        RefusalCase{"SetOfANegativePreset", "SetConfigurationEntry", "(-1, 'Name', <'x'>)", ErrorCode::not_found},
-        RefusalCase{"SetOfNoEntry", "SetConfigurationEntry", "(1, 'Speed', <7>)", ErrorCode::not_found},
-        RefusalCase{"SetOfOtherCase", "SetConfigurationEntry", "(1, 'pan', <7>)", ErrorCode::not_found},
-        RefusalCase{"TextForANumber", "SetConfigurationEntry", "(1, 'Pan', <'7'>)", ErrorCode::malformed},
-        RefusalCase{"OtherNumber", "SetConfigurationEntry", "(1, 'Pan', <uint32 7>)", ErrorCode::malformed},
-        RefusalCase{"NumberForAText", "SetConfigurationEntry", "(1, 'Name', <7>)", ErrorCode::malformed},
-        RefusalCase{"EmptyName", "SetConfigurationEntry", "(1, 'Name', <''>)", ErrorCode::out_of_range},
+        RefusalCase{"SetOfNoPreset", "SetConfigurationEntry", "(3, 'Name', <'x'>)", PTZ_KIT_ERROR_CODE_NOT_FOUND},
+        RefusalCase{"SetOfANegativePreset", "SetConfigurationEntry", "(-1, 'Name', <'x'>)",
+                    PTZ_KIT_ERROR_CODE_NOT_FOUND},
+        RefusalCase{"SetOfNoEntry", "SetConfigurationEntry", "(1, 'Speed', <7>)", PTZ_KIT_ERROR_CODE_NOT_FOUND},
+        RefusalCase{"SetOfOtherCase", "SetConfigurationEntry", "(1, 'pan', <7>)", PTZ_KIT_ERROR_CODE_NOT_FOUND},
+        RefusalCase{"TextForANumber", "SetConfigurationEntry", "(1, 'Pan', <'7'>)", PTZ_KIT_ERROR_CODE_MALFORMED},
+        RefusalCase{"OtherNumber", "SetConfigurationEntry", "(1, 'Pan', <uint32 7>)", PTZ_KIT_ERROR_CODE_MALFORMED},
+        RefusalCase{"NumberForAText", "SetConfigurationEntry", "(1, 'Name', <7>)", PTZ_KIT_ERROR_CODE_MALFORMED},
+        RefusalCase{"EmptyName", "SetConfigurationEntry", "(1, 'Name', <''>)", PTZ_KIT_ERROR_CODE_OUT_OF_RANGE},
         RefusalCase{"LongName", "SetConfigurationEntry", "(1, 'Name', <'123456789012345678901234567890123'>)",
-                    ErrorCode::out_of_range},
-        RefusalCase{"NameThatIsNoText", "SetConfigurationEntry", "(1, 'Name', <b'\\377'>)", ErrorCode::out_of_range},
-        RefusalCase{"BeyondALimit", "SetConfigurationEntry", "(1, 'Pan', <16001>)", ErrorCode::out_of_range},
-        RefusalCase{"GetOfNoPreset", "GetConfigurationEntry", "(2147483647, 'Name')", ErrorCode::not_found},
-        RefusalCase{"GetOfNoEntry", "GetConfigurationEntry", "(1, '')", ErrorCode::not_found},
-        RefusalCase{"RemoveOfNoPreset", "RemoveConfiguration", "(-2147483648,)", ErrorCode::not_found},
-        RefusalCase{"SyncWithoutAFile", "Sync", "()", ErrorCode::not_kept}),
+                    PTZ_KIT_ERROR_CODE_OUT_OF_RANGE},
+        RefusalCase{"NameThatIsNoText", "SetConfigurationEntry", "(1, 'Name', <b'\\377'>)",
+                    PTZ_KIT_ERROR_CODE_OUT_OF_RANGE},
+        RefusalCase{"BeyondALimit", "SetConfigurationEntry", "(1, 'Pan', <16001>)", PTZ_KIT_ERROR_CODE_OUT_OF_RANGE},
+        RefusalCase{"GetOfNoPreset", "GetConfigurationEntry", "(2147483647, 'Name')", PTZ_KIT_ERROR_CODE_NOT_FOUND},
+        RefusalCase{"GetOfNoEntry", "GetConfigurationEntry", "(1, '')", PTZ_KIT_ERROR_CODE_NOT_FOUND},
+        RefusalCase{"RemoveOfNoPreset", "RemoveConfiguration", "(-2147483648,)", PTZ_KIT_ERROR_CODE_NOT_FOUND},
+        RefusalCase{"SyncWithoutAFile", "Sync", "()", PTZ_KIT_ERROR_CODE_NOT_KEPT}),
     [](const auto &info) { return info.param.label; });
 
 TEST_F(LegacyPresetsOfTheDriver, AreAnnouncedWhenTheyChange) {
@@ -179,11 +180,12 @@ TEST_F(LegacyPresetsOfTheDriver, AreAnnouncedWhenTheyComeAndGo) {
 }
 
 TEST_F(LegacyPresetsOfTheDriver, AreAnnouncedTogetherWithLiveSettings) {
-  const example::Object<PTZSocketClientCommand> client(
+  const sim::Object<PTZSocketClientCommand> client(
       ptz_socket_client_command_new(dir.file("socket").c_str(), -1, SOCK_STREAM));
   for (const guint32 state : {PTZ_ENABLE_ON, PTZ_ENABLE_ON, PTZ_ENABLE_OFF}) {  // the second time nothing changes
-    const auto request = make_body(PTZ_COMMAND_AUXILIARY, example::Auxiliary{"light", state});
-    ASSERT_TRUE(ptz_socket_client_command_async_send(client.get(), request->data, request->len, nullptr));
+    const auto request = sim_test::make_body(sim_test::Auxiliary{"light", state});
+    ASSERT_TRUE(ptz_socket_client_command_async_send(client.get(), request.data(), static_cast<guint32>(request.size()),
+                                                     nullptr));
   }
   EXPECT_EQ(
       bodies(properties, 2),
@@ -204,7 +206,7 @@ TEST_F(LegacyPresetsOfTheDriver, OutliveTheDriverInItsFile) {
   driver->signal(SIGKILL);
   start(with_state);
   EXPECT_EQ(ask("GetConfigurationEntry", "(9, 'Name')").text(), "(<'kept'>,)");
-  EXPECT_EQ(refused("GetConfigurationEntry", "(8, 'Name')"), number_of(example::ErrorCode::not_found));
+  EXPECT_EQ(refused("GetConfigurationEntry", "(8, 'Name')"), number_of(PTZ_KIT_ERROR_CODE_NOT_FOUND));
   EXPECT_EQ(ask("GetConfigurationEntry", "(1, 'Name')").text(), "(<'overview'>,)");  // the factory's
 }
 

@@ -18,12 +18,13 @@
 #include <string>
 #include <thread>
 
-#include "driver_messages.h"
 #include "fixtures.h"
+#include "messages.h"
 #include "peers.h"
 #include "process.h"
 
-using namespace example;
+using namespace sim;
+using namespace sim_test;
 using ptz_test::contents;
 using ptz_test::Process;
 
@@ -55,12 +56,13 @@ class SimDriverProgram : public testing::Test {
 
   // The reply to a request; empty if there is none. A synchronous request must not be made on the main thread.
   Body ask(const Body &request) {
-    Body reply(ptz_serialize_create_array());
+    Body reply;
     std::thread([&] {
       std::array<guint8, PTZ_SOCKET_BODY_MAX> buffer;
       guint32 length = 0;
-      if (ptz_socket_client_command_sync_send(client_.get(), request->data, request->len, buffer.data(), &length)) {
-        ptz_serialize_blob(reply.get(), buffer.data(), length);
+      if (ptz_socket_client_command_sync_send(client_.get(), request.data(), static_cast<guint32>(request.size()),
+                                              buffer.data(), &length)) {
+        reply.assign(reinterpret_cast<const char *>(buffer.data()), length);
       }
     }).join();
     return reply;
@@ -72,40 +74,23 @@ class SimDriverProgram : public testing::Test {
     start_driver(more);
     connect();
   }
-  Body set_preset(guint32 number, const std::string &name) {
-    return ask(make_body(PTZ_COMMAND_SET_DEVICE_PRESET, Preset{number, name}));
-  }
+  Body set_preset(guint32 number, const std::string &name) { return ask(make_body(Preset{number, name})); }
   std::string preset_names() {
-    const Body reply = ask(make_body(PTZ_COMMAND_GET_DEVICE_PRESETS));
-    BodyReader reader(reply.get());
-    EXPECT_EQ(reader.i32(), PTZ_COMMAND_GET_DEVICE_PRESETS);
     std::string names;
-    for (const Preset &preset : PresetList::read(reader).elements) names += preset.name + ";";
+    for (const Preset &preset : read_presets(ask(make_body(PTZ_COMMAND_GET_DEVICE_PRESETS))))
+      names += preset.name + ";";
     return names;
   }
-  void expect_not_kept(const Body &reply) {
-    BodyReader reader(reply.get());
-    EXPECT_EQ(reader.i32(), PTZ_COMMAND_ERROR_REPLY);
-    const ErrorReply error = ErrorReply::read(reader);
-    EXPECT_TRUE(error.code == ErrorCode::not_kept) << error.text;
-    EXPECT_TRUE(reader.finished());
-  }
-  gint32 first_word(const Body &reply) { return BodyReader(reply.get()).i32(); }
-  Positions positions() {
-    const Body reply = ask(make_body(PTZ_COMMAND_QUERY_POSITION));
-    BodyReader reader(reply.get());
-    EXPECT_EQ(reader.i32(), PTZ_COMMAND_QUERY_POSITION);
-    Positions read = Positions::read(reader);
-    EXPECT_TRUE(reader.finished());
-    return read;
-  }
+  void expect_not_kept(const Body &reply) { EXPECT_EQ(refusal(reply), guint32{PTZ_KIT_ERROR_CODE_NOT_KEPT}); }
+  Positions positions() { return read_positions(ask(make_body(PTZ_COMMAND_QUERY_POSITION))); }
+  Limits limits() { return read_limits(ask(make_body(PTZ_COMMAND_QUERY_LIMIT_RANGES))); }
 };
 
 }  // namespace
 
 TEST_F(SimDriverProgram, MovesInRealTimeAndArrives) {
   const MoveRequest move{PTZ_MOVE_ABSOLUTE, all_axes, full_speed, {40'00, -10'00, 2'00}};
-  EXPECT_EQ(first_word(ask(make_body(PTZ_COMMAND_MOVE, move))), PTZ_COMMAND_MOVE);
+  EXPECT_EQ(first_word(ask(make_body(move))), PTZ_COMMAND_MOVE);
   EXPECT_FALSE(positions().idle());
   EXPECT_TRUE(ptz_test::run_until([&] { return positions().idle(); }));
   EXPECT_EQ(positions().position, move.values);
@@ -113,7 +98,7 @@ TEST_F(SimDriverProgram, MovesInRealTimeAndArrives) {
 
 TEST_F(SimDriverProgram, SleepsWhileTheHeadStandsStill) {
   const MoveRequest move{PTZ_MOVE_ABSOLUTE, axis_bit(pan), full_speed, {40'00, 0, 0}};
-  EXPECT_EQ(first_word(ask(make_body(PTZ_COMMAND_MOVE, move))), PTZ_COMMAND_MOVE);
+  EXPECT_EQ(first_word(ask(make_body(move))), PTZ_COMMAND_MOVE);
   ASSERT_TRUE(ptz_test::run_until([&] { return positions().idle(); }));
   g_usleep(100'000);  // the timer ends itself the next time it runs
   const auto wake_ups = [&] {
@@ -136,14 +121,13 @@ TEST_F(SimDriverProgram, AnswersAsynchronousRequestsOnTheMainLoop) {
   ptz_socket_client_register_callback(
       PTZ_SOCKET_CLIENT(client_.get()),
       [](gpointer reply, gpointer data, guint32 length) {
-        const Body body(ptz_serialize_create_array());
-        ptz_serialize_blob(body.get(), data, length);
-        static_cast<Reply *>(reply)->command = BodyReader(body.get()).i32();
+        static_cast<Reply *>(reply)->command = first_word({static_cast<const char *>(data), length});
       },
       nullptr);
   const Body request = make_body(PTZ_COMMAND_GET_DRIVER_NAME);
   for (Reply &reply : replies) {
-    ASSERT_TRUE(ptz_socket_client_command_async_send(client_.get(), request->data, request->len, &reply));
+    ASSERT_TRUE(ptz_socket_client_command_async_send(client_.get(), request.data(),
+                                                     static_cast<guint32>(request.size()), &reply));
   }
   const auto all_there = [&] {
     return std::ranges::all_of(replies,
@@ -153,9 +137,9 @@ TEST_F(SimDriverProgram, AnswersAsynchronousRequestsOnTheMainLoop) {
 }
 
 TEST_F(SimDriverProgram, RefusesBadRequestsAndLivesOn) {
-  Body cut_short = make_body(PTZ_COMMAND_MOVE, MoveRequest{PTZ_MOVE_ABSOLUTE, all_axes, full_speed, {}});
-  for (guint size = cut_short->len - 1; size > 0; --size) {
-    g_array_set_size(cut_short.get(), size);
+  Body cut_short = make_body(MoveRequest{PTZ_MOVE_ABSOLUTE, all_axes, full_speed, {}});
+  for (std::size_t size = cut_short.size() - 1; size > 0; --size) {
+    cut_short.resize(size);
     EXPECT_EQ(first_word(ask(cut_short)), PTZ_COMMAND_ERROR_REPLY) << size;
   }
   EXPECT_EQ(first_word(ask(make_body(PTZCommand(30)))), PTZ_COMMAND_ERROR_REPLY);
@@ -166,7 +150,7 @@ TEST_F(SimDriverProgram, LogsProcessIdOfClientThatDoesNotReadItsReplies) {
   const auto client = ptz_test::connect_to(socket_);
   ASSERT_EQ(fcntl(client.get(), F_SETFL, O_NONBLOCK), 0);
   const Body request = make_body(PTZ_COMMAND_GET_DRIVER_NAME);
-  const std::string bytes = ptz_test::frame(1, {request->data, request->len});
+  const std::string bytes = ptz_test::frame(1, request);
   const std::string line = " to process " + std::to_string(getpid()) + " could not be sent\n";
   const auto is_logged = [&] { return contents(output_).find(line) != std::string::npos; };
   for (int requests = 0; requests < 10'000 && ptz_test::send_all(client.get(), bytes); ++requests) {
@@ -178,11 +162,11 @@ TEST_F(SimDriverProgram, LogsProcessIdOfClientThatDoesNotReadItsReplies) {
 TEST_F(SimDriverProgram, EndsCleanlyOnASignalWhileItMoves) {
   for (const int signal : {SIGTERM, SIGINT}) {
     const MoveRequest move{PTZ_MOVE_CONTINUOUS, axis_bit(pan), 1, {10'00, 0, 0}};
-    EXPECT_EQ(first_word(ask(make_body(PTZ_COMMAND_MOVE, move))), PTZ_COMMAND_MOVE);
+    EXPECT_EQ(first_word(ask(make_body(move))), PTZ_COMMAND_MOVE);
     driver_->signal(signal);
     EXPECT_EQ(driver_->wait(), 0) << contents(output_);
     EXPECT_FALSE(std::filesystem::exists(socket_));
-    EXPECT_EQ(ask(make_body(PTZ_COMMAND_QUERY_POSITION))->len, 0U);
+    EXPECT_EQ(ask(make_body(PTZ_COMMAND_QUERY_POSITION)), "");
     client_.reset();
     start_driver();
     connect();
@@ -202,7 +186,8 @@ TEST_F(SimDriverProgram, ListsItsCapabilitiesAndRequestsWhenVerbose) {
   connect();
   EXPECT_EQ(first_word(ask(make_body(PTZ_COMMAND_OSD_MENU))), PTZ_COMMAND_ERROR_REPLY);
   const std::string output = contents(output_);
-  for (const char *line : {": driver_cap->move:\n", ": RelPan\n", ": DevicePreset\n", "refused, code 2\n"}) {
+  for (const char *line : {": driver_cap->move:\n", ": RelPan\n", ": DevicePreset\n",
+                           ": error 2, this driver does not serve \"OSD Menu\"\n"}) {
     EXPECT_NE(output.find(line), std::string::npos) << line << output;
   }
 }
@@ -210,10 +195,7 @@ TEST_F(SimDriverProgram, ListsItsCapabilitiesAndRequestsWhenVerbose) {
 TEST_F(SimDriverProgram, TakesItsLimitsAndFactoryPresetsFromSettings) {
   std::ofstream(dir_.file("more.conf")) << "[Pan]\nMin=-4000\n[Preset1]\nPan=0\n";
   restart_driver({"--config", SIM_DRIVER_SETTINGS, "--config", dir_.file("more.conf")});
-  const Body reply = ask(make_body(PTZ_COMMAND_QUERY_LIMIT_RANGES));
-  BodyReader reader(reply.get());
-  EXPECT_EQ(reader.i32(), PTZ_COMMAND_QUERY_LIMIT_RANGES);
-  const Limits limits = Limits::read(reader);
+  const Limits limits = this->limits();
   EXPECT_EQ(limits.minimum, (PerAxis{-40'00, -15'00, 1'00}));
   EXPECT_EQ(limits.maximum, (PerAxis{160'00, 90'00, 20'00}));
   EXPECT_EQ(preset_names(), "overview;far gate;");
@@ -221,10 +203,10 @@ TEST_F(SimDriverProgram, TakesItsLimitsAndFactoryPresetsFromSettings) {
 
 TEST_F(SimDriverProgram, DoesNotStartWithSettingsThatMakeNoSense) {
   std::ofstream(dir_.file("bad.conf")) << "[Tilt]\nMaxSpeed=0\n";
-  for (const auto &[file, told] : {std::pair{dir_.file("bad.conf"), "sim-driver: [Tilt] MaxSpeed: 0 is not within"},
+  for (const auto &[file, told] : {std::pair{dir_.file("bad.conf"), "bad.conf:2: [Tilt] MaxSpeed: 0 is not within"},
                                    {dir_.file("missing.conf"), "missing.conf"}}) {
     Process driver(SIM_DRIVER, {"--socket", dir_.file("other.socket"), "--config", file}, output_);
-    EXPECT_EQ(driver.wait(), 1);
+    EXPECT_EQ(driver.wait(), 2);
     EXPECT_NE(contents(output_).find(told), std::string::npos) << contents(output_);
     EXPECT_FALSE(std::filesystem::exists(dir_.file("other.socket")));
   }
@@ -234,15 +216,14 @@ TEST_F(SimDriverProgram, KeepsItsPresetsWhenItIsKilled) {
   const std::vector<std::string> state = {"--state", dir_.file("new/folder/state")};
   restart_driver(state);
   const MoveRequest move{PTZ_MOVE_ABSOLUTE, all_axes, full_speed, {40'00, -10'00, 2'00}};
-  EXPECT_EQ(first_word(ask(make_body(PTZ_COMMAND_MOVE, move))), PTZ_COMMAND_MOVE);
+  EXPECT_EQ(first_word(ask(make_body(move))), PTZ_COMMAND_MOVE);
   ASSERT_TRUE(ptz_test::run_until([&] { return positions().idle(); }));
   EXPECT_EQ(first_word(set_preset(5, "gate")), PTZ_COMMAND_SET_DEVICE_PRESET);
   driver_->signal(SIGKILL);
   restart_driver(state);
   EXPECT_EQ(preset_names(), "gate;");
   EXPECT_NE(positions().position, move.values);
-  EXPECT_EQ(first_word(ask(make_body(PTZ_COMMAND_GOTO_DEVICE_PRESET, GotoPresetRequest{5, full_speed}))),
-            PTZ_COMMAND_GOTO_DEVICE_PRESET);
+  EXPECT_EQ(first_word(ask(goto_preset(5, full_speed))), PTZ_COMMAND_GOTO_DEVICE_PRESET);
   EXPECT_TRUE(ptz_test::run_until([&] { return positions().idle(); }));
   EXPECT_EQ(positions().position, move.values);
 }
@@ -297,12 +278,7 @@ TEST_F(SimDriverProgram, ObeysAParameterThatWasChangedWhenItStartsAgainAndLeaves
     const Text value(ptz_tessel_get(path));
     return std::string(value ? value.get() : "(none)");
   };
-  const auto pan_limit = [&] {
-    const Body reply = ask(make_body(PTZ_COMMAND_QUERY_LIMIT_RANGES));
-    BodyReader reader(reply.get());
-    EXPECT_EQ(reader.i32(), PTZ_COMMAND_QUERY_LIMIT_RANGES);
-    return Limits::read(reader).maximum[pan];
-  };
+  const auto pan_limit = [&] { return limits().maximum[pan]; };
   restart_driver({"--parameters", "1"});
   EXPECT_EQ(pan_limit(), 17000);
   EXPECT_EQ(ptz_tessel_set("root.PTZ.Head.H1.PanMax", "1234", FALSE, FALSE, FALSE, 0), 0);
@@ -314,9 +290,8 @@ TEST_F(SimDriverProgram, ObeysAParameterThatWasChangedWhenItStartsAgainAndLeaves
 
   restart_driver({"--parameters", "1"});
   EXPECT_EQ(pan_limit(), 1234);
-  EXPECT_EQ(
-      first_word(ask(make_body(PTZ_COMMAND_MOVE, MoveRequest{PTZ_MOVE_ABSOLUTE, all_axes, 100, {1200, 300, 200}}))),
-      PTZ_COMMAND_MOVE);
+  EXPECT_EQ(first_word(ask(make_body(MoveRequest{PTZ_MOVE_ABSOLUTE, all_axes, 100, {1200, 300, 200}}))),
+            PTZ_COMMAND_MOVE);
   EXPECT_TRUE(ptz_test::run_until([&] { return parameter("root.PTZ.State.S1.Pan") == "1200"; }))
       << "written when the head has come to rest";
   driver_->signal(SIGTERM);
@@ -324,9 +299,7 @@ TEST_F(SimDriverProgram, ObeysAParameterThatWasChangedWhenItStartsAgainAndLeaves
 
   restart_driver({"--parameters", "1"});
   EXPECT_TRUE(ptz_test::run_until([&] {
-    const Body reply = ask(make_body(PTZ_COMMAND_QUERY_POSITION));
-    BodyReader reader(reply.get());
-    return reader.i32() == PTZ_COMMAND_QUERY_POSITION && Positions::read(reader).position == PerAxis{1200, 300, 200};
+    return positions().position == PerAxis{1200, 300, 200};
   })) << "the head is where it was";
   unsetenv("PTZ_PLATFORM_STATE_DIR");
   unsetenv("PTZ_PLATFORM_TEMPLATE_DIR");
@@ -349,7 +322,7 @@ TEST_F(SimDriverProgram, PublishesWhereItsHeadIsAndWhatItDoes) {
   EXPECT_EQ(published<gint32>(PTZ_SC_GROUP_LIMIT, 12, PTZ_SC_PARAM_LIMIT_MAX_PAN), 160);
   EXPECT_EQ(published<gint32>(PTZ_SC_GROUP_LIMIT, 12, PTZ_SC_PARAM_LIMIT_MIN_TILT), -15);
   EXPECT_EQ(published<gint32>(PTZ_SC_GROUP_LIMIT, 12, PTZ_SC_PARAM_LIMIT_MAX_IRIS), 9999);
-  EXPECT_EQ(published<gint32>(PTZ_SC_GROUP_POSITION, 12, PTZ_SC_PARAM_POSITION_UPDATE_RATE), 25);
+  EXPECT_EQ(published<gint32>(PTZ_SC_GROUP_POSITION, 12, PTZ_SC_PARAM_POSITION_UPDATE_RATE), 2) << "at rest";
   EXPECT_EQ(published<gint32>(PTZ_SC_GROUP_POSITION, 12, PTZ_SC_PARAM_POSITION_PAN_STATUS), PTZ_MOVE_STATUS_IDLE);
 
   const auto place = [] { return published<gfloat>(PTZ_SC_GROUP_POSITION, 12, PTZ_SC_PARAM_POSITION_PAN); };
@@ -357,12 +330,12 @@ TEST_F(SimDriverProgram, PublishesWhereItsHeadIsAndWhatItDoes) {
   const auto to_preset = [] {
     return published<gint32>(PTZ_SC_GROUP_VARIOUS, 12, PTZ_SC_PARAM_VARIOUS_PT_PRESET_MOVE);
   };
-  ask(make_body(PTZ_COMMAND_GOTO_DEVICE_PRESET, GotoPresetRequest{2, 10}));
+  ask(goto_preset(2, 10));
   EXPECT_TRUE(ptz_test::run_until([&] { return to_preset() == 1 && status() == PTZ_MOVE_STATUS_MOVING; }));
   EXPECT_TRUE(ptz_test::run_until([&] { return to_preset() == 0 && status() == PTZ_MOVE_STATUS_IDLE; }));
   EXPECT_FLOAT_EQ(place(), -120);
   const MoveRequest move{PTZ_MOVE_ABSOLUTE, axis_bit(pan), full_speed, {40'00, 0, 0}};
-  ask(make_body(PTZ_COMMAND_MOVE, move));
+  ask(make_body(move));
   EXPECT_TRUE(ptz_test::run_until([&] { return place() == 40; }));
   EXPECT_EQ(to_preset(), 0);
   unsetenv("PTZ_PLATFORM_RUNTIME_DIR");
@@ -373,9 +346,9 @@ TEST_F(SimDriverProgram, PublishesALiveSettingBeforeItAnswers) {
   restart_driver({"--instance", "13"});
   const auto filter = [] { return published<gint32>(PTZ_SC_GROUP_VARIOUS, 13, PTZ_SC_PARAM_VARIOUS_IR_CUT_FILTER); };
   EXPECT_EQ(filter(), 0);
-  ask(make_body(PTZ_COMMAND_AUXILIARY, Auxiliary{"ir_cut_filter", PTZ_ENABLE_ON}));
+  ask(make_body(Auxiliary{"ir_cut_filter", PTZ_ENABLE_ON}));
   EXPECT_EQ(filter(), 1);
-  ask(make_body(PTZ_COMMAND_AUXILIARY, Auxiliary{"light", PTZ_ENABLE_ON}));
+  ask(make_body(Auxiliary{"light", PTZ_ENABLE_ON}));
   EXPECT_EQ(filter(), 1);
   driver_->signal(SIGKILL);
   restart_driver({"--instance", "13"});

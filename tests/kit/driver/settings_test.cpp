@@ -48,7 +48,19 @@ TEST_F(KitSettings, DefaultsHoldWithoutFile) {
 }
 
 TEST_F(KitSettings, TextWithEscapedByteThatIsNotUtf8IsBad) {
-  EXPECT_EQ(load_text("[Head]\nPort=caf\\351\n"), at(2) + "[Head] Port: the text is not UTF-8");
+  EXPECT_EQ(load_text(R"([Head]
+Port=caf\\351)"),
+            at(2) + "[Head] Port: the text is not UTF-8");
+}
+
+TEST_F(KitSettings, EscapesAreResolvedAsByLibrary) {
+  for (const auto &[text, value] : {std::pair{R"(a\sb\\101)", "a bA"}, {R"(x\q\)", "xq"}, {R"("\s")", " "}}) {
+    EXPECT_EQ(load_text(std::string("[Head]\nPort=") + text + "\n"), "");
+    EXPECT_EQ(port(), value) << text;
+    gchar *of_library = ptz_settings_get_string("Head", -1, "Port");
+    EXPECT_STREQ(of_library, value) << text;
+    g_free(of_library);
+  }
 }
 
 TEST_F(KitSettings, DriverMayRefuseValuesThatAreGoodByThemselves) {

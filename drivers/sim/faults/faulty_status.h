@@ -1,12 +1,13 @@
-// broken_status.h - what the driver publishes, with one fault.
+// faults/faulty_status.h - what the driver publishes, with one fault.
 #pragma once
 #include <ptz_status_cache.h>
 
-#include "broken_answers.h"
+#include "../head.h"
+#include "../owners.h"
 
-namespace broken {
+namespace sim {
 
-class Status {
+class FaultyStatus {
   using Group = Owned<PTZStatusCacheGroup, ptz_status_cache_free_group>;
 
   Group position_;
@@ -21,8 +22,8 @@ class Status {
   gint32 preset_move_ = 0;
 
  public:
-  Status(guint instance, const Head &head);
+  FaultyStatus(guint instance, const Head &head);
   void publish(const Head &head, bool going_to_preset);
 };
 
-}  // namespace broken
+}  // namespace sim

@@ -1,8 +1,10 @@
-#include "broken_status.h"
+#include "faulty_status.h"
 
-namespace broken {
+#include "fault_list.h"
 
-Status::Status(guint instance, const Head &head)
+namespace sim {
+
+FaultyStatus::FaultyStatus(guint instance, const Head &head)
     : position_(ptz_status_cache_setup_group(PTZ_SC_GROUP_POSITION, instance, 8)),
       limits_(ptz_status_cache_setup_group(PTZ_SC_GROUP_LIMIT, instance, 6)),
       various_(ptz_status_cache_setup_group(PTZ_SC_GROUP_VARIOUS, instance, 1)) {
@@ -35,7 +37,7 @@ Status::Status(guint instance, const Head &head)
   publish(head, false);
 }
 
-void Status::publish(const Head &head, bool going_to_preset) {
+void FaultyStatus::publish(const Head &head, bool going_to_preset) {
   const gint64 now_us = g_get_monotonic_time();
   time_ = {static_cast<guint32>(now_us / G_USEC_PER_SEC), static_cast<guint32>(now_us % G_USEC_PER_SEC)};
   if (fault("status.time-is-now")) time_.seconds -= 10;
@@ -50,4 +52,4 @@ void Status::publish(const Head &head, bool going_to_preset) {
   if (!fault("status.various-group")) ptz_status_cache_update_group(various_.get());
 }
 
-}  // namespace broken
+}  // namespace sim

@@ -1,25 +1,33 @@
-#include "preset_store.h"
-
+// The presets of the simulated head in the file that the kit keeps for it.
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <ostream>
 
-#include "driver.h"
 #include "faults.h"
 #include "fixtures.h"
+#include "running_driver.h"
 #include "syslog_capture.h"
 
-using namespace example;
+using namespace sim;
+using namespace sim_test;
 
 namespace {
 
 constexpr PerAxis place = {-12'34, 5'67, 8'90};
+constexpr PerAxis elsewhere = {0, 0, 1'00};
 
-class PresetStoreFile : public testing::Test {
+struct StoredPreset {
+  std::string name;
+  PerAxis position;
+};
+using Presets = std::map<guint32, StoredPreset>;
+
+class PresetStoreFile : public RunningDriver {
  protected:
   ptz_test::TempDir dir_;
   ptz_test::SyslogCapture log_;
@@ -30,10 +38,32 @@ class PresetStoreFile : public testing::Test {
     std::ifstream in(path_);
     return {std::istreambuf_iterator<char>(in), {}};
   }
-  PresetStore opened(Presets factory_presets = {}) {
-    PresetStore store(std::move(factory_presets));
-    EXPECT_TRUE(store.open(path_));
-    return store;
+  // A new driver with this file.
+  void open(const Presets &factory_presets = {}) {
+    make();
+    g_object_set(driver_.get(), "preset-file", path_.c_str(), nullptr);
+    for (const auto &[number, preset] : factory_presets) {
+      const auto message = message_of(number, preset);
+      ptz_kit_driver_add_factory_preset(driver_.get(), &message);
+    }
+    start();
+  }
+  static PTZKitSetPresetRequest message_of(guint32 number, const StoredPreset &preset) {
+    const PerAxis &place = preset.position;
+    return {number, const_cast<gchar *>(preset.name.c_str()), all_axes, {place[0], place[1], place[2]}};
+  }
+  bool set(guint32 number, const StoredPreset &preset) {
+    const auto message = message_of(number, preset);
+    return ptz_kit_driver_store_preset(driver_.get(), &message, nullptr) != FALSE;
+  }
+  Presets all() {
+    const PointerArray presets(ptz_kit_driver_get_presets(driver_.get()));
+    Presets all;
+    for (guint index = 0; index < presets->len; ++index) {
+      const auto &preset = *static_cast<const PTZKitSetPresetRequest *>(presets->pdata[index]);
+      all[preset.number] = {preset.name, per_axis(preset.position)};
+    }
+    return all;
   }
 };
 
@@ -48,9 +78,9 @@ class PresetStoreUnusableFile : public PresetStoreFile, public testing::WithPara
 }  // namespace
 
 TEST_F(PresetStoreFile, IsWrittenWhenAPresetIsSetAndNotBefore) {
-  PresetStore store = opened({{2, {"gate", {}}}});
+  open({{2, {"gate", elsewhere}}});
   EXPECT_FALSE(std::filesystem::exists(path_));
-  EXPECT_TRUE(store.set(7, {"entrance", place}));
+  EXPECT_TRUE(set(7, {"entrance", place}));
   EXPECT_EQ(
       contents(),
       "[Header]\nVersionMajor=1\nVersionMinor=0\n\n[DevicePreset7]\nName=entrance\nPan=-1234\nTilt=567\nZoom=890\n");
@@ -58,85 +88,78 @@ TEST_F(PresetStoreFile, IsWrittenWhenAPresetIsSetAndNotBefore) {
 
 TEST_F(PresetStoreFile, BringsPresetsBackAsTheyWere) {
   const std::vector<std::string> names = {" spaces ", "a=b;[c]#\\s", "line\nbreak\r\ttab", "Tür", "\x01\x7F"};
-  PresetStore before = opened();
+  open();
   for (guint32 number = 1; number <= names.size(); ++number) {
-    EXPECT_TRUE(before.set(number, {names[number - 1], place}));
+    EXPECT_TRUE(set(number, {names[number - 1], place}));
   }
-  const PresetStore after = opened();
-  ASSERT_EQ(after.all().size(), names.size());
+  open();
+  ASSERT_EQ(all().size(), names.size());
   for (guint32 number = 1; number <= names.size(); ++number) {
-    EXPECT_EQ(after.all().at(number).name, names[number - 1]);
-    EXPECT_EQ(after.all().at(number).position, place);
+    EXPECT_EQ(all().at(number).name, names[number - 1]);
+    EXPECT_EQ(all().at(number).position, place);
   }
 }
 
 TEST_F(PresetStoreFile, CountsMoreThanTheFactory) {
-  const Presets factory = {{1, {"overview", {}}}, {2, {"gate", {}}}};
-  EXPECT_TRUE(opened(factory).set(2, {"mine", place}));
-  const PresetStore after = opened(factory);
-  EXPECT_EQ(after.all().at(1).name, "overview");
-  EXPECT_EQ(after.all().at(2).name, "mine");
+  const Presets factory = {{1, {"overview", elsewhere}}, {2, {"gate", elsewhere}}};
+  open(factory);
+  EXPECT_TRUE(set(2, {"mine", place}));
+  open(factory);
+  EXPECT_EQ(all().at(1).name, "overview");
+  EXPECT_EQ(all().at(2).name, "mine");
 }
 
 TEST_F(PresetStoreFile, KeepsWhatANewerDriverAdded) {
   write(
       "[Header]\nVersionMajor=1\nVersionMinor=3\n[DevicePreset1]\nName=a\nPan=1\nTilt=2\nZoom=100\nFocus=5\n[Lens]\nx="
       "y\n");
-  PresetStore store = opened();
-  EXPECT_TRUE(store.set(1, {"b", place}));
+  open();
+  EXPECT_TRUE(set(1, {"b", place}));
   EXPECT_EQ(contents(),
             "[Header]\nVersionMajor=1\nVersionMinor=3\n\n"
             "[DevicePreset1]\nName=b\nPan=-1234\nTilt=567\nZoom=890\nFocus=5\n\n[Lens]\nx=y\n");
 }
 
 TEST_F(PresetStoreFile, AndThePresetStayAsTheyWereWhereTheDiskIsFull) {
-  PresetStore store = opened();
-  EXPECT_TRUE(store.set(1, {"a", place}));
+  open();
+  EXPECT_TRUE(set(1, {"a", place}));
   const std::string before = contents();
   {
     const ptz_test::Fault full(ptz_test::Call::write, ENOSPC);
-    EXPECT_FALSE(store.set(1, {"b", {}}));
-    EXPECT_FALSE(store.set(2, {"c", {}}));
+    EXPECT_FALSE(set(1, {"b", elsewhere}));
+    EXPECT_FALSE(set(2, {"c", elsewhere}));
   }
   EXPECT_EQ(contents(), before);
-  ASSERT_EQ(store.all().size(), 1U);
-  EXPECT_EQ(store.all().at(1).name, "a");
+  ASSERT_EQ(all().size(), 1U);
+  EXPECT_EQ(all().at(1).name, "a");
   // What was refused does not come with the next one.
-  EXPECT_TRUE(store.set(3, {"d", place}));
-  EXPECT_EQ(opened().all().size(), 2U);
+  EXPECT_TRUE(set(3, {"d", place}));
+  open();
+  EXPECT_EQ(all().size(), 2U);
 }
 
 TEST_F(PresetStoreFile, ThatCannotBeMadeIsAnErrorReplyAndNothingElse) {
   std::ofstream(dir_.file("no-directory")) << "";
-  PresetStore store;
-  ASSERT_TRUE(store.open(dir_.file("no-directory") + "/state"));
-  Driver driver(head_ranges, std::move(store));
-  const Body refused = driver.answer(make_body(PTZ_COMMAND_SET_DEVICE_PRESET, Preset{1, "a"}).get(), 1);
-  BodyReader reader(refused.get());
-  ASSERT_EQ(reader.i32(), PTZ_COMMAND_ERROR_REPLY);
-  EXPECT_EQ(ErrorReply::read(reader).code, ErrorCode::not_kept);
-  EXPECT_TRUE(reader.finished());
-  const Body goto_reply =
-      driver.answer(make_body(PTZ_COMMAND_GOTO_DEVICE_PRESET, GotoPresetRequest{1, full_speed}).get(), 1);
-  EXPECT_EQ(BodyReader(goto_reply.get()).i32(), PTZ_COMMAND_ERROR_REPLY);
+  g_object_set(driver_.get(), "preset-file", (dir_.file("no-directory") + "/state").c_str(), nullptr);
+  start();
+  EXPECT_EQ(refusal(answer(make_body(Preset{1, "a"}))), guint32{PTZ_KIT_ERROR_CODE_NOT_KEPT});
+  EXPECT_EQ(refusal(answer(goto_preset(1))), guint32{PTZ_KIT_ERROR_CODE_NOT_FOUND});
 }
 
 TEST_F(PresetStoreFile, OfADirectoryIsLeftAlone) {
   std::filesystem::create_directory(path_);
-  PresetStore store;
-  EXPECT_FALSE(store.open(path_));
-  EXPECT_FALSE(store.set(1, {"a", place}));
+  open();
+  EXPECT_FALSE(set(1, {"a", place}));
 }
 
 TEST_P(PresetStoreUnusableFile, IsKeptByteForByteAndTakesNothing) {
   write(GetParam().text);
-  PresetStore store({{2, {"gate", place}}});
-  EXPECT_FALSE(store.open(path_));
-  EXPECT_FALSE(store.set(1, {"a", place}));
-  EXPECT_FALSE(store.set(2, {"b", {}}));
+  open({{2, {"gate", place}}});
+  EXPECT_FALSE(set(1, {"a", place}));
+  EXPECT_FALSE(set(2, {"b", elsewhere}));
   EXPECT_EQ(contents(), GetParam().text);
-  ASSERT_EQ(store.all().size(), 1U);
-  EXPECT_EQ(store.all().at(2).name, "gate");
+  ASSERT_EQ(all().size(), 1U);
+  EXPECT_EQ(all().at(2).name, "gate");
 }
 const std::string header = "[Header]\nVersionMajor=1\nVersionMinor=0\n";
 INSTANTIATE_TEST_SUITE_P(
