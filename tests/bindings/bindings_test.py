@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Usage: bindings_test.py SIM_DRIVER [UNITTEST OPTION]...
 
-The library as Python has it from the introspection data, against the example driver.
+The library as Python has it from the introspection data, against the simulated driver.
 """
 import os
 import socket

@@ -384,5 +384,14 @@ TEST_F(SimDriverProgram, RefusesArgumentsThatMakeNoSense) {
                                                        {"--socket", socket_, "--parameters", "-2"},
                                                        {"--socket", socket_, "--instance", "-1"}};
   for (const auto &arguments : wrong) EXPECT_EQ(Process(SIM_DRIVER, arguments, output_).wait(), 2);
+}
+
+TEST_F(SimDriverProgram, HelpHasItsOptionsAndOneLineForNumberedSettings) {
   EXPECT_EQ(Process(SIM_DRIVER, {"--help"}, output_).wait(), 0);
+  const std::string help = contents(output_);
+  for (const char *line : {"--dbus=NAME", "--parameters=N", "--speed-factor=N", "--fault=NAME", "[Zoom] MaxSpeed=1000",
+                           "[Preset0] to [Preset31] Tilt=0"}) {
+    EXPECT_NE(help.find(line), std::string::npos) << line << help;
+  }
+  EXPECT_EQ(help.find("[Preset1]"), std::string::npos) << help;
 }
