@@ -6,17 +6,30 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 
 #include "fixtures.h"
+#include "temp_dir.h"
 
 namespace ptz_test {
+
+namespace {
+
+// Where drivers of other tests, and those of this machine, are not seen.
+void use_own_runtime_directory() {
+  static const TempDir directory;
+  setenv("PTZ_PLATFORM_RUNTIME_DIR", directory.path().c_str(), 0);
+}
+
+}  // namespace
 
 Process::Process(const char *program, const std::vector<std::string> &arguments, const std::string &output) {
   std::vector<char *> words = {const_cast<char *>(program)};
   for (const std::string &argument : arguments) words.push_back(const_cast<char *>(argument.c_str()));
   words.push_back(nullptr);
+  use_own_runtime_directory();
   pid_ = fork();
   if (pid_ != 0) return;
   prctl(PR_SET_PDEATHSIG, SIGKILL);
