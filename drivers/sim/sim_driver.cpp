@@ -120,18 +120,16 @@ void State::leave() {
 
 namespace {
 
-struct Instance {
+struct SimDriver {
   PTZKitDriver parent_instance;
   State *state;
 };
-struct Class {
+struct SimDriverClass {
   PTZKitDriverClass parent_class;
 };
-using SimDriver = Instance;
-using SimDriverClass = Class;
 G_DEFINE_TYPE(SimDriver, sim_driver, PTZ_KIT_TYPE_DRIVER)
 
-State &state_of(PTZKitDriver *driver) { return *reinterpret_cast<Instance *>(driver)->state; }
+State &state_of(PTZKitDriver *driver) { return *reinterpret_cast<SimDriver *>(driver)->state; }
 
 gboolean check_settings(PTZKitDriver *self, GError **error) {
   State &state = state_of(self);
@@ -280,7 +278,7 @@ void dispose(GObject *object) {
 }
 
 void finalize(GObject *object) {
-  delete reinterpret_cast<Instance *>(object)->state;
+  delete reinterpret_cast<SimDriver *>(object)->state;
   G_OBJECT_CLASS(sim_driver_parent_class)->finalize(object);
 }
 

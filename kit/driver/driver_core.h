@@ -88,8 +88,7 @@ class DriverCore final : public ReplyTarget {
   void report(PTZKitAxis axis, gint32 position, bool moving);
   void report_flag(PTZSCParam flag, bool on);
 
-  // preset_functions.cpp: false with an error if the head cannot be there; false, logged, if the change cannot be kept.
-  bool check_position(guint8 moved, const gint32 *position, GError **error) const;
+  // preset_functions.cpp: stores a preset of the device, or removes it. False, logged, if the change cannot be kept.
   bool change_preset(guint32 number, const StoredPreset *preset);
 
   void deliver(PTZKitReply *reply, std::span<const guint8> body) override;

@@ -26,12 +26,18 @@ void go_to(DriverCore &core, PresetKind kind, guint32 number, guint16 speed, PTZ
 void answer_set_preset(DriverCore &core, gconstpointer request, PTZKitReply *reply) {
   const auto *wanted = static_cast<const PTZKitSetPresetRequest *>(request);
   StoredPreset preset = {wanted->name, wanted->axes, {}};
-  Error error;
-  if (!core.check_position(wanted->axes, wanted->position, out(error))) {
-    return ptz_kit_reply_error_literal(reply, PTZ_KIT_ERROR_CODE_OUT_OF_RANGE, error->message);
-  }
-  for (std::size_t axis = 0; axis < core.axes.size(); ++axis) {
-    if ((wanted->axes & axis_bit(axis)) != 0) preset.position[axis] = wanted->position[axis];
+  for (std::size_t index = 0; index < core.axes.size(); ++index) {
+    if ((wanted->axes & axis_bit(index)) == 0) continue;
+    const Axis &axis = core.axes[index];
+    const gint32 position = wanted->position[index];
+    if (!axis.is_set()) {
+      return ptz_kit_reply_error(reply, PTZ_KIT_ERROR_CODE_OUT_OF_RANGE, "the head has no %s", axis_labels[index]);
+    }
+    if (position != axis.clamped(position)) {
+      return ptz_kit_reply_error(reply, PTZ_KIT_ERROR_CODE_OUT_OF_RANGE, "%s %d is not within %d to %d",
+                                 axis_labels[index], position, axis.minimum(), axis.maximum());
+    }
+    preset.position[index] = position;
   }
   if (!core.presets.set(PresetKind::driver, wanted->number, preset)) return refuse_unkept(wanted->number, reply);
   const PTZKitSetPresetReply message = {wanted->number};

@@ -26,10 +26,10 @@ bool validate(DriverCore &core, const PTZKitSetPresetRequest &message, GError **
     return false;
   }
   if (ptz_kit_set_preset_request_validate(&message, error) == FALSE) return false;
-  if (g_utf8_validate(message.name, -1, nullptr) != FALSE) {
-    return core.check_position(message.axes, message.position, error);
-  }
-  g_set_error_literal(error, PTZ_KIT_ERROR, PTZ_KIT_ERROR_OUT_OF_RANGE, "the name is not UTF-8");
+  const bool has_axes = (message.axes & ~axes_set(core.axes)) == 0;
+  if (has_axes && g_utf8_validate(message.name, -1, nullptr) != FALSE) return true;
+  g_set_error_literal(error, PTZ_KIT_ERROR, PTZ_KIT_ERROR_OUT_OF_RANGE,
+                      has_axes ? "the name is not UTF-8" : "the head does not have all of these axes");
   return false;
 }
 
@@ -39,23 +39,6 @@ gboolean fail(GError **error) {
 }
 
 }  // namespace
-
-bool DriverCore::check_position(guint8 moved, const gint32 *position, GError **error) const {
-  for (std::size_t index = 0; index < axes.size(); ++index) {
-    if ((moved & axis_bit(index)) == 0) continue;
-    const Axis &axis = axes[index];
-    if (!axis.is_set()) {
-      g_set_error(error, PTZ_KIT_ERROR, PTZ_KIT_ERROR_OUT_OF_RANGE, "the head has no %s", axis_labels[index]);
-      return false;
-    }
-    if (position[index] != axis.clamped(position[index])) {
-      g_set_error(error, PTZ_KIT_ERROR, PTZ_KIT_ERROR_OUT_OF_RANGE, "%s %d is not within %d to %d", axis_labels[index],
-                  position[index], axis.minimum(), axis.maximum());
-      return false;
-    }
-  }
-  return true;
-}
 
 bool DriverCore::change_preset(guint32 number, const StoredPreset *preset) {
   const StoredPreset *const found = presets.find(PresetKind::device, number);

@@ -474,7 +474,7 @@ PTZ_KIT_API GPtrArray *ptz_kit_driver_get_presets (PTZKitDriver *self);
  * @error: return location for an error, or `NULL`
  *
  * Stores a preset of the device at a position that need not be the current one, as another interface of the driver may
- * want.
+ * want. A position beyond a limit is kept; going to the preset then ends at the limit.
  *
  * Thread: the one of the default main context; blocks on the preset file.
  *

@@ -1,4 +1,4 @@
-"""The messages of the kit from Python."""
+"""The messages of the kit from Python, and a driver without a socket."""
 import unittest
 
 import gi
@@ -49,6 +49,70 @@ class Bodies(unittest.TestCase):
 
     def test_command_name(self):
         self.assertEqual(PTZKit.command_name(PTZ.Command.STOP), 'stop')
+
+
+class Head(PTZKit.Driver):
+    complaint = None
+    starts = 0
+
+    def do_check_settings(self):
+        if self.complaint:
+            raise GLib.Error(self.complaint, 'tests', 1)
+        return True
+
+    def do_open(self):
+        self.set_axis(PTZKit.Axis.PAN, -100, 100, 10, 0)
+        return True
+
+    def do_started(self):
+        self.starts += 1
+        return True
+
+    def do_move(self, request, reply):
+        reply.ok()
+
+
+class DriverWithoutSocket(unittest.TestCase):
+    def setUp(self):
+        self.driver = Head(name='head')
+        self.changes = []
+        self.driver.connect('preset-changed', self.on_change)
+        self.driver.start()
+        self.addCleanup(self.driver.stop)
+
+    def on_change(self, _driver, number, before, after):
+        self.changes.append((number, before and before.name, after and after.name))
+
+    def preset(self, number, name, pan=0):
+        return PTZKit.SetPresetRequest.new(number, name, 1, [pan, 0, 0])
+
+    def test_request_is_answered(self):
+        request = GLib.Variant('a{sv}', {'command': GLib.Variant('s', 'get_driver_name')})
+        reply = self.driver.answer(PTZKit.body_from_variant(PTZKit.BodyKind.REQUEST, request))
+        fields = PTZKit.body_to_variant(PTZKit.BodyKind.REPLY, reply.get_data()).unpack()
+        self.assertEqual(fields, {'command': 'get_driver_name', 'name': 'head'})
+
+    def test_started_is_called_once(self):
+        self.assertEqual(self.driver.starts, 1)
+
+    def test_complaint_about_settings_is_raised(self):
+        self.driver.complaint = 'too fast'
+        with self.assertRaises(GLib.Error) as raised:
+            self.driver.load_settings([])
+        self.assertEqual(raised.exception.message, 'too fast')
+
+    def test_presets_are_stored_listed_and_removed(self):
+        self.driver.store_preset(self.preset(2, 'gate', 7))
+        self.driver.store_preset(self.preset(1, 'door'))
+        presets = self.driver.get_presets()
+        self.driver.remove_preset(2)
+        self.assertEqual([(each.number, each.name, each.position[0]) for each in presets], [(1, 'door', 0), (2, 'gate', 7)])
+        self.assertEqual(self.changes, [(2, None, 'gate'), (1, None, 'door'), (2, 'gate', None)])
+
+    def test_preset_that_cannot_be_raises_out_of_range(self):
+        with self.assertRaises(GLib.Error) as raised:
+            self.driver.store_preset(self.preset(33, 'far'))
+        self.assertTrue(raised.exception.matches(PTZKit.error_quark(), PTZKit.Error.OUT_OF_RANGE))
 
 
 if __name__ == '__main__':

@@ -6,6 +6,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -208,6 +209,14 @@ TEST_F(LegacyPresetsOfTheDriver, OutliveTheDriverInItsFile) {
   EXPECT_EQ(ask("GetConfigurationEntry", "(9, 'Name')").text(), "(<'kept'>,)");
   EXPECT_EQ(refused("GetConfigurationEntry", "(8, 'Name')"), number_of(PTZ_KIT_ERROR_CODE_NOT_FOUND));
   EXPECT_EQ(ask("GetConfigurationEntry", "(1, 'Name')").text(), "(<'overview'>,)");  // the factory's
+}
+
+TEST_F(LegacyPresetsOfTheDriver, MayBeRenamedIfTheyLieBeyondALimit) {
+  std::ofstream(dir.file("state")) << "[Header]\nVersionMajor=1\nVersionMinor=0\n"
+                                      "[DevicePreset1]\nName=far\nPan=17000\nTilt=0\nZoom=100\n";
+  start({"--state", dir.file("state")});
+  EXPECT_EQ(ask("SetConfigurationEntry", "(1, 'Name', <'gate'>)").text(), "()");
+  EXPECT_EQ(ask("GetConfigurationEntry", "(1, 'Pan')").text(), "(<17000>,)");
 }
 
 TEST_F(LegacyPresetsOfTheDriver, AreDeclaredAndUndeclared) {

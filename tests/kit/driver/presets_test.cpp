@@ -208,8 +208,7 @@ TEST_F(KitPresetsOfProgram, EveryChangeOfDevicePresetIsSignalledWithOldAndNewPre
 
 TEST_F(KitPresetsOfProgram, PresetThatCannotBeIsRefusedAndChangesNothing) {
   start();
-  EXPECT_EQ(store_preset(preset(2, "far", 17001)), "pan 17001 is not within -17000 to 17000");
-  EXPECT_EQ(store_preset(preset(2, "far", 0, 4)), "the head has no zoom");
+  EXPECT_EQ(store_preset(preset(2, "far", 0, 4)), "the head does not have all of these axes");
   EXPECT_EQ(store_preset(preset(2, "caf\xE9")), "the name is not UTF-8");
   EXPECT_NE(store_preset(preset(33, "far")), "");
   EXPECT_NE(store_preset(preset(2, "")), "");
@@ -229,6 +228,14 @@ TEST_F(KitPresetsOfProgram, ChangeThatCannotBeKeptIsErrorAndChangesNothing) {
   EXPECT_FALSE(ptz_kit_driver_sync_presets(kit(), nullptr));
   EXPECT_EQ(names(), "overview;");
   EXPECT_TRUE(changes_.empty());
+}
+
+TEST_F(KitPresetsOfProgram, PresetBeyondLimitIsKeptAndGotoEndsAtLimit) {
+  start();
+  EXPECT_EQ(store_preset(preset(2, "far", 17001)), "");
+  go("goto_device_preset", 2);
+  EXPECT_EQ(driver_->last_move.value[PTZ_KIT_AXIS_PAN], 17000);
+  EXPECT_EQ(position_of(2), "{'command': <'get_preset_position'>, 'axes': <uint32 3>, 'position': <[17001, 0, 0]>}");
 }
 
 TEST_F(KitPresetsOfProgram, SyncNeedsFile) {
