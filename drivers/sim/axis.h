@@ -15,8 +15,8 @@ struct AxisRange {
 };
 
 // A motion is planned when it is ordered, as up to three phases of constant acceleration: reach the cruising speed,
-// cruise, brake. Where the axis is at a moment is computed from the plan, so it does not depend on how often anybody
-// looks, and an axis that has arrived is exactly where it was sent.
+// cruise, brake. Where the axis is at a moment is computed from the plan, so it does not depend on how often it is
+// asked, and an axis that has arrived is exactly where it was sent.
 //
 // Invariant: the place where the axis would come to rest, if it braked now, lies within the limits. No order can
 // therefore drive it past them.

@@ -14,7 +14,7 @@ std::optional<bool> LiveSettings::is_on(const std::string &name) const {
   return g_value_get_boolean(value) != FALSE;
 }
 
-// The value becomes the property's. Where it is the old one again, nobody is told.
+// The property owns the value. If it is the old one again, no watch is called.
 void LiveSettings::switch_to(const std::string &name, bool on) {
   auto *const value = g_new0(GValue, 1);
   g_value_set_boolean(g_value_init(value, G_TYPE_BOOLEAN), on ? TRUE : FALSE);

@@ -1,5 +1,5 @@
-// live_settings.h - what can be switched while the driver runs. Each is a dynamical property: whoever shows it to
-// others watches it, and the command that changes it knows none of them.
+// live_settings.h - what can be switched while the driver runs. Each is a dynamical property: the message bus and the
+// status watch it, and the command that changes it knows none of them.
 #pragma once
 #include <ptz_dynamical_properties.h>
 

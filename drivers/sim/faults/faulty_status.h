@@ -10,6 +10,7 @@ namespace sim {
 class FaultyStatus {
   using Group = Owned<PTZStatusCacheGroup, ptz_status_cache_free_group>;
 
+  // The groups keep pointers to the values.
   Group position_;
   Group limits_;
   Group various_;
@@ -23,6 +24,7 @@ class FaultyStatus {
 
  public:
   FaultyStatus(guint instance, const Head &head);
+  FaultyStatus(const FaultyStatus &) = delete;
   void publish(const Head &head, bool going_to_preset);
 };
 

@@ -92,6 +92,19 @@ TEST_F(KitProgramParts, DriverWithoutSocketAnswersRequestsOfItsProgram) {
   EXPECT_FALSE(std::filesystem::exists(path_));
 }
 
+TEST_F(KitProgramParts, DriverWithoutSocketPublishesItsStatus) {
+  make();
+  g_object_set(driver_, "socket-path", "", "instance", 1, nullptr);
+  ASSERT_TRUE(ptz_kit_driver_start(kit(), nullptr));
+  ptz_kit_driver_report_axis(kit(), PTZ_KIT_AXIS_PAN, 500, TRUE);
+  gfloat pan = 0;
+  PTZStatusCacheGroup *group = ptz_status_cache_setup_group(PTZ_SC_GROUP_POSITION, 1, 1);
+  ptz_status_cache_add_param(group, PTZ_SC_PARAM_POSITION_PAN, &pan);
+  ptz_status_cache_fetch_group(group);
+  ptz_status_cache_free_group(group);
+  EXPECT_EQ(pan, 5);
+}
+
 TEST_F(KitProgramParts, BodyWithoutCommandWordIsAnsweredWithError3) {
   start_without_socket();
   GBytes *empty = g_bytes_new(nullptr, 0);
