@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Uses the service of the simulated driver as those do who look after a camera; scripts/package runs this in a system that
+# Uses the service of the example driver as those do who look after a camera; scripts/package runs this in a system that
 # systemd has booted. Prints one line for what works, and ends with a failure at what does not.
 set -euo pipefail
 service=ptznimbo-sim-driver
