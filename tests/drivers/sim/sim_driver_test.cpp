@@ -49,10 +49,15 @@ class SimDriverProgram : public testing::Test {
     ASSERT_GE(PTZ_SOCKET(client_.get())->fd, 0);
   }
   void SetUp() override {
+    // What the driver shares with other processes is not that of the machine.
+    setenv("PTZ_PLATFORM_RUNTIME_DIR", dir_.path().c_str(), 1);
     start_driver();
     connect();
   }
-  void TearDown() override { client_.reset(); }
+  void TearDown() override {
+    client_.reset();
+    unsetenv("PTZ_PLATFORM_RUNTIME_DIR");
+  }
 
   // The reply to a request; empty if there is none. A synchronous request must not be made on the main thread.
   Body ask(const Body &request) {
@@ -338,7 +343,6 @@ TEST_F(SimDriverProgram, PublishesWhereItsHeadIsAndWhatItDoes) {
   ask(make_body(move));
   EXPECT_TRUE(ptz_test::run_until([&] { return place() == 40; }));
   EXPECT_EQ(to_preset(), 0);
-  unsetenv("PTZ_PLATFORM_RUNTIME_DIR");
 }
 
 TEST_F(SimDriverProgram, PublishesALiveSettingBeforeItAnswers) {
@@ -353,14 +357,12 @@ TEST_F(SimDriverProgram, PublishesALiveSettingBeforeItAnswers) {
   driver_->signal(SIGKILL);
   restart_driver({"--instance", "13"});
   EXPECT_EQ(filter(), 0) << "a driver that was started again";
-  unsetenv("PTZ_PLATFORM_RUNTIME_DIR");
 }
 
 TEST_F(SimDriverProgram, GoesOnWhereNothingCanBePublished) {
   std::ofstream(dir_.file("run")) << "no folder";
   setenv("PTZ_PLATFORM_RUNTIME_DIR", dir_.file("run").c_str(), 1);
   restart_driver({"--instance", "1"});
-  unsetenv("PTZ_PLATFORM_RUNTIME_DIR");
   for (int i = 0; i < 20; ++i) EXPECT_EQ(first_word(ask(make_body(PTZ_COMMAND_STOP))), PTZ_COMMAND_STOP);
   const std::string said = contents(output_);
   const std::string complaint = "Could not create status cache group PTZ_POSITION_IS1. Not a directory!";
