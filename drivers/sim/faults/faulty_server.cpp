@@ -70,9 +70,13 @@ void FaultyServer::forget_the_gone() {
   }
 }
 
+gint64 FaultyServer::next_update_us() const {
+  return published_us_ + (fault("status.update-rate") ? long_period_us : period_us);
+}
+
 void FaultyServer::publish() {
   const gint64 now_us = g_get_monotonic_time();
-  if (!status_ || now_us - published_us_ < (fault("status.update-rate") ? long_period_us : period_us)) return;
+  if (!status_ || now_us < next_update_us()) return;
   published_us_ = now_us;
   const bool going_to_preset = answers_.going_to_preset();  // advances the head, too
   status_->publish(answers_.head(), going_to_preset);
@@ -101,13 +105,22 @@ bool FaultyServer::serve_in_turn() {
   return more;
 }
 
+// How long there is nothing to do, unless a client sends something.
+int FaultyServer::idle_ms() const {
+  constexpr gint64 us_per_ms = 1000;
+  if (fault("process.idle")) return 0;
+  if (fault("replies.unsolicited")) return look_around_ms;
+  if (!status_) return -1;
+  const gint64 left_us = next_update_us() - g_get_monotonic_time();
+  return left_us > 0 ? static_cast<int>(left_us / us_per_ms + 1) : 0;
+}
+
 int FaultyServer::run() {
-  const int wait_ms = fault("process.idle") ? 0 : fault("replies.unsolicited") || status_ ? look_around_ms : -1;
   bool more = false;
   while (true) {
     std::vector<pollfd> watched = {{listener_, POLLIN, 0}, {signals_, POLLIN, 0}};
     for (const Client &client : clients_) watched.push_back({client.fd, POLLIN, 0});
-    poll(watched.data(), watched.size(), more ? 0 : wait_ms);
+    poll(watched.data(), watched.size(), more ? 0 : idle_ms());
     publish();
     auto events = watched.begin() + 2;
     for (Client &client : clients_) {

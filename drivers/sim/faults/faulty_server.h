@@ -43,6 +43,8 @@ class FaultyServer {
   gint64 published_us_ = 0;
 
   // faulty_server.cpp
+  [[nodiscard]] gint64 next_update_us() const;
+  [[nodiscard]] int idle_ms() const;
   void publish();
   void accept_client();
   [[nodiscard]] bool serve_in_turn();
