@@ -11,6 +11,7 @@ namespace {
 
 constexpr guint first_retry_ms = 100;
 constexpr guint last_retry_ms = 5000;
+constexpr gint64 time_to_listen_us = 5000;    // for a server, from bind() on
 constexpr gint64 stable_us = G_USEC_PER_SEC;  // a connection that ends earlier is not followed by another one at once
 constexpr gushort hang_up = G_IO_HUP | G_IO_ERR | G_IO_NVAL | POLLRDHUP;
 
@@ -181,6 +182,12 @@ void LinkCore::attempt_failed(gint64 now_us, PTZKitLinkState state, const char *
   retry_ms_ = MIN(2 * retry_ms_, last_retry_ms);
   problem_.reset(g_strdup(problem));
   set_state(state);
+}
+
+void LinkCore::path_has_changed() {
+  const MutexLock lock(&lock_);
+  retry_ms_ = first_retry_ms;
+  next_attempt_us_ = MIN(next_attempt_us_, g_get_monotonic_time() + time_to_listen_us);
 }
 
 void LinkCore::begin_handshake(gint64 now_us) {

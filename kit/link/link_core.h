@@ -4,7 +4,7 @@
 //
 // States: those of PTZKitLinkState. `connection_` is set while the handshake runs (connecting) and in the state ready;
 // requests of the daemon are sent in the state ready only. In the states connecting and failed without a connection the
-// source tries again at `next_attempt_us_`.
+// source tries again at `next_attempt_us_`, or earlier if the file at the path changes.
 //
 // Threads: one lock guards everything; it is never held while code of the program runs. Reading never blocks and
 // happens under the lock, so any thread may do it. To save wake-ups one of them is expected to: the first thread in a
@@ -51,6 +51,9 @@ class LinkCore {
   [[nodiscard]] bool check(const Shared<Connection> &watched, const GPollFD &poll);
   void run(const Shared<Connection> &watched, gushort events);
   [[nodiscard]] Shared<Connection> connection();
+  [[nodiscard]] const char *path() const { return path_.get(); }
+  // A driver may listen now, or in a moment: the next attempt is soon, and the back-off begins anew.
+  void path_has_changed();
   // Whether the state has changed since the last question.
   [[nodiscard]] bool take_change();
 

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
 
 #include "clock.h"
@@ -26,6 +27,14 @@ class KitLinkState : public LinkTest {
       static_cast<std::vector<PTZKitLinkState> *>(states)->push_back(ptz_kit_link_get_state(link));
     };
     g_signal_connect(link_.get(), "notify::state", G_CALLBACK(record), &states_);
+  }
+  // The next attempt of its own is some seconds away.
+  void use_up_short_intervals() {
+    for (int i = 0; i < 6; ++i) {
+      run_pending();
+      ptz_test::advance_clock(4000);
+    }
+    run_pending();
   }
   std::string wait_ready_error(guint deadline_ms) {
     GError *error = nullptr;
@@ -160,12 +169,30 @@ TEST_F(KitLinkState, IntervalsOfAttemptsDoubleUpTo5Seconds) {
 
 TEST_F(KitLinkState, PathThatAppearsMakesLinkReady) {
   open_link();
-  run_pending();
+  use_up_short_intervals();
   const Listener listener(path_);
-  ptz_test::advance_clock(100);
+  ASSERT_TRUE(ptz_test::run_until([&] { return listener.has_waiting_client(); }, 500));
   accept(listener);
   greet();
   EXPECT_TRUE(wait_for(PTZ_KIT_LINK_STATE_READY));
+}
+
+TEST_F(KitLinkState, FolderThatAppearsWithPathMakesLinkReady) {
+  link_.reset(ptz_kit_link_new(dir_.file("later/folder/driver").c_str()));
+  ptz_kit_link_open(link_.get());
+  use_up_short_intervals();
+  std::filesystem::create_directories(dir_.file("later/folder"));
+  const Listener listener(dir_.file("later/folder/driver"));
+  EXPECT_TRUE(ptz_test::run_until([&] { return listener.has_waiting_client(); }, 500));
+}
+
+TEST_F(KitLinkState, OtherFilesInFolderOfPathDoNotCauseAttempts) {
+  open_link();
+  run_pending();
+  const CallLog calls;
+  const Listener other(dir_.file("other"));
+  ptz_test::run_until([] { return false; }, 30);
+  EXPECT_EQ(calls.count(Call::connect), 0u);
 }
 
 TEST_F(KitLinkState, DriverThatHangsUpSoonAfterHandshakeIsReconnectedAfterFirstInterval) {
