@@ -35,7 +35,8 @@ typedef enum {
 /**
  * PTZ_KIT_EXIT_FAILURE:
  *
- * Exit status of ptz_kit_driver_run() if the device cannot be opened, or the socket. Starting the driver again may help.
+ * Exit status of ptz_kit_driver_run() if the device cannot be opened, or the socket, or if another driver has the
+ * socket or the instance. Starting the driver again may help.
  *
  * Since: 0.1
  */
@@ -539,8 +540,19 @@ PTZ_KIT_API GBytes *ptz_kit_driver_answer (PTZKitDriver *self, GBytes *request);
  * @self: a driver with a name
  * @error: return location for an error, or `NULL`
  *
- * Opens the device, reads the presets, publishes the status and listens. The default main context must run then. A
- * driver without a socket path does not listen: it is asked by ptz_kit_driver_answer().
+ * Enters the driver into the registry (see #PTZKitRegistry), opens the device, reads the presets, publishes the status
+ * and listens. The default main context must run then. A driver without a socket path has no entry and does not listen:
+ * it is asked by ptz_kit_driver_answer().
+ *
+ * Fails with `G_IO_ERROR_ADDRESS_IN_USE`, before the device is opened, if another driver has the same socket or
+ * publishes the same instance, or if another process serves the socket; the message names it. Fails with
+ * `G_IO_ERROR_EXISTS` if the file at the path is no socket: it is not removed. If the runtime directory is missing or
+ * cannot be written, the driver serves without an entry, and the log has a warning.
+ *
+ * If the socket's file is removed or replaced while the driver runs, the driver listens there again within a second. It
+ * keeps its clients, and writes one line into the log.
+ *
+ * A child process that is made by fork() keeps the connections of the driver open until it calls exec or ends.
  *
  * Thread: the one of the default main context.
  *
@@ -554,7 +566,8 @@ PTZ_KIT_API gboolean ptz_kit_driver_start (PTZKitDriver *self, GError **error);
  * ptz_kit_driver_stop:
  * @self: a driver
  *
- * Answers all pending requests with an error, closes the connections, removes the socket's file and closes the device.
+ * Answers all pending requests with an error, closes the connections, removes the socket's file, if it is still the
+ * driver's own, and the entry in the registry, and closes the device.
  * No effect on a driver that is not started. The last unref of a driver does the same without calling @close.
  *
  * Thread: the one of the default main context.

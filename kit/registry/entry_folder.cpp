@@ -15,15 +15,25 @@ constexpr gint64 lock_wait_us = 2 * G_USEC_PER_SEC;
 constexpr gulong lock_retry_us = 5000;
 constexpr mode_t access_bits = 07777;
 
+// A unit with RestrictSUIDSGID= may not set the setgid bit. Nothing depends on it here.
+bool set_mode(int folder, mode_t mode) {
+  struct stat status;
+  if (fstat(folder, &status) != 0) return false;
+  return (status.st_mode & access_bits) == mode || fchmod(folder, mode) == 0 ||
+         (errno == EPERM && fchmod(folder, mode & ~S_ISGID) == 0);
+}
+
 // The new folder is complete when it gets its name, and never replaces one that has come meanwhile. Returns 0 or errno.
 int make_like_parent(const std::string &path) {
   const Text parent(g_path_get_dirname(path.c_str()));
   const Text made(g_build_filename(parent.get(), ".drivers-XXXXXX", nullptr));
   struct stat status;
-  if (stat(parent.get(), &status) != 0 || g_mkdtemp(made.get()) == nullptr) return errno;
+  if (stat(parent.get(), &status) != 0) return errno;
+  const mode_t mode = status.st_mode & access_bits;
+  if (g_mkdtemp_full(made.get(), static_cast<int>(mode & ~S_ISGID)) == nullptr) return errno;
   const UniqueFd folder = open_folder(made.get());
-  if (folder && (fchown(folder.get(), static_cast<uid_t>(-1), status.st_gid) == 0 || errno == EPERM) &&
-      fchmod(folder.get(), status.st_mode & access_bits) == 0 &&
+  if (folder) give_group(folder.get(), status.st_gid);
+  if (folder && set_mode(folder.get(), mode) &&
       renameat2(AT_FDCWD, made.get(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE) == 0) {
     return 0;
   }
@@ -48,6 +58,13 @@ UniqueFd make_folder(const std::string &path) {
   if (error == 0 || error == EEXIST) return open_folder(path.c_str());
   errno = error;
   return UniqueFd();
+}
+
+void give_group(int fd, gid_t group) {
+  struct stat status;
+  if (fstat(fd, &status) != 0 || status.st_gid == group) return;
+  const int ignored = fchown(fd, static_cast<uid_t>(-1), group);  // fails if the user is not in the group
+  static_cast<void>(ignored);
 }
 
 bool lock_folder(int folder) {

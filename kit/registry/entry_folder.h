@@ -18,6 +18,9 @@ namespace ptz_kit {
 // Made if it is missing and its parent is there, with the mode and the group of its parent, whatever the umask.
 UniqueFd make_folder(const std::string &path);
 
+// If this process may: the group of the folder is that of its users.
+void give_group(int fd, gid_t group);
+
 // Waits for at most two seconds for the lock of a folder, which is advisory (flock) and independent of the locks of its
 // files. False with errno EWOULDBLOCK if another process holds it all the time. It ends with unlock_folder(), or with
 // the process.

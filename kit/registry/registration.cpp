@@ -105,12 +105,12 @@ void Registration::add_entry(const SocketFile &socket) {
     file_ = UniqueFd(g_mkstemp_full(name.get(), O_RDWR | O_CLOEXEC, S_IRUSR | S_IWUSR));
   }
   if (!file_) return warn(directory_);
-  struct stat folder;
+  struct stat folder = {};
   constexpr mode_t all_may_read = S_IRUSR | S_IRGRP | S_IROTH;
   path_ = std::string(directory_) + "/" + std::to_string(facts_->pid) + (name.get() + std::strlen(name.get()) - 7) +
           entry_suffix;
-  if (stat(directory_.c_str(), &folder) == 0 &&
-      fchmod(file_.get(), (folder.st_mode & all_may_read) | S_IRUSR | S_IWUSR) == 0 && write(socket) &&
+  if (stat(directory_.c_str(), &folder) == 0) give_group(file_.get(), folder.st_gid);
+  if (fchmod(file_.get(), (folder.st_mode & all_may_read) | S_IRUSR | S_IWUSR) == 0 && write(socket) &&
       lock_entry(file_.get()) && rename(name.get(), path_.c_str()) == 0) {
     return;
   }

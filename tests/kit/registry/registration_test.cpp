@@ -14,7 +14,18 @@
 #include "clock.h"
 #include "entry_files.h"
 #include "fresh_process.h"
+#include "interpose.h"
 #include "syslog_capture.h"
+
+static bool setgid_is_forbidden = false;  // as in a unit with RestrictSUIDSGID=
+
+INTERPOSE(int, fchmod, (int fd, mode_t mode)) {
+  if (setgid_is_forbidden && (mode & S_ISGID) != 0) {
+    errno = EPERM;
+    return -1;
+  }
+  return REAL(fchmod)(fd, mode);
+}
 
 namespace {
 
@@ -208,6 +219,20 @@ TEST_F(Registration, MakesFolderLikeItsParentWhateverTheUmask) {
   const auto file = std::filesystem::directory_iterator(folder_)->path();
   ASSERT_EQ(stat(file.c_str(), &entry), 0);
   EXPECT_EQ(entry.st_mode & 07777, 0640u);
+}
+
+TEST_F(Registration, MakesFolderWithoutSetgidBitIfThatIsForbidden) {
+  ASSERT_EQ(chmod(dir_.path().c_str(), 02770), 0);
+  setgid_is_forbidden = true;
+  const mode_t old = umask(077);
+  const Driver driver = make(path_);
+  EXPECT_EQ(start(driver), "");
+  umask(old);
+  setgid_is_forbidden = false;
+  struct stat folder = {};
+  ASSERT_EQ(stat(folder_.c_str(), &folder), 0);
+  EXPECT_EQ(folder.st_mode & 0777, 0770u);
+  EXPECT_EQ(list()->len, 1u);
 }
 
 TEST_F(Registration, SkipsForeignFilesInTheFolder) {
