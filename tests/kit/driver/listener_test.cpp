@@ -89,6 +89,10 @@ TEST_F(DriverPath, ServerWithoutClientsIsFreed) {
 
 TEST_F(DriverPath, ConnectionThatWaitedWhenPathWasRemovedIsServed) {
   start();
+  ASSERT_EQ(unlink(path_.c_str()), 0);
+  ASSERT_TRUE(comes_back());  // with a server whose source comes after the watch
+  ptz_test::run_pending();
+  ptz_test::advance_clock(100);
   const ptz_test::Descriptor waiting = ptz_test::connect_to(path_);
   ASSERT_EQ(unlink(path_.c_str()), 0);
   ptz_test::send_all(waiting.get(), ptz_test::frame(1, bytes_of("{'command': <'get_driver_name'>}")));

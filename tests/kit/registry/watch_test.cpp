@@ -53,6 +53,8 @@ class RegistryWatch : public testing::Test {
   using Names = std::vector<std::string>;
 };
 
+class RegistryOfEntryFiles : public registry_test::Registry {};
+
 TEST_F(RegistryWatch, SignalsStartAndStopOnce) {
   ASSERT_EQ(mkdir(folder_.c_str(), 0700), 0);
   watch();
@@ -109,6 +111,23 @@ TEST_F(RegistryWatch, SignalsKilledDriver) {
   kill(child, SIGKILL);
   EXPECT_EQ(signals(1), Names{"-killed"});
   waitpid(child, nullptr, 0);
+}
+
+// As the kernel does it when it ends a process: the file is closed first, and its lock released a moment later.
+TEST_F(RegistryOfEntryFiles, SignalsDriverWhoseLockGoesAfterItsFileWasClosed) {
+  write_entry("1.driver", {.socket = listen_at("a.socket")});
+  const ptz_test::Descriptor &holder = held_.back();
+  int gone = 0;
+  g_signal_connect_swapped(registry_.get(), "driver-gone", G_CALLBACK(+[](int *count) { ++*count; }), &gone);
+  ASSERT_TRUE(ptz_kit_registry_watch(registry_.get(), nullptr));
+  ptz_test::run_pending();
+  { const ptz_test::Descriptor closed(open((folder_ + "/1.driver").c_str(), O_RDWR)); }
+  ptz_test::run_pending();
+  EXPECT_EQ(gone, 0);
+  struct flock unlock = {};
+  unlock.l_type = F_UNLCK;
+  ASSERT_EQ(fcntl(holder.get(), F_OFD_SETLK, &unlock), 0);
+  EXPECT_TRUE(ptz_test::run_until([&] { return gone == 1; }, 1000));
 }
 
 TEST_F(RegistryWatch, SignalsNothingWhenPathOfDriverIsRemoved) {
