@@ -134,7 +134,11 @@ TEST(PtzCompliance, NamesAreDottedUniqueAndAtLeastForty) {
   }
 }
 
-TEST(PtzCompliance, EveryCheckHasAFaultThatItFinds) { EXPECT_EQ(listed_faults(), listed_names()); }
+TEST(PtzCompliance, EveryCheckHasAFaultThatItFinds) {
+  auto names = listed_names();
+  std::erase(names, "caps.absent-axes");  // the simulated head has all axes
+  EXPECT_EQ(listed_faults(), names);
+}
 
 // A fault is named as the check that finds it: the driver with this fault fails that check and no other. These runs
 // mostly wait for what does not come, so many go on beside each other, begun by the first test that wants one of them.
@@ -211,9 +215,50 @@ TEST(PtzCompliance, WhatDoesNotApplySaysWhyAndFailsNothing) {
   const ToolRun run = run_tool(with({"--only", "*.conttilt"}, faulty_driver("caps.usable")));
   EXPECT_EQ(run.status, 0);
   EXPECT_NE(run.output.find("not applicable  caps.answers-what-it-announces.conttilt: who announces continuous tilt "
-                            "obeys it - the driver does not announce continuous tilt\n"),
+                            "obeys it - the driver announces no tilt (Get capabilities: move 0x00000000)\n"),
             std::string::npos)
       << run.output;
+}
+
+// A driver without zoom, whose answers about zoom are those of a head that has one.
+class AbsentZoom : public testing::TestWithParam<std::string> {
+ public:
+  static ToolRun run(const Words &options, const char *answer) {
+    return run_tool(with(options, {"--", "env", std::string("TWO_AXIS_DRIVER_ZOOM=") + answer, TWO_AXIS_DRIVER,
+                                   "--socket", "{socket}"}));
+  }
+};
+
+TEST_P(AbsentZoom, AnsweredAsIfItWereThereFailsTheCheckOfAbsentAxes) {
+  const ToolRun run = AbsentZoom::run({"--only", "caps.absent-axes"}, GetParam().c_str());
+  EXPECT_EQ(run.status, 1) << run.output;
+  EXPECT_NE(run.output.find("zoom is not announced and "), std::string::npos) << run.output;
+}
+INSTANTIATE_TEST_SUITE_P(PtzCompliance, AbsentZoom, testing::Values("position", "status", "limits", "speed"),
+                         [](const auto &info) { return info.param; });
+
+TEST(PtzCompliance, AnAxisThatIsNotAnnouncedIsIgnoredByAllOtherChecks) {
+  const Words only = {"--only", "presets.*",          "--only", "limits.*",      "--only", "move.absolute-arrives",
+                      "--only", "move.relative-adds", "--only", "commands.bad-*"};
+  const ToolRun run = AbsentZoom::run(only, "all");
+  EXPECT_EQ(run.status, 0) << run.output;
+  EXPECT_EQ(run.output.find("not applicable  "), std::string::npos) << run.output;
+}
+
+TEST(PtzCompliance, TheLastLineCountsWhatDoesNotApplyByReason) {
+  const Words only = {"--only", "caps.*zoom", "--only", "status.*-group", "--only", "caps.*.pan"};
+  const std::regex last(
+      "\n1 passed, 0 failed, 6 not applicable in [0-9.]+ s: 3 no --instance says where the driver "
+      "publishes its status; 3 the driver announces no zoom\n$");
+  const ToolRun text = AbsentZoom::run(only, "");
+  EXPECT_TRUE(std::regex_search(text.output, last)) << text.output;
+  const ToolRun tap = AbsentZoom::run(with({"--tap"}, only), "");
+  EXPECT_NE(tap.output.find("\n# 6 not applicable: 3 no --instance says "), std::string::npos) << tap.output;
+  const ToolRun json = AbsentZoom::run(with({"--json"}, only), "");
+  EXPECT_NE(json.output.find("\"not_applicable_by_reason\" : {"), std::string::npos) << json.output;
+  EXPECT_NE(json.output.find("\"the driver announces no zoom\" : 3"), std::string::npos) << json.output;
+  EXPECT_NE(json.output.find("\"answer\" : \"Get capabilities: move 0x0200003f Pan RelPan"), std::string::npos)
+      << json.output;
 }
 
 TEST(PtzCompliance, ColoursAreForWhoWantsThem) {

@@ -9,13 +9,16 @@
 #include <string>
 #include <string_view>
 
-#include "owned.h"
+#include "handles.h"
 #include "subject.h"
 
 namespace compliance {
 
-using example::Body;
-using example::Descriptor;
+using tools::Body;
+using tools::Handle;
+using tools::Object;
+using tools::Text;
+using tools::UniqueFd;
 
 class Link;
 
@@ -38,6 +41,7 @@ class Probe {
   guint instance_;
   std::optional<Result> verdict_;
   std::string remark_;
+  std::string answer_;
   std::deque<Traffic> traffic_;
   int clients_ = 0;
   guint32 next_id_ = 1001;  // 0 and great ones are what some checks are about
@@ -52,11 +56,14 @@ class Probe {
 
   void fail(const char *format, ...) G_GNUC_PRINTF(2, 3);
   void fail_unless(bool condition, const char *format, ...) G_GNUC_PRINTF(3, 4);
-  void not_applicable(const char *format, ...) G_GNUC_PRINTF(2, 3);
+  // The reason, by which checks are counted, and the driver's answer that it follows from; empty if it was not an
+  // answer.
+  void not_applicable(const std::string &answer, const char *reason, ...) G_GNUC_PRINTF(3, 4);
   void note(const char *format, ...) G_GNUC_PRINTF(2, 3);  // figures, shown with a check that has passed
   [[nodiscard]] bool decided() const { return verdict_.has_value(); }
   [[nodiscard]] Result result() const { return verdict_.value_or(Result::passed); }
   [[nodiscard]] const std::string &remark() const { return remark_; }  // the reason, or the note
+  [[nodiscard]] const std::string &answer() const { return answer_; }  // that made the check inapplicable
   [[nodiscard]] const std::deque<Traffic> &traffic() const { return traffic_; }
   // A driver that died or hangs is the check's fault, whatever it thought of the driver before.
   void overrule(const std::string &reason);

@@ -28,8 +28,9 @@ void expect_within(Head &head, AxisIndex axis, const char *after) {
 
 void in_order(Probe &probe) {
   Link link = probe.connect();
-  const auto limits = query<Limits>(link, PTZ_COMMAND_QUERY_LIMIT_RANGES);
-  for (const AxisIndex axis : {pan, tilt, zoom}) {
+  const Capabilities capabilities = *query<Capabilities>(link);
+  const Limits limits = *query<Limits>(link);
+  for (const AxisIndex axis : axes_of(capabilities)) {
     probe.fail_unless(limits.minimum[axis] <= limits.maximum[axis], "the limits of %s are %d to %d", axis_names[axis],
                       limits.minimum[axis], limits.maximum[axis]);
   }
@@ -37,9 +38,10 @@ void in_order(Probe &probe) {
 
 void position_within(Probe &probe) {
   Link link = probe.connect();
-  const auto limits = query<Limits>(link, PTZ_COMMAND_QUERY_LIMIT_RANGES);
-  const auto now = query<Positions>(link, PTZ_COMMAND_QUERY_POSITION);
-  for (const AxisIndex axis : {pan, tilt, zoom}) {
+  const Limits limits = *query<Limits>(link);
+  const Positions now = *query<Positions>(link);
+  const Capabilities capabilities = *query<Capabilities>(link);
+  for (const AxisIndex axis : axes_of(capabilities)) {
     const gint32 position = now.position[axis];
     probe.fail_unless(limits.minimum[axis] > limits.maximum[axis] ||
                           (position >= limits.minimum[axis] && position <= limits.maximum[axis]),
@@ -50,10 +52,10 @@ void position_within(Probe &probe) {
 
 void moving_axes_have_speed(Probe &probe) {
   Link link = probe.connect();
-  const auto capabilities = query<Capabilities>(link, PTZ_COMMAND_GET_CAPABILITIES);
-  const auto speeds = query<Speeds>(link, PTZ_COMMAND_QUERY_SPEED);
-  for (const AxisIndex axis : {pan, tilt, zoom}) {
-    const bool moves = (capabilities.words.move & move_capability(PTZ_MOVE_ABSOLUTE, axis)) != 0;
+  const Capabilities capabilities = *query<Capabilities>(link);
+  const Speeds speeds = *query<Speeds>(link);
+  for (const AxisIndex axis : all_axes) {
+    const bool moves = (capabilities.move & move_capability(PTZ_MOVE_ABSOLUTE, axis)) != 0;
     probe.fail_unless(!moves || speeds.maximum[axis] > 0, "%s moves with a maximum speed of %d", axis_names[axis],
                       speeds.maximum[axis]);
   }
@@ -63,7 +65,7 @@ void moving_axes_have_speed(Probe &probe) {
 void absolute_outside(Probe &probe) {
   Head head(probe);
   head.axis_for(PTZ_MOVE_ABSOLUTE);
-  for (const AxisIndex axis : {pan, tilt, zoom}) {
+  for (const AxisIndex axis : all_axes) {
     if (!head.announces(PTZ_MOVE_ABSOLUTE, axis) || !head.has_room(axis)) continue;
     for (const gint32 target : {head.limits().minimum[axis] - 1, head.limits().maximum[axis] + 1}) {
       const auto reply = head.link().ask(Head::move(PTZ_MOVE_ABSOLUTE, axis, target));
@@ -98,7 +100,7 @@ void speed_above_maximum(Probe &probe) {
   const gint32 maximum = head.speeds().maximum[axis];
   if (error_of(head.link().ask(Head::move(PTZ_MOVE_CONTINUOUS, axis, maximum + 1)))) return;
   for (int count = 0; count < speed_samples && !probe.decided(); ++count) {
-    const gint32 speed = query<Speeds>(head.link(), PTZ_COMMAND_QUERY_SPEED).current[axis];
+    const gint32 speed = query<Speeds>(head.link())->current[axis];
     probe.fail_unless(std::abs(speed) <= maximum, "%s runs at %d, its maximum is %d", axis_names[axis], speed, maximum);
     g_usleep(between_samples_us);
   }

@@ -49,7 +49,7 @@ void reports_speed(Probe &probe) {
     head.make_room(axis);
     head.order(Head::move(PTZ_MOVE_CONTINUOUS, axis, sign * head.speeds().maximum[axis], 10));
     g_usleep(accelerate_us);
-    const gint32 speed = query<Speeds>(head.link(), PTZ_COMMAND_QUERY_SPEED).current[axis];
+    const gint32 speed = query<Speeds>(head.link())->current[axis];
     // Unless it is at a limit by now.
     const bool runs = head.where().status[axis] == PTZ_MOVE_STATUS_MOVING;
     probe.fail_unless(!runs || sign * speed > 0, "%s runs %s with the speed %d", axis_names[axis],
@@ -116,7 +116,10 @@ void directions(Probe &probe) {
     probe.fail_unless(row.sign * (end - start) > 0, "\"%s\" moves %s from %d to %d", row.name, axis_names[row.axis],
                       start, end);
   }
-  if (!any) probe.not_applicable("the driver announces neither continuous pan nor continuous tilt");
+  if (!any) {
+    probe.not_applicable(describe_moves(head.capabilities()),
+                         "the driver announces neither continuous pan nor continuous tilt");
+  }
 }
 
 void home(Probe &probe) {
@@ -138,11 +141,11 @@ void other_axes_stay(Probe &probe) {
   const AxisIndex axis = head.axis_for(PTZ_MOVE_RELATIVE);
   head.make_room(axis);
   const Positions before = head.arrive();
-  MoveRequest request{PTZ_MOVE_RELATIVE, axis_bit(axis), full_speed, {}};
-  for (const AxisIndex each : {pan, tilt, zoom}) request.values[each] = head.has_room(each) ? head.step(each) : 0;
-  head.order(make_body(PTZ_COMMAND_MOVE, request));
+  PTZKitMoveRequest request{PTZ_MOVE_RELATIVE, axis_bit(axis), full_speed, {}};
+  for (const AxisIndex each : head.axes()) request.value[each] = head.has_room(each) ? head.step(each) : 0;
+  head.order(make_body(request));
   const Positions after = head.arrive();
-  for (const AxisIndex each : {pan, tilt, zoom}) {
+  for (const AxisIndex each : head.axes()) {
     probe.fail_unless(each == axis || after.position[each] == before.position[each],
                       "%s goes from %d to %d although only %s was to move", axis_names[each], before.position[each],
                       after.position[each], axis_names[axis]);

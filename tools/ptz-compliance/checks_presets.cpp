@@ -1,6 +1,4 @@
 // Device presets. Stores under numbers that were free, of which a driver that keeps presets has two more afterwards.
-#include <algorithm>
-
 #include "head.h"
 #include "presets.h"
 
@@ -17,9 +15,9 @@ void store_and_return(Probe &probe) {
   const Positions there = head.where();
   head.order(Head::move(PTZ_MOVE_RELATIVE, axis, head.step(axis)));
   head.arrive();
-  head.order(make_body(PTZ_COMMAND_GOTO_DEVICE_PRESET, GotoPresetRequest{number, full_speed}));
+  head.order(make_body(PTZKitGotoDevicePresetRequest{number, full_speed}));
   const Positions back = head.arrive();
-  for (const AxisIndex each : {pan, tilt, zoom}) {
+  for (const AxisIndex each : head.axes()) {
     probe.fail_unless(there.position[each] == back.position[each], "preset %u was stored with %s at %d and leads to %d",
                       number, axis_names[each], there.position[each], back.position[each]);
   }
@@ -29,11 +27,11 @@ void is_listed(Probe &probe) {
   Link link = probe.connect();
   const guint32 number = free_preset(link);
   store_preset(link, number, preset_name);
-  const PresetList list = list_of(link);
-  const auto found = std::ranges::find(list.elements, number, &Preset::number);
-  if (found == list.elements.end()) return probe.fail("preset %u was stored and is not listed", number);
-  probe.fail_unless(found->name == preset_name, "preset %u was stored as \"%s\" and is listed as \"%s\"", number,
-                    preset_name, found->name.c_str());
+  const Presets list(link);
+  const PTZKitPreset *const found = list.find(number);
+  if (found == nullptr) return probe.fail("preset %u was stored and is not listed", number);
+  probe.fail_unless(g_str_equal(found->name, preset_name), "preset %u was stored as \"%s\" and is listed as \"%s\"",
+                    number, preset_name, found->name);
 }
 
 void is_replaced(Probe &probe) {
@@ -41,13 +39,12 @@ void is_replaced(Probe &probe) {
   const guint32 number = free_preset(link);
   store_preset(link, number, preset_name);
   store_preset(link, number, other_name);
-  const PresetList list = list_of(link);
-  const auto entries = std::ranges::count(list.elements, number, &Preset::number);
-  probe.fail_unless(entries <= 1, "preset %u was stored twice and is listed %d times", number,
-                    static_cast<int>(entries));
-  const auto found = std::ranges::find(list.elements, number, &Preset::number);
-  if (found == list.elements.end()) return;  // that is another check's
-  const bool old = found->name == preset_name;
+  const Presets list(link);
+  const std::size_t entries = list.count(number);
+  probe.fail_unless(entries <= 1, "preset %u was stored twice and is listed %zu times", number, entries);
+  const PTZKitPreset *const found = list.find(number);
+  if (found == nullptr) return;  // that is another check's
+  const bool old = g_str_equal(found->name, preset_name) != FALSE;
   store_preset(link, number, preset_name);
   probe.fail_unless(!old, "preset %u keeps its old name when it is stored again", number);
 }
@@ -58,22 +55,22 @@ void in_order(Probe &probe) {
   const guint32 lower = free_preset(link, higher);
   store_preset(link, higher, preset_name);
   store_preset(link, lower, preset_name);
-  const PresetList list = list_of(link);
-  probe.fail_unless(std::ranges::is_sorted(list.elements, {}, &Preset::number),
-                    "the presets are not listed by their numbers");
+  const Presets list(link);
+  for (std::size_t index = 1; index < list.size(); ++index) {
+    probe.fail_unless(list[index - 1].number <= list[index].number, "the presets are not listed by their numbers");
+  }
 }
 
 void unknown_is_refused(Probe &probe) {
   Link link = probe.connect();
-  expect_refused(link, make_body(PTZ_COMMAND_GOTO_DEVICE_PRESET, GotoPresetRequest{G_MAXUINT32, full_speed}),
+  expect_refused(link, make_body(PTZKitGotoDevicePresetRequest{G_MAXUINT32, full_speed}),
                  "going to a preset that nobody stored");
 }
 
 void bad_number(Probe &probe) {
   Link link = probe.connect();
   for (const guint32 number : {0U, G_MAXUINT32}) {
-    expect_refused(link, make_body(PTZ_COMMAND_SET_DEVICE_PRESET, Preset{number, preset_name}),
-                   ("storing preset " + std::to_string(number)).c_str());
+    expect_refused(link, make_preset_body(number, preset_name), ("storing preset " + std::to_string(number)).c_str());
   }
 }
 
@@ -81,7 +78,7 @@ void bad_name(Probe &probe) {
   Link link = probe.connect();
   const guint32 number = free_preset(link);
   for (const std::size_t length : {std::size_t{0}, longest_preset_name + 1}) {
-    expect_refused(link, make_body(PTZ_COMMAND_SET_DEVICE_PRESET, Preset{number, std::string(length, 'x')}),
+    expect_refused(link, make_preset_body(number, std::string(length, 'x').c_str()),
                    ("a name of " + std::to_string(length) + " bytes").c_str());
   }
 }

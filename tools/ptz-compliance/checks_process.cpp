@@ -24,7 +24,7 @@ void permissions(Probe &probe) {
                     mode);
 }
 
-// What a process has had of the processors; -1 where that cannot be seen.
+// What a process has had of the processors; -1 if that cannot be seen.
 gint64 processor_time_us(pid_t process) {
   clockid_t clock = 0;
   timespec time{};
@@ -34,11 +34,10 @@ gint64 processor_time_us(pid_t process) {
 
 // Its main thread runs, or would run if a processor were free.
 bool is_runnable(pid_t process) {
-  char *text = nullptr;
-  if (!g_file_get_contents(("/proc/" + std::to_string(process) + "/stat").c_str(), &text, nullptr, nullptr))
-    return false;
-  const Text owner(text);
-  const char *const name_end = std::strrchr(text, ')');
+  Text text;
+  const std::string file = "/proc/" + std::to_string(process) + "/stat";
+  if (!g_file_get_contents(file.c_str(), tools::out(text), nullptr, nullptr)) return false;
+  const char *const name_end = std::strrchr(text.get(), ')');
   return name_end != nullptr && std::strncmp(name_end, ") R", 3) == 0;
 }
 
@@ -48,7 +47,7 @@ void idle(Probe &probe) {
   link.ask(harmless_request());
   const pid_t process = Subject::listener(link.fd());
   const gint64 before_us = processor_time_us(process);
-  if (before_us < 0) return probe.not_applicable("the driver's processor time cannot be seen by this user");
+  if (before_us < 0) return probe.not_applicable("", "the driver's processor time cannot be seen by this user");
   const gint64 start = g_get_monotonic_time();
   int runnable = 0;
   for (int look = 0; look < looks_while_idle; ++look) {
@@ -67,7 +66,7 @@ void idle(Probe &probe) {
 void wait_until_ready(Probe &probe) { probe.connect().ask(harmless_request()); }
 
 bool can_be_ended(Probe &probe) {
-  if (!probe.subject().started_by_us()) probe.not_applicable("the driver was not started by this tool");
+  if (!probe.subject().started_by_us()) probe.not_applicable("", "the driver was not started by this tool");
   return !probe.decided();
 }
 
@@ -111,14 +110,14 @@ void sigterm_while_moving(Probe &probe) {
 void sigterm_status(Probe &probe) {
   wait_until_ready(probe);
   const auto status = terminate(probe);
-  if (!status) return probe.not_applicable("the driver does not end on SIGTERM");
+  if (!status) return probe.not_applicable("", "the driver does not end on SIGTERM");
   probe.fail_unless(WIFEXITED(*status) && WEXITSTATUS(*status) == 0, "on SIGTERM the driver %s",
                     describe_end(*status).c_str());
 }
 
 void sigterm_removes_socket(Probe &probe) {
   wait_until_ready(probe);
-  if (!terminate(probe)) return probe.not_applicable("the driver does not end on SIGTERM");
+  if (!terminate(probe)) return probe.not_applicable("", "the driver does not end on SIGTERM");
   struct stat entry {};
   probe.fail_unless(lstat(probe.subject().path().c_str(), &entry) != 0, "the driver leaves its socket behind");
 }

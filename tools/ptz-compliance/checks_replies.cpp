@@ -109,25 +109,29 @@ void command_word(Probe &probe) {
 void error_layout(Probe &probe) {
   Link link = probe.connect();
   const Body reply = link.ask(unknown_request());
-  BodyReader reader(reply.get());
-  if (reader.i32() != PTZ_COMMAND_ERROR_REPLY) return probe.not_applicable("the reply is no error reply");
-  const ErrorReply error = ErrorReply::read(reader);
-  probe.fail_unless(reader.finished(), "the error reply is not a code and a text");
-  const auto code = static_cast<guint32>(error.code);
-  probe.fail_unless(code >= 1 && code <= static_cast<guint32>(ErrorCode::not_kept), "there is no error code %u", code);
-  probe.fail_unless(!error.text.empty(), "the error reply gives no reason");
+  if (command_of(reply) != PTZ_COMMAND_ERROR_REPLY) {
+    return probe.not_applicable("the command word " + std::to_string(command_of(reply)),
+                                "the driver does not refuse unknown commands");
+  }
+  const auto *const bytes = reinterpret_cast<const guint8 *>(reply->data);
+  const Handle<PTZKitErrorReply, ptz_kit_error_reply_free> error(ptz_kit_error_reply_read(bytes, reply->len, nullptr));
+  if (error == nullptr) return probe.fail("the error reply is not a code and a text");
+  probe.fail_unless(error->code >= PTZ_KIT_ERROR_CODE_UNKNOWN_COMMAND && error->code <= PTZ_KIT_ERROR_CODE_DEVICE,
+                    "there is no error code %u", error->code);
+  probe.fail_unless(*error->text != '\0', "the error reply gives no reason");
 }
 
 void parameters(Probe &probe) {
   Link link = probe.connect();
-  const auto list = query<ParameterList>(link, PTZ_COMMAND_GET_DRIVER_PARAMETERS);
-  for (const DriverParameter &parameter : list.elements) {
+  const auto list = query<ParameterList>(link);
+  for (guint i = 0; i < list->parameters->len; ++i) {
+    const auto &parameter = *static_cast<const PTZKitParameter *>(g_ptr_array_index(list->parameters, i));
     probe.fail_unless(g_enum_get_value(static_cast<GEnumClass *>(g_type_class_ref(PTZ_TYPE_PARAMETER_GROUP)),
                                        static_cast<gint>(parameter.group)) != nullptr,
-                      "parameter \"%s\" is in group %u, which there is not", parameter.name.c_str(), parameter.group);
+                      "parameter \"%s\" is in group %u, which there is not", parameter.name, parameter.group);
     probe.fail_unless(g_enum_get_value(static_cast<GEnumClass *>(g_type_class_ref(PTZ_TYPE_PARAMETER)),
                                        static_cast<gint>(parameter.kind)) != nullptr,
-                      "parameter \"%s\" is of kind %u, which there is not", parameter.name.c_str(), parameter.kind);
+                      "parameter \"%s\" is of kind %u, which there is not", parameter.name, parameter.kind);
   }
 }
 

@@ -10,6 +10,19 @@ namespace {
 constexpr int steps_of_range = 200;
 constexpr int look_again_us = 5'000;
 constexpr int looks_at_standstill = 6;
+
+// "0x00000003 Pan RelPan"
+std::string describe_bits(GType type, guint32 bits) {
+  const Text number(g_strdup_printf("0x%08x", bits));
+  std::string text = number.get();
+  const auto *const flags = static_cast<GFlagsClass *>(g_type_class_ref(type));
+  for (guint i = 0; i < flags->n_values; ++i) {
+    const GFlagsValue &each = flags->values[i];
+    if (each.value != 0 && (bits & each.value) == each.value) text += std::string(" ") + each.value_name;
+  }
+  return text;
+}
+
 }  // namespace
 
 const std::array<const char *, axis_count> axis_names = {"pan", "tilt", "zoom"};
@@ -25,11 +38,39 @@ guint32 move_capability(PTZMove kind, AxisIndex axis) {
   return guint32{PTZ_DRIVER_MOVE_CAPABILITIES_PAN} << (3 * axis + kind - PTZ_MOVE_ABSOLUTE);
 }
 
+bool has_axis(const Capabilities &capabilities, AxisIndex axis) {
+  for (const PTZMove kind : {PTZ_MOVE_ABSOLUTE, PTZ_MOVE_RELATIVE, PTZ_MOVE_CONTINUOUS}) {
+    if ((capabilities.move & move_capability(kind, axis)) != 0) return true;
+  }
+  return false;
+}
+
+std::vector<AxisIndex> axes_of(const Capabilities &capabilities) {
+  std::vector<AxisIndex> axes;
+  for (const AxisIndex axis : all_axes) {
+    if (has_axis(capabilities, axis)) axes.push_back(axis);
+  }
+  return axes;
+}
+
+std::string describe_moves(const Capabilities &capabilities) {
+  return "Get capabilities: move " + describe_bits(PTZ_TYPE_DRIVER_MOVE_CAPABILITIES, capabilities.move);
+}
+std::string describe_extras(const Capabilities &capabilities) {
+  return "Get capabilities: extra " + describe_bits(PTZ_TYPE_DRIVER_EXTRA_CAPABILITIES, capabilities.extra);
+}
+
+void not_announced(Probe &probe, const Capabilities &capabilities, PTZMove kind, AxisIndex axis) {
+  const bool is_absent = !has_axis(capabilities, axis);
+  probe.not_applicable(describe_moves(capabilities), "the driver announces no %s%s%s", is_absent ? "" : kind_name(kind),
+                       is_absent ? "" : " ", axis_names[axis]);
+}
+
 Head::Head(Probe &probe)
     : link_(probe.connect()),
-      capabilities_(query<Capabilities>(link_, PTZ_COMMAND_GET_CAPABILITIES)),
-      limits_(query<Limits>(link_, PTZ_COMMAND_QUERY_LIMIT_RANGES)),
-      speeds_(query<Speeds>(link_, PTZ_COMMAND_QUERY_SPEED)) {
+      capabilities_(*query<Capabilities>(link_)),
+      limits_(*query<Limits>(link_)),
+      speeds_(*query<Speeds>(link_)) {
   arrive();
 }
 
@@ -38,10 +79,19 @@ bool Head::has_room(AxisIndex axis) const {
 }
 
 AxisIndex Head::axis_for(PTZMove kind) {
-  for (const AxisIndex axis : {pan, tilt, zoom}) {
-    if (announces(kind, axis) && has_room(axis)) return axis;
+  std::string rooms;
+  for (const AxisIndex axis : all_axes) {
+    if (!announces(kind, axis)) continue;
+    if (has_room(axis)) return axis;
+    rooms += std::string(rooms.empty() ? "" : "; ") + axis_names[axis] + " from " +
+             std::to_string(limits_.minimum[axis]) + " to " + std::to_string(limits_.maximum[axis]) + ", at most " +
+             std::to_string(speeds_.maximum[axis]) + " per second";
   }
-  probe().not_applicable("the driver announces no %s moves of an axis with room to move in", kind_name(kind));
+  if (rooms.empty()) {
+    probe().not_applicable(describe_moves(capabilities_), "the driver announces no %s moves", kind_name(kind));
+  } else {
+    probe().not_applicable(rooms, "no axis with %s moves has room to move in", kind_name(kind));
+  }
   return pan;
 }
 
@@ -53,11 +103,11 @@ Head::Limit Head::nearest_limit(PTZMove kind) {
   Limit nearest{axis_for(kind), false};
   if (probe().decided()) return nearest;
   double least = std::numeric_limits<double>::infinity();
-  const PerAxis now = where().position;
-  for (const AxisIndex axis : {pan, tilt, zoom}) {
+  const Positions now = where();
+  for (const AxisIndex axis : all_axes) {
     if (!announces(kind, axis) || !has_room(axis)) continue;
     for (const bool upper : {false, true}) {
-      const double time = seconds_to(axis, (upper ? limits_.maximum : limits_.minimum)[axis] - now[axis]);
+      const double time = seconds_to(axis, (upper ? limits_.maximum : limits_.minimum)[axis] - now.position[axis]);
       if (time < least) {
         least = time;
         nearest = {axis, upper};
@@ -72,9 +122,9 @@ gint32 Head::step(AxisIndex axis) const {
 }
 
 Body Head::move(PTZMove kind, AxisIndex axis, gint32 value, guint16 speed) {
-  MoveRequest request{static_cast<guint32>(kind), axis_bit(axis), speed, {}};
-  request.values[axis] = value;
-  return make_body(PTZ_COMMAND_MOVE, request);
+  PTZKitMoveRequest request{static_cast<guint32>(kind), axis_bit(axis), speed, {}};
+  request.value[axis] = value;
+  return make_body(request);
 }
 
 Body Head::run_slowly(AxisIndex axis, guint16 share) {
@@ -85,7 +135,7 @@ Body Head::run_slowly(AxisIndex axis, guint16 share) {
 }
 
 Body Head::move_command(PTZMoveCmd direction, guint16 speed) {
-  return make_body(PTZ_COMMAND_MOVE_COMMAND, MoveCommandRequest{static_cast<guint32>(direction), speed});
+  return make_body(PTZKitMoveCommandRequest{static_cast<guint32>(direction), speed});
 }
 
 void Head::calm_down() {
@@ -95,8 +145,11 @@ void Head::calm_down() {
 
 Positions Head::arrive() {
   const gint64 deadline = g_get_monotonic_time() + gint64{probe().motion_timeout_ms()} * 1000;
+  const auto is_idle = [this](const Positions &at) {
+    return std::ranges::all_of(axes(), [&](AxisIndex axis) { return at.status[axis] == PTZ_MOVE_STATUS_IDLE; });
+  };
   Positions now = where();
-  while (!now.idle() && !probe().decided()) {
+  while (!is_idle(now) && !probe().decided()) {
     if (g_get_monotonic_time() > deadline) {
       probe().fail("the head still moves after %d ms", probe().motion_timeout_ms());
     }
@@ -117,7 +170,8 @@ void Head::make_room(AxisIndex axis) {
   } else if (announces(PTZ_MOVE_RELATIVE, axis)) {
     order(move(PTZ_MOVE_RELATIVE, axis, wanted - now));
   } else {
-    probe().not_applicable("%s is at its limit", axis_names[axis]);
+    probe().not_applicable("Query position: " + std::to_string(now), "%s is at its limit and has only continuous moves",
+                           axis_names[axis]);
   }
   arrive();
 }

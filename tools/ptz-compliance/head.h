@@ -1,13 +1,24 @@
 // head.h - the camera head behind a driver, as a check moves it: a little, and only where the driver announces it.
 #pragma once
+#include <vector>
+
 #include "requests.h"
 
 namespace compliance {
 
+inline constexpr AxisIndex all_axes[] = {pan, tilt, zoom};
 extern const std::array<const char *, axis_count> axis_names;
 const char *kind_name(PTZMove kind);
 // The bit by which a driver announces this kind of move of this axis.
 guint32 move_capability(PTZMove kind, AxisIndex axis);
+// An axis exists if any kind of move of it is announced. What a driver says of other axes is the subject of one check.
+bool has_axis(const Capabilities &capabilities, AxisIndex axis);
+std::vector<AxisIndex> axes_of(const Capabilities &capabilities);
+// "Get capabilities: move 0x00000007 Pan RelPan ContPan"
+std::string describe_moves(const Capabilities &capabilities);
+std::string describe_extras(const Capabilities &capabilities);
+// Makes the check inapplicable.
+void not_announced(Probe &probe, const Capabilities &capabilities, PTZMove kind, AxisIndex axis);
 
 class Head {
   Link link_;
@@ -18,20 +29,21 @@ class Head {
   [[nodiscard]] double seconds_to(AxisIndex axis, gint32 distance) const;
 
  public:
-  // Not applicable where the driver does not tell its position, its limits or its speeds. Waits until the head stands.
+  // Not applicable if the driver does not tell its position, its limits or its speeds. Waits until the head stands.
   explicit Head(Probe &probe);
 
   [[nodiscard]] Link &link() { return link_; }
   [[nodiscard]] Probe &probe() { return link_.probe(); }
-  [[nodiscard]] guint32 moves() const { return capabilities_.words.move; }
+  [[nodiscard]] const Capabilities &capabilities() const { return capabilities_; }
+  [[nodiscard]] std::vector<AxisIndex> axes() const { return axes_of(capabilities_); }
   [[nodiscard]] const Limits &limits() const { return limits_; }
   [[nodiscard]] const Speeds &speeds() const { return speeds_; }
   [[nodiscard]] bool announces(PTZMove kind, AxisIndex axis) const {
-    return (moves() & move_capability(kind, axis)) != 0;
+    return (capabilities_.move & move_capability(kind, axis)) != 0;
   }
   // There is room to move in, as the limits have it.
   [[nodiscard]] bool has_room(AxisIndex axis) const;
-  // The first axis that moves in this way and has room; not applicable where none does.
+  // The first axis that moves in this way and has room; not applicable if there is none.
   AxisIndex axis_for(PTZMove kind);
   // Of all limits, the one that an axis that moves in this way reaches soonest.
   struct Limit {
@@ -42,7 +54,7 @@ class Head {
   // A short way.
   [[nodiscard]] gint32 step(AxisIndex axis) const;
 
-  Positions where() { return query<Positions>(link_, PTZ_COMMAND_QUERY_POSITION); }
+  Positions where() { return *query<Positions>(link_); }
   gint32 position(AxisIndex axis) { return where().position[axis]; }
   [[nodiscard]] static Body move(PTZMove kind, AxisIndex axis, gint32 value, guint16 speed = full_speed);
   // Towards the farther limit, so that the motion does not end by itself while it is looked at.
@@ -54,7 +66,7 @@ class Head {
   void stop() { order(make_body(PTZ_COMMAND_STOP)); }
   // Ends motions after a check has seen what it wanted, whatever the driver says to it.
   void calm_down();
-  // Until every axis is idle, and where that is.
+  // Until every announced axis is idle, and where that is.
   Positions arrive();
   // Away from the limits of the axis, so that it may move a few steps either way.
   void make_room(AxisIndex axis);

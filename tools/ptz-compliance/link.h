@@ -19,13 +19,13 @@ struct Frame {
 
 class Link {
   Probe *probe_;
-  Descriptor fd_;
+  UniqueFd fd_;
   int client_;
   std::string received_;
   bool at_end_ = false;
 
  public:
-  Link(Probe &probe, Descriptor fd, int client) : probe_(&probe), fd_(std::move(fd)), client_(client) {}
+  Link(Probe &probe, UniqueFd fd, int client) : probe_(&probe), fd_(std::move(fd)), client_(client) {}
 
   [[nodiscard]] int fd() const { return fd_.get(); }
   [[nodiscard]] Probe &probe() { return *probe_; }

@@ -12,7 +12,7 @@ constexpr std::size_t kept_bytes = 64;
 
 void Probe::decide(std::optional<Result> verdict, const char *format, va_list arguments) {
   if (decided()) return;
-  const example::Text text(g_strdup_vprintf(format, arguments));
+  const Text text(g_strdup_vprintf(format, arguments));
   remark_ = text.get();
   verdict_ = verdict;
 }
@@ -31,10 +31,11 @@ void Probe::fail_unless(bool condition, const char *format, ...) {
   va_end(arguments);
 }
 
-void Probe::not_applicable(const char *format, ...) {
+void Probe::not_applicable(const std::string &answer, const char *reason, ...) {
+  if (!decided()) answer_ = answer;
   va_list arguments;
-  va_start(arguments, format);
-  decide(Result::not_applicable, format, arguments);
+  va_start(arguments, reason);
+  decide(Result::not_applicable, reason, arguments);
   va_end(arguments);
 }
 
@@ -48,11 +49,12 @@ void Probe::note(const char *format, ...) {
 void Probe::overrule(const std::string &reason) {
   remark_ = result() == Result::failed ? remark_ + "; " + reason : reason;
   verdict_ = Result::failed;
+  answer_.clear();
 }
 
 Link Probe::connect() {
   ++clients_;
-  Descriptor fd = decided() ? Descriptor() : subject_.connect();
+  UniqueFd fd = decided() ? UniqueFd() : subject_.connect();
   if (!fd) fail("client %d cannot connect to %s", clients_, subject_.path().c_str());
   return Link(*this, std::move(fd), clients_);
 }

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdio>
+#include <map>
 
 #include "colours.h"
 #include "json_text.h"
@@ -10,7 +11,7 @@ namespace compliance {
 
 namespace {
 
-using Builder = example::Object<JsonBuilder>;
+using Builder = Object<JsonBuilder>;
 
 constexpr std::array<const char *, 3> result_names = {"passed", "failed", "not applicable"};  // by Result
 constexpr std::array<Look, 3> result_looks = {Look::good, Look::bad, Look::notice};
@@ -21,7 +22,7 @@ const char *name_of(Traffic::Direction direction) { return direction == Traffic:
 std::string hex(const Traffic &traffic) {
   std::string text;
   for (const char byte : traffic.beginning) {
-    const example::Text digits(g_strdup_printf(text.empty() ? "%02x" : " %02x", static_cast<guint8>(byte)));
+    const Text digits(g_strdup_printf(text.empty() ? "%02x" : " %02x", static_cast<guint8>(byte)));
     text += digits.get();
   }
   if (traffic.size > traffic.beginning.size()) text += " ... (" + std::to_string(traffic.size) + " bytes)";
@@ -30,8 +31,20 @@ std::string hex(const Traffic &traffic) {
 
 struct Counts {
   std::array<int, result_names.size()> of{};
+  std::map<std::string, int> inapplicable;  // by reason
   gint64 start = g_get_monotonic_time();
-  void count(Result result) { ++of[static_cast<std::size_t>(result)]; }
+  void count(const Outcome &outcome) {
+    ++of[static_cast<std::size_t>(outcome.result)];
+    if (outcome.result == Result::not_applicable) ++inapplicable[outcome.remark];
+  }
+  // "3 the driver announces no zoom; 9 no --instance says ..."
+  [[nodiscard]] std::string reasons() const {
+    std::string text;
+    for (const auto &[reason, checks] : inapplicable) {
+      text += (text.empty() ? "" : "; ") + std::to_string(checks) + " " + reason;
+    }
+    return text;
+  }
   [[nodiscard]] double seconds() const { return static_cast<double>(g_get_monotonic_time() - start) / G_USEC_PER_SEC; }
 };
 
@@ -40,13 +53,13 @@ class TextReport : public Report {
 
  public:
   void add(const Check &check, const Outcome &outcome) override {
-    counts_.count(outcome.result);
+    counts_.count(outcome);
     std::string result = name_of(outcome.result);
     result.resize(14, ' ');
     const Look look = result_looks[static_cast<std::size_t>(outcome.result)];
     std::printf("%s  %s: %s", painted(look, result).c_str(), check.name, check.title);
     if (!outcome.remark.empty()) {
-      std::printf(outcome.result == Result::passed ? " (%s)" : " - %s", outcome.remark.c_str());
+      std::printf(outcome.result == Result::passed ? " (%s)" : " - %s", outcome.explanation().c_str());
     }
     std::printf("\n");
     if (outcome.result == Result::failed) {
@@ -58,8 +71,9 @@ class TextReport : public Report {
     std::fflush(stdout);
   }
   void finish() override {
-    std::printf("%d passed, %d failed, %d not applicable in %.1f s\n", counts_.of[0], counts_.of[1], counts_.of[2],
-                counts_.seconds());
+    const std::string reasons = counts_.reasons();
+    std::printf("%d passed, %d failed, %d not applicable in %.1f s%s%s\n", counts_.of[0], counts_.of[1], counts_.of[2],
+                counts_.seconds(), reasons.empty() ? "" : ": ", reasons.c_str());
   }
 };
 
@@ -75,12 +89,14 @@ std::string quoted(const std::string &text) {
 
 class TapReport : public Report {
   int number_ = 0;
+  Counts counts_;
 
  public:
   explicit TapReport(std::size_t checks) { std::printf("TAP version 13\n1..%zu\n", checks); }
   void add(const Check &check, const Outcome &outcome) override {
+    counts_.count(outcome);
     std::printf("%s %d - %s", outcome.result == Result::failed ? "not ok" : "ok", ++number_, check.name);
-    if (outcome.result == Result::not_applicable) std::printf(" # SKIP %s", outcome.remark.c_str());
+    if (outcome.result == Result::not_applicable) std::printf(" # SKIP %s", outcome.explanation().c_str());
     std::printf("\n");
     if (outcome.result == Result::passed && !outcome.remark.empty()) std::printf("# %s\n", outcome.remark.c_str());
     if (outcome.result == Result::failed) {
@@ -93,12 +109,15 @@ class TapReport : public Report {
     }
     std::fflush(stdout);
   }
-  void finish() override {}
+  void finish() override {
+    if (counts_.inapplicable.empty()) return;
+    std::printf("# %d not applicable: %s\n", counts_.of[2], counts_.reasons().c_str());
+  }
 };
 
 void add_text(const Builder &builder, const char *name, const std::string &value) {
   json_builder_set_member_name(builder.get(), name);
-  const example::Text valid(g_utf8_make_valid(value.c_str(), static_cast<gssize>(value.size())));
+  const Text valid(g_utf8_make_valid(value.c_str(), static_cast<gssize>(value.size())));
   json_builder_add_string_value(builder.get(), valid.get());
 }
 void add_number(const Builder &builder, const char *name, gint64 value) {
@@ -127,12 +146,13 @@ class JsonReport : public Report {
     json_builder_begin_array(builder_.get());
   }
   void add(const Check &check, const Outcome &outcome) override {
-    counts_.count(outcome.result);
+    counts_.count(outcome);
     json_builder_begin_object(builder_.get());
     add_text(builder_, "name", check.name);
     add_text(builder_, "title", check.title);
     add_text(builder_, "result", name_of(outcome.result));
     add_text(builder_, outcome.result == Result::passed ? "note" : "reason", outcome.remark);
+    if (!outcome.answer.empty()) add_text(builder_, "answer", outcome.answer);
     json_builder_set_member_name(builder_.get(), "milliseconds");
     json_builder_add_double_value(builder_.get(), outcome.ms);
     if (outcome.result == Result::failed) {
@@ -156,6 +176,10 @@ class JsonReport : public Report {
       constexpr std::array<const char *, 3> keys = {"passed", "failed", "not_applicable"};  // by Result
       add_number(builder_, keys[index], counts_.of[index]);
     }
+    json_builder_set_member_name(builder_.get(), "not_applicable_by_reason");
+    json_builder_begin_object(builder_.get());
+    for (const auto &[reason, checks] : counts_.inapplicable) add_number(builder_, reason.c_str(), checks);
+    json_builder_end_object(builder_.get());
     json_builder_end_object(builder_.get());
     print(builder_);
   }

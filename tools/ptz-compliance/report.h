@@ -9,8 +9,12 @@ namespace compliance {
 struct Outcome {
   Result result;
   std::string remark;
+  std::string answer;  // of the driver, which made the check inapplicable; may be empty
   std::deque<Traffic> traffic;
   double ms;
+
+  // "the driver announces no zoom (Get capabilities: move 0x0000003f ...)"
+  [[nodiscard]] std::string explanation() const { return answer.empty() ? remark : remark + " (" + answer + ")"; }
 };
 
 class Report {

@@ -35,7 +35,7 @@ std::optional<std::string> Subject::start() {
     const char *const output = log_.empty() ? "/dev/null" : log_.c_str();
     const int log = open(output, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     if (log < 0) return std::string("cannot write ") + output + ": " + g_strerror(errno);
-    const example::Descriptor owner(log);
+    const tools::UniqueFd owner(log);
     GError *error = nullptr;
     const auto set_up = [](gpointer) {
       prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -102,14 +102,14 @@ pid_t Subject::listener(int connected_fd) {
   return getsockopt(connected_fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.pid : 0;
 }
 
-example::Descriptor Subject::connect() const {
+tools::UniqueFd Subject::connect() const {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  if (path_.size() >= sizeof(address.sun_path)) return example::Descriptor();
+  if (path_.size() >= sizeof(address.sun_path)) return tools::UniqueFd();
   std::memcpy(address.sun_path, path_.data(), path_.size());
-  example::Descriptor fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  tools::UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!fd || ::connect(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0) {
-    return example::Descriptor();
+    return tools::UniqueFd();
   }
   return fd;
 }

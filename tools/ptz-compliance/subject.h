@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "owned.h"
+#include "handles.h"
 
 namespace compliance {
 
@@ -50,7 +50,7 @@ class Subject {
   [[nodiscard]] static pid_t listener(int connected_fd);
 
   // A non-blocking connection; none if nobody listens.
-  [[nodiscard]] example::Descriptor connect() const;
+  [[nodiscard]] tools::UniqueFd connect() const;
 };
 
 // "ended with status 3", "was ended by signal 6 (Aborted)"
