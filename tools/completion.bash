@@ -7,6 +7,16 @@ _ptz_paths() {
   "$1" param list "${group%.}" 2>/dev/null | sed "s/=.*//; $([[ $2 == root* ]] || echo 's/^root\.//')"
 }
 
+# Usage: _ptz_send_words TOOL driver send - the commands; behind one, its fields, to each of which a value follows.
+_ptz_send_words() {
+  local command=${COMP_WORDS[3]-}
+  if ((COMP_CWORD == 3)); then
+    "$@" --list | sed 's/ .*//'
+  elif [[ ${COMP_WORDS[COMP_CWORD]} != = && ${COMP_WORDS[COMP_CWORD - 1]} != = ]]; then
+    "$@" "$command" --list | sed 's/ .*/=/'
+  fi
+}
+
 # Usage: _ptz_values OPTION BEGINNING COMMAND... - what may follow an option, or the words of a command.
 _ptz_values() {
   local option=$1 beginning=$2 type
@@ -23,6 +33,7 @@ _ptz_values() {
             "$1" enum "$type" --json | sed 's/.*"nick":"\(.*\)"}/\1/; /none/d; y/ /-/'
           done
           ;;
+        'driver send') _ptz_send_words "$@" ;;
         enum) "$@" ;;
         'param get' | 'param set') _ptz_paths "$1" "$beginning" ;;
         'param backup' | 'param restore') ;;  # files, as bash completes them
@@ -62,7 +73,7 @@ _ptz_tools() {
   while read -r word; do
     [[ -z $word || $word != "$current"* ]] || COMPREPLY+=("$word")
   done <<<"$words"
-  # Behind a group there is more.
-  [[ ${COMPREPLY[*]-} != *. ]] || compopt -o nospace 2>/dev/null || true
+  # Behind a group, and behind a field's name, there is more.
+  [[ ${COMPREPLY[*]-} != *[.=] ]] || compopt -o nospace 2>/dev/null || true
 }
 complete -o default -F _ptz_tools ptzctl ptz-compliance

@@ -16,9 +16,9 @@ namespace ptzctl {
 namespace {
 
 using Legacy = ptzlegacyconfigdynamicConfigurationLegacy;
-using Connection = ptz::Object<GDBusConnection>;
-using Proxy = ptz::Object<Legacy>;
-using Variant = ptz::Handle<GVariant, g_variant_unref>;
+using Connection = tools::Object<GDBusConnection>;
+using Proxy = tools::Object<Legacy>;
+using Variant = tools::Handle<GVariant, g_variant_unref>;
 
 constexpr char legacy_interface[] = "com.velk.Configuration.Legacy";
 constexpr char events_interface[] = "com.velk.PTZ.ConfigEvent";
@@ -58,7 +58,7 @@ bool is_silence(const GError *error) {
 }
 
 // The exit status for it.
-int complain_of(const std::string &service, const ptz::Error &error) {
+int complain_of(const std::string &service, const tools::Error &error) {
   const gint code = ptz_g_dbus_error_get_remote_error_code(error.get());
   g_dbus_error_strip_remote_error(error.get());
   if (code < 0) {
@@ -70,8 +70,8 @@ int complain_of(const std::string &service, const ptz::Error &error) {
 }
 
 Connection connect() {
-  ptz::Error error;
-  Connection connection(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, ptz::out(error)));
+  tools::Error error;
+  Connection connection(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, tools::out(error)));
   if (connection == nullptr) {
     complain("there is no system bus: %s", error->message);
   } else {
@@ -98,7 +98,7 @@ class ServiceCommand : public Options {
   [[nodiscard]] Legacy *proxy() const { return proxy_.get(); }
   [[nodiscard]] int status() const { return status_; }
   // Whether a call was answered; the user is told where it was not.
-  bool answered(bool success, const ptz::Error &error);
+  bool answered(bool success, const tools::Error &error);
   // The entry's value; none where the user was told why.
   [[nodiscard]] Variant entry(const std::string &name);
 };
@@ -120,26 +120,26 @@ bool ServiceCommand::connect_to_service(int argc, char **argv, bool has_index) {
   if (connection == nullptr) return false;
   constexpr auto only_calls = static_cast<GDBusProxyFlags>(G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES |
                                                            G_DBUS_PROXY_FLAGS_DO_NOT_CONNECT_SIGNALS);
-  ptz::Error error;
+  tools::Error error;
   const std::string &service = given_.front();
   proxy_.reset(ptz_legacy_config_dynamic_configuration_legacy_proxy_new_sync(
       connection.get(), only_calls, bus_name_of(service).c_str(), object_path_of(service).c_str(), nullptr,
-      ptz::out(error)));
+      tools::out(error)));
   if (!answered(proxy_ != nullptr, error)) return false;
   g_dbus_proxy_set_default_timeout(G_DBUS_PROXY(proxy_.get()), static_cast<gint>(timeout_ms()));
   return true;
 }
 
-bool ServiceCommand::answered(bool success, const ptz::Error &error) {
+bool ServiceCommand::answered(bool success, const tools::Error &error) {
   status_ = success ? EXIT_SUCCESS : complain_of(given_.front(), error);
   return success;
 }
 
 Variant ServiceCommand::entry(const std::string &name) {
   Variant boxed;
-  ptz::Error error;
+  tools::Error error;
   const bool success = ptz_legacy_config_dynamic_configuration_legacy_call_get_configuration_entry_sync(
-      proxy(), index(), name.c_str(), ptz::out(boxed), nullptr, ptz::out(error));
+      proxy(), index(), name.c_str(), tools::out(boxed), nullptr, tools::out(error));
   return answered(success, error) ? Variant(g_variant_get_variant(boxed.get())) : nullptr;
 }
 
@@ -156,7 +156,7 @@ const char *text_in(GVariant *value) {
 
 std::string printed(GVariant *value) {
   const char *text = text_in(value);
-  return text != nullptr ? text : ptz::Text(g_variant_print(value, FALSE)).get();
+  return text != nullptr ? text : tools::Text(g_variant_print(value, FALSE)).get();
 }
 
 void add_json(const JsonLine &json, const char *name, GVariant *value) {
@@ -170,8 +170,8 @@ void add_json(const JsonLine &json, const char *name, GVariant *value) {
 // In the type that the entry has: a text as it stands, anything else as GVariant writes it.
 Variant parse_value(const std::string &text, GVariant *current) {
   if (text_in(current) != nullptr) return Variant(g_variant_ref_sink(g_variant_new_string(text.c_str())));
-  ptz::Error error;
-  Variant value(g_variant_parse(g_variant_get_type(current), text.c_str(), nullptr, nullptr, ptz::out(error)));
+  tools::Error error;
+  Variant value(g_variant_parse(g_variant_get_type(current), text.c_str(), nullptr, nullptr, tools::out(error)));
   if (value == nullptr) {
     complain("'%s' is no value of the type '%s', as '%s' is: %s", text.c_str(), g_variant_get_type_string(current),
              printed(current).c_str(), error->message);
@@ -220,9 +220,9 @@ int run_list(const std::string &words, int argc, char **argv) {
   ServiceCommand command(words, {"SERVICE", "Shows every entry of every set.", " sim"});
   if (!command.connect_to_service(argc, argv)) return command.status();
   Variant sets;
-  ptz::Error error;
+  tools::Error error;
   const bool success = ptz_legacy_config_dynamic_configuration_legacy_call_get_configurations_sync(
-      command.proxy(), ptz::out(sets), nullptr, ptz::out(error));
+      command.proxy(), tools::out(sets), nullptr, tools::out(error));
   if (!command.answered(success, error)) return command.status();
   GVariantIter iterator;
   gint index = 0;
@@ -260,9 +260,9 @@ int run_set(const std::string &words, int argc, char **argv) {
   if (current == nullptr) return command.status();
   const Variant value = parse_value(command.given()[3], current.get());
   if (value == nullptr) return EXIT_FAILURE;
-  ptz::Error error;
+  tools::Error error;
   const bool success = ptz_legacy_config_dynamic_configuration_legacy_call_set_configuration_entry_sync(
-      command.proxy(), command.index(), name.c_str(), g_variant_new_variant(value.get()), nullptr, ptz::out(error));
+      command.proxy(), command.index(), name.c_str(), g_variant_new_variant(value.get()), nullptr, tools::out(error));
   if (command.answered(success, error) && command.as_json()) print_entry(command.index(), name, value.get());
   return command.status();
 }
@@ -273,9 +273,9 @@ int run_add(const std::string &words, int argc, char **argv) {
               " sim 9"});
   if (!command.connect_to_service(argc, argv, true)) return command.status();
   gint made = 0;
-  ptz::Error error;
+  tools::Error error;
   const bool success = ptz_legacy_config_dynamic_configuration_legacy_call_add_configuration_sync(
-      command.proxy(), command.index(), &made, nullptr, ptz::out(error));
+      command.proxy(), command.index(), &made, nullptr, tools::out(error));
   if (!command.answered(success, error)) return command.status();
   if (command.as_json()) {
     print_index(made);
@@ -288,9 +288,9 @@ int run_add(const std::string &words, int argc, char **argv) {
 int run_remove(const std::string &words, int argc, char **argv) {
   ServiceCommand command(words, {"SERVICE INDEX", "Removes a set.", " sim 9"});
   if (!command.connect_to_service(argc, argv, true)) return command.status();
-  ptz::Error error;
+  tools::Error error;
   const bool success = ptz_legacy_config_dynamic_configuration_legacy_call_remove_configuration_sync(
-      command.proxy(), command.index(), nullptr, ptz::out(error));
+      command.proxy(), command.index(), nullptr, tools::out(error));
   if (command.answered(success, error) && command.as_json()) print_index(command.index());
   return command.status();
 }
@@ -298,9 +298,9 @@ int run_remove(const std::string &words, int argc, char **argv) {
 int run_sync(const std::string &words, int argc, char **argv) {
   ServiceCommand command(words, {"SERVICE", "Makes earlier changes lasting.", " sim"});
   if (!command.connect_to_service(argc, argv)) return command.status();
-  ptz::Error error;
+  tools::Error error;
   const bool success =
-      ptz_legacy_config_dynamic_configuration_legacy_call_sync_sync(command.proxy(), nullptr, ptz::out(error));
+      ptz_legacy_config_dynamic_configuration_legacy_call_sync_sync(command.proxy(), nullptr, tools::out(error));
   if (command.answered(success, error) && command.as_json()) JsonLine().print();
   return command.status();
 }
@@ -313,7 +313,7 @@ struct Watch {
   gint left = 0;  // lines to print until the end; 0 for no end
   bool done = false;
   bool lost_bus = false;
-  ptz::Handle<GMainLoop, g_main_loop_unref> loop{g_main_loop_new(nullptr, FALSE)};
+  tools::Handle<GMainLoop, g_main_loop_unref> loop{g_main_loop_new(nullptr, FALSE)};
 
   void printed_line() {
     std::fflush(stdout);
@@ -350,7 +350,7 @@ void on_properties(GDBusConnection *, const gchar *, const gchar *path, const gc
 }
 
 std::string unescaped(const char *text) {
-  const ptz::Text plain(g_uri_unescape_string(text, nullptr));
+  const tools::Text plain(g_uri_unescape_string(text, nullptr));
   return plain != nullptr && g_utf8_validate(plain.get(), -1, nullptr) ? plain.get() : text;
 }
 
@@ -360,9 +360,9 @@ struct Pair {
 
 std::vector<Pair> pairs_in(const char *changes) {
   std::vector<Pair> pairs;
-  const ptz::TextList parts(g_strsplit(changes, "&", -1));
+  const tools::TextList parts(g_strsplit(changes, "&", -1));
   for (char **part = parts.get(); *part != nullptr; ++part) {
-    const ptz::TextList halves(g_strsplit(*part, "=", 2));
+    const tools::TextList halves(g_strsplit(*part, "=", 2));
     if (halves.get()[0] == nullptr) continue;
     pairs.push_back({unescaped(halves.get()[0]), halves.get()[1] != nullptr ? unescaped(halves.get()[1]) : ""});
   }

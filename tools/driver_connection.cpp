@@ -1,6 +1,6 @@
 #include "driver_connection.h"
 
-#include <ptz_serialize.h>
+#include <ptz_kit_messages.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -10,83 +10,94 @@ namespace ptzctl {
 
 namespace {
 
-using namespace example;
-
-struct Waiting {
-  Loop loop{g_main_loop_new(nullptr, FALSE)};
-  Body reply;
-};
-
-void on_reply(gpointer context, gpointer data, guint32 length) {
-  auto &waiting = *static_cast<Waiting *>(context);
-  if (data != nullptr) {
-    waiting.reply.reset(ptz_serialize_create_array());
-    ptz_serialize_blob(waiting.reply.get(), data, length);
-  }
-  g_main_loop_quit(waiting.loop.get());
+// The driver's own text: the error's message ends with it.
+std::string text_of_refusal(const GError &error) {
+  const std::string message = error.message;
+  const std::string before = "refused with error " + std::to_string(static_cast<guint>(error.code)) + ": ";
+  const auto at = message.find(before);
+  return at != std::string::npos ? message.substr(at + before.size()) : message;
 }
 
-gboolean on_timeout(gpointer loop) {
+void end_when_settled(PTZKitLink *link, GParamSpec *, gpointer loop) {
+  const PTZKitLinkState state = ptz_kit_link_get_state(link);
+  const bool is_settled = state == PTZ_KIT_LINK_STATE_READY || state == PTZ_KIT_LINK_STATE_FAILED;
+  if (is_settled) g_main_loop_quit(static_cast<GMainLoop *>(loop));
+}
+
+gboolean end_at_timeout(gpointer loop) {
   g_main_loop_quit(static_cast<GMainLoop *>(loop));
-  return G_SOURCE_REMOVE;
+  return G_SOURCE_CONTINUE;
 }
 
 }  // namespace
 
-// A client that is given the path would remove the file of a driver that starts in this moment.
-bool DriverConnection::connect() {
+// A link waits for a driver that is not there. The user is told at once, and why.
+bool DriverConnection::is_listened_on() {
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
   path_.copy(address.sun_path, sizeof address.sun_path - 1);  // the options make sure that it fits
-  descriptor_.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  if (!descriptor_ || ::connect(descriptor_.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {
-    complain("no driver at %s: %s", path_.c_str(), g_strerror(errno));
-    status_ = exit_nobody;
+  const tools::UniqueFd probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (probe && connect(probe.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) == 0) return true;
+  if (errno == EAGAIN) return true;  // the backlog is full
+  complain("no driver at %s: %s", path_.c_str(), g_strerror(errno));
+  status_ = exit_nobody;
+  return false;
+}
+
+bool DriverConnection::is_handshake_done() {
+  const gint64 start = g_get_monotonic_time();
+  const tools::Loop loop(g_main_loop_new(nullptr, FALSE));
+  const gulong handler = g_signal_connect(link_.get(), "notify::state", G_CALLBACK(end_when_settled), loop.get());
+  const guint timeout = g_timeout_add(timeout_ms_, end_at_timeout, loop.get());
+  ptz_kit_link_open(link_.get());
+  g_main_loop_run(loop.get());
+  g_source_remove(timeout);
+  g_signal_handler_disconnect(link_.get(), handler);
+  if (ptz_kit_link_get_state(link_.get()) == PTZ_KIT_LINK_STATE_READY) return true;
+  tools::Error problem;
+  if (g_get_monotonic_time() - start >= gint64{timeout_ms_} * 1000) {
+    g_set_error_literal(tools::out(problem), PTZ_KIT_ERROR, PTZ_KIT_ERROR_TIMED_OUT, "");
+    complain_of(*problem);
     return false;
   }
-  client_.reset(ptz_socket_client_command_new(nullptr, descriptor_.get(), SOCK_STREAM));
-  ptz_socket_client_register_callback(PTZ_SOCKET_CLIENT(client_.get()), on_reply, nullptr);
-  return true;
-}
-
-Body DriverConnection::ask(const Body &request) {
-  if (client_ == nullptr && !connect()) return nullptr;
-  Waiting waiting;
-  if (ptz_socket_client_command_async_send(client_.get(), request->data, request->len, &waiting) == FALSE) {
-    complain("the request could not be sent to %s", path_.c_str());
-    status_ = exit_nobody;
-    return nullptr;
-  }
-  const guint timeout = g_timeout_add(timeout_ms_, on_timeout, waiting.loop.get());
-  g_main_loop_run(waiting.loop.get());
-  if (waiting.reply != nullptr) {
-    g_source_remove(timeout);
-  } else {
-    complain("no answer from %s within %u ms", path_.c_str(), timeout_ms_);
-    status_ = exit_nobody;
-  }
-  return std::move(waiting.reply);
-}
-
-void DriverConnection::complain_of(const Body &reply) {
+  // The error tells why the attempt has failed.
+  if (ptz_kit_link_wait_ready(link_.get(), 1, tools::out(problem)) != FALSE) return true;
+  complain("the driver at %s cannot be asked: %s", path_.c_str(), problem->message);
   status_ = EXIT_FAILURE;
-  BodyReader reader(reply.get());
-  const bool is_refusal = reader.i32() == PTZ_COMMAND_ERROR_REPLY;
-  const ErrorReply refusal = ErrorReply::read(reader);
-  if (is_refusal && reader.finished()) {
-    complain("refused with code %u: %s", static_cast<guint>(refusal.code), refusal.text.c_str());
-  } else {
-    complain("not understood: a reply of %u bytes: %s", reply->len, in_hex(reply).c_str());
-  }
+  return false;
 }
 
-std::string in_hex(const Body &body) {
-  std::string text;
-  for (guint i = 0; i < body->len; ++i) {
-    const ptz::Text byte(g_strdup_printf("%s%02x", i == 0 ? "" : " ", static_cast<guint8>(body->data[i])));
-    text += byte.get();
+bool DriverConnection::is_ready() {
+  if (status_ != EXIT_SUCCESS || link_ != nullptr) return status_ == EXIT_SUCCESS;
+  if (!is_listened_on()) return false;
+  link_.reset(PTZ_KIT_LINK(
+      g_object_new(PTZ_KIT_TYPE_LINK, "socket-path", path_.c_str(), "handshake-deadline", timeout_ms_, nullptr)));
+  return is_handshake_done();
+}
+
+tools::Bytes DriverConnection::ask(GBytes *request) {
+  if (!is_ready()) return nullptr;
+  tools::Error error;
+  tools::Bytes reply(ptz_kit_link_call(link_.get(), request, timeout_ms_, nullptr, tools::out(error)));
+  if (error != nullptr) complain_of(*error);
+  return reply;
+}
+
+void DriverConnection::complain_of(const GError &error) {
+  if (error.domain == PTZ_KIT_REFUSAL) {
+    status_ = EXIT_FAILURE;
+    complain("refused with code %u: %s", static_cast<guint>(error.code), text_of_refusal(error).c_str());
+  } else if (g_error_matches(&error, PTZ_KIT_ERROR, PTZ_KIT_ERROR_TIMED_OUT)) {
+    status_ = exit_nobody;
+    complain("no answer from %s within %u ms", path_.c_str(), timeout_ms_);
+  } else if (g_error_matches(&error, PTZ_KIT_ERROR, PTZ_KIT_ERROR_LOST) ||
+             g_error_matches(&error, PTZ_KIT_ERROR, PTZ_KIT_ERROR_NOT_CONNECTED)) {
+    status_ = exit_nobody;
+    complain("no answer from %s: %s", path_.c_str(), error.message);
+  } else {
+    status_ = EXIT_FAILURE;
+    complain("not understood: %s", error.message);
   }
-  return text;
 }
 
 }  // namespace ptzctl

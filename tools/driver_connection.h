@@ -1,66 +1,66 @@
-// driver_connection.h - ptzctl's end of the command channel: one request, its reply or why there is none.
+// driver_connection.h - ptzctl's link to one driver: each call has its reply, or the user is told why there is none.
 #pragma once
-#include <glib.h>
-#include <ptz_socket_client_command.h>
+#include <ptz_kit_link.h>
+#include <ptz_kit_link_calls.h>
 
 #include <cstdlib>
-#include <optional>
 #include <string>
-#include <utility>
 
-#include "driver_messages.h"
+#include "handles.h"
 #include "subcommand.h"
 
 namespace ptzctl {
 
+using Positions = tools::Handle<PTZKitQueryPositionReply, ptz_kit_query_position_reply_free>;
+using Limits = tools::Handle<PTZKitQueryLimitRangesReply, ptz_kit_query_limit_ranges_reply_free>;
+
 class DriverConnection {
   std::string path_;
   guint timeout_ms_;
-  ptz::UniqueFd descriptor_;  // the client borrows it
-  example::Object<PTZSocketClientCommand> client_;
+  tools::Object<PTZKitLink> link_;
   int status_ = EXIT_SUCCESS;
+
+  // Connects at the first call. False if the driver cannot be asked; the user was told.
+  [[nodiscard]] bool is_ready();
+  [[nodiscard]] bool is_listened_on();
+  [[nodiscard]] bool is_handshake_done();
+  void complain_of(const GError &error);
 
  public:
   explicit DriverConnection(const Options &options) : path_(options.socket()), timeout_ms_(options.timeout_ms()) {}
   // The exit status for what was asked: that of what has failed.
   [[nodiscard]] int status() const { return status_; }
 
-  // The reply's body; null where there was none in time. The user was told.
-  [[nodiscard]] example::Body ask(const example::Body &request);
-
-  // What the reply to a command says. Nothing where it is a refusal or no such reply; the user was told.
-  template <typename Message>
-  [[nodiscard]] std::optional<Message> query(PTZCommand command, const example::Body &request) {
-    const example::Body reply = ask(request);
-    if (reply == nullptr) return std::nullopt;
-    auto message = read<Message>(command, reply);
-    if (!message) complain_of(reply);
-    return message;
+  // A blocking function of the kit, such as ptz_kit_link_query_position: its reply, or null.
+  template <typename Reply, auto function, typename... Request>
+  [[nodiscard]] Reply ask(const Request *...request) {
+    if (!is_ready()) return nullptr;
+    tools::Error error;
+    Reply reply(function(link_.get(), request..., timeout_ms_, nullptr, tools::out(error)));
+    if (error != nullptr) complain_of(*error);
+    return reply;
   }
-  template <typename Message>
-  [[nodiscard]] std::optional<Message> query(PTZCommand command) {
-    return query<Message>(command, example::make_body(command));
+  // As ask(), but a driver need not serve it: then there is nothing to tell.
+  template <typename Reply, auto function>
+  [[nodiscard]] Reply ask_if_served() {
+    if (!is_ready()) return nullptr;
+    tools::Error error;
+    Reply reply(function(link_.get(), timeout_ms_, nullptr, tools::out(error)));
+    const bool is_refused = error != nullptr && error->domain == PTZ_KIT_REFUSAL;
+    if (error != nullptr && !is_refused) complain_of(*error);
+    return reply;
   }
-  // The same for what drivers need not serve: then there is nothing to tell.
-  template <typename Message>
-  [[nodiscard]] std::optional<Message> query_if_served(PTZCommand command) {
-    const example::Body reply = ask(example::make_body(command));
-    return reply != nullptr ? read<Message>(command, reply) : std::nullopt;
+  // A command whose reply has no fields.
+  template <auto function, typename... Request>
+  [[nodiscard]] bool is_obeyed(const Request *...request) {
+    if (!is_ready()) return false;
+    tools::Error error;
+    const bool is_done = function(link_.get(), request..., timeout_ms_, nullptr, tools::out(error)) != FALSE;
+    if (error != nullptr) complain_of(*error);
+    return is_done;
   }
-
- private:
-  [[nodiscard]] bool connect();
-  void complain_of(const example::Body &reply);
-  template <typename Message>
-  [[nodiscard]] static std::optional<Message> read(PTZCommand command, const example::Body &reply) {
-    example::BodyReader reader(reply.get());
-    const bool is_reply = reader.i32() == command;
-    Message message = Message::read(reader);
-    return is_reply && reader.finished() ? std::optional(std::move(message)) : std::nullopt;
-  }
+  // Any request, as a body.
+  [[nodiscard]] tools::Bytes ask(GBytes *request);
 };
-
-// The bytes as two digits each.
-std::string in_hex(const example::Body &body);
 
 }  // namespace ptzctl

@@ -1,11 +1,9 @@
-#include <ptz_enum_types.h>
-#include <ptz_flag_types.h>
-
 #include <cstdio>
 #include <string>
 #include <vector>
 
 #include "commands.h"
+#include "vocabulary.h"
 
 namespace ptzctl {
 
@@ -17,36 +15,6 @@ struct Row {
   const char *name;
   const char *nick;
 };
-
-std::vector<GType> all_types() {
-  return {PTZ_TYPE_COMMAND,
-          PTZ_TYPE_SOCKET_COMMAND,
-          PTZ_TYPE_PROTOCOL_VERSION,
-          PTZ_TYPE_MOVE,
-          PTZ_TYPE_MOVE_STATUS,
-          PTZ_TYPE_MOVE_CMD,
-          PTZ_TYPE_ENABLE,
-          PTZ_TYPE_AUTO_ENABLE,
-          PTZ_TYPE_CONTROL,
-          PTZ_TYPE_QUERY,
-          PTZ_TYPE_ANGLE,
-          PTZ_TYPE_OSD_MENU,
-          PTZ_TYPE_DRIVER_STATUS,
-          PTZ_TYPE_SPACE,
-          PTZ_TYPE_PARAMETER,
-          PTZ_TYPE_PARAMETER_GROUP,
-          PTZ_TYPE_PORT_MODE,
-          PTZ_TYPE_BAUD_RATE,
-          PTZ_TYPE_DATA_BITS,
-          PTZ_TYPE_STOP_BITS,
-          PTZ_TYPE_PARITY,
-          PTZ_TYPE_PORT_TYPE,
-          PTZ_TYPE_SC_GROUP,
-          PTZ_TYPE_SC_PARAM,
-          PTZ_TYPE_DRIVER_STATE,
-          PTZ_TYPE_DRIVER_MOVE_CAPABILITIES,
-          PTZ_TYPE_DRIVER_EXTRA_CAPABILITIES};
-}
 
 // The rows in the order of the type's own table.
 std::vector<Row> rows_of(GType type) {

@@ -20,15 +20,15 @@ int run_copy(const std::string &words, const Manual &manual, Copy *copy, int arg
     return EXIT_FAILURE;
   }
   const auto &file = given->front();
-  ptz::Error error;
-  const bool is_done = copy(file.c_str(), ptz::out(error)) != FALSE;
+  tools::Error error;
+  const bool is_done = copy(file.c_str(), tools::out(error)) != FALSE;
   if (!is_done) {
-    complain("%s: %s", file.c_str(), ptz::message_of(error, "the service has given no reason"));
+    complain("%s: %s", file.c_str(), tools::message_of(error, "the service has given no reason"));
     return EXIT_FAILURE;
   }
   if (options.as_json()) {
     const JsonLine json;
-    const ptz::Text name(g_filename_display_name(file.c_str()));
+    const tools::Text name(g_filename_display_name(file.c_str()));
     json.member("file", name.get());
     json.print();
   }

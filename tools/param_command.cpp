@@ -10,7 +10,7 @@ namespace ptzctl {
 
 namespace {
 
-using Walk = ptz::Handle<ParamServiceGroupContext, param_service_cleanup_group_context>;
+using Walk = tools::Handle<ParamServiceGroupContext, param_service_cleanup_group_context>;
 
 constexpr gint32 mode = 9;        // that of the library's writes without switches
 constexpr int most_levels = 512;  // more would be a service that never comes to an end
@@ -60,30 +60,30 @@ int complain_of(const std::string &what, gint32 error) {
 }
 
 // As UTF-8, which JSON and terminals want.
-ptz::Text as_utf8(ptz::Text text) {
+tools::Text as_utf8(tools::Text text) {
   if (text == nullptr || g_utf8_validate(text.get(), -1, nullptr)) return text;
-  return ptz::Text(g_convert(text.get(), -1, "UTF-8", "ISO-8859-1", nullptr, nullptr, nullptr));
+  return tools::Text(g_convert(text.get(), -1, "UTF-8", "ISO-8859-1", nullptr, nullptr, nullptr));
 }
 
 // Without what would begin another line or move the cursor of a terminal.
-ptz::Text on_one_line(const std::string &text) {
-  ptz::Text line = as_utf8(ptz::Text(g_strdup(text.c_str())));
+tools::Text on_one_line(const std::string &text) {
+  tools::Text line = as_utf8(tools::Text(g_strdup(text.c_str())));
   for (char *c = line.get(); *c != '\0'; ++c) {
     if (g_ascii_iscntrl(*c)) *c = '?';
   }
   return line;
 }
 
-ptz::Text read(const std::string &path, gint32 &error) {
+tools::Text read(const std::string &path, gint32 &error) {
   Call call;
-  ptz::Text value(param_service_get_custom(path.c_str(), &call.options, &call.error));
+  tools::Text value(param_service_get_custom(path.c_str(), &call.options, &call.error));
   error = call.error;
   return error == 0 ? as_utf8(std::move(value)) : nullptr;
 }
 
 struct Parameter {
   std::string path, name;
-  ptz::Text value;
+  tools::Text value;
 };
 
 // What is in a group itself.
@@ -117,7 +117,7 @@ bool read_group(const std::string &path, Group &group, gint32 &error) {
   for (auto &each : parameters) {
     auto name = each.substr(each.rfind('.') + 1);
     gint32 read_error = 0;
-    ptz::Text value = read(each, read_error);
+    tools::Text value = read(each, read_error);
     // It may have been deleted meanwhile.
     if (value != nullptr) group.parameters.push_back({std::move(each), std::move(name), std::move(value)});
   }
@@ -136,7 +136,7 @@ void print_parameter(const Parameter &parameter, bool as_json) {
 }
 
 void print_group(const std::string &path, const char *end, bool as_json) {
-  const ptz::Text line = on_one_line(path);
+  const tools::Text line = on_one_line(path);
   if (!as_json) {
     std::printf("%s%s\n", painted(Look::heading, line.get()).c_str(), end);
     return;
@@ -286,7 +286,7 @@ int run_create(const std::string &words, int argc, char **argv) {
   Call call;
   call.options.number = static_cast<gint32>(*number);
   const auto path = group_path(given->front());
-  const ptz::Text created(
+  const tools::Text created(
       param_service_create_dynamic_group(path.c_str(), (*given)[1].c_str(), &call.options, &call.error));
   if (call.error != 0 || created == nullptr) {
     return complain_of(created != nullptr ? created.get() : path + " from " + (*given)[1], call.error);

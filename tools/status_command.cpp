@@ -38,7 +38,7 @@ struct StatusGroup {
   // The library knows how the values are called and what they are.
   StatusGroup(const Kind &kind, guint instance) {
     const gint count = kind.last_param - kind.first_param + 1;
-    const ptz::Handle<PTZStatusCacheGroup, ptz_status_cache_free_group> handle(
+    const tools::Handle<PTZStatusCacheGroup, ptz_status_cache_free_group> handle(
         ptz_status_cache_setup_group(kind.group, instance, count));
     gint64 unused = 0;
     name = handle->name;
@@ -198,12 +198,12 @@ std::vector<StatusScreen::Line> screen_lines(const StatusGroup &group, bool is_p
   constexpr const char *units[] = {"degrees", "degrees", "times"};
   for (std::size_t i = 0; i < std::size(axes); ++i) {
     const auto status = status_name(group, axes[i].status_key);
-    const ptz::Text line(g_strdup_printf("  %-6s %9.2f %-9s %s", axes[i].name,
+    const tools::Text line(g_strdup_printf("  %-6s %9.2f %-9s %s", axes[i].name,
                                          static_cast<double>(measure(group, axes[i].value_key)), units[i],
                                          status.c_str()));
     lines.push_back({line.get(), look_of(status)});
   }
-  const ptz::Text last(g_strdup_printf("  %d updates a second, the last %" G_GINT64_FORMAT " ms ago",
+  const tools::Text last(g_strdup_printf("  %d updates a second, the last %" G_GINT64_FORMAT " ms ago",
                                        update_rate(group), age_ms(group)));
   lines.insert(lines.end(), {{}, {last.get()}});
   return lines;

@@ -75,7 +75,7 @@ int run_one_of(std::span<const Subcommand> subcommands, const char *rest, const 
 void complain(const char *format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  const ptz::Text text(g_strdup_vprintf(format, arguments));
+  const tools::Text text(g_strdup_vprintf(format, arguments));
   va_end(arguments);
   g_printerr("ptzctl: %s\n", text.get());
 }
@@ -114,7 +114,7 @@ Options::~Options() {
 }
 
 std::optional<Words> Options::parse_options(std::vector<char *> arguments) {
-  const ptz::Handle<GOptionContext, g_option_context_free> context(g_option_context_new(manual_.parameters));
+  const tools::Handle<GOptionContext, g_option_context_free> context(g_option_context_new(manual_.parameters));
   g_set_prgname(words_.c_str());  // as which the help names the program
   g_option_context_set_summary(context.get(), manual_.summary);
   g_option_context_set_description(context.get(), ("Example: " + words_ + manual_.example).c_str());
@@ -123,8 +123,8 @@ std::optional<Words> Options::parse_options(std::vector<char *> arguments) {
   int count = static_cast<int>(arguments.size());
   arguments.push_back(nullptr);
   char **left = arguments.data();
-  ptz::Error error;
-  if (!g_option_context_parse(context.get(), &count, &left, ptz::out(error))) {
+  tools::Error error;
+  if (!g_option_context_parse(context.get(), &count, &left, tools::out(error))) {
     misused("%s", error->message);
     return std::nullopt;
   }
@@ -158,7 +158,7 @@ bool Options::are_values_sensible() const {
 
 bool Options::are_as_many_as_needed(const Words &given) const {
   std::size_t least = 0, most = 0;
-  const ptz::TextList parameters(g_strsplit(manual_.parameters, " ", -1));
+  const tools::TextList parameters(g_strsplit(manual_.parameters, " ", -1));
   for (char **each = parameters.get(); *each != nullptr; ++each) {
     if (**each != '[') ++least;
     most = strstr(*each, "...") != nullptr ? G_MAXINT : most + 1;
@@ -183,7 +183,7 @@ std::optional<Words> Options::parse(int argc, char **argv) {
 int Options::misused(const char *format, ...) const {
   va_list arguments;
   va_start(arguments, format);
-  const ptz::Text text(g_strdup_vprintf(format, arguments));
+  const tools::Text text(g_strdup_vprintf(format, arguments));
   va_end(arguments);
   return complain_of_misuse(words_, text.get());
 }
@@ -233,13 +233,13 @@ void JsonLine::begin_array(const char *name) const {
 }
 
 void JsonLine::element(const std::string &value) const {
-  const ptz::Text valid(g_utf8_make_valid(value.data(), static_cast<gssize>(value.size())));
+  const tools::Text valid(g_utf8_make_valid(value.data(), static_cast<gssize>(value.size())));
   json_builder_add_string_value(builder_.get(), valid.get());
 }
 
 void JsonLine::print() const {
   json_builder_end_object(builder_.get());
-  const ptz::Handle<JsonNode, json_node_unref> root(json_builder_get_root(builder_.get()));
+  const tools::Handle<JsonNode, json_node_unref> root(json_builder_get_root(builder_.get()));
   std::printf("%s\n", json_text(root.get()).c_str());
   std::fflush(stdout);
 }

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "base/handles.h"
+#include "handles.h"
 #include "colours.h"
 
 namespace ptzctl {
@@ -84,7 +84,7 @@ class Options {
 
 // One object, printed as one line of JSON.
 class JsonLine {
-  ptz::Object<JsonBuilder> builder_{json_builder_new()};
+  tools::Object<JsonBuilder> builder_{json_builder_new()};
 
  public:
   JsonLine() { json_builder_begin_object(builder_.get()); }

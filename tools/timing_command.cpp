@@ -86,7 +86,7 @@ int run_show(const std::string &words, int argc, char **argv) {
       continue;
     }
     if (is_header_due) {
-      const ptz::Text header(
+      const tools::Text header(
           g_strdup_printf("%-25s %18s %-9s %18s %-9s %15s", "group", "start", "", "stop", "", "duration"));
       std::printf("%s\n", painted(Look::heading, header.get()).c_str());
     }

@@ -1,5 +1,7 @@
 #include <csignal>
+#include <thread>
 
+#include "peers.h"
 #include "ptzctl.h"
 
 namespace {
@@ -104,6 +106,85 @@ TEST_F(DriverCommand, SendsAnyFieldsAndShowsWhatComesBack) {
             "i32   -1\nu32   1\ntext  there is no command -7\n");
 }
 
+TEST_F(DriverCommand, SendOfANamedCommandShowsTheFieldsOfTheReplyWithUnits) {
+  EXPECT_EQ(ask({"send", "get_driver_name"}).text, "name                       sim-driver\n");
+  EXPECT_EQ(ask({"send", "get-device-types"}).text, "types[0]                   Simulated head\n");
+  EXPECT_EQ(ask({"send", "query_position"}).text,
+            "position.pan               0  (0.00 degrees)\n"
+            "position.tilt              0  (0.00 degrees)\n"
+            "position.zoom              100  (1.00 times)\n"
+            "status.pan                 0  (Idle)\n"
+            "status.tilt                0  (Idle)\n"
+            "status.zoom                0  (Idle)\n");
+  EXPECT_TRUE(has(ask({"send", "Query speed"}), "maximum.pan                240000  (2400.00 degrees a second)\n"));
+  EXPECT_TRUE(has(ask({"send", "Get capabilities"}), "move                       0x820001ff  (Pan RelPan ContPan"));
+  EXPECT_TRUE(has(ask({"send", "get_driver_parameters"}), "parameters[0].kind         5  (ConstantInteger)\n"));
+}
+
+TEST_F(DriverCommand, SendOfANamedCommandTakesItsFieldsByTheirNames) {
+  EXPECT_EQ(ask({"send", "move", "kind=absolute", "axes=pan,tilt", "speed=100", "value=250,-100,0"}).text, "");
+  EXPECT_TRUE(run_until([this] { return has(ask({"position"}), "pan         2.50 degrees, idle\ntilt       -1.00"); }));
+  EXPECT_EQ(ask({"send", "move", "kind=1", "axes=0x2", "speed=100", "value.tilt=0"}).text, "");
+  EXPECT_TRUE(run_until([this] { return has(ask({"position"}), "tilt        0.00 degrees, idle\n"); }));
+  EXPECT_EQ(ask({"send", "move_command", "direction=up-left", "speed=1"}).status, 0);
+  EXPECT_EQ(ask({"send", "set_device_preset", "number=3", "name=the gate=left"}).text,
+            "number                     3\n");
+  EXPECT_EQ(ask({"send", "get_device_presets"}).text,
+            "presets[0].number          3\npresets[0].name            the gate=left\n");
+  const auto refused = ask({"send", "move", "kind=absolute", "axes=pan", "speed=50", "value=100000,0,0"});
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_EQ(refused.text, "ptzctl: refused with code 4: pan 100000 is not within -17000 to 17000\n");
+}
+
+TEST_F(DriverCommand, SendOfANamedCommandPrintsTheFieldsAsJson) {
+  EXPECT_EQ(ask({"send", "query_position", "--json"}).text,
+            "{\"command\":\"query_position\",\"fields\":{\"position\":{\"pan\":0,\"tilt\":0,\"zoom\":100},\"status\":"
+            "{\"pan\":0,\"tilt\":0,\"zoom\":0}},\"units\":{\"position\":\"axis\"}}\n");
+  EXPECT_EQ(ask({"send", "get_device_types", "--json"}).text,
+            "{\"command\":\"get_device_types\",\"fields\":{\"types\":[\"Simulated head\"]},\"units\":{}}\n");
+  EXPECT_EQ(ask({"send", "stop", "--json"}).text, "{\"command\":\"stop\",\"fields\":{},\"units\":{}}\n");
+}
+
+TEST_F(Ptzctl, SendListsTheCommandsAndTheFieldsOfOne) {
+  const auto commands = run({"driver", "send", "--list"});
+  EXPECT_EQ(commands.status, 0);
+  EXPECT_TRUE(has(commands, "query_position         An idle axis that was sent to a position is exactly there."))
+      << commands.text;
+  EXPECT_FALSE(has(commands, "error"));
+  const auto fields = run({"driver", "send", "goto_preset", "--list"});
+  EXPECT_EQ(fields.text,
+            "number                 number of the preset (u32, 1 to 32)\n"
+            "speed                  share of the maximum speed (u16, percent, 1 to 100)\n");
+  EXPECT_EQ(run({"driver", "send", "stop", "--list"}).text, "");
+  EXPECT_EQ(run({"driver", "send", "fly", "--list"}).status, 2);
+}
+
+TEST_F(Ptzctl, SendOfANamedCommandNamesTheFieldThatMakesNoSense) {
+  const std::pair<std::vector<std::string>, const char *> misuses[] = {
+      {{"movee"}, "there is no command 'movee' (did you mean 'move'?)"},
+      {{"goto_preset"}, "goto_preset: the field number is missing (u32, 1 to 32: number of the preset)"},
+      {{"goto_preset", "number"}, "goto_preset: 'number' is no FIELD=VALUE"},
+      {{"goto_preset", "nr=1"}, "goto_preset: there is no field 'nr'"},
+      {{"goto_preset", "number=one"}, "goto_preset: 'one' is no value of number (u32, 1 to 32)"},
+      {{"goto_preset", "number.pan=1"}, "goto_preset: the field number has no axes"},
+      {{"goto_preset", "number=1", "speed=65536"},
+       "goto_preset: goto preset request: field \"speed\": the number does not fit"},
+      {{"move", "kind=sideways"}, "move: 'sideways' is no value of kind (u32, PTZMove, at least 1)"},
+      {{"move", "axes=roll"}, "move: 'roll' is no value of axes"},
+      {{"move", "value=1,2"}, "move: value takes three numbers, PAN,TILT,ZOOM"},
+      {{"move", "value.roll=1"}, "move: there is no axis 'roll'"},
+      {{"stop", "now=1"}, "stop: there is no field 'now'"},
+      {{"stop", "--reply", "u32"}, "--reply is for a body of types"},
+  };
+  for (const auto &[words, problem] : misuses) {
+    std::vector<std::string> arguments = {"driver", "send"};
+    arguments.insert(arguments.end(), words.begin(), words.end());
+    const auto result = run(arguments);
+    EXPECT_EQ(result.status, 2);
+    EXPECT_TRUE(has(result, std::string("ptzctl: ") + problem)) << result.text;
+  }
+}
+
 TEST_F(DriverCommand, TellsOfAReplyThatHoldsLessOrMoreThanWasAskedFor) {
   const auto less = ask({"send", "u32:6", "--reply", "u32,u32"});
   EXPECT_EQ(less.status, 1);
@@ -144,6 +225,19 @@ TEST_F(DriverCommand, ADriverThatDoesNotAnswerCostsTheTimeThatWasGiven) {
   const auto unanswered = ask({"info", "--timeout", "100"});
   EXPECT_EQ(unanswered.status, 3);
   EXPECT_EQ(unanswered.text, "ptzctl: no answer from " + socket + " within 100 ms\n");
+}
+
+TEST_F(Ptzctl, ADriverThatClosesTheConnectionCannotBeAsked) {
+  const std::string socket = dir.file("driver.socket");
+  const Listener listener(socket);
+  std::thread closing([&listener] {
+    for (int clients = 0; clients < 2; ++clients) EXPECT_TRUE(listener.accept());
+  });
+  const auto result = run({"driver", "info", "--socket", socket});
+  closing.join();
+  EXPECT_EQ(result.status, 1);
+  EXPECT_TRUE(has(result, "ptzctl: the driver at " + socket + " cannot be asked: ")) << result.text;
+  EXPECT_TRUE(has(result, "the driver has closed the connection")) << result.text;
 }
 
 TEST_F(Ptzctl, WithoutADriverThereIsNoAnswer) {
