@@ -22,6 +22,7 @@ _ptz_values() {
   local option=$1 beginning=$2 type
   shift 2
   case $option in
+    --driver | -d) ptzctl driver list --json | sed --quiet '/"state":"dead"/!s/^{"name":"\([^"]*\)".*/\1/p' | sort --unique ;;
     --color) printf '%s\n' always auto never ;;
     --only | --skip) ptz-compliance --list | sed 's/:.*//' ;;
     -*) ;;

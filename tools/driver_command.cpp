@@ -127,6 +127,7 @@ int run_driver(const std::string &words, int argc, char **argv) {
       {"caps", "what it can do", run_caps},
       {"info", "its name and the devices that it is for", run_info},
       {"limits", "how far and how fast each axis goes", run_limits},
+      {"list", "which drivers run", run_driver_list},
       {"move", "move the head", run_driver_move},
       {"params", "its parameters", run_params},
       {"position", "where each axis is", run_driver_position},
@@ -134,7 +135,7 @@ int run_driver(const std::string &words, int argc, char **argv) {
       {"send", "any request, field by field", run_driver_send},
       {"stop", "stop every axis", run_driver_stop},
   };
-  return run_one_of(subcommands, "Example: ptzctl driver info --socket /run/ptz/sim-driver.socket", words, argc, argv);
+  return run_one_of(subcommands, "Example: ptzctl driver info --driver sim-driver", words, argc, argv);
 }
 
 }  // namespace ptzctl

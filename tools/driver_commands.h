@@ -4,6 +4,8 @@
 
 namespace ptzctl {
 
+// In driver_list_command.cpp.
+int run_driver_list(const std::string &words, int argc, char **argv);
 // In driver_motion_command.cpp.
 int run_driver_move(const std::string &words, int argc, char **argv);
 int run_driver_position(const std::string &words, int argc, char **argv);

@@ -69,6 +69,9 @@ bool DriverConnection::is_handshake_done() {
 
 bool DriverConnection::is_ready() {
   if (status_ != EXIT_SUCCESS || link_ != nullptr) return status_ == EXIT_SUCCESS;
+  const auto path = options_.socket(status_);
+  if (!path) return false;
+  path_ = *path;
   if (!is_listened_on()) return false;
   link_.reset(PTZ_KIT_LINK(
       g_object_new(PTZ_KIT_TYPE_LINK, "socket-path", path_.c_str(), "handshake-deadline", timeout_ms_, nullptr)));

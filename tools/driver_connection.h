@@ -15,6 +15,7 @@ using Positions = tools::Handle<PTZKitQueryPositionReply, ptz_kit_query_position
 using Limits = tools::Handle<PTZKitQueryLimitRangesReply, ptz_kit_query_limit_ranges_reply_free>;
 
 class DriverConnection {
+  const Options &options_;
   std::string path_;
   guint timeout_ms_;
   tools::Object<PTZKitLink> link_;
@@ -27,7 +28,7 @@ class DriverConnection {
   void complain_of(const GError &error);
 
  public:
-  explicit DriverConnection(const Options &options) : path_(options.socket()), timeout_ms_(options.timeout_ms()) {}
+  explicit DriverConnection(const Options &options) : options_(options), timeout_ms_(options.timeout_ms()) {}
   // The exit status for what was asked: that of what has failed.
   [[nodiscard]] int status() const { return status_; }
 

@@ -197,8 +197,9 @@ int send_raw(const Options &options, const Words &words, const char *type_list) 
   if (request->len == 0 || request->len > PTZ_SOCKET_BODY_MAX) {
     return options.misused("a body has 1 to %d bytes, and not %u", PTZ_SOCKET_BODY_MAX, request->len);
   }
-  const tools::Body reply = ask_raw(options, request);
-  return reply != nullptr ? show_raw_reply(options, reply, types) : exit_nobody;
+  int status = EXIT_SUCCESS;
+  const tools::Body reply = ask_raw(options, request, status);
+  return reply != nullptr ? show_raw_reply(options, reply, types) : status;
 }
 
 // ---- a described request

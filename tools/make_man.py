@@ -46,7 +46,7 @@ def page(program, summary):
     for status, meaning in re.findall(r"(\d)  (.*)", statuses):
         yield f".TP\n.B {status}\n{roff(meaning)}\n"
     yield ".PP\nWhat went wrong is told on standard error.\n"
-    yield (".SH ENVIRONMENT\n.TP\n.B PTZ_PLATFORM_RUNTIME_DIR\nwhere the status store is; /run/ptz\n"
+    yield (".SH ENVIRONMENT\n.TP\n.B PTZ_PLATFORM_RUNTIME_DIR\nwhere the status store and the entries of the drivers that run are; /run/ptz\n"
            ".TP\n.B PTZ_PLATFORM_STATE_DIR\nwhere the parameter tree is; /var/lib/ptz\n"
            ".TP\n.B PTZ_PLATFORM_TEMPLATE_DIR\nwhere templates of dynamic groups are; /etc/sysconfig/template\n"
            ".TP\n.B NO_COLOR\nwhere it is set, colours are printed only with \\-\\-color=always\n")

@@ -44,15 +44,17 @@ tools::UniqueFd connect_to(const char *path) {
 
 }  // namespace
 
-tools::Body ask_raw(const Options &options, const tools::Body &request) {
-  const char *const path = options.socket();
-  const tools::UniqueFd fd = connect_to(path);  // the client borrows it
+tools::Body ask_raw(const Options &options, const tools::Body &request, int &status) {
+  status = exit_nobody;
+  const auto path = options.socket(status);
+  if (!path) return nullptr;
+  const tools::UniqueFd fd = connect_to(path->c_str());  // the client borrows it
   if (!fd) return nullptr;
   const tools::Object<PTZSocketClientCommand> client(ptz_socket_client_command_new(nullptr, fd.get(), SOCK_STREAM));
   ptz_socket_client_register_callback(PTZ_SOCKET_CLIENT(client.get()), on_reply, nullptr);
   Waiting waiting;
   if (ptz_socket_client_command_async_send(client.get(), request->data, request->len, &waiting) == FALSE) {
-    complain("the request could not be sent to %s", path);
+    complain("the request could not be sent to %s", path->c_str());
     return nullptr;
   }
   const guint timeout = g_timeout_add(options.timeout_ms(), on_timeout, waiting.loop.get());
@@ -60,7 +62,7 @@ tools::Body ask_raw(const Options &options, const tools::Body &request) {
   if (waiting.reply != nullptr) {
     g_source_remove(timeout);
   } else {
-    complain("no answer from %s within %u ms", path, options.timeout_ms());
+    complain("no answer from %s within %u ms", path->c_str(), options.timeout_ms());
   }
   return std::move(waiting.reply);
 }

@@ -5,8 +5,8 @@
 
 namespace ptzctl {
 
-// The reply's body. Null if there was none in time; the user was told.
-[[nodiscard]] tools::Body ask_raw(const Options &options, const tools::Body &request);
+// The reply's body. Null, with the exit status, if there was none in time; the user was told.
+[[nodiscard]] tools::Body ask_raw(const Options &options, const tools::Body &request, int &status);
 // The bytes as two digits each.
 [[nodiscard]] std::string in_hex(const tools::Body &body);
 

@@ -1,6 +1,7 @@
 #include "subcommand.h"
 
 #include <sys/un.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdarg>
@@ -10,11 +11,14 @@
 #include <string_view>
 #include <utility>
 
+#include "driver_socket.h"
 #include "json_text.h"
 
 namespace ptzctl {
 
 namespace {
+
+constexpr char default_socket[] = "/run/ptz/driver.socket";
 
 void print_table(std::FILE *file, std::span<const Subcommand> subcommands, const char *rest, const std::string &words) {
   std::fprintf(file, "Usage: %s SUBCOMMAND ...\n\n", words.c_str());
@@ -44,9 +48,9 @@ std::size_t distance(std::string_view one, std::string_view other) {
 
 // Options that others of the tool have.
 gboolean refuse_option(const gchar *name, const gchar *, gpointer, GError **error) {
-  const bool is_socket = g_str_has_prefix(name, "--") ? strcmp(name, "--socket") == 0 : strcmp(name, "-s") == 0;
+  const bool is_timeout = g_str_has_prefix(name, "--") ? strcmp(name, "--timeout") == 0 : strcmp(name, "-t") == 0;
   g_set_error(error, G_OPTION_ERROR, G_OPTION_ERROR_FAILED, "it takes no %s: it %s", name,
-              is_socket ? "asks no driver" : "waits for no answer");
+              is_timeout ? "waits for no answer" : "asks no driver");
   return FALSE;
 }
 
@@ -100,7 +104,9 @@ Options::Options(const std::string &words, const Manual &manual, Asks asks, std:
     }
   };
   add("socket", 's', asks == Asks::driver, G_OPTION_ARG_FILENAME, &socket_,
-      "The driver's socket, by default /run/ptz/driver.socket", "PATH");
+      "The driver's socket, by default /run/ptz/driver.socket, or the socket of the only driver that runs", "PATH");
+  add("driver", 'd', asks == Asks::driver, G_OPTION_ARG_STRING, &driver_,
+      "The driver by its name in ptzctl driver list, by NAME:INSTANCE, or by its instance", "NAME");
   add("timeout", 't', asks != Asks::nobody, G_OPTION_ARG_INT, &timeout_ms_,
       "How long to wait for an answer, by default 10000", "MS");
   add("json", 'j', true, G_OPTION_ARG_NONE, &as_json_, "One object a line", nullptr);
@@ -110,6 +116,7 @@ Options::Options(const std::string &words, const Manual &manual, Asks asks, std:
 
 Options::~Options() {
   g_free(socket_);
+  g_free(driver_);
   g_free(colours_);
 }
 
@@ -145,8 +152,12 @@ std::optional<Words> Options::parse_options(std::vector<char *> arguments) {
 bool Options::are_values_sensible() const {
   if (!is_within("--timeout", timeout_ms_, 1, G_MAXINT)) return false;
   const std::size_t most = sizeof sockaddr_un::sun_path - 1;
-  if (const std::string_view path = socket(); path.empty() || path.size() > most) {
-    misused("--socket '%s' is no path of 1 to %zu bytes", socket(), most);
+  if (const std::string_view path = socket_ != nullptr ? socket_ : "x"; path.empty() || path.size() > most) {
+    misused("--socket '%s' is no path of 1 to %zu bytes", socket_, most);
+    return false;
+  }
+  if (socket_ != nullptr && driver_ != nullptr) {
+    misused("--socket and --driver exclude each other");
     return false;
   }
   if (!choose_colours(colours_ != nullptr ? colours_ : "auto")) {
@@ -154,6 +165,27 @@ bool Options::are_values_sensible() const {
     return false;
   }
   return true;
+}
+
+std::optional<std::string> Options::socket(int &status) const {
+  if (socket_ != nullptr) return socket_;
+  std::string problem;
+  tools::RegistryEntry entry;
+  if (driver_ != nullptr) {
+    entry = tools::driver_named(driver_, problem);
+    if (entry == nullptr) {
+      complain("%s", problem.c_str());
+      status = exit_nobody;
+      return std::nullopt;
+    }
+  } else if (access(default_socket, F_OK) != 0) {
+    entry = tools::only_driver(problem);
+    if (!problem.empty()) {
+      status = misused("%s: name one with --driver", problem.c_str());
+      return std::nullopt;
+    }
+  }
+  return entry != nullptr ? entry->socket_path : default_socket;
 }
 
 bool Options::are_as_many_as_needed(const Words &given) const {

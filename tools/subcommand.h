@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "handles.h"
 #include "colours.h"
+#include "handles.h"
 
 namespace ptzctl {
 
@@ -37,7 +37,7 @@ void complain(const char *format, ...) G_GNUC_PRINTF(1, 2);
 // " (did you mean 'show'?)" where one of the words is nearly the one that was given.
 [[nodiscard]] std::string did_you_mean(const std::string &given, const Words &words);
 
-// Whom a subcommand waits for. It takes --timeout if anybody, --socket if a driver.
+// Whom a subcommand waits for. It takes --timeout if anybody, --socket and --driver if a driver.
 enum class Asks { nobody, service, driver };
 
 // What the help says. The parameters are what follows the options, such as "PATH [VALUE...]", and tell how many words
@@ -54,7 +54,7 @@ class Options {
   Manual manual_;
   gboolean as_json_ = FALSE;
   gint timeout_ms_ = 10'000;
-  char *socket_ = nullptr, *colours_ = nullptr;
+  char *socket_ = nullptr, *driver_ = nullptr, *colours_ = nullptr;
   std::vector<GOptionEntry> entries_;
 
   // What is left of the words without the options.
@@ -71,7 +71,9 @@ class Options {
 
   [[nodiscard]] bool as_json() const { return as_json_ != FALSE; }
   [[nodiscard]] guint timeout_ms() const { return static_cast<guint>(timeout_ms_); }
-  [[nodiscard]] const char *socket() const { return socket_ != nullptr ? socket_ : "/run/ptz/driver.socket"; }
+  // The socket of the driver that is to be asked. Nothing, with the exit status, if there is no such driver or if it is
+  // not clear which one is meant; the user was told.
+  [[nodiscard]] std::optional<std::string> socket(int &status) const;
 
   // Tells the user what makes no sense, and where the help is; the exit status for it.
   int misused(const char *format, ...) const G_GNUC_PRINTF(2, 3);

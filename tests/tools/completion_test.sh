@@ -52,6 +52,14 @@ expect 'ptzctl status show --color=a' 'always auto'
 expect 'ptzctl status show --color=always ' 'limit position various'
 expect 'ptzctl status show p' 'position'
 expect 'ptzctl driver info --socket ' ''
+expect 'ptzctl driver info --driver ' ''
+two-axis-driver --socket "$scratch/driver.socket" 2>/dev/null &
+driver=$!
+trap 'kill "$driver"; rm -rf "$scratch"' EXIT
+until ptzctl driver info --driver two-axis-driver >/dev/null 2>&1; do sleep 0.02; done
+expect 'ptzctl driver info --driver ' 'two-axis-driver'
+expect 'ptzctl driver info -d two' 'two-axis-driver'
+expect 'ptz-compliance --driver=' 'two-axis-driver'
 expect 'ptzctl driver move ab' 'absolute'
 expect 'ptzctl driver move up' 'up up-left up-right'
 expect 'ptzctl driver send query_l' 'query_limit_ranges'

@@ -359,9 +359,10 @@ TEST_P(Misused, EndsWithStatusTwoAndTheReason) {
 }
 INSTANTIATE_TEST_SUITE_P(
     PtzCompliance, Misused,
-    testing::Values(Misuse{"NoDriver", {}, "it takes --socket PATH, or a COMMAND, or both; see --help"},
+    testing::Values(Misuse{"NoDriver", {}, "it takes --socket PATH, or --driver NAME, or a COMMAND; see --help"},
                     Misuse{"UnknownOption", {"--colour"}, "Unknown option --colour"},
                     Misuse{"NobodyListens", {"--socket", "/nowhere/at.all"}, "nobody listens on /nowhere/at.all"},
+                    Misuse{"DriverAndCommand", {"--driver", "head", "--", "true", "{socket}"}, "--driver excludes"},
                     Misuse{"NoSuchCheck", {"--only", "framing", "--list"}, "no check has such a name"},
                     Misuse{"Colour", {"--color", "red", "--list"}, "--color is always, never or auto"},
                     Misuse{"TwoFormats", {"--tap", "--json", "--list"}, "exclude each other"},

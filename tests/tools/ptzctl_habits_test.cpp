@@ -75,8 +75,8 @@ TEST_F(PtzctlHabits, EveryHelpHasAnExampleThatMakesSense) {
     ASSERT_EQ(examples.size(), 1U) << command.help;
     EXPECT_EQ(("ptzctl" + examples.front()).rfind(joined(command.words), 0), 0U) << examples.front();
     // Not of the driver that runs on this machine.
-    const bool is_for_driver = examples.front().rfind(" driver", 0) == 0;
-    const auto result = run_line(examples.front() + (is_for_driver ? " --socket " + dir.file("none") : ""));
+    const bool is_default_driver = command.takes("socket");
+    const auto result = run_line(examples.front() + (is_default_driver ? " --socket " + dir.file("none") : ""));
     EXPECT_TRUE(result.status == 0 || result.status == 1 || result.status == 3) << examples.front() << result.text;
   }
 }
@@ -99,13 +99,16 @@ TEST_F(PtzctlHabits, AllTakeTheSameOptionsOrSayWhyNot) {
     EXPECT_TRUE(has({0, command.help}, "-j, --json ")) << command.help;
     EXPECT_TRUE(command.takes("color")) << command.help;
     const std::string &first = command.words.front();
-    EXPECT_EQ(command.takes("socket"), first == "driver") << command.help;
-    EXPECT_EQ(command.takes("timeout"), first == "driver" || (first == "config" && command.words[1] != "watch"));
+    const bool asks_driver = first == "driver" && command.words[1] != "list";
+    EXPECT_EQ(command.takes("socket"), asks_driver) << command.help;
+    EXPECT_EQ(command.takes("driver"), asks_driver) << command.help;
+    EXPECT_EQ(command.takes("timeout"), asks_driver || (first == "config" && command.words[1] != "watch"));
     const std::string end = "; see " + joined(command.words) + " --help\n";
     if (!command.takes("socket")) {
       EXPECT_EQ(run(command.words + Words{"--socket", "x"}).text,
                 "ptzctl: it takes no --socket: it asks no driver" + end);
       EXPECT_EQ(run(command.words + Words{"-sx"}).status, 2);
+      EXPECT_EQ(run(command.words + Words{"--driver=x"}).text, "ptzctl: it takes no --driver: it asks no driver" + end);
     }
     if (!command.takes("timeout")) {
       EXPECT_EQ(run(command.words + Words{"--timeout=5"}).text,

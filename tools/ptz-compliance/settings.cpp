@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "colours.h"
+#include "driver_socket.h"
 
 namespace compliance {
 
@@ -18,7 +19,8 @@ constexpr const Checks *areas[] = {&socket_checks,  &framing_checks,    &client_
 
 constexpr char description[] =
     "A COMMAND is started, and started again where a check ends it; each \"{socket}\" in it stands for the path\n"
-    "on which it is to listen. Without a COMMAND the driver that listens on --socket is checked.\n"
+    "on which it is to listen. Without a COMMAND the driver that listens on --socket, or that runs as --driver, is "
+    "checked.\n"
     "\n"
     "The driver's head moves, a little. Two presets are stored under numbers that are free.\n"
     "\n"
@@ -34,7 +36,7 @@ constexpr char description[] =
 
 // The options as GLib fills them in.
 class CommandLine {
-  char *socket_ = nullptr, *log_ = nullptr, *colours_ = nullptr;
+  char *socket_ = nullptr, *driver_ = nullptr, *log_ = nullptr, *colours_ = nullptr;
   char **only_ = nullptr, **skip_ = nullptr;
   gboolean list_ = FALSE, tap_ = FALSE, json_ = FALSE;
   double timeout_s_ = 2, motion_timeout_s_ = 20, start_timeout_s_ = 10;
@@ -54,10 +56,12 @@ class CommandLine {
   [[nodiscard]] tools::Error parse(int argc, char **argv);
   [[nodiscard]] const char *problem() const;
   [[nodiscard]] Settings settings() const;
+  // The name of the driver that runs; null if it was not given.
+  [[nodiscard]] const char *driver() const { return list_ ? nullptr : driver_; }
 };
 
 CommandLine::~CommandLine() {
-  for (char *text : {socket_, log_, colours_}) g_free(text);
+  for (char *text : {socket_, driver_, log_, colours_}) g_free(text);
   for (char **list : {only_, skip_}) g_strfreev(list);
 }
 
@@ -68,6 +72,8 @@ std::vector<GOptionEntry> CommandLine::entries() {
   };
   return {entry("socket", 's', G_OPTION_ARG_FILENAME, &socket_,
                 "The driver's socket (with a COMMAND: default a new path)", "PATH"),
+          entry("driver", 'd', G_OPTION_ARG_STRING, &driver_,
+                "The driver that runs under this name in ptzctl driver list, and its instance", "NAME"),
           entry("list", 'l', G_OPTION_ARG_NONE, &list_, "List the checks and end", nullptr),
           entry("only", 'o', G_OPTION_ARG_STRING_ARRAY, &only_,
                 "Only checks with such a name, with * and ?; may be given several times", "PATTERN"),
@@ -131,7 +137,10 @@ const char *CommandLine::problem() const {
   if (tap_ && json_) return "--tap and --json exclude each other";
   if (checks().empty()) return "no check has such a name";
   if (list_) return nullptr;
-  if (socket_ == nullptr && command_.empty()) return "it takes --socket PATH, or a COMMAND, or both";
+  if (driver_ != nullptr) {
+    return socket_ != nullptr || !command_.empty() ? "--driver excludes --socket and a COMMAND" : nullptr;
+  }
+  if (socket_ == nullptr && command_.empty()) return "it takes --socket PATH, or --driver NAME, or a COMMAND";
   const auto names_socket = [](const std::string &word) { return word.find(placeholder) != std::string::npos; };
   if (socket_ == nullptr && std::ranges::none_of(command_, names_socket)) {
     return "without --socket, the COMMAND needs {socket} where it takes its path";
@@ -153,6 +162,19 @@ Settings CommandLine::settings() const {
           checks()};
 }
 
+// False if no such driver runs; the user was told.
+bool use_driver(Settings &settings, const char *name) {
+  std::string problem;
+  const tools::RegistryEntry entry = tools::driver_named(name, problem);
+  if (entry == nullptr) {
+    g_printerr("ptz-compliance: %s\n", problem.c_str());
+    return false;
+  }
+  settings.socket = entry->socket_path;
+  if (settings.instance == 0) settings.instance = entry->instance;
+  return true;
+}
+
 }  // namespace
 
 void complain_of_usage(const char *problem) { g_printerr("ptz-compliance: %s; see --help\n", problem); }
@@ -161,9 +183,13 @@ std::optional<Settings> settings_from(int argc, char **argv) {
   CommandLine line;
   const tools::Error error = line.parse(argc, argv);
   const char *const problem = error != nullptr ? error->message : line.problem();
-  if (problem == nullptr) return line.settings();
-  complain_of_usage(problem);
-  return std::nullopt;
+  if (problem != nullptr) {
+    complain_of_usage(problem);
+    return std::nullopt;
+  }
+  Settings settings = line.settings();
+  if (line.driver() != nullptr && !use_driver(settings, line.driver())) return std::nullopt;
+  return settings;
 }
 
 }  // namespace compliance
