@@ -324,6 +324,24 @@ TEST(PtzCompliance, ARunningDriverIsCheckedAndLeftRunning) {
   EXPECT_EQ(driver.wait(), 0);
 }
 
+// The driver is stopped as long as a busy machine may keep it waiting, so the client has filled its socket before the
+// driver has blocked.
+TEST(PtzCompliance, ADriverThatBlocksOnAClientIsFoundThoughItReadsLate) {
+  constexpr gulong late_us = 400'000;
+  const TempDir dir;
+  const std::string socket = dir.file("driver.socket");
+  Process driver(BROKEN_DRIVER, {"--socket", socket, "--fault", "clients.never-reads"}, dir.file("output"));
+  ASSERT_TRUE(ptz_test::run_until([&] { return bool(ptz_test::connect_to(socket)); }));
+  driver.signal(SIGSTOP);
+  std::thread resuming([&driver] {
+    g_usleep(late_us);
+    driver.signal(SIGCONT);
+  });
+  const ToolRun run = run_tool({"--socket", socket, "--only", "clients.never-reads", "--timeout", "1"});
+  resuming.join();
+  EXPECT_EQ(run.status, 1) << run.output;
+}
+
 TEST(PtzCompliance, NothingIsLeftOfADriverThatItStarted) {
   const TempDir dir;
   const std::string socket = dir.file("driver.socket");
