@@ -6,18 +6,9 @@
 #include <cstdio>
 #include <cstring>
 
-static long private_kib() {
-  long sum = 0;
-  char line[256];
-  std::FILE *const file = std::fopen("/proc/self/smaps_rollup", "re");
-  if (file == nullptr) return 0;
-  while (std::fgets(line, sizeof line, file) != nullptr) {
-    long kib;
-    if (std::sscanf(line, "Private_Dirty: %ld", &kib) == 1) sum += kib;
-  }
-  std::fclose(file);
-  return sum;
-}
+#include "private_memory.h"
+
+using bench::private_kib;
 
 int main(int count, char *libraries[]) {
   g_type_ensure(G_TYPE_DBUS_CONNECTION);  // GLib itself is at work already

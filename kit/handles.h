@@ -24,6 +24,7 @@ using TextList = Handle<char *, g_strfreev>;
 using Error = Handle<GError, g_error_free>;
 using KeyFile = Handle<GKeyFile, g_key_file_unref>;
 using Array = Handle<GArray, g_array_unref>;
+using PointerArray = Handle<GPtrArray, g_ptr_array_unref>;
 using Bytes = Handle<GBytes, g_bytes_unref>;
 using Context = Handle<GMainContext, g_main_context_unref>;
 template <typename T>

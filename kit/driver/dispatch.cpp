@@ -6,19 +6,18 @@ namespace ptz_kit {
 
 namespace {
 
-bool can_move(const DriverCore &core) { return core.can_move(); }
-bool keeps_presets(const DriverCore &core) { return core.keeps_presets(); }
-bool always(const DriverCore &) { return true; }
+// When the class can answer.
+enum class Available : guint8 { never, always, if_it_moves, if_it_keeps_presets };
 
+// Without pointers, so that the table needs no relocation.
 struct Route {
   PTZCommand command;
-  gint32 slot;                               // offset in the class; 0 if only the class answers
-  Answer answer;                             // of the class, if the slot is empty; may be null
-  bool (*is_available)(const DriverCore &);  // whether the class can answer
-  Capabilities needed = {};                  // without which the command is not served
+  guint16 slot;              // offset in the class; 0 if only the class answers
+  Available available;       // if the slot is empty
+  Capabilities needed = {};  // without which the command is not served
 };
 
-#define SLOT(name) static_cast<gint32>(G_STRUCT_OFFSET(PTZKitDriverClass, name))
+#define SLOT(name) static_cast<guint16>(G_STRUCT_OFFSET(PTZKitDriverClass, name))
 constexpr Capabilities driver_preset = {0, PTZ_DRIVER_EXTRA_CAPABILITIES_DRIVERPRESET};
 constexpr Capabilities device_preset = {0, PTZ_DRIVER_EXTRA_CAPABILITIES_DEVICEPRESET};
 constexpr Capabilities auxiliary = {0, PTZ_DRIVER_EXTRA_CAPABILITIES_AUX};
@@ -27,37 +26,85 @@ constexpr Capabilities area_zoom = {0, PTZ_DRIVER_EXTRA_CAPABILITIES_AREAZOOM};
 constexpr Capabilities digital_zoom = {PTZ_DRIVER_MOVE_CAPABILITIES_DIGITALZOOM, 0};
 
 constexpr Route routes[] = {
-    {PTZ_COMMAND_SET_PRESET, SLOT(set_preset), answer_set_preset, keeps_presets, driver_preset},
-    {PTZ_COMMAND_SET_DEVICE_PRESET, SLOT(set_device_preset), answer_set_device_preset, keeps_presets, device_preset},
-    {PTZ_COMMAND_GET_DEVICE_PRESETS, SLOT(get_device_presets), answer_get_device_presets, keeps_presets, device_preset},
-    {PTZ_COMMAND_GOTO_PRESET, SLOT(goto_preset), answer_goto_preset, keeps_presets, driver_preset},
-    {PTZ_COMMAND_GOTO_DEVICE_PRESET, SLOT(goto_device_preset), answer_goto_device_preset, keeps_presets, device_preset},
-    {PTZ_COMMAND_MOVE, 0, answer_move, can_move},
-    {PTZ_COMMAND_STOP, SLOT(stop), answer_stop, can_move},
-    {PTZ_COMMAND_FIELD_ANGLES, SLOT(field_angles), nullptr, always},
-    {PTZ_COMMAND_UNREGISTER, SLOT(unregister), answer_unregister, always},
-    {PTZ_COMMAND_AUXILIARY, SLOT(auxiliary), nullptr, always, auxiliary},
-    {PTZ_COMMAND_GET_AUXILIARY, SLOT(get_auxiliary), nullptr, always, auxiliary},
-    {PTZ_COMMAND_OSD_MENU, SLOT(osd_menu), nullptr, always, osd_menu},
-    {PTZ_COMMAND_QUERY_SPEED, SLOT(query_speed), answer_query_speed, always},
-    {PTZ_COMMAND_QUERY_POSITION, SLOT(query_position), answer_query_position, always},
-    {PTZ_COMMAND_QUERY_ZOOMDELIM, SLOT(query_zoomdelim), nullptr, always, digital_zoom},
-    {PTZ_COMMAND_CHANGE_PORT, SLOT(change_port), nullptr, always},
-    {PTZ_COMMAND_MOVE_COMMAND, SLOT(move_command), answer_move_command, can_move},
-    {PTZ_COMMAND_AREA_ZOOM, SLOT(area_zoom), nullptr, always, area_zoom},
-    {PTZ_COMMAND_IMAGE, SLOT(image), nullptr, always},
-    {PTZ_COMMAND_DEFAULT_HOME_PRESET, SLOT(default_home_preset), answer_default_home_preset, keeps_presets},
-    {PTZ_COMMAND_QUERY_LIMIT_RANGES, 0, answer_query_limit_ranges, always},
-    {PTZ_COMMAND_GET_DRIVER_NAME, 0, answer_get_driver_name, always},
-    {PTZ_COMMAND_GET_DEVICE_TYPES, 0, answer_get_device_types, always},
-    {PTZ_COMMAND_GET_CAPABILITIES, 0, answer_get_capabilities, always},
-    {PTZ_COMMAND_SET_CAPABILITIES, 0, answer_set_capabilities, always},
-    {PTZ_COMMAND_GET_DRIVER_PROPERTY, 0, answer_get_driver_property, always},
-    {PTZ_COMMAND_GET_PRESET_POSITION, SLOT(get_preset_position), answer_get_preset_position, keeps_presets},
-    {PTZ_COMMAND_QUERY_ATTRIBUTES, SLOT(query_attributes), nullptr, always},
-    {PTZ_COMMAND_GET_DRIVER_PARAMETERS, SLOT(get_driver_parameters), answer_get_driver_parameters, always},
+    {PTZ_COMMAND_SET_PRESET, SLOT(set_preset), Available::if_it_keeps_presets, driver_preset},
+    {PTZ_COMMAND_SET_DEVICE_PRESET, SLOT(set_device_preset), Available::if_it_keeps_presets, device_preset},
+    {PTZ_COMMAND_GET_DEVICE_PRESETS, SLOT(get_device_presets), Available::if_it_keeps_presets, device_preset},
+    {PTZ_COMMAND_GOTO_PRESET, SLOT(goto_preset), Available::if_it_keeps_presets, driver_preset},
+    {PTZ_COMMAND_GOTO_DEVICE_PRESET, SLOT(goto_device_preset), Available::if_it_keeps_presets, device_preset},
+    {PTZ_COMMAND_MOVE, 0, Available::if_it_moves},
+    {PTZ_COMMAND_STOP, SLOT(stop), Available::if_it_moves},
+    {PTZ_COMMAND_FIELD_ANGLES, SLOT(field_angles), Available::never},
+    {PTZ_COMMAND_UNREGISTER, SLOT(unregister), Available::always},
+    {PTZ_COMMAND_AUXILIARY, SLOT(auxiliary), Available::never, auxiliary},
+    {PTZ_COMMAND_GET_AUXILIARY, SLOT(get_auxiliary), Available::never, auxiliary},
+    {PTZ_COMMAND_OSD_MENU, SLOT(osd_menu), Available::never, osd_menu},
+    {PTZ_COMMAND_QUERY_SPEED, SLOT(query_speed), Available::always},
+    {PTZ_COMMAND_QUERY_POSITION, SLOT(query_position), Available::always},
+    {PTZ_COMMAND_QUERY_ZOOMDELIM, SLOT(query_zoomdelim), Available::never, digital_zoom},
+    {PTZ_COMMAND_CHANGE_PORT, SLOT(change_port), Available::never},
+    {PTZ_COMMAND_MOVE_COMMAND, SLOT(move_command), Available::if_it_moves},
+    {PTZ_COMMAND_AREA_ZOOM, SLOT(area_zoom), Available::never, area_zoom},
+    {PTZ_COMMAND_IMAGE, SLOT(image), Available::never},
+    {PTZ_COMMAND_DEFAULT_HOME_PRESET, SLOT(default_home_preset), Available::if_it_keeps_presets},
+    {PTZ_COMMAND_QUERY_LIMIT_RANGES, 0, Available::always},
+    {PTZ_COMMAND_GET_DRIVER_NAME, 0, Available::always},
+    {PTZ_COMMAND_GET_DEVICE_TYPES, 0, Available::always},
+    {PTZ_COMMAND_GET_CAPABILITIES, 0, Available::always},
+    {PTZ_COMMAND_SET_CAPABILITIES, 0, Available::always},
+    {PTZ_COMMAND_GET_DRIVER_PROPERTY, 0, Available::always},
+    {PTZ_COMMAND_GET_PRESET_POSITION, SLOT(get_preset_position), Available::if_it_keeps_presets},
+    {PTZ_COMMAND_QUERY_ATTRIBUTES, SLOT(query_attributes), Available::never},
+    {PTZ_COMMAND_GET_DRIVER_PARAMETERS, SLOT(get_driver_parameters), Available::always},
 };
 #undef SLOT
+
+// The answer of the class; null if it has none.
+Answer answer_of(PTZCommand command) {
+  switch (command) {
+    case PTZ_COMMAND_SET_PRESET:
+      return answer_set_preset;
+    case PTZ_COMMAND_SET_DEVICE_PRESET:
+      return answer_set_device_preset;
+    case PTZ_COMMAND_GET_DEVICE_PRESETS:
+      return answer_get_device_presets;
+    case PTZ_COMMAND_GOTO_PRESET:
+      return answer_goto_preset;
+    case PTZ_COMMAND_GOTO_DEVICE_PRESET:
+      return answer_goto_device_preset;
+    case PTZ_COMMAND_MOVE:
+      return answer_move;
+    case PTZ_COMMAND_STOP:
+      return answer_stop;
+    case PTZ_COMMAND_UNREGISTER:
+      return answer_unregister;
+    case PTZ_COMMAND_QUERY_SPEED:
+      return answer_query_speed;
+    case PTZ_COMMAND_QUERY_POSITION:
+      return answer_query_position;
+    case PTZ_COMMAND_MOVE_COMMAND:
+      return answer_move_command;
+    case PTZ_COMMAND_DEFAULT_HOME_PRESET:
+      return answer_default_home_preset;
+    case PTZ_COMMAND_QUERY_LIMIT_RANGES:
+      return answer_query_limit_ranges;
+    case PTZ_COMMAND_GET_DRIVER_NAME:
+      return answer_get_driver_name;
+    case PTZ_COMMAND_GET_DEVICE_TYPES:
+      return answer_get_device_types;
+    case PTZ_COMMAND_GET_CAPABILITIES:
+      return answer_get_capabilities;
+    case PTZ_COMMAND_SET_CAPABILITIES:
+      return answer_set_capabilities;
+    case PTZ_COMMAND_GET_DRIVER_PROPERTY:
+      return answer_get_driver_property;
+    case PTZ_COMMAND_GET_PRESET_POSITION:
+      return answer_get_preset_position;
+    case PTZ_COMMAND_GET_DRIVER_PARAMETERS:
+      return answer_get_driver_parameters;
+    default:
+      return nullptr;
+  }
+}
 
 const Route *route_of(gint32 command) {
   const auto *const found = std::ranges::find(routes, command, &Route::command);
@@ -68,9 +115,23 @@ gpointer slot_of(const DriverCore &core, const Route &route) {
   return route.slot != 0 ? G_STRUCT_MEMBER(gpointer, &core.slots(), route.slot) : nullptr;
 }
 
+bool is_available(const DriverCore &core, Available available) {
+  switch (available) {
+    case Available::never:
+      return false;
+    case Available::always:
+      return true;
+    case Available::if_it_moves:
+      return core.can_move();
+    case Available::if_it_keeps_presets:
+      return core.keeps_presets();
+  }
+  return false;
+}
+
 bool is_served(const DriverCore &core, const Route &route) {
   if ((core.removed.move & route.needed.move) != 0 || (core.removed.extra & route.needed.extra) != 0) return false;
-  return slot_of(core, route) != nullptr || (route.answer != nullptr && route.is_available(core));
+  return slot_of(core, route) != nullptr || is_available(core, route.available);
 }
 
 void refuse_unserved(gint32 command, PTZKitReply *reply) {
@@ -121,7 +182,7 @@ bool serves(const DriverCore &core, PTZCommand command) {
 void call(DriverCore &core, PTZCommand command, gconstpointer message, PTZKitReply *reply) {
   const Route &route = *route_of(command);
   const gpointer slot = slot_of(core, route);
-  if (slot == nullptr) return route.answer(core, message, reply);
+  if (slot == nullptr) return answer_of(command)(core, message, reply);
   if (message != nullptr) {
     using WithRequest = void (*)(PTZKitDriver *, gconstpointer, PTZKitReply *);
     reinterpret_cast<WithRequest>(slot)(core.object, message, reply);

@@ -104,7 +104,9 @@ void DriverCore::stop() {
 
 void DriverCore::stop_serving() {
   serving_ = false;
-  while (!pending_.empty()) expire(pending_.back(), "the driver ends");
+  while (pending_->len > 0) {
+    expire(static_cast<PTZKitReply *>(g_ptr_array_index(pending_.get(), 0)), "the driver ends");
+  }
   publish_timer_.stop();
   publish_rate_ = 0;
   if (end_source_ != 0) g_source_remove(end_source_);
@@ -123,7 +125,7 @@ gboolean DriverCore::on_request(gpointer core, gpointer reply_context, gpointer 
   // Until the reply is sent: a server that has lost its path goes when it has no client.
   g_object_ref(static_cast<const PTZSocketServerCommandReplyContext *>(reply_context)->server);
   const Object<PTZKitReply> reply(make_reply(self, request));
-  self.pending_.push_back(reply.get());
+  g_ptr_array_add(self.pending_.get(), reply.get());
   dispatch(self, body, reply.get());
   // A virtual function that has thrown, in a language that can, has done neither.
   if (!is_deferred(reply.get())) fail(reply.get(), "it was neither answered nor deferred");
@@ -157,7 +159,7 @@ Bytes DriverCore::answer(std::span<const guint8> body) {
 
 void DriverCore::deliver(PTZKitReply *reply, std::span<const guint8> body) {
   const Request &request = request_of(reply);
-  std::erase(pending_, reply);
+  g_ptr_array_remove(pending_.get(), reply);
   const bool refused = is_refusal(body);
   follow_orders(request.command, refused);
   if (verbose) log_request(request.command, body);

@@ -34,8 +34,8 @@ struct Capabilities {
 };
 
 class DriverCore final : public ReplyTarget {
-  std::vector<PTZKitReply *>
-      pending_;  // borrowed: a reply removes itself when it is answered, at the latest when it goes
+  // Of PTZKitReply, the oldest first. Borrowed: a reply removes itself when it is answered, at the latest when it goes.
+  PointerArray pending_{g_ptr_array_new()};
   ReplySender sender_;
   Registration registration_;
   Listener listener_{registration_, on_request, this};

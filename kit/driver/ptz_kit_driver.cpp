@@ -87,10 +87,9 @@ static void ptz_kit_driver_get_property(GObject *object, guint id, GValue *value
     case Property::socket_path:
       return g_value_set_string(value, core.socket_path.c_str());
     case Property::device_types: {
-      std::vector<const gchar *> types;
-      for (const std::string &type : core.device_types) types.push_back(type.c_str());
-      types.push_back(nullptr);
-      return g_value_set_boxed(value, types.data());
+      const Handle<const gchar *, g_free> types(g_new0(const gchar *, core.device_types.size() + 1));
+      for (std::size_t i = 0; i < core.device_types.size(); ++i) types.get()[i] = core.device_types[i].c_str();
+      return g_value_set_boxed(value, types.get());
     }
     case Property::preset_file:
       return g_value_set_string(value, core.preset_file.c_str());

@@ -173,14 +173,14 @@ void Settings::read_file(const char *path, Problems &problems) {
 
 Problems Settings::load(const char *const *files) {
   Problems problems;
-  std::vector<PTZSettingsFile> records;
-  for (; *files != nullptr; ++files) {
+  const Handle<PTZSettingsFile, g_free> records(
+      g_new0(PTZSettingsFile, g_strv_length(const_cast<gchar **>(files)) + 1));
+  for (PTZSettingsFile *record = records.get(); *files != nullptr; ++files, ++record) {
     read_file(*files, problems);
-    records.push_back({*files, TRUE});
+    *record = {*files, TRUE};
   }
-  if (records.empty() || !problems.bad.empty()) return problems;
-  records.push_back({nullptr, FALSE});
-  if (ptz_settings_load_config_gkf(records.data(), nullptr) == FALSE) {
+  if (records->path == nullptr || !problems.bad.empty()) return problems;
+  if (ptz_settings_load_config_gkf(records.get(), nullptr) == FALSE) {
     problems.bad.emplace_back("the settings cannot be loaded; the log says why");
   }
   return problems;
