@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Uses the service of the example driver as those do who look after a camera; scripts/package runs this in a system that
-# systemd has booted. Prints one line for what works, and ends with a failure at what does not.
+# Uses the service of the simulated driver as those do who look after a camera, and that of a driver on the kit;
+# scripts/package runs this in a system that systemd has booted. Prints one line for what works, and ends with a failure at what does not.
 set -euo pipefail
 service=ptznimbo-sim-driver
 socket=/run/ptz/sim-driver.socket
@@ -115,3 +115,43 @@ expect_parameter 'it has told the tree that it ended' PTZ.State.S1.Ended 3
 expect '/run/ptz, afterwards' "$(access_of /run/ptz)" '2770 root:ptz'
 expect '/var/lib/ptz, afterwards' "$(access_of /var/lib/ptz)" '2770 root:ptz'
 ! find /run/ptz /var/lib/ptz -perm /0007 ! -name '*.socket' ! -type l | grep . || fail 'this is open to strangers'
+
+# A driver on the kit, which hangs and is given bad settings.
+service=kit-driver
+socket=/run/ptz/kit-driver.socket
+settings=/etc/ptz/kit-driver.conf
+restarts() { systemctl show --property NRestarts --value "$service"; }
+
+read -ra flags < <(pkg-config --cflags --libs ptznimbo-kit)
+gcc -std=c11 -Wall -Wextra -Werror /tests/kit-driver.c -o /tests/kit-driver "${flags[@]}"
+install -D /tests/kit-driver /usr/local/libexec/kit-driver
+printf '[Head]\nSpeedPercent=50\n' >"$settings"
+systemd-analyze verify "$service.service" || fail 'the unit is not in order'
+systemctl start "$service" || fail 'it does not start'
+answers 'a driver on the kit answers as soon as it is started'
+expect 'its descriptors' "$(awk '/Max open files/ { print $4 }' "/proc/$(main_process)/limits")" 4096
+
+watched=$(main_process)
+sleep 5
+expect 'the watchdog leaves it alone while it works' "$(main_process) $(restarts)" "$watched 0"
+
+kill -STOP "$watched"
+! asked=$(as_member ptzctl driver position --socket "$socket" --timeout 300 2>&1) || fail "it answers while it hangs: $asked"
+grep --quiet --extended-regexp 'no (answer|reply)|timed out' <<<"$asked" || fail "the deadline is not told: $asked"
+echo "it hangs: $asked"
+comes_back 'the watchdog has started it again' "$watched"
+journalctl --unit "$service" --no-pager | grep --quiet --ignore-case 'watchdog timeout' || fail 'that was not the watchdog'
+expect 'restarts' "$(restarts)" 1
+
+printf '[Head]\nSpeedPercent=0\n' >"$settings"
+! systemctl restart "$service" 2>/dev/null || fail 'it starts with bad settings'
+sleep 2
+expect 'with bad settings it is not started again' \
+  "$(systemctl show --property ActiveState,ExecMainStatus,NRestarts --value "$service" | sort | xargs)" '0 2 failed'
+journalctl --unit "$service" --no-pager | grep --only-matching "$settings:2:.*" | tail --lines=1 | grep . ||
+  fail 'the file and the line are not told'
+printf '[Head]\nSpeedPercent=50\n' >"$settings"
+systemctl start "$service" || fail 'it does not start with mended settings'
+systemctl stop "$service"
+[[ ! -e $socket ]] || fail 'its socket is left behind'
+echo "stopped: $(systemctl show --property Result --value "$service")"
