@@ -1,5 +1,6 @@
 // What a typed call of the kit costs beside the base's synchronous call with the same bytes, to the same server
-// process.
+// process; what a request costs that a driver on the kit serves, beside a server that sends ready bytes; and what it
+// takes to decode a request.
 //
 //   kit_bench [--quick]
 //
@@ -68,6 +69,18 @@ int serve(const char *path) {
   return 0;
 }
 
+// Publishes its status, timings and a counter as this instance, if it is above 0.
+int drive(const char *path, guint instance) {
+  prctl(PR_SET_PDEATHSIG, SIGTERM);
+  const Object<PTZKitDriver> driver(static_cast<PTZKitDriver *>(
+      g_object_new(PTZ_KIT_TYPE_DRIVER, "socket-path", path, "instance", instance, nullptr)));
+  ptz_kit_driver_set_axis(driver.get(), PTZ_KIT_AXIS_PAN, -17000, 17000, 9000, 0);
+  if (ptz_kit_driver_start(driver.get(), nullptr) == FALSE) give_up("the driver does not start");
+  const bench::MainLoop loop(g_main_loop_new(nullptr, FALSE));
+  g_main_loop_run(loop.get());
+  return 0;
+}
+
 class Server {
   ptz_test::TempDir folder_;
   const std::string path_ = folder_.file("driver");
@@ -75,10 +88,11 @@ class Server {
 
  public:
   // A fresh image instead of a fork alone: GLib's state does not come along.
-  Server() : process_(fork()) {
+  explicit Server(const char *how, const char *instance = nullptr) : process_(fork()) {
     if (process_ < 0) give_up("fork");
     if (process_ > 0) return;
-    execl("/proc/self/exe", "kit_bench", "--serve", path_.c_str(), nullptr);
+    setenv("PTZ_PLATFORM_RUNTIME_DIR", folder_.path().c_str(), 1);
+    execl("/proc/self/exe", "kit_bench", how, path_.c_str(), instance, nullptr);
     _exit(127);
   }
   Server(Server &&) = delete;
@@ -145,13 +159,58 @@ void compare(const char *title, std::vector<Contender> &contenders, int rounds, 
   }
 }
 
+using Client = Object<PTZSocketClientCommand>;
+
+// The driver's first request may come before it listens.
+Client connect_to(const Server &server) {
+  const Object<PTZKitLink> link(ptz_kit_link_new(server.path()));
+  ptz_kit_link_open(link.get());
+  if (ptz_kit_link_wait_ready(link.get(), 10'000, nullptr) == FALSE) give_up("the link is not ready");
+  return Client(ptz_socket_client_command_new(server.path(), -1, SOCK_STREAM));
+}
+
+// By the same client, so that only the answering side differs; and last with the kit on both sides.
+void compare_servers(GBytes *request, int rounds, int calls) {
+  const Server bare("--serve"), driver("--drive", "0"), publishing("--drive", "1");
+  const Client to_bare = connect_to(bare), to_driver = connect_to(driver), to_publishing = connect_to(publishing);
+  const Object<PTZKitLink> link(ptz_kit_link_new(driver.path()));
+  ptz_kit_link_open(link.get());
+  if (ptz_kit_link_wait_ready(link.get(), 10'000, nullptr) == FALSE) give_up("the link is not ready");
+  std::vector<Contender> contenders = {
+      {"base server", [&] { return call_base(to_bare.get(), request); }},
+      {"kit driver", [&] { return call_base(to_driver.get(), request); }},
+      {"kit driver with status and timings", [&] { return call_base(to_publishing.get(), request); }},
+      {"kit driver, by a typed call", [&] { return call_typed(link.get(), nullptr); }},
+  };
+  compare("The base's call to a", contenders, rounds, calls);
+}
+
+// From bytes to a checked structure and back to nothing.
+void measure_decoding(int rounds, int calls) {
+  const gint32 axes[] = {100, -200, 0};
+  PTZKitMoveRequest *move = ptz_kit_move_request_new(PTZ_MOVE_ABSOLUTE, 3, 50, axes);
+  GBytes *body = ptz_kit_move_request_to_bytes(move, nullptr);
+  ptz_kit_move_request_free(move);
+  gsize length = 0;
+  const auto *bytes = static_cast<const guint8 *>(g_bytes_get_data(body, &length));
+  std::vector<Contender> contenders = {{"move request", [&] {
+                                          PTZKitMoveRequest *read = ptz_kit_move_request_read(bytes, length, nullptr);
+                                          const bool good = ptz_kit_move_request_validate(read, nullptr) != FALSE;
+                                          ptz_kit_move_request_free(read);
+                                          return good;
+                                        }}};
+  compare("Decoded and checked:", contenders, rounds, calls * 50);
+  g_bytes_unref(body);
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
   if (argc == 3 && std::strcmp(argv[1], "--serve") == 0) return serve(argv[2]);
+  if (argc == 4 && std::strcmp(argv[1], "--drive") == 0) return drive(argv[2], static_cast<guint>(std::atoi(argv[3])));
   const bool quick = argc == 2 && std::strcmp(argv[1], "--quick") == 0;
   const int rounds = quick ? 2 : 31, calls = quick ? 20 : 2000;
-  const Server server;
+  const Server server("--serve");
   const Object<PTZKitLink> link(ptz_kit_link_new(server.path()));
   ptz_kit_link_open(link.get());
   if (!ptz_kit_link_wait_ready(link.get(), 10'000, nullptr)) give_up("the link is not ready");
@@ -170,6 +229,8 @@ int main(int argc, char **argv) {
     const bench::RunningMainLoop loop;
     compare("Another thread runs the main loop:", contenders, rounds, calls);
   }
+  compare_servers(request, rounds, calls);
+  measure_decoding(rounds, calls);
   g_bytes_unref(request);
   return 0;
 }

@@ -168,18 +168,21 @@ void PublishedStatus::measure_move(bool moving) {
 
 guint32 PublishedStatus::request_begins() {
   log_counter_update(driver_, request_counter, ++requests_);
+  if (!request_rate_.permits(g_get_monotonic_time())) return requests_;
   reset_measurement("req", driver_);
   log_time_start_driver_req(driver_);
   return measured_request_ = requests_;
 }
 
 void PublishedStatus::reply_begins() {
+  measuring_reply_ = reply_rate_.permits(g_get_monotonic_time());
+  if (!measuring_reply_) return;
   reset_measurement("reply", driver_);
   log_time_start_driver_reply(driver_);
 }
 
 void PublishedStatus::request_ends(guint32 serial) {
-  log_time_stop_driver_reply(driver_);
+  if (measuring_reply_) log_time_stop_driver_reply(driver_);
   if (serial == measured_request_) log_time_stop_driver_req(driver_);
 }
 

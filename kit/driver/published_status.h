@@ -37,6 +37,20 @@ class StatusGroup {
   void update(gint64 now_us);
 };
 
+// Lets a measurement pass if the last one is long enough ago. One takes several accesses to the store, as much as serving
+// a request; a reader cannot look so often.
+class MeasurementRate {
+  gint64 next_us_ = 0;
+
+ public:
+  static constexpr gint64 interval_us = 10'000;
+  [[nodiscard]] bool permits(gint64 now_us) {
+    if (now_us < next_us_) return false;
+    next_us_ = now_us + interval_us;
+    return true;
+  }
+};
+
 // Main context.
 class PublishedStatus {
   struct AxisStatus {
@@ -62,6 +76,8 @@ class PublishedStatus {
   StatusGroup limit_;
   guint32 requests_ = 0;
   guint32 measured_request_ = 0;
+  bool measuring_reply_ = false;
+  MeasurementRate request_rate_, reply_rate_;
   bool measuring_move_ = false;
 
   std::vector<StatusGroup::Value> position_values();
@@ -86,7 +102,7 @@ class PublishedStatus {
   void publish(const Axes &axes, bool going_to_preset);
   void set_flag(PTZSCParam flag, bool on);
 
-  // A driver has one measurement of requests, that of the request which came last.
+  // Every request is counted. A driver has one measurement of requests, that of the last one that was measured.
   [[nodiscard]] guint32 request_begins();
   void reply_begins();
   void request_ends(guint32 serial);

@@ -70,7 +70,7 @@ typedef enum {
  *
  * If the property "instance" is above 0, the driver publishes its status, timings and a request counter as this PTZ
  * instance: 25 times a second while an axis moves, twice a second at rest, and after each request. The published rate
- * follows.
+ * follows. Requests and replies are each measured at most 100 times a second.
  *
  * All functions are called in the thread of the default main context, and so are the virtual functions.
  *

@@ -3,6 +3,7 @@
 #include <ptz_status_cache.h>
 #include <ptz_timing_log.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <string_view>
 #include <vector>
@@ -203,11 +204,31 @@ TEST_F(KitStatus, RequestIsCountedAndMeasuredAroundItsReply) {
   EXPECT_EQ(measured_, expected);
 }
 
+TEST_F(KitStatus, RequestsAreAllCountedButMeasuredOnceInTenMilliseconds) {
+  constexpr int requests = 50;
+  const gint64 begin_us = g_get_monotonic_time();
+  for (int i = 0; i < requests; ++i) ask("{'command': <'query_position'>}");
+  const gint64 most = (g_get_monotonic_time() - begin_us) / 10'000 + 1;
+  EXPECT_EQ(std::ranges::count(measured_, "counter 50"), 1);
+  EXPECT_LE(std::ranges::count(measured_, "log_time_start_driver_req"), most);
+  EXPECT_LE(std::ranges::count(measured_, "log_time_start_driver_reply"), most);
+}
+
+TEST_F(KitStatus, RequestTenMillisecondsAfterAnotherIsMeasured) {
+  ask("{'command': <'query_position'>}");
+  measured_.clear();
+  ptz_test::advance_clock(10);
+  ask("{'command': <'query_position'>}");
+  EXPECT_EQ(measured_.size(), 5U);
+}
+
 TEST_F(KitStatus, DeferredReplyDoesNotEndMeasurementOfLaterRequest) {
   send(bytes_of(auxiliary(AUXILIARY_LATER).c_str()));
   ASSERT_TRUE(ptz_test::run_until([&] { return driver_->deferred != nullptr; }));
+  ptz_test::advance_clock(10);
   ask("{'command': <'query_position'>}");
   measured_.clear();
+  ptz_test::advance_clock(10);
   ptz_kit_reply_error_literal(driver_->deferred, PTZ_KIT_ERROR_CODE_DEVICE, "late");
   g_clear_object(&driver_->deferred);
   const std::vector<std::string> expected = {"log_time_start_driver_reply", "log_time_stop_driver_reply"};
