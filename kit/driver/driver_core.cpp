@@ -107,6 +107,7 @@ void DriverCore::stop_serving() {
   while (pending_->len > 0) {
     expire(static_cast<PTZKitReply *>(g_ptr_array_index(pending_.get(), 0)), "the driver ends");
   }
+  deadline_timer_.stop();
   publish_timer_.stop();
   publish_rate_ = 0;
   if (end_source_ != 0) g_source_remove(end_source_);
@@ -128,7 +129,13 @@ gboolean DriverCore::on_request(gpointer core, gpointer reply_context, gpointer 
   g_ptr_array_add(self.pending_.get(), reply.get());
   dispatch(self, body, reply.get());
   // A virtual function that has thrown, in a language that can, has done neither.
-  if (!is_deferred(reply.get())) fail(reply.get(), "it was neither answered nor deferred");
+  if (!is_deferred(reply.get())) {
+    fail(reply.get(), "it was neither answered nor deferred");
+  } else if (self.reply_deadline_ms > 0) {
+    const gint64 now_us = g_get_monotonic_time();
+    set_due(reply.get(), now_us + gint64{1000} * self.reply_deadline_ms);
+    self.watch_deadlines(now_us);
+  }
   return TRUE;
 }
 
@@ -155,6 +162,40 @@ Bytes DriverCore::answer(std::span<const guint8> body) {
     fail(reply.get(), "it was neither answered nor deferred");
   }
   return std::move(capture.body);
+}
+
+void DriverCore::expire_due(gint64 now_us) {
+  for (guint i = 0; i < pending_->len;) {
+    auto *reply = static_cast<PTZKitReply *>(g_ptr_array_index(pending_.get(), i));
+    if (due_of(reply) > now_us) {
+      ++i;
+      continue;
+    }
+    const char *label = ptz_kit_command_name(request_of(reply).command);
+    syslog(LOG_ERR, "the request \"%s\" failed: its deferred reply was not given in time",
+           label != nullptr ? label : "unknown");
+    expire(reply, "the driver has not answered in time");  // which takes it out of the list
+  }
+}
+
+void DriverCore::watch_deadlines(gint64 now_us) {
+  gint64 due_us = G_MAXINT64;
+  for (guint i = 0; i < pending_->len; ++i) {
+    due_us = std::min(due_us, due_of(static_cast<PTZKitReply *>(g_ptr_array_index(pending_.get(), i))));
+  }
+  if (due_us == G_MAXINT64) return deadline_timer_.stop();
+  const gint64 left_ms = (std::max(due_us - now_us, gint64{0}) + 999) / 1000;
+  deadline_timer_.start(static_cast<guint>(std::min(left_ms, gint64{G_MAXINT32})), on_deadline, this);
+}
+
+gboolean DriverCore::on_deadline(gpointer core) {
+  auto &self = *static_cast<DriverCore *>(core);
+  const Object<PTZKitDriver> alive(static_cast<PTZKitDriver *>(g_object_ref(self.object)));
+  const gint64 now_us = g_get_monotonic_time();
+  self.deadline_timer_.ended();
+  self.expire_due(now_us);
+  self.watch_deadlines(now_us);
+  return G_SOURCE_REMOVE;
 }
 
 void DriverCore::deliver(PTZKitReply *reply, std::span<const guint8> body) {

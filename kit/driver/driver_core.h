@@ -3,7 +3,7 @@
 // Everything runs in the default main context's thread. A request arrives in on_request(), which makes its reply object
 // and hands both to dispatch() (dispatch.cpp); answers come back through deliver(), at once or later. `pending` holds
 // the replies that have no answer yet: stop() answers them before the server goes, because a reply's context belongs to
-// the server.
+// the server. A deferred one that passes its deadline is answered, too.
 #pragma once
 #include <ptz_kit_body.h>
 #include <ptz_kit_driver.h>
@@ -27,6 +27,7 @@
 namespace ptz_kit {
 
 inline constexpr char protocol_version[] = "1";  // of commands.toml
+inline constexpr guint default_reply_deadline_ms = 30'000;
 
 struct Capabilities {
   guint32 move = 0;
@@ -40,6 +41,7 @@ class DriverCore final : public ReplyTarget {
   Registration registration_;
   Listener listener_{registration_, on_request, this};
   std::unique_ptr<PublishedStatus> status_;
+  Timer deadline_timer_;  // runs while a deferred reply has a deadline
   Timer publish_timer_;
   gint32 publish_rate_ = 0;
   guint end_source_ = 0;
@@ -48,6 +50,9 @@ class DriverCore final : public ReplyTarget {
 
   static gboolean on_request(gpointer core, gpointer reply_context, gpointer data, guint32 length);
   static gboolean on_publish(gpointer core);
+  static gboolean on_deadline(gpointer core);
+  void expire_due(gint64 now_us);
+  void watch_deadlines(gint64 now_us);
   static gboolean on_end(gpointer core);
   void log_request(gint32 command, std::span<const guint8> body) const;
   void follow_orders(gint32 command, bool refused);
@@ -64,6 +69,7 @@ class DriverCore final : public ReplyTarget {
   std::vector<std::string> device_types;
   std::vector<const GOptionEntry *> option_entries;
   guint instance = 0;
+  guint reply_deadline_ms = default_reply_deadline_ms;  // 0: none
   bool keep_presets = true, verbose = false;
   Axes axes;
   Settings settings;

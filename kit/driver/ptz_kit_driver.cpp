@@ -15,7 +15,17 @@ struct DriverPrivate {
   DriverCore *core;
 };
 
-enum Property : guint { name = 1, instance, socket_path, device_types, preset_file, keep_presets, verbose, count };
+enum Property : guint {
+  name = 1,
+  instance,
+  socket_path,
+  device_types,
+  preset_file,
+  keep_presets,
+  verbose,
+  reply_deadline,
+  count
+};
 GParamSpec *properties[Property::count];
 
 }  // namespace
@@ -72,6 +82,9 @@ static void ptz_kit_driver_set_property(GObject *object, guint id, const GValue 
     case Property::verbose:
       core.verbose = g_value_get_boolean(value) != FALSE;
       break;
+    case Property::reply_deadline:
+      core.reply_deadline_ms = g_value_get_uint(value);
+      break;
     default:
       G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
   }
@@ -97,6 +110,8 @@ static void ptz_kit_driver_get_property(GObject *object, guint id, GValue *value
       return g_value_set_boolean(value, core.keep_presets ? TRUE : FALSE);
     case Property::verbose:
       return g_value_set_boolean(value, core.verbose ? TRUE : FALSE);
+    case Property::reply_deadline:
+      return g_value_set_uint(value, core.reply_deadline_ms);
     default:
       G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
   }
@@ -116,6 +131,8 @@ static void ptz_kit_driver_class_init(PTZKitDriverClass *klass) {
   properties[Property::preset_file] = g_param_spec_string("preset-file", nullptr, nullptr, "", flags);
   properties[Property::keep_presets] = g_param_spec_boolean("keep-presets", nullptr, nullptr, TRUE, flags);
   properties[Property::verbose] = g_param_spec_boolean("verbose", nullptr, nullptr, FALSE, flags);
+  properties[Property::reply_deadline] =
+      g_param_spec_uint("reply-deadline", nullptr, nullptr, 0, G_MAXUINT, default_reply_deadline_ms, flags);
   g_object_class_install_properties(object_class, Property::count, properties);
   g_signal_new("ended", PTZ_KIT_TYPE_DRIVER, G_SIGNAL_RUN_LAST, 0, nullptr, nullptr, nullptr, G_TYPE_NONE, 0);
   g_signal_new("preset-changed", PTZ_KIT_TYPE_DRIVER, G_SIGNAL_RUN_LAST, 0, nullptr, nullptr, nullptr, G_TYPE_NONE, 3,

@@ -17,11 +17,13 @@ enum class State : guint8 { open, deferred, answered, expired };
 }
 
 // Main context only. A reply leaves `open` or `deferred` once: to `answered` by an answer, to `expired` when its driver
-// stops. The context belongs to the server until the answer is sent, so a reply never outlives it unanswered.
+// stops or its deadline passes. The context belongs to the server until the answer is sent, so a reply never outlives
+// it unanswered.
 struct _PTZKitReply {
   GObject parent_instance;
   ReplyTarget *target;
   Request request;
+  gint64 due_us;
   State state;
 };
 struct _PTZKitReplyClass {
@@ -40,7 +42,7 @@ const char *name_of(const PTZKitReply *self) {
   return name != nullptr ? name : "unknown";
 }
 
-// A reply of a stopped driver has been answered by the driver, so its owner has made no mistake.
+// An expired reply has been answered by the driver, so its owner has made no mistake.
 bool may_answer(const PTZKitReply *self) {
   if (self->state == State::answered) g_critical("the request \"%s\" was answered before", name_of(self));
   return is_pending(self);
@@ -66,7 +68,7 @@ void deliver_error(PTZKitReply *self, State state, PTZKitErrorCode code, const g
 
 }  // namespace
 
-static void ptz_kit_reply_init(PTZKitReply *) {}
+static void ptz_kit_reply_init(PTZKitReply *self) { self->due_us = G_MAXINT64; }
 
 static void ptz_kit_reply_dispose(GObject *object) {
   ptz_kit::fail(PTZ_KIT_REPLY(object), "it was dropped without an answer");
@@ -114,6 +116,9 @@ void fail(PTZKitReply *reply, const char *reason) {
 void expire(PTZKitReply *reply, const char *text) {
   if (is_pending(reply)) deliver_error(reply, State::expired, PTZ_KIT_ERROR_CODE_INTERNAL, text);
 }
+
+void set_due(PTZKitReply *reply, gint64 due_us) { reply->due_us = due_us; }
+gint64 due_of(PTZKitReply *reply) { return reply->due_us; }
 
 }  // namespace ptz_kit
 

@@ -39,4 +39,8 @@ void fail(PTZKitReply *reply, const char *reason);
 // Answers with error 7. Later answers have no effect.
 void expire(PTZKitReply *reply, const char *text);
 
+// When the driver expires a deferred reply, on the monotonic clock; G_MAXINT64 if never, which it is at first.
+void set_due(PTZKitReply *reply, gint64 due_us);
+[[nodiscard]] gint64 due_of(PTZKitReply *reply);
+
 }  // namespace ptz_kit

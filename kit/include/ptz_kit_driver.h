@@ -130,6 +130,15 @@ struct _PTZKitDriver {
  * Since: 0.1
  */
 /**
+ * PTZKitDriver:reply-deadline:
+ *
+ * How long a deferred reply may take, in milliseconds; 0 for any time. A reply that has no answer by then is answered
+ * with the error `PTZ_KIT_ERROR_CODE_INTERNAL`, which the log tells; a later answer has no effect. The value at the end
+ * of the virtual function counts.
+ *
+ * Since: 0.1
+ */
+/**
  * PTZKitDriver::ended:
  * @self: the driver
  *

@@ -21,7 +21,8 @@ G_BEGIN_DECLS
  * A request that is neither answered nor deferred when the virtual function returns is answered with the error
  * `PTZ_KIT_ERROR_CODE_INTERNAL`, which the log tells. A Python exception therefore cannot leave a client waiting. A
  * deferred reply whose last reference is dropped without an answer is answered with the same error. When the driver
- * stops, all pending replies are answered with it; a later answer then has no effect.
+ * stops, all pending replies are answered with it, and so is a deferred one at its deadline
+ * (#PTZKitDriver:reply-deadline); a later answer then has no effect.
  *
  * For each command with fields in its reply there is a function that answers with them, such as
  * ptz_kit_reply_query_position() (see ptz_kit_replies.h). ptz_kit_reply_ok() answers the other commands.

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "clock.h"
+#include "handles.h"
 #include "running_driver.h"
 #include "syslog_capture.h"
 
@@ -126,6 +127,58 @@ TEST_F(KitReply, StopAnswersPendingRequestsAndLaterAnswersAreHarmless) {
   EXPECT_TRUE(is_error(text_of(receive()), PTZ_KIT_ERROR_CODE_INTERNAL));
   ptz_kit_reply_ok(driver_->deferred);
   EXPECT_EQ(log.criticals(), 0U);
+}
+
+TEST_F(KitReply, DeferredReplyIsError7AtItsDeadlineAndLaterAnswerIsHarmless) {
+  start();
+  ask_later();
+  const ptz_test::SyslogCapture log;
+  const ptz_test::GlibLogCapture glib_log;
+  ptz_test::advance_clock(29'000);
+  ptz_test::run_pending();
+  EXPECT_FALSE(ptz_test::is_readable(client_.get()));
+  ptz_test::advance_clock(1'100);
+  EXPECT_TRUE(is_error(text_of(receive()), PTZ_KIT_ERROR_CODE_INTERNAL));
+  EXPECT_TRUE(ptz_kit_reply_is_answered(driver_->deferred));
+  EXPECT_EQ(log.containing("the request \"auxiliary\" failed: its deferred reply was not given in time"), 1U);
+  ptz_kit_reply_error_literal(driver_->deferred, PTZ_KIT_ERROR_CODE_DEVICE, "too late");
+  EXPECT_EQ(glib_log.criticals(), 0U);
+  EXPECT_TRUE(light_is_answered());
+}
+
+TEST_F(KitReply, EachDeferredReplyHasItsOwnDeadline) {
+  start();
+  g_object_set(driver_, "reply-deadline", 5'000U, nullptr);
+  ask_later();
+  const ptz_test::Object<PTZKitReply> first(g_steal_pointer(&driver_->deferred));
+  ptz_test::advance_clock(4'000);
+  ask_later();
+  ptz_test::advance_clock(1'100);
+  EXPECT_TRUE(ptz_test::run_until([&] { return ptz_kit_reply_is_answered(first.get()); }));
+  EXPECT_FALSE(ptz_kit_reply_is_answered(driver_->deferred));
+  ptz_test::advance_clock(4'000);
+  EXPECT_TRUE(ptz_test::run_until([&] { return ptz_kit_reply_is_answered(driver_->deferred); }));
+}
+
+TEST_F(KitReply, ShorterDeadlineOfLaterReplyPassesFirst) {
+  start();
+  ask_later();
+  const ptz_test::Object<PTZKitReply> first(g_steal_pointer(&driver_->deferred));
+  g_object_set(driver_, "reply-deadline", 1'000U, nullptr);
+  ask_later();
+  ptz_test::advance_clock(1'100);
+  EXPECT_TRUE(ptz_test::run_until([&] { return ptz_kit_reply_is_answered(driver_->deferred); }));
+  EXPECT_FALSE(ptz_kit_reply_is_answered(first.get()));
+}
+
+TEST_F(KitReply, DeferredReplyWithoutDeadlineWaits) {
+  start();
+  g_object_set(driver_, "reply-deadline", 0U, nullptr);
+  ask_later();
+  ptz_test::advance_clock(3'600'000);
+  ptz_test::run_pending();
+  EXPECT_FALSE(ptz_kit_reply_is_answered(driver_->deferred));
+  EXPECT_FALSE(ptz_test::is_readable(client_.get()));
 }
 
 TEST_F(KitReply, ReplyMayOutliveItsDriver) {
