@@ -134,7 +134,12 @@ TEST(PtzCompliance, NamesAreDottedUniqueAndAtLeastForty) {
   }
 }
 
-TEST(PtzCompliance, EveryCheckHasAFaultThatItFinds) { EXPECT_EQ(listed_faults(), listed_names()); }
+TEST(PtzCompliance, EveryCheckHasAFaultThatItFinds) {
+  const auto faults = listed_faults();
+  for (const std::string &name : listed_names()) {
+    EXPECT_NE(std::ranges::find(faults, name), faults.end()) << name;
+  }
+}
 
 // A fault is named as the check that finds it: the driver with this fault fails that check and no other. These runs
 // mostly wait for what does not come, so many go on beside each other, begun by the first test that wants one of them.
@@ -178,7 +183,7 @@ TEST_P(FaultyDriver, FailsTheCheckOfItsFaultOnly) {
   EXPECT_EQ(names_in(run.output, "not ok"), Words{GetParam()}) << run.output;
 }
 
-INSTANTIATE_TEST_SUITE_P(Faults, FaultyDriver, testing::ValuesIn(listed_faults()), [](const auto &info) {
+INSTANTIATE_TEST_SUITE_P(Faults, FaultyDriver, testing::ValuesIn(listed_names()), [](const auto &info) {
   std::string name = info.param;
   for (char &letter : name) {
     if (std::isalnum(static_cast<unsigned char>(letter)) == 0) letter = '_';

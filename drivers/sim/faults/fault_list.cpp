@@ -61,6 +61,7 @@ constexpr Fault faults[] = {
     {"caps.known-bits", "a capability bit without a meaning is set"},
     {"caps.usable", "no motion and no commands are announced"},
     {"caps.stable", "every second client is told other capabilities"},
+    {"caps.absent-axes", "zoom is not announced, and answered as if it were there"},
     {ANNOUNCED "pan", "absolute pan is announced and refused"},
     {ANNOUNCED "relpan", "relative pan is announced and refused"},
     {ANNOUNCED "contpan", "continuous pan is announced and refused"},

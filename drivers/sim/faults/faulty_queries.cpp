@@ -8,6 +8,8 @@ namespace {
 constexpr gulong slow_us = 60'000;
 constexpr guint32 unknown_bit = 1U << 27;
 constexpr guint32 unknown_group = 77;
+constexpr guint32 zoom_bits = PTZ_DRIVER_MOVE_CAPABILITIES_ZOOM | PTZ_DRIVER_MOVE_CAPABILITIES_RELZOOM |
+                              PTZ_DRIVER_MOVE_CAPABILITIES_CONTZOOM | PTZ_DRIVER_MOVE_CAPABILITIES_ZOOMMAG;
 // At these shares of its speed, a check lets the head run that looks for the fault.
 constexpr int share_of_reports_moving = 3;
 constexpr int share_of_latency_while_moving = 5;
@@ -60,6 +62,7 @@ Body FaultyAnswers::query_speed(const Body &reply) {
 Body FaultyAnswers::capabilities(const Asker &asker, const Body &reply) {
   const auto words = MESSAGE_IN(get_capabilities_reply, reply);
   if (!words) return reply;
+  if (fault("caps.absent-axes")) words->move &= ~zoom_bits;
   if (fault("caps.known-bits")) words->move |= unknown_bit;
   if (fault("caps.usable")) {
     words->move = 0;
