@@ -194,7 +194,6 @@ bool write_list(const char *title, const Element &element, const GPtrArray *list
                              ? write_fields(title, *record_of(element), data, body, error)
                              : write_text(title, name_of(element), static_cast<const gchar *>(data), body, error);
     if (!written) return false;
-    if (body->len > most_body_bytes) break;  // write_message() tells
   }
   return true;
 }

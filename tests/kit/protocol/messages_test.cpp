@@ -187,6 +187,17 @@ TEST(KitMessages, WriteOfMessageLongerThanFrameFailsAndLeavesBodyUnchanged) {
   g_array_unref(body);
 }
 
+TEST(KitMessages, WriteBehindOtherBodiesIsWholeHoweverMuchTheyHold) {
+  const Types types(ptz_kit_get_device_types_reply_new());
+  for (const char *type : {"dome", "box", "bullet"}) ptz_kit_get_device_types_reply_add_type(types.get(), type);
+  const Bytes alone = body_of(ptz_kit_get_device_types_reply_to_bytes(types.get(), nullptr));
+  GArray *bodies = ptz_serialize_create_array();
+  g_array_set_size(bodies, 3000);
+  ASSERT_TRUE(ptz_kit_get_device_types_reply_write(types.get(), bodies, nullptr));
+  EXPECT_EQ(Bytes(bodies->data + 3000, bodies->data + bodies->len), alone);
+  g_array_unref(bodies);
+}
+
 TEST(KitMessages, WriteOfTextThatIsNotUtf8Fails) {
   const Name name(ptz_kit_get_driver_name_reply_new("\xff"));
   GError *raw = nullptr;
