@@ -58,8 +58,7 @@ GPtrArray *copy_list(const Element &element, const GPtrArray *list) {
   return copy;
 }
 
-// --- reading
-// ----------------------------------------------------------------------------------------------------------
+// --- reading ---
 
 class Reader {
   const char *const title_;
@@ -165,8 +164,7 @@ class Reader {
   }
 };
 
-// --- writing
-// ----------------------------------------------------------------------------------------------------------
+// --- writing ---
 
 bool write_text(const char *title, const char *name, const gchar *text, GArray *body, GError **error) {
   const gsize length = strlen(text);
@@ -222,8 +220,7 @@ bool write_fields(const char *title, const Layout &layout, gconstpointer message
   return true;
 }
 
-// --- bounds
-// -----------------------------------------------------------------------------------------------------------
+// --- bounds ---
 
 bool fail_bounds(const Layout &layout, const Element &element, const char *what, gint64 value, GError **error) {
   g_set_error(error, PTZ_KIT_ERROR, PTZ_KIT_ERROR_OUT_OF_RANGE,

@@ -10,8 +10,7 @@ namespace {
 
 constexpr char command_key[] = "command";
 
-// --- to variants
-// ------------------------------------------------------------------------------------------------------
+// --- to variants ---
 
 GVariant *number_to_variant(gconstpointer message, const Element &element) {
   const gint64 value = value_of(message, element);
@@ -56,8 +55,7 @@ void add_fields(GVariantBuilder *builder, const Layout &layout, gconstpointer me
   }
 }
 
-// --- from variants
-// ----------------------------------------------------------------------------------------------------
+// --- from variants ---
 
 std::optional<gint64> integer_of(GVariant *value) {
   switch (g_variant_classify(value)) {
