@@ -43,11 +43,6 @@ class CallList {
   void add(Call &call);
   // Null if there is none.
   Call *take_first();
-  // The first of the calls, which are still linked by `next`.
-  Call *take_all() {
-    end_ = &first_;
-    return std::exchange(first_, nullptr);
-  }
   void remove(const Call &call);
 };
 

@@ -128,7 +128,7 @@ bool LinkCore::prepare(const Shared<Connection> &watched, GPollFD &poll, gint *t
   const MutexLock lock(&lock_);
   *timeout_ms = -1;
   if (source_ == nullptr) return false;
-  if (change_ || watched != connection_) return true;
+  if (change_ || watched != connection_ || ended_.first() != nullptr) return true;
   if (connection_) poll.events = wanted_events();
   const gint64 due = due_us();
   if (due == G_MAXINT64) return false;
@@ -141,7 +141,7 @@ bool LinkCore::prepare(const Shared<Connection> &watched, GPollFD &poll, gint *t
 bool LinkCore::check(const Shared<Connection> &watched, const GPollFD &poll) {
   const MutexLock lock(&lock_);
   if (source_ == nullptr) return false;
-  if (change_ || watched != connection_) return true;
+  if (change_ || watched != connection_ || ended_.first() != nullptr) return true;
   if (connection_ && (poll.revents & wanted_events()) != 0) return true;
   const gint64 due = due_us();
   return due != G_MAXINT64 && due <= g_get_monotonic_time();

@@ -16,14 +16,15 @@ class LinkCore::Section {
   void resume() { g_mutex_lock(&core_.lock_); }
 
  private:
+  // One call at a time: its callback may run a main loop of its own, in which the other calls end.
   void release() {
-    Call *ended = core_.ended_.take_all();
-    g_mutex_unlock(&core_.lock_);
-    while (ended != nullptr) {
+    while (Call *ended = core_.ended_.take_first()) {
       auto *call = static_cast<LaterCall *>(ended);
-      ended = ended->next;
+      g_mutex_unlock(&core_.lock_);
       callbacks_ == Callbacks::at_once ? call->complete() : call->complete_in_callback();
+      g_mutex_lock(&core_.lock_);
     }
+    g_mutex_unlock(&core_.lock_);
   }
 
   LinkCore &core_;
