@@ -6,11 +6,11 @@
 """
 import pathlib
 import sys
-import tomllib
 
 sys.dont_write_bytecode = True
 sys.path.insert(0, str(pathlib.Path(__file__).parent.parent / 'protocol'))
-from generate import NOTICE, Protocol, camel  # noqa: E402
+from description import camel, load  # noqa: E402
+from generate import NOTICE  # noqa: E402
 
 
 class Call:
@@ -142,8 +142,7 @@ def main(arguments):
     makers = {'header': make_header, 'source': make_source}
     if len(arguments) != 2 or arguments[0] not in makers:
         sys.exit(__doc__)
-    with open(arguments[1], 'rb') as file:
-        sys.stdout.write(makers[arguments[0]](Protocol(tomllib.load(file))))
+    sys.stdout.write(makers[arguments[0]](load(arguments[1])))
 
 
 if __name__ == '__main__':

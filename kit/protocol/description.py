@@ -1,4 +1,6 @@
 """The description of all messages, commands.toml, as objects, and what is wrong with it."""
+import collections
+import sys
 import tomllib
 
 AXES = ['pan', 'tilt', 'zoom']
@@ -13,13 +15,37 @@ UNITS = {
     'permyriad': 'ten thousandths of the image',
     'magnification/100': 'hundredths of a magnification',
 }
-FIELD_KEYS = {
-    'name', 'type', 'doc', 'unit', 'min', 'max', 'enum', 'flags', 'bytes', 'per_axis', 'inline', 'element', 'since',
-}
+# Keys that a table must have, and keys that it may have.
+PROTOCOL_KEYS = ({'version', 'limits', 'error', 'record', 'command', 'left_out'}, set())
+ERROR_KEYS = ({'name', 'code', 'doc'}, set())
+RECORD_KEYS = ({'name', 'doc', 'fields'}, set())
+COMMAND_KEYS = ({'name', 'value', 'doc'}, {'capability', 'errors', 'request', 'reply'})
+LEFT_OUT_KEYS = ({'value', 'reason'}, set())
+FIELD_KEYS = ({'name', 'type', 'doc'},
+              {'unit', 'min', 'max', 'enum', 'flags', 'bytes', 'per_axis', 'inline', 'element', 'since'})
+NUMBER_KEYS = {'unit', 'min', 'max', 'enum', 'flags', 'per_axis'}
+LARGEST_ERROR_CODE = 31  # the tables have a bit for each
 
 
 class DescriptionError(Exception):
     """The description contradicts itself."""
+
+
+def check(condition, where, problem):
+    if not condition:
+        raise DescriptionError(f'{where}: {problem}')
+
+
+def check_keys(where, table, keys):
+    required, optional = keys
+    missing, unknown = sorted(required - set(table)), sorted(set(table) - required - optional)
+    check(not missing, where, 'missing keys: ' + ', '.join(missing))
+    check(not unknown, where, 'unknown keys: ' + ', '.join(unknown))
+
+
+def check_unique(where, values):
+    twice = [str(value) for value, count in collections.Counter(values).items() if count > 1]
+    check(not twice, where, 'more than once: ' + ', '.join(twice))
 
 
 def camel(name):
@@ -34,9 +60,7 @@ def type_getter(name):
 
 class Field:
     def __init__(self, owner, description):
-        unknown = set(description) - FIELD_KEYS
-        if unknown:
-            raise DescriptionError(f'{owner}: unknown keys {sorted(unknown)}')
+        check_keys(f'{owner}: field {description.get("name", "without a name")}', description, FIELD_KEYS)
         self.name = description['name']
         self.type = description['type']
         self.doc = description['doc']
@@ -49,12 +73,23 @@ class Field:
         self.least_bytes, self.most_bytes = description.get('bytes', (0, 0xFFFF))
         self.bounds = (description.get('min'), description.get('max'))
         self.where = f'{owner}: field {self.name}'
-        if self.unit and self.unit not in UNITS:
-            raise DescriptionError(f'{self.where}: unknown unit {self.unit}')
-        if self.type not in LEAST_BYTES and not self.type.startswith('list:'):
-            raise DescriptionError(f'{self.where}: unknown type {self.type}')
-        if self.is_list and not self.element:
-            raise DescriptionError(f'{self.where}: a list needs the name of its elements')
+        self.check_consistency(set(description))
+
+    def check_consistency(self, keys):
+        where = self.where
+        check(self.type in LEAST_BYTES or self.is_list, where, f'unknown type {self.type}')
+        check(self.unit is None or self.unit in UNITS, where, f'unknown unit {self.unit}')
+        check(self.is_list == ('element' in keys), where, 'a list, and nothing else, has the name of its elements')
+        check(self.type == 'text' or 'bytes' not in keys, where, 'only a text has a length in bytes')
+        check(self.least_bytes <= self.most_bytes, where, 'no length is within its bounds')
+        check(self.since == 1, where, 'the codecs cannot read a message without its newer fields: make a new command')
+        if self.type not in VALUE_RANGE:
+            check(not keys & NUMBER_KEYS, where, 'only a number has ' + ', '.join(sorted(keys & NUMBER_KEYS)))
+            return
+        check(not self.group or self.type == 'i32', where, 'a field per axis is an i32')
+        (least, most), (first, last) = self.range(), VALUE_RANGE[self.type]
+        check(first <= least <= most <= last, where, f'{least} to {most} is no range of {self.type}')
+        check(least <= 0x7FFFFFFF, where, 'the tables have no room for such a large minimum')
 
     @property
     def is_list(self):
@@ -115,9 +150,14 @@ class Message:
         self.fields = fields
         self.command = command
         self.kind = kind
-        names = [field.name for field in fields]
-        if len(set(names)) != len(names):
-            raise DescriptionError(f'{name}: two fields have the same name')
+        check(fields, name, 'no fields')
+        check_unique(name, [field.name for field in fields])
+        check_unique(f'{name}: groups of fields that are not neighbours', self.groups())
+
+    def groups(self):
+        """The groups of neighbouring fields, in the order of the fields."""
+        neighbours = zip([None] + [field.group for field in self.fields], [field.group for field in self.fields])
+        return [group for before, group in neighbours if group and group != before]
 
     @property
     def c_type(self):
@@ -164,41 +204,68 @@ class Message:
 
 class Protocol:
     def __init__(self, description):
+        check_keys('description', description, PROTOCOL_KEYS)
         self.version = description['version']
         self.limits = description['limits']
         self.errors = description['error']
         self.commands = description['command']
         self.left_out = description['left_out']
+        self.check_tables(description)
         self.records = {}
         for record in description['record']:
             fields = [Field(record['name'], field) for field in record['fields']]
             self.records[record['name']] = Message(record['name'], record['doc'], fields)
         self.messages = []
-        known_errors = {error['name'] for error in self.errors}
         for command in self.commands:
-            unknown = set(command.get('errors', [])) - known_errors
-            if unknown:
-                raise DescriptionError(f'{command["name"]}: unknown errors {sorted(unknown)}')
             for kind in ('request', 'reply'):
                 if kind not in command:
                     continue
                 name = f'{command["name"]}_{kind}'
                 fields = list(self.expand(name, command[kind]))
                 self.messages.append(Message(name, command['doc'], fields, command, kind))
-        for message in self.messages:
+        for message in self.everything:
             for field in message.lists:
-                if field.element_type != 'text' and field.element_type not in self.records:
-                    raise DescriptionError(f'{field.where}: no record {field.element_type}')
+                known = field.element_type == 'text' or field.element_type in self.records
+                check(known, field.where, f'no record {field.element_type}')
+
+    def check_tables(self, description):
+        for key, keys in (('error', ERROR_KEYS), ('record', RECORD_KEYS), ('command', COMMAND_KEYS),
+                          ('left_out', LEFT_OUT_KEYS)):
+            for table in description[key]:
+                check_keys(f'{key} {table.get("name", table.get("value", "without a name"))}', table, keys)
+        check_unique('names of errors', [error['name'] for error in self.errors])
+        check_unique('codes of errors', [error['code'] for error in self.errors])
+        check_unique('names of records', [record['name'] for record in description['record']])
+        check_unique('names of commands', [command['name'] for command in self.commands])
+        check_unique('values of commands', [entry['value'] for entry in self.commands + self.left_out])
+        for error in self.errors:
+            check(1 <= error['code'] <= LARGEST_ERROR_CODE, f'error {error["name"]}',
+                  f'its code is not within 1 to {LARGEST_ERROR_CODE}')
+        known = {error['name'] for error in self.errors}
+        for command in self.commands:
+            unknown = sorted(set(command.get('errors', [])) - known)
+            check(not unknown, f'command {command["name"]}', 'no error ' + ', '.join(unknown))
 
     def expand(self, owner, descriptions):
         for description in descriptions:
             if not description.get('inline'):
                 yield Field(owner, description)
-            elif description['type'] in self.records:
-                yield from self.records[description['type']].fields
-            else:
-                raise DescriptionError(f'{owner}: no record {description["type"]}')
+                continue
+            check_keys(owner, description, ({'name', 'type', 'inline', 'doc'}, set()))
+            check(description['type'] in self.records, owner, f'no record {description["type"]}')
+            yield from self.records[description['type']].fields
 
     @property
     def everything(self):
         return list(self.records.values()) + self.messages
+
+
+def load(path):
+    """The protocol of a file. A bad one ends the program with one line that tells what is wrong."""
+    try:
+        with open(path, 'rb') as file:
+            return Protocol(tomllib.load(file))
+    except OSError as error:
+        sys.exit(str(error))
+    except (tomllib.TOMLDecodeError, DescriptionError) as error:
+        sys.exit(f'{path}: {error}')

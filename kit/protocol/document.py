@@ -9,11 +9,10 @@ The headers have the values of the commands and of the enumerations: include/ptz
 import pathlib
 import re
 import sys
-import tomllib
 
 sys.dont_write_bytecode = True
 sys.path.insert(0, str(pathlib.Path(__file__).parent))
-from generate import Protocol  # noqa: E402
+from description import load  # noqa: E402
 
 BEGIN = '<!-- The tables below are made by kit/protocol/document.py. -->\n'
 END = '<!-- End of the tables that are made by kit/protocol/document.py. -->\n'
@@ -128,8 +127,7 @@ def main(arguments):
     if len(arguments) < 4 or arguments[0] not in ('write', 'check'):
         sys.exit(__doc__)
     mode, commands, document, *headers = arguments
-    with open(commands, 'rb') as file:
-        made = '\n'.join(Document(Protocol(tomllib.load(file)), Vocabulary(headers)).lines())
+    made = '\n'.join(Document(load(commands), Vocabulary(headers)).lines())
     path = pathlib.Path(document)
     present = path.read_text(encoding='utf-8')
     before, begin, rest = present.partition(BEGIN)

@@ -11,10 +11,9 @@ document.py makes the tables of docs/driver-commands.md.
 """
 import json
 import sys
-import tomllib
 
 sys.dont_write_bytecode = True
-from description import DescriptionError, Protocol, camel, type_getter  # noqa: E402
+from description import camel, load, type_getter  # noqa: E402
 
 # --- C ----------------------------------------------------------------------------------------------------------------
 
@@ -447,12 +446,7 @@ MAKERS = {'header': make_header, 'source': make_source, 'reply_header': make_rep
 def main(arguments):
     if len(arguments) != 2 or arguments[0] not in MAKERS:
         sys.exit(__doc__)
-    try:
-        with open(arguments[1], 'rb') as file:
-            protocol = Protocol(tomllib.load(file))
-    except (OSError, tomllib.TOMLDecodeError, KeyError, DescriptionError) as error:
-        sys.exit(f'{arguments[1]}: {error!r}')
-    sys.stdout.write(MAKERS[arguments[0]](protocol))
+    sys.stdout.write(MAKERS[arguments[0]](load(arguments[1])))
 
 
 if __name__ == '__main__':
