@@ -105,6 +105,8 @@ PTZ_KIT_API {c_type} *{prefix}_copy (const {c_type} *self);
  */
 PTZ_KIT_API void {prefix}_free ({c_type} *self);
 
+G_DEFINE_AUTOPTR_CLEANUP_FUNC ({c_type}, {prefix}_free)
+
 /**
  * {prefix}_validate:
  * @self: a message; borrowed

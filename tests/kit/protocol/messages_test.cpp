@@ -254,6 +254,15 @@ TEST(KitMessages, ValidateChecksRecordsOfLists) {
             "preset: field \"number\" is 33, not within 1 to 32");
 }
 
+TEST(KitMessages, AutoptrsOfRecordsRequestsAndRepliesCompile) {
+  g_autoptr(PTZKitPreset) preset = ptz_kit_preset_new(1, "gate");
+  g_autoptr(PTZKitMoveRequest) request = ptz_kit_move_request_new(PTZ_MOVE_ABSOLUTE, 3, 50, values);
+  g_autoptr(PTZKitGetDevicePresetsReply) reply = ptz_kit_get_device_presets_reply_new();
+  ptz_kit_get_device_presets_reply_add_preset(reply, preset);
+  EXPECT_EQ(reply->presets->len, 1u);
+  EXPECT_EQ(request->speed, 50);
+}
+
 TEST(KitMessages, MessagesAreBoxedTypes) {
   const Move move = a_move();
   Move copy(static_cast<PTZKitMoveRequest *>(g_boxed_copy(PTZ_KIT_TYPE_MOVE_REQUEST, move.get())));
