@@ -164,9 +164,9 @@ struct _PTZKitDriver {
  * @open: opens the device and sets the axes, with the settings already read; called by ptz_kit_driver_start() before the
  *   driver listens
  * @close: closes the device; called by ptz_kit_driver_stop()
- * @update: reports the position and motion of the axes as of now with ptz_kit_driver_report_axis(). Called before a
- *   position is answered and for each update of the status while an axis moves; must not block. A driver whose device
- *   reports by itself does without
+ * @update: reports the position and motion of the axes as of now with ptz_kit_driver_report_axis(). Called before the
+ *   class answers a position or a speed, checks a move or stores the current position, and for each update of the status
+ *   while an axis moves; must not block. A driver whose device reports by itself does without
  * @set_preset: stores a preset of the driver at a given position
  * @set_device_preset: stores the current position as a preset of the device
  * @get_device_presets: lists the presets of the device
@@ -185,7 +185,8 @@ struct _PTZKitDriver {
  * @change_port: opens the device at another port
  * @move_command: moves in a direction, or home
  * @area_zoom: fills the image with an area
- * @image: sets lens and sensor
+ * @image: sets lens and sensor. The class checks the bounds of the description only, so @image refuses what the device
+ *   does not have, and an absolute position below 0
  * @default_home_preset: sets the preset that is home
  * @get_driver_property: tells a property of the driver that the class does not know
  * @get_preset_position: tells the position of a preset
@@ -346,8 +347,9 @@ PTZ_KIT_API void ptz_kit_driver_add_capabilities (PTZKitDriver *self, guint32 mo
  * @move: capabilities of motion that the head does not have, such as absolute positions
  * @extra: other capabilities that it does not have
  *
- * Takes capabilities away, as a request of the daemon may. A request that needs one of them is answered with the error
- * `PTZ_KIT_ERROR_CODE_UNSUPPORTED`.
+ * Takes capabilities away, as a request of the daemon may. A command of presets, auxiliaries, the menu, area zoom or
+ * zoom delimitations whose capability is taken away, and a move of a kind that is, are answered with the error
+ * `PTZ_KIT_ERROR_CODE_UNSUPPORTED`. The capabilities of @image are only announced.
  *
  * Thread: the one of the default main context.
  *
@@ -397,8 +399,8 @@ PTZ_KIT_API void ptz_kit_driver_add_option_entries (PTZKitDriver *self, const GO
  * @error: return location for an error, or `NULL`
  *
  * Reads settings. Every problem is one line of the error, with file and line number, so that all are seen at once. An
- * unknown key alone is no failure: it is a warning in the log. ptz_kit_driver_run() calls this for its option
- * `--config`.
+ * unknown key alone is no failure: it is a warning in the log. On failure, good values have been taken all the same.
+ * ptz_kit_driver_run() reads the files of its option `--config` like this.
  *
  * Thread: the one of the default main context; blocks on the files.
  *
@@ -446,7 +448,7 @@ PTZ_KIT_API gboolean ptz_kit_driver_get_boolean (PTZKitDriver *self, const gchar
  *
  * Since: 0.1
  *
- * Returns: (transfer none): the value, valid until settings are loaded again
+ * Returns: (transfer none): the value, valid until a setting is declared or settings are loaded
  */
 PTZ_KIT_API const gchar *ptz_kit_driver_get_string (PTZKitDriver *self, const gchar *group, const gchar *key);
 

@@ -130,7 +130,8 @@ G_DEFINE_AUTOPTR_CLEANUP_FUNC (PTZKitLink, g_object_unref)
 /**
  * PTZKitLink:state:
  *
- * The state of the link. "notify::state" is emitted on the link's main context.
+ * The state of the link. "notify::state" is emitted on the link's main context, and by ptz_kit_link_close() in the thread
+ * that calls it.
  *
  * Since: 0.1
  */
@@ -335,9 +336,16 @@ PTZ_KIT_API GBytes *ptz_kit_link_call_finish (PTZKitLink *link, GAsyncResult *re
  * @cancellable: (nullable): cancels the call; borrowed
  * @error: return location for an error, or `NULL`
  *
- * As ptz_kit_link_call_async(), and waits for the reply. The errors of every call are: `PTZ_KIT_REFUSAL` for an error
- * reply of the driver; in `PTZ_KIT_ERROR` not connected, lost, timed out, busy, malformed (the request, or the reply is
- * not one to this command); `G_IO_ERROR_CANCELLED`.
+ * As ptz_kit_link_call_async(), and waits for the reply. The errors of every call are:
+ *
+ * - in `PTZ_KIT_REFUSAL`: the driver has answered with an error reply
+ * - in `PTZ_KIT_ERROR`, the request was not sent: `NOT_CONNECTED`, `BUSY`, `TOO_LONG`, `BAD_TEXT` (of a typed request), or
+ *   `MALFORMED` for a body without a command word
+ * - in `PTZ_KIT_ERROR`, the driver may have obeyed: `LOST`, `TIMED_OUT`, or `MALFORMED` for a reply that is not one to
+ *   this command
+ * - `G_IO_ERROR_CANCELLED`: the driver may have obeyed, too
+ *
+ * The values of a request are not checked here, but by the driver.
  *
  * Thread: any.
  *
