@@ -10,8 +10,9 @@ UniqueFd connect_to(const char *path) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   const std::size_t length = std::strlen(path);
-  if (length >= sizeof address.sun_path) {
-    errno = ENAMETOOLONG;
+  // An empty name would be an abstract address.
+  if (length == 0 || length >= sizeof address.sun_path) {
+    errno = length == 0 ? EINVAL : ENAMETOOLONG;
     return UniqueFd();
   }
   std::memcpy(address.sun_path, path, length);

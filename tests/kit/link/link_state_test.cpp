@@ -285,6 +285,12 @@ TEST_F(KitLinkState, PathLongerThanAddressFails) {
   EXPECT_TRUE(wait_for(PTZ_KIT_LINK_STATE_FAILED));
 }
 
+TEST_F(KitLinkState, LinkWithoutPathFails) {
+  link_.reset(PTZ_KIT_LINK(g_object_new(PTZ_KIT_TYPE_LINK, nullptr)));
+  ptz_kit_link_open(link_.get());
+  EXPECT_TRUE(wait_for(PTZ_KIT_LINK_STATE_FAILED));
+}
+
 TEST_F(KitLinkState, CloseDisconnectsAndOpenConnectsAgain) {
   connect();
   record_states();
