@@ -3,37 +3,18 @@
 #include <ptz_kit_body.h>
 #include <ptz_kit_messages.h>
 
+#include <string_view>
 #include <utility>
 
 namespace ptz_kit {
 namespace {
 
-// Little-endian command words, and one text.
-constexpr guint8 ask_name[] = {PTZ_COMMAND_GET_DRIVER_NAME, 0, 0, 0};
-constexpr guint8 ask_capabilities[] = {PTZ_COMMAND_GET_CAPABILITIES, 0, 0, 0};
-constexpr guint8 ask_version[] = {PTZ_COMMAND_GET_DRIVER_PROPERTY,
-                                  0,
-                                  0,
-                                  0,
-                                  16,
-                                  0,
-                                  'p',
-                                  'r',
-                                  'o',
-                                  't',
-                                  'o',
-                                  'c',
-                                  'o',
-                                  'l',
-                                  '-',
-                                  'v',
-                                  'e',
-                                  'r',
-                                  's',
-                                  'i',
-                                  'o',
-                                  'n'};
-constexpr std::span<const guint8> bodies[Handshake::count] = {ask_name, ask_capabilities, ask_version};
+// The bodies of the three questions: a little-endian command word, and for the property the length of its name and the
+// name.
+constexpr std::string_view bodies[Handshake::count] = {
+    {"\x15\0\0\0", 4}, {"\x17\0\0\0", 4}, {"\x19\0\0\0\x10\0protocol-version", 22}};
+static_assert(PTZ_COMMAND_GET_DRIVER_NAME == 0x15 && PTZ_COMMAND_GET_CAPABILITIES == 0x17 &&
+              PTZ_COMMAND_GET_DRIVER_PROPERTY == 0x19);
 
 // True if the driver has refused to tell. `read` makes the message; false with an error if it cannot.
 template <auto read, auto free_message, typename Take>
@@ -55,7 +36,8 @@ void Handshake::begin(gint64 deadline_us) {
   running_ = true;
   deadline_us_ = deadline_us;
   for (std::size_t i = 0; i < count; ++i) {
-    questions_[i].body = bodies[i];
+    questions_[i].body = {reinterpret_cast<const guint8 *>(bodies[i].data()), bodies[i].size()};
+    questions_[i].deadline_us = deadline_us;
     questions_[i].outcome = Outcome::waiting;
   }
 }

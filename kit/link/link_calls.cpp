@@ -80,15 +80,13 @@ gpointer read_reply(const Command &command, Body reply, GError **error) {
   return nullptr;
 }
 
-// A programmer's errors.
-bool is_link(PTZKitLink *link, const Command &command) {
-  if (PTZ_KIT_IS_LINK(link)) return true;
-  g_critical("ptz_kit_link_%s: not a link", tables.names + command.name);
-  return false;
-}
-bool is_request(gconstpointer request, const Command &command) {
-  if (request == nullptr) g_critical("ptz_kit_link_%s: no request", tables.names + command.name);
-  return request != nullptr;
+// False, with a critical warning, for a programmer's error.
+bool are_arguments(PTZKitLink *link, gconstpointer request, const Command &command) {
+  const bool is_link = PTZ_KIT_IS_LINK(link);
+  const bool is_request = command.request == 0 || request != nullptr;
+  if (!is_link) g_critical("ptz_kit_link_%s: not a link", tables.names + command.name);
+  if (!is_request) g_critical("ptz_kit_link_%s: no request", tables.names + command.name);
+  return is_link && is_request;
 }
 
 // Empty with an error on failure.
@@ -207,7 +205,7 @@ void LaterCall::complete() {
 gpointer call(PTZKitLink *link, guint index, gconstpointer request, guint deadline_ms, GCancellable *cancellable,
               GError **error) {
   const Command &command = tables.commands[index];
-  if (!is_link(link, command)) return nullptr;
+  if (!are_arguments(link, request, command)) return nullptr;
   const Array body = write_request(command, request, error);
   if (body == nullptr) return nullptr;
   guint8 reply[PTZ_SOCKET_BODY_MAX];
@@ -220,7 +218,7 @@ gpointer call(PTZKitLink *link, guint index, gconstpointer request, guint deadli
 void call_async(PTZKitLink *link, guint index, gconstpointer request, guint deadline_ms, GCancellable *cancellable,
                 GAsyncReadyCallback callback, gpointer user_data) {
   const Command &command = tables.commands[index];
-  if (!is_link(link, command) || (command.request != 0 && !is_request(request, command))) return;
+  if (!are_arguments(link, request, command)) return;
   GTask *task = make_task(link, cancellable, callback, user_data, &command, command.value);
   GError *error = nullptr;
   const Array body = write_request(command, request, &error);

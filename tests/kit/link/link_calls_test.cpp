@@ -437,6 +437,16 @@ TEST_F(KitLinkCalls, CallbackThatRunsMainLoopSeesEndOfCallAnsweredWithIt) {
   EXPECT_EQ(calls.other.pan(), 4);
 }
 
+TEST_F(KitLinkCalls, MissingRequestIsOneCriticalAndSendsNothing) {
+  connect();
+  const ptz_test::GlibLogCapture log;
+  EXPECT_FALSE(ptz_kit_link_goto_preset(link_.get(), nullptr, 0, nullptr, nullptr));
+  EXPECT_EQ(log.criticals(), 1u);
+  ptz_kit_link_goto_preset_async(link_.get(), nullptr, 0, nullptr, nullptr, nullptr);
+  EXPECT_EQ(log.criticals(), 2u);
+  EXPECT_FALSE(has_request());
+}
+
 TEST_F(KitLinkCalls, BodyThatCannotBeSentFailsCall) {
   connect();
   const std::string long_body(2553, 'x');
