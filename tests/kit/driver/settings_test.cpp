@@ -110,6 +110,15 @@ TEST_F(KitSettings, LineThatIsNothingIsBad) {
                                         "comment");
 }
 
+TEST_F(KitSettings, FileThatIsNotUtf8IsBad) {
+  EXPECT_EQ(load_text("[Head]\nPort=\xff\n"), dir_.file("settings") + ": the file is not UTF-8");
+}
+
+TEST_F(KitSettings, EscapeSequencesOfTextAreResolved) {
+  EXPECT_EQ(load_text("[Head]\nPort=a\\tb\n"), "");
+  EXPECT_EQ(port(), "a\tb");
+}
+
 TEST_F(KitSettings, MissingFileIsBad) { EXPECT_NE(load({dir_.file("none")}).find("/none"), std::string::npos); }
 
 TEST_F(KitSettings, LibraryHasSettingsOfFilesToo) {
