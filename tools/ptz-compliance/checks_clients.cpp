@@ -1,8 +1,10 @@
 // Several clients at once, and clients that misbehave: none may cost another anything.
 #include <dirent.h>
 #include <ptz_socket_frame.h>
+#include <sys/ioctl.h>
 
 #include <set>
+#include <utility>
 
 #include "requests.h"
 
@@ -32,19 +34,25 @@ void half_frame(Probe &probe) {
   slow.reply_to(id);
 }
 
-// Fills the socket in both directions, and asks as another client in between. It ends when the driver has discarded the
-// replies to most_unread_requests, or takes no more requests of this client although it goes on answering the other. A
+int unread_bytes(const Link &link) {
+  int bytes = 0;
+  return ioctl(link.fd(), FIONREAD, &bytes) == 0 ? bytes : 0;
+}
+
+// Fills the socket in both directions, and asks as another client in between. It ends when neither direction takes
+// more, although the driver goes on answering the other client: it discards replies, or reads no more requests. A
 // driver that blocks on its reply does not answer the other. No step depends on how fast the driver is.
 void never_reads(Probe &probe) {
   Link deaf = probe.connect();
   Link other = probe.connect();
   int sent = 0;
+  int unread = 0;
   for (int idle_rounds = 0; idle_rounds < rounds_without_progress && !probe.decided(); ++idle_rounds) {
-    const int before = sent;
+    const int sent_before = sent;
     while (sent < most_unread_requests && deaf.try_send(frame(probe.new_id(), harmless_request()), 0)) ++sent;
-    if (sent > before) idle_rounds = 0;
-    other.ask(harmless_request());
-    if (sent == most_unread_requests) break;
+    other.ask(make_body(PTZ_COMMAND_GET_CAPABILITIES));
+    const int unread_before = std::exchange(unread, unread_bytes(deaf));
+    if (sent > sent_before || unread > unread_before) idle_rounds = 0;
   }
   deaf.drain(quiet_ms);  // a driver that writes to a client that has gone is the subject of another check
   probe.note("%d requests sent, no reply read", sent);
