@@ -199,12 +199,12 @@ std::vector<StatusScreen::Line> screen_lines(const StatusGroup &group, bool is_p
   for (std::size_t i = 0; i < std::size(axes); ++i) {
     const auto status = status_name(group, axes[i].status_key);
     const tools::Text line(g_strdup_printf("  %-6s %9.2f %-9s %s", axes[i].name,
-                                         static_cast<double>(measure(group, axes[i].value_key)), units[i],
-                                         status.c_str()));
+                                           static_cast<double>(measure(group, axes[i].value_key)), units[i],
+                                           status.c_str()));
     lines.push_back({line.get(), look_of(status)});
   }
   const tools::Text last(g_strdup_printf("  %d updates a second, the last %" G_GINT64_FORMAT " ms ago",
-                                       update_rate(group), age_ms(group)));
+                                         update_rate(group), age_ms(group)));
   lines.insert(lines.end(), {{}, {last.get()}});
   return lines;
 }

@@ -37,7 +37,7 @@ void complain(const char *format, ...) G_GNUC_PRINTF(1, 2);
 // " (did you mean 'show'?)" where one of the words is nearly the one that was given.
 [[nodiscard]] std::string did_you_mean(const std::string &given, const Words &words);
 
-// Whom a subcommand waits for. It takes --timeout if anybody, --socket and --driver if a driver.
+// The peer that a subcommand asks: with one it takes --timeout, with a driver also --socket and --driver.
 enum class Asks { nobody, service, driver };
 
 // What the help says. The parameters are what follows the options, such as "PATH [VALUE...]", and tell how many words
