@@ -36,7 +36,7 @@ bool is_refusal(std::span<const guint8> body) {
 
 }  // namespace
 
-// Before the device is opened, which a driver that serves it already would not like, and the status published.
+// Before the device is opened and the status is published: both may belong to a driver that runs.
 bool DriverCore::claim(GError **error) {
   if (socket_path.empty()) return true;  // no client can find the driver
   const Text program(g_file_read_link("/proc/self/exe", nullptr));

@@ -19,6 +19,7 @@ namespace ptz_kit {
 namespace {
 
 constexpr guint retry_ms = 250;
+constexpr guint after_failure_ms = 10'000;
 constexpr guint without_watch_ms = 500;
 constexpr gint64 take_back_interval_us = G_USEC_PER_SEC;
 constexpr gint64 listen_interval_us = 10'000;  // a program that removes the path all the time does not stop the driver
@@ -33,7 +34,7 @@ bool has_work(PTZSocketServerCommand *server) {
 
 std::string describe_loss(const PathHolder &holder) {
   switch (holder.kind) {
-    case PathHolder::Kind::nobody:
+    case PathHolder::Kind::none:
       return "was removed: listening there again";
     case PathHolder::Kind::process:
       return holder.pid > 0 ? format("was taken by process %d: taking it back", holder.pid)
@@ -154,11 +155,10 @@ void Listener::recover() {
   const bool is_served = holder.kind == PathHolder::Kind::process;
   const gint64 wait_us = (is_served ? take_back_interval_us : listen_interval_us) - age_us;
   if (wait_us > 0) return check_in(static_cast<guint>(wait_us / 1000 + 1));
-  const bool may_listen = is_served || holder.kind == PathHolder::Kind::nobody;
-  // Without its folder the server would only log an error.
-  if (!may_listen || g_file_test(folder_of(path_).get(), G_FILE_TEST_IS_DIR) == FALSE || !listen()) {
-    return check_in(retry_ms);
-  }
+  const bool may_listen = is_served || holder.kind == PathHolder::Kind::none;
+  // Checked first, because the server logs each failure.
+  if (!may_listen || access(folder_of(path_).get(), W_OK | X_OK) != 0) return check_in(retry_ms);
+  if (!listen()) return check_in(after_failure_ms);
   watch_files();
   check();
 }

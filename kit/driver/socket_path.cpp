@@ -65,7 +65,7 @@ bool is_path_free(const std::string &path, GError **error) {
   using Kind = PathHolder::Kind;
   const PathHolder holder = holder_of(path.c_str());
   switch (holder.kind) {
-    case Kind::nobody:
+    case Kind::none:
       return true;
     case Kind::process:
       g_set_error(error, G_IO_ERROR, G_IO_ERROR_ADDRESS_IN_USE,

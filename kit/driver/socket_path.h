@@ -13,12 +13,12 @@ namespace ptz_kit {
 
 struct PathHolder {
   enum class Kind {
-    nobody,     // nothing there, or the socket of a process that has ended
+    none,       // nothing there, or the socket of a process that has ended
     process,    // which accepts connections; pid 0 if it is not known
     no_socket,  // a file of another type
     unknown     // a socket that this process may not connect to
   };
-  Kind kind = Kind::nobody;
+  Kind kind = Kind::none;
   pid_t pid = 0;
   int error = 0;
 };

@@ -563,7 +563,8 @@ PTZ_KIT_API GBytes *ptz_kit_driver_answer (PTZKitDriver *self, GBytes *request);
  * If the socket's file is removed or replaced while the driver runs, the driver listens there again within a second. It
  * keeps its clients, and writes one line into the log.
  *
- * A child process that is made by fork() keeps the connections of the driver open until it calls exec or ends.
+ * A program that puts itself into the background does so before this call: the entry belongs to the process that makes
+ * it. A child process that is made by fork() keeps the connections of the driver open until it calls exec or ends.
  *
  * Thread: the one of the default main context.
  *

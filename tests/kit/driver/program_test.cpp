@@ -67,6 +67,17 @@ TEST_F(KitDriverProgram, SocketThatCannotBeOpenedIsStatus1) {
   EXPECT_NE(contents(output_).find("kit-driver: cannot listen on"), std::string::npos);
 }
 
+TEST_F(KitDriverProgram, SecondDriverOfSocketOrInstanceIsStatus1AndNamesProcessOfFirst) {
+  serve({"--instance", "3"});
+  const std::unique_ptr<Process> first = std::move(driver_);
+  const std::string holder = " by driver 'kit-driver', process " + std::to_string(first->pid());
+  EXPECT_EQ(status_of({"--socket", socket_}), 1);
+  EXPECT_NE(contents(output_).find("is served" + holder), std::string::npos) << contents(output_);
+  EXPECT_EQ(status_of({"--socket", dir_.file("other"), "--instance", "3"}), 1);
+  EXPECT_NE(contents(output_).find("instance 3 is published" + holder), std::string::npos) << contents(output_);
+  EXPECT_TRUE(ptz_test::connect_to(socket_));
+}
+
 TEST_F(KitDriverProgram, BadSettingIsStatus2) {
   EXPECT_EQ(status_of({"--socket", socket_, "--config", settings("[Head]\nSpeedPercent=101\n")}), 2);
   EXPECT_NE(contents(output_).find("settings:2: [Head] SpeedPercent: 101 is not within 1 to 100"), std::string::npos);
