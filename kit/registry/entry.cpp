@@ -35,13 +35,20 @@ KeyFile load(int fd, off_t size) {
   return file;
 }
 
+bool ends_in_escape(const char *text) {
+  for (; *text != '\0'; ++text) {
+    if (*text == '\\' && *++text == '\0') return true;
+  }
+  return false;
+}
+
 // Null if the value is not quoted.
 Text text_of(GKeyFile *file, const char *key) {
   const Text value(g_key_file_get_value(file, group, key, nullptr));
   const std::size_t length = value ? std::strlen(value.get()) : 0;
   if (length < 2 || value.get()[0] != '"' || value.get()[length - 1] != '"') return nullptr;
   value.get()[length - 1] = '\0';
-  return Text(g_strcompress(value.get() + 1));
+  return ends_in_escape(value.get() + 1) ? nullptr : Text(g_strcompress(value.get() + 1));
 }
 
 bool read_number(GKeyFile *file, const char *key, guint64 most, guint64 &number) {

@@ -36,7 +36,9 @@ SLOT (23, get_driver_property);
 SLOT (24, get_preset_position);
 SLOT (25, query_attributes);
 SLOT (26, get_driver_parameters);
-SLOT (27, reserved);
+SLOT (27, check_settings);
+SLOT (28, started);
+SLOT (29, reserved);
 #endif
 
 int main (void) { return 0; }

@@ -114,9 +114,9 @@ TEST_F(RegistryList, SkipsFilesThatAreNoEntries) {
   write_entry("good.driver", {.socket = path});
   write_entry("other-suffix", {.socket = path});
   const std::map<std::string, std::string> bad[] = {
-      {{"Process", "-1"}},   {{"Process", "99999999999"}}, {{"Instance", "x"}}, {{"Since", ""}},
-      {{"Socket", "\"a\""}}, {{"Name", "unquoted"}},       {{"Name", "\""}},    {{"Program", ""}},
-      {{"Protocol", "1e3"}}, {{"Inode", "0x10"}}};
+      {{"Process", "-1"}},     {{"Process", "99999999999"}}, {{"Instance", "x"}}, {{"Since", ""}},
+      {{"Socket", "\"a\""}},   {{"Name", "unquoted"}},       {{"Name", "\""}},    {{"Program", ""}},
+      {{"Program", "\"\\\""}}, {{"Protocol", "1e3"}},        {{"Inode", "0x10"}}};
   for (std::size_t i = 0; i < std::size(bad); ++i) {
     write_entry("bad" + std::to_string(i) + ".driver", {.socket = path, .instead = bad[i]});
   }
@@ -131,7 +131,9 @@ TEST_F(RegistryList, SkipsFilesThatAreNoEntries) {
   write_entry("unreadable.driver", {.socket = path});
   ASSERT_EQ(chmod(file("unreadable.driver").c_str(), 0), 0);
   const guint readable_by_root = geteuid() == 0 ? 1 : 0;
+  const ptz_test::GlibLogCapture log;
   EXPECT_EQ(list()->len, 1u + readable_by_root);
+  EXPECT_TRUE(log.messages().empty());
 }
 
 TEST_F(RegistryFind, ReturnsDriverByName) {
