@@ -7,7 +7,8 @@
 
 namespace ptz_kit {
 
-constexpr std::array<const char *, PTZ_KIT_N_AXES> axis_labels = {"pan", "tilt", "zoom"};
+// No pointers, which would need relocation.
+constexpr char axis_labels[PTZ_KIT_N_AXES][5] = {"pan", "tilt", "zoom"};
 constexpr guint8 axis_bit(std::size_t axis) { return static_cast<guint8>(1U << axis); }
 
 // An axis that was not set has only zeros.

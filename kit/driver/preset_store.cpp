@@ -16,7 +16,7 @@ constexpr gint format_minor = 0;
 constexpr guint32 most_presets = 32;
 constexpr gsize longest_name = 32;
 constexpr guint8 all_axes = 7;
-constexpr const char *axis_keys[] = {"Pan", "Tilt", "Zoom"};
+constexpr char axis_keys[][5] = {"Pan", "Tilt", "Zoom"};
 constexpr char home_group[] = "DefaultHome";
 constexpr char home_key[] = "Preset";
 

@@ -14,8 +14,7 @@ const T &member(gconstpointer message, const Element &element) {
 }
 
 inline const char *name_of(const Element &element) { return tables.names + element.name; }
-constexpr const char *axis_names[] = {"", " of pan", " of tilt",
-                                      " of zoom"};  // by Element::axis, behind a field's name
+constexpr char axis_names[][9] = {"", " of pan", " of tilt", " of zoom"};  // by Element::axis, behind a field's name
 inline const char *title_of(const Layout &layout) { return tables.names + layout.title; }
 inline std::span<const Element> elements_of(const Layout &layout) {
   return {tables.elements + layout.first, layout.count};
