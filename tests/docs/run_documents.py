@@ -8,6 +8,7 @@ A block of code is taken by the words behind its three backquotes:
   output            what the sh block before it printed; a line "..." stands for any lines
 Each document has a folder of its own, which is also its runtime and state directory; other blocks are for reading only.
 """
+import ctypes
 import os
 import re
 import signal
@@ -53,6 +54,21 @@ def broken_promise(document, folder, promises):
     return None
 
 
+def adopt_orphans():
+    """Makes this process the parent of what the shell leaves running, so that it can wait for its end."""
+    pr_set_child_subreaper = 36
+    ctypes.CDLL(None).prctl(pr_set_child_subreaper, 1, 0, 0, 0)
+
+
+def end_group(group):
+    try:
+        os.killpg(group, signal.SIGKILL)
+        while True:
+            os.waitpid(-group, 0)
+    except (ProcessLookupError, ChildProcessError):
+        pass
+
+
 def run_shell(code, folder):
     """Exit status, output, errors. What the code left running is ended."""
     directories = {"PTZ_PLATFORM_RUNTIME_DIR": folder, "PTZ_PLATFORM_STATE_DIR": folder}
@@ -64,10 +80,7 @@ def run_shell(code, folder):
             status = process.wait(60)
         except subprocess.TimeoutExpired:
             status = "none after a minute"
-        try:
-            os.killpg(process.pid, signal.SIGKILL)
-        except ProcessLookupError:
-            pass
+        end_group(process.pid)
         output.seek(0)
         errors.seek(0)
         return status, output.read(), errors.read()
@@ -99,6 +112,7 @@ def run(path, folder):
 
 def main(paths):
     failures = 0
+    adopt_orphans()
     print(f"TAP version 13\n1..{len(paths)}")
     for number, path in enumerate(paths, 1):
         with tempfile.TemporaryDirectory(prefix="ptz-docs-") as folder:

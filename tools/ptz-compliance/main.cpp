@@ -1,10 +1,12 @@
 // ptz-compliance - checks from outside what every driver must get right.
-#include <glib/gstdio.h>
+#include <glib.h>
 #include <syslog.h>
 
 #include <clocale>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
+#include <system_error>
 
 #include "requests.h"
 #include "settings.h"
@@ -43,18 +45,20 @@ Outcome run(const Check &check, Subject &subject, const Settings &settings) {
           static_cast<double>(g_get_monotonic_time() - start) / 1000};
 }
 
-// A folder for the socket of a driver that is started, if the user named no socket.
+// The runtime directory of a driver that is started, and the folder of its socket if the user named none. So a driver
+// of the same instance that runs on this machine keeps its status and its entry in the registry.
 class TemporaryFolder {
   Text path_;
 
  public:
   bool make() {
     path_.reset(g_dir_make_tmp("ptz-compliance-XXXXXX", nullptr));
-    return path_ != nullptr;
+    return path_ != nullptr && g_setenv("PTZ_PLATFORM_RUNTIME_DIR", path_.get(), TRUE) != FALSE;
   }
   [[nodiscard]] std::string file(const char *name) const { return std::string(path_.get()) + "/" + name; }
   ~TemporaryFolder() {
-    if (path_) g_rmdir(path_.get());
+    std::error_code ignored;
+    if (path_) std::filesystem::remove_all(path_.get(), ignored);
   }
 };
 
@@ -94,13 +98,11 @@ int main(int argc, char **argv) {
     return EXIT_SUCCESS;
   }
   TemporaryFolder folder;
-  if (settings->socket.empty()) {
-    if (!folder.make()) {
-      complain_of_usage("no temporary folder can be made");
-      return exit_usage;
-    }
-    settings->socket = folder.file("driver.socket");
+  if (!settings->command.empty() && !folder.make()) {
+    complain_of_usage("no temporary folder can be made");
+    return exit_usage;
   }
+  if (settings->socket.empty()) settings->socket = folder.file("driver.socket");
   for (std::string &word : settings->command) word = replaced(word, settings->socket);
   signal(SIGPIPE, SIG_IGN);  // drivers may close their connections at any moment
   openlog("ptz-compliance", LOG_PID, LOG_USER);
