@@ -3,6 +3,7 @@
 #include <ptz_flags_utils.h>
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -46,6 +47,27 @@ class Mailbox {
     arrived_.wait_for(guard, answer_limit, [&] { return arrivals_ >= wanted; });
     return answered_;
   }
+};
+
+// Notices a change of a link's state, of which signals tell on the main loop: also while this object goes.
+class StateChange {
+  using Flag = std::shared_ptr<std::atomic<bool>>;
+
+  PTZKitLink *const link_;
+  const Flag seen_ = std::make_shared<std::atomic<bool>>(false);
+  const gulong handler_;
+
+  static void on_change(PTZKitLink *, GParamSpec *, gpointer seen) { **static_cast<Flag *>(seen) = true; }
+  static void on_end(gpointer seen, GClosure *) { delete static_cast<Flag *>(seen); }
+
+ public:
+  explicit StateChange(PTZKitLink *link)
+      : link_(link),
+        handler_(g_signal_connect_data(link, "notify::state", G_CALLBACK(on_change), new Flag(seen_), on_end,
+                                       GConnectFlags(0))) {}
+  StateChange(const StateChange &) = delete;
+  ~StateChange() { g_signal_handler_disconnect(link_, handler_); }
+  [[nodiscard]] bool seen() const { return *seen_; }
 };
 
 template <typename Element>
@@ -308,10 +330,15 @@ bool Tour::be_refused() {
                         PTZ_KIT_ERROR_CODE_NOT_FOUND, "a preset that was never stored");
 }
 
-bool Tour::wait_until_killed() {
+// A driver that is started again at once may answer every query: then only the link has seen it go.
+bool Tour::wait_until_killed(const std::function<bool()> &was_lost) {
   const gint64 cue_us = g_get_monotonic_time();
   Problem problem;
   while (const Positions reply{ptz_kit_link_query_position(link_, 0, nullptr, problem.out())}) {
+    if (was_lost()) {
+      terminal_.line("noticed: the link has lost the driver");
+      return true;
+    }
     if (g_get_monotonic_time() - cue_us > kill_limit_us) return fail("the driver was not killed");
     if (!interruption_.sleep(20ms)) return false;
   }
@@ -321,8 +348,9 @@ bool Tour::wait_until_killed() {
 
 bool Tour::survive_restart() {
   begin_step("The driver is killed and started again");
+  const StateChange change(link_);
   if (!g_file_set_contents(options_.cue.c_str(), "kill\n", -1, nullptr)) return fail("the cue cannot be given");
-  if (!wait_until_killed()) return false;
+  if (!wait_until_killed([&] { return change.seen(); })) return false;
   const gint64 lost_us = g_get_monotonic_time();
   if (!wait_until_ready()) return fail("it did not come back");
   const Text name(ptz_kit_link_dup_driver_name(link_));

@@ -76,7 +76,7 @@ class Tour {
   bool ask_many_at_once();
   bool be_refused();
   bool survive_restart();
-  bool wait_until_killed();
+  bool wait_until_killed(const std::function<bool()> &was_lost);
 
  public:
   Tour(PTZKitLink *link, Terminal &terminal, const Interruption &interruption, TourOptions options)
