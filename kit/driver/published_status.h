@@ -37,8 +37,8 @@ class StatusGroup {
   void update(gint64 now_us);
 };
 
-// Lets a measurement pass if the last one is long enough ago. One takes several accesses to the store, as much as serving
-// a request; a reader cannot look so often.
+// Lets a measurement pass if the last one is long enough ago. One takes several accesses to the store, as much as
+// serving a request; a reader cannot look so often.
 class MeasurementRate {
   gint64 next_us_ = 0;
 
