@@ -50,7 +50,6 @@ class CallList {
 struct BlockingCall final : Call {
   guint8 *reply = nullptr;  // PTZ_SOCKET_BODY_MAX bytes
   gsize reply_length = 0;
-  GCancellable *cancellable = nullptr;
   GCond woken = {};
 
   BlockingCall() { g_cond_init(&woken); }

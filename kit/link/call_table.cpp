@@ -65,6 +65,15 @@ void CallTable::give_up(Call &call, gint64 now_us) {
   --waiting_count_;
 }
 
+gint64 CallTable::next_place_us() const {
+  gint64 next_us = G_MAXINT64;
+  if (waiting_count_ == 0) return next_us;
+  for (guint i = 0; i < sent_->len; ++i) {
+    if (sent(i).call == nullptr) next_us = MIN(next_us, sent(i).given_up_at_us + given_up_us);
+  }
+  return next_us;
+}
+
 Call *CallTable::find_due(gint64 now_us, gint64 &next_deadline_us) const {
   next_deadline_us = G_MAXINT64;
   for (guint i = 0; i < sent_->len; ++i) {

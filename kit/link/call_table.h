@@ -26,6 +26,8 @@ class CallTable {
   // Takes the call with this id; null if it was given up or there is none.
   [[nodiscard]] Call *take_answered(guint32 id);
   void give_up(Call &call, gint64 now_us);
+  // When a waiting call can have the place of a request that was given up; G_MAXINT64 if there is none.
+  [[nodiscard]] gint64 next_place_us() const;
   // A call whose deadline has come; if there is none, null and the next deadline.
   [[nodiscard]] Call *find_due(gint64 now_us, gint64 &next_deadline_us) const;
   // For the end of the connection: any call that is at the driver, any one that waits; null if there is none.

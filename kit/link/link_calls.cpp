@@ -125,7 +125,6 @@ bool wait_for_reply(PTZKitLink *link, Body body, guint deadline_ms, GCancellable
   call.body = body;
   call.deadline_us = deadline_after(deadline_ms);
   call.reply = buffer;
-  call.cancellable = cancellable;
   LinkCore &core = core_of(link);
   CancelledCall cancelled{core, call};
   gulong handler = 0;

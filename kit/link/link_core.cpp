@@ -1,6 +1,7 @@
 #include "link/link_core.h"
 
 #include <poll.h>
+#include <sys/eventfd.h>
 
 #include <utility>
 
@@ -110,8 +111,13 @@ void LinkCore::wake_source() const {
   if (context_ != nullptr && !g_main_context_is_owner(context_.get())) g_main_context_wakeup(context_.get());
 }
 
+gint64 LinkCore::place_us() const {
+  return connection_ && !connection_->blocked() ? calls_.next_place_us() : G_MAXINT64;
+}
+
 gint64 LinkCore::due_us() const {
-  gint64 due = later_calls_ > 0 ? next_deadline_us_ : G_MAXINT64;
+  gint64 due = place_us();
+  if (later_calls_ > 0) due = MIN(due, next_deadline_us_);
   if (handshake_.running()) due = MIN(due, handshake_.deadline_us());
   if (!connection_) due = MIN(due, next_attempt_us_);
   return due;
@@ -166,7 +172,8 @@ void LinkCore::run(const Shared<Connection> &watched, gushort events) {
 // --- the connection ---
 
 void LinkCore::attempt(gint64 now_us) {
-  UniqueFd fd = connect_to(path_.get());
+  if (!wake_) wake_ = UniqueFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  UniqueFd fd = wake_ ? connect_to(path_.get()) : UniqueFd();
   if (fd) {
     connection_ = Shared(new Connection(std::move(fd)));
     set_state(PTZ_KIT_LINK_STATE_CONNECTING);
@@ -249,11 +256,9 @@ void LinkCore::expire(gint64 now_us) {
     disconnect();
     attempt_failed(now_us, PTZ_KIT_LINK_STATE_FAILED, "the driver does not answer");
   }
+  if (now_us >= place_us()) send_waiting();
   if (later_calls_ == 0 || now_us < next_deadline_us_) return;
-  while (Call *call = calls_.find_due(now_us, next_deadline_us_)) {
-    calls_.give_up(*call, now_us);
-    settle(*call, Outcome::timed_out);
-  }
+  while (Call *call = calls_.find_due(now_us, next_deadline_us_)) give_up(*call, Outcome::timed_out, now_us);
 }
 
 }  // namespace ptz_kit

@@ -65,6 +65,7 @@ class LinkCore {
   void set_state(PTZKitLinkState state);
   [[nodiscard]] bool connected_to(const Shared<Connection> &watched) const { return watched && watched == connection_; }
   [[nodiscard]] bool source_reads() const { return reader_ == nullptr && (later_calls_ > 0 || handshake_.running()); }
+  [[nodiscard]] gint64 place_us() const;  // when send_waiting() can send without any event of the connection
   [[nodiscard]] gint64 due_us() const;
   [[nodiscard]] gushort wanted_events() const;
   void wake_source() const;
@@ -79,6 +80,8 @@ class LinkCore {
   void submit(Call &call);
   void send(Call &call);
   void send_waiting();
+  void give_up(Call &call, Outcome outcome, gint64 now_us);
+  void wake_sender() const;
   static void settle(Call &call, Outcome outcome);
   void hand_over_reading();
   void read_for(BlockingCall &call, gint64 left_us, Section &section);
@@ -107,7 +110,7 @@ class LinkCore {
   CallList ended_;                   // asynchronous calls whose callbacks are to run when the lock is free
   BlockingCall *reader_ = nullptr;   // the call whose thread polls the descriptor
   GQueue followers_ = G_QUEUE_INIT;  // of BlockingCall, whose threads wait for their condition
-  UniqueFd wake_;                    // ends the poll of a reader whose call was cancelled; made when first needed
+  UniqueFd wake_;                    // ends the poll of the reader; there if there is a connection
 };
 
 }  // namespace ptz_kit

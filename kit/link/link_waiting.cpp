@@ -15,6 +15,14 @@ void LinkCore::submit(Call &call) {
   if (!connection_->blocked() && calls_.may_send_at_once(g_get_monotonic_time())) return send(call);
   if (!calls_.add_waiting(call)) return settle(call, Outcome::busy);
   send_waiting();  // places of requests that were given up long ago may be free
+  wake_sender();
+}
+
+// The thread that polls the connection, or else the source, does not watch for what the waiting calls now need: room in
+// the socket, or the place of a request that was given up.
+void LinkCore::wake_sender() const {
+  if (!connection_ || (!connection_->blocked() && place_us() == G_MAXINT64)) return;
+  reader_ != nullptr ? static_cast<void>(eventfd_write(wake_.get(), 1)) : wake_source();
 }
 
 void LinkCore::send(Call &call) { connection_->send(calls_.add_sent(call), call.body); }
@@ -30,6 +38,12 @@ void LinkCore::send_waiting() {
 void LinkCore::settle(Call &call, Outcome outcome) {
   call.outcome = outcome;
   call.settled();
+}
+
+void LinkCore::give_up(Call &call, Outcome outcome, gint64 now_us) {
+  calls_.give_up(call, now_us);
+  settle(call, outcome);
+  wake_sender();
 }
 
 void LinkCore::start(LaterCall *call, gulong cancel_handler) {
@@ -51,23 +65,23 @@ void LinkCore::cancel(Call &call) {
   if (!call.submitted) {
     call.cancel_requested = true;
   } else if (call.outcome == Outcome::waiting) {
-    calls_.give_up(call, g_get_monotonic_time());
-    settle(call, Outcome::cancelled);
+    give_up(call, Outcome::cancelled, g_get_monotonic_time());
     if (&call == reader_) eventfd_write(wake_.get(), 1);
   }
 }
 
 void LinkCore::wait(BlockingCall &call) {
   Section section(*this, Section::Callbacks::later);
-  if (call.cancellable != nullptr && !wake_) wake_ = UniqueFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   submit(call);
   while (call.outcome == Outcome::waiting) {
-    const gint64 left_us = call.deadline_us - g_get_monotonic_time();
-    if (left_us <= 0) {
-      calls_.give_up(call, call.deadline_us);
-      settle(call, Outcome::timed_out);
+    const gint64 now_us = g_get_monotonic_time();
+    const gint64 until_us = MIN(call.deadline_us, place_us());
+    if (call.deadline_us <= now_us) {
+      give_up(call, Outcome::timed_out, call.deadline_us);
+    } else if (until_us <= now_us) {
+      send_waiting();
     } else if (reader_ == nullptr) {
-      read_for(call, left_us, section);
+      read_for(call, until_us - now_us, section);
     } else {
       g_queue_push_tail(&followers_, &call);
       g_cond_wait_until(&call.woken, &lock_, call.deadline_us);
@@ -89,15 +103,14 @@ void LinkCore::read_for(BlockingCall &call, gint64 left_us, Section &section) {
   const Shared<Connection> connection = connection_;  // stays open while it is polled
   pollfd watched[] = {{connection->fd(), POLLIN | POLLRDHUP, 0}, {wake_.get(), POLLIN, 0}};
   if (connection->blocked()) watched[0].events |= POLLOUT;
-  const nfds_t count = call.cancellable != nullptr ? 2 : 1;
   const timespec left = {left_us / G_USEC_PER_SEC, left_us % G_USEC_PER_SEC * 1000};
   reader_ = &call;
   section.pause();
-  const int ready = ppoll(watched, count, &left, nullptr);
+  const int ready = ppoll(watched, std::size(watched), &left, nullptr);
   section.resume();
   reader_ = nullptr;
   eventfd_t ignored = 0;
-  if (count == 2 && watched[1].revents != 0) eventfd_read(wake_.get(), &ignored);
+  if (watched[1].revents != 0) eventfd_read(wake_.get(), &ignored);
   if (ready <= 0 || !(connection == connection_)) return;
   if ((watched[0].revents & POLLOUT) != 0) connection->flush();
   if (watched[0].revents != 0) receive();

@@ -3,6 +3,7 @@
 #include <thread>
 
 #include "answering_driver.h"
+#include "clock.h"
 
 namespace kit_link_test {
 namespace {
@@ -49,7 +50,7 @@ class KitLinkBlocking : public LinkTest {
   std::atomic<int> requests_ = 0;
   std::atomic<int> step_ = 0;
   std::unique_ptr<AnsweringDriver> driver_;
-  const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+  std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
 
   // A thread that is not woken waits for the deadline of its call.
   void TearDown() override {
@@ -196,6 +197,45 @@ TEST_F(KitLinkBlocking, WaitingThreadReadsOnWhenReaderTimesOut) {
   reader.join();
   step_ = 1;
   waiting.join();
+}
+
+TEST_F(KitLinkBlocking, WaitingCallIsSentWhenPlaceOfUnansweredRequestIsFreeAgain) {
+  connect_to_driver(
+      [this, first = std::optional<Frame>()](int fd, const Frame &request) mutable {
+        if (!first) first = request;
+        if (requests_ < 2) return;
+        AnsweringDriver::reply(fd, request, position_reply(3));
+        AnsweringDriver::reply(fd, *first, position_reply(1));
+      },
+      2);
+  std::thread reader([this] { EXPECT_EQ(query(link_.get(), 60'000).pan, 1); });
+  wait_for_requests(1);
+  EXPECT_TRUE(query(link_.get(), 10).failed_with(PTZ_KIT_ERROR_TIMED_OUT));
+  ptz_test::advance_clock(9'950);
+  start_ += std::chrono::milliseconds(9'950);
+  EXPECT_EQ(query(link_.get()).pan, 3);
+  reader.join();
+}
+
+TEST_F(KitLinkBlocking, RequestsBehindFullSocketAreSentWhileAnotherThreadReads) {
+  constexpr int large_requests = 400;
+  connect_to_driver(
+      [this, first = std::optional<Frame>()](int fd, const Frame &request) mutable {
+        if (!first) step_ = 1;
+        wait_for_step(2);
+        if (!first) first = request;
+        if (requests_ == large_requests) AnsweringDriver::reply(fd, *first, position_reply(1));
+      },
+      1000);
+  std::thread reader([this] { EXPECT_EQ(query(link_.get(), 3000).pan, 1); });
+  wait_for_step(1);
+  const std::string body = word(900) + std::string(2548, 'x');
+  const Bytes bytes(g_bytes_new(body.data(), body.size()));
+  for (int i = 0; i < large_requests; ++i) {
+    ptz_kit_link_call_async(link_.get(), bytes.get(), 0, nullptr, nullptr, nullptr);
+  }
+  step_ = 2;
+  reader.join();
 }
 
 TEST_F(KitLinkBlocking, LostDriverAndCloseWakeAllThreads) {

@@ -307,6 +307,20 @@ TEST_F(KitLinkCalls, RequestThatIsNeverAnsweredIsPendingForTenSecondsMore) {
   EXPECT_TRUE(has_request());
 }
 
+TEST_F(KitLinkCalls, WaitingCallIsSentWhenPlaceOfUnansweredRequestIsFreeAgain) {
+  connect(1);
+  Query never, waiting;
+  never.start(link_.get(), 100);
+  static_cast<void>(next_request());
+  ptz_test::advance_clock(100);
+  ASSERT_TRUE(end(never));
+  waiting.start(link_.get(), 60'000);
+  ptz_test::advance_clock(9'900);
+  EXPECT_FALSE(has_request());
+  ptz_test::advance_clock(100);
+  EXPECT_TRUE(has_request());
+}
+
 TEST_F(KitLinkCalls, LaterCallDoesNotPassWaitingCallWhenPlaceIsFreeAgain) {
   connect(1);
   Query never, waiting;
