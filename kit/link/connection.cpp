@@ -50,7 +50,9 @@ void Connection::flush() {
   if (sent > 0) g_byte_array_remove_range(unsent_.get(), 0, static_cast<guint>(sent));
 }
 
-void Connection::shut_down() { shutdown(fd_.get(), SHUT_RDWR); }
+void Connection::shut_down() {
+  if (getpid() == process_) shutdown(fd_.get(), SHUT_RDWR);
+}
 
 bool Connection::fill_buffer() {
   const ssize_t count = recv(fd_.get(), buffer_.data() + fill_, buffer_.size() - fill_, MSG_DONTWAIT);

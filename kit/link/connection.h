@@ -32,7 +32,8 @@ class Connection {
   // Not while blocked. A failure shows as a hang-up of the descriptor.
   void send(guint32 id, std::span<const guint8> body);
   void flush();
-  // Wakes a thread that is polling the descriptor; the peer sees the end of the connection.
+  // Wakes a thread that is polling the descriptor; the peer sees the end of the connection. No effect in a forked child,
+  // which shares the socket with its parent.
   void shut_down();
 
   // Reads once. False at the end of the connection and for a malformed frame. The handler is called for each frame as
@@ -60,6 +61,7 @@ class Connection {
 
   const UniqueFd fd_;
   const Handle<GByteArray, g_byte_array_unref> unsent_{g_byte_array_new()};
+  const pid_t process_ = getpid();
   gatomicrefcount references_;
   std::size_t fill_ = 0;
   std::array<guint8, 2 * PTZ_SOCKET_FRAME_MAX> buffer_;

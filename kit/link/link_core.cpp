@@ -34,16 +34,16 @@ void LinkCore::unref() {
   if (g_atomic_ref_count_dec(&references_)) delete this;
 }
 
-bool LinkCore::open(GSource *source, GMainContext *context) {
+void LinkCore::open(GSource *source, GMainContext *context) {
   const MutexLock lock(&lock_);
   if (source_ != nullptr) return false;
   source_ = g_source_ref(source);
+  g_source_attach(source, context);
   context_.reset(g_main_context_ref(context));
   retry_ms_ = first_retry_ms;
   next_attempt_us_ = 0;
   problem_.reset(g_strdup("no attempt yet"));
   set_state(PTZ_KIT_LINK_STATE_CONNECTING);
-  return true;
 }
 
 void LinkCore::close() {

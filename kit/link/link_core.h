@@ -29,8 +29,9 @@ class LinkCore {
   void ref() { g_atomic_ref_count_inc(&references_); }
   void unref();
 
-  // Any thread; `source` is one on `context` whose functions are those below. It is destroyed by close().
-  [[nodiscard]] bool open(GSource *source, GMainContext *context);
+  // Any thread. Attaches `source`, whose functions are those below, to `context`. It is destroyed by close(). No effect
+  // if the link is open.
+  void open(GSource *source, GMainContext *context);
   void close();
   [[nodiscard]] PTZKitLinkState state();
   [[nodiscard]] DriverFacts facts();  // a copy

@@ -161,8 +161,7 @@ void ptz_kit_link_open(PTZKitLink *link) {
   g_return_if_fail(PTZ_KIT_IS_LINK(link));
   const Context context(g_main_context_ref_thread_default());
   GSource *source = new_link_source(link, link->own.core);
-  g_source_attach(source, context.get());
-  if (!link->own.core->open(source, context.get())) g_source_destroy(source);
+  link->own.core->open(source, context.get());
   g_source_unref(source);
 }
 

@@ -1,5 +1,8 @@
 // How a link connects: the states, the handshake, the intervals of its attempts, and what it leaves alone.
+#include <dlfcn.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,6 +12,21 @@
 #include "clock.h"
 #include "faults.h"
 #include "link_test.h"
+
+namespace {
+std::atomic<int> attached_sources;
+std::atomic<bool> without_inotify;
+}  // namespace
+
+// In place of the libraries' for the whole program.
+extern "C" int inotify_init1(int flags) noexcept {
+  return without_inotify ? -1 : static_cast<int>(syscall(SYS_inotify_init1, flags));
+}
+extern "C" guint g_source_attach(GSource *source, GMainContext *context) {
+  static const auto real = reinterpret_cast<decltype(&g_source_attach)>(dlsym(RTLD_NEXT, "g_source_attach"));
+  ++attached_sources;
+  return real(source, context);
+}
 
 namespace kit_link_test {
 namespace {
@@ -303,6 +321,28 @@ TEST_F(KitLinkState, CloseDisconnectsAndOpenConnectsAgain) {
   accept(listener);
   greet();
   EXPECT_TRUE(wait_for(PTZ_KIT_LINK_STATE_READY));
+}
+
+TEST_F(KitLinkState, OpenOfOpenLinkAttachesNoSource) {
+  open_link();
+  const int before = attached_sources;
+  ptz_kit_link_open(link_.get());
+  EXPECT_EQ(attached_sources, before);
+}
+
+TEST_F(KitLinkState, ForkedChildThatDropsLinkLeavesConnectionToParent) {
+  connect();
+  const pid_t child = fork();
+  if (child == 0) {
+    g_object_unref(link_.get());
+    _exit(0);
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  run_pending();
+  EXPECT_FALSE(ptz_test::is_at_end(peer_.get()));
+  EXPECT_EQ(state(), PTZ_KIT_LINK_STATE_READY);
 }
 
 TEST_F(KitLinkState, CloseInNotificationOfReadyDisconnects) {
