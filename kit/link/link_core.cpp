@@ -51,9 +51,9 @@ void LinkCore::close() {
   {
     Section section(*this, Section::Callbacks::later);
     source = std::exchange(source_, nullptr);
-    context_.reset();
     if (source == nullptr) return;
-    set_state(PTZ_KIT_LINK_STATE_DISCONNECTED);
+    set_state(PTZ_KIT_LINK_STATE_DISCONNECTED);  // wakes a thread that runs the context until the link is ready
+    context_.reset();
     disconnect();
   }
   g_source_destroy(source);

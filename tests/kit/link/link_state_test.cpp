@@ -6,8 +6,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "clock.h"
 #include "faults.h"
@@ -392,6 +394,34 @@ TEST_F(KitLinkState, WaitReadyRunsMainContextItself) {
       const_cast<Listener *>(&listener));
   EXPECT_TRUE(ptz_kit_link_wait_ready(link_.get(), 0, nullptr));
   g_thread_join(driver);
+}
+
+// A source with the descriptor of inotify would wake the context when it is destroyed.
+TEST_F(KitLinkState, CloseEndsWaitReadyOfThreadThatRunsMainContextWithoutInotify) {
+  without_inotify = true;
+  open_link();
+  use_up_short_intervals();
+  std::atomic<bool> waits = false;
+  // The loop tells when the wait has begun; the link's own timer would end it some seconds later.
+  g_idle_add(
+      [](gpointer begun) {
+        *static_cast<std::atomic<bool> *>(begun) = true;
+        return G_SOURCE_REMOVE;
+      },
+      &waits);
+  GError *error = nullptr;
+  const auto start = std::chrono::steady_clock::now();
+  std::thread closer([&] {
+    while (!waits) std::this_thread::yield();
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));  // until the loop sleeps
+    ptz_kit_link_close(link_.get());
+  });
+  EXPECT_FALSE(ptz_kit_link_wait_ready(link_.get(), 3000, &error));
+  closer.join();
+  EXPECT_TRUE(g_error_matches(error, PTZ_KIT_ERROR, PTZ_KIT_ERROR_NOT_CONNECTED));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1500));
+  g_clear_error(&error);
+  without_inotify = false;
 }
 
 TEST_F(KitLinkState, WaitReadyTellsWhyLastAttemptFailed) {
