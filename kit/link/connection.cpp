@@ -1,6 +1,7 @@
 #include "link/connection.h"
 
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/uio.h>
 #include <sys/un.h>
 
@@ -17,8 +18,10 @@ UniqueFd connect_to(const char *path) {
   }
   std::memcpy(address.sun_path, path, length);
   UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  if (!fd || connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) return UniqueFd();
-  return fd;
+  if (!fd || connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0) return fd;
+  struct stat file;
+  if (errno == ECONNREFUSED && stat(path, &file) == 0 && !S_ISSOCK(file.st_mode)) errno = ENOTSOCK;
+  return UniqueFd();
 }
 
 void Connection::unref() {

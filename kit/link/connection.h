@@ -16,7 +16,7 @@
 namespace ptz_kit {
 
 // Connects to a listening socket without waiting. An empty descriptor with errno set on failure; EAGAIN if the backlog
-// is full. Never touches the file at the path.
+// is full, ENOTSOCK if the file is no socket. Never touches the file.
 [[nodiscard]] UniqueFd connect_to(const char *path);
 
 class Connection {

@@ -268,6 +268,7 @@ TEST_F(KitLinkState, FileInPlaceOfSocketIsLeftAlone) {
             }())
                 .get(),
             std::string("kept"));
+  EXPECT_EQ(state(), PTZ_KIT_LINK_STATE_FAILED);
   EXPECT_GE(calls.count(Call::connect), 3u);
   EXPECT_EQ(calls.count(Call::unlink), 0u);
   EXPECT_EQ(calls.count(Call::bind), 0u);
