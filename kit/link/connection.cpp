@@ -38,7 +38,8 @@ void Connection::send(guint32 id, std::span<const guint8> body) {
   do {
     sent = sendmsg(fd_.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
   } while (sent < 0 && errno == EINTR);
-  if (sent < 0 && errno != EAGAIN) return;
+  const bool is_full = sent < 0 && (errno == EAGAIN || errno == ENOBUFS || errno == ENOMEM);
+  if (sent < 0 && !is_full) return;
   std::size_t skip = sent < 0 ? 0 : static_cast<std::size_t>(sent);
   for (const iovec &part : parts) {
     const auto *bytes = static_cast<const guint8 *>(part.iov_base);

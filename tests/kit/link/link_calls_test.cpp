@@ -1,6 +1,19 @@
 // Asynchronous calls of a link: replies, refusals, deadlines, cancellation, the limit of pending requests.
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include "clock.h"
 #include "link_test.h"
+
+namespace {
+std::atomic<int> next_error_of_sendmsg;
+}
+
+// In place of the system's for the whole program.
+extern "C" ssize_t sendmsg(int fd, const msghdr *message, int flags) {
+  errno = next_error_of_sendmsg.exchange(0);
+  return errno != 0 ? -1 : syscall(SYS_sendmsg, fd, message, flags);
+}
 
 namespace kit_link_test {
 namespace {
@@ -343,6 +356,19 @@ TEST_F(KitLinkCalls, CallBeyond1024WaitingOnesIsBusy) {
   EXPECT_FALSE(queries[1024]->ended());
   ptz_kit_link_close(link_.get());
   for (const auto &query : queries) ASSERT_TRUE(end(*query));
+}
+
+TEST_F(KitLinkCalls, RequestThatMeetsLackOfMemoryIsSentLater) {
+  for (const int error : {ENOBUFS, ENOMEM}) {
+    connect();
+    next_error_of_sendmsg = error;
+    Query query;
+    query.start(link_.get());
+    EXPECT_FALSE(ptz_test::is_readable(peer_.get()));
+    reply(next_request(), position_reply(error));
+    ASSERT_TRUE(end(query));
+    EXPECT_EQ(query.pan(), error);
+  }
 }
 
 TEST_F(KitLinkCalls, DriverThatDoesNotReadReceivesWholeFramesLater) {
