@@ -16,13 +16,22 @@ constexpr std::string_view bodies[Handshake::count] = {
 static_assert(PTZ_COMMAND_GET_DRIVER_NAME == 0x15 && PTZ_COMMAND_GET_CAPABILITIES == 0x17 &&
               PTZ_COMMAND_GET_DRIVER_PROPERTY == 0x19);
 
+// False with an error if it cannot be read.
+bool is_readable_refusal(std::span<const guint8> body, GError **error) {
+  PTZKitErrorReply *refusal = ptz_kit_error_reply_read(body.data(), body.size(), error);
+  ptz_kit_error_reply_free(refusal);
+  return refusal != nullptr;
+}
+
 // True if the driver has refused to tell. `read` makes the message; false with an error if it cannot.
 template <auto read, auto free_message, typename Take>
 bool read_answer(GBytes *reply, GError **error, Take take) {
   gsize length = 0;
   const auto *body = static_cast<const guint8 *>(g_bytes_get_data(reply, &length));
   gint32 command = 0;
-  if (ptz_kit_body_get_command(body, length, &command) && command == PTZ_COMMAND_ERROR_REPLY) return true;
+  if (ptz_kit_body_get_command(body, length, &command) && command == PTZ_COMMAND_ERROR_REPLY) {
+    return is_readable_refusal({body, length}, error);
+  }
   auto *message = read(body, length, error);
   if (message == nullptr) return false;
   take(*message);

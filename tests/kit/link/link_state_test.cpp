@@ -141,6 +141,7 @@ INSTANTIATE_TEST_SUITE_P(
     , KitLinkBadHandshake,
     testing::Values(BadGreeting{"NameMalformed", {.name = name_reply("fake") + "x"}, "get driver name reply: 1 bytes"},
                     BadGreeting{"CapabilitiesOfAnotherCommand", {.capabilities = word(5)}, "it is another command"},
+                    BadGreeting{"ErrorReplyTruncated", {.version = word(PTZ_COMMAND_ERROR_REPLY)}, "field \"code\" at"},
                     BadGreeting{"VersionEmptyBody", {.version = ""}, "field \"command\" at byte 0"},
                     BadGreeting{"VersionNoNumber", {.version = property_reply("two")}, "version is not a number"}),
     [](const auto &info) { return info.param.title; });
