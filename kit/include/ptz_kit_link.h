@@ -70,7 +70,7 @@ PTZ_KIT_API GType ptz_kit_link_state_get_type (void);
  * A daemon's connection to one driver. An open link connects to the driver's socket and asks for the driver's name,
  * capabilities and protocol version; then its state is ready. When the driver goes, the link connects again: at once,
  * then after 0.1 s, and each time after twice as long, at most after 5 s. If the link was ready for less than a second,
- * the first attempt, too, is after 0.1 s. When a socket appears at the path, the link connects to it a few milliseconds
+ * this counts as one more failed attempt. When a socket appears at the path, the link connects to it a few milliseconds
  * later. A link never creates or removes a file.
  *
  * Requests are sent with the functions of ptz_kit_link_calls.h, or with ptz_kit_link_call() for any body. Each has a

@@ -13,7 +13,7 @@ namespace {
 constexpr guint first_retry_ms = 100;
 constexpr guint last_retry_ms = 5000;
 constexpr gint64 time_to_listen_us = 5000;    // for a server, from bind() on
-constexpr gint64 stable_us = G_USEC_PER_SEC;  // a connection that ends earlier is not followed by another one at once
+constexpr gint64 stable_us = G_USEC_PER_SEC;  // a connection that ends earlier is a failed attempt
 constexpr gushort hang_up = G_IO_HUP | G_IO_ERR | G_IO_NVAL | POLLRDHUP;
 
 }  // namespace
@@ -36,7 +36,7 @@ void LinkCore::unref() {
 
 void LinkCore::open(GSource *source, GMainContext *context) {
   const MutexLock lock(&lock_);
-  if (source_ != nullptr) return false;
+  if (source_ != nullptr) return;
   source_ = g_source_ref(source);
   g_source_attach(source, context);
   context_.reset(g_main_context_ref(context));
@@ -214,7 +214,6 @@ void LinkCore::finish_handshake(gint64 now_us) {
   handshake_.end();
   facts_ = std::move(facts);
   ready_since_us_ = now_us;
-  retry_ms_ = first_retry_ms;
   set_state(PTZ_KIT_LINK_STATE_READY);
 }
 
@@ -234,11 +233,12 @@ void LinkCore::lose() {
   constexpr char problem[] = "the driver has closed the connection or sent a malformed frame";
   const gint64 now_us = g_get_monotonic_time();
   const bool was_ready = state_ == PTZ_KIT_LINK_STATE_READY;
+  const bool was_stable = was_ready && now_us - ready_since_us_ >= stable_us;
   disconnect();
-  if (!was_ready) return attempt_failed(now_us, PTZ_KIT_LINK_STATE_FAILED, problem);
-  problem_.reset(g_strdup(problem));
-  next_attempt_us_ = now_us - ready_since_us_ >= stable_us ? now_us : now_us + first_retry_ms * gint64{1000};
-  set_state(PTZ_KIT_LINK_STATE_CONNECTING);
+  attempt_failed(now_us, was_ready ? PTZ_KIT_LINK_STATE_CONNECTING : PTZ_KIT_LINK_STATE_FAILED, problem);
+  if (!was_stable) return;
+  retry_ms_ = first_retry_ms;
+  next_attempt_us_ = now_us;
 }
 
 // The descriptor is closed when the source and the reader have let go of it.

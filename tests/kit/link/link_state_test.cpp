@@ -228,6 +228,25 @@ TEST_F(KitLinkState, DriverThatHangsUpSoonAfterHandshakeIsReconnectedAfterFirstI
   EXPECT_EQ(calls.count(Call::connect), 1u);
 }
 
+TEST_F(KitLinkState, IntervalsDoubleIfDriverHangsUpAfterEachHandshake) {
+  const Listener listener(path_);
+  const CallLog calls;
+  open_link();
+  for (const int interval_ms : {100, 200, 400}) {
+    accept(listener);
+    greet();
+    ASSERT_TRUE(wait_for(PTZ_KIT_LINK_STATE_READY));
+    peer_.reset();
+    ASSERT_TRUE(wait_for(PTZ_KIT_LINK_STATE_CONNECTING));
+    const std::size_t before = calls.count(Call::connect);
+    ptz_test::advance_clock(interval_ms - 20);
+    run_pending();
+    EXPECT_EQ(calls.count(Call::connect), before) << interval_ms;
+    ptz_test::advance_clock(20);
+  }
+  EXPECT_TRUE(ptz_test::run_until([&] { return listener.has_waiting_client(); }));
+}
+
 TEST_F(KitLinkState, LostDriverIsReconnectedAtOnceThenAfterFirstInterval) {
   connect();
   ptz_test::advance_clock(1000);
