@@ -81,16 +81,19 @@ gpointer read_reply(const Command &command, Body reply, GError **error) {
 }
 
 // False, with a critical warning, for a programmer's error.
-bool are_arguments(PTZKitLink *link, gconstpointer request, const Command &command) {
-  const bool is_link = PTZ_KIT_IS_LINK(link);
-  const bool is_request = command.request == 0 || request != nullptr;
-  if (!is_link) g_critical("ptz_kit_link_%s: not a link", tables.names + command.name);
-  if (!is_request) g_critical("ptz_kit_link_%s: no request", tables.names + command.name);
-  return is_link && is_request;
+bool check_link(PTZKitLink *link, const Command &command) {
+  if (PTZ_KIT_IS_LINK(link)) return true;
+  g_critical("ptz_kit_link_%s: not a link", tables.names + command.name);
+  return false;
 }
 
 // Empty with an error on failure.
 Array write_request(const Command &command, gconstpointer request, GError **error) {
+  if (command.request != 0 && request == nullptr) {
+    g_critical("ptz_kit_link_%s: no request", tables.names + command.name);
+    g_set_error(error, PTZ_KIT_ERROR, PTZ_KIT_ERROR_MALFORMED, "%s: no request", tables.names + command.name);
+    return nullptr;
+  }
   Array body(ptz_serialize_create_array());
   if (command.request == 0) {
     ptz_serialize_32bit(body.get(), static_cast<guint32>(command.value));
@@ -204,7 +207,7 @@ void LaterCall::complete() {
 gpointer call(PTZKitLink *link, guint index, gconstpointer request, guint deadline_ms, GCancellable *cancellable,
               GError **error) {
   const Command &command = tables.commands[index];
-  if (!are_arguments(link, request, command)) return nullptr;
+  if (!check_link(link, command)) return nullptr;
   const Array body = write_request(command, request, error);
   if (body == nullptr) return nullptr;
   guint8 reply[PTZ_SOCKET_BODY_MAX];
@@ -217,7 +220,7 @@ gpointer call(PTZKitLink *link, guint index, gconstpointer request, guint deadli
 void call_async(PTZKitLink *link, guint index, gconstpointer request, guint deadline_ms, GCancellable *cancellable,
                 GAsyncReadyCallback callback, gpointer user_data) {
   const Command &command = tables.commands[index];
-  if (!are_arguments(link, request, command)) return;
+  if (!check_link(link, command)) return;
   GTask *task = make_task(link, cancellable, callback, user_data, &command, command.value);
   GError *error = nullptr;
   const Array body = write_request(command, request, &error);

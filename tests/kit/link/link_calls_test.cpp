@@ -477,13 +477,24 @@ TEST_F(KitLinkCalls, CallbackThatRunsMainLoopSeesEndOfCallAnsweredWithIt) {
   EXPECT_EQ(calls.other.pan(), 4);
 }
 
-TEST_F(KitLinkCalls, MissingRequestIsOneCriticalAndSendsNothing) {
+TEST_F(KitLinkCalls, MissingRequestIsOneCriticalAndFailsCallAndSendsNothing) {
   connect();
   const ptz_test::GlibLogCapture log;
-  EXPECT_FALSE(ptz_kit_link_goto_preset(link_.get(), nullptr, 0, nullptr, nullptr));
+  GError *error = nullptr;
+  EXPECT_FALSE(ptz_kit_link_goto_preset(link_.get(), nullptr, 0, nullptr, &error));
+  EXPECT_TRUE(g_error_matches(error, PTZ_KIT_ERROR, PTZ_KIT_ERROR_MALFORMED));
+  g_clear_error(&error);
   EXPECT_EQ(log.criticals(), 1u);
-  ptz_kit_link_goto_preset_async(link_.get(), nullptr, 0, nullptr, nullptr, nullptr);
+  ptz_kit_link_goto_preset_async(
+      link_.get(), nullptr, 0, nullptr,
+      [](GObject *link, GAsyncResult *result, gpointer failure) {
+        ptz_kit_link_goto_preset_finish(PTZ_KIT_LINK(link), result, static_cast<GError **>(failure));
+      },
+      &error);
   EXPECT_EQ(log.criticals(), 2u);
+  ASSERT_TRUE(run_until([&] { return error != nullptr; }));
+  EXPECT_TRUE(g_error_matches(error, PTZ_KIT_ERROR, PTZ_KIT_ERROR_MALFORMED));
+  g_clear_error(&error);
   EXPECT_FALSE(has_request());
 }
 
