@@ -226,6 +226,38 @@ PTZ_KIT_API void ptz_kit_link_close (PTZKitLink *link);
 PTZ_KIT_API gboolean ptz_kit_link_wait_ready (PTZKitLink *link, guint deadline_ms, GError **error);
 
 /**
+ * ptz_kit_link_wait_ready_async:
+ * @link: an open link; borrowed
+ * @deadline_ms: how long to wait, in milliseconds; 0 for ten seconds
+ * @cancellable: (nullable): cancels the wait; borrowed
+ * @callback: (scope async) (nullable): called when the wait is over
+ * @user_data: passed to @callback; borrowed
+ *
+ * Waits until the link is ready. The wait counts as a waiting request: see #PTZKitLink.
+ *
+ * Thread: any; @callback runs in the caller's thread-default main context.
+ *
+ * Since: 0.1
+ */
+PTZ_KIT_API void ptz_kit_link_wait_ready_async (PTZKitLink *link, guint deadline_ms, GCancellable *cancellable,
+                                                GAsyncReadyCallback callback, gpointer user_data);
+
+/**
+ * ptz_kit_link_wait_ready_finish:
+ * @link: the link of the wait; borrowed
+ * @result: what the callback was given; borrowed
+ * @error: return location for an error, or `NULL`
+ *
+ * Thread: any.
+ *
+ * Since: 0.1
+ *
+ * Returns: `TRUE` if the link became ready; `FALSE` with @error set as for ptz_kit_link_wait_ready(), or to
+ *   `PTZ_KIT_ERROR_BUSY` or `G_IO_ERROR_CANCELLED`
+ */
+PTZ_KIT_API gboolean ptz_kit_link_wait_ready_finish (PTZKitLink *link, GAsyncResult *result, GError **error);
+
+/**
  * ptz_kit_link_get_state:
  * @link: a link; borrowed
  *

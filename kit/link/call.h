@@ -14,7 +14,7 @@ enum class Outcome : guint8 { waiting, answered, not_connected, lost, timed_out,
 
 // Guarded by the lock of the link, from submission until it is settled; after that the caller's alone.
 struct Call {
-  std::span<const guint8> body;  // borrowed until the call is settled
+  std::span<const guint8> body;  // borrowed until the call is settled; empty to wait until the link is ready
   gint64 deadline_us = 0;        // monotonic
   Call *next = nullptr;          // in a CallList
   Outcome outcome = Outcome::waiting;

@@ -87,7 +87,7 @@ bool check_link(PTZKitLink *link, const Command &command) {
   return false;
 }
 
-// Empty with an error on failure.
+// Empty with an error on failure. A missing request is the programmer's error.
 Array write_request(const Command &command, gconstpointer request, GError **error) {
   if (command.request != 0 && request == nullptr) {
     g_critical("ptz_kit_link_%s: no request", tables.names + command.name);
@@ -142,6 +142,17 @@ bool wait_for_reply(PTZKitLink *link, Body body, guint deadline_ms, GCancellable
   return false;
 }
 
+// Of a wait for the link to be ready.
+void set_wait_error(GError **error, LinkCore &core, Outcome outcome) {
+  if (outcome == Outcome::timed_out) {
+    g_set_error(error, PTZ_KIT_ERROR, PTZ_KIT_ERROR_TIMED_OUT, "%s: %s", core.path(), core.problem().get());
+  } else if (outcome == Outcome::not_connected) {
+    g_set_error_literal(error, PTZ_KIT_ERROR, PTZ_KIT_ERROR_NOT_CONNECTED, "the link is closed");
+  } else {
+    set_error(error, outcome, no_command);
+  }
+}
+
 void on_cancelled_later(GCancellable *, gpointer data) {
   auto &call = *static_cast<LaterCall *>(data);
   call.core.cancel(call);
@@ -194,11 +205,13 @@ gint64 deadline_after(guint deadline_ms) {
 
 void LaterCall::complete() {
   if (cancel_handler != 0) g_signal_handler_disconnect(g_task_get_cancellable(task.get()), cancel_handler);
-  if (outcome == Outcome::answered) {
+  GError *error = nullptr;
+  if (outcome == Outcome::answered && body.empty()) {
+    g_task_return_boolean(task.get(), TRUE);
+  } else if (outcome == Outcome::answered) {
     g_task_return_pointer(task.get(), reply.release(), reinterpret_cast<GDestroyNotify>(g_bytes_unref));
   } else {
-    GError *error = nullptr;
-    set_error(&error, outcome, command_of(body));
+    body.empty() ? set_wait_error(&error, core, outcome) : set_error(&error, outcome, command_of(body));
     g_task_return_error(task.get(), error);
   }
   unref();
@@ -293,11 +306,24 @@ gboolean ptz_kit_link_wait_ready(PTZKitLink *link, guint deadline_ms, GError **e
     ready = core.wait_ready(deadline_us);
   }
   if (ready) return TRUE;
-  if (core.state() == PTZ_KIT_LINK_STATE_DISCONNECTED) {
-    g_set_error_literal(error, PTZ_KIT_ERROR, PTZ_KIT_ERROR_NOT_CONNECTED, "the link is closed");
-  } else {
-    g_set_error(error, PTZ_KIT_ERROR, PTZ_KIT_ERROR_TIMED_OUT, "%s: %s", ptz_kit_link_get_socket_path(link),
-                core.problem().get());
-  }
+  const bool is_closed = core.state() == PTZ_KIT_LINK_STATE_DISCONNECTED;
+  set_wait_error(error, core, is_closed ? Outcome::not_connected : Outcome::timed_out);
   return FALSE;
+}
+
+void ptz_kit_link_wait_ready_async(PTZKitLink *link, guint deadline_ms, GCancellable *cancellable,
+                                   GAsyncReadyCallback callback, gpointer user_data) {
+  g_return_if_fail(PTZ_KIT_IS_LINK(link));
+  GTask *task = make_task(link, cancellable, callback, user_data,
+                          reinterpret_cast<gpointer>(ptz_kit_link_wait_ready_async), no_command);
+  const Bytes nothing(g_bytes_new(nullptr, 0));
+  start_call(link, task, nothing.get(), deadline_ms);
+}
+
+gboolean ptz_kit_link_wait_ready_finish(PTZKitLink *link, GAsyncResult *result, GError **error) {
+  g_return_val_if_fail(PTZ_KIT_IS_LINK(link), FALSE);
+  g_return_val_if_fail(g_task_is_valid(result, link), FALSE);
+  GTask *task = G_TASK(result);
+  g_return_val_if_fail(g_task_get_source_tag(task) == reinterpret_cast<gpointer>(ptz_kit_link_wait_ready_async), FALSE);
+  return g_task_propagate_boolean(task, error);
 }

@@ -55,6 +55,7 @@ void LinkCore::close() {
     set_state(PTZ_KIT_LINK_STATE_DISCONNECTED);  // wakes a thread that runs the context until the link is ready
     context_.reset();
     disconnect();
+    fail_waiting();
   }
   g_source_destroy(source);
   g_source_unref(source);
@@ -215,6 +216,7 @@ void LinkCore::finish_handshake(gint64 now_us) {
   facts_ = std::move(facts);
   ready_since_us_ = now_us;
   set_state(PTZ_KIT_LINK_STATE_READY);
+  while (Call *call = calls_.take_waiting()) settle(*call, Outcome::answered);
 }
 
 void LinkCore::receive() {
@@ -248,6 +250,10 @@ void LinkCore::disconnect() {
   connection_->shut_down();
   connection_ = Shared<Connection>();
   while (Call *call = calls_.take_sent()) settle(*call, Outcome::lost);
+  if (state_ == PTZ_KIT_LINK_STATE_READY) fail_waiting();
+}
+
+void LinkCore::fail_waiting() {
   while (Call *call = calls_.take_waiting()) settle(*call, Outcome::not_connected);
 }
 

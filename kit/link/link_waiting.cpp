@@ -11,8 +11,13 @@ namespace ptz_kit {
 void LinkCore::submit(Call &call) {
   call.submitted = true;
   if (call.cancel_requested) return settle(call, Outcome::cancelled);
-  if (state_ != PTZ_KIT_LINK_STATE_READY) return settle(call, Outcome::not_connected);
-  if (!connection_->blocked() && calls_.may_send_at_once(g_get_monotonic_time())) return send(call);
+  const bool is_ready = state_ == PTZ_KIT_LINK_STATE_READY;
+  const bool waits_for_ready = call.body.empty();
+  if (is_ready && waits_for_ready) return settle(call, Outcome::answered);
+  if (state_ == PTZ_KIT_LINK_STATE_DISCONNECTED || is_ready == waits_for_ready) {
+    return settle(call, Outcome::not_connected);
+  }
+  if (is_ready && !connection_->blocked() && calls_.may_send_at_once(g_get_monotonic_time())) return send(call);
   if (!calls_.add_waiting(call)) return settle(call, Outcome::busy);
   send_waiting();  // places of requests that were given up long ago may be free
   wake_sender();
@@ -28,7 +33,7 @@ void LinkCore::wake_sender() const {
 void LinkCore::send(Call &call) { connection_->send(calls_.add_sent(call), call.body); }
 
 void LinkCore::send_waiting() {
-  while (!connection_->blocked()) {
+  while (state_ == PTZ_KIT_LINK_STATE_READY && !connection_->blocked()) {
     Call *call = calls_.take_next(g_get_monotonic_time());
     if (call == nullptr) return;
     send(*call);

@@ -57,6 +57,18 @@ class Links(unittest.TestCase):
         self.assertEqual(self.link.props.protocol_version, 1)
         self.assertTrue(self.link.props.move_capabilities)
 
+    def test_async_wait_ends_when_link_is_ready(self):
+        ready = []
+
+        def on_ready(link, result):
+            ready.append(link.wait_ready_finish(result))
+            self.loop.quit()
+        self.link.open()
+        self.link.wait_ready_async(0, None, on_ready)
+        self.loop.run()
+        self.assertEqual(ready, [True])
+        self.assertEqual(self.link.props.state, PTZKit.LinkState.READY)
+
     def test_blocking_call_returns_reply(self):
         self.link.open()
         self.link.wait_ready(0)
