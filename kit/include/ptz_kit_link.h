@@ -75,14 +75,17 @@ PTZ_KIT_API GType ptz_kit_link_state_get_type (void);
  *
  * Requests are sent with the functions of ptz_kit_link_calls.h, or with ptz_kit_link_call() for any body. Each has a
  * deadline and may be cancelled; a reply that comes later is dropped. At most #PTZKitLink:max-pending requests are at the
- * driver at once; up to 1024 more wait in the order of the calls. If the driver goes, all requests fail at once. A request
- * that was given up counts as pending until its reply comes, at most ten seconds.
+ * driver at once; up to 1024 more wait in the order of the calls, and any further one fails with `PTZ_KIT_ERROR_BUSY`. The
+ * link does not tell callers apart: if one of them makes many calls at once, the calls of the others wait behind them, or
+ * are busy, too. If the driver goes, all requests fail at once. A request that was given up counts as pending until its
+ * reply comes, at most ten seconds.
  *
  * Threads: a link connects, keeps its timers and emits its signals on the main context that is the thread-default one
  * when ptz_kit_link_open() is called, so a thread must run that context. Every function may be called in any thread. The
  * callback of an asynchronous call runs in the thread-default main context of its caller, never before the call returns.
  * A blocking call needs no running main context once the link is ready; its thread reads the reply itself. In the thread
- * that runs the link's main context it works, too, but blocks everything else there.
+ * that runs the link's main context it works, too, but blocks everything else there. In a forked child a link may be
+ * dropped, and nothing else; the parent keeps the connection.
  *
  * Nothing is polled: a link that waits for a driver has one timer, a connected one none but those of deadlines.
  *
@@ -378,7 +381,9 @@ PTZ_KIT_API GBytes *ptz_kit_link_call_finish (PTZKitLink *link, GAsyncResult *re
  *   this command
  * - `G_IO_ERROR_CANCELLED`: the driver may have obeyed, too
  *
- * The values of a request are not checked here, but by the driver.
+ * The values of a request are not checked here, but by the driver. Nor are those of a reply: an enumeration of a newer
+ * driver may have a value that this release does not know, and limits are the driver's own. A typed reply has the length
+ * and the texts that its command describes; check a value before it is used as an index.
  *
  * Thread: any.
  *
