@@ -1,9 +1,9 @@
 // kit/link/call_table.h - which requests are at the driver, and which wait for their turn.
 //
-// At most `limit` requests are at the driver. The others wait in the order in which they came, so that no call is passed
-// by another; callers are not told apart. A request that its caller has given up stays in its place until the driver
-// answers it, so that a driver that has stopped is not sent more and more requests; after ten seconds the place is free
-// again, because there are drivers that do not answer at all what they do not know.
+// At most `limit` requests are at the driver. The others wait in the order in which they came, so that no call is
+// passed by another; callers are not told apart. A request that its caller has given up stays in its place until the
+// driver answers it, so that a driver that has stopped is not sent more and more requests; after ten seconds the place
+// is free again, because there are drivers that do not answer at all what they do not know.
 #pragma once
 #include "link/call.h"
 

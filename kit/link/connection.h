@@ -32,8 +32,8 @@ class Connection {
   // Not while blocked. A failure shows as a hang-up of the descriptor.
   void send(guint32 id, std::span<const guint8> body);
   void flush();
-  // Wakes a thread that is polling the descriptor; the peer sees the end of the connection. No effect in a forked child,
-  // which shares the socket with its parent.
+  // Wakes a thread that is polling the descriptor; the peer sees the end of the connection. No effect in a forked
+  // child, which shares the socket with its parent.
   void shut_down();
 
   // Reads once. False at the end of the connection and for a malformed frame. The handler is called for each frame as

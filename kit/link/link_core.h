@@ -106,7 +106,7 @@ class LinkCore {
   guint retry_ms_ = 0;
   gint64 ready_since_us_ = 0;
 
-  CallTable calls_;  // before the link is ready, those that wait are the ones without a body
+  CallTable calls_;                  // before the link is ready, those that wait are the ones without a body
   guint later_calls_ = 0;            // that are neither settled nor refused
   gint64 next_deadline_us_ = 0;      // not after the first deadline of those
   CallList ended_;                   // asynchronous calls whose callbacks are to run when the lock is free
