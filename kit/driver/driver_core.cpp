@@ -104,10 +104,7 @@ void DriverCore::stop() {
 
 void DriverCore::stop_serving() {
   serving_ = false;
-  while (pending_->len > 0) {
-    expire(static_cast<PTZKitReply *>(g_ptr_array_index(pending_.get(), 0)), "the driver ends");
-  }
-  deadline_timer_.stop();
+  pending_.expire_all();
   publish_timer_.stop();
   publish_rate_ = 0;
   if (end_source_ != 0) g_source_remove(end_source_);
@@ -126,15 +123,13 @@ gboolean DriverCore::on_request(gpointer core, gpointer reply_context, gpointer 
   // Until the reply is sent: a server that has lost its path goes when it has no client.
   g_object_ref(static_cast<const PTZSocketServerCommandReplyContext *>(reply_context)->server);
   const Object<PTZKitReply> reply(make_reply(self, request));
-  g_ptr_array_add(self.pending_.get(), reply.get());
+  self.pending_.add(reply.get());
   dispatch(self, body, reply.get());
-  // A virtual function that has thrown, in a language that can, has done neither.
-  if (!is_deferred(reply.get())) {
+  if (is_deferred(reply.get())) {
+    if (self.reply_deadline_ms > 0) self.pending_.set_deadline(reply.get(), self.reply_deadline_ms);
+  } else {
+    // A virtual function that has thrown, in a language that can, has done neither.
     fail(reply.get(), "it was neither answered nor deferred");
-  } else if (self.reply_deadline_ms > 0) {
-    const gint64 now_us = g_get_monotonic_time();
-    set_due(reply.get(), now_us + gint64{1000} * self.reply_deadline_ms);
-    self.watch_deadlines(now_us);
   }
   return TRUE;
 }
@@ -156,51 +151,14 @@ Bytes DriverCore::answer(std::span<const guint8> body) {
   const Object<PTZKitDriver> alive(static_cast<PTZKitDriver *>(g_object_ref(object)));
   const Object<PTZKitReply> reply(make_reply(capture, request));
   dispatch(*this, body, reply.get());
-  if (is_deferred(reply.get())) {
-    expire(reply.get(), "the answer was deferred");
-  } else {
-    fail(reply.get(), "it was neither answered nor deferred");
-  }
+  if (!is_deferred(reply.get())) fail(reply.get(), "it was neither answered nor deferred");
+  expire(reply.get(), "the answer was deferred");  // unless it is delivered
   return std::move(capture.body);
-}
-
-void DriverCore::expire_due(gint64 now_us) {
-  for (guint i = 0; i < pending_->len;) {
-    auto *reply = static_cast<PTZKitReply *>(g_ptr_array_index(pending_.get(), i));
-    if (due_of(reply) > now_us) {
-      ++i;
-      continue;
-    }
-    const char *label = ptz_kit_command_name(request_of(reply).command);
-    syslog(LOG_ERR, "the request \"%s\" failed: its deferred reply was not given in time",
-           label != nullptr ? label : "unknown");
-    expire(reply, "the driver has not answered in time");  // which takes it out of the list
-  }
-}
-
-void DriverCore::watch_deadlines(gint64 now_us) {
-  gint64 due_us = G_MAXINT64;
-  for (guint i = 0; i < pending_->len; ++i) {
-    due_us = std::min(due_us, due_of(static_cast<PTZKitReply *>(g_ptr_array_index(pending_.get(), i))));
-  }
-  if (due_us == G_MAXINT64) return deadline_timer_.stop();
-  const gint64 left_ms = (std::max(due_us - now_us, gint64{0}) + 999) / 1000;
-  deadline_timer_.start(static_cast<guint>(std::min(left_ms, gint64{G_MAXINT32})), on_deadline, this);
-}
-
-gboolean DriverCore::on_deadline(gpointer core) {
-  auto &self = *static_cast<DriverCore *>(core);
-  const Object<PTZKitDriver> alive(static_cast<PTZKitDriver *>(g_object_ref(self.object)));
-  const gint64 now_us = g_get_monotonic_time();
-  self.deadline_timer_.ended();
-  self.expire_due(now_us);
-  self.watch_deadlines(now_us);
-  return G_SOURCE_REMOVE;
 }
 
 void DriverCore::deliver(PTZKitReply *reply, std::span<const guint8> body) {
   const Request &request = request_of(reply);
-  g_ptr_array_remove(pending_.get(), reply);
+  pending_.remove(reply);
   const bool refused = is_refusal(body);
   follow_orders(request.command, refused);
   if (verbose) log_request(request.command, body);
@@ -210,6 +168,7 @@ void DriverCore::deliver(PTZKitReply *reply, std::span<const guint8> body) {
   sender_.send(request.context, request.pid, body);
   if (!status_) return;
   status_->request_ends(request.serial);
+  if (!serving_) return;
   status_->publish(axes, going_to_preset);
 }
 

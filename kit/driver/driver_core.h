@@ -1,9 +1,8 @@
 // kit/driver/driver_core.h - the private state of a PTZKitDriver.
 //
 // Everything runs in the default main context's thread. A request arrives in on_request(), which makes its reply object
-// and hands both to dispatch() (dispatch.cpp); answers come back through deliver(), at once or later. `pending` holds
-// the replies that have no answer yet: stop() answers them before the server goes, because a reply's context belongs to
-// the server. A deferred one that passes its deadline is answered, too.
+// and hands both to dispatch() (dispatch.cpp); answers come back through deliver(), at once or later. stop() answers
+// the replies that are pending before the server goes, because a reply's context belongs to the server.
 #pragma once
 #include <ptz_kit_body.h>
 #include <ptz_kit_driver.h>
@@ -16,6 +15,7 @@
 
 #include "driver/axes.h"
 #include "driver/listener.h"
+#include "driver/pending_replies.h"
 #include "driver/preset_store.h"
 #include "driver/published_status.h"
 #include "driver/reply.h"
@@ -35,13 +35,11 @@ struct Capabilities {
 };
 
 class DriverCore final : public ReplyTarget {
-  // Of PTZKitReply, the oldest first. Borrowed: a reply removes itself when it is answered, at the latest when it goes.
-  PointerArray pending_{g_ptr_array_new()};
+  PendingReplies pending_;
   ReplySender sender_;
   Registration registration_;
   Listener listener_{registration_, on_request, this};
   std::unique_ptr<PublishedStatus> status_;
-  Timer deadline_timer_;  // runs while a deferred reply has a deadline
   Timer publish_timer_;
   gint32 publish_rate_ = 0;
   guint end_source_ = 0;
@@ -50,9 +48,6 @@ class DriverCore final : public ReplyTarget {
 
   static gboolean on_request(gpointer core, gpointer reply_context, gpointer data, guint32 length);
   static gboolean on_publish(gpointer core);
-  static gboolean on_deadline(gpointer core);
-  void expire_due(gint64 now_us);
-  void watch_deadlines(gint64 now_us);
   static gboolean on_end(gpointer core);
   void log_request(gint32 command, std::span<const guint8> body) const;
   void follow_orders(gint32 command, bool refused);

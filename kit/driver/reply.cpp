@@ -6,6 +6,8 @@
 
 #include <cstdarg>
 #include <cstring>
+#include <memory>
+#include <utility>
 
 #include "handles.h"
 #include "protocol/message_codec.h"
@@ -13,29 +15,31 @@
 using namespace ptz_kit;
 
 namespace {
-enum class State : guint8 { open, deferred, answered, expired };
-}
+constexpr char internal_error[] = "the driver failed; its log says why";
+enum State : gint { unanswered, deferred, answered, expired };
+}  // namespace
 
-// Main context only. A reply leaves `open` or `deferred` once: to `answered` by an answer, to `expired` when its driver
-// stops or its deadline passes. The context belongs to the server until the answer is sent, so a reply never outlives
-// it unanswered.
+// A reply leaves `unanswered` or `deferred` once, in any thread: to `answered` by an answer, to `expired` when its
+// driver stops or its deadline passes. Its answer is delivered in the thread that made it, the one of the default main
+// context: from another thread it goes there through an idle source. The context of the request belongs to the server
+// until then, so a reply never outlives it undelivered.
 struct _PTZKitReply {
   GObject parent_instance;
-  ReplyTarget *target;
-  Request request;
-  gint64 due_us;
-  State state;
+  GThread *thread;      // that made it
+  ReplyTarget *target;  // null once the answer is delivered; that thread only
+  Request request;      // does not change
+  gint64 due_us;        // that thread only
+  gint state;           // a State, atomic
 };
 struct _PTZKitReplyClass {
   GObjectClass parent_class;
 };
-G_DEFINE_TYPE(PTZKitReply, ptz_kit_reply, G_TYPE_OBJECT)
+G_DEFINE_FINAL_TYPE(PTZKitReply, ptz_kit_reply, G_TYPE_OBJECT)
 
 namespace {
 
-constexpr char internal_error[] = "the driver failed; its log says why";
-
-bool is_pending(const PTZKitReply *self) { return self->state == State::open || self->state == State::deferred; }
+bool is_in_state(PTZKitReply *self, State state) { return g_atomic_int_get(&self->state) == state; }
+bool is_pending(PTZKitReply *self) { return is_in_state(self, unanswered) || is_in_state(self, deferred); }
 
 const char *name_of(const PTZKitReply *self) {
   const gchar *name = ptz_kit_command_name(self->request.command);
@@ -43,35 +47,88 @@ const char *name_of(const PTZKitReply *self) {
 }
 
 // An expired reply has been answered by the driver, so its owner has made no mistake.
-bool may_answer(const PTZKitReply *self) {
-  if (self->state == State::answered) g_critical("the request \"%s\" was answered before", name_of(self));
+bool may_answer(PTZKitReply *self) {
+  if (is_in_state(self, answered)) g_critical("the request \"%s\" was answered before", name_of(self));
   return is_pending(self);
 }
 
+// Only one of several threads that answer succeeds.
+bool leave_pending(PTZKitReply *self, State state) {
+  return g_atomic_int_compare_and_exchange(&self->state, unanswered, state) != FALSE ||
+         g_atomic_int_compare_and_exchange(&self->state, deferred, state) != FALSE;
+}
+
+void hand_over(PTZKitReply *self, std::span<const guint8> body) {
+  ReplyTarget *target = std::exchange(self->target, nullptr);
+  if (target != nullptr) target->deliver(self, body);
+}
+
+// Calls the function in the thread of the default main context. The reply lives until then.
+void call_in_main_context(PTZKitReply *self, GBytes *body, void (*function)(PTZKitReply *, GBytes *)) {
+  struct Call {
+    Object<PTZKitReply> reply;
+    Bytes body;
+    void (*function)(PTZKitReply *, GBytes *);
+  };
+  auto *call = new Call{Object<PTZKitReply>(PTZ_KIT_REPLY(g_object_ref(self))), Bytes(body), function};
+  const auto run = [](gpointer data) -> gboolean {
+    const std::unique_ptr<Call> owned(static_cast<Call *>(data));
+    owned->function(owned->reply.get(), owned->body.get());
+    return G_SOURCE_REMOVE;
+  };
+  g_idle_add_full(G_PRIORITY_DEFAULT, run, call, nullptr);
+}
+
 void deliver(PTZKitReply *self, State state, std::span<const guint8> body) {
-  self->state = state;
-  self->target->deliver(self, body);
+  if (!leave_pending(self, state)) {
+    may_answer(self);
+  } else if (g_thread_self() == self->thread) {
+    hand_over(self, body);
+  } else {
+    call_in_main_context(self, g_bytes_new(body.data(), body.size()), [](PTZKitReply *reply, GBytes *bytes) {
+      gsize length = 0;
+      const auto *data = static_cast<const guint8 *>(g_bytes_get_data(bytes, &length));
+      hand_over(reply, {data, length});
+    });
+  }
 }
 
 std::span<const guint8> bytes_of(const GArray *body) {
   return {reinterpret_cast<const guint8 *>(body->data), body->len};
 }
 
-void deliver_error(PTZKitReply *self, State state, PTZKitErrorCode code, const gchar *text) {
+Array error_body(PTZKitErrorCode code, const gchar *text) {
   constexpr gsize longest_text = PTZ_SOCKET_BODY_MAX - 2 * sizeof(guint32) - sizeof(guint16);
   Text valid(g_utf8_make_valid(text, -1));
   if (strlen(valid.get()) > longest_text) *g_utf8_find_prev_char(valid.get(), valid.get() + longest_text + 1) = '\0';
   const PTZKitErrorReply message = {static_cast<guint32>(code), valid.get()};
-  const Array body(ptz_serialize_create_array());
-  if (ptz_kit_error_reply_write(&message, body.get(), nullptr) != FALSE) deliver(self, state, bytes_of(body.get()));
+  Array body(ptz_serialize_create_array());
+  ptz_kit_error_reply_write(&message, body.get(), nullptr);
+  return body;
 }
+
+void deliver_error(PTZKitReply *self, PTZKitErrorCode code, const gchar *text) {
+  deliver(self, answered, bytes_of(error_body(code, text).get()));
+}
+
+constexpr char dropped[] = "it was dropped without an answer";
 
 }  // namespace
 
-static void ptz_kit_reply_init(PTZKitReply *self) { self->due_us = G_MAXINT64; }
+static void ptz_kit_reply_init(PTZKitReply *self) {
+  self->thread = g_thread_self();
+  self->due_us = G_MAXINT64;
+}
 
+// The driver still knows the object. So the last reference of another thread goes to the main context, which forgets
+// it first.
 static void ptz_kit_reply_dispose(GObject *object) {
-  ptz_kit::fail(PTZ_KIT_REPLY(object), "it was dropped without an answer");
+  PTZKitReply *self = PTZ_KIT_REPLY(object);
+  if (g_thread_self() == self->thread) {
+    fail(self, dropped);
+  } else {
+    call_in_main_context(self, nullptr, [](PTZKitReply *reply, GBytes *) { fail(reply, dropped); });
+  }
   G_OBJECT_CLASS(ptz_kit_reply_parent_class)->dispose(object);
 }
 
@@ -90,7 +147,7 @@ PTZKitReply *make_reply(ReplyTarget &target, const Request &request) {
 
 const Request &request_of(PTZKitReply *reply) { return reply->request; }
 
-bool is_deferred(PTZKitReply *reply) { return reply->state == State::deferred; }
+bool is_deferred(PTZKitReply *reply) { return is_in_state(reply, deferred); }
 
 void answer(PTZKitReply *reply, gint32 command, gconstpointer message) {
   g_return_if_fail(PTZ_KIT_IS_REPLY(reply));
@@ -104,17 +161,18 @@ void answer(PTZKitReply *reply, gint32 command, gconstpointer message) {
   const Array body(ptz_serialize_create_array());
   Error error;
   if (write_message(layout, message, body.get(), out(error)) == FALSE) return fail(reply, error->message);
-  deliver(reply, State::answered, bytes_of(body.get()));
+  deliver(reply, answered, bytes_of(body.get()));
 }
 
 void fail(PTZKitReply *reply, const char *reason) {
   if (!is_pending(reply)) return;
   syslog(LOG_ERR, "the request \"%s\" failed: %s", name_of(reply), reason);
-  deliver_error(reply, State::answered, PTZ_KIT_ERROR_CODE_INTERNAL, internal_error);
+  deliver_error(reply, PTZ_KIT_ERROR_CODE_INTERNAL, internal_error);
 }
 
 void expire(PTZKitReply *reply, const char *text) {
-  if (is_pending(reply)) deliver_error(reply, State::expired, PTZ_KIT_ERROR_CODE_INTERNAL, text);
+  leave_pending(reply, expired);
+  if (reply->target != nullptr) hand_over(reply, bytes_of(error_body(PTZ_KIT_ERROR_CODE_INTERNAL, text).get()));
 }
 
 void set_due(PTZKitReply *reply, gint64 due_us) { reply->due_us = due_us; }
@@ -144,7 +202,7 @@ gboolean ptz_kit_reply_is_answered(PTZKitReply *self) {
 
 void ptz_kit_reply_defer(PTZKitReply *self) {
   g_return_if_fail(PTZ_KIT_IS_REPLY(self));
-  if (may_answer(self)) self->state = State::deferred;
+  if (may_answer(self)) g_atomic_int_compare_and_exchange(&self->state, unanswered, deferred);
 }
 
 void ptz_kit_reply_ok(PTZKitReply *self) {
@@ -157,7 +215,7 @@ void ptz_kit_reply_ok(PTZKitReply *self) {
   }
   const Array body(ptz_serialize_create_array());
   ptz_serialize_32bit(body.get(), static_cast<guint32>(self->request.command));
-  deliver(self, State::answered, bytes_of(body.get()));
+  deliver(self, answered, bytes_of(body.get()));
 }
 
 void ptz_kit_reply_error(PTZKitReply *self, PTZKitErrorCode code, const gchar *format, ...) {
@@ -171,7 +229,7 @@ void ptz_kit_reply_error(PTZKitReply *self, PTZKitErrorCode code, const gchar *f
 void ptz_kit_reply_error_literal(PTZKitReply *self, PTZKitErrorCode code, const gchar *text) {
   g_return_if_fail(PTZ_KIT_IS_REPLY(self));
   g_return_if_fail(text != NULL);
-  if (may_answer(self)) deliver_error(self, State::answered, code, text);
+  if (may_answer(self)) deliver_error(self, code, text);
 }
 
 void ptz_kit_reply_send_bytes(PTZKitReply *self, GBytes *body) {
@@ -180,5 +238,5 @@ void ptz_kit_reply_send_bytes(PTZKitReply *self, GBytes *body) {
   gsize length = 0;
   const auto *data = static_cast<const guint8 *>(g_bytes_get_data(body, &length));
   g_return_if_fail(length >= sizeof(guint32) && length <= PTZ_SOCKET_BODY_MAX);
-  if (may_answer(self)) deliver(self, State::answered, {data, length});
+  if (may_answer(self)) deliver(self, answered, {data, length});
 }

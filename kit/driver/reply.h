@@ -8,7 +8,7 @@
 
 namespace ptz_kit {
 
-// Sends what a reply is answered with.
+// Sends what a reply is answered with. Main context.
 class ReplyTarget {
  public:
   virtual void deliver(PTZKitReply *reply, std::span<const guint8> body) = 0;
@@ -36,7 +36,7 @@ void answer(PTZKitReply *reply, gint32 command, gconstpointer message);
 // Answers with error 7 and logs the reason, unless the request is answered.
 void fail(PTZKitReply *reply, const char *reason);
 
-// Answers with error 7. Later answers have no effect.
+// Answers with error 7, unless the answer is delivered. Later answers have no effect.
 void expire(PTZKitReply *reply, const char *text);
 
 // When the driver expires a deferred reply, on the monotonic clock; G_MAXINT64 if never, which it is at first.

@@ -19,10 +19,18 @@ G_BEGIN_DECLS
  * virtual function returned. A second answer is a critical warning and has no effect.
  *
  * A request that is neither answered nor deferred when the virtual function returns is answered with the error
- * `PTZ_KIT_ERROR_CODE_INTERNAL`, which the log tells. A Python exception therefore cannot leave a client waiting. A
- * deferred reply whose last reference is dropped without an answer is answered with the same error. When the driver
- * stops, all pending replies are answered with it, and so is a deferred one at its deadline
+ * `PTZ_KIT_ERROR_CODE_INTERNAL`, which the log tells. A Python exception before ptz_kit_reply_defer() therefore cannot
+ * leave a client waiting. A deferred reply whose last reference is dropped without an answer is answered with the same
+ * error. When the driver stops, all pending replies are answered with it, and so is a deferred one at its deadline
  * (#PTZKitDriver:reply-deadline); a later answer then has no effect.
+ *
+ * A Python exception after ptz_kit_reply_defer() does not drop the reply: the interpreter keeps the last traceback, and
+ * with it the variables of the function. The client then has its answer at the deadline, by default after 30 seconds.
+ * Catch the exception and answer.
+ *
+ * A driver that waits for its device in another thread defers the reply first and then passes it to that thread. The
+ * reply may be answered, and its last reference dropped, in any thread; the default main context sends the answer.
+ * A client that has gone does not end the reply.
  *
  * For each command with fields in its reply there is a function that answers with them, such as
  * ptz_kit_reply_query_position() (see ptz_kit_replies.h). ptz_kit_reply_ok() answers the other commands.
@@ -45,7 +53,7 @@ PTZ_KIT_API GType ptz_kit_reply_get_type (void);
  * ptz_kit_reply_get_command:
  * @self: a reply
  *
- * Thread: the one of the default main context.
+ * Thread: any.
  *
  * Since: 0.1
  *
@@ -57,7 +65,7 @@ PTZ_KIT_API gint32 ptz_kit_reply_get_command (PTZKitReply *self);
  * ptz_kit_reply_get_peer_pid:
  * @self: a reply
  *
- * Thread: the one of the default main context.
+ * Thread: any.
  *
  * Since: 0.1
  *
@@ -69,7 +77,7 @@ PTZ_KIT_API gint64 ptz_kit_reply_get_peer_pid (PTZKitReply *self);
  * ptz_kit_reply_get_peer_uid:
  * @self: a reply
  *
- * Thread: the one of the default main context.
+ * Thread: any.
  *
  * Since: 0.1
  *
@@ -81,7 +89,7 @@ PTZ_KIT_API gint64 ptz_kit_reply_get_peer_uid (PTZKitReply *self);
  * ptz_kit_reply_is_answered:
  * @self: a reply
  *
- * Thread: the one of the default main context.
+ * Thread: any.
  *
  * Since: 0.1
  *
@@ -95,7 +103,7 @@ PTZ_KIT_API gboolean ptz_kit_reply_is_answered (PTZKitReply *self);
  *
  * States that the answer is sent after the virtual function has returned. The caller keeps a reference until then.
  *
- * Thread: the one of the default main context.
+ * Thread: the one of the default main context, before another thread has the reply.
  *
  * Since: 0.1
  */
@@ -107,7 +115,7 @@ PTZ_KIT_API void ptz_kit_reply_defer (PTZKitReply *self);
  *
  * Answers that the request was carried out, or has begun to be.
  *
- * Thread: the one of the default main context.
+ * Thread: any.
  *
  * Since: 0.1
  */
@@ -122,7 +130,7 @@ PTZ_KIT_API void ptz_kit_reply_ok (PTZKitReply *self);
  *
  * Answers that the request has changed nothing. A text that is too long for a body is cut.
  *
- * Thread: the one of the default main context.
+ * Thread: any.
  *
  * Since: 0.1
  */
@@ -137,7 +145,7 @@ PTZ_KIT_API void ptz_kit_reply_error (PTZKitReply *self, PTZKitErrorCode code, c
  *
  * As ptz_kit_reply_error(), with a text that is no format.
  *
- * Thread: the one of the default main context.
+ * Thread: any.
  *
  * Since: 0.1
  */
@@ -150,7 +158,7 @@ PTZ_KIT_API void ptz_kit_reply_error_literal (PTZKitReply *self, PTZKitErrorCode
  *
  * Answers with a body that the driver has written itself.
  *
- * Thread: the one of the default main context.
+ * Thread: any.
  *
  * Since: 0.1
  */

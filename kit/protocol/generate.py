@@ -386,7 +386,7 @@ def make_reply_header(protocol):
  * Answers the request. If @answer cannot be written, the log says why and the request is answered with
  * `PTZ_KIT_ERROR_CODE_INTERNAL`.
  *
- * Thread: the one of the default main context.
+ * Thread: any.
  *
  * Since: 0.1
  */

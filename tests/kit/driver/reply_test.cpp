@@ -204,6 +204,76 @@ TEST_F(KitReply, VirtualFunctionMayDropLastReferenceOfItsDriver) {
   EXPECT_FALSE(ptz_test::connect_to(path_));
 }
 
+// Runs the function in a thread of its own, to its end.
+template <typename Function>
+void run_in_thread(Function function) {
+  const auto call = [](gpointer data) -> gpointer {
+    (*static_cast<Function *>(data))();
+    return nullptr;
+  };
+  g_thread_join(g_thread_new("worker", call, &function));
+}
+
+TEST_F(KitReply, DroppedInAnotherThreadIsError7FromMainContext) {
+  start();
+  ask_later();
+  run_in_thread([this] { g_clear_object(&driver_->deferred); });
+  EXPECT_FALSE(ptz_test::is_readable(client_.get()));
+  EXPECT_TRUE(is_error(text_of(receive()), PTZ_KIT_ERROR_CODE_INTERNAL));
+  EXPECT_TRUE(light_is_answered());
+}
+
+TEST_F(KitReply, AnsweredInAnotherThreadIsSentFromMainContext) {
+  start();
+  ask_later();
+  run_in_thread([this] {
+    ptz_kit_reply_error(driver_->deferred, PTZ_KIT_ERROR_CODE_DEVICE, "after %d s", 3);
+    EXPECT_TRUE(ptz_kit_reply_is_answered(driver_->deferred));
+    g_clear_object(&driver_->deferred);
+  });
+  EXPECT_FALSE(ptz_test::is_readable(client_.get()));
+  EXPECT_EQ(text_of(receive()), "{'command': <'error'>, 'code': <uint32 8>, 'text': <'after 3 s'>}");
+  EXPECT_TRUE(light_is_answered());
+}
+
+TEST_F(KitReply, AnswerOnItsWayFromAnotherThreadWhenDriverStopsIsError7) {
+  start();
+  ask_later();
+  run_in_thread([this] {
+    ptz_kit_reply_error_literal(driver_->deferred, PTZ_KIT_ERROR_CODE_DEVICE, "too late");
+    g_clear_object(&driver_->deferred);
+  });
+  ptz_kit_driver_stop(kit());
+  EXPECT_TRUE(is_error(text_of(receive()), PTZ_KIT_ERROR_CODE_INTERNAL));
+  ptz_test::run_pending();
+}
+
+TEST_F(KitReply, RepliesDroppedInFourThreadsAreAllAnswered) {
+  start();
+  constexpr int workers = 4;
+  constexpr int rounds = 200;
+  GAsyncQueue *queue = g_async_queue_new();
+  const auto drop = [](gpointer replies) -> gpointer {
+    for (int count = 0; count < rounds; ++count) g_object_unref(g_async_queue_pop(static_cast<GAsyncQueue *>(replies)));
+    return nullptr;
+  };
+  GThread *threads[workers];
+  for (GThread *&thread : threads) thread = g_thread_new("worker", drop, queue);
+  int answers = 0;
+  for (int count = 0; count < workers * rounds; ++count) {
+    ask_later();
+    g_async_queue_push(queue, g_steal_pointer(&driver_->deferred));
+    for (; ptz_test::is_readable(client_.get()); ++answers) ASSERT_TRUE(ptz_test::receive_frame(client_.get()));
+  }
+  for (GThread *thread : threads) g_thread_join(thread);
+  g_async_queue_unref(queue);
+  const auto count_answers = [&] {
+    for (; ptz_test::is_readable(client_.get()); ++answers) EXPECT_TRUE(ptz_test::receive_frame(client_.get()));
+    return answers == workers * rounds;
+  };
+  EXPECT_TRUE(ptz_test::run_until(count_answers)) << answers;
+}
+
 TEST_F(KitReply, BytesAreSentAsTheyAre) {
   start();
   ask_later();
