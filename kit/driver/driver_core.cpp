@@ -69,7 +69,7 @@ bool DriverCore::start(GError **error) {
   open_ = true;
   if (keeps_presets() && !preset_file.empty()) presets.open(preset_file);
   // A client that can ask the driver finds its status.
-  if (instance > 0) status_ = std::make_unique<PublishedStatus>(instance, axes);
+  if (instance > 0) status_ = std::make_unique<PublishedStatus>(instance, axes, flags);
   if (!socket_path.empty() && !listener_.start(socket_path, error)) {
     stop();
     return false;
@@ -191,7 +191,7 @@ void DriverCore::follow_orders(gint32 command, bool refused) {
   switch (command) {
     case PTZ_COMMAND_GOTO_PRESET:
     case PTZ_COMMAND_GOTO_DEVICE_PRESET:
-      going_to_preset = true;
+      going_to_preset = any_moving(axes);
       break;
     case PTZ_COMMAND_MOVE:
     case PTZ_COMMAND_MOVE_COMMAND:
@@ -233,6 +233,8 @@ void DriverCore::report(PTZKitAxis axis, gint32 position, bool moving) {
 }
 
 void DriverCore::report_flag(PTZSCParam flag, bool on) {
+  const guint32 bit = PublishedStatus::flag_bit(flag);
+  flags = on ? flags | bit : flags & ~bit;
   if (status_) status_->set_flag(flag, on);
 }
 

@@ -71,6 +71,7 @@ class DriverCore final : public ReplyTarget {
   PresetStore presets;
   Capabilities added, removed;
   bool going_to_preset = false;
+  guint32 flags = 0;  // those that are on, by PublishedStatus::flag_bit()
 
   [[nodiscard]] const PTZKitDriverClass &slots() const { return *PTZ_KIT_DRIVER_GET_CLASS(object); }
   [[nodiscard]] bool can_move() const { return slots().move != nullptr && axes_set(axes) != 0; }

@@ -9,6 +9,7 @@ namespace {
 
 constexpr char request_counter[] = "ptzdt_driver_commands_d";
 constexpr guint32 nanoseconds_per_microsecond = 1000;
+constexpr gint64 refresh_interval_us = G_USEC_PER_SEC;
 constexpr gint64 first_delay_us = 250'000;
 constexpr gint64 longest_delay_us = 32'000'000;
 
@@ -105,7 +106,7 @@ bool PublishedStatus::is_flag(PTZSCParam param) {
   return param >= first_flag && param < first_flag + static_cast<gint32>(flag_count);
 }
 
-PublishedStatus::PublishedStatus(guint instance, const Axes &axes)
+PublishedStatus::PublishedStatus(guint instance, const Axes &axes, guint32 flags)
     : driver_(static_cast<gint32>(instance)),
       position_(PTZ_SC_GROUP_POSITION, instance, position_values()),
       various_(PTZ_SC_GROUP_VARIOUS, instance, flag_values()),
@@ -114,11 +115,9 @@ PublishedStatus::PublishedStatus(guint instance, const Axes &axes)
     limits_[0][index] = axes[index].minimum() / axis_params[index].limit_unit;
     limits_[1][index] = axes[index].maximum() / axis_params[index].limit_unit;
   }
-  const gint64 now_us = g_get_monotonic_time();
-  various_.update(now_us);  // flags of an earlier driver no longer hold
-  limit_.update(now_us);
+  for (std::size_t index = 0; index < flag_count; ++index) flags_[index] = static_cast<gint32>(flags >> index & 1);
   for (const char *what : {"req", "move", "reply", "process"}) reset_measurement(what, driver_);
-  log_counter_reset(driver_, request_counter);
+  begin_counter();
   log_time_start_process_timer_driver(driver_);
   publish(axes, false);
 }
@@ -141,11 +140,34 @@ void PublishedStatus::publish(const Axes &axes, bool going_to_preset) {
     published.status = status;
     (axis.moving() ? published.moving_since : published.idle_since) = now;
   }
+  if (now_us >= refresh_us_) refresh(now_us);
   zoom_steps_ = axes[PTZ_KIT_AXIS_ZOOM].position();
   update_rate_ = updates_per_second(moving);
   position_.update(now_us);
   set_flag(PTZ_SC_PARAM_VARIOUS_PT_PRESET_MOVE, going_to_preset && moving);
   measure_move(moving);
+}
+
+void PublishedStatus::begin_counter() {
+  log_counter_reset(driver_, request_counter);
+  if (requests_ != 0) log_counter_update(driver_, request_counter, requests_);
+}
+
+bool PublishedStatus::limits_are_there() const {
+  const Handle<PTZStatusCacheGroup, ptz_status_cache_free_group> group(
+      ptz_status_cache_setup_group(PTZ_SC_GROUP_LIMIT, static_cast<guint>(driver_), 1));
+  gint32 limit = 0;
+  return group && ptz_status_cache_add_param(group.get(), axis_params[0].minimum, &limit) != FALSE &&
+         ptz_status_cache_fetch_group(group.get()) != FALSE;
+}
+
+// Nothing tells whether the counter is there; it comes and goes with the limits.
+void PublishedStatus::refresh(gint64 now_us) {
+  const bool was_there = refresh_us_ == 0 || (limit_.is_published() && limits_are_there());
+  refresh_us_ = now_us + refresh_interval_us;
+  various_.update(now_us);  // the first time, because flags of an earlier driver no longer hold
+  limit_.update(now_us);
+  if (!was_there && limit_.is_published()) begin_counter();
 }
 
 void PublishedStatus::set_flag(PTZSCParam flag, bool on) {

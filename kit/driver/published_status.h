@@ -35,6 +35,7 @@ class StatusGroup {
   // Gives the group default values in the store. The values outlive this object.
   StatusGroup(PTZSCGroup kind, guint instance, std::vector<Value> values);
   void update(gint64 now_us);
+  [[nodiscard]] bool is_published() const { return group_ != nullptr; }  // by the last update
 };
 
 // Lets a measurement pass if the last one is long enough ago. One takes several accesses to the store, as much as
@@ -51,6 +52,9 @@ class MeasurementRate {
   }
 };
 
+// Limits, flags and the counter seldom change, but are published again once a second: the store may have lost them, or
+// may have refused them.
+//
 // Main context.
 class PublishedStatus {
   struct AxisStatus {
@@ -78,12 +82,16 @@ class PublishedStatus {
   guint32 measured_request_ = 0;
   bool measuring_reply_ = false;
   MeasurementRate request_rate_, reply_rate_;
+  gint64 refresh_us_ = 0;
   bool measuring_move_ = false;
 
   std::vector<StatusGroup::Value> position_values();
   std::vector<StatusGroup::Value> flag_values();
   std::vector<StatusGroup::Value> limit_values();
   void measure_move(bool moving);
+  void begin_counter();
+  [[nodiscard]] bool limits_are_there() const;
+  void refresh(gint64 now_us);
 
  public:
   // A reader tells a live driver from a dead one by the time of the last update, so it is published at rest, too.
@@ -94,8 +102,11 @@ class PublishedStatus {
   }
   [[nodiscard]] static bool is_flag(PTZSCParam param);
 
+  // Of the parameter, in the flags that the constructor takes.
+  [[nodiscard]] static guint32 flag_bit(PTZSCParam flag) { return 1U << (flag - first_flag); }
+
   // The instance is also the driver's number in the timing log.
-  PublishedStatus(guint instance, const Axes &axes);
+  PublishedStatus(guint instance, const Axes &axes, guint32 flags);
   PublishedStatus(const PublishedStatus &) = delete;
   ~PublishedStatus();
 

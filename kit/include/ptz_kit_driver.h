@@ -278,6 +278,9 @@ PTZ_KIT_API void ptz_kit_driver_set_axis (PTZKitDriver *self, PTZKitAxis axis, g
  * Reports the state of an axis: after an order was begun, while it moves, and when it has come to rest. This is what the
  * driver answers and publishes. Any number of reports a second may be made.
  *
+ * An axis that moves when a request to go to a preset is answered is published as on its way to a preset, until all
+ * axes are at rest or another order is carried out.
+ *
  * Thread: the one of the default main context.
  *
  * Since: 0.1
@@ -305,7 +308,7 @@ PTZ_KIT_API void ptz_kit_driver_report_speed (PTZKitDriver *self, PTZKitAxis axi
  *   `PTZ_SC_PARAM_VARIOUS_PT_PRESET_MOVE`, which the class sets
  * @on: its state
  *
- * Publishes a flag of the status.
+ * Publishes a flag of the status. A flag that is reported before the driver listens is published when it does.
  *
  * Thread: the one of the default main context.
  *

@@ -2,6 +2,7 @@
 #pragma once
 #include <gtest/gtest.h>
 #include <ptz_kit.h>
+#include <unistd.h>
 
 #include <memory>
 #include <string>
@@ -16,6 +17,8 @@ class StatusStore {
 
  public:
   StatusStore() { setenv("PTZ_PLATFORM_RUNTIME_DIR", dir_.path().c_str(), 1); }
+  // False if the store does not have the group.
+  bool remove(const std::string &group) const { return unlink(dir_.file(group + ".status").c_str()) == 0; }
 };
 
 struct VariantDeleter {

@@ -19,6 +19,8 @@ const StatusStore store;
 constexpr guint instance = 1;
 
 bool store_fails = false;
+std::string_view failing_group = "PTZ_POSITION_IS1";
+constexpr char counter[] = "ptzdt_driver_commands_d1";
 int failed_updates = 0;
 std::vector<std::string> *measurements = nullptr;
 
@@ -29,7 +31,7 @@ void note(const char *what) {
 }  // namespace
 
 INTERPOSE(gint, status_store_set_group, (const gchar *name, StatusStoreParam **params, gint mode)) {
-  if (!store_fails || std::string_view(name) != "PTZ_POSITION_IS1") {
+  if (!store_fails || name != failing_group) {
     return REAL(status_store_set_group)(name, params, mode);
   }
   ++failed_updates;
@@ -82,6 +84,12 @@ Published published() {
   fetch(PTZ_SC_GROUP_VARIOUS, {{PTZ_SC_PARAM_VARIOUS_PT_PRESET_MOVE, &now.preset_move},
                                {PTZ_SC_PARAM_VARIOUS_IR_CUT_FILTER, &now.ir_cut_filter}});
   return now;
+}
+
+gint32 max_tilt() {
+  gint32 maximum = 0;
+  fetch(PTZ_SC_GROUP_LIMIT, {{PTZ_SC_PARAM_LIMIT_MAX_TILT, &maximum}});
+  return maximum;
 }
 
 bool is_newer(const PTZStatusCacheTime &time, const PTZStatusCacheTime &than) {
@@ -184,6 +192,13 @@ TEST_F(KitStatus, MotionToPresetIsFlaggedUntilItEnds) {
   EXPECT_EQ(published().preset_move, 0);
 }
 
+TEST_F(KitStatus, MotionAfterPresetWithoutMotionIsNotFlagged) {
+  ask("{'command': <'set_device_preset'>, 'number': <1>, 'name': <'door'>}");
+  go_to_preset();
+  report(1, true);  // by hand
+  EXPECT_EQ(published().preset_move, 0);
+}
+
 TEST_F(KitStatus, MoveEndsFlagOfMotionToPreset) {
   ask("{'command': <'set_device_preset'>, 'number': <1>, 'name': <'door'>}");
   driver_->stays_moving = TRUE;
@@ -195,6 +210,41 @@ TEST_F(KitStatus, MoveEndsFlagOfMotionToPreset) {
 TEST_F(KitStatus, ReportedFlagIsPublished) {
   ptz_kit_driver_report_flag(kit(), PTZ_SC_PARAM_VARIOUS_IR_CUT_FILTER, TRUE);
   EXPECT_EQ(published().ir_cut_filter, 1);
+}
+
+TEST_F(KitStatus, FlagReportedBeforeStartIsPublished) {
+  ptz_kit_driver_stop(kit());
+  ptz_kit_driver_report_flag(kit(), PTZ_SC_PARAM_VARIOUS_IR_CUT_FILTER, TRUE);
+  start();
+  EXPECT_EQ(published().ir_cut_filter, 1);
+}
+
+TEST_F(KitStatus, LimitsFlagsAndCounterAreBackASecondAfterStoreLostThem) {
+  ptz_kit_driver_report_flag(kit(), PTZ_SC_PARAM_VARIOUS_IR_CUT_FILTER, TRUE);
+  ask("{'command': <'query_position'>}");
+  for (const char *group : {"PTZ_POSITION_IS1", "PTZ_VARIOUS_IS1", "PTZ_LIMIT_IS1", counter}) {
+    EXPECT_TRUE(store.remove(group)) << group;
+  }
+  measured_.clear();
+  ptz_test::advance_clock(1'000);
+  EXPECT_TRUE(ptz_test::run_until([&] { return !measured_.empty(); }));
+  EXPECT_EQ(measured_, std::vector<std::string>{"counter 1"});
+  EXPECT_EQ(published().ir_cut_filter, 1);
+  EXPECT_EQ(max_tilt(), 90);
+  EXPECT_TRUE(store.remove(counter));
+}
+
+TEST_F(KitStatus, LimitsThatStoreRefusedAreTriedAgain) {
+  ptz_kit_driver_stop(kit());
+  store.remove("PTZ_LIMIT_IS1");
+  store_fails = true;
+  failing_group = "PTZ_LIMIT_IS1";
+  start();
+  store_fails = false;
+  failing_group = "PTZ_POSITION_IS1";
+  ptz_test::advance_clock(1'000);
+  wait_for_update();
+  EXPECT_EQ(max_tilt(), 90);
 }
 
 TEST_F(KitStatus, RequestIsCountedAndMeasuredAroundItsReply) {
