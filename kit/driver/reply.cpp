@@ -111,6 +111,27 @@ void deliver_error(PTZKitReply *self, PTZKitErrorCode code, const gchar *text) {
   deliver(self, answered, bytes_of(error_body(code, text).get()));
 }
 
+// Whether the body is a reply that the request may have.
+bool is_reply(const PTZKitReply *self, std::span<const guint8> body, Error &error) {
+  gint32 word = 0;
+  ptz_kit_body_get_command(body.data(), body.size(), &word);
+  const Command *command = find_command(self->request.command);
+  if (word == PTZ_COMMAND_ERROR_REPLY) {
+    ptz_kit_error_reply_free(ptz_kit_error_reply_read(body.data(), body.size(), out(error)));
+  } else if (word != self->request.command || command == nullptr) {
+    error.reset(g_error_new(PTZ_KIT_ERROR, PTZ_KIT_ERROR_MALFORMED, "the body is of command %d", word));
+  } else if (command->reply != 0) {
+    const Layout &layout = tables.layouts[command->reply - 1];
+    gpointer message = read_message(layout, body, out(error));
+    const bool valid = message != nullptr && validate_message(layout, message, out(error)) != FALSE;
+    free_message(layout, message);
+    return valid;
+  } else if (body.size() != sizeof word) {
+    error.reset(g_error_new_literal(PTZ_KIT_ERROR, PTZ_KIT_ERROR_MALFORMED, "the reply has no fields"));
+  }
+  return error == nullptr;
+}
+
 constexpr char dropped[] = "it was dropped without an answer";
 
 }  // namespace
@@ -161,6 +182,7 @@ void answer(PTZKitReply *reply, gint32 command, gconstpointer message) {
   const Array body(ptz_serialize_create_array());
   Error error;
   if (write_message(layout, message, body.get(), out(error)) == FALSE) return fail(reply, error->message);
+  if (validate_message(layout, message, out(error)) == FALSE) return fail(reply, error->message);
   deliver(reply, answered, bytes_of(body.get()));
 }
 
@@ -238,5 +260,8 @@ void ptz_kit_reply_send_bytes(PTZKitReply *self, GBytes *body) {
   gsize length = 0;
   const auto *data = static_cast<const guint8 *>(g_bytes_get_data(body, &length));
   g_return_if_fail(length >= sizeof(guint32) && length <= PTZ_SOCKET_BODY_MAX);
-  if (may_answer(self)) deliver(self, answered, {data, length});
+  if (!may_answer(self)) return;
+  Error error;
+  if (!is_reply(self, {data, length}, error)) return fail(self, error->message);
+  deliver(self, answered, {data, length});
 }

@@ -33,7 +33,8 @@ G_BEGIN_DECLS
  * A client that has gone does not end the reply.
  *
  * For each command with fields in its reply there is a function that answers with them, such as
- * ptz_kit_reply_query_position() (see ptz_kit_replies.h). ptz_kit_reply_ok() answers the other commands.
+ * ptz_kit_reply_query_position() (see ptz_kit_replies.h). ptz_kit_reply_ok() answers the other commands. An answer that
+ * the description of the command does not allow, such as a state that is no #PTZEnable, is a failure of the driver, too.
  *
  * Since: 0.1
  */
@@ -156,7 +157,8 @@ PTZ_KIT_API void ptz_kit_reply_error_literal (PTZKitReply *self, PTZKitErrorCode
  * @self: a reply
  * @body: a whole body, command word included, of 4 to `PTZ_SOCKET_BODY_MAX` bytes; borrowed
  *
- * Answers with a body that the driver has written itself.
+ * Answers with a body that the driver has written itself. If it is no reply that the command may have, the log says why
+ * and the request is answered with `PTZ_KIT_ERROR_CODE_INTERNAL`.
  *
  * Thread: any.
  *

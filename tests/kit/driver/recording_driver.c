@@ -73,6 +73,7 @@ auxiliary (PTZKitDriver *self, const PTZKitAuxiliaryRequest *request, PTZKitRepl
 {
   RecordingDriver *driver = (RecordingDriver *) self;
   const PTZKitSetPresetReply wrong = { 1 };
+  const PTZKitAuxiliaryReply bad_state = { request->name, 12345 };
   gchar *text;
 
   if (g_str_equal (request->name, AUXILIARY_LATER)) {
@@ -89,6 +90,10 @@ auxiliary (PTZKitDriver *self, const PTZKitAuxiliaryRequest *request, PTZKitRepl
     ptz_kit_reply_set_preset (reply, &wrong);
   } else if (g_str_equal (request->name, AUXILIARY_OK)) {
     ptz_kit_reply_ok (reply);
+  } else if (g_str_equal (request->name, AUXILIARY_BAD_STATE)) {
+    ptz_kit_reply_auxiliary (reply, &bad_state);
+  } else if (g_str_equal (request->name, AUXILIARY_NO_NAME)) {
+    answer_auxiliary (reply, (gchar *) "");
   } else if (g_str_equal (request->name, AUXILIARY_STOP)) {
     ptz_kit_driver_stop (self);
     answer_auxiliary (reply, request->name);

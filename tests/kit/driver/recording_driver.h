@@ -10,12 +10,14 @@ G_BEGIN_DECLS
 #define AUXILIARY_NEITHER "neither" /* kept in `deferred`, but not deferred */
 #define AUXILIARY_DROP "drop"       /* deferred and dropped */
 #define AUXILIARY_TWICE "twice"
-#define AUXILIARY_WRONG "wrong" /* answered as another command */
-#define AUXILIARY_OK "ok"       /* answered without the fields that the reply has */
-#define AUXILIARY_LONG "long"   /* refused with 10,000 bytes of text */
-#define AUXILIARY_STOP "stop"   /* stops the driver, then answers */
-#define AUXILIARY_UNREF "unref" /* drops the test's reference of the driver, then answers */
-#define AUXILIARY_PEER "peer"   /* refused with the text "PID UID" */
+#define AUXILIARY_WRONG "wrong"         /* answered as another command */
+#define AUXILIARY_OK "ok"               /* answered without the fields that the reply has */
+#define AUXILIARY_BAD_STATE "bad state" /* answered with a state that is none */
+#define AUXILIARY_NO_NAME "no name"     /* answered with an empty name */
+#define AUXILIARY_LONG "long"           /* refused with 10,000 bytes of text */
+#define AUXILIARY_STOP "stop"           /* stops the driver, then answers */
+#define AUXILIARY_UNREF "unref"         /* drops the test's reference of the driver, then answers */
+#define AUXILIARY_PEER "peer"           /* refused with the text "PID UID" */
 
 typedef struct {
   PTZKitDriver parent_instance;

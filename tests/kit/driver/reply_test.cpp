@@ -274,13 +274,43 @@ TEST_F(KitReply, RepliesDroppedInFourThreadsAreAllAnswered) {
   EXPECT_TRUE(ptz_test::run_until(count_answers)) << answers;
 }
 
-TEST_F(KitReply, BytesAreSentAsTheyAre) {
+TEST_F(KitReply, AnswerThatDescriptionDoesNotAllowIsLoggedAndError7) {
   start();
-  ask_later();
-  GBytes *bytes = g_bytes_new_static("\x0a\0\0\0body", 8);
-  ptz_kit_reply_send_bytes(driver_->deferred, bytes);
-  g_bytes_unref(bytes);
-  EXPECT_EQ(receive(), std::string("\x0a\0\0\0body", 8));
+  for (const char *request : {AUXILIARY_BAD_STATE, AUXILIARY_NO_NAME}) {
+    const ptz_test::SyslogCapture log;
+    EXPECT_TRUE(is_error(ask_auxiliary(request), PTZ_KIT_ERROR_CODE_INTERNAL)) << request;
+    EXPECT_EQ(log.containing("the request \"auxiliary\" failed: "), 1U);
+  }
+}
+
+class KitReplyBytes : public KitReply {
+ protected:
+  std::string answer_with(const std::string &body) {
+    ask_later();
+    GBytes *bytes = g_bytes_new(body.data(), body.size());
+    ptz_kit_reply_send_bytes(driver_->deferred, bytes);
+    g_bytes_unref(bytes);
+    g_clear_object(&driver_->deferred);
+    return receive();
+  }
+};
+
+TEST_F(KitReplyBytes, AreSentAsTheyAre) {
+  start();
+  const std::string reply("\x09\0\0\0\4\0lamp\1\0\0\0", 14);
+  EXPECT_EQ(answer_with(reply), reply);
+  const std::string error("\xff\xff\xff\xff\x08\0\0\0\1\0x", 11);
+  EXPECT_EQ(answer_with(error), error);
+}
+
+TEST_F(KitReplyBytes, ThatAreNoReplyToCommandAreLoggedAndError7) {
+  start();
+  for (const std::string &body : {std::string("\x09\0\0\0body", 8), std::string("\x09\0\0\0\4\0lamp\7\0\0\0", 14),
+                                  std::string("\x0a\0\0\0\0\0\0\0", 8), std::string("\xff\xff\xff\xff", 4)}) {
+    const ptz_test::SyslogCapture log;
+    EXPECT_TRUE(is_error(text_of(answer_with(body)), PTZ_KIT_ERROR_CODE_INTERNAL));
+    EXPECT_EQ(log.containing("the request \"auxiliary\" failed: "), 1U);
+  }
 }
 
 }  // namespace
