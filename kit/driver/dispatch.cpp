@@ -12,38 +12,30 @@ enum class Available : guint8 { never, always, if_it_moves, if_it_keeps_presets 
 // Without pointers, so that the table needs no relocation.
 struct Route {
   PTZCommand command;
-  guint16 slot;              // offset in the class; 0 if only the class answers
-  Available available;       // if the slot is empty
-  Capabilities needed = {};  // without which the command is not served
+  guint16 slot;         // offset in the class; 0 if only the class answers
+  Available available;  // if the slot is empty
 };
 
 #define SLOT(name) static_cast<guint16>(G_STRUCT_OFFSET(PTZKitDriverClass, name))
-constexpr Capabilities driver_preset = {0, PTZ_DRIVER_EXTRA_CAPABILITIES_DRIVERPRESET};
-constexpr Capabilities device_preset = {0, PTZ_DRIVER_EXTRA_CAPABILITIES_DEVICEPRESET};
-constexpr Capabilities auxiliary = {0, PTZ_DRIVER_EXTRA_CAPABILITIES_AUX};
-constexpr Capabilities osd_menu = {0, PTZ_DRIVER_EXTRA_CAPABILITIES_OSDMENU};
-constexpr Capabilities area_zoom = {0, PTZ_DRIVER_EXTRA_CAPABILITIES_AREAZOOM};
-constexpr Capabilities digital_zoom = {PTZ_DRIVER_MOVE_CAPABILITIES_DIGITALZOOM, 0};
-
 constexpr Route routes[] = {
-    {PTZ_COMMAND_SET_PRESET, SLOT(set_preset), Available::if_it_keeps_presets, driver_preset},
-    {PTZ_COMMAND_SET_DEVICE_PRESET, SLOT(set_device_preset), Available::if_it_keeps_presets, device_preset},
-    {PTZ_COMMAND_GET_DEVICE_PRESETS, SLOT(get_device_presets), Available::if_it_keeps_presets, device_preset},
-    {PTZ_COMMAND_GOTO_PRESET, SLOT(goto_preset), Available::if_it_keeps_presets, driver_preset},
-    {PTZ_COMMAND_GOTO_DEVICE_PRESET, SLOT(goto_device_preset), Available::if_it_keeps_presets, device_preset},
+    {PTZ_COMMAND_SET_PRESET, SLOT(set_preset), Available::if_it_keeps_presets},
+    {PTZ_COMMAND_SET_DEVICE_PRESET, SLOT(set_device_preset), Available::if_it_keeps_presets},
+    {PTZ_COMMAND_GET_DEVICE_PRESETS, SLOT(get_device_presets), Available::if_it_keeps_presets},
+    {PTZ_COMMAND_GOTO_PRESET, SLOT(goto_preset), Available::if_it_keeps_presets},
+    {PTZ_COMMAND_GOTO_DEVICE_PRESET, SLOT(goto_device_preset), Available::if_it_keeps_presets},
     {PTZ_COMMAND_MOVE, 0, Available::if_it_moves},
     {PTZ_COMMAND_STOP, SLOT(stop), Available::if_it_moves},
     {PTZ_COMMAND_FIELD_ANGLES, SLOT(field_angles), Available::never},
     {PTZ_COMMAND_UNREGISTER, SLOT(unregister), Available::always},
-    {PTZ_COMMAND_AUXILIARY, SLOT(auxiliary), Available::never, auxiliary},
-    {PTZ_COMMAND_GET_AUXILIARY, SLOT(get_auxiliary), Available::never, auxiliary},
-    {PTZ_COMMAND_OSD_MENU, SLOT(osd_menu), Available::never, osd_menu},
+    {PTZ_COMMAND_AUXILIARY, SLOT(auxiliary), Available::never},
+    {PTZ_COMMAND_GET_AUXILIARY, SLOT(get_auxiliary), Available::never},
+    {PTZ_COMMAND_OSD_MENU, SLOT(osd_menu), Available::never},
     {PTZ_COMMAND_QUERY_SPEED, SLOT(query_speed), Available::always},
     {PTZ_COMMAND_QUERY_POSITION, SLOT(query_position), Available::always},
-    {PTZ_COMMAND_QUERY_ZOOMDELIM, SLOT(query_zoomdelim), Available::never, digital_zoom},
+    {PTZ_COMMAND_QUERY_ZOOMDELIM, SLOT(query_zoomdelim), Available::never},
     {PTZ_COMMAND_CHANGE_PORT, SLOT(change_port), Available::never},
     {PTZ_COMMAND_MOVE_COMMAND, SLOT(move_command), Available::if_it_moves},
-    {PTZ_COMMAND_AREA_ZOOM, SLOT(area_zoom), Available::never, area_zoom},
+    {PTZ_COMMAND_AREA_ZOOM, SLOT(area_zoom), Available::never},
     {PTZ_COMMAND_IMAGE, SLOT(image), Available::never},
     {PTZ_COMMAND_DEFAULT_HOME_PRESET, SLOT(default_home_preset), Available::if_it_keeps_presets},
     {PTZ_COMMAND_QUERY_LIMIT_RANGES, 0, Available::always},
@@ -130,7 +122,8 @@ bool is_available(const DriverCore &core, Available available) {
 }
 
 bool is_served(const DriverCore &core, const Route &route) {
-  if ((core.removed.move & route.needed.move) != 0 || (core.removed.extra & route.needed.extra) != 0) return false;
+  const Command &needed = *find_command(route.command);
+  if ((core.removed.move & needed.move) != 0 || (core.removed.extra & needed.extra) != 0) return false;
   return slot_of(core, route) != nullptr || is_available(core, route.available);
 }
 

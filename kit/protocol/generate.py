@@ -19,6 +19,7 @@ from description import camel, load, type_getter  # noqa: E402
 
 NOTICE = '/* Made by generate.py from commands.toml. */\n'
 
+MOVE_CAPABILITIES = ('ZOOM', 'DIGITALZOOM')  # the others are of PTZDriverExtraCapabilities
 
 def new_parameters(message):
     return ', '.join(field.c_parameter() for field in message.scalars) or 'void'
@@ -277,7 +278,8 @@ def make_tables_in_c(protocol):
     for command in protocol.commands:
         errors = ' | '.join(f'1u << {codes[name]}' for name in command.get('errors', [])) or '0'
         commands += (f'    {{{command["value"]}, {pool.offset(command["name"])}, {numbers.get(command["name"] + "_request", 0)}, '
-                     f'{numbers.get(command["name"] + "_reply", 0)}, {errors}}},\n')
+                     f'{numbers.get(command["name"] + "_reply", 0)}, {errors}, '
+                     f'{needed_capabilities(command)}}},\n')
     element_rows = ''.join(f'    {element},\n' for element in elements)
     getters = ''.join(f'    {type_getter(name)},\n' for name in enumerations)
     return f'''
@@ -294,6 +296,15 @@ constexpr Layout layouts[] = {{
 constexpr Command commands[] = {{
 {commands}}};
 '''
+
+
+def needed_capabilities(command):
+    name = command.get('capability')
+    if name is None:
+        return '0, 0'
+    if name in MOVE_CAPABILITIES:
+        return f'PTZ_DRIVER_MOVE_CAPABILITIES_{name}, 0'
+    return f'0, PTZ_DRIVER_EXTRA_CAPABILITIES_{name}'
 
 
 def functions_of(message, number):

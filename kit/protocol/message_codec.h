@@ -44,6 +44,7 @@ struct Command {
   guint8 request;  // 1 for the first of Tables::layouts; 0 if the body is the command word alone
   guint8 reply;
   guint32 errors;  // a bit for each PTZKitErrorCode that the command may be answered with, beside those of any command
+  guint32 move, extra;  // capabilities without which the command is not served
 };
 
 // Offsets and numbers instead of pointers: the tables are read-only data without relocations.

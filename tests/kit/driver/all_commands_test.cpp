@@ -67,6 +67,21 @@ TEST_F(KitDriverCommands, EachIsAnsweredWithoutVirtualFunctions) {
   }
 }
 
+TEST_F(KitDriverCommands, ThoseWhoseCapabilityIsTakenAwayAreError2) {
+  make(complete_driver_get_type());
+  ptz_kit_driver_remove_capabilities(kit(), G_MAXUINT32, G_MAXUINT32);
+  start();
+  const std::set<gint32> of_a_capability = {
+      PTZ_COMMAND_SET_PRESET,    PTZ_COMMAND_SET_DEVICE_PRESET, PTZ_COMMAND_GET_DEVICE_PRESETS,
+      PTZ_COMMAND_GOTO_PRESET,   PTZ_COMMAND_AUXILIARY,         PTZ_COMMAND_GOTO_DEVICE_PRESET,
+      PTZ_COMMAND_FIELD_ANGLES,  PTZ_COMMAND_OSD_MENU,          PTZ_COMMAND_AREA_ZOOM,
+      PTZ_COMMAND_GET_AUXILIARY, PTZ_COMMAND_QUERY_ZOOMDELIM,   PTZ_COMMAND_DEFAULT_HOME_PRESET};
+  for (const auto &[command, body] : requests()) {
+    if (command == PTZ_COMMAND_MOVE) continue;  // by the kind of motion
+    EXPECT_EQ(is_error(ask_bytes(body), PTZ_KIT_ERROR_CODE_UNSUPPORTED), of_a_capability.contains(command)) << command;
+  }
+}
+
 TEST_F(KitDriverCommands, RandomBodiesHaveOneReplyEach) {
   start();
   std::minstd_rand random(1);
