@@ -335,8 +335,9 @@ PTZ_KIT_API gint32 ptz_kit_driver_get_position (PTZKitDriver *self, PTZKitAxis a
  * @move: capabilities of motion to announce, bits of #PTZDriverMoveCapabilities
  * @extra: other capabilities to announce, bits of #PTZDriverExtraCapabilities
  *
- * Adds to the capabilities that follow from the virtual functions and axes: such as automatic focus, which is one
- * function of @image among others.
+ * Adds to the capabilities that follow from the virtual functions, the axes and the property "instance": such as
+ * automatic focus, which is one function of @image among others, or `PTZ_DRIVER_EXTRA_CAPABILITIES_ASYNCREPLY` of a
+ * driver that defers replies.
  *
  * Thread: the one of the default main context.
  *
@@ -350,9 +351,9 @@ PTZ_KIT_API void ptz_kit_driver_add_capabilities (PTZKitDriver *self, guint32 mo
  * @move: capabilities of motion that the head does not have, such as absolute positions
  * @extra: other capabilities that it does not have
  *
- * Takes capabilities away, as a request of the daemon may. A command of presets, auxiliaries, the menu, area zoom or
- * zoom delimitations whose capability is taken away, and a move of a kind that is, are answered with the error
- * `PTZ_KIT_ERROR_CODE_UNSUPPORTED`. The capabilities of @image are only announced.
+ * Takes capabilities away, as a request of the daemon may. A command whose capability is taken away, and a move of a
+ * kind that is, are answered with the error `PTZ_KIT_ERROR_CODE_UNSUPPORTED`. The capabilities of @image are only
+ * announced.
  *
  * Thread: the one of the default main context.
  *

@@ -21,6 +21,11 @@ std::string direction(PTZMoveCmd direction) {
   return "{'command': <'move_command'>, 'direction': <" + std::to_string(direction) + ">, 'speed': <50>}";
 }
 
+guint32 extra_of(const std::string &capabilities) {
+  constexpr char label[] = "'extra': <uint32 ";
+  return static_cast<guint32>(std::stoul(capabilities.substr(capabilities.find(label) + sizeof label - 1)));
+}
+
 TEST_F(KitDriver, UnknownCommandIsError1) {
   start();
   EXPECT_TRUE(is_error(ask_bytes(word(1000)), PTZ_KIT_ERROR_CODE_UNKNOWN_COMMAND));
@@ -199,6 +204,18 @@ TEST_F(KitDriver, SetCapabilitiesTakesCommandsAndMotionsAway) {
   EXPECT_TRUE(is_error(ask(move(PTZ_MOVE_ABSOLUTE, 1, 1, 0).c_str()), PTZ_KIT_ERROR_CODE_UNSUPPORTED));
   EXPECT_EQ(ask(move(PTZ_MOVE_RELATIVE, 1, 1, 0).c_str()), "{'command': <'move'>}");
   EXPECT_EQ(ask(move(PTZ_MOVE_ABSOLUTE, 2, 0, 1).c_str()), "{'command': <'move'>}");
+}
+
+TEST_F(KitDriver, PublishedStatusAndCounterAreAnnounced) {
+  make();
+  g_object_set(driver_, "instance", 1U, nullptr);
+  start();
+  const std::string with_status = ask("{'command': <'get_capabilities'>}");
+  end();
+  make();
+  start();
+  const guint32 more = PTZ_DRIVER_EXTRA_CAPABILITIES_STATUSCACHEPOSITION | PTZ_DRIVER_EXTRA_CAPABILITIES_PTZCOUNTER;
+  EXPECT_EQ(extra_of(with_status), extra_of(ask("{'command': <'get_capabilities'>}")) | more);
 }
 
 TEST_F(KitDriver, ProtocolVersionIsPropertyAndOthersAreError5) {
