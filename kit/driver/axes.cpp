@@ -3,8 +3,9 @@
 namespace ptz_kit {
 
 namespace {
-// Over a shorter time, the rounding of positions would be a large part of the speed.
-constexpr gint64 shortest_sample_us = 15'000;
+// Over a shorter time, the rounding and the delay of positions would be a large part of the speed.
+constexpr gint64 sample_us = 100'000;
+constexpr gint64 first_sample_us = 15'000;  // of a motion, so that it has a speed soon
 }  // namespace
 
 void Axis::set(gint32 minimum, gint32 maximum, gint32 max_speed, gint32 home) {
@@ -23,15 +24,20 @@ void Axis::report(gint32 position, bool moving, gint64 now_us) {
   if (starts || !moving) {
     speed_ = 0;
     speed_is_reported_ = false;
-  } else if (now_us - sampled_us_ < shortest_sample_us) {
-    return;
-  } else if (!speed_is_reported_) {
-    const double seconds = static_cast<double>(now_us - sampled_us_) / G_USEC_PER_SEC;
-    const double speed = (static_cast<double>(position) - sampled_position_) / seconds;
-    speed_ = static_cast<gint32>(std::clamp(speed, -1.0 * max_speed_, 1.0 * max_speed_));
+    speed_is_sampled_ = false;
+  } else {
+    const gint64 time_us = now_us - sampled_us_;
+    if (time_us < (speed_is_sampled_ ? sample_us : first_sample_us)) return;
+    if (!speed_is_reported_) speed_ = speed_over(position - gint64{sampled_position_}, time_us);
+    if (time_us < sample_us) return;
+    speed_is_sampled_ = true;
   }
   sampled_position_ = position;
   sampled_us_ = now_us;
+}
+
+gint32 Axis::speed_over(gint64 distance, gint64 time_us) const {
+  return static_cast<gint32>(std::clamp<gint64>(distance * G_USEC_PER_SEC / time_us, -max_speed_, max_speed_));
 }
 
 void Axis::report_speed(gint32 speed) {

@@ -19,8 +19,11 @@ class Axis {
   bool moving_ = false;
   gint32 speed_ = 0;
   bool speed_is_reported_ = false;
-  gint32 sampled_position_ = 0;  // speed_ is computed from this sample on
+  bool speed_is_sampled_ = false;  // over the full time of a sample
+  gint32 sampled_position_ = 0;    // speed_ is computed from this sample on
   gint64 sampled_us_ = 0;
+
+  [[nodiscard]] gint32 speed_over(gint64 distance, gint64 time_us) const;
 
  public:
   void set(gint32 minimum, gint32 maximum, gint32 max_speed, gint32 home);

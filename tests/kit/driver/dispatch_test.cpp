@@ -2,6 +2,7 @@
 #include <ptz_serialize.h>
 #include <ptz_socket_frame.h>
 
+#include "clock.h"
 #include "running_driver.h"
 
 namespace {
@@ -19,6 +20,11 @@ std::string move(PTZMove kind, int axes, gint32 pan, gint32 tilt, int speed = 10
 }
 std::string direction(PTZMoveCmd direction) {
   return "{'command': <'move_command'>, 'direction': <" + std::to_string(direction) + ">, 'speed': <50>}";
+}
+
+int pan_speed_of(const std::string &speeds) {
+  constexpr char label[] = "'current': <[";
+  return std::stoi(speeds.substr(speeds.find(label) + sizeof label - 1));
 }
 
 guint32 extra_of(const std::string &capabilities) {
@@ -163,13 +169,30 @@ TEST_F(KitDriver, NoTimerRunsWithoutStatusToPublish) {
 TEST_F(KitDriver, SpeedFollowsFromReportedPositions) {
   start();
   ptz_kit_driver_report_axis(kit(), PTZ_KIT_AXIS_PAN, 0, TRUE);
-  g_usleep(20'000);
+  ptz_test::advance_clock(20);
   ptz_kit_driver_report_axis(kit(), PTZ_KIT_AXIS_PAN, -50, TRUE);
   EXPECT_NE(ask("{'command': <'query_speed'>}").find("'current': <[-"), std::string::npos);
   ptz_kit_driver_report_speed(kit(), PTZ_KIT_AXIS_PAN, 77);
   EXPECT_NE(ask("{'command': <'query_speed'>}").find("'current': <[77, "), std::string::npos);
   ptz_kit_driver_report_axis(kit(), PTZ_KIT_AXIS_PAN, -60, FALSE);
   EXPECT_NE(ask("{'command': <'query_speed'>}").find("'current': <[0, "), std::string::npos);
+}
+
+TEST_F(KitDriver, SpeedFollowsFromATenthOfASecond) {
+  start();
+  const auto report_after = [this](gint64 milliseconds, gint32 position) {
+    ptz_test::advance_clock(milliseconds);
+    ptz_kit_driver_report_axis(kit(), PTZ_KIT_AXIS_PAN, position, TRUE);
+  };
+  report_after(0, 0);
+  report_after(20, 60);  // a first estimate, over less
+  EXPECT_NEAR(pan_speed_of(ask("{'command': <'query_speed'>}")), 3000, 600);
+  report_after(80, 600);
+  EXPECT_NEAR(pan_speed_of(ask("{'command': <'query_speed'>}")), 6000, 600);
+  report_after(20, 600);  // a late position
+  EXPECT_NEAR(pan_speed_of(ask("{'command': <'query_speed'>}")), 6000, 600);
+  report_after(80, 1200);
+  EXPECT_NEAR(pan_speed_of(ask("{'command': <'query_speed'>}")), 6000, 600);
 }
 
 TEST_F(KitDriver, CapabilitiesFollowFromAxesAndOverriddenFunctions) {
