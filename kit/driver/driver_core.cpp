@@ -61,7 +61,8 @@ bool DriverCore::start(GError **error) {
   if (!claim(error)) return false;
   if (slots().open != nullptr && slots().open(object, error) == FALSE) {
     if (error != nullptr && *error == nullptr) {
-      g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_FAILED, "the device cannot be opened");
+      g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_FAILED,
+                          "the device cannot be opened: the function \"open\" did not return TRUE, and told no error");
     }
     registration_.withdraw();
     return false;
@@ -78,7 +79,8 @@ bool DriverCore::start(GError **error) {
   set_publish_rate();
   if (slots().started != nullptr && slots().started(object, error) == FALSE) {
     if (error != nullptr && *error == nullptr) {
-      g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_FAILED, "the driver cannot serve");
+      g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_FAILED,
+                          "the driver cannot serve: the function \"started\" did not return TRUE, and told no error");
     }
     stop();
     return false;

@@ -41,7 +41,11 @@ DriverCore &ptz_kit::core_of(PTZKitDriver *self) { return *private_of(self).core
 static void ptz_kit_driver_init(PTZKitDriver *self) { private_of(self).core = new DriverCore(self); }
 
 static void ptz_kit_driver_dispose(GObject *object) {
-  core_of(PTZ_KIT_DRIVER(object)).stop_serving();
+  DriverCore &core = core_of(PTZ_KIT_DRIVER(object));
+  if (core.is_started()) {
+    syslog(LOG_WARNING, "the driver goes without ptz_kit_driver_stop(): its device is not closed");
+  }
+  core.stop_serving();
   G_OBJECT_CLASS(ptz_kit_driver_parent_class)->dispose(object);
 }
 
@@ -55,8 +59,18 @@ static std::string text_of(const GValue *value) {
   return text != nullptr ? text : "";
 }
 
+// While the driver runs: others know these, or they are in use.
+static bool is_fixed(guint id) {
+  return id == Property::name || id == Property::instance || id == Property::socket_path ||
+         id == Property::preset_file || id == Property::keep_presets;
+}
+
 static void ptz_kit_driver_set_property(GObject *object, guint id, const GValue *value, GParamSpec *spec) {
   DriverCore &core = core_of(PTZ_KIT_DRIVER(object));
+  if (core.is_started() && is_fixed(id)) {
+    g_critical("the property \"%s\" of a driver that runs does not change", spec->name);
+    return;
+  }
   switch (id) {
     case Property::name:
       core.name = text_of(value);

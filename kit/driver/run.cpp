@@ -69,11 +69,11 @@ bool parse(const DriverCore &core, gint argc, gchar **argv, Options &options, Er
   return problem == nullptr;
 }
 
-void apply(const Options &options, DriverCore &core) {
-  if (options.socket != nullptr) core.socket_path = options.socket;
-  if (options.state != nullptr) core.preset_file = options.state;
-  if (options.instance >= 0) core.instance = static_cast<guint>(options.instance);
-  if (options.verbose != FALSE) core.verbose = true;
+void apply(const Options &options, PTZKitDriver *driver) {
+  if (options.socket != nullptr) g_object_set(driver, "socket-path", options.socket, nullptr);
+  if (options.state != nullptr) g_object_set(driver, "preset-file", options.state, nullptr);
+  if (options.instance >= 0) g_object_set(driver, "instance", static_cast<guint>(options.instance), nullptr);
+  if (options.verbose != FALSE) g_object_set(driver, "verbose", TRUE, nullptr);
 }
 
 void complain(const DriverCore &core, const std::vector<std::string> &problems) {
@@ -140,7 +140,7 @@ gint ptz_kit_driver_run(PTZKitDriver *self, gint argc, gchar **argv) {
   Options options;
   Error error;
   bool good = parse(core, argc, argv, options, error);
-  if (good) apply(options, core);
+  if (good) apply(options, core.object);
   if (good && options.check_settings == FALSE && core.socket_path.empty()) {
     error.reset(g_error_new_literal(G_OPTION_ERROR, G_OPTION_ERROR_BAD_VALUE, "--socket PATH is missing"));
     good = false;

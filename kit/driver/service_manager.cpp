@@ -14,6 +14,8 @@ namespace ptz_kit {
 
 namespace {
 
+bool told = false;  // that it cannot be notified, since it could
+
 void notify(const char *state) {
   const char *path = g_getenv("NOTIFY_SOCKET");
   sockaddr_un address{};
@@ -26,7 +28,10 @@ void notify(const char *state) {
   const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length);
   if (fd < 0 || sendto(fd, state, strlen(state), MSG_NOSIGNAL | MSG_DONTWAIT,
                        reinterpret_cast<const sockaddr *>(&address), size) < 0) {
-    syslog(LOG_WARNING, "the service manager cannot be notified: %s", g_strerror(errno));
+    if (!told) syslog(LOG_WARNING, "the service manager cannot be notified: %s", g_strerror(errno));
+    told = true;
+  } else {
+    told = false;
   }
   if (fd >= 0) close(fd);
 }

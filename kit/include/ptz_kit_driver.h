@@ -72,6 +72,11 @@ typedef enum {
  * instance: 25 times a second while an axis moves, twice a second at rest, and after each request. The published rate
  * follows. Requests and replies are each measured at most 100 times a second.
  *
+ * The properties "name", "instance", "socket-path", "preset-file" and "keep-presets" do not change between
+ * ptz_kit_driver_start() and ptz_kit_driver_stop(): setting one is a critical warning and has no effect.
+ *
+ * A request whose body has no bytes, not even a command word, has no reply: the base drops it.
+ *
  * All functions are called in the thread of the default main context, and so are the virtual functions.
  *
  * Since: 0.1

@@ -4,6 +4,7 @@
 
 #include "clock.h"
 #include "running_driver.h"
+#include "syslog_capture.h"
 
 namespace {
 
@@ -282,6 +283,37 @@ TEST_F(KitDriver, StartFailsWithErrorOfOpenAndDoesNotListen) {
   EXPECT_STREQ(error->message, "there is no device");
   g_error_free(error);
   EXPECT_FALSE(ptz_test::connect_to(path_));
+}
+
+TEST_F(KitDriver, OpenThatReturnsFalseWithoutErrorIsNamedInError) {
+  make();
+  driver_->fails_silently = TRUE;
+  GError *error = nullptr;
+  EXPECT_FALSE(ptz_kit_driver_start(kit(), &error));
+  ASSERT_NE(error, nullptr);
+  EXPECT_NE(std::string(error->message).find("\"open\" did not return TRUE"), std::string::npos);
+  g_error_free(error);
+}
+
+TEST_F(KitDriver, PropertiesThatOthersKnowDoNotChangeWhileItRuns) {
+  start();
+  const ptz_test::GlibLogCapture log;
+  g_object_set(driver_, "name", "other", "socket-path", "/none", "instance", 7U, "preset-file", "/none", "keep-presets",
+               FALSE, nullptr);
+  EXPECT_EQ(log.criticals(), 5U);
+  EXPECT_EQ(ask("{'command': <'get_driver_name'>}"), "{'command': <'get_driver_name'>, 'name': <'recording'>}");
+  g_object_set(driver_, "verbose", TRUE, "verbose", FALSE, nullptr);
+  EXPECT_EQ(log.criticals(), 5U);
+  ptz_kit_driver_stop(kit());
+  g_object_set(driver_, "name", "other", nullptr);
+  EXPECT_EQ(log.criticals(), 5U);
+}
+
+TEST_F(KitDriver, LastReferenceOfDriverThatRunsIsLogged) {
+  start();
+  const ptz_test::SyslogCapture log;
+  g_clear_object(&driver_);
+  EXPECT_EQ(log.containing("its device is not closed"), 1U);
 }
 
 TEST_F(KitDriver, StartClosesDeviceIfItCannotListen) {

@@ -121,6 +121,16 @@ TEST_F(KitDriverProgram, ServiceManagerIsToldOfStartLifeAndEnd) {
   EXPECT_EQ(last, "STOPPING=1");
 }
 
+TEST_F(KitDriverProgram, ServiceManagerThatIsGoneIsLoggedOnce) {
+  setenv("NOTIFY_SOCKET", dir_.file("none").c_str(), 1);
+  serve();
+  EXPECT_EQ(terminate(SIGTERM), 0);
+  const std::string output = contents(output_);
+  const std::size_t first = output.find("cannot be notified");
+  EXPECT_NE(first, std::string::npos);
+  EXPECT_EQ(output.find("cannot be notified", first + 1), std::string::npos) << output;
+}
+
 TEST_F(KitDriverProgram, UnregisterEndsItWithStatus0AfterItsReply) {
   serve();
   const ptz_test::Descriptor client = ptz_test::connect_to(socket_);

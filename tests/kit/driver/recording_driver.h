@@ -26,6 +26,7 @@ typedef struct {
   guint updates;
   gboolean stays_moving; /* reports axes as moving when they are sent somewhere */
   gboolean fails_to_open;
+  gboolean fails_silently; /* to open, without an error */
   const gchar *complaint;  /* the error of check_settings */
   gboolean fails_to_serve; /* when it is started */
   guint starts;
