@@ -19,10 +19,10 @@ UNITS = {
 PROTOCOL_KEYS = ({'version', 'limits', 'error', 'record', 'command', 'left_out'}, set())
 ERROR_KEYS = ({'name', 'code', 'doc'}, set())
 RECORD_KEYS = ({'name', 'doc', 'fields'}, set())
-COMMAND_KEYS = ({'name', 'value', 'doc'}, {'capability', 'errors', 'request', 'reply'})
+COMMAND_KEYS = ({'name', 'value', 'doc'}, {'capability', 'errors', 'request', 'reply', 'since'})
 LEFT_OUT_KEYS = ({'value', 'reason'}, set())
 FIELD_KEYS = ({'name', 'type', 'doc'},
-              {'unit', 'min', 'max', 'enum', 'flags', 'bytes', 'per_axis', 'inline', 'element', 'since'})
+              {'unit', 'min', 'max', 'enum', 'flags', 'bytes', 'per_axis', 'inline', 'element', 'since', 'default'})
 NUMBER_KEYS = {'unit', 'min', 'max', 'enum', 'flags', 'per_axis'}
 LARGEST_ERROR_CODE = 31  # the tables have a bit for each
 
@@ -59,7 +59,9 @@ def type_getter(name):
 
 
 class Field:
-    def __init__(self, owner, description):
+    """A field of a message that exists since the protocol version `first`."""
+
+    def __init__(self, owner, description, first=1):
         check_keys(f'{owner}: field {description.get("name", "without a name")}', description, FIELD_KEYS)
         self.name = description['name']
         self.type = description['type']
@@ -69,7 +71,9 @@ class Field:
         self.flags = description.get('flags')
         self.group = description.get('per_axis')
         self.element = description.get('element')
-        self.since = description.get('since', 1)
+        self.since = description.get('since', first)
+        self.is_later = self.since > first
+        self.default = description.get('default')
         self.least_bytes, self.most_bytes = description.get('bytes', (0, 0xFFFF))
         self.bounds = (description.get('min'), description.get('max'))
         self.where = f'{owner}: field {self.name}'
@@ -82,14 +86,17 @@ class Field:
         check(self.is_list == ('element' in keys), where, 'a list, and nothing else, has the name of its elements')
         check(self.type == 'text' or 'bytes' not in keys, where, 'only a text has a length in bytes')
         check(self.least_bytes <= self.most_bytes, where, 'no length is within its bounds')
-        check(self.since == 1, where, 'the codecs cannot read a message without its newer fields: make a new command')
+        check(self.is_later == ('default' in keys), where, 'a field that is newer than its message, and no other, has a default')
         if self.type not in VALUE_RANGE:
             check(not keys & NUMBER_KEYS, where, 'only a number has ' + ', '.join(sorted(keys & NUMBER_KEYS)))
+            empty = [] if self.is_list else ''
+            check(not self.is_later or self.default == empty and self.least_bytes == 0, where, 'its default must be empty')
             return
         check(not self.group or self.type == 'i32', where, 'a field per axis is an i32')
         (least, most), (first, last) = self.range(), VALUE_RANGE[self.type]
         check(first <= least <= most <= last, where, f'{least} to {most} is no range of {self.type}')
         check(least <= 0x7FFFFFFF, where, 'the tables have no room for such a large minimum')
+        check(not self.is_later or least <= self.default <= min(most, 0x7FFFFFFF), where, 'its default is out of range')
 
     @property
     def is_list(self):
@@ -138,6 +145,9 @@ class Field:
             parts.append(f'at least {least}')
         if self.most_bytes != 0xFFFF:
             parts.append(f'{self.least_bytes} to {self.most_bytes} bytes')
+        if self.is_later:
+            absent = 'empty' if self.default in ('', []) else self.default
+            parts.append(f'since protocol version {self.since}, {absent} if absent')
         return '; '.join(parts)
 
 
@@ -153,6 +163,11 @@ class Message:
         check(fields, name, 'no fields')
         check_unique(name, [field.name for field in fields])
         check_unique(f'{name}: groups of fields that are not neighbours', self.groups())
+        versions = [field.since for field in fields]
+        check(versions == sorted(versions), name, 'newer fields must stand at the end')
+        check(not fields[0].is_later, name, 'a message without fields cannot grow')
+        check_unique(f'{name}: groups of fields of several versions',
+                     [group for group, _ in {(field.group, field.since) for field in fields if field.group}])
 
     def groups(self):
         """The groups of neighbouring fields, in the order of the fields."""
@@ -174,6 +189,15 @@ class Message:
     @property
     def scalars(self):
         return [field for field in self.fields if not field.is_list]
+
+    @property
+    def first_scalars(self):
+        """The arguments of the constructor, which stay the same in every version."""
+        return [field for field in self.scalars if not field.is_later]
+
+    @property
+    def later_scalars(self):
+        return [field for field in self.scalars if field.is_later]
 
     @property
     def lists(self):
@@ -198,8 +222,12 @@ class Message:
             order.extend((field, axis) for axis in range(len(AXES)) for field in group)
         return order
 
+    def required(self):
+        """The number of items that every body has."""
+        return sum(not field.is_later for field, _ in self.wire_order())
+
     def least_bytes(self):
-        return sum(LEAST_BYTES.get(field.type, 4) for field, _ in self.wire_order())
+        return sum(LEAST_BYTES.get(field.type, 4) for field, _ in self.wire_order() if not field.is_later)
 
 
 class Protocol:
@@ -214,6 +242,8 @@ class Protocol:
         self.records = {}
         for record in description['record']:
             fields = [Field(record['name'], field) for field in record['fields']]
+            for field in fields:
+                check(not field.is_later, field.where, 'a record cannot grow, because its elements lie side by side in lists')
             self.records[record['name']] = Message(record['name'], record['doc'], fields)
         self.messages = []
         for command in self.commands:
@@ -221,9 +251,11 @@ class Protocol:
                 if kind not in command:
                     continue
                 name = f'{command["name"]}_{kind}'
-                fields = list(self.expand(name, command[kind]))
+                fields = list(self.expand(name, command[kind], command.get('since', 1)))
                 self.messages.append(Message(name, command['doc'], fields, command, kind))
         for message in self.everything:
+            for field in message.fields:
+                check(1 <= field.since <= self.version, field.where, f'since is not within 1 to {self.version}')
             for field in message.lists:
                 known = field.element_type == 'text' or field.element_type in self.records
                 check(known, field.where, f'no record {field.element_type}')
@@ -246,10 +278,10 @@ class Protocol:
             unknown = sorted(set(command.get('errors', [])) - known)
             check(not unknown, f'command {command["name"]}', 'no error ' + ', '.join(unknown))
 
-    def expand(self, owner, descriptions):
+    def expand(self, owner, descriptions, first):
         for description in descriptions:
             if not description.get('inline'):
-                yield Field(owner, description)
+                yield Field(owner, description, first)
                 continue
             check_keys(owner, description, ({'name', 'type', 'inline', 'doc'}, set()))
             check(description['type'] in self.records, owner, f'no record {description["type"]}')

@@ -78,8 +78,7 @@ class Document:
             for name in filter(None, (field.enum, None if field.flags == 'axes' else field.flags)):
                 self.used.add(name)
                 meaning = meaning.replace(f'#{name}', f'[`{name}`](#enumerations)')
-            since = f'; since protocol version {field.since}' if field.since > 1 else ''
-            lines.append(f'| {field.name} | {self.type_of(field)} | {meaning}{since} |')
+            lines.append(f'| {field.name} | {self.type_of(field)} | {meaning} |')
         return lines
 
     def overview(self):

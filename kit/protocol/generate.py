@@ -21,17 +21,19 @@ NOTICE = '/* Made by generate.py from commands.toml. */\n'
 
 MOVE_CAPABILITIES = ('ZOOM', 'DIGITALZOOM')  # the others are of PTZDriverExtraCapabilities
 
+
 def new_parameters(message):
-    return ', '.join(field.c_parameter() for field in message.scalars) or 'void'
+    return ', '.join(field.c_parameter() for field in message.first_scalars) or 'void'
 
 
 def parameter_docs(message):
-    lines = []
-    for field in message.scalars:
-        annotation = ' (array fixed-size=3):' if field.group else ''
-        copied = '; copied' if field.group or field.type == 'text' else ''
-        lines.append(f' * @{field.name}:{annotation} {field.meaning()}{copied}\n')
-    return ''.join(lines)
+    return ''.join(parameter_doc(field) for field in message.first_scalars)
+
+
+def parameter_doc(field):
+    annotation = ' (array fixed-size=3):' if field.group else ''
+    copied = '; copied' if field.group or field.type == 'text' else ''
+    return f' * @{field.name}:{annotation} {field.meaning()}{copied}\n'
 
 
 def field_docs(message):
@@ -123,6 +125,16 @@ G_DEFINE_AUTOPTR_CLEANUP_FUNC ({c_type}, {prefix}_free)
  */
 PTZ_KIT_API gboolean {prefix}_validate (const {c_type} *self, GError **error);
 '''
+    for field in message.later_scalars:
+        text += f'''
+/**
+ * {prefix}_set_{field.name}:
+ * @self: a message; borrowed
+{parameter_doc(field)} *
+ * Thread: the one that uses @self.
+ */
+PTZ_KIT_API void {prefix}_set_{field.name} ({c_type} *self, {field.c_parameter()});
+'''
     for field in message.lists:
         element = 'const gchar *' if field.element_type == 'text' else f'const PTZKit{camel(field.element_type)} *'
         text += f'''
@@ -195,7 +207,11 @@ def make_header(protocol):
     codes = ''.join(f'  PTZ_KIT_ERROR_CODE_{error["name"].upper()} = {error["code"]},\n' for error in protocol.errors)
     docs = ''.join(f' * @PTZ_KIT_ERROR_CODE_{error["name"].upper()}: {error["doc"]}\n' for error in protocol.errors)
     body = ''.join(header_of_message(message) for message in protocol.everything)
-    return f'''{NOTICE}/* ptz_kit_messages.h - the messages between the daemon and a driver as typed structures. */
+    return f'''{NOTICE}/* ptz_kit_messages.h - the messages between the daemon and a driver as typed structures.
+ *
+ * A message is allocated by its functions _new(), _read() and _copy() only, never on the stack or in an array: a later
+ * version may append fields to the structure. docs/wire-compat.md tells how messages change.
+ */
 #pragma once
 
 #include <ptz_kit_types.h>
@@ -260,7 +276,7 @@ def element_of(message, field, axis, pool, enumerations, record_numbers):
             enumeration = enumerations.index(field.enum) + 1
     least_text = 'G_MININT32' if least == -0x80000000 else least
     return (f'{{Kind::{kind}, {enumeration}, {element}, {0 if axis is None else axis + 1}, {at}, {name}, {least_text}, '
-            f'static_cast<guint32>({most})}}')
+            f'static_cast<guint32>({most}), {field.default or 0}}}')
 
 
 def make_tables_in_c(protocol):
@@ -270,7 +286,7 @@ def make_tables_in_c(protocol):
         order = message.wire_order()
         command = message.command['value'] if message.kind else 'no_command'
         layouts.append(f'    {{{command}, sizeof({message.c_type}), {message.least_bytes()}, {pool.offset(message.title)}, '
-                       f'{len(elements)}, {len(order)}}},\n')
+                       f'{len(elements)}, {len(order)}, {message.required()}}},\n')
         elements += [element_of(message, field, axis, pool, enumerations, record_numbers) for field, axis in order]
     numbers = {message.name: number for number, message in enumerate(protocol.everything, 1)}
     codes = {error['name']: error['code'] for error in protocol.errors}
@@ -307,16 +323,17 @@ def needed_capabilities(command):
     return f'0, PTZ_DRIVER_EXTRA_CAPABILITIES_{name}'
 
 
+def assignment(field):
+    if field.type == 'text':
+        return f'  self->{field.name} = g_strdup({field.name});\n'
+    if field.group:
+        return f'  copy_axes({field.name}, self->{field.name});\n'
+    return f'  self->{field.name} = {field.name};\n'
+
+
 def functions_of(message, number):
     prefix, c_type, layout = message.prefix, message.c_type, f'layouts[{number}]'
-    assignments = ''
-    for field in message.scalars:
-        if field.type == 'text':
-            assignments += f'  self->{field.name} = g_strdup({field.name});\n'
-        elif field.group:
-            assignments += f'  copy_axes({field.name}, self->{field.name});\n'
-        else:
-            assignments += f'  self->{field.name} = {field.name};\n'
+    assignments = ''.join(map(assignment, message.first_scalars))
     new = f'  auto *self = static_cast<{c_type} *>(make_message({layout}));\n{assignments}  return self;\n'
     text = f'''
 GType {prefix}_get_type(void) {{
@@ -329,6 +346,12 @@ GType {prefix}_get_type(void) {{
 {c_type} *{prefix}_copy(const {c_type} *self) {{ return static_cast<{c_type} *>(copy_message({layout}, self)); }}
 void {prefix}_free({c_type} *self) {{ free_message({layout}, self); }}
 gboolean {prefix}_validate(const {c_type} *self, GError **error) {{ return validate_message({layout}, self, error); }}
+'''
+    for field in message.later_scalars:
+        free = f'  g_free(self->{field.name});\n' if field.type == 'text' else ''
+        text += f'''void {prefix}_set_{field.name}({c_type} *self, {field.c_parameter()}) {{
+  g_return_if_fail(self != NULL);
+{free}{assignment(field)}}}
 '''
     for field in message.lists:
         if field.element_type == 'text':
@@ -433,6 +456,8 @@ def make_json(protocol):
                                ('per_axis', field.group), ('min', field.bounds[0]), ('max', field.bounds[1])):
                 if value is not None:
                     entry[key] = value
+            if field.is_later:
+                entry['default'] = field.default
             if field.type == 'text':
                 entry['bytes'] = [field.least_bytes, field.most_bytes]
             result.append(entry)
@@ -441,6 +466,7 @@ def make_json(protocol):
     commands = []
     for command in protocol.commands:
         entry = {key: command[key] for key in ('name', 'value', 'doc', 'capability') if key in command}
+        entry['since'] = command.get('since', 1)
         entry['errors'] = command.get('errors', [])
         for message in protocol.messages:
             if message.command is command:

@@ -20,6 +20,10 @@ inline std::span<const Element> elements_of(const Layout &layout) {
   return {tables.elements + layout.first, layout.count};
 }
 
+inline std::span<const Element> later_elements_of(const Layout &layout) {
+  return elements_of(layout).subspan(layout.required);
+}
+
 // The record of the elements of a list; null for texts.
 inline const Layout *record_of(const Element &element) {
   return element.element != 0 ? &tables.layouts[element.element - 1] : nullptr;
@@ -33,6 +37,7 @@ inline const gchar *text_of(gconstpointer message, const Element &element) {
   return text != nullptr ? text : "";
 }
 
+[[nodiscard]] bool has_default(gconstpointer message, const Element &element);
 // The value of a number.
 [[nodiscard]] gint64 value_of(gconstpointer message, const Element &element);
 // False if the bytes of the element cannot hold the value.

@@ -93,6 +93,7 @@ class Reader {
     if (!number(length) || left() < length) return fail(element, start, too_short);
     const auto *bytes = reinterpret_cast<const gchar *>(body_.data() + offset_);
     if (g_utf8_validate_len(bytes, length, nullptr) == FALSE) return fail(element, start, "the text is not UTF-8");
+    g_free(text);
     text = g_strndup(bytes, length);
     offset_ += length;
     return true;
@@ -153,7 +154,12 @@ class Reader {
   }
 
   [[nodiscard]] bool fields(const Layout &layout, gpointer message) {
-    return std::ranges::all_of(elements_of(layout), [&](const Element &element) { return field(element, message); });
+    const auto elements = elements_of(layout);
+    for (gsize i = 0; i < elements.size(); ++i) {
+      if (i >= layout.required && left() == 0) break;
+      if (!field(elements[i], message)) return false;
+    }
+    return true;
   }
 
   [[nodiscard]] bool at_end() {
@@ -196,8 +202,17 @@ bool write_list(const char *title, const Element &element, const GPtrArray *list
   return true;
 }
 
+// A peer of an older version knows no later elements, so they are left out as far as they have their defaults.
+std::span<const Element> elements_to_write(const Layout &layout, gconstpointer message) {
+  auto elements = elements_of(layout);
+  while (elements.size() > layout.required && has_default(message, elements.back())) {
+    elements = elements.first(elements.size() - 1);
+  }
+  return elements;
+}
+
 bool write_fields(const char *title, const Layout &layout, gconstpointer message, GArray *body, GError **error) {
-  for (const Element &element : elements_of(layout)) {
+  for (const Element &element : elements_to_write(layout, message)) {
     switch (element.kind) {
       case Kind::u8:
         ptz_serialize_8bit(body, member<guint8>(message, element));
@@ -301,6 +316,13 @@ bool set_value(gpointer message, const Element &element, gint64 value) {
   g_assert_not_reached();
 }
 
+bool has_default(gconstpointer message, const Element &element) {
+  if (element.kind == Kind::text) return *text_of(message, element) == '\0';
+  if (element.kind != Kind::list) return value_of(message, element) == element.initial;
+  const auto *list = member<GPtrArray *>(message, element);
+  return list == nullptr || list->len == 0;
+}
+
 const Command *find_command(gint32 value) {
   const auto found = std::ranges::find(tables.commands, value, &Command::value);
   return found != tables.commands.end() ? std::to_address(found) : nullptr;
@@ -315,6 +337,13 @@ gpointer make_message(const Layout &layout) {
   gpointer message = g_malloc0(layout.size);
   for (const Element &element : elements_of(layout)) {
     if (element.kind == Kind::list) member<GPtrArray *>(message, element) = make_list(element);
+  }
+  for (const Element &element : later_elements_of(layout)) {
+    if (element.kind == Kind::text) {
+      member<gchar *>(message, element) = g_strdup("");
+    } else if (element.kind != Kind::list) {
+      (void)set_value(message, element, element.initial);
+    }
   }
   return message;
 }

@@ -25,6 +25,7 @@ struct Element {
   guint16 name;        // in Tables::names
   gint32 least;        // bounds of a value, or of the bytes of a text
   guint32 most;
+  gint32 initial;  // of a number that is absent; an absent text or list is empty
 };
 
 constexpr gint32 no_command = G_MININT32;  // records have no command word
@@ -36,6 +37,7 @@ struct Layout {
   guint16 title;        // in Tables::names
   guint16 first;        // in Tables::elements
   guint16 count;
+  guint16 required;  // elements that every body has; the others are of later protocol versions
 };
 
 struct Command {

@@ -48,9 +48,19 @@ GVariant *field_to_variant(gconstpointer message, const Element &element) {
   return number_to_variant(message, element);
 }
 
+// Whether a body has to hold the field, whose other axes follow in the structure.
+bool is_needed(const Layout &layout, gconstpointer message, const Element &element) {
+  if (&element - elements_of(layout).data() < layout.required) return true;
+  Element item = element;
+  for (; item.axis > 0 && item.axis < PTZ_KIT_N_AXES && has_default(message, item); ++item.axis) {
+    item.offset += sizeof(gint32);
+  }
+  return !has_default(message, item);
+}
+
 void add_fields(GVariantBuilder *builder, const Layout &layout, gconstpointer message) {
   for (const Element &element : elements_of(layout)) {
-    if (element.axis > 1) continue;
+    if (element.axis > 1 || !is_needed(layout, message, element)) continue;
     g_variant_builder_add(builder, "{sv}", name_of(element), field_to_variant(message, element));
   }
 }
@@ -127,15 +137,18 @@ bool set_field(const Layout &layout, const Element &element, gpointer message, G
   if (element.kind == Kind::list) return set_list(layout, element, member<GPtrArray *>(message, element), value, error);
   if (element.kind != Kind::text) return set_integer(layout, element, message, value, error);
   if (!g_variant_is_of_type(value, G_VARIANT_TYPE_STRING)) return fail(layout, name_of(element), "not a text", error);
+  g_free(member<gchar *>(message, element));
   member<gchar *>(message, element) = g_variant_dup_string(value, nullptr);
   return true;
 }
 
-// Every field once, and beside them as many keys as the caller knows of.
+// Every field once, those of later versions at most once, and beside them as many keys as the caller knows of.
 bool set_fields(const Layout &layout, gpointer message, GVariant *fields, gsize others, GError **error) {
   gsize known = others;
+  const Element *later = later_elements_of(layout).data();
   for (const Element &element : elements_of(layout)) {
     GVariant *value = g_variant_lookup_value(fields, name_of(element), nullptr);
+    if (value == nullptr && &element >= later) continue;
     if (value == nullptr) return fail(layout, name_of(element), "missing", error);
     const bool set = set_field(layout, element, message, value, error);
     g_variant_unref(value);

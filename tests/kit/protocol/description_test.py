@@ -100,9 +100,56 @@ class Description(unittest.TestCase):
         self.fields.append({'name': 'again', 'type': 'i32', 'per_axis': 'place', 'doc': 'once more'})
         self.assertIn('place', self.error())
 
-    def test_field_of_later_version_is_error(self):
-        self.fields[TITLE]['since'] = 2
-        self.assertIn('make a new command', self.error())
+    def add_later_field(self, **keys):
+        self.description['version'] = 2
+        self.fields.append({'name': 'tone', 'type': 'u8', 'since': 2, 'default': 1, 'doc': 'a tone'} | keys)
+
+    def test_field_of_later_version_needs_default(self):
+        self.add_later_field()
+        Protocol(self.description)
+        del self.fields[-1]['default']
+        self.assertEqual(self.error(),
+                         'light_request: field tone: a field that is newer than its message, and no other, has a default')
+        self.fields[-1] |= {'since': 1, 'default': 1}
+        self.assertIn('no other, has a default', self.error())
+
+    def test_default_must_be_within_bounds_or_empty(self):
+        self.add_later_field(min=2)
+        self.assertEqual(self.error(), 'light_request: field tone: its default is out of range')
+        for keys in ({'type': 'text', 'default': 'a'}, {'type': 'text', 'default': '', 'bytes': [1, 2]},
+                     {'type': 'list:lamp', 'element': 'lamp', 'default': [1]}):
+            with self.subTest(keys):
+                del self.fields[-1]
+                self.add_later_field(**keys)
+                self.assertEqual(self.error(), 'light_request: field tone: its default must be empty')
+
+    def test_later_fields_must_stand_at_end_of_message_that_has_others(self):
+        self.add_later_field()
+        self.fields.append({'name': 'again', 'type': 'u8', 'doc': 'a field of the first version'})
+        self.assertEqual(self.error(), 'light_request: newer fields must stand at the end')
+        del self.fields[:-2], self.fields[-1]
+        self.assertEqual(self.error(), 'light_request: a message without fields cannot grow')
+
+    def test_later_field_cannot_join_group(self):
+        self.fields[:] = [self.fields[PLACE]]
+        self.add_later_field(type='i32', per_axis='place')
+        self.assertEqual(self.error(), 'light_request: groups of fields of several versions: more than once: place')
+
+    def test_record_cannot_grow(self):
+        self.description['version'] = 2
+        fields = self.description['record'][0]['fields']
+        fields.append({'name': 'tone', 'type': 'u8', 'since': 2, 'default': 1, 'doc': 'a tone'})
+        self.assertIn('record', self.error())
+        self.assertIn('cannot grow', self.error())
+
+    def test_version_of_field_must_exist(self):
+        self.add_later_field(since=3)
+        self.assertEqual(self.error(), 'light_request: field tone: since is not within 1 to 2')
+
+    def test_fields_of_later_command_need_no_default(self):
+        self.description['version'] = 2
+        self.command['since'] = 2
+        self.assertEqual({field.since for field in Protocol(self.description).messages[0].fields}, {2})
 
     def test_names_values_and_codes_must_be_unique(self):
         self.fields.append(dict(self.fields[SPEED]))
