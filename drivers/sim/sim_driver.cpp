@@ -252,9 +252,10 @@ void auxiliary(PTZKitDriver *self, const PTZKitAuxiliaryRequest *request, PTZKit
     return ptz_kit_reply_error_literal(reply, PTZ_KIT_ERROR_CODE_NOT_FOUND, "there is no auxiliary of this name");
   }
   if (request->state != PTZ_ENABLE_NONE) live.switch_to(request->name, request->state == PTZ_ENABLE_ON);
-  const PTZKitAuxiliaryReply answer = {
-      request->name, static_cast<guint32>(live.is_on(request->name).value_or(false) ? PTZ_ENABLE_ON : PTZ_ENABLE_OFF)};
-  ptz_kit_reply_auxiliary(reply, &answer);
+  const bool on = live.is_on(request->name).value_or(false);
+  const Owned<PTZKitAuxiliaryReply, ptz_kit_auxiliary_reply_free> answer(
+      ptz_kit_auxiliary_reply_new(request->name, on ? PTZ_ENABLE_ON : PTZ_ENABLE_OFF));
+  ptz_kit_reply_auxiliary(reply, answer.get());
 }
 
 void get_auxiliary(PTZKitDriver *self, PTZKitReply *reply) {

@@ -18,14 +18,13 @@ static void
 on_position (GObject *link, GAsyncResult *result, gpointer user_data G_GNUC_UNUSED)
 {
   g_autoptr (GError) error = NULL;
-  PTZKitQueryPositionReply *reply = ptz_kit_link_query_position_finish (PTZ_KIT_LINK (link), result, &error);
+  g_autoptr (PTZKitQueryPositionReply) reply = ptz_kit_link_query_position_finish (PTZ_KIT_LINK (link), result, &error);
   g_autofree gchar *place = reply != NULL ? g_strdup_printf ("pan %.2f degrees", reply->position[0] / 100.0) : NULL;
 
   if (reply != NULL && reply->status[PTZ_KIT_AXIS_PAN] == PTZ_MOVE_STATUS_MOVING)
     g_timeout_add_once (100, ask_position, link);
   else
     tell (link, reply != NULL ? place : error->message);
-  g_clear_pointer (&reply, ptz_kit_query_position_reply_free);
 }
 
 static void
@@ -41,11 +40,12 @@ static void
 on_state (PTZKitLink *link)
 {
   static const gchar *states[] = { "disconnected", "connecting", "ready", "failed" };
-  const PTZKitMoveRequest move = { PTZ_MOVE_ABSOLUTE, 1 << PTZ_KIT_AXIS_PAN, 100, { 10000 } };
+  static const gint32 place[PTZ_KIT_N_AXES] = { 10000 };
+  g_autoptr (PTZKitMoveRequest) move = ptz_kit_move_request_new (PTZ_MOVE_ABSOLUTE, 1 << PTZ_KIT_AXIS_PAN, 100, place);
 
   tell (link, states[ptz_kit_link_get_state (link)]);
   if (ptz_kit_link_get_state (link) == PTZ_KIT_LINK_STATE_READY)
-    ptz_kit_link_move_async (link, &move, 1000, NULL, on_moved, NULL);
+    ptz_kit_link_move_async (link, move, 1000, NULL, on_moved, NULL);
 }
 
 int

@@ -80,13 +80,13 @@ static void
 auxiliary (PTZKitDriver *self, const PTZKitAuxiliaryRequest *request, PTZKitReply *reply)
 {
   KitDriver *driver = (KitDriver *) self;
-  PTZKitAuxiliaryReply answer = { request->name, PTZ_ENABLE_OFF };
+  g_autoptr (PTZKitAuxiliaryReply) answer = ptz_kit_auxiliary_reply_new (request->name, PTZ_ENABLE_OFF);
 
   if (g_str_equal (request->name, "wiper")) {
     if (request->state != PTZ_ENABLE_NONE)
       driver->wiper = request->state == PTZ_ENABLE_ON;
-    answer.state = driver->wiper ? PTZ_ENABLE_ON : PTZ_ENABLE_OFF;
-    ptz_kit_reply_auxiliary (reply, &answer);
+    answer->state = driver->wiper ? PTZ_ENABLE_ON : PTZ_ENABLE_OFF;
+    ptz_kit_reply_auxiliary (reply, answer);
   } else {
     ptz_kit_reply_error (reply, PTZ_KIT_ERROR_CODE_NOT_FOUND, "there is no auxiliary of this name");
   }

@@ -79,8 +79,15 @@ bool is_switch(const PTZKitParameter &parameter) {
   return parameter.group == PTZ_PARAMETER_GROUP_AUX_BUTTON && parameter.kind == PTZ_PARAMETER_BOOLEAN;
 }
 
-PTZKitMoveRequest move_to(const PerAxis &target) {
-  return {PTZ_MOVE_ABSOLUTE, 0b111, full_speed, {target[0], target[1], target[2]}};
+using MoveRequest = Owned<PTZKitMoveRequest, ptz_kit_move_request_free>;
+using GotoRequest = Owned<PTZKitGotoDevicePresetRequest, ptz_kit_goto_device_preset_request_free>;
+
+MoveRequest move_to(const PerAxis &target) {
+  return MoveRequest(ptz_kit_move_request_new(PTZ_MOVE_ABSOLUTE, 0b111, full_speed, target.data()));
+}
+
+GotoRequest go_to_preset(guint32 number) {
+  return GotoRequest(ptz_kit_goto_device_preset_request_new(number, full_speed));
 }
 
 }  // namespace
@@ -197,7 +204,7 @@ bool Tour::show_limits() {
     terminal_.line(table_row(name, in_unit(axis, limits->minimum[axis]), in_unit(axis, limits->maximum[axis]),
                              in_unit(axis, speeds->maximum[axis]) + "/s"));
   }
-  limits_ = *limits;
+  pan_end_ = limits->maximum[PTZ_KIT_AXIS_PAN];
   if (!options_.pan_limit) return true;
   const std::string wanted = in_degrees(*options_.pan_limit);
   if (limits->maximum[PTZ_KIT_AXIS_PAN] != *options_.pan_limit) return fail("pan should end at " + wanted);
@@ -210,10 +217,11 @@ bool Tour::switch_live_setting() {
   if (live_setting_.empty()) return true;
   begin_step("A live setting, switched on and off");
   for (const auto &[state, expected] : {std::pair{PTZ_ENABLE_ON, "true"}, {PTZ_ENABLE_OFF, "false"}}) {
-    PTZKitAuxiliaryRequest wanted{live_setting_.data(), static_cast<guint32>(state)};
+    const Owned<PTZKitAuxiliaryRequest, ptz_kit_auxiliary_request_free> wanted(
+        ptz_kit_auxiliary_request_new(live_setting_.data(), static_cast<guint32>(state)));
     Problem problem;
     const Owned<PTZKitAuxiliaryReply, ptz_kit_auxiliary_reply_free> reply(
-        ptz_kit_link_auxiliary(link_, &wanted, 0, nullptr, problem.out()));
+        ptz_kit_link_auxiliary(link_, wanted.get(), 0, nullptr, problem.out()));
     if (!reply) return fail(describe_failure(problem));
     const Parameters parameters = ask_parameters();
     if (!parameters) return false;
@@ -231,20 +239,20 @@ bool Tour::switch_live_setting() {
 bool Tour::move_absolutely() {
   begin_step("An absolute move, watched until the head is idle");
   terminal_.line("to " + describe(entrance.data()));
-  return move(move_to(entrance)) && arrive_at(entrance);
+  return move(*move_to(entrance)) && arrive_at(entrance);
 }
 
 bool Tour::use_preset() {
   begin_step("A device preset: stored, left, returned to");
-  const Text name(g_strdup(preset_name));
-  const PTZKitSetDevicePresetRequest preset{preset_number, name.get()};
+  const Owned<PTZKitSetDevicePresetRequest, ptz_kit_set_device_preset_request_free> preset(
+      ptz_kit_set_device_preset_request_new(preset_number, preset_name));
   Problem problem;
   const Owned<PTZKitSetDevicePresetReply, ptz_kit_set_device_preset_reply_free> stored(
-      ptz_kit_link_set_device_preset(link_, &preset, 0, nullptr, problem.out()));
+      ptz_kit_link_set_device_preset(link_, preset.get(), 0, nullptr, problem.out()));
   if (!stored) return fail(describe_failure(problem));
   viewpoint_ = entrance;
   terminal_.line("stored; away to " + describe(gate.data()));
-  return move(move_to(gate)) && arrive_at(gate) && return_to_preset();
+  return move(*move_to(gate)) && arrive_at(gate) && return_to_preset();
 }
 
 bool Tour::return_to_preset() {
@@ -259,9 +267,9 @@ bool Tour::return_to_preset() {
   terminal_.line("presets:" + listed);
   if (!found) return fail("the preset that was stored is missing");
   terminal_.line("to preset " + std::to_string(preset_number));
-  const PTZKitGotoDevicePresetRequest request{preset_number, full_speed};
   Problem problem;
-  return checked(ptz_kit_link_goto_device_preset(link_, &request, 0, nullptr, problem.out()), problem) &&
+  return checked(ptz_kit_link_goto_device_preset(link_, go_to_preset(preset_number).get(), 0, nullptr, problem.out()),
+                 problem) &&
          arrive_at(viewpoint_);
 }
 
@@ -315,18 +323,19 @@ bool Tour::be_refused() {
   begin_step("What the driver refuses, and lives on");
   const std::vector<guint8> unknown = {29, 0, 0, 0};
   const std::vector<guint8> cut_short = {PTZ_COMMAND_MOVE, 0, 0, 0, PTZ_MOVE_ABSOLUTE, 0, 0, 0, 0b111, full_speed, 0};
-  const PTZKitOsdMenuRequest menu{PTZ_OSD_MENU_OPEN};
-  const auto beyond = static_cast<gint32>(std::min<gint64>(gint64{limits_.maximum[PTZ_KIT_AXIS_PAN]} + 1, G_MAXINT32));
-  const PTZKitMoveRequest too_far = move_to({beyond, 0, 1'00});
-  const PTZKitGotoDevicePresetRequest to_nowhere{7, full_speed};
+  const Owned<PTZKitOsdMenuRequest, ptz_kit_osd_menu_request_free> menu(
+      ptz_kit_osd_menu_request_new(PTZ_OSD_MENU_OPEN));
+  const auto beyond = static_cast<gint32>(std::min<gint64>(gint64{pan_end_} + 1, G_MAXINT32));
+  const MoveRequest too_far = move_to({beyond, 0, 1'00});
+  const GotoRequest to_nowhere = go_to_preset(7);
   Problem problem;
   return expect_refusal_of(unknown, PTZ_KIT_ERROR_CODE_UNKNOWN_COMMAND, "command 29") &&
-         expect_refusal(ptz_kit_link_osd_menu(link_, &menu, 0, nullptr, problem.out()), problem,
+         expect_refusal(ptz_kit_link_osd_menu(link_, menu.get(), 0, nullptr, problem.out()), problem,
                         PTZ_KIT_ERROR_CODE_UNSUPPORTED, "OSD menu") &&
          expect_refusal_of(cut_short, PTZ_KIT_ERROR_CODE_MALFORMED, "a move without its last bytes") &&
-         expect_refusal(ptz_kit_link_move(link_, &too_far, 0, nullptr, problem.out()), problem,
+         expect_refusal(ptz_kit_link_move(link_, too_far.get(), 0, nullptr, problem.out()), problem,
                         PTZ_KIT_ERROR_CODE_OUT_OF_RANGE, "a move beyond the limit") &&
-         expect_refusal(ptz_kit_link_goto_device_preset(link_, &to_nowhere, 0, nullptr, problem.out()), problem,
+         expect_refusal(ptz_kit_link_goto_device_preset(link_, to_nowhere.get(), 0, nullptr, problem.out()), problem,
                         PTZ_KIT_ERROR_CODE_NOT_FOUND, "a preset that was never stored");
 }
 

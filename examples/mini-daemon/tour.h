@@ -35,7 +35,7 @@ class Tour {
   const TourOptions options_;
   int step_ = 0;
   PerAxis viewpoint_{};  // stored in the preset, and returned to after the restart
-  PTZKitQueryLimitRangesReply limits_{};
+  gint32 pan_end_ = 0;
   std::string live_setting_;  // one that can be switched; empty if there is none
 
   void begin_step(const std::string &text);
