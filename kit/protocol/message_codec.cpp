@@ -52,8 +52,9 @@ GPtrArray *copy_list(const Element &element, const GPtrArray *list) {
   GPtrArray *copy = make_list(element);
   for (guint i = 0; list != nullptr && i < list->len; ++i) {
     const auto *data = list->pdata[i];
-    g_ptr_array_add(copy, record_of(element) != nullptr ? copy_message(*record_of(element), data)
-                                                        : g_strdup(static_cast<const gchar *>(data)));
+    g_ptr_array_add(copy, data != nullptr && record_of(element) != nullptr
+                              ? copy_message(*record_of(element), data)
+                              : g_strdup(static_cast<const gchar *>(data)));
   }
   return copy;
 }
@@ -170,6 +171,12 @@ class Reader {
   }
 };
 
+bool fail_element(const char *title, const Element &list, guint index, const char *problem, GError **error) {
+  g_set_error(error, PTZ_KIT_ERROR, PTZ_KIT_ERROR_OUT_OF_RANGE, "%s: element %u of field \"%s\": %s", title, index,
+              name_of(list), problem);
+  return false;
+}
+
 // --- writing ---
 
 bool write_text(const char *title, const char *name, const gchar *text, GArray *body, GError **error) {
@@ -194,6 +201,7 @@ bool write_list(const char *title, const Element &element, const GPtrArray *list
   ptz_serialize_32bit(body, count);
   for (guint i = 0; i < count; ++i) {
     const auto *data = list->pdata[i];
+    if (data == nullptr) return fail_element(title, element, i, "it is NULL", error);
     const bool written = record_of(element) != nullptr
                              ? write_fields(title, *record_of(element), data, body, error)
                              : write_text(title, name_of(element), static_cast<const gchar *>(data), body, error);
@@ -254,25 +262,34 @@ bool is_enumerator(GType type, gint64 value) {
   return is_one;
 }
 
-bool validate_element(const Layout &layout, const Element &element, gconstpointer message, GError **error) {
-  if (element.kind == Kind::list) {
-    const auto *list = member<GPtrArray *>(message, element);
-    for (guint i = 0; record_of(element) != nullptr && list != nullptr && i < list->len; ++i) {
-      if (validate_message(*record_of(element), list->pdata[i], error) == FALSE) return false;
-    }
-    return true;
+bool validate_list(const Layout &layout, const Element &element, const GPtrArray *list, GError **error) {
+  const Layout *record = record_of(element);
+  for (guint i = 0; list != nullptr && i < list->len; ++i) {
+    const auto *data = list->pdata[i];
+    if (data == nullptr) return fail_element(title_of(layout), element, i, "it is NULL", error);
+    if (record == nullptr || validate_message(*record, data, error) != FALSE) continue;
+    g_prefix_error(error, "%s: element %u of field \"%s\": ", title_of(layout), i, name_of(element));
+    return false;
   }
+  return true;
+}
+
+bool validate_element(const Layout &layout, const Element &element, gconstpointer message, GError **error) {
+  if (element.kind == Kind::list) return validate_list(layout, element, member<GPtrArray *>(message, element), error);
   if (element.kind == Kind::text) {
     const auto length = static_cast<gint64>(strlen(text_of(message, element)));
     if (length >= element.least && length <= most_of(element)) return true;
     return fail_bounds(layout, element, "the length of field", length, error);
   }
   const gint64 value = value_of(message, element);
-  if (value < element.least || value > most_of(element)) return fail_bounds(layout, element, "field", value, error);
-  if (element.enumeration == 0 || is_enumerator(type_of(element), value)) return true;
+  const bool is_within = value >= element.least && value <= most_of(element);
+  if (element.enumeration == 0) return is_within || fail_bounds(layout, element, "field", value, error);
+  const bool is_known = is_enumerator(type_of(element), value);
+  if (is_within && is_known) return true;
   g_set_error(error, PTZ_KIT_ERROR, PTZ_KIT_ERROR_OUT_OF_RANGE,
-              "%s: field \"%s\" is %" G_GINT64_FORMAT ", which is no value of %s", title_of(layout), name_of(element),
-              value, g_type_name(type_of(element)));
+              is_known ? "%s: field \"%s\"%s is %" G_GINT64_FORMAT ", a value of %s that is not allowed here"
+                       : "%s: field \"%s\"%s is %" G_GINT64_FORMAT ", which is no value of %s",
+              title_of(layout), name_of(element), axis_names[element.axis], value, g_type_name(type_of(element)));
   return false;
 }
 

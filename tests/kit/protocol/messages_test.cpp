@@ -227,7 +227,8 @@ TEST_P(KitMessageBounds, ValidateNamesFieldThatIsOutOfRange) {
 INSTANTIATE_TEST_SUITE_P(
     , KitMessageBounds,
     testing::Values(Bound{"AllWithin", 1, 7, 100, ""},
-                    Bound{"KindNone", 0, 1, 1, "move request: field \"kind\" is 0, not within 1 to 4294967295"},
+                    Bound{"KindNone", 0, 1, 1,
+                          "move request: field \"kind\" is 0, a value of PTZMove that is not allowed here"},
                     Bound{"KindUnknown", 9, 1, 1, "move request: field \"kind\" is 9, which is no value of PTZMove"},
                     Bound{"KindBeyondInt", 0xffffffff, 1, 1,
                           "move request: field \"kind\" is 4294967295, which is no value of PTZMove"},
@@ -250,8 +251,39 @@ TEST(KitMessages, ValidateChecksRecordsOfLists) {
   const Presets presets(ptz_kit_get_device_presets_reply_new());
   const Preset bad(ptz_kit_preset_new(33, "gate"));
   ptz_kit_get_device_presets_reply_add_preset(presets.get(), bad.get());
-  EXPECT_EQ(error_of([&](GError **error) { ptz_kit_get_device_presets_reply_validate(presets.get(), error); }),
-            "preset: field \"number\" is 33, not within 1 to 32");
+  EXPECT_EQ(
+      error_of([&](GError **error) { ptz_kit_get_device_presets_reply_validate(presets.get(), error); }),
+      "get device presets reply: element 0 of field \"presets\": preset: field \"number\" is 33, not within 1 to 32");
+}
+
+template <typename T, auto write, auto validate, auto copy, auto free_message>
+void check_null_element(T *message, GPtrArray *list, const char *expected) {
+  g_ptr_array_add(list, nullptr);
+  GArray *body = ptz_serialize_create_array();
+  EXPECT_EQ(error_of([&](GError **error) { EXPECT_FALSE(write(message, body, error)); }), expected);
+  EXPECT_EQ(body->len, 0u);
+  g_array_unref(body);
+  EXPECT_EQ(error_of([&](GError **error) { EXPECT_FALSE(validate(message, error)); }), expected);
+  free_message(copy(message));
+  free_message(message);
+}
+
+TEST(KitMessages, NullElementOfListOfRecordsIsError) {
+  PTZKitGetDevicePresetsReply *presets = ptz_kit_get_device_presets_reply_new();
+  const Preset first(ptz_kit_preset_new(1, "gate"));
+  ptz_kit_get_device_presets_reply_add_preset(presets, first.get());
+  check_null_element<PTZKitGetDevicePresetsReply, ptz_kit_get_device_presets_reply_write,
+                     ptz_kit_get_device_presets_reply_validate, ptz_kit_get_device_presets_reply_copy,
+                     ptz_kit_get_device_presets_reply_free>(
+      presets, presets->presets, "get device presets reply: element 1 of field \"presets\": it is NULL");
+}
+
+TEST(KitMessages, NullElementOfListOfTextsIsError) {
+  PTZKitGetDeviceTypesReply *types = ptz_kit_get_device_types_reply_new();
+  check_null_element<PTZKitGetDeviceTypesReply, ptz_kit_get_device_types_reply_write,
+                     ptz_kit_get_device_types_reply_validate, ptz_kit_get_device_types_reply_copy,
+                     ptz_kit_get_device_types_reply_free>(
+      types, types->types, "get device types reply: element 0 of field \"types\": it is NULL");
 }
 
 TEST(KitMessages, AutoptrsOfRecordsRequestsAndRepliesCompile) {
