@@ -222,9 +222,9 @@ gboolean ptz_kit_driver_load_settings(PTZKitDriver *self, const gchar *const *fi
   g_return_val_if_fail(PTZ_KIT_IS_DRIVER(self), FALSE);
   g_return_val_if_fail(files != NULL, FALSE);
   const Problems problems = core_of(self).settings.load(files);
-  for (const std::string &problem : problems.unknown) syslog(LOG_WARNING, "%s", problem.c_str());
+  for (const std::string &problem : problems.unknown.lines()) syslog(LOG_WARNING, "%s", problem.c_str());
   if (problems.bad.empty()) return core_of(self).check_settings(error) ? TRUE : FALSE;
-  g_set_error_literal(error, G_KEY_FILE_ERROR, G_KEY_FILE_ERROR_INVALID_VALUE, joined(problems.bad).c_str());
+  g_set_error_literal(error, G_KEY_FILE_ERROR, G_KEY_FILE_ERROR_INVALID_VALUE, joined(problems.bad.lines()).c_str());
   return FALSE;
 }
 

@@ -93,8 +93,8 @@ bool check_settings(DriverCore &core) {
 bool load_settings(DriverCore &core, const Options &options) {
   if (options.config == nullptr) return true;
   const Problems problems = core.settings.load(options.config);
-  complain(core, problems.bad);
-  complain(core, problems.unknown);
+  complain(core, problems.bad.lines());
+  complain(core, problems.unknown.lines());
   return problems.bad.empty() && (options.check_settings == FALSE || problems.unknown.empty());
 }
 

@@ -1,5 +1,6 @@
 #include "driver/settings.h"
 
+#include <glib/gstdio.h>
 #include <ptz_settings.h>
 
 #include <algorithm>
@@ -15,6 +16,8 @@ namespace {
 
 #define BOUNDS "%" G_GINT64_FORMAT " to %" G_GINT64_FORMAT
 constexpr char root_prefix[] = "root.";
+constexpr std::size_t most_told = 20;
+constexpr goffset most_bytes = 1 << 20;
 
 std::optional<bool> parse_boolean(const std::string &text) {
   for (const char *word : {"yes", "true"}) {
@@ -59,6 +62,23 @@ std::string without_key_file_escapes(std::string_view value) {
   return text;
 }
 
+// Whether a C escape stands for the byte 0, which would end the text.
+bool holds_nul(std::string_view value) {
+  const auto is_octal = [&](std::size_t index) {
+    return index < value.size() && value[index] >= '0' && value[index] < '8';
+  };
+  for (std::size_t index = 0; index < value.size(); ++index) {
+    if (value[index] != '\\') continue;
+    unsigned number = 0;
+    const std::size_t first = ++index;
+    for (; index < first + 3 && is_octal(index); ++index)
+      number = 8 * number + static_cast<unsigned>(value[index] - '0');
+    if (index > first && (number & 0xff) == 0) return true;
+    if (index > first) --index;
+  }
+  return false;
+}
+
 // As the library's settings have it: key-file escapes are resolved, a pair of quotes is taken off, C escapes are
 // resolved.
 std::string cleaned(std::string_view raw) {
@@ -70,11 +90,12 @@ std::string cleaned(std::string_view raw) {
   const std::size_t before = value.find_last_not_of('\\');
   if ((value.size() - 1 - before) % 2 == 1) value.pop_back();
   const Text resolved(g_strcompress(value.c_str()));
-  return resolved.get();
+  return holds_nul(value) ? std::string(1, '\0') : resolved.get();
 }
 
 // Why the setting cannot have the value; empty if it can.
 std::string objection(const Setting &setting, const std::string &value) {
+  if (value.find('\0') != std::string::npos) return "the text holds the byte 0";
   switch (setting.kind) {
     case PTZ_KIT_SETTING_BOOLEAN:
       return parse_boolean(value) ? "" : format("\"%s\" is not yes, no, true or false", value.c_str());
@@ -99,6 +120,15 @@ std::string_view without_number(std::string_view group) {
   return group;
 }
 
+std::string contradiction(const Setting &setting) {
+  if (setting.kind != PTZ_KIT_SETTING_BOOLEAN && setting.least > setting.most) {
+    return format(BOUNDS " is no range", setting.least, setting.most);
+  }
+  // An empty text may stand for no value.
+  if (setting.kind == PTZ_KIT_SETTING_STRING && setting.value.empty()) return "";
+  return objection(setting, setting.value);
+}
+
 // Whether the two are the same setting of numbered groups, such as [Preset0] and [Preset1].
 bool are_numbered_alike(const Setting &a, const Setting &b) {
   return a.key == b.key && a.doc == b.doc && without_number(a.group) == without_number(b.group);
@@ -106,10 +136,29 @@ bool are_numbered_alike(const Setting &a, const Setting &b) {
 
 }  // namespace
 
+void ProblemLines::add(std::string line) {
+  if (lines_.size() < most_told) return lines_.push_back(std::move(line));
+  ++more_;
+}
+
+std::vector<std::string> ProblemLines::lines() const {
+  std::vector<std::string> all = lines_;
+  if (more_ > 0) all.push_back(format("and %zu more", more_));
+  return all;
+}
+
 Settings::Settings() {
   // The library reads it when counters are set up.
   add({"PTZDriverManager", "NbrOfDrivers", PTZ_KIT_SETTING_INTEGER, "1", 1, G_MAXINT32,
        "Number of drivers; with 2 or more, a second one has a request counter of its own"});
+}
+
+void Settings::add(Setting setting) {
+  setting.value = cleaned(setting.initial);
+  const std::string reason =
+      look_up(setting.group, setting.key) != nullptr ? "it is declared already" : contradiction(setting);
+  if (reason.empty()) return settings_.push_back(std::move(setting));
+  g_critical("setting [%s] %s: %s", setting.group.c_str(), setting.key.c_str(), reason.c_str());
 }
 
 Setting *Settings::look_up(std::string_view group, std::string_view key) {
@@ -125,13 +174,13 @@ void Settings::read_value(std::string_view group, std::string_view key, std::str
                   static_cast<int>(key.size()), key.data(), reason);
   };
   Setting *setting = look_up(group, key);
-  if (setting == nullptr) return problems.unknown.push_back(name("there is no such setting"));
+  if (setting == nullptr) return problems.unknown.add(name("there is no such setting"));
   std::string text = cleaned(value);
   const std::string reason = objection(*setting, text);
   if (reason.empty()) {
     setting->value = std::move(text);
   } else {
-    problems.bad.push_back(name(reason.c_str()));
+    problems.bad.add(name(reason.c_str()));
   }
 }
 
@@ -145,8 +194,8 @@ void Settings::read_line(std::string_view line, std::string &group, const Place 
   }
   const std::size_t equals = line.find('=');
   if (equals == std::string_view::npos || equals == 0 || group.empty()) {
-    return problems.bad.push_back(format(
-        "%s:%u: this is neither a group, nor a key in a group with its value, nor a comment", place.file, place.line));
+    return problems.bad.add(format("%s:%u: this is neither a group, nor a key in a group with its value, nor a comment",
+                                   place.file, place.line));
   }
   read_value(group, stripped(line.substr(0, equals)), stripped(line.substr(equals + 1)), place, problems);
 }
@@ -155,14 +204,23 @@ void Settings::read_file(const char *path, Problems &problems) {
   Text text;
   Error error;
   gsize length = 0;
-  if (g_file_get_contents(path, out(text), &length, out(error)) == FALSE) {
-    problems.bad.emplace_back(error->message);
-    return;
+  GStatBuf status;
+  // The library reads the file once more, so a pipe is of no use. Other files may have no end.
+  if (g_stat(path, &status) == 0) {
+    if (!S_ISREG(status.st_mode)) return problems.bad.add(format("%s: this is no regular file", path));
+    if (status.st_size > most_bytes) return problems.bad.add(format("%s: the file has more than 1 MiB", path));
   }
-  if (g_utf8_validate_len(text.get(), length, nullptr) == FALSE) {
-    return problems.bad.push_back(format("%s: the file is not UTF-8", path));
+  if (g_file_get_contents(path, out(text), &length, out(error)) == FALSE) return problems.bad.add(error->message);
+  read_text(path, {text.get(), length}, problems);
+}
+
+void Settings::read_text(const char *path, std::string_view text, Problems &problems) {
+  if (g_utf8_validate_len(text.data(), text.size(), nullptr) == FALSE) {
+    return problems.bad.add(format("%s: the file is not UTF-8", path));
   }
-  std::string_view left(text.get(), length);
+  if (text.starts_with("\xef\xbb\xbf"))
+    return problems.bad.add(format("%s: the file begins with a byte order mark", path));
+  std::string_view left = text;
   std::string group;
   for (guint number = 1; !left.empty(); ++number) {
     const std::size_t end = left.find('\n');
@@ -173,16 +231,20 @@ void Settings::read_file(const char *path, Problems &problems) {
 
 Problems Settings::load(const char *const *files) {
   Problems problems;
+  std::vector<Setting> before = settings_;
+  settings_.swap(before);  // the texts that are kept if the load fails stay where they are
+  for (Setting &setting : settings_) setting.value = cleaned(setting.initial);
   const Handle<PTZSettingsFile, g_free> records(
       g_new0(PTZSettingsFile, g_strv_length(const_cast<gchar **>(files)) + 1));
   for (PTZSettingsFile *record = records.get(); *files != nullptr; ++files, ++record) {
     read_file(*files, problems);
     *record = {*files, TRUE};
   }
-  if (records->path == nullptr || !problems.bad.empty()) return problems;
-  if (ptz_settings_load_config_gkf(records.get(), nullptr) == FALSE) {
-    problems.bad.emplace_back("the settings cannot be loaded; the log says why");
+  if (records->path != nullptr && problems.bad.empty() &&
+      ptz_settings_load_config_gkf(records.get(), nullptr) == FALSE) {
+    problems.bad.add("the settings cannot be loaded; the log says why");
   }
+  if (!problems.bad.empty()) settings_.swap(before);
   return problems;
 }
 

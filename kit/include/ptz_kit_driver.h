@@ -372,12 +372,13 @@ PTZ_KIT_API void ptz_kit_driver_remove_capabilities (PTZKitDriver *self, guint32
  * @group: group in the settings file
  * @key: key in the group
  * @kind: kind of the value
- * @default_value: the value if no file has the key, as it would stand in one
+ * @default_value: the value if no file has the key, as it would stand in one; an empty text is possible whatever @minimum is
  * @minimum: smallest value, or length in bytes of a text; not in use for a boolean
  * @maximum: largest value, or length of a text
  * @doc: one sentence for `--help`
  *
- * Declares a setting. Keys that are not declared are reported when a file is read.
+ * Declares a setting. Keys that are not declared are reported when a file is read. A setting that is declared already, or
+ * whose default is not within its bounds, is a critical warning.
  *
  * Thread: the one of the default main context.
  *
@@ -408,7 +409,9 @@ PTZ_KIT_API void ptz_kit_driver_add_option_entries (PTZKitDriver *self, const GO
  * @error: return location for an error, or `NULL`
  *
  * Reads settings. Every problem is one line of the error, with file and line number, so that all are seen at once. An
- * unknown key alone is no failure: it is a warning in the log. On failure, good values have been taken all the same.
+ * unknown key alone is no failure: it is a warning in the log. Of each kind, the first 20 are told, and the number of the
+ * others. A file that is no regular file, or has more than 1 MiB, is not read. A setting that no file has gets its default.
+ * If a value is bad, every setting stays as it was; if @check_settings objects, the new values hold.
  * ptz_kit_driver_run() reads the files of its option `--config` like this.
  *
  * Thread: the one of the default main context; blocks on the files.

@@ -1,4 +1,7 @@
 // Declared settings: values from files, and what is told of a bad one.
+#include <sys/stat.h>
+
+#include <algorithm>
 #include <fstream>
 
 #include "running_driver.h"
@@ -117,6 +120,80 @@ TEST_F(KitSettings, FileThatIsNotUtf8IsBad) {
 TEST_F(KitSettings, EscapeSequencesOfTextAreResolved) {
   EXPECT_EQ(load_text("[Head]\nPort=a\\tb\n"), "");
   EXPECT_EQ(port(), "a\tb");
+}
+
+TEST_F(KitSettings, ByteOrderMarkIsToldOnce) {
+  EXPECT_EQ(load_text("\xef\xbb\xbf[Head]\nSpeed=1\nPort=x\n"),
+            dir_.file("settings") + ": the file begins with a byte order mark");
+}
+
+TEST_F(KitSettings, FifoWithoutWriterIsBadAtOnce) {
+  ASSERT_EQ(mkfifo(dir_.file("fifo").c_str(), 0600), 0);
+  EXPECT_EQ(load({dir_.file("fifo")}), dir_.file("fifo") + ": this is no regular file");
+}
+
+TEST_F(KitSettings, FileWithoutEndIsBad) { EXPECT_EQ(load({"/dev/zero"}), "/dev/zero: this is no regular file"); }
+
+TEST_F(KitSettings, FileOfMoreThanOneMebibyteIsNotRead) {
+  EXPECT_EQ(load_text("#" + std::string(1 << 20, 'x')), dir_.file("settings") + ": the file has more than 1 MiB");
+  EXPECT_EQ(load_text("#" + std::string((1 << 20) - 1, 'x')), "");
+}
+
+TEST_F(KitSettings, ProblemsBehindTwentiethAreCounted) {
+  std::string text;
+  for (int i = 0; i < 25; ++i) text += "x\n";
+  const std::string error = load_text(text);
+  EXPECT_EQ(std::ranges::count(error, '\n'), 20);
+  EXPECT_TRUE(error.ends_with("\nand 5 more")) << error;
+  const ptz_test::SyslogCapture log;
+  text = "[Head]\n";
+  for (int i = 0; i < 21; ++i) text += "Key" + std::to_string(i) + "=1\n";
+  EXPECT_EQ(load_text(text), "");
+  EXPECT_EQ(log.containing("there is no such setting"), 20U);
+  EXPECT_EQ(log.containing("and 1 more"), 1U);
+}
+
+TEST_F(KitSettings, TextWithEscapeOfByteZeroIsBad) {
+  for (const char *text : {R"(a\\0b)", R"(\\000)", R"(a\\400b)"}) {
+    EXPECT_EQ(load_text(std::string("[Head]\nPort=") + text + "\n"), at(2) + "[Head] Port: the text holds the byte 0");
+  }
+  EXPECT_EQ(load_text("[Head]\nPort=\\\\\\\\0\\\\0601\n"), "");
+  EXPECT_EQ(port(),
+            "\\0"
+            "01");
+}
+
+TEST_F(KitSettings, SettingThatNoFileHasGetsDefaultAgain) {
+  EXPECT_EQ(load_text("[Head]\nSpeed=7\n"), "");
+  EXPECT_EQ(load_text("[Head]\nPort=x\n"), "");
+  EXPECT_EQ(speed(), 50);
+  EXPECT_EQ(port(), "x");
+}
+
+TEST_F(KitSettings, FailedLoadKeepsAllValues) {
+  EXPECT_EQ(load_text("[Head]\nSpeed=7\n"), "");
+  const gchar *kept = ptz_kit_driver_get_string(driver_, "Head", "Port");
+  EXPECT_NE(load_text("[Head]\nSpeed=8\nPort=123456789\n"), "");
+  EXPECT_EQ(speed(), 7);
+  EXPECT_EQ(ptz_kit_driver_get_string(driver_, "Head", "Port"), kept);
+}
+
+TEST_F(KitSettings, DeclarationThatContradictsItselfOrAnotherIsCritical) {
+  const ptz_test::GlibLogCapture log;
+  ptz_kit_driver_add_setting(driver_, "Lens", "A", PTZ_KIT_SETTING_INTEGER, "abc", 1, 9, "not a number");
+  ptz_kit_driver_add_setting(driver_, "Lens", "B", PTZ_KIT_SETTING_INTEGER, "10", 1, 9, "beyond");
+  ptz_kit_driver_add_setting(driver_, "Lens", "C", PTZ_KIT_SETTING_STRING, "", 9, 1, "no range");
+  ptz_kit_driver_add_setting(driver_, "Lens", "D", PTZ_KIT_SETTING_BOOLEAN, "maybe", 0, 0, "no boolean");
+  ptz_kit_driver_add_setting(driver_, "Head", "Speed", PTZ_KIT_SETTING_INTEGER, "3", 1, 9, "twice");
+  EXPECT_EQ(log.criticals(), 5U);
+  ptz_kit_driver_add_setting(driver_, "Lens", "E", PTZ_KIT_SETTING_STRING, "", 1, 9, "no value");
+  EXPECT_EQ(log.criticals(), 5U);
+  EXPECT_EQ(speed(), 50);
+}
+
+TEST_F(KitSettings, DefaultIsReadAsInFile) {
+  ptz_kit_driver_add_setting(driver_, "Lens", "Name", PTZ_KIT_SETTING_STRING, "\"a b\"", 1, 9, "a name");
+  EXPECT_STREQ(ptz_kit_driver_get_string(driver_, "Lens", "Name"), "a b");
 }
 
 TEST_F(KitSettings, MissingFileIsBad) { EXPECT_NE(load({dir_.file("none")}).find("/none"), std::string::npos); }
