@@ -8,8 +8,6 @@ namespace ptz_kit {
 
 namespace {
 
-constexpr guint32 most_presets = 32;
-
 guint32 move_capabilities(const DriverCore &core) {
   constexpr guint32 each_kind[] = {
       PTZ_DRIVER_MOVE_CAPABILITIES_PAN | PTZ_DRIVER_MOVE_CAPABILITIES_RELPAN | PTZ_DRIVER_MOVE_CAPABILITIES_CONTPAN,
@@ -131,7 +129,8 @@ void answer_get_driver_parameters(DriverCore &core, gconstpointer, PTZKitReply *
   const Handle<PTZKitGetDriverParametersReply, ptz_kit_get_driver_parameters_reply_free> message(
       ptz_kit_get_driver_parameters_reply_new());
   if (core.keeps_presets()) {
-    add_parameter(message.get(), PTZ_PARAMETER_GROUP_GENERAL, "presets", "Number of device presets", most_presets);
+    add_parameter(message.get(), PTZ_PARAMETER_GROUP_GENERAL, "presets", "Number of device presets",
+                  PTZ_KIT_MAX_PRESETS);
   }
   for (std::size_t index = 0; index < core.axes.size(); ++index) {
     const Axis &axis = core.axes[index];

@@ -26,7 +26,7 @@
 
 namespace ptz_kit {
 
-inline constexpr char protocol_version[] = "1";  // of commands.toml
+inline constexpr char protocol_version[] = G_STRINGIFY(PTZ_KIT_PROTOCOL_VERSION);
 inline constexpr guint default_reply_deadline_ms = 30'000;
 
 struct Capabilities {

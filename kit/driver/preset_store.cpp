@@ -1,6 +1,7 @@
 #include "driver/preset_store.h"
 
 #include <ptz_config.h>
+#include <ptz_kit_messages.h>
 #include <syslog.h>
 
 #include "driver/axes.h"
@@ -13,8 +14,6 @@ namespace {
 // Of what the kit writes. A change that an older driver can live with raises the minor version.
 constexpr gint format_major = 1;
 constexpr gint format_minor = 0;
-constexpr guint32 most_presets = 32;
-constexpr gsize longest_name = 32;
 constexpr guint8 all_axes = 7;
 constexpr char axis_keys[][5] = {"Pan", "Tilt", "Zoom"};
 constexpr char home_group[] = "DefaultHome";
@@ -29,7 +28,7 @@ const char *reason_of(const Error &error) { return error ? error->message : "the
 // A file without the key "Axes" holds presets of all axes.
 bool read_preset(GKeyFile *file, const char *group, StoredPreset &preset, Error &error) {
   const Text name(g_key_file_get_string(file, group, "Name", out(error)));
-  if (!name || *name == '\0' || strlen(name.get()) > longest_name) return false;
+  if (!name || *name == '\0' || strlen(name.get()) > PTZ_KIT_MAX_PRESET_NAME_BYTES) return false;
   preset.name = name.get();
   preset.axes = all_axes;
   if (g_key_file_has_key(file, group, "Axes", nullptr) != FALSE) {
@@ -91,7 +90,7 @@ void PresetStore::open(const std::string &path) {
   key_file_.reset(ptz_config_init_key_file(path.c_str(), format_major, format_minor, &compatible, out(error)));
   if (!key_file_) return log_unusable(path, reason_of(error));
   if (compatible == FALSE) return log_unusable(path, "its format is of another version");
-  for (guint32 number = 1; number <= most_presets; ++number) {
+  for (guint32 number = 1; number <= PTZ_KIT_MAX_PRESETS; ++number) {
     for (const PresetKind kind : {PresetKind::device, PresetKind::driver}) {
       if (read_group(group_of(kind, number), kind, number)) continue;
       return reset();

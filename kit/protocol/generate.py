@@ -13,7 +13,7 @@ import json
 import sys
 
 sys.dont_write_bytecode = True
-from description import camel, load, type_getter  # noqa: E402
+from description import LIMITS, camel, load, type_getter  # noqa: E402
 
 # --- C ----------------------------------------------------------------------------------------------------------------
 
@@ -203,6 +203,21 @@ PTZ_KIT_API {c_type} *{prefix}_read (const guint8 *body, gsize length, GError **
 '''
 
 
+def constants(protocol):
+    values = [('PROTOCOL_VERSION', 'version of the command protocol that this header describes', protocol.version)]
+    values += [('MAX_' + name.upper(), doc, protocol.limits[name]) for name, doc in LIMITS.items()]
+    return ''.join(f'''
+/**
+ * PTZ_KIT_{name}:
+ *
+ * The {doc}.
+ *
+ * Since: 0.1
+ */
+#define PTZ_KIT_{name} {value}
+''' for name, doc, value in values)
+
+
 def make_header(protocol):
     codes = ''.join(f'  PTZ_KIT_ERROR_CODE_{error["name"].upper()} = {error["code"]},\n' for error in protocol.errors)
     docs = ''.join(f' * @PTZ_KIT_ERROR_CODE_{error["name"].upper()}: {error["doc"]}\n' for error in protocol.errors)
@@ -217,7 +232,7 @@ def make_header(protocol):
 #include <ptz_kit_types.h>
 
 G_BEGIN_DECLS
-
+{constants(protocol)}
 /**
  * PTZKitErrorCode:
 {docs} *
@@ -289,13 +304,10 @@ def make_tables_in_c(protocol):
                        f'{len(elements)}, {len(order)}, {message.required()}}},\n')
         elements += [element_of(message, field, axis, pool, enumerations, record_numbers) for field, axis in order]
     numbers = {message.name: number for number, message in enumerate(protocol.everything, 1)}
-    codes = {error['name']: error['code'] for error in protocol.errors}
     commands = ''
     for command in protocol.commands:
-        errors = ' | '.join(f'1u << {codes[name]}' for name in command.get('errors', [])) or '0'
         commands += (f'    {{{command["value"]}, {pool.offset(command["name"])}, {numbers.get(command["name"] + "_request", 0)}, '
-                     f'{numbers.get(command["name"] + "_reply", 0)}, {errors}, '
-                     f'{needed_capabilities(command)}}},\n')
+                     f'{numbers.get(command["name"] + "_reply", 0)}, {needed_capabilities(command)}}},\n')
     element_rows = ''.join(f'    {element},\n' for element in elements)
     getters = ''.join(f'    {type_getter(name)},\n' for name in enumerations)
     return f'''

@@ -1,6 +1,6 @@
 #include "protocol/message_codec.h"
 
-#include <ptz_kit_types.h>
+#include <ptz_kit_messages.h>
 #include <ptz_serialize.h>
 
 #include <algorithm>
@@ -16,6 +16,8 @@ G_DEFINE_QUARK(ptz-kit-error-quark, ptz_kit_error)
 
 namespace ptz_kit {
 namespace {
+
+constexpr gsize most_body_bytes = PTZ_KIT_MAX_BODY_BYTES;
 
 // A message that is NULL, or a body: the programmer's error.
 bool is_given(const Layout &layout, gconstpointer given) {

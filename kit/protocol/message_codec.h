@@ -45,7 +45,6 @@ struct Command {
   guint16 name;    // in Tables::names
   guint8 request;  // 1 for the first of Tables::layouts; 0 if the body is the command word alone
   guint8 reply;
-  guint32 errors;  // a bit for each PTZKitErrorCode that the command may be answered with, beside those of any command
   guint32 move, extra;  // capabilities without which the command is not served
 };
 
@@ -60,8 +59,6 @@ struct Tables {
 extern const Tables tables;
 
 [[nodiscard]] const Command *find_command(gint32 value);
-
-constexpr gsize most_body_bytes = 2552;
 
 // The boxed type of a message, registered at the first call.
 [[nodiscard]] GType message_type(gsize &type, const char *name, GBoxedCopyFunc copy, GBoxedFreeFunc free);

@@ -14,7 +14,7 @@ from description import DescriptionError, Protocol  # noqa: E402
 
 GOOD = {
     'version': 1,
-    'limits': {},
+    'limits': {'body_bytes': 100, 'presets': 1, 'preset_name_bytes': 2},
     'error': [{'name': 'device', 'code': 8, 'doc': 'it fails'}],
     'record': [{'name': 'lamp', 'doc': 'A lamp.', 'fields': [{'name': 'number', 'type': 'u32', 'doc': 'its number'}]}],
     'command': [{'name': 'light', 'value': 'LIGHT', 'doc': 'Switches lamps.', 'errors': ['device'], 'request': [
@@ -168,9 +168,13 @@ class Description(unittest.TestCase):
         self.command['errors'] = ['device', 'fire']
         self.assertEqual(self.error(), 'command light: no error fire')
 
-    def test_error_code_must_fit_tables(self):
-        self.description['error'][0]['code'] = 32
-        self.assertEqual(self.error(), 'error device: its code is not within 1 to 31')
+    def test_error_code_must_be_positive(self):
+        self.description['error'][0]['code'] = 0
+        self.assertEqual(self.error(), 'error device: its code is below 1')
+
+    def test_limits_must_be_known(self):
+        self.description['limits']['heads'] = 9
+        self.assertEqual(self.error(), 'limits: they are not body_bytes, presets, preset_name_bytes')
 
     def test_generator_ends_with_one_line(self):
         with tempfile.NamedTemporaryFile('w', suffix='.toml') as file:

@@ -238,6 +238,13 @@ INSTANTIATE_TEST_SUITE_P(
                     Bound{"SpeedAbove", 1, 1, 101, "move request: field \"speed\" is 101, not within 1 to 100"}),
     [](const auto &info) { return info.param.title; });
 
+TEST(KitMessages, PresetThatMovesNoAxisIsOutOfRange) {
+  PTZKitSetPresetRequest *preset = ptz_kit_set_preset_request_new(1, "gate", 0, values);
+  EXPECT_EQ(error_of([&](GError **error) { EXPECT_FALSE(ptz_kit_set_preset_request_validate(preset, error)); }),
+            "set preset request: field \"axes\" is 0, not within 1 to 7");
+  ptz_kit_set_preset_request_free(preset);
+}
+
 TEST(KitMessages, ValidateChecksLengthOfTexts) {
   const Preset empty(ptz_kit_preset_new(1, "")), longest(ptz_kit_preset_new(1, std::string(32, 'x').c_str()));
   const Preset too_long(ptz_kit_preset_new(1, std::string(33, 'x').c_str()));
@@ -293,6 +300,13 @@ TEST(KitMessages, AutoptrsOfRecordsRequestsAndRepliesCompile) {
   ptz_kit_get_device_presets_reply_add_preset(reply, preset);
   EXPECT_EQ(reply->presets->len, 1u);
   EXPECT_EQ(request->speed, 50);
+}
+
+TEST(KitMessages, ConstantsAreThoseOfDescription) {
+  EXPECT_EQ(PTZ_KIT_PROTOCOL_VERSION, 1);
+  EXPECT_EQ(PTZ_KIT_MAX_BODY_BYTES, 2552);
+  EXPECT_EQ(PTZ_KIT_MAX_PRESETS, 32);
+  EXPECT_EQ(PTZ_KIT_MAX_PRESET_NAME_BYTES, 32);
 }
 
 TEST(KitMessages, MessagesAreBoxedTypes) {
