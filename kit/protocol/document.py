@@ -116,17 +116,29 @@ class Document:
             lines += [f'### Record {record.title}', '', record.doc, ''] + self.field_table(record) + ['']
         lines += ['## Enumerations', '', '| Type | Values |', '|---|---|']
         lines += [f'| `{name}` | {self.vocabulary.row(name)} |' for name in sorted(self.used)]
-        lines += ['', '## Commands that a driver does not serve', '', '| Value | Reason |', '|---|---|']
-        for command in protocol.left_out:
-            lines.append(f'| `{command["value"]}` | {command["reason"]} |')
+        lines += ['', '## What a driver does not serve', '', '| Value | Reason |', '|---|---|']
+        for entry in protocol.left_out:
+            lines.append(f'| `{entry["value"]}` | {entry["reason"]} |')
         return lines
+
+    def check(self):
+        """Every command is described or left out, and nothing else is."""
+        known = set(self.vocabulary.values) | set(self.vocabulary.types)
+        told = {entry['value'] for entry in self.protocol.commands + self.protocol.left_out}
+        problems = [f'{value} is not in the vocabulary' for value in sorted(told - known)]
+        problems += [f'{value} is neither described nor left out'
+                     for value, _ in self.vocabulary.types['PTZCommand'] if value not in told]
+        if problems:
+            sys.exit('\n'.join(problems))
 
 
 def main(arguments):
     if len(arguments) < 4 or arguments[0] not in ('write', 'check'):
         sys.exit(__doc__)
     mode, commands, document, *headers = arguments
-    made = '\n'.join(Document(load(commands), Vocabulary(headers)).lines())
+    tables = Document(load(commands), Vocabulary(headers))
+    tables.check()
+    made = '\n'.join(tables.lines())
     path = pathlib.Path(document)
     present = path.read_text(encoding='utf-8')
     before, begin, rest = present.partition(BEGIN)
