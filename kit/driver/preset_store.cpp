@@ -4,6 +4,9 @@
 #include <ptz_kit_messages.h>
 #include <syslog.h>
 
+#include <utility>
+#include <vector>
+
 #include "driver/axes.h"
 #include "driver/format.h"
 
@@ -54,13 +57,25 @@ void write_preset(GKeyFile *file, const char *group, const StoredPreset &preset)
   }
 }
 
-KeyFile copy(GKeyFile *file, Error &error) {
-  gsize length = 0;
-  const Text text(g_key_file_to_data(file, &length, nullptr));
-  KeyFile same(g_key_file_new());
-  g_key_file_load_from_data(same.get(), text.get(), length, G_KEY_FILE_NONE, out(error));
-  return same;
-}
+// The keys of a group as they are. A copy of the whole file would take seconds if others keep much in it.
+class GroupBackup {
+  GKeyFile *const file_;
+  const char *const group_;
+  std::vector<std::pair<std::string, std::string>> values_;
+
+ public:
+  GroupBackup(GKeyFile *file, const char *group) : file_(file), group_(group) {
+    const TextList keys(g_key_file_get_keys(file, group, nullptr, nullptr));
+    for (char **key = keys.get(); key != nullptr && *key != nullptr; ++key) {
+      const Text value(g_key_file_get_value(file, group, *key, nullptr));
+      values_.emplace_back(*key, value.get());
+    }
+  }
+  void restore() const {
+    g_key_file_remove_group(file_, group_, nullptr);
+    for (const auto &[key, value] : values_) g_key_file_set_value(file_, group_, key.c_str(), value.c_str());
+  }
+};
 
 void log_unusable(const std::string &path, const char *reason) {
   syslog(LOG_ERR, "no presets from '%s', which is left as it is: %s", path.c_str(), reason);
@@ -112,28 +127,27 @@ const StoredPreset *PresetStore::find(PresetKind kind, guint32 number) const {
   return found != all(kind).end() ? &found->second : nullptr;
 }
 
-// The change is made to a copy, so that the memory stays what the file holds if the file cannot be written.
+// The group gets its old keys again if the file cannot be written, so that the memory stays what the file holds.
 template <typename Change>
-bool PresetStore::keep(const char *what, guint32 number, Change change) {
+bool PresetStore::keep(const char *what, guint32 number, const char *group, Change change) {
   if (state_ == State::without_file) return true;
   if (state_ == State::unusable) {
     syslog(LOG_WARNING, "%s %u is not kept: '%s' cannot be used", what, number, path_.c_str());
     return false;
   }
   Error error;
-  KeyFile changed = copy(key_file_.get(), error);
-  change(changed.get());
-  if (error || ptz_config_store_key_file(path_.c_str(), changed.get(), out(error)) == FALSE) {
-    syslog(LOG_WARNING, "%s %u is not kept: %s", what, number, reason_of(error));
-    return false;
-  }
-  key_file_ = std::move(changed);
-  return true;
+  const GroupBackup backup(key_file_.get(), group);
+  change(key_file_.get());
+  if (ptz_config_store_key_file(path_.c_str(), key_file_.get(), out(error)) != FALSE) return true;
+  backup.restore();
+  syslog(LOG_WARNING, "%s %u is not kept: %s", what, number, reason_of(error));
+  return false;
 }
 
 bool PresetStore::set(PresetKind kind, guint32 number, const StoredPreset &preset) {
   const std::string group = group_of(kind, number);
-  if (!keep("preset", number, [&](GKeyFile *file) { write_preset(file, group.c_str(), preset); })) return false;
+  const auto change = [&](GKeyFile *file) { write_preset(file, group.c_str(), preset); };
+  if (!keep("preset", number, group.c_str(), change)) return false;
   presets_[static_cast<std::size_t>(kind)][number] = preset;
   return true;
 }
@@ -141,7 +155,7 @@ bool PresetStore::set(PresetKind kind, guint32 number, const StoredPreset &prese
 bool PresetStore::remove(PresetKind kind, guint32 number) {
   const std::string group = group_of(kind, number);
   const auto change = [&](GKeyFile *file) { g_key_file_remove_group(file, group.c_str(), nullptr); };
-  if (!keep("the removal of preset", number, change)) return false;
+  if (!keep("the removal of preset", number, group.c_str(), change)) return false;
   presets_[static_cast<std::size_t>(kind)].erase(number);
   return true;
 }
@@ -162,7 +176,7 @@ bool PresetStore::set_home(guint32 number) {
   const auto change = [number](GKeyFile *file) {
     g_key_file_set_integer(file, home_group, home_key, static_cast<gint>(number));
   };
-  if (!keep("home preset", number, change)) return false;
+  if (!keep("home preset", number, home_group, change)) return false;
   home_ = number;
   return true;
 }

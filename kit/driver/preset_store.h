@@ -36,7 +36,7 @@ class PresetStore {
   guint32 home_ = 0;
 
   template <typename Change>
-  bool keep(const char *what, guint32 number, Change change);
+  bool keep(const char *what, guint32 number, const char *group, Change change);
   bool read_group(const std::string &group, PresetKind kind, guint32 number);
   void reset() { presets_ = {factory_, Presets()}; }
 

@@ -1,4 +1,6 @@
 // Preset files that are not as the driver wrote them last, and presets that a request meets in them.
+#include <glib/gstdio.h>
+
 #include <fstream>
 #include <iterator>
 
@@ -71,6 +73,23 @@ TEST_F(KitPresetFile, PresetThatCannotBeWrittenIsError6AndNotListed) {
   EXPECT_TRUE(
       is_error(ask("{'command': <'set_device_preset'>, 'number': <3>, 'name': <'new'>}"), PTZ_KIT_ERROR_CODE_NOT_KEPT));
   EXPECT_EQ(list(), no_presets);
+}
+
+TEST_F(KitPresetFile, ChangeThatCannotBeWrittenIsNotWrittenByNextOne) {
+  start_with(group("DevicePreset1", "door", 4000) + "Tour=7\n");
+  ASSERT_EQ(std::remove(file_.c_str()), 0);
+  ASSERT_EQ(g_mkdir_with_parents((file_ + "/full").c_str(), 0700), 0);
+  ask("{'command': <'set_device_preset'>, 'number': <1>, 'name': <'new'>}");
+  ask("{'command': <'set_device_preset'>, 'number': <2>, 'name': <'new'>}");
+  ASSERT_EQ(g_rmdir((file_ + "/full").c_str()) + g_rmdir(file_.c_str()), 0);
+  EXPECT_FALSE(is_error(ask("{'command': <'set_device_preset'>, 'number': <3>, 'name': <'gate'>}"),
+                        PTZ_KIT_ERROR_CODE_NOT_KEPT));
+  std::ifstream file(file_);
+  const std::string text(std::istreambuf_iterator<char>(file), {});
+  EXPECT_NE(text.find("Name=door"), std::string::npos) << text;
+  EXPECT_NE(text.find("Tour=7"), std::string::npos) << text;
+  EXPECT_NE(text.find("Name=gate"), std::string::npos) << text;
+  EXPECT_EQ(text.find("new"), std::string::npos) << text;
 }
 
 }  // namespace
