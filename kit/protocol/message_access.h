@@ -37,6 +37,8 @@ inline const gchar *text_of(gconstpointer message, const Element &element) {
   return text != nullptr ? text : "";
 }
 
+// A message that is NULL, or a body: the programmer's error.
+[[nodiscard]] bool is_given(const Layout &layout, gconstpointer given);
 [[nodiscard]] bool has_default(gconstpointer message, const Element &element);
 // The value of a number.
 [[nodiscard]] gint64 value_of(gconstpointer message, const Element &element);
