@@ -44,6 +44,7 @@ void Link::settle(std::int64_t now) {
   settling_ = false;
   // Commands that the events have submitted.
   if (state_ != State::down) pump(now);
+  wire_.changed();
 }
 
 void Link::tell(std::function<void(Outcome)> &callback, Outcome outcome) {

@@ -52,7 +52,7 @@ enum class Outcome : Byte {
 [[nodiscard]] const char *text_of(Outcome outcome);
 
 struct Command {
-  Packet packet;
+  Packet packet = {};
   Group group = Group::other;
   bool motion = false;      // replaces, and is replaced by, a motion of the same group
   bool continuous = false;  // a motion without an end
@@ -72,6 +72,8 @@ class Wire {
   virtual void send(ByteSpan packet, PayloadType type, std::uint32_t sequence) = 0;
   // Whether another camera of the line does not use it now.
   [[nodiscard]] virtual bool is_free_for(const Link &link) const = 0;
+  // The link may have another deadline, and other cameras may use the line now.
+  virtual void changed() = 0;
 };
 
 // What a link tells its camera's head.
@@ -234,6 +236,8 @@ class Link {
   // When advance() is to be called; G_MAXINT64: never.
   [[nodiscard]] std::int64_t deadline(std::int64_t now) const;
   void advance(std::int64_t now);
+  // The line is free again.
+  void kick(std::int64_t now) { settle(now); }
 };
 
 }  // namespace visca

@@ -41,6 +41,7 @@ class LinkTest : public testing::Test, public Wire, public LinkUser {
     sent_.push_back({text(packet), type, sequence, now_});
   }
   bool is_free_for(const Link &) const override { return true; }
+  void changed() override {}
   void link_is_up() override { told_.emplace_back("up"); }
   void link_is_lost() override { told_.emplace_back("lost"); }
   void on_answer(InquiryKind, ByteSpan data) override { told_.push_back("answer " + text(data)); }
