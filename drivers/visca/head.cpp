@@ -118,7 +118,7 @@ void Head::stop(const Done &done) {
 }
 
 // Continuous pan and tilt. An axis that the order does not name goes on as it did.
-bool Head::drive(const Order &order, const Done &done) {
+void Head::drive(const Order &order, const Done &done) {
   PanTiltSpeed speed;
   for (const std::size_t axis : {pan_axis, tilt_axis}) {
     if (!order.axes[axis]) continue;
@@ -127,8 +127,7 @@ bool Head::drive(const Order &order, const Done &done) {
     driven_[axis] = order.value[axis] < 0 ? -step : step;
   }
   if (driven_[pan_axis] == 0 && driven_[tilt_axis] == 0) {
-    stop_pan_tilt(done);
-    return true;
+    return stop_pan_tilt(done);
   }
   forget_targets(pan_tilt_);
   begin(pan_tilt_, true);
@@ -142,21 +141,23 @@ bool Head::drive(const Order &order, const Done &done) {
                              : driven_[tilt_axis] > 0 ? TiltDirection::up
                                                       : TiltDirection::stop;
   report_all();
+  for (const std::size_t axis : {pan_axis, tilt_axis}) {
+    const AxisScale &of = scale(axis);
+    if (driven_[axis] == 0) continue;
+    user_.axis_runs(axis, static_cast<std::int32_t>(std::lround(driven_[axis] * of.max_speed * 100 / of.speed_steps)));
+  }
   submit({.packet = pan_tilt_drive(address(), speed, pan, tilt),
           .group = Group::pan_tilt,
           .motion = true,
           .continuous = true},
          &pan_tilt_, done);
-  return true;
 }
 
 // Absolute and relative pan and tilt. A relative move is made absolute if the position is known: it may be repeated
 // then.
-bool Head::go(const Order &order, const Done &done) {
+void Head::go(const Order &order, const Done &done) {
   const bool is_known = steps_[pan_axis].has_value() && steps_[tilt_axis].has_value();
-  const bool names_both = order.axes[pan_axis] && order.axes[tilt_axis];
   const bool stays_relative = order.kind == MoveKind::relative && !is_known;
-  if (order.kind == MoveKind::absolute && !names_both && !is_known) return false;
   PanTiltSteps steps = {.pan_nibbles = options_.profile.pan_nibbles};
   for (const std::size_t axis : {pan_axis, tilt_axis}) {
     std::int32_t &count = axis == pan_axis ? steps.pan : steps.tilt;
@@ -184,7 +185,6 @@ bool Head::go(const Order &order, const Done &done) {
   const Packet packet =
       stays_relative ? pan_tilt_relative(address(), speed, steps) : pan_tilt_absolute(address(), speed, steps);
   submit({.packet = packet, .group = Group::pan_tilt, .motion = true, .repeatable = !stays_relative}, &pan_tilt_, done);
-  return true;
 }
 
 void Head::zoom(const Order &order, const Done &done) {
@@ -205,29 +205,34 @@ void Head::zoom(const Order &order, const Done &done) {
   }
   ordered_[zoom_axis] = true;
   report_all();
+  if (command.continuous) user_.axis_runs(zoom_axis, static_cast<std::int32_t>(std::lround(value * order.share)));
   submit(std::move(command), &zoom_, done);
 }
 
-bool Head::move(const Order &order, const Done &done) {
+bool Head::needs_position(const Order &order) const {
+  if (order.kind == MoveKind::continuous) return false;
+  if (order.axes[zoom_axis] && order.kind == MoveKind::relative && !steps_[zoom_axis]) return true;
+  // The command names both axes.
+  return order.kind == MoveKind::absolute && order.axes[pan_axis] != order.axes[tilt_axis] &&
+         (!steps_[pan_axis] || !steps_[tilt_axis]);
+}
+
+void Head::move(const Order &order, const Done &done) {
   const bool has_pan_tilt = order.axes[pan_axis] || order.axes[tilt_axis];
   const bool has_zoom = order.axes[zoom_axis];
-  if (has_zoom && order.kind == MoveKind::relative && !steps_[zoom_axis]) return false;
-  if (!has_pan_tilt && !has_zoom) {
-    done(Outcome::done);
-    return true;
-  }
+  if (needs_position(order)) return done(Outcome::no_answer);
+  if (!has_pan_tilt && !has_zoom) return done(Outcome::done);
   const Done each = joint((has_pan_tilt ? 1 : 0) + (has_zoom ? 1 : 0), done);
-  if (has_pan_tilt && !(order.kind == MoveKind::continuous ? drive(order, each) : go(order, each))) return false;
+  if (has_pan_tilt && order.kind == MoveKind::continuous) drive(order, each);
+  if (has_pan_tilt && order.kind != MoveKind::continuous) go(order, each);
   if (has_zoom) zoom(order, each);
-  return true;
 }
 
 void Head::home(const Done &done) {
   if (!options_.home_command) {
     Order order = {.axes = {true, true, true}};
     order.value[zoom_axis] = options_.profile.zoom.least();
-    (void)move(order, done);
-    return;
+    return move(order, done);
   }
   const Done each = joint(2, done);
   driven_ = {};
@@ -258,11 +263,16 @@ void Head::send(const Packet &packet, Group group, bool is_stop, const Done &don
   submit({.packet = packet, .group = group, .stop = is_stop}, nullptr, done);
 }
 
+// Powering on takes long; the state is asked for until it is there.
 void Head::set_power(bool on, const Done &done) {
-  submit({.packet = power(address(), on), .completion_limit = power_limit_us}, nullptr, [this, done](Outcome outcome) {
-    done(outcome);
-    link_->inquire(InquiryKind::power, now_us());
-  });
+  submit({.packet = power(address(), on), .completion_limit = power_limit_us}, nullptr, done);
 }
+
+void Head::expect_power(bool on) {
+  if (!on) is_on_ = false;
+  link_->inquire(InquiryKind::power, now_us());
+}
+
+void Head::ask_focus() { link_->inquire(InquiryKind::focus_position, now_us()); }
 
 }  // namespace visca

@@ -37,6 +37,8 @@ class HeadUser {
  public:
   virtual ~HeadUser() = default;
   virtual void axis_is_at(std::size_t axis, std::int32_t position, bool moving) = 0;
+  // A continuous motion was ordered, with this speed a second.
+  virtual void axis_runs(std::size_t axis, std::int32_t speed) = 0;
 };
 
 struct HeadOptions {
@@ -97,8 +99,8 @@ class Head final : public LineUser {
   void halt(Track &track);
   void set_target(std::size_t axis, std::int32_t value);
   void forget_targets(Track &track);
-  bool drive(const Order &order, const Done &done);
-  bool go(const Order &order, const Done &done);
+  void drive(const Order &order, const Done &done);
+  void go(const Order &order, const Done &done);
   void stop_pan_tilt(const Done &done);
   void stop_zoom(const Done &done);
   void zoom(const Order &order, const Done &done);
@@ -133,14 +135,21 @@ class Head final : public LineUser {
   [[nodiscard]] std::optional<std::int32_t> focus_position() const { return focus_; }
   [[nodiscard]] Byte address() const { return link_->address(); }
 
-  // False, with nothing sent, if the order needs a position that is unknown; done is not called then.
-  [[nodiscard]] bool move(const Order &order, const Done &done);
+  [[nodiscard]] bool is_moving(std::size_t axis) const {
+    return ordered_[axis] && (axis == zoom_axis ? zoom_ : pan_tilt_).moves;
+  }
+
+  // Whether the order cannot be obeyed because the position is unknown.
+  [[nodiscard]] bool needs_position(const Order &order) const;
+  void move(const Order &order, const Done &done);
   void stop(const Done &done);
   void home(const Done &done);
   void memory(MemoryAction action, Byte number, const Done &done);
   // A command without motion.
   void send(const Packet &packet, Group group, bool is_stop, const Done &done);
   void set_power(bool on, const Done &done);
+  void expect_power(bool on);
+  void ask_focus();
 };
 
 // Calls `done` once, when `count` commands have told their outcome: with the first failure, if there is one.

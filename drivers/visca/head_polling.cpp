@@ -18,6 +18,11 @@ constexpr std::int64_t retry_position_us = 5'000'000;
 constexpr Byte power_is_on = 0x02, power_is_off = 0x03;
 
 std::int64_t now_us() { return g_get_monotonic_time(); }
+
+void learn_speed_steps(AxisScale &scale, Byte steps) {
+  if (!scale.speed_steps_are_set && steps >= 1 && steps <= 0x7f) scale.speed_steps = steps;
+}
+
 unsigned number16(ByteSpan data, std::size_t at) { return static_cast<unsigned>(data[at]) << 8 | data[at + 1]; }
 
 }  // namespace
@@ -95,8 +100,8 @@ void Head::on_answer(InquiryKind kind, ByteSpan data) {
       version_ = Version{number16(data, 0), number16(data, 2), number16(data, 4)};
       break;
     case InquiryKind::pan_tilt_max_speed:
-      if (data[0] >= 1 && data[0] < 0x80) options_.profile.pan.speed_steps = data[0];
-      if (data[1] >= 1 && data[1] < 0x80) options_.profile.tilt.speed_steps = data[1];
+      learn_speed_steps(options_.profile.pan, data[0]);
+      learn_speed_steps(options_.profile.tilt, data[1]);
       break;
     default:
       break;

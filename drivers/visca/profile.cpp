@@ -101,8 +101,9 @@ std::optional<Profile> find_profile(const std::string &name) {
   for (const NamedProfile &each : profiles) {
     if (name != each.name) continue;
     Profile profile;
-    profile.pan = {each.steps_per_degree, each.pan_minimum, each.pan_maximum, pan_speed_steps, pan_max_speed};
-    profile.tilt = {each.steps_per_degree, each.tilt_minimum, each.tilt_maximum, tilt_speed_steps, tilt_max_speed};
+    profile.pan = {each.steps_per_degree, each.pan_minimum, each.pan_maximum, pan_speed_steps, false, pan_max_speed};
+    profile.tilt = {each.steps_per_degree, each.tilt_minimum, each.tilt_maximum, tilt_speed_steps, false,
+                    tilt_max_speed};
     profile.zoom = ZoomTable(zoom_18x);
     return profile;
   }

@@ -35,6 +35,7 @@ struct AxisScale {
   double steps_per_degree = 40.0 / 3;
   std::int32_t minimum = 0, maximum = 0;  // steps
   std::int32_t speed_steps = 1;           // the highest
+  bool speed_steps_are_set = false;       // by the settings, against what the camera says
   double max_speed = 100;                 // degrees a second at the highest
 
   [[nodiscard]] std::int32_t steps_of(double hundredths) const;

@@ -75,6 +75,11 @@ GPtrArray *ptz_kit_driver_get_presets(PTZKitDriver *self) {
   return presets;
 }
 
+guint32 ptz_kit_driver_get_home_preset(PTZKitDriver *self) {
+  g_return_val_if_fail(PTZ_KIT_IS_DRIVER(self), 0);
+  return core_of(self).presets.home();
+}
+
 gboolean ptz_kit_driver_store_preset(PTZKitDriver *self, const PTZKitSetPresetRequest *preset, GError **error) {
   g_return_val_if_fail(PTZ_KIT_IS_DRIVER(self), FALSE);
   g_return_val_if_fail(preset != NULL, FALSE);

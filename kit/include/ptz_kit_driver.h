@@ -492,6 +492,20 @@ PTZ_KIT_API void ptz_kit_driver_add_factory_preset (PTZKitDriver *self, const PT
 PTZ_KIT_API GPtrArray *ptz_kit_driver_get_presets (PTZKitDriver *self);
 
 /**
+ * ptz_kit_driver_get_home_preset:
+ * @self: a driver
+ *
+ * For a driver that overrides @move_command.
+ *
+ * Thread: the one of the default main context.
+ *
+ * Since: 0.1
+ *
+ * Returns: the number of the preset that `Default home preset` has set; 0 if home is the driver's own
+ */
+PTZ_KIT_API guint32 ptz_kit_driver_get_home_preset (PTZKitDriver *self);
+
+/**
  * ptz_kit_driver_store_preset:
  * @self: a driver
  * @preset: a preset of the device; copied
