@@ -80,6 +80,7 @@ void Head::poll_soon() {
 void Head::halt(Track &track) {
   track.order = ++orders_;
   track.continuous = track.recalled = track.ended = false;
+  track.stops = true;
   track.since_us = now_us();
   track.equal = 0;
   forget_targets(track);
@@ -91,9 +92,8 @@ void Head::set_target(std::size_t axis, std::int32_t value) { targets_[axis] = {
 void Head::forget_targets(Track &track) {
   if (track.is_pan_tilt) {
     targets_[pan_axis].is_set = targets_[tilt_axis].is_set = false;
-    ordered_[pan_axis] = ordered_[tilt_axis] = false;
   } else {
-    targets_[zoom_axis].is_set = ordered_[zoom_axis] = false;
+    targets_[zoom_axis].is_set = false;
   }
 }
 

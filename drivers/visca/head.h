@@ -58,6 +58,7 @@ class Head final : public LineUser {
     bool ended = true;        // the command was completed, refused or lost
     bool continuous = false;  // runs until it is stopped
     bool recalled = false;    // its completion may come before the motion
+    bool stops = false;       // a stop was ordered; if it moves on, the stop is sent again
     unsigned equal = 0;       // polls with the same position
     std::int64_t since_us = 0;
     std::uint64_t order = 0;
@@ -79,7 +80,7 @@ class Head final : public LineUser {
   std::optional<std::int32_t> focus_;
   std::optional<bool> is_on_;
   std::optional<Version> version_;
-  std::int64_t next_poll_us_ = INT64_MAX, polled_us_ = 0;
+  std::int64_t next_poll_us_ = INT64_MAX, polled_us_ = 0, positioned_us_ = 0;
   unsigned unanswered_positions_ = 0;
   std::uint64_t orders_ = 0;
   bool has_position_ = true, was_up_ = false;
@@ -108,6 +109,7 @@ class Head final : public LineUser {
   void on_pan_tilt(const PanTiltSteps &steps, std::int64_t now);
   void on_zoom(std::int32_t position, std::int64_t now);
   void follow(Track &track, bool changed, std::int64_t now);
+  void stop_again(Track &track, std::int64_t now);
   [[nodiscard]] bool is_over(const Track &track, std::int64_t now) const;
   [[nodiscard]] bool is_at_target(const Track &track) const;
   void report(std::size_t axis);

@@ -14,6 +14,9 @@ namespace {
 // A motion begins within this time after its order, and a completion that comes at once may precede it.
 constexpr std::int64_t settle_us = 500'000, stop_settles_us = 100'000;
 constexpr unsigned most_unanswered_positions = 4;
+// A camera brakes within this time; if it moves on, the stop was lost though it seemed to be acknowledged.
+constexpr std::int64_t brakes_us = 600'000;
+constexpr std::int64_t unknown_after_us = 3'000'000;
 constexpr std::int64_t retry_position_us = 5'000'000;
 constexpr Byte power_is_on = 0x02, power_is_off = 0x03;
 
@@ -50,6 +53,7 @@ void Head::link_is_lost() {
     forget_targets(*track);
   }
   driven_ = {};
+  ordered_ = {};
   report_all();
   steps_ = {};
   is_on_.reset();
@@ -114,7 +118,8 @@ void Head::on_no_answer(InquiryKind kind, Outcome why) {
   if (why == Outcome::not_executable && kind != InquiryKind::power) {
     // In standby, probably.
     if (!link_->asks(InquiryKind::power)) link_->inquire(InquiryKind::power, now);
-  } else if (kind == InquiryKind::pan_tilt_position && ++unanswered_positions_ >= most_unanswered_positions) {
+  } else if (kind == InquiryKind::pan_tilt_position && ++unanswered_positions_ >= most_unanswered_positions &&
+             now - positioned_us_ >= unknown_after_us) {
     if (has_position_) syslog(LOG_WARNING, "camera %u does not tell its position", address());
     has_position_ = false;
     steps_[pan_axis].reset();
@@ -131,6 +136,7 @@ void Head::on_no_answer(InquiryKind kind, Outcome why) {
 
 void Head::on_pan_tilt(const PanTiltSteps &steps, std::int64_t now) {
   unanswered_positions_ = 0;
+  positioned_us_ = now;
   has_position_ = true;
   is_on_ = is_on_.value_or(true);
   const bool is_first = !steps_[pan_axis];
@@ -168,9 +174,20 @@ bool Head::is_over(const Track &track, std::int64_t now) const {
   return track.equal >= 3 && age >= settle_us;
 }
 
+void Head::stop_again(Track &track, std::int64_t now) {
+  if (!track.stops || now - track.since_us < brakes_us) return;
+  syslog(LOG_WARNING, "camera %u moves on after a stop", address());
+  if (track.is_pan_tilt) {
+    stop_pan_tilt([](Outcome) {});
+  } else {
+    stop_zoom([](Outcome) {});
+  }
+}
+
 void Head::follow(Track &track, bool changed, std::int64_t now) {
   if (changed) {
     track.equal = 0;
+    stop_again(track, now);
     // Moved by another controller, or by a recall that was completed at once.
     if (!track.moves) {
       track.moves = true;
@@ -180,6 +197,7 @@ void Head::follow(Track &track, bool changed, std::int64_t now) {
     return;
   }
   ++track.equal;
+  if (track.equal >= 3) track.stops = false;
   if (!track.ended && !track.moves && track.equal >= 3 && now - track.since_us >= settle_us) {
     // A stop that finds the head at rest, without an ACK.
     link_->confirm_rest(track.is_pan_tilt ? Group::pan_tilt : Group::zoom, now);

@@ -128,8 +128,10 @@ void Line::changed() {
   do {
     must_rearm_ = false;
     if (is_serial() && cameras_.size() > 1) {
-      std::ranges::rotate(cameras_, cameras_.begin() + 1);
-      for (const Camera &camera : cameras_) camera.link->kick(now);
+      ++next_turn_;
+      for (std::size_t index = 0; index < cameras_.size(); ++index) {
+        cameras_[(next_turn_ + index) % cameras_.size()].link->kick(now);
+      }
       must_rearm_ = false;
     }
     std::int64_t first = next_us_;

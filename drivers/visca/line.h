@@ -48,6 +48,7 @@ class Line final : public Wire, public TransportUser {
   State state_ = State::closed;
   std::int64_t armed_us_ = 0, next_us_ = 0, backoff_us_ = 0;
   unsigned tries_ = 0;
+  std::size_t next_turn_ = 0;  // camera that may send first
   std::int64_t addressed_us_ = 0, opened_us_ = 0;
   bool is_busy_ = false, must_rearm_ = false;
   std::string trouble_;

@@ -116,6 +116,7 @@ class Link {
     bool is_acknowledged = false, is_replaced = false;
     bool is_overtaken = false;  // by a stop
     bool is_refused = false;    // a stop that is tried again
+    bool needs_number = false;  // a repeat would have a number that the camera does not take
   };
   struct Question {
     InquiryKind kind = InquiryKind::power;
@@ -123,6 +124,7 @@ class Link {
     std::uint64_t order = 0;
     std::int64_t first_us = 0, sent_us = 0;
     unsigned renumbered = 0;
+    bool needs_number = false;
   };
   struct Waiting {
     Command command;
@@ -147,7 +149,11 @@ class Link {
   std::uint32_t sequence_ = 0;
   std::uint64_t order_ = 0;
   std::int64_t heard_us_ = 0, unanswered_since_us_ = 0, probe_at_us_ = 0;
-  unsigned unanswered_ = 0, resets_ = 0, strangers_ = 0, full_ = 0;
+  unsigned unanswered_ = 0, resets_ = 0, full_ = 0;
+  unsigned strangers_ = 0, matches_ = 0;  // replies in a row with a number that nothing has, and with the right one
+  std::uint32_t stranger_ = 0;
+  std::uint64_t stranger_order_ = 0;
+  std::int64_t stranger_us_ = 0;
   bool by_order_ = false, has_matched_ = false, completes_without_ack_ = false, settling_ = false;
 
   // link.cpp
@@ -189,7 +195,9 @@ class Link {
   [[nodiscard]] Slot *oldest_unacknowledged();
   [[nodiscard]] Slot *slot_of_socket(Byte socket);
   [[nodiscard]] bool was_sent_lately(std::uint32_t sequence) const;
-  [[nodiscard]] bool concerns_nothing(Sequence sequence);
+  [[nodiscard]] bool concerns_nothing(Sequence sequence, std::int64_t now);
+  [[nodiscard]] bool has_number(std::uint32_t sequence) const;
+  void count_stranger(std::uint32_t sequence, std::int64_t now);
   void on_ack(const Reply &reply, Slot *slot, std::int64_t now);
   void end_what_is_stopped(const Slot &stop, std::int64_t now);
   void stop_again(Slot &moved, std::int64_t now);

@@ -9,8 +9,10 @@ namespace {
 
 // An ACK or a completion for the same socket within this time is a duplicate.
 constexpr std::int64_t duplicate_ack_us = 100'000, duplicate_completion_us = 500'000;
-// So many numbers in a row that were not sent: the camera has its own.
-constexpr unsigned most_strangers = 5;
+// The same number in so many replies to different messages: the camera has a number of its own.
+constexpr unsigned most_strangers = 4, most_first_strangers = 2;
+constexpr unsigned enough_matches = 4;
+constexpr std::int64_t next_stranger_us = 90'000;
 constexpr std::uint32_t recent_numbers = 64;
 constexpr std::int64_t full_us = 50'000, full_for_stop_us = 20'000;
 constexpr unsigned most_renumberings = 3;
@@ -51,25 +53,46 @@ bool Link::was_sent_lately(std::uint32_t sequence) const {
   return sequence < sequence_ && sequence_ - sequence <= recent_numbers;
 }
 
+bool Link::has_number(std::uint32_t sequence) const {
+  return (asked_ && asked_->sequence == sequence) ||
+         std::ranges::any_of(slots_, [&](const Slot &slot) { return slot.sequence == sequence; });
+}
+
+// A message that was repeated is answered several times, so replies with an old number are no evidence by themselves.
+void Link::count_stranger(std::uint32_t sequence, std::int64_t now) {
+  const bool is_same = strangers_ > 0 && sequence == stranger_;
+  if (is_same && order_ == stranger_order_ && now - stranger_us_ < next_stranger_us) return;
+  strangers_ = is_same ? strangers_ + 1 : 1;
+  stranger_ = sequence;
+  stranger_order_ = order_;
+  stranger_us_ = now;
+  const bool was_never_sent = !has_matched_ && sequence >= sequence_;
+  if (!was_never_sent && strangers_ < (has_matched_ ? most_strangers : most_first_strangers)) return;
+  by_order_ = true;
+  matches_ = 0;
+}
+
 // Whether the number says that the reply belongs to no message that waits. Finds out whether the camera returns
 // numbers.
-bool Link::concerns_nothing(Sequence sequence) {
-  if (!sequence || matches_by_order()) return false;
-  if (slot_of_sequence(sequence) != nullptr || (asked_ && asked_->sequence == *sequence)) {
-    has_matched_ = true;
+bool Link::concerns_nothing(Sequence sequence, std::int64_t now) {
+  if (!sequence || !options_.has_header) return false;
+  if (has_number(*sequence)) {
+    if (by_order_ && ++matches_ >= enough_matches) by_order_ = false;
+    if (!by_order_) has_matched_ = true;
     strangers_ = 0;
     return false;
   }
+  matches_ = 0;
+  if (by_order_) return false;
   if (slots_.empty() && !asked_) return true;
-  if (has_matched_ && ++strangers_ < most_strangers) return was_sent_lately(*sequence);
-  by_order_ = true;
-  return false;
+  count_stranger(*sequence, now);
+  return !by_order_;
 }
 
 void Link::receive(const Reply &reply, Sequence sequence, std::int64_t now) {
   if (state_ == State::down) return;
   hear(now);
-  if (!concerns_nothing(sequence)) {
+  if (!concerns_nothing(sequence, now)) {
     Slot *const slot = slot_of_sequence(sequence);
     switch (reply.kind) {
       case ReplyKind::ack:
@@ -267,14 +290,15 @@ void Link::on_abnormal_sequence(std::uint32_t sequence, std::int64_t now) {
   }
   if (slot == nullptr && !asked_) return;
   unsigned &renumbered = slot != nullptr ? slot->renumbered : asked_->renumbered;
-  if (++renumbered > most_renumberings) return;
-  if (renumbered == 1) send_reset(now);
+  // If a later message has overtaken it, the camera only wants a higher number.
+  const bool is_latest = (slot != nullptr ? slot->sequence : asked_->sequence) + 1 == sequence_;
+  if (++renumbered == 1 && is_latest) send_reset(now);
   if (slot != nullptr) {
-    slot->sequence = sequence_++;
-    send_slot(*slot, now);
+    slot->needs_number = true;
+    if (renumbered <= most_renumberings) send_slot(*slot, now);
   } else {
-    asked_->sequence = sequence_++;
-    send_question(now);
+    asked_->needs_number = true;
+    if (renumbered <= most_renumberings) send_question(now);
   }
 }
 

@@ -32,12 +32,15 @@ void Link::transmit(ByteSpan packet, PayloadType type, std::uint32_t sequence, s
 void Link::send_reset(std::int64_t now) {
   const Byte payload[] = {control_reset};
   sequence_ = 0;
+  for (Slot &slot : slots_) slot.needs_number = true;
+  if (asked_) asked_->needs_number = true;
   transmit(payload, PayloadType::control, 0, now);
 }
 
 void Link::send_slot(Slot &slot, std::int64_t now) {
   slot.sent_us = now;
   ++slot.sends;
+  if (std::exchange(slot.needs_number, false)) slot.sequence = sequence_++;
   transmit(slot.command.packet.bytes(), PayloadType::command, slot.sequence, now);
 }
 
@@ -55,6 +58,7 @@ void Link::send_cancel(Slot &slot, std::int64_t now) {
 
 void Link::send_question(std::int64_t now) {
   asked_->sent_us = now;
+  if (std::exchange(asked_->needs_number, false)) asked_->sequence = sequence_++;
   transmit(inquiry(address_, asked_->kind).bytes(), PayloadType::inquiry, asked_->sequence, now);
 }
 
@@ -154,7 +158,7 @@ void Link::repeat(std::int64_t now) {
   for (Slot &slot : slots_) {
     if (!is_repeated(slot) || now - slot.sent_us < repeat_interval(slot)) continue;
     // A refused stop would get its old answer again.
-    if (slot.is_refused) slot.sequence = sequence_++;
+    if (slot.is_refused) slot.needs_number = true;
     send_slot(slot, now);
   }
   if (options_.loses_packets && asked_ && now - asked_->sent_us >= repeat_question_us) send_question(now);

@@ -1,0 +1,243 @@
+// The driver program with the simulated camera, over each transport.
+#include <csignal>
+
+#include "camera_and_driver.h"
+
+namespace visca_test {
+
+namespace {
+
+class EachTransport : public testing::TestWithParam<const char *> {
+ protected:
+  CameraAndDriver both_{GetParam()};
+};
+
+std::string name_of(const testing::TestParamInfo<const char *> &info) {
+  std::string name = info.param;
+  std::erase(name, '-');
+  return name;
+}
+
+TEST_P(EachTransport, AbsoluteMoveEndsExactlyAtItsTarget) {
+  both_.start();
+  const Position target = {1234, -567, 321};
+  ASSERT_TRUE(both_.go_to(target)) << both_.last_error();
+  EXPECT_EQ(both_.rest(), target);
+  // 12.34 degrees are 164.5 steps, -5.67 are -75.6, and 3.21 times is a fifth of the way from 2151 to 2860.
+  EXPECT_EQ(both_.received("81 01 06 02 18 14 00 00 0A 05 0F 0F 0B 04 FF"), 1U);
+  EXPECT_EQ(both_.received("81 01 04 47 02 02 0C 0C FF"), 1U);
+}
+
+TEST_P(EachTransport, RelativeMoveEndsAtTheSum) {
+  both_.start();
+  ASSERT_TRUE(both_.go_to({1000, 1000, 200}));
+  both_.rest();
+  ASSERT_TRUE(both_.move(PTZ_MOVE_RELATIVE, 1, {-500, 0, 0})) << both_.last_error();
+  EXPECT_EQ(both_.rest(), (Position{500, 1000, 200}));
+}
+
+TEST_P(EachTransport, MoveOfOneAxisLeavesTheOthers) {
+  both_.start();
+  ASSERT_TRUE(both_.go_to({1000, 1000, 200}));
+  both_.rest();
+  ASSERT_TRUE(both_.move(PTZ_MOVE_ABSOLUTE, 2, {0, 2000, 0})) << both_.last_error();
+  EXPECT_EQ(both_.rest(), (Position{1000, 2000, 200}));
+}
+
+TEST_P(EachTransport, ContinuousMoveRunsUntilStop) {
+  both_.start_camera({}, "1");
+  both_.start_driver();
+  ASSERT_TRUE(both_.is_there_soon());
+  ASSERT_TRUE(both_.move(PTZ_MOVE_CONTINUOUS, 7, {-2000, 3000, 100})) << both_.last_error();
+  Position position = {};
+  bool moves = false;
+  ASSERT_TRUE(ptz_test::run_until([&] { return both_.ask(position, moves) && position[0] < -200; }));
+  EXPECT_TRUE(moves);
+  EXPECT_GT(position[1], 0);
+  ASSERT_TRUE(both_.stop()) << both_.last_error();
+  const Position rest = both_.rest();
+  EXPECT_EQ(both_.rest(), rest);
+  EXPECT_GE(both_.received("81 01 06 01 01 01 03 03 FF"), 1U);
+  EXPECT_GE(both_.received("81 01 04 07 00 FF"), 1U);
+}
+
+TEST_P(EachTransport, StopEndsAnAbsoluteMove) {
+  both_.start_camera({}, "0.5");
+  both_.start_driver();
+  ASSERT_TRUE(both_.is_there_soon());
+  ASSERT_TRUE(both_.go_to({17000, 9000, 1800}));
+  ASSERT_TRUE(both_.stop()) << both_.last_error();
+  const Position rest = both_.rest();
+  EXPECT_LT(rest[0], 5000);
+  EXPECT_LT(rest[2], 1500);
+}
+
+TEST_P(EachTransport, DirectionsHaveTheirBytes) {
+  both_.start();
+  const std::pair<PTZMoveCmd, const char *> cases[] = {
+      {PTZ_MOVE_CMD_UP, "81 01 06 01 01 0A 03 01 FF"},        {PTZ_MOVE_CMD_DOWN, "81 01 06 01 01 0A 03 02 FF"},
+      {PTZ_MOVE_CMD_LEFT, "81 01 06 01 0C 01 01 03 FF"},      {PTZ_MOVE_CMD_RIGHT, "81 01 06 01 0C 01 02 03 FF"},
+      {PTZ_MOVE_CMD_UP_LEFT, "81 01 06 01 0C 0A 01 01 FF"},   {PTZ_MOVE_CMD_UP_RIGHT, "81 01 06 01 0C 0A 02 01 FF"},
+      {PTZ_MOVE_CMD_DOWN_LEFT, "81 01 06 01 0C 0A 01 02 FF"}, {PTZ_MOVE_CMD_DOWN_RIGHT, "81 01 06 01 0C 0A 02 02 FF"}};
+  for (const auto &[direction, packet] : cases) {
+    ASSERT_TRUE(both_.command(direction, 50)) << both_.last_error();
+    EXPECT_EQ(both_.received(packet), 1U) << packet;
+  }
+  ASSERT_TRUE(both_.command(PTZ_MOVE_CMD_STOP));
+}
+
+TEST_P(EachTransport, HomeIsTheCamerasOwnCommand) {
+  both_.start();
+  ASSERT_TRUE(both_.go_to({3000, 3000, 500}));
+  both_.rest();
+  ASSERT_TRUE(both_.command(PTZ_MOVE_CMD_HOME)) << both_.last_error();
+  EXPECT_EQ(both_.rest(), (Position{0, 0, 100}));
+  EXPECT_EQ(both_.received("81 01 06 04 FF"), 1U);
+}
+
+TEST_P(EachTransport, DevicePresetIsKeptByTheCamera) {
+  both_.start();
+  const Position place = {1500, 2250, 400};
+  ASSERT_TRUE(both_.go_to(place));
+  both_.rest();
+  ASSERT_TRUE(both_.set_preset(3, "gate")) << both_.last_error();
+  ASSERT_TRUE(both_.go_to({0, 0, 100}));
+  both_.rest();
+  ASSERT_TRUE(both_.goto_preset(3)) << both_.last_error();
+  EXPECT_EQ(both_.rest(), place);
+  EXPECT_EQ(both_.received("81 01 04 3F 01 02 FF"), 1U);
+  EXPECT_EQ(both_.received("81 01 04 3F 02 02 FF"), 1U);
+}
+
+TEST_P(EachTransport, PresetBeyondTheCamerasMemoriesIsKeptByTheDriver) {
+  both_.start();
+  ASSERT_TRUE(both_.go_to({1500, 2250, 400}));
+  both_.rest();
+  ASSERT_TRUE(both_.set_preset(20, "door")) << both_.last_error();
+  ASSERT_TRUE(both_.go_to({0, 0, 100}));
+  both_.rest();
+  ASSERT_TRUE(both_.goto_preset(20)) << both_.last_error();
+  EXPECT_EQ(both_.rest(), (Position{1500, 2250, 400}));
+}
+
+TEST_P(EachTransport, CameraInStandbyRefusesMovesUntilItIsPoweredOn) {
+  both_.start_camera({"--standby", "--power-on-ms", "200"});
+  both_.start_driver();
+  ASSERT_TRUE(ptz_test::run_until([&] {
+    return !both_.go_to({100, 100, 100}) && both_.last_error().find("powered off") != std::string::npos;
+  })) << both_.last_error();
+  ASSERT_TRUE(both_.switch_auxiliary("power", PTZ_ENABLE_ON)) << both_.last_error();
+  ASSERT_TRUE(ptz_test::run_until([&] { return both_.go_to({1000, 100, 100}); })) << both_.last_error();
+  EXPECT_EQ(both_.rest(), (Position{1000, 100, 100}));
+}
+
+TEST_P(EachTransport, CameraThatIsOffIsAnErrorAndComesBack) {
+  both_.start();
+  ASSERT_TRUE(both_.go_to({1000, 1000, 200}));
+  both_.rest();
+  both_.stop_camera();
+  EXPECT_TRUE(ptz_test::run_until([&] { return !both_.go_to({2000, 2000, 300}); }));
+  both_.clear_log();
+  both_.start_camera();
+  const gint64 began = g_get_monotonic_time();
+  ASSERT_TRUE(both_.is_there_soon(6000)) << both_.last_error();
+  EXPECT_LT(g_get_monotonic_time() - began, 5'000'000);
+  EXPECT_EQ(both_.rest(), (Position{0, 0, 100})) << "an old move came back";
+  ASSERT_TRUE(both_.go_to({500, 500, 150}));
+  EXPECT_EQ(both_.rest(), (Position{500, 500, 150}));
+}
+
+TEST_P(EachTransport, DriverStartsWithoutACameraAndFindsItLater) {
+  both_.start_camera();
+  both_.stop_camera();
+  both_.start_driver();
+  EXPECT_FALSE(both_.go_to({100, 100, 100}));
+  both_.start_camera();
+  EXPECT_TRUE(both_.is_there_soon(6000)) << both_.last_error();
+}
+
+TEST_P(EachTransport, RestartedDriverStopsTheCameraAndKnowsItsPosition) {
+  both_.start_camera({}, "0.5");
+  both_.start_driver();
+  ASSERT_TRUE(both_.is_there_soon());
+  ASSERT_TRUE(both_.move(PTZ_MOVE_CONTINUOUS, 1, {3000, 0, 0}));
+  both_.driver().signal(SIGKILL);
+  both_.start_driver();
+  ASSERT_TRUE(both_.is_there_soon());
+  EXPECT_GT(both_.rest()[0], 0);
+  EXPECT_LT(both_.rest()[0], 16000);
+}
+
+INSTANTIATE_TEST_SUITE_P(Visca, EachTransport, testing::Values("udp", "udp-raw", "tcp", "serial"), name_of);
+
+TEST(ViscaDriver, NamesAreResolved) {
+  CameraAndDriver both("udp");
+  both.start_camera();
+  both.set_device("udp:[::1]:1");
+  both.start_driver();
+  EXPECT_FALSE(both.go_to({100, 100, 100}));
+}
+
+TEST(ViscaDriver, Ipv6CameraIsServed) {
+  CameraAndDriver both("udp");
+  both.start_camera({"--host", "::1"});
+  std::istringstream line(ptz_test::contents(both.file("camera")));
+  std::string word, port;
+  line >> word >> port;
+  if (port.empty()) GTEST_SKIP() << "no IPv6 here";
+  both.set_device("udp:[::1]:" + port);
+  both.start_driver();
+  EXPECT_TRUE(both.is_there_soon());
+}
+
+TEST(ViscaDriver, BadAddressIsABadSetting) {
+  ptz_test::TempDir dir;
+  ptz_test::Process driver(VISCA_DRIVER, {"--socket", dir.file("socket"), "--device", "ftp:camera"},
+                           dir.file("output"));
+  EXPECT_EQ(driver.wait(), 2);
+  EXPECT_NE(ptz_test::contents(dir.file("output")).find("serial:, udp:, udp-raw: or tcp:"), std::string::npos);
+}
+
+TEST(ViscaDriver, SettingsFileIsValid) {
+  ptz_test::TempDir dir;
+  ptz_test::Process driver(VISCA_DRIVER, {"--check-settings", "--config", VISCA_DRIVER_SETTINGS}, dir.file("output"));
+  EXPECT_EQ(driver.wait(), 0) << ptz_test::contents(dir.file("output"));
+}
+
+TEST(ViscaDriver, AuxiliaryOfTheSettingsIsARawCommand) {
+  CameraAndDriver both("udp");
+  std::ofstream(both.file("settings")) << "[Camera1]\nAuxiliary1=light = 01 04 01 02; 01 04 01 03\n";
+  both.start({}, {"--config", both.file("settings")});
+  ASSERT_TRUE(both.switch_auxiliary("light", PTZ_ENABLE_ON)) << both.last_error();
+  EXPECT_EQ(both.received("81 01 04 01 02 FF"), 1U);
+  ASSERT_TRUE(both.switch_auxiliary("light", PTZ_ENABLE_OFF));
+  EXPECT_EQ(both.received("81 01 04 01 03 FF"), 1U);
+}
+
+TEST(ViscaDriver, TwoCamerasOfOneLineAreTwoInstances) {
+  CameraAndDriver both("serial");
+  std::ofstream(both.file("settings")) << "[Line]\nCameras=2\n[Camera2]\nSocket=" + both.file("second") + "\n";
+  both.start({"--cameras", "2"}, {"--config", both.file("settings")});
+  PTZKitLink *second = ptz_kit_link_new(both.file("second").c_str());
+  ptz_kit_link_open(second);
+  ASSERT_TRUE(ptz_kit_link_wait_ready(second, 5000, nullptr));
+  PTZKitMoveRequest request = {.kind = PTZ_MOVE_ABSOLUTE, .axes = 3, .speed = 100, .value = {1500, 1500, 0}};
+  ASSERT_TRUE(
+      ptz_test::run_until([&] { return ptz_kit_link_move(second, &request, 3000, nullptr, nullptr) != FALSE; }));
+  ASSERT_TRUE(both.go_to({-1500, 750, 100})) << both.last_error() << both.log();
+  EXPECT_EQ(both.rest(), (Position{-1500, 750, 100}));
+  Position position = {};
+  EXPECT_TRUE(ptz_test::run_until([&] {
+    PTZKitQueryPositionReply *reply = ptz_kit_link_query_position(second, 3000, nullptr, nullptr);
+    if (reply == nullptr) return false;
+    std::copy(std::begin(reply->position), std::end(reply->position), position.begin());
+    ptz_kit_query_position_reply_free(reply);
+    return position[0] == 1500 && position[1] == 1500;
+  })) << position[0]
+      << " " << position[1];
+  g_object_unref(second);
+  EXPECT_GE(both.received("82 01 06 02 18 14 00 00 0C 08 00 00 0C 08 FF"), 1U);
+}
+
+}  // namespace
+}  // namespace visca_test
