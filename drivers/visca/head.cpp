@@ -66,6 +66,7 @@ void Head::begin(Track &track, bool continuous, bool recalled) {
            .ended = false,
            .continuous = continuous,
            .recalled = recalled,
+           .was_at_rest = !track.moves,
            .since_us = now_us(),
            .order = ++orders_,
            .is_pan_tilt = track.is_pan_tilt};

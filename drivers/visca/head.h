@@ -55,11 +55,12 @@ struct Version {
 class Head final : public LineUser {
   struct Track {
     bool moves = false;
-    bool ended = true;        // the command was completed, refused or lost
-    bool continuous = false;  // runs until it is stopped
-    bool recalled = false;    // its completion may come before the motion
-    bool stops = false;       // a stop was ordered; if it moves on, the stop is sent again
-    unsigned equal = 0;       // polls with the same position
+    bool ended = true;         // the command was completed, refused or lost
+    bool continuous = false;   // runs until it is stopped
+    bool recalled = false;     // its completion may come before the motion
+    bool was_at_rest = false;  // when it was ordered
+    bool stops = false;        // a stop was ordered; if it moves on, the stop is sent again
+    unsigned equal = 0;        // polls with the same position
     std::int64_t since_us = 0;
     std::uint64_t order = 0;
     bool is_pan_tilt = true;

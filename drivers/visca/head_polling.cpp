@@ -187,6 +187,10 @@ void Head::stop_again(Track &track, std::int64_t now) {
 void Head::follow(Track &track, bool changed, std::int64_t now) {
   if (changed) {
     track.equal = 0;
+    if (track.was_at_rest && track.moves && !track.ended) {
+      track.was_at_rest = false;
+      link_->confirm_motion(track.is_pan_tilt ? Group::pan_tilt : Group::zoom, now);
+    }
     stop_again(track, now);
     // Moved by another controller, or by a recall that was completed at once.
     if (!track.moves) {

@@ -182,6 +182,16 @@ void Link::confirm_rest(Group group, std::int64_t now) {
   settle(now);
 }
 
+void Link::confirm_motion(Group group, std::int64_t now) {
+  for (Slot &slot : slots_) {
+    if (slot.command.group != group || !slot.command.motion || slot.is_acknowledged || slot.is_replaced) continue;
+    slot.is_acknowledged = true;
+    slot.end_us = now + options_.completion_limit_us;
+    accept(slot, Outcome::done);
+  }
+  settle(now);
+}
+
 void Link::advance(std::int64_t now) {
   if (state_ == State::down) return;
   if (state_ != State::up && now >= probe_at_us_) probe(now);

@@ -235,6 +235,8 @@ class Link {
   void inquire(InquiryKind kind, std::int64_t now);
   // The motions of the group are over, as positions show.
   void confirm_rest(Group group, std::int64_t now);
+  // The group was at rest and moves now: the motion that was sent has arrived, though it has no ACK.
+  void confirm_motion(Group group, std::int64_t now);
 
   // A reply; with the sequence number of its header, if it has one.
   void receive(const Reply &reply, std::optional<std::uint32_t> sequence, std::int64_t now);

@@ -134,6 +134,7 @@ void Link::on_ack(const Reply &reply, Slot *slot, std::int64_t now) {
     if (holder != nullptr && now - holder->sent_us < duplicate_ack_us) return;
     slot = oldest_unacknowledged();
   }
+  if (slot != nullptr && slot->is_acknowledged && slot->socket == 0) slot->socket = reply.socket;
   if (slot == nullptr || slot->is_acknowledged) return;
   // The camera gives a socket again only after a completion, so that one was lost.
   if (holder != nullptr) release(*holder, Outcome::done, now);

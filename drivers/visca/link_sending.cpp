@@ -157,8 +157,8 @@ bool Link::is_abandoned(const Slot &slot, std::int64_t now) const {
 void Link::repeat(std::int64_t now) {
   for (Slot &slot : slots_) {
     if (!is_repeated(slot) || now - slot.sent_us < repeat_interval(slot)) continue;
-    // A refused stop would get its old answer again.
-    if (slot.is_refused) slot.needs_number = true;
+    // A refused stop would get its old answer again, and a number that was abnormal stays so.
+    if (slot.is_refused || (slot.renumbered > 0 && slot.command.repeatable)) slot.needs_number = true;
     send_slot(slot, now);
   }
   if (options_.loses_packets && asked_ && now - asked_->sent_us >= repeat_question_us) send_question(now);
@@ -198,7 +198,8 @@ void Link::expire_waiting(std::int64_t now) {
 // A camera that answers other messages obeys this command without an ACK. A stop is not believed without one.
 void Link::give_up(Slot &slot, std::int64_t now) {
   const bool is_alive = heard_us_ > slot.first_us || is_silent_kind(slot.command);
-  if (slot.command.stop || !is_alive) {
+  // If numbers were abnormal, it is not known whether the camera has taken the command.
+  if (slot.command.stop || !is_alive || slot.renumbered > 0) {
     accept(slot, slot.is_refused ? Outcome::not_executable : slot.is_replaced ? Outcome::replaced : Outcome::no_answer);
     return erase(slot);
   }
