@@ -121,7 +121,9 @@ bool Link::group_is_ready(const Command &command, std::int64_t now) {
   for (Slot &slot : slots_) {
     if (slot.command.group != command.group || (!slot.command.motion && !slot.command.stop)) continue;
     if (!slot.is_acknowledged) {
-      if (!slot.is_overtaken) is_ready = false;
+      // With sequence numbers, continuous motions need not wait for each other: the camera drops one that comes late.
+      const bool may_follow = slot.command.continuous && command.continuous && !matches_by_order();
+      if (!slot.is_overtaken && !may_follow) is_ready = false;
     } else if (slot.command.motion && !slot.command.continuous) {
       if (slot.cancel_us == 0) send_cancel(slot, now);
       is_ready = false;

@@ -61,7 +61,8 @@ constexpr Declared camera_settings[] = {
     {"HomeCommand", flag, "yes", 0, 0, "Go home by the camera's own command, not by a position"},
     {"Socket", text, "", 0, 107, "Socket of the second and further cameras"},
     {"State", text, "", 0, longest_text, "Preset file of the second and further cameras"},
-    {"Instance", number, "0", 0, G_MAXINT32, "PTZ instance of the second and further cameras"},
+    {"Instance", number, "0", 0, G_MAXINT32,
+     "PTZ instance that the status is published as, unless --instance says it; 0 publishes nothing"},
 };
 
 void declare(PTZKitDriver *driver, const char *group, const Declared &each) {

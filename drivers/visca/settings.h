@@ -17,7 +17,7 @@ struct CameraSettings {
   std::vector<RawAuxiliary> auxiliaries;
   // Of the second and further cameras of a serial line.
   std::string socket, state;
-  unsigned instance = 0;
+  unsigned instance = 0;  // of the first camera, unless --instance is given
 };
 
 struct DriverSettings {

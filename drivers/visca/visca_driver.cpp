@@ -116,6 +116,9 @@ gboolean open(PTZKitDriver *self, GError **error) {
     state.line->add_camera(static_cast<Byte>(index + 1), *of.head);
   }
   set_axes(state);
+  guint instance = 0;
+  g_object_get(self, "instance", &instance, nullptr);
+  if (instance == 0) g_object_set(self, "instance", state.camera.instance, nullptr);
   state.line->start();
   return TRUE;
 }

@@ -577,6 +577,17 @@ TEST_F(LinkTest, ContinuousMovesFollowEachOtherWithoutCancel) {
   EXPECT_EQ(sent_.size(), 3U);
 }
 
+TEST_F(LinkTest, ContinuousMoveDoesNotWaitForTheAckOfAnother) {
+  start_udp();
+  submit("first", drive(1));
+  submit("second", drive(2));
+  EXPECT_EQ(sent_.size(), 2U);
+  pass(50 * ms);
+  ack(1, 0);
+  ack(2, 1);
+  EXPECT_TRUE(was_told("second accepted"));
+}
+
 TEST_F(LinkTest, ClosedTransportFailsEverything) {
   start_serial();
   submit("move", move());

@@ -214,6 +214,48 @@ TEST(ViscaDriver, AuxiliaryOfTheSettingsIsARawCommand) {
   EXPECT_EQ(both.received("81 01 04 01 03 FF"), 1U);
 }
 
+// Each request is a motion to the left with a speed of its own: the camera must get all of them, in order.
+TEST(ViscaDriver, TwoHundredRequestsASecondArriveInOrder) {
+  CameraAndDriver both("udp");
+  both.start();
+  constexpr int requests = 200;
+  std::vector<std::string> expected;
+  std::vector<gint64> sent_us;
+  int answered = 0;
+  const auto on_answer = [](GObject *link, GAsyncResult *result, gpointer count) {
+    if (ptz_kit_link_move_finish(PTZ_KIT_LINK(link), result, nullptr) != FALSE) ++*static_cast<int *>(count);
+  };
+  both.clear_log();
+  for (int number = 0; number < requests; ++number) {
+    const int step = 1 + number % 24;
+    PTZKitMoveRequest request = {
+        .kind = PTZ_MOVE_CONTINUOUS, .axes = 1, .speed = 100, .value = {-step * 10000 / 24, 0, 0}};
+    char packet[32];
+    snprintf(packet, sizeof packet, "81 01 06 01 %02X 01 01 03 FF", step);
+    expected.emplace_back(packet);
+    sent_us.push_back(g_get_monotonic_time());
+    ptz_kit_link_move_async(both.link(), &request, deadline_ms, nullptr, on_answer, &answered);
+    while (g_get_monotonic_time() < sent_us.back() + 5000) {
+      if (g_main_context_iteration(nullptr, FALSE) == FALSE) g_usleep(200);
+    }
+  }
+  ASSERT_TRUE(ptz_test::run_until([&] { return answered == requests; })) << answered;
+  std::vector<std::string> received;
+  std::vector<double> latencies_us;
+  std::istringstream log(ptz_test::contents(both.file("log")));
+  for (std::string line; std::getline(log, line);) {
+    const std::size_t at = line.find("> 81 01 06 01 ");
+    if (at == std::string::npos) continue;
+    if (received.size() < sent_us.size()) {
+      latencies_us.push_back(std::stod(line) * 1000 - static_cast<double>(sent_us[received.size()]));
+    }
+    received.push_back(line.substr(at + 2));
+  }
+  EXPECT_EQ(received, expected);
+  std::ranges::sort(latencies_us);
+  if (!latencies_us.empty()) RecordProperty("median_us", static_cast<int>(latencies_us[latencies_us.size() / 2]));
+}
+
 TEST(ViscaDriver, TwoCamerasOfOneLineAreTwoInstances) {
   CameraAndDriver both("serial");
   std::ofstream(both.file("settings")) << "[Line]\nCameras=2\n[Camera2]\nSocket=" + both.file("second") + "\n";
