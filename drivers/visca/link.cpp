@@ -126,9 +126,7 @@ void Link::fail_all(Outcome outcome, bool stops_too) {
 
 // Drops what the command replaces in the queue, and marks what it replaces in the camera.
 void Link::supersede(const Command &command) {
-  const auto is_replaced = [&](const Command &other) {
-    return other.group == command.group && (other.motion || (command.stop && other.stop));
-  };
+  const auto is_replaced = [&](const Command &other) { return other.group == command.group && other.motion; };
   std::erase_if(queue_, [&](Waiting &waiting) {
     if (!is_replaced(waiting.command)) return false;
     tell(waiting.command.acknowledged, Outcome::replaced);
@@ -141,6 +139,31 @@ void Link::supersede(const Command &command) {
   }
 }
 
+// Nothing moves between two stops of a group, so the ACK of the first one is that of both.
+bool Link::join_stop(Command &command, std::int64_t now) {
+  const auto join = [&](Command &with) {
+    if (!with.stop || with.group != command.group) return false;
+    const auto both = [](std::function<void(Outcome)> &first, std::function<void(Outcome)> &second) {
+      first = [a = std::move(first), b = std::move(second)](Outcome outcome) {
+        if (a) a(outcome);
+        if (b) b(outcome);
+      };
+    };
+    both(with.acknowledged, command.acknowledged);
+    both(with.ended, command.ended);
+    return true;
+  };
+  for (Waiting &waiting : queue_) {
+    if (join(waiting.command)) return true;
+  }
+  for (Slot &slot : slots_) {
+    if (slot.is_acknowledged || !join(slot.command)) continue;
+    slot.since_us = now;
+    return true;
+  }
+  return false;
+}
+
 void Link::submit(Command command, std::int64_t now) {
   if (state_ == State::down || (state_ != State::up && !command.stop)) {
     tell(command.acknowledged, state_ == State::down ? Outcome::down : Outcome::no_answer);
@@ -148,6 +171,7 @@ void Link::submit(Command command, std::int64_t now) {
   }
   if (command.motion || command.stop) supersede(command);
   if (command.stop) {
+    if (join_stop(command, now)) return settle(now);
     if (command.group != Group::other) stops_[static_cast<std::size_t>(command.group)] = command.packet;
     const auto place = std::ranges::find_if(queue_, [](const Waiting &waiting) { return !waiting.command.stop; });
     queue_.insert(place, {std::move(command), now, now});

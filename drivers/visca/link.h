@@ -161,6 +161,7 @@ class Link {
   void tell(std::function<void(Outcome)> &callback, Outcome outcome);
   void fail_all(Outcome outcome, bool stops_too);
   void supersede(const Command &command);
+  [[nodiscard]] bool join_stop(Command &command, std::int64_t now);
   void begin_probing(std::int64_t now);
   void probe(std::int64_t now);
   void hear(std::int64_t now);

@@ -151,17 +151,11 @@ void Link::on_ack(const Reply &reply, Slot *slot, std::int64_t now) {
   }
 }
 
-// The stop holds: earlier stops need no repeat, and a motion that the camera has not ended by itself is cancelled.
+// The stop holds: a motion that the camera has not ended by itself is cancelled.
 void Link::end_what_is_stopped(const Slot &stop, std::int64_t now) {
-  for (auto next = slots_.begin(); next != slots_.end();) {
-    Slot &other = *next++;
-    if (&other == &stop || other.command.group != stop.command.group || !other.is_replaced) continue;
-    if (other.is_acknowledged) {
-      if (other.cancel_us == 0 && other.socket != 0) send_cancel(other, now);
-    } else if (other.command.stop && other.order < stop.order) {
-      accept(other, Outcome::replaced);
-      erase(other);
-    }
+  for (Slot &other : slots_) {
+    if (other.command.group != stop.command.group || !other.is_replaced || !other.is_acknowledged) continue;
+    if (other.cancel_us == 0 && other.socket != 0) send_cancel(other, now);
   }
 }
 

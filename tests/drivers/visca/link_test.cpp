@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
+
 #include <string>
 
 namespace visca {
@@ -240,6 +242,16 @@ TEST_F(LinkTest, StopWithoutAckHasFailedAfterTwoSeconds) {
   pass(1 * ms);
   EXPECT_TRUE(was_told("stop: the camera does not answer"));
   EXPECT_EQ(count(stop_bytes), 20U);
+}
+
+TEST_F(LinkTest, SecondStopIsAcknowledgedWithTheFirst) {
+  start_udp();
+  submit("first", stop());
+  submit("second", stop());
+  EXPECT_EQ(count(stop_bytes), 1U);
+  EXPECT_TRUE(told_.empty());
+  ack(1, 0);
+  EXPECT_EQ(told_, (std::vector<std::string>{"first accepted", "second accepted"}));
 }
 
 TEST_F(LinkTest, RepeatedStopHasTheSameSequenceNumber) {
