@@ -38,6 +38,15 @@ struct State final : public HeadUser {
   ~State() override;
   void axis_is_at(std::size_t axis, std::int32_t position, bool moving) override;
   void axis_runs(std::size_t axis, std::int32_t speed) override;
+  void head_is_ready() override;
+
+  // Requests that come before the camera had a chance to answer wait for it, for a moment.
+  bool is_starting = true;
+  std::vector<std::function<void()>> waiting;
+  Watch start_timer;
+  void begin_starting();
+  // True if the request waits: `again` is called later.
+  [[nodiscard]] bool waits(PTZKitReply *reply, std::function<void(PTZKitReply *)> again);
 };
 
 [[nodiscard]] State &state_of(PTZKitDriver *driver);

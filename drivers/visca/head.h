@@ -39,6 +39,8 @@ class HeadUser {
   virtual void axis_is_at(std::size_t axis, std::int32_t position, bool moving) = 0;
   // A continuous motion was ordered, with this speed a second.
   virtual void axis_runs(std::size_t axis, std::int32_t speed) = 0;
+  // The position is known, or it is known that the camera does not tell it.
+  virtual void head_is_ready() = 0;
 };
 
 struct HeadOptions {
@@ -93,7 +95,6 @@ class Head final : public LineUser {
   [[nodiscard]] std::int32_t value_of(std::size_t axis, std::int32_t steps) const;
   // The track is polled fast.
   [[nodiscard]] static bool is_active(const Track &track) { return track.moves || !track.ended; }
-  [[nodiscard]] bool is_active() const { return is_active(pan_tilt_) || is_active(zoom_); }
 
   void submit(Command command, Track *track, const Done &done);
   void begin(Track &track, bool continuous, bool recalled = false);
@@ -132,6 +133,8 @@ class Head final : public LineUser {
 
   [[nodiscard]] const Profile &profile() const { return options_.profile; }
   [[nodiscard]] bool is_there() const { return link_ != nullptr && link_->state() == Link::State::up; }
+  // It moves, or a command of a motion has not ended.
+  [[nodiscard]] bool is_active() const { return is_active(pan_tilt_) || is_active(zoom_); }
   [[nodiscard]] bool knows_position() const;
   [[nodiscard]] std::optional<bool> is_on() const { return is_on_; }
   [[nodiscard]] const std::optional<Version> &version() const { return version_; }

@@ -111,6 +111,7 @@ void Head::on_answer(InquiryKind kind, ByteSpan data) {
       break;
   }
   schedule_poll(now);
+  if (knows_position() || is_on_ == false) user_.head_is_ready();
 }
 
 void Head::on_no_answer(InquiryKind kind, Outcome why) {
@@ -131,6 +132,7 @@ void Head::on_no_answer(InquiryKind kind, Outcome why) {
   } else if (kind == InquiryKind::zoom_position && why == Outcome::bad_syntax) {
     steps_[zoom_axis].reset();
   }
+  if (!has_position_) user_.head_is_ready();
   schedule_poll(now);
 }
 

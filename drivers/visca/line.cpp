@@ -10,7 +10,9 @@ namespace visca {
 
 namespace {
 
-constexpr std::int64_t first_backoff_us = 100'000, answer_us = 500'000, retry_us = 5'000'000;
+constexpr std::int64_t first_backoff_us = 100'000, answer_us = 500'000, look_us = 5'000'000;
+// How long a camera that was never heard at an address is waited for: a name may have several addresses.
+constexpr std::int64_t retry_us = 1'500'000;
 // Cameras that tell of a change again and again must not keep the line busy.
 constexpr std::int64_t readdress_us = 1'000'000;
 constexpr unsigned most_tries = 2;
@@ -104,8 +106,7 @@ void Line::run(std::int64_t now) {
         }
         break;
       case State::open:
-        if (!is_serial()) next_us_ = now + retry_us;
-        if (!is_any_up() && !is_serial()) transport_is_closed("the camera does not answer");
+        look_for_cameras(now);
         break;
     }
   }
@@ -170,8 +171,18 @@ void Line::set_addresses(std::int64_t now) {
 
 void Line::open_links(std::int64_t now) {
   state_ = State::open;
-  next_us_ = is_serial() ? G_MAXINT64 : now + retry_us;
+  next_us_ = now + retry_us;
   for (const Camera &camera : cameras_) camera.link->start(now);
+}
+
+// Nothing answers: over IP the camera may have another address by now; on a serial line one that was switched on has
+// none yet.
+void Line::look_for_cameras(std::int64_t now) {
+  next_us_ = now + (is_any_up() ? look_us : retry_us);
+  if (is_any_up()) return;
+  if (!is_serial()) return transport_is_closed("the camera does not answer");
+  addressed_us_ = now;
+  send(address_set().bytes(), PayloadType::command, 0);
 }
 
 bool Line::is_any_up() const {

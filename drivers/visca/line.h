@@ -59,6 +59,7 @@ class Line final : public Wire, public TransportUser {
   void run(std::int64_t now);
   void open_links(std::int64_t now);
   void set_addresses(std::int64_t now);
+  void look_for_cameras(std::int64_t now);
   void on_line_reply(const Reply &reply, std::int64_t now);
   void on_packet(ByteSpan packet, std::optional<std::uint32_t> sequence);
   void on_datagram(ByteSpan datagram);

@@ -63,6 +63,8 @@ void goto_device_preset(PTZKitDriver *self, const PTZKitGotoDevicePresetRequest 
   if (preset == nullptr) {
     return ptz_kit_reply_error(reply, PTZ_KIT_ERROR_CODE_NOT_FOUND, "there is no preset %u", request->number);
   }
+  if (state.waits(reply, [self, wanted = *request](PTZKitReply *later) { goto_device_preset(self, &wanted, later); }))
+    return;
   if (!state.head->is_there()) return refuse(reply, Outcome::no_answer);
   if (is_in_camera(state, request->number)) {
     return state.head->memory(MemoryAction::recall, static_cast<Byte>(request->number - 1), answer_later(reply));

@@ -1,5 +1,5 @@
 #include <fcntl.h>
-#include <sys/ioctl.h>
+#include <sys/file.h>
 #include <termios.h>
 
 #include <cerrno>
@@ -54,7 +54,9 @@ class SerialTransport final : public Transport {
 
   void open() override {
     UniqueFd fd(::open(address_.host.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
-    if (!fd || ioctl(fd.get(), TIOCEXCL) != 0 || !set_up(fd.get(), address_.baud)) {
+    // A lock of the file goes with its holder; TIOCEXCL would outlive a driver that was killed if the other end of a
+    // pseudo-terminal keeps it open.
+    if (!fd || flock(fd.get(), LOCK_EX | LOCK_NB) != 0 || !set_up(fd.get(), address_.baud)) {
       return user_.transport_is_closed(address_.host + ": " + g_strerror(errno));
     }
     stream_.start(std::move(fd));

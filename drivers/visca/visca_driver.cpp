@@ -9,6 +9,7 @@ namespace visca {
 namespace {
 
 constexpr guint16 full_speed = 100;
+constexpr guint start_limit_ms = 1500;
 
 PTZKitAxis kit_axis(std::size_t axis) { return static_cast<PTZKitAxis>(axis); }
 
@@ -37,6 +38,32 @@ void State::axis_is_at(std::size_t axis, std::int32_t position, bool moving) {
 
 void State::axis_runs(std::size_t axis, std::int32_t speed) {
   if (is_open) ptz_kit_driver_report_speed(driver, kit_axis(axis), speed);
+}
+
+void State::begin_starting() {
+  const auto run = [](gpointer state) -> gboolean {
+    static_cast<State *>(state)->start_timer.ended();
+    static_cast<State *>(state)->head_is_ready();
+    return G_SOURCE_REMOVE;
+  };
+  start_timer.keep(g_timeout_add(start_limit_ms, run, this));
+}
+
+void State::head_is_ready() {
+  if (!is_starting) return;
+  is_starting = false;
+  start_timer.stop();
+  for (const auto &again : std::exchange(waiting, {})) again();
+}
+
+bool State::waits(PTZKitReply *reply, std::function<void(PTZKitReply *)> again) {
+  if (!is_starting) return false;
+  ptz_kit_reply_defer(reply);
+  const std::shared_ptr<PTZKitReply> kept(static_cast<PTZKitReply *>(g_object_ref(reply)), g_object_unref);
+  waiting.push_back([kept, again = std::move(again)] {
+    if (ptz_kit_reply_is_answered(kept.get()) == FALSE) again(kept.get());
+  });
+  return true;
 }
 
 void refuse(PTZKitReply *reply, Outcome outcome) {
@@ -89,6 +116,7 @@ void set_axes(State &state) {
                           profile.zoom_speed(), profile.zoom.least());
   ptz_kit_driver_add_capabilities(state.driver, image_capabilities, 0);
   state.auxiliaries.assign(state.camera.auxiliaries.size(), false);
+  state.begin_starting();
   state.is_open = true;
 }
 
@@ -139,11 +167,14 @@ gboolean started(PTZKitDriver *self, GError **error) {
 void close_device(PTZKitDriver *self) {
   State &state = state_of(self);
   for (const auto &other : state.others) ptz_kit_driver_stop(other.get());
+  // The order goes out at once; there is no time for its ACK.
+  if (state.head && state.head->is_there() && state.head->is_active()) state.head->stop([](Outcome) {});
   if (state.line) state.line->stop();
 }
 
 void move(PTZKitDriver *self, const PTZKitMoveRequest *request, PTZKitReply *reply) {
   State &state = state_of(self);
+  if (state.waits(reply, [self, wanted = *request](PTZKitReply *later) { move(self, &wanted, later); })) return;
   if (!state.head->is_there()) return refuse(reply, Outcome::no_answer);
   Order order = {.kind = request->kind == PTZ_MOVE_ABSOLUTE   ? MoveKind::absolute
                          : request->kind == PTZ_MOVE_RELATIVE ? MoveKind::relative
@@ -172,6 +203,7 @@ static_assert(PTZ_MOVE_CMD_UP == 0 && PTZ_MOVE_CMD_DOWN_RIGHT == directions.size
 void move_command(PTZKitDriver *self, const PTZKitMoveCommandRequest *request, PTZKitReply *reply) {
   State &state = state_of(self);
   if (request->direction == PTZ_MOVE_CMD_STOP) return stop(self, reply);
+  if (state.waits(reply, [self, wanted = *request](PTZKitReply *later) { move_command(self, &wanted, later); })) return;
   if (!state.head->is_there()) return refuse(reply, Outcome::no_answer);
   if (request->direction == PTZ_MOVE_CMD_HOME) {
     const guint32 number = ptz_kit_driver_get_home_preset(self);
@@ -188,7 +220,9 @@ void move_command(PTZKitDriver *self, const PTZKitMoveCommandRequest *request, P
 
 // A position that is unknown is not invented.
 void query_position(PTZKitDriver *self, PTZKitReply *reply) {
-  const Head &head = *state_of(self).head;
+  State &state = state_of(self);
+  if (state.waits(reply, [self](PTZKitReply *later) { query_position(self, later); })) return;
+  const Head &head = *state.head;
   if (!head.is_there()) return refuse(reply, Outcome::no_answer);
   if (!head.knows_position()) {
     return ptz_kit_reply_error_literal(reply, PTZ_KIT_ERROR_CODE_DEVICE, "the camera does not tell its position");

@@ -123,11 +123,8 @@ void Server::take_message(unsigned number, const Packet &datagram) {
   if (type != 0x0100 && type != 0x0110 && type != 0x0120) {
     return send_datagram(number, with_header(0x0200, sequence, {0x0f, 0x02}), false, sequence);
   }
-  // An inquiry is 8x 09 ...; both may not come as the other type.
-  if (payload.size() > 1 && (payload[1] == 0x09) != (type == 0x0110)) {
-    note('!', datagram);
-    return send_datagram(number, with_header(0x0200, sequence, {0x0f, 0x02}), false, sequence);
-  }
+  // An inquiry is 8x 09 ...: noted if it comes as a command, or the other way round, but answered.
+  if (payload.size() > 1 && (payload[1] == 0x09) != (type == 0x0110)) note('!', datagram);
   if (is_repeat(number, sequence)) return;
   take_packet({number, sequence}, payload);
 }

@@ -70,6 +70,7 @@ class CameraAndDriver {
     device_ = kind == "serial" ? "serial:" + dir_.file("tty") : kind + ":127.0.0.1:" + port;
   }
   void stop_camera() { camera_.reset(); }
+  const std::string &device() const { return device_; }
   void set_device(const std::string &device) { device_ = device; }
 
   void start_driver(std::vector<std::string> more = {}) {
