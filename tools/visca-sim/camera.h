@@ -26,7 +26,7 @@ struct CameraOptions {
   std::int64_t ack_delay_us = 0;
 };
 
-// Whom a reply is for: the endpoint's client and the message's number, which the camera only returns.
+// The receiver of a reply: a client of the endpoint and the number of its message, which the camera only returns.
 struct Sender {
   unsigned client = 0;
   std::uint32_t sequence = 0;

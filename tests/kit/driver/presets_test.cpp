@@ -265,6 +265,15 @@ TEST_F(KitPresetsOfProgram, FileNamesAxesOnlyIfThePresetDoesNotMoveAll) {
   EXPECT_NE(text().find("[DevicePreset4]\nName=all\nPan=1\nTilt=2\nZoom=3\n"), std::string::npos) << text();
 }
 
+TEST_F(KitPresets, HomePresetIsToldToTheDriver) {
+  make();
+  start();
+  EXPECT_EQ(ptz_kit_driver_get_home_preset(kit()), 0U);
+  store(3, "door");
+  ask("{'command': <'default_home_preset'>, 'number': <3>}");
+  EXPECT_EQ(ptz_kit_driver_get_home_preset(kit()), 3U);
+}
+
 TEST_F(KitPresets, DriverThatKeepsNoneDoesNotServeThem) {
   make();
   g_object_set(driver_, "keep-presets", FALSE, nullptr);
