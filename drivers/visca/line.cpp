@@ -180,6 +180,8 @@ void Line::open_links(std::int64_t now) {
 void Line::look_for_cameras(std::int64_t now) {
   next_us_ = now + (is_any_up() ? look_us : retry_us);
   if (is_any_up()) return;
+  // A stop is repeated for its whole time, and a closed transport would end it.
+  if (std::ranges::any_of(cameras_, [](const Camera &each) { return each.link->is_stopping(); })) return;
   if (!is_serial()) return transport_is_closed("the camera does not answer");
   addressed_us_ = now;
   send(address_set().bytes(), PayloadType::command, 0);

@@ -191,6 +191,11 @@ bool Link::asks(InquiryKind kind) const {
   return (asked_ && asked_->kind == kind) || std::ranges::find(questions_, kind) != questions_.end();
 }
 
+bool Link::is_stopping() const {
+  return std::ranges::any_of(queue_, [](const Waiting &waiting) { return waiting.command.stop; }) ||
+         std::ranges::any_of(slots_, [](const Slot &slot) { return slot.command.stop && !slot.is_acknowledged; });
+}
+
 bool Link::has_in_camera(Group group) const {
   return std::ranges::any_of(slots_, [&](const Slot &slot) { return slot.command.group == group; });
 }

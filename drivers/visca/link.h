@@ -224,6 +224,8 @@ class Link {
   // A message was sent and its first reply is due.
   [[nodiscard]] bool waits_for_reply(std::int64_t now) const;
   [[nodiscard]] bool has_in_camera(Group group) const;
+  // A stop has no ACK yet.
+  [[nodiscard]] bool is_stopping() const;
   [[nodiscard]] std::size_t commands_in_camera() const { return slots_.size(); }
   [[nodiscard]] bool asks(InquiryKind kind) const;
 

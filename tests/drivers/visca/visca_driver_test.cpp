@@ -142,6 +142,7 @@ TEST_P(EachTransport, CameraThatIsOffIsAnErrorAndComesBack) {
   const gint64 began = g_get_monotonic_time();
   ASSERT_TRUE(both_.is_there_soon(6000)) << both_.last_error();
   EXPECT_LT(g_get_monotonic_time() - began, 5'000'000);
+  RecordProperty("back_after_ms", static_cast<int>((g_get_monotonic_time() - began) / 1000));
   EXPECT_EQ(both_.rest(), (Position{0, 0, 100})) << "an old move came back";
   ASSERT_TRUE(both_.go_to({500, 500, 150}));
   EXPECT_EQ(both_.rest(), (Position{500, 500, 150}));
@@ -177,6 +178,16 @@ TEST(ViscaDriver, NameWithSeveralAddressesIsTriedAtEach) {
   both.set_device("udp:localhost:" + both.device().substr(both.device().rfind(':') + 1));
   both.start_driver();
   EXPECT_TRUE(both.is_there_soon(6000)) << both.output();
+}
+
+TEST(ViscaDriver, StopWithoutCameraFailsAfterTwoSeconds) {
+  CameraAndDriver both("udp");
+  both.start();
+  both.stop_camera();
+  const gint64 began = g_get_monotonic_time();
+  EXPECT_FALSE(both.stop());
+  EXPECT_GE(g_get_monotonic_time() - began, 1'900'000);
+  EXPECT_LT(g_get_monotonic_time() - began, 4'000'000);
 }
 
 TEST(ViscaDriver, EndOfTheDriverStopsTheCamera) {
