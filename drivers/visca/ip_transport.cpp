@@ -75,6 +75,7 @@ class UdpTransport final : public Transport {
   Watch readable_;
   Object<GCancellable> resolving_;
   Object<GSocketAddressEnumerator> addresses_;  // one further address each time that the camera does not answer
+  bool had_address_ = false;
   sockaddr_storage camera_ = {};
   socklen_t camera_size_ = 0;
 
@@ -86,10 +87,12 @@ class UdpTransport final : public Transport {
     auto &self = *static_cast<UdpTransport *>(user_data);
     self.resolving_.reset();
     if (!address) {
-      // The next attempt asks the resolver again.
+      // All addresses were tried: the resolver is asked again.
       self.addresses_.reset();
-      return self.user_.transport_is_closed(error ? error->message : "there are no further addresses");
+      if (!error && std::exchange(self.had_address_, false)) return self.open();
+      return self.user_.transport_is_closed(error ? error->message : "the name has no address");
     }
+    self.had_address_ = true;
     self.start(address.get());
   }
 
