@@ -18,11 +18,6 @@ struct flock whole_file(short type) {
   return lock;
 }
 
-bool is_locked(int fd) {
-  struct flock lock = whole_file(F_RDLCK);
-  return fcntl(fd, F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
-}
-
 KeyFile load(int fd, off_t size) {
   const auto room = static_cast<gsize>(size) + 1;  // a file that grows meanwhile does not parse
   const Text text(static_cast<char *>(g_malloc(room)));
@@ -104,10 +99,15 @@ Text format_entry(const PTZKitRegistryEntry &entry, const SocketFile &socket) {
                               entry.protocol_version, entry.since, guint64{socket.device}, guint64{socket.inode}));
 }
 
-Entry read_entry(int folder, const char *file, bool &listens) {
+bool is_locked(int fd) {
+  struct flock lock = whole_file(F_RDLCK);
+  return fcntl(fd, F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+}
+
+Entry read_entry(int folder, const char *file, EntryFile &opened) {
   constexpr int attempts = 3;
   for (int attempt = 0; attempt < attempts; ++attempt) {
-    const UniqueFd fd(openat(folder, file, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+    UniqueFd fd(openat(folder, file, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
     struct stat status;
     if (!fd || fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_size > size_max) return nullptr;
     const bool locked = is_locked(fd.get());
@@ -119,7 +119,7 @@ Entry read_entry(int folder, const char *file, bool &listens) {
     if (!entry) return nullptr;
     entry->uid = status.st_uid;
     entry->liveness = liveness_of(*entry, socket, locked);
-    listens = socket.inode != 0;
+    opened = {std::move(fd), socket.inode != 0};
     return entry;
   }
   return nullptr;

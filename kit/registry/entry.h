@@ -31,8 +31,17 @@ using Entry = Handle<PTZKitRegistryEntry, ptz_kit_registry_entry_free>;
 // The contents of an entry file. `uid` and `liveness` are not written.
 [[nodiscard]] Text format_entry(const PTZKitRegistryEntry &entry, const SocketFile &socket);
 
-// Null if the file is no entry. `listens` is false while the driver starts.
-[[nodiscard]] Entry read_entry(int folder, const char *file, bool &listens);
+// What reading an entry leaves: `listens` is false while the driver starts.
+struct EntryFile {
+  UniqueFd fd;
+  bool listens = false;
+};
+
+// Null if the file is no entry, or if it cannot be opened; errno then tells why.
+[[nodiscard]] Entry read_entry(int folder, const char *file, EntryFile &opened);
+
+// Whether a driver holds the lock of the file, which need not have a name any more.
+[[nodiscard]] bool is_locked(int fd);
 
 // Locks a file that was opened for writing until the descriptor, and each copy of it, is closed.
 [[nodiscard]] bool lock_entry(int fd);

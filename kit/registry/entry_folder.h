@@ -2,6 +2,7 @@
 #pragma once
 #include <dirent.h>
 
+#include <cerrno>
 #include <string>
 #include <utility>
 
@@ -38,15 +39,24 @@ class FolderReader {
   [[nodiscard]] const char *next();
 };
 
-// Calls handler(file_name, entry, listens) for each entry in a folder. False with errno set if it cannot be read.
+// Whether an error tells nothing of the file: the process or the system has no more descriptors or memory.
+[[nodiscard]] inline bool is_shortage(int error) { return error == EMFILE || error == ENFILE || error == ENOMEM; }
+
+// Calls handler(file_name, entry, opened) for each entry in a folder. False with errno set if it cannot be read, or if
+// an entry cannot be opened for lack of resources.
 template <typename Handler>
 [[nodiscard]] bool for_each_entry(int folder, Handler &&handler) {
   FolderReader reader(folder);
   if (!reader) return false;
   while (const char *file = reader.next()) {
-    bool listens = false;
     if (g_str_has_suffix(file, entry_suffix) == FALSE) continue;
-    if (Entry entry = read_entry(folder, file, listens)) handler(file, std::move(entry), listens);
+    EntryFile opened;
+    errno = 0;
+    if (Entry entry = read_entry(folder, file, opened)) {
+      handler(file, std::move(entry), opened);
+    } else if (is_shortage(errno)) {
+      return false;
+    }
   }
   return true;
 }

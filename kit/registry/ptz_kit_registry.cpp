@@ -141,8 +141,8 @@ GPtrArray *ptz_kit_registry_list(PTZKitRegistry *self, GError **error) {
   const char *directory = self->own->directory.c_str();
   const UniqueFd folder = open_folder(directory);
   if (!folder && errno == ENOENT) return list.release();
-  const auto add = [&](const char *, Entry entry, bool listens) {
-    if (listens) g_ptr_array_add(list.get(), entry.release());
+  const auto add = [&](const char *, Entry entry, const EntryFile &opened) {
+    if (opened.listens) g_ptr_array_add(list.get(), entry.release());
   };
   if (!folder || !for_each_entry(folder.get(), add)) {
     set_file_error(error, directory);

@@ -76,7 +76,7 @@ void Registration::delist() {
 // Removes the entries of drivers that were killed.
 bool Registration::find_conflict(int folder, GError **error) const {
   bool found = false;
-  const auto compare = [&](const char *file, const Entry &entry, bool) {
+  const auto compare = [&](const char *file, const Entry &entry, const EntryFile &) {
     if (entry->liveness == PTZ_KIT_DRIVER_DEAD) {
       unlinkat(folder, file, 0);
       return;

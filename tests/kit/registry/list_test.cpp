@@ -1,5 +1,6 @@
 // Listing and finding the drivers that have an entry.
 #include <gio/gio.h>
+#include <sys/resource.h>
 
 #include "entry_files.h"
 
@@ -49,6 +50,21 @@ TEST_F(RegistryList, OfFileInsteadOfDirectoryFails) {
   EXPECT_EQ(ptz_kit_registry_list(registry.get(), &error), nullptr);
   const Owned<GError> owned(error);
   EXPECT_TRUE(g_error_matches(error, G_FILE_ERROR, G_FILE_ERROR_NOTDIR));
+}
+
+TEST_F(RegistryList, FailsIfEntryCannotBeOpenedForLackOfDescriptors) {
+  write_entry("1.driver", {.socket = listen_at("a.socket")});
+  const ptz_test::Descriptor lowest(dup(0));
+  rlimit old = {};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &old), 0);
+  const rlimit two_more = {static_cast<rlim_t>(lowest.get()) + 3, old.rlim_max};  // of the folder
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &two_more), 0);
+  GError *error = nullptr;
+  const Owned<GPtrArray> drivers(ptz_kit_registry_list(registry_.get(), &error));
+  setrlimit(RLIMIT_NOFILE, &old);
+  const Owned<GError> owned(error);
+  EXPECT_EQ(drivers, nullptr);
+  EXPECT_TRUE(g_error_matches(error, G_FILE_ERROR, G_FILE_ERROR_MFILE));
 }
 
 TEST_F(RegistryList, SortsByNameThenInstance) {

@@ -1,4 +1,5 @@
 // The signals of a registry: drivers come and go.
+#include <dirent.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 
@@ -6,7 +7,18 @@
 #include <filesystem>
 
 #include "../driver/running_driver.h"
+#include "clock.h"
 #include "entry_files.h"
+#include "interpose.h"
+
+static int looks = 0;
+static int look_takes_ms = 0;
+
+INTERPOSE(DIR *, fdopendir, (int fd)) {
+  ++looks;
+  ptz_test::advance_clock(look_takes_ms);
+  return REAL(fdopendir)(fd);
+}
 
 namespace {
 
@@ -139,14 +151,70 @@ TEST_F(RegistryWatch, SignalsNothingWhenPathOfDriverIsRemoved) {
   stop(driver);
 }
 
-TEST_F(RegistryWatch, SignalsDriverAgainWhoseEntryWasRemoved) {
+TEST_F(RegistryWatch, SignalsNothingWhenEntryOfRunningDriverIsRemoved) {
   watch();
   PTZKitDriver *driver = start("a");
   EXPECT_EQ(signals(1), Names{"+a"});
   std::filesystem::remove_all(folder_);
-  EXPECT_EQ(signals(2), (Names{"-a", "+a"}));
+  ptz_test::run_pending();
+  ptz_test::advance_clock(1000);
+  EXPECT_TRUE(ptz_test::run_until([&] { return std::filesystem::exists(folder_); }, 2000));
+  EXPECT_EQ(signals(0), Names{});
   stop(driver);
   EXPECT_EQ(signals(1), Names{"-a"});
+}
+
+TEST_F(RegistryWatch, SignalsKilledDriverWhoseFolderWasRemovedOnce) {
+  const pid_t child = fork();
+  if (child == 0) {
+    start("killed");
+    for (;;) pause();
+  }
+  watch();
+  ASSERT_TRUE(ptz_test::run_until([&] { return !seen_.empty(); }, 2000));
+  std::filesystem::remove_all(folder_);
+  EXPECT_EQ(signals(1), Names{"+killed"});
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+  ptz_test::advance_clock(500);
+  EXPECT_EQ(signals(1), Names{"-killed"});
+}
+
+TEST_F(RegistryWatch, WithoutDescriptorsSignalsNothingUntilThereAreSome) {
+  watch();
+  PTZKitDriver *first = start("a");
+  EXPECT_EQ(signals(1), Names{"+a"});
+  PTZKitDriver *second = start("b");
+  rlimit old = {};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &old), 0);
+  const rlimit few = {200, old.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+  std::vector<ptz_test::Descriptor> all;
+  for (int fd = dup(0); fd >= 0; fd = dup(0)) all.emplace_back(fd);
+  const Names seen = signals(0);
+  all.clear();
+  setrlimit(RLIMIT_NOFILE, &old);
+  EXPECT_EQ(seen, Names{});
+  ptz_test::advance_clock(500);
+  EXPECT_EQ(signals(1), Names{"+b"});
+  stop(first);
+  stop(second);
+}
+
+TEST_F(RegistryOfEntryFiles, AreReadForAtMostATenthOfTheTime) {
+  write_entry("1.driver", {.socket = listen_at("a.socket")});
+  ASSERT_TRUE(ptz_kit_registry_watch(registry_.get(), nullptr));
+  look_takes_ms = 20;
+  ptz_test::run_pending();
+  looks = 0;
+  for (int i = 0; i < 100; ++i) {
+    std::ofstream(folder_ + "/other.driver") << i;
+    ptz_test::run_pending();
+    ptz_test::advance_clock(10);
+  }
+  EXPECT_GE(looks, 3);
+  EXPECT_LE(looks, 7);
+  look_takes_ms = 0;
 }
 
 TEST_F(RegistryWatch, HandlerMayDropTheRegistry) {
