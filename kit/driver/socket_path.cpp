@@ -1,8 +1,10 @@
 #include "driver/socket_path.h"
 
 #include <gio/gio.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 
 #include <cerrno>
@@ -18,8 +20,14 @@ namespace {
 using MallocText = Handle<char, std::free>;
 
 // A child of a driver that has ended may still hold its listening socket; the kernel tells the process that has called
-// listen().
-bool has_ended(pid_t pid) { return pid > 0 && kill(pid, 0) != 0 && errno == ESRCH; }
+// listen(). Of a process that its parent has not waited for, the descriptor is readable.
+bool has_ended(pid_t pid) {
+  if (pid <= 0) return false;
+  if (kill(pid, 0) != 0 && errno == ESRCH) return true;
+  const UniqueFd process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+  pollfd ended = {process.get(), POLLIN, 0};
+  return process && poll(&ended, 1, 0) > 0;
+}
 
 PathHolder listening_process(int fd) {
   ucred peer = {};
@@ -63,6 +71,11 @@ PathHolder holder_of(const char *path) {
 
 bool is_path_free(const std::string &path, GError **error) {
   using Kind = PathHolder::Kind;
+  if (path.size() >= sizeof sockaddr_un::sun_path) {
+    g_set_error(error, G_IO_ERROR, G_IO_ERROR_FILENAME_TOO_LONG, "socket path '%s' is longer than %zu bytes",
+                path.c_str(), sizeof sockaddr_un::sun_path - 1);
+    return false;
+  }
   const PathHolder holder = holder_of(path.c_str());
   switch (holder.kind) {
     case Kind::none:

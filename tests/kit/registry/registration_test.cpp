@@ -203,6 +203,16 @@ TEST_F(Registration, WithoutRuntimeDirectoryDriverServesWithWarning) {
   EXPECT_NE(start(second).find("is served by process " + own_pid_), std::string::npos);
 }
 
+TEST_F(Registration, RefusesRelativePathThatIsTooLongForAnAddress) {
+  const std::string deep = dir_.file(std::string(100, 'd'));
+  std::filesystem::create_directory(deep);
+  in_child([&] {
+    ASSERT_EQ(chdir(deep.c_str()), 0);
+    const Driver driver = make("socket");
+    EXPECT_NE(start(driver).find("' is longer than 107 bytes"), std::string::npos);
+  });
+}
+
 TEST_F(Registration, OnFullDiskDriverServesWithWarning) {
   in_child([&] {
     signal(SIGXFSZ, SIG_IGN);
@@ -315,6 +325,30 @@ TEST_F(Registration, IsNotKeptAliveByChildOfDriver) {
   const Driver next = make(path_);
   EXPECT_EQ(start(next), "");
   kill(child, SIGKILL);
+  close(pipe_ends[0]);
+  close(pipe_ends[1]);
+}
+
+TEST_F(Registration, DoesNotCountKilledDriverThatItsParentHasNotWaitedForAsServer) {
+  pid_t child = 0;
+  int pipe_ends[2];
+  ASSERT_EQ(pipe(pipe_ends), 0);
+  const pid_t driver = start_in_child([&] {
+    child = fork();
+    if (child == 0) {
+      for (;;) pause();
+    }
+    if (write(pipe_ends[1], &child, sizeof child) != sizeof child) _exit(1);
+  });
+  ASSERT_EQ(read(pipe_ends[0], &child, sizeof child), static_cast<ssize_t>(sizeof child));
+  kill(driver, SIGKILL);
+  siginfo_t info = {};
+  ASSERT_EQ(waitid(P_PID, static_cast<id_t>(driver), &info, WEXITED | WNOWAIT), 0);
+  EXPECT_TRUE(ptz_test::connect_to(path_));
+  const Driver next = make(path_);
+  EXPECT_EQ(start(next), "");
+  kill(child, SIGKILL);
+  waitpid(driver, nullptr, 0);
   close(pipe_ends[0]);
   close(pipe_ends[1]);
 }
