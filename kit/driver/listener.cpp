@@ -6,7 +6,6 @@
 #include <poll.h>
 #include <sys/inotify.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <syslog.h>
 
 #include <cstring>
@@ -19,7 +18,11 @@ namespace ptz_kit {
 namespace {
 
 constexpr guint retry_ms = 250;
-constexpr guint after_failure_ms = 10'000;
+constexpr guint after_failure_ms = 900;
+constexpr guint quick_retries = 20;
+constexpr guint after_many_failures_ms = 10'000;  // each failure costs the base a descriptor and a log line
+constexpr guint entry_retry_max_ms = 10'000;
+constexpr gint64 lock_wait_us = 2 * G_USEC_PER_SEC;
 constexpr guint without_watch_ms = 500;
 constexpr gint64 take_back_interval_us = G_USEC_PER_SEC;
 constexpr gint64 listen_interval_us = 10'000;  // a program that removes the path all the time does not stop the driver
@@ -50,12 +53,11 @@ std::string describe_loss(const PathHolder &holder) {
 
 bool Listener::start(const std::string &path, GError **error) {
   stop();
-  const std::string resolved = resolve_socket_path(path);
-  path_ = resolved.size() < sizeof sockaddr_un::sun_path ? resolved : path;
+  path_ = resolve_socket_path(path);
   owner_ = getpid();
   // Drivers without a common registry still do not overtake each other between the check and the bind.
   const UniqueFd folder = open_folder(folder_of(path_).get());
-  const bool locked = folder && lock_folder(folder.get());
+  const bool locked = folder && lock_folder(folder.get(), lock_wait_us);
   const bool may_listen = is_path_free(path_, error);
   const bool listens = may_listen && listen();
   if (locked) unlock_folder(folder.get());
@@ -69,9 +71,11 @@ bool Listener::start(const std::string &path, GError **error) {
 
 void Listener::stop() {
   timer_.stop();
+  entry_timer_.stop();
   if (watch_source_ != 0) g_source_remove(watch_source_);
   watch_source_ = 0;
   watch_ = UniqueFd();
+  polls_ = false;
   if (is_started() && owner_ == getpid() && file_.inode != 0 && socket_at(path_.c_str()) == file_) {
     unlink(path_.c_str());
   }
@@ -101,19 +105,41 @@ void Listener::begin_watch() {
   if (watch_) {
     watch_source_ = g_unix_fd_add(watch_.get(), G_IO_IN, on_change, this);
   } else {
-    syslog(LOG_WARNING, "the socket is looked at twice a second, because inotify is not available: %s",
-           g_strerror(errno));
+    poll_instead();
   }
   watch_files();
   check();  // for a change before the watch
 }
 
+void Listener::poll_instead() {
+  if (polls_) return;
+  polls_ = true;
+  syslog(LOG_WARNING, "the socket is looked at twice a second, because inotify is not available: %s",
+         g_strerror(errno));
+}
+
+int Listener::watch(const char *path, guint32 events) {
+  const int id = inotify_add_watch(watch_.get(), path, events);
+  if (id < 0 && (errno == ENOSPC || errno == ENOMEM)) poll_instead();
+  return id;
+}
+
+void Listener::watch_folders_of(const std::string &path) {
+  for (Text folder = folder_of(path);; folder = folder_of(folder.get())) {
+    watch(folder.get(), IN_MOVE_SELF | IN_ONLYDIR);
+    if (std::strlen(folder.get()) <= 1) return;
+  }
+}
+
 void Listener::watch_files() {
   if (!watch_) return;
   if (file_watch_ >= 0) inotify_rm_watch(watch_.get(), file_watch_);
-  file_watch_ = inotify_add_watch(watch_.get(), path_.c_str(), IN_ATTRIB | IN_MOVE_SELF | IN_DONT_FOLLOW);
-  inotify_add_watch(watch_.get(), folder_of(path_).get(), IN_MOVE_SELF | IN_ONLYDIR);
-  inotify_add_watch(watch_.get(), registration_.path().c_str(), IN_ATTRIB | IN_DONT_FOLLOW);
+  constexpr guint32 events_of_file = IN_ATTRIB | IN_MOVE_SELF | IN_DONT_FOLLOW;
+  file_watch_ = watch(path_.c_str(), events_of_file);
+  watch_folders_of(path_);
+  if (registration_.path().empty()) return;
+  watch(registration_.path().c_str(), events_of_file);
+  watch_folders_of(registration_.path());
 }
 
 gboolean Listener::on_change(gint fd, GIOCondition, gpointer listener) {
@@ -127,10 +153,16 @@ gboolean Listener::on_change(gint fd, GIOCondition, gpointer listener) {
 gboolean Listener::on_timer(gpointer listener) {
   auto &self = *static_cast<Listener *>(listener);
   self.timer_.ended();
-  if (self.registration_.is_removed()) {
-    self.registration_.publish(self.file_);
-    self.watch_files();
-  }
+  self.check();
+  return G_SOURCE_REMOVE;
+}
+
+gboolean Listener::on_entry_timer(gpointer listener) {
+  auto &self = *static_cast<Listener *>(listener);
+  self.entry_timer_.ended();
+  if (self.registration_.is_missing()) self.registration_.publish(self.file_);
+  self.watch_files();
+  self.entry_retry_ms_ = MIN(2 * self.entry_retry_ms_, entry_retry_max_ms);
   self.check();
   return G_SOURCE_REMOVE;
 }
@@ -140,11 +172,16 @@ void Listener::check_in(guint interval_ms) {
 }
 
 void Listener::check() {
+  if (!registration_.is_missing()) {
+    entry_retry_ms_ = first_entry_retry_ms;
+  } else if (!entry_timer_.runs()) {
+    entry_timer_.start(entry_retry_ms_, on_entry_timer, this);
+  }
   if (file_.inode == 0 || socket_at(path_.c_str()) != file_) return recover();
   lost_ = false;
+  failures_ = 0;
   timer_.stop();
-  // Later: its folder may be removed just now, and would not be empty.
-  if (!watch_ || registration_.is_removed()) check_in(without_watch_ms);
+  if (polls_) check_in(without_watch_ms);
 }
 
 void Listener::recover() {
@@ -158,7 +195,10 @@ void Listener::recover() {
   const bool may_listen = is_served || holder.kind == PathHolder::Kind::none;
   // Checked first, because the server logs each failure.
   if (!may_listen || access(folder_of(path_).get(), W_OK | X_OK) != 0) return check_in(retry_ms);
-  if (!listen()) return check_in(after_failure_ms);
+  if (!listen()) {
+    ++failures_;
+    return check_in(failures_ <= quick_retries ? after_failure_ms : after_many_failures_ms);
+  }
   watch_files();
   check();
 }

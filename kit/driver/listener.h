@@ -4,13 +4,18 @@
 // server would remove whatever file is there when it ends. The listener removes the file only if it is its own, by
 // device and inode.
 //
-// Loss. inotify tells at once when the file loses its name (IN_ATTRIB: its count of links changes) or is moved. The
-// folder is watched for its own move only, so a busy folder such as /tmp wakes nothing. If the path is free or stale, a
-// new server listens there at once. If another process serves it, or if another file is in the way, a timer looks again
-// until the path is back; a path that was served is taken back at most once a second, so two programs that want the
-// same path do not keep each other busy.
+// Loss. inotify tells at once when the file loses its name (IN_ATTRIB: its count of links changes) or is moved. Each
+// folder above it is watched for its own move only, so a busy folder such as /tmp wakes nothing. If the path is free or
+// stale, a new server listens there at once. If another process serves it, or if another file is in the way, a timer
+// looks again until the path is back; a path that was served is taken back at most once a second, so two programs that
+// want the same path do not keep each other busy.
 //
-// The entry in the registry is watched likewise, and made anew half a second after it was removed.
+// The entry in the registry is watched likewise, and made anew half a second after it was removed or moved. If that
+// fails, it is tried again, ever more rarely, and at least every ten seconds.
+//
+// Limits. inotify does not tell that a file system was mounted over one of the folders, or that a symbolic link that
+// led to the registry now leads elsewhere: such a loss is noticed at the next event. If the kernel grants no watch, the
+// path is looked at twice a second, which has neither limit.
 //
 // Clients. The server that has lost its path goes on serving its clients. It is freed when the path is lost the next
 // time and no client is left, so there are never more servers than connections, plus one.
@@ -29,6 +34,8 @@
 namespace ptz_kit {
 
 class Listener {
+  static constexpr guint first_entry_retry_ms = 500;  // its folder may be removed just now, and would not be empty
+
   const PTZSocketServerCallback callback_;
   const gpointer user_data_;
   Registration &registration_;
@@ -39,12 +46,18 @@ class Listener {
   UniqueFd watch_;                                       // of inotify
   guint watch_source_ = 0;
   int file_watch_ = -1;
-  Timer timer_;
+  bool polls_ = false;
+  Timer timer_, entry_timer_;
+  guint failures_ = 0;
+  guint entry_retry_ms_ = first_entry_retry_ms;
   bool lost_ = false;
   gint64 listening_since_us_ = 0;
 
   [[nodiscard]] bool listen();
   void begin_watch();
+  void poll_instead();
+  int watch(const char *path, guint32 events);
+  void watch_folders_of(const std::string &path);
   void watch_files();
   void drop_idle_servers();
   void check();
@@ -52,6 +65,7 @@ class Listener {
   void check_in(guint interval_ms);
   static gboolean on_change(gint fd, GIOCondition, gpointer listener);
   static gboolean on_timer(gpointer listener);
+  static gboolean on_entry_timer(gpointer listener);
 
  public:
   Listener(Registration &registration, PTZSocketServerCallback callback, gpointer user_data)

@@ -110,8 +110,12 @@ PTZ_KIT_API void ptz_kit_registry_entry_free (PTZKitRegistryEntry *entry);
  * runtime directory, and holds a lock on it. The kernel drops the lock when the driver ends, so the entry of a driver
  * that was killed is seen to be dead.
  *
- * The runtime directory is `/run/ptz`, or the value of the environment variable `PTZ_PLATFORM_RUNTIME_DIR`. Drivers
- * that cannot write there run without an entry.
+ * The runtime directory is `/run/ptz`, or the value of the environment variable `PTZ_PLATFORM_RUNTIME_DIR`. The first
+ * driver makes it if it is missing and the directory that it is in is there. Drivers that cannot write there run
+ * without an entry, and try again at least every ten seconds.
+ *
+ * A driver makes its entry anew within a second if it is removed or renamed, or if a directory above it is renamed. It
+ * does not notice that a file system is mounted over such a directory, or that a symbolic link leads elsewhere.
  *
  * An object may be used in one thread at a time.
  *
@@ -141,7 +145,8 @@ typedef struct _PTZKitRegistryClass PTZKitRegistryClass;
  * @self: the registry
  * @entry: the driver, as it was
  *
- * A driver that had appeared has ended or was killed. Once for each.
+ * A driver that had appeared has ended or was killed. Once for each. That its entry was removed is no reason: the lock
+ * of the entry tells that the driver runs.
  *
  * Since: 0.1
  */
@@ -184,7 +189,8 @@ PTZ_KIT_API PTZKitRegistry *ptz_kit_registry_new (const gchar *directory);
  * Since: 0.1
  *
  * Returns: (transfer container) (element-type PTZKitRegistryEntry) (nullable): the entries, sorted by name and instance;
- *   the array frees them. `NULL` with @error set, in `G_FILE_ERROR`, if the directory cannot be read
+ *   the array frees them. `NULL` with @error set, in `G_FILE_ERROR`, if the directory cannot be read, or if the process
+ *   has no descriptors left
  */
 PTZ_KIT_API GPtrArray *ptz_kit_registry_list (PTZKitRegistry *self, GError **error);
 
@@ -212,7 +218,10 @@ PTZ_KIT_API PTZKitRegistryEntry *ptz_kit_registry_find (PTZKitRegistry *self, co
  *
  * Begins to emit [signal@PTZKit.Registry::driver-appeared] and [signal@PTZKit.Registry::driver-gone], on the
  * thread-default main context of the caller: first for the drivers that run already, from the main loop. A second call
- * has no effect. The watch ends with the object.
+ * has no effect. The watch ends with the object. It holds a descriptor for each driver that runs.
+ *
+ * It does not notice that a directory above the directory of the entries is renamed, that a file system is mounted over
+ * one, or that a symbolic link leads elsewhere.
  *
  * Thread: any.
  *

@@ -11,9 +11,10 @@ namespace ptz_kit {
 namespace {
 
 constexpr char default_runtime_directory[] = "/run/ptz";
-constexpr gint64 lock_wait_us = 2 * G_USEC_PER_SEC;
+constexpr mode_t runtime_directory_mode = 02770;  // as the status store makes it
 constexpr gulong lock_retry_us = 5000;
 constexpr mode_t access_bits = 07777;
+constexpr auto keep_group = static_cast<gid_t>(-1);
 
 // A unit with RestrictSUIDSGID= may not set the setgid bit. Nothing depends on it here.
 bool set_mode(int folder, mode_t mode) {
@@ -24,22 +25,31 @@ bool set_mode(int folder, mode_t mode) {
 }
 
 // The new folder is complete when it gets its name, and never replaces one that has come meanwhile. Returns 0 or errno.
-int make_like_parent(const std::string &path) {
-  const Text parent(g_path_get_dirname(path.c_str()));
-  const Text made(g_build_filename(parent.get(), ".drivers-XXXXXX", nullptr));
-  struct stat status;
-  if (stat(parent.get(), &status) != 0) return errno;
-  const mode_t mode = status.st_mode & access_bits;
+int make_with_access(const char *path, mode_t mode, gid_t group) {
+  const Text made(g_strconcat(path, "-XXXXXX", nullptr));
   if (g_mkdtemp_full(made.get(), static_cast<int>(mode & ~S_ISGID)) == nullptr) return errno;
   const UniqueFd folder = open_folder(made.get());
-  if (folder) give_group(folder.get(), status.st_gid);
+  if (folder) give_group(folder.get(), group);
   if (folder && set_mode(folder.get(), mode) &&
-      renameat2(AT_FDCWD, made.get(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE) == 0) {
+      renameat2(AT_FDCWD, made.get(), AT_FDCWD, path, RENAME_NOREPLACE) == 0) {
     return 0;
   }
   const int error = errno;
   rmdir(made.get());
   return error;
+}
+
+// The runtime directory is made, too, if its parent is there.
+int make_like_parent(const std::string &path) {
+  const Text parent(g_path_get_dirname(path.c_str()));
+  struct stat status;
+  if (stat(parent.get(), &status) != 0) {
+    if (errno != ENOENT) return errno;
+    const int error = make_with_access(parent.get(), runtime_directory_mode, keep_group);
+    if (error != 0 && error != EEXIST) return error;
+    if (stat(parent.get(), &status) != 0) return errno;
+  }
+  return make_with_access(path.c_str(), status.st_mode & access_bits, status.st_gid);
 }
 
 }  // namespace
@@ -67,8 +77,8 @@ void give_group(int fd, gid_t group) {
   static_cast<void>(ignored);
 }
 
-bool lock_folder(int folder) {
-  const gint64 deadline_us = g_get_monotonic_time() + lock_wait_us;
+bool lock_folder(int folder, gint64 wait_us) {
+  const gint64 deadline_us = g_get_monotonic_time() + wait_us;
   while (flock(folder, LOCK_EX | LOCK_NB) != 0) {
     if (errno != EWOULDBLOCK || g_get_monotonic_time() >= deadline_us) return false;
     g_usleep(lock_retry_us);

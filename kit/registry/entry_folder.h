@@ -16,16 +16,17 @@ namespace ptz_kit {
 
 // An open directory. An empty descriptor with errno set on failure.
 [[nodiscard]] UniqueFd open_folder(const char *path);
-// Made if it is missing and its parent is there, with the mode and the group of its parent, whatever the umask.
+// Made if it is missing, with the mode and the group of its parent, whatever the umask. The parent is made, too, if the
+// folder that it is in is there.
 UniqueFd make_folder(const std::string &path);
 
 // If this process may: the group of the folder is that of its users.
 void give_group(int fd, gid_t group);
 
-// Waits for at most two seconds for the lock of a folder, which is advisory (flock) and independent of the locks of its
+// Waits for the lock of a folder, which is advisory (flock) and independent of the locks of its
 // files. False with errno EWOULDBLOCK if another process holds it all the time. It ends with unlock_folder(), or with
 // the process.
-[[nodiscard]] bool lock_folder(int folder);
+[[nodiscard]] bool lock_folder(int folder, gint64 wait_us);
 void unlock_folder(int folder);
 
 // Walks the names in a folder, from its beginning.

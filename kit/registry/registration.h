@@ -22,6 +22,7 @@ class Registration {
   std::string path_;  // of the entry
   Entry facts_;
   UniqueFd file_;
+  bool warned_ = false;
   Registration *next_ = nullptr;  // in the list of the process
 
   static Registration *first;
@@ -33,9 +34,12 @@ class Registration {
 
   void enlist();
   void delist();
-  [[nodiscard]] bool find_conflict(int folder, GError **error) const;
-  [[nodiscard]] bool write(const SocketFile &socket);
+  void warn();
+  [[nodiscard]] bool is_own(const PTZKitRegistryEntry &entry) const;
+  [[nodiscard]] bool find_conflict(int folder, GError **error);
+  [[nodiscard]] bool write(int file, const SocketFile &socket) const;
   void add_entry(const SocketFile &socket);
+  void add_entry_again(const SocketFile &socket);
 
  public:
   Registration() = default;
@@ -43,11 +47,12 @@ class Registration {
   ~Registration() { withdraw(); }
 
   // False with an error if another driver has the socket or the instance, or if the lock of the folder is not free for
-  // two seconds. If the folder cannot be written, the log gets a warning, and the driver has no entry.
+  // two seconds. If the folder cannot be written, the log gets a warning, and the entry is missing.
   [[nodiscard]] bool claim(const PTZKitRegistryEntry &facts, GError **error);
-  // Makes the entry anew if it was removed.
+  // Makes the entry anew if it is missing.
   void publish(const SocketFile &socket);
-  [[nodiscard]] bool is_removed() const;
+  // Whether there is no entry, or not at its path. False in a child.
+  [[nodiscard]] bool is_missing() const;
   // Of the entry; empty before the first one.
   [[nodiscard]] const std::string &path() const { return path_; }
   void withdraw();

@@ -1,12 +1,25 @@
 // The path of a running driver: lost, taken, and found again.
+#include <sys/inotify.h>
 #include <sys/stat.h>
 
 #include <filesystem>
 #include <fstream>
 
 #include "clock.h"
+#include "faults.h"
+#include "interpose.h"
 #include "running_driver.h"
 #include "syslog_capture.h"
+
+static bool watches_are_refused = false;
+
+INTERPOSE(int, inotify_add_watch, (int fd, const char *path, std::uint32_t events)) {
+  if (watches_are_refused) {
+    errno = ENOSPC;
+    return -1;
+  }
+  return REAL(inotify_add_watch)(fd, path, events);
+}
 
 namespace {
 
@@ -168,6 +181,40 @@ TEST_F(DriverPath, IsServedAgainWhenItsFolderIsBack) {
   std::filesystem::create_directory(dir_.file("folder"));
   EXPECT_TRUE(ptz_test::run_until([&] { return static_cast<bool>(ptz_test::connect_to(path)); }, 1000));
   EXPECT_EQ(log.lines().size(), 2u);
+}
+
+TEST_F(DriverPath, IsServedAgainWhenFolderAboveItsFolderIsRenamed) {
+  std::filesystem::create_directories(dir_.file("upper/lower"));
+  make();
+  const std::string path = dir_.file("upper/lower/socket");
+  g_object_set(driver_, "socket-path", path.c_str(), nullptr);
+  ASSERT_TRUE(ptz_kit_driver_start(kit(), nullptr));
+  std::filesystem::rename(dir_.file("upper"), dir_.file("moved"));
+  std::filesystem::create_directories(dir_.file("upper/lower"));
+  EXPECT_TRUE(ptz_test::run_until([&] { return static_cast<bool>(ptz_test::connect_to(path)); }, 1000));
+}
+
+TEST_F(DriverPath, IsLookedAtTwiceASecondIfKernelRefusesWatches) {
+  const ptz_test::SyslogCapture log;
+  watches_are_refused = true;
+  start();
+  ptz_test::run_pending();
+  ASSERT_EQ(unlink(path_.c_str()), 0);
+  ptz_test::advance_clock(500);
+  EXPECT_TRUE(comes_back());
+  watches_are_refused = false;
+  EXPECT_EQ(log.containing("is looked at twice a second, because inotify is not available: No space left"), 1u);
+}
+
+TEST_F(DriverPath, IsServedAgainWithinASecondAfterItCouldNotBeBoundTenTimes) {
+  start();
+  const ptz_test::Fault fault(ptz_test::Call::listen, EADDRINUSE, {.times = 10});
+  ASSERT_EQ(unlink(path_.c_str()), 0);
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_FALSE(ptz_test::run_until([&] { return inode() != 0; }, 20));
+    ptz_test::advance_clock(1000);
+  }
+  EXPECT_TRUE(comes_back());
 }
 
 TEST_F(DriverPath, EntryTellsNewSocket) {

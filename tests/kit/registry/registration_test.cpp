@@ -67,6 +67,17 @@ class Registration : public testing::Test {
   static const PTZKitRegistryEntry &at(const Owned<GPtrArray> &list, guint index) {
     return *static_cast<const PTZKitRegistryEntry *>(list->pdata[index]);
   }
+  [[nodiscard]] std::string entry_file() const { return std::filesystem::directory_iterator(folder_)->path(); }
+  // Of the clock of the test program; the driver is told of changes before and after.
+  static void pass_ms(int interval) {
+    ptz_test::run_pending();
+    ptz_test::advance_clock(interval);
+    ptz_test::run_pending();
+  }
+  bool is_made() {
+    for (int i = 0; i < 3 && list()->len == 0; ++i) pass_ms(10'000);
+    return list()->len == 1;
+  }
   // A process that starts a driver and calls `then`, and that lives until it is killed.
   pid_t start_in_child(const std::function<void()> &then = [] {}) {
     int ready[2];
@@ -191,16 +202,108 @@ TEST_F(Registration, ReplacesStaleSocket) {
 }
 
 TEST_F(Registration, WithoutRuntimeDirectoryDriverServesWithWarning) {
-  setenv("PTZ_PLATFORM_RUNTIME_DIR", dir_.file("missing").c_str(), 1);
+  setenv("PTZ_PLATFORM_RUNTIME_DIR", dir_.file("missing/runtime").c_str(), 1);
   const ptz_test::SyslogCapture log;
   const Driver first = make(path_);
   EXPECT_EQ(start(first), "");
-  EXPECT_EQ(log.count(LOG_WARNING,
-                      "the driver has no entry in '" + dir_.file("missing") + "/drivers': No such file or directory"),
+  EXPECT_EQ(log.count(LOG_WARNING, "the driver has no entry in '" + dir_.file("missing/runtime") +
+                                       "/drivers': No such file or directory"),
             1u);
   EXPECT_EQ(log.lines().size(), 1u);
   const Driver second = make(path_);
   EXPECT_NE(start(second).find("is served by process " + own_pid_), std::string::npos);
+}
+
+TEST_F(Registration, MakesRuntimeDirectoryWithTheModeThatTheStatusStoreGivesIt) {
+  const std::string runtime = dir_.file("missing");
+  setenv("PTZ_PLATFORM_RUNTIME_DIR", runtime.c_str(), 1);
+  const mode_t old = umask(077);
+  const ptz_test::SyslogCapture log;
+  const Driver driver = make(path_);
+  EXPECT_EQ(start(driver), "");
+  umask(old);
+  EXPECT_EQ(list()->len, 1u);
+  EXPECT_EQ(log.lines().size(), 0u);
+  for (const std::string &folder : {runtime, runtime + "/drivers"}) {
+    struct stat status = {};
+    ASSERT_EQ(stat(folder.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 02770u);
+  }
+}
+
+TEST_F(Registration, OfDriverThatStartedWithoutRuntimeDirectoryIsMadeWhenItsParentIsThere) {
+  setenv("PTZ_PLATFORM_RUNTIME_DIR", dir_.file("missing/runtime").c_str(), 1);
+  const Driver driver = make(path_);
+  ASSERT_EQ(start(driver), "");
+  EXPECT_EQ(list()->len, 0u);
+  EXPECT_LE(ptz_test::iterations_within(100), 3);
+  std::filesystem::create_directory(dir_.file("missing"));
+  EXPECT_TRUE(is_made());
+}
+
+TEST_F(Registration, IsMadeAgainThoughFirstAttemptFailed) {
+  const std::string parent = dir_.file("parent");
+  setenv("PTZ_PLATFORM_RUNTIME_DIR", (parent + "/runtime").c_str(), 1);
+  std::filesystem::create_directory(parent);
+  const Driver driver = make(path_);
+  ASSERT_EQ(start(driver), "");
+  const ptz_test::SyslogCapture log;
+  std::filesystem::remove_all(parent);
+  for (int i = 0; i < 3; ++i) pass_ms(10'000);
+  EXPECT_EQ(log.containing("the driver has no entry in"), 1u);
+  std::filesystem::create_directory(parent);
+  EXPECT_TRUE(is_made());
+}
+
+TEST_F(Registration, RemovedIsMadeAgainWhenLockOfFolderIsFree) {
+  const Driver driver = make(path_);
+  ASSERT_EQ(start(driver), "");
+  const ptz_test::Descriptor holder(open(folder_.c_str(), O_RDONLY));
+  ASSERT_EQ(flock(holder.get(), LOCK_EX), 0);
+  std::filesystem::remove(entry_file());
+  pass_ms(500);
+  EXPECT_TRUE(std::filesystem::is_empty(folder_));
+  ASSERT_EQ(flock(holder.get(), LOCK_UN), 0);
+  EXPECT_TRUE(is_made());
+}
+
+TEST_F(Registration, RemovedWhileSecondDriverOfInstanceStartsIsMadeAgainWithWarning) {
+  const Driver first = make(path_, 5);
+  ASSERT_EQ(start(first), "");
+  std::filesystem::remove(entry_file());
+  const Driver second = make(dir_.file("b.socket"), 5, "second");
+  ASSERT_EQ(start(second), "");
+  const ptz_test::SyslogCapture log;
+  pass_ms(500);
+  EXPECT_EQ(list()->len, 2u);
+  EXPECT_EQ(log.count(LOG_WARNING,
+                      "a second driver was started while the entry of this one was missing: instance 5 is published "
+                      "by driver 'second', process " +
+                          own_pid_),
+            1u);
+}
+
+TEST_F(Registration, RenamedIsMadeAgainAtItsOwnPath) {
+  const Driver driver = make(path_);
+  ASSERT_EQ(start(driver), "");
+  std::filesystem::rename(entry_file(), folder_ + "/renamed.driver");
+  pass_ms(500);
+  EXPECT_TRUE(is_made());
+  EXPECT_FALSE(std::filesystem::exists(folder_ + "/renamed.driver"));
+  EXPECT_EQ(list()->len, 1u);
+}
+
+TEST_F(Registration, IsMadeAgainWhenItsFolderOrTheFolderOfThatWasRenamed) {
+  const std::string runtime = dir_.file("parent/runtime");
+  setenv("PTZ_PLATFORM_RUNTIME_DIR", runtime.c_str(), 1);
+  std::filesystem::create_directories(runtime);
+  const Driver driver = make(path_);
+  ASSERT_EQ(start(driver), "");
+  std::filesystem::rename(runtime + "/drivers", dir_.file("old"));
+  EXPECT_TRUE(is_made());
+  std::filesystem::rename(dir_.file("parent"), dir_.file("old_parent"));
+  std::filesystem::create_directory(dir_.file("parent"));
+  EXPECT_TRUE(is_made());
 }
 
 TEST_F(Registration, RefusesRelativePathThatIsTooLongForAnAddress) {
@@ -278,7 +381,8 @@ TEST_F(Registration, WaitsForLockOfFolderForTwoSeconds) {
     }
   });
   const Driver driver = make(path_);
-  EXPECT_EQ(start(driver), "cannot lock '" + folder_ + "': another process holds the lock");
+  EXPECT_EQ(start(driver),
+            "cannot lock '" + folder_ + "' within two seconds: another process holds its lock (see lslocks)");
   waits = false;
   clock.join();
 }
