@@ -1,5 +1,7 @@
 #include "faulty_driver.h"
 
+#include <ptz_kit_registry.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -61,6 +63,15 @@ int fail(const char *reason, int status) {
   return status;
 }
 
+// Why the driver may not publish the status of its instance: a driver that runs does. Null if none does.
+Text holder_of_instance(gint instance) {
+  const Object<PTZKitRegistry> registry(ptz_kit_registry_new(nullptr));
+  const std::string number = std::to_string(instance);
+  const Owned<PTZKitRegistryEntry, ptz_kit_registry_entry_free> holder(
+      instance > 0 ? ptz_kit_registry_find(registry.get(), number.c_str(), nullptr) : nullptr);
+  return Text(holder ? g_strdup_printf("instance %d is that of a driver, process %d", instance, holder->pid) : nullptr);
+}
+
 }  // namespace
 
 int run_faulty_driver(int argc, char **argv) {
@@ -71,6 +82,7 @@ int run_faulty_driver(int argc, char **argv) {
   }
   if (g_str_equal(arguments.fault, "list")) return list_faults();
   if (const char *const problem = problem_of(arguments)) return fail(problem, PTZ_KIT_EXIT_USAGE);
+  if (const Text taken = holder_of_instance(arguments.instance)) return fail(taken.get(), EXIT_FAILURE);
   choose_fault(arguments.fault);
 
   Object<PTZKitDriver> driver(new_driver());
@@ -78,7 +90,10 @@ int run_faulty_driver(int argc, char **argv) {
   if (ptz_kit_driver_start(driver.get(), nullptr) == FALSE) return fail("the head cannot be opened", EXIT_FAILURE);
   FaultyServer server(arguments.socket, FaultyAnswers(std::move(driver)));
   if (arguments.instance > 0) server.publish_as(static_cast<guint>(arguments.instance));
-  if (!server.open()) return fail(g_strerror(errno), EXIT_FAILURE);
+  if (!server.open()) {
+    const Text reason(g_strdup_printf("cannot listen at %s: %s", arguments.socket, g_strerror(errno)));
+    return fail(reason.get(), EXIT_FAILURE);
+  }
   return server.run();
 }
 

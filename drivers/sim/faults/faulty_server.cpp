@@ -22,6 +22,22 @@ constexpr int look_around_ms = 10;
 constexpr std::size_t most_clients = 32;
 constexpr int backlog = 128;
 
+// Only a socket that no process serves any more is removed. False with errno if there is anything else.
+bool remove_left_over(const sockaddr_un &address) {
+  struct stat file {};
+  if (lstat(address.sun_path, &file) != 0) return errno == ENOENT;
+  if (!S_ISSOCK(file.st_mode)) {
+    errno = EEXIST;
+    return false;
+  }
+  const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  const bool served = connect(probe, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0;
+  const int reason = served || errno == EAGAIN ? EADDRINUSE : errno;
+  close(probe);
+  errno = reason;
+  return reason == ECONNREFUSED && unlink(address.sun_path) == 0;
+}
+
 }  // namespace
 
 bool FaultyServer::open() {
@@ -32,9 +48,10 @@ bool FaultyServer::open() {
     return false;
   }
   path_.copy(address.sun_path, sizeof address.sun_path - 1);
-  if (!fault("process.restart-same-socket")) unlink(path_.c_str());
+  if (!fault("process.restart-same-socket") && !remove_left_over(address)) return false;
   listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (bind(listener_, reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0) return false;
+  lstat(path_.c_str(), &bound_);
   chmod(path_.c_str(), fault("socket.permissions") ? 0600 : 0666);
   sigset_t set;
   sigemptyset(&set);
@@ -115,6 +132,14 @@ int FaultyServer::idle_ms() const {
   return left_us > 0 ? static_cast<int>(left_us / us_per_ms + 1) : 0;
 }
 
+// Unless the path is another's by now.
+void FaultyServer::remove_socket() const {
+  struct stat file {};
+  if (lstat(path_.c_str(), &file) == 0 && file.st_dev == bound_.st_dev && file.st_ino == bound_.st_ino) {
+    unlink(path_.c_str());
+  }
+}
+
 int FaultyServer::run() {
   bool more = false;
   while (true) {
@@ -132,7 +157,7 @@ int FaultyServer::run() {
     if (watched[0].revents != 0) accept_client();
     if (watched[1].revents != 0 && ends_on_signal()) break;
   }
-  if (!fault("process.sigterm-removes-socket")) unlink(path_.c_str());
+  if (!fault("process.sigterm-removes-socket")) remove_socket();
   return fault("process.sigterm-status") ? EXIT_FAILURE : EXIT_SUCCESS;
 }
 

@@ -1,6 +1,8 @@
 // faults/faulty_server.h - a server of the command channel, with one fault. It does without the library's server, which
 // would not let it be so wrong.
 #pragma once
+#include <sys/stat.h>
+
 #include <list>
 #include <map>
 #include <optional>
@@ -31,6 +33,7 @@ class FaultyServer {
   };
 
   const std::string path_;
+  struct stat bound_ = {};  // the socket at the path
   int listener_ = -1;
   int signals_ = -1;
   std::list<Client> clients_;
@@ -50,6 +53,7 @@ class FaultyServer {
   [[nodiscard]] bool serve_in_turn();
   void forget_the_gone();
   [[nodiscard]] bool ends_on_signal();
+  void remove_socket() const;
 
   // faulty_frames.cpp
   void take(Client &client);

@@ -76,6 +76,57 @@ TEST_F(SimDriverFault, SocketThatCannotBeOpenedIsStatus1) {
   EXPECT_EQ(status_of({"--socket", dir_.file(std::string(120, 'x')), "--fault", "none"}), 1);
 }
 
+TEST_F(SimDriverFault, PathOfAnotherFileIsStatus1AndKeepsIt) {
+  const std::vector<std::string> arguments = {"--socket", socket_, "--fault", "none"};
+  ASSERT_TRUE(g_file_set_contents(socket_.c_str(), "precious", -1, nullptr));
+  EXPECT_EQ(status_of(arguments), 1);
+  EXPECT_TRUE(is_told("cannot listen at " + socket_ + ": File exists")) << contents(output_);
+  EXPECT_EQ(contents(socket_), "precious");
+
+  std::filesystem::remove(socket_);
+  std::filesystem::create_symlink("/nowhere", socket_);
+  EXPECT_EQ(status_of(arguments), 1);
+  EXPECT_TRUE(std::filesystem::is_symlink(socket_));
+}
+
+TEST_F(SimDriverFault, PathThatIsServedIsStatus1AndKeepsIt) {
+  const ptz_test::Listener other(socket_);
+  EXPECT_EQ(status_of({"--socket", socket_, "--fault", "none"}), 1);
+  EXPECT_TRUE(is_told("Address already in use")) << contents(output_);
+  EXPECT_TRUE(ptz_test::connect_to(socket_));
+}
+
+TEST_F(SimDriverFault, DriverReplacesSocketThatIsNotServed) {
+  ptz_test::Listener(socket_).close();
+  ASSERT_TRUE(std::filesystem::exists(socket_));
+  const Process driver(SIM_DRIVER, {"--socket", socket_, "--fault", "none"}, output_);
+  EXPECT_TRUE(ptz_test::run_until([&] { return bool(ptz_test::connect_to(socket_)); })) << contents(output_);
+}
+
+TEST_F(SimDriverFault, DriverWhoseSocketWasReplacedKeepsTheOtherAtItsEnd) {
+  Process driver(SIM_DRIVER, {"--socket", socket_, "--fault", "none"}, output_);
+  ASSERT_TRUE(ptz_test::run_until([&] { return bool(ptz_test::connect_to(socket_)); })) << contents(output_);
+  std::filesystem::rename(socket_, dir_.file("old"));  // keeps its inode from use by the other
+  const ptz_test::Listener other(socket_);
+  driver.signal(SIGTERM);
+  EXPECT_EQ(driver.wait(), 0);
+  EXPECT_TRUE(ptz_test::connect_to(socket_));
+}
+
+TEST_F(SimDriverFault, InstanceOfAnotherDriverIsStatus1) {
+  setenv("PTZ_PLATFORM_RUNTIME_DIR", dir_.path().c_str(), 1);
+  const Process other(SIM_DRIVER, {"--socket", dir_.file("other"), "--instance", "1"}, dir_.file("log"));
+  const auto is_entered = [&] {
+    std::error_code none;
+    return std::filesystem::directory_iterator(dir_.file("drivers"), none) != std::filesystem::directory_iterator();
+  };
+  ASSERT_TRUE(ptz_test::run_until([&] { return is_entered() && ptz_test::connect_to(dir_.file("other")); }));
+  const int status = status_of({"--socket", socket_, "--fault", "none", "--instance", "1"});
+  unsetenv("PTZ_PLATFORM_RUNTIME_DIR");
+  EXPECT_EQ(status, 1);
+  EXPECT_TRUE(is_told("instance 1 is that of a driver, process " + std::to_string(other.pid()))) << contents(output_);
+}
+
 TEST_F(SimDriverFault, DriverAnswersWithFaultAndEndsOnSigtermAndSigint) {
   for (const int number : {SIGTERM, SIGINT}) {
     Process driver(SIM_DRIVER, {"--socket", socket_, "--fault=replies.id-is-copied"}, output_);
