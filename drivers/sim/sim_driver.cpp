@@ -4,6 +4,7 @@
 
 #include <optional>
 
+#include "bus_connection.h"
 #include "driver_parameters.h"
 #include "driver_settings.h"
 #include "head_parameters.h"
@@ -20,7 +21,7 @@ constexpr gint no_parameters = -1;
 
 }  // namespace
 
-// Main context. The head is there from open() on, the message bus from started() to close().
+// Main context. The head and the message bus are there from open() on, what is served there from started() to close().
 struct State {
   PTZKitDriver *driver;
   gint speed_factor = 1;
@@ -33,6 +34,7 @@ struct State {
   std::optional<HeadParameters> parameters;
   LiveSettings live;
   std::optional<SettingWatch> filter;
+  BusConnection bus;
   std::optional<LegacyPresets> presets;
   guint tick = 0;  // id of the timer, 0 while the head stands still
 
@@ -133,10 +135,13 @@ State &state_of(PTZKitDriver *driver) { return *reinterpret_cast<SimDriver *>(dr
 
 gboolean check_settings(PTZKitDriver *self, GError **error) {
   State &state = state_of(self);
-  const char *const problem = state.speed_factor < 1 || state.speed_factor > most_speed_factor
-                                  ? "--speed-factor is 1 to 20; see --help"
-                              : state.parameters_number < no_parameters ? "--parameters is 0 or above; see --help"
-                                                                        : nullptr;
+  const char *const problem =
+      state.speed_factor < 1 || state.speed_factor > most_speed_factor ? "--speed-factor is 1 to 20; see --help"
+      : state.parameters_number < no_parameters                        ? "--parameters is 0 or above; see --help"
+      : state.dbus_name != nullptr && !is_bus_name(state.dbus_name)
+          ? "--dbus is a name of letters, digits and _ that begins with none of the digits; see "
+            "--help"
+          : nullptr;
   if (problem != nullptr) {
     g_set_error_literal(error, G_OPTION_ERROR, G_OPTION_ERROR_BAD_VALUE, problem);
     return FALSE;
@@ -155,9 +160,10 @@ void add_factory_presets(PTZKitDriver *driver, const DriverSettings &settings) {
   }
 }
 
-// The driver is of use without the parameter tree, too.
-gboolean open(PTZKitDriver *self, GError **) {
+// The driver is of use without the parameter tree, too. Not without the bus that it was told to serve.
+gboolean open(PTZKitDriver *self, GError **error) {
   State &state = state_of(self);
+  if (state.dbus_name != nullptr && !state.bus.open(error)) return FALSE;
   HeadRanges ranges = state.settings.ranges;
   if (state.parameters_number != no_parameters) {
     state.parameters.emplace(static_cast<guint>(state.parameters_number));
@@ -200,7 +206,7 @@ gboolean started(PTZKitDriver *self, GError **error) {
   gboolean verbose = FALSE;
   g_object_get(self, "verbose", &verbose, nullptr);
   if (verbose != FALSE) list_capabilities(self);
-  if (state.dbus_name != nullptr) {
+  if (state.bus.is_open()) {
     state.presets.emplace(self, *state.head, state.live);
     if (!state.presets->start(state.dbus_name)) {
       g_set_error(error, G_IO_ERROR, G_IO_ERROR_FAILED, "cannot serve presets as com.velk.PTZ.%s on the system bus",

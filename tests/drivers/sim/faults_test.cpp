@@ -1,6 +1,7 @@
 // The option --fault. What the faults do is seen by the test of ptz-compliance, which finds each of them.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <regex>
@@ -118,7 +119,8 @@ TEST_F(SimDriverFault, InstanceOfAnotherDriverIsStatus1) {
   const Process other(SIM_DRIVER, {"--socket", dir_.file("other"), "--instance", "1"}, dir_.file("log"));
   const auto is_entered = [&] {
     std::error_code none;
-    return std::filesystem::directory_iterator(dir_.file("drivers"), none) != std::filesystem::directory_iterator();
+    const std::filesystem::directory_iterator files(dir_.file("drivers"), none);
+    return std::any_of(begin(files), end(files), [](const auto &file) { return file.path().extension() == ".driver"; });
   };
   ASSERT_TRUE(ptz_test::run_until([&] { return is_entered() && ptz_test::connect_to(dir_.file("other")); }));
   const int status = status_of({"--socket", socket_, "--fault", "none", "--instance", "1"});

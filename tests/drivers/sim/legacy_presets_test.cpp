@@ -6,6 +6,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -244,6 +245,62 @@ TEST_F(LegacyPresetsOfTheDriver, SurviveClientsThatDoNotMatterToThem) {
     g_dbus_connection_close_sync(client.get(), nullptr, nullptr);
   }
   EXPECT_EQ(ask("GetConfigurations").text(), factory_presets);
+}
+
+// A driver with a system bus of its own.
+struct SimDriverBus : testing::Test {
+  TempDir dir;
+  const std::string socket = dir.file("socket");
+  const std::string output = dir.file("output");
+
+  std::unique_ptr<Process> launch(const std::string &bus, const std::string &name, const char *more) const {
+    const char *const before = std::getenv("DBUS_SYSTEM_BUS_ADDRESS");
+    const std::string old = before != nullptr ? before : "";
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.c_str(), 1);
+    auto driver = std::make_unique<Process>(SIM_DRIVER,
+                                            std::vector<std::string>{"--socket", socket, "--dbus", name, more}, output);
+    before != nullptr ? setenv("DBUS_SYSTEM_BUS_ADDRESS", old.c_str(), 1) : unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
+    return driver;
+  }
+  [[nodiscard]] bool is_told(const std::string &text) const { return contents(output).find(text) != std::string::npos; }
+};
+
+TEST_F(SimDriverBus, ThatDoesNotAnswerHidesTheDriverThatSigtermEnds) {
+  const Listener mute(dir.file("bus"));
+  const auto driver = launch("unix:path=" + dir.file("bus"), "sim", "--verbose");
+  const Descriptor connection = mute.accept();
+  ASSERT_TRUE(connection);
+  EXPECT_FALSE(std::filesystem::exists(socket));
+  const gint64 start = g_get_monotonic_time();
+  driver->signal(SIGTERM);
+  EXPECT_EQ(driver->wait(), 0) << contents(output);
+  EXPECT_LT(g_get_monotonic_time() - start, 4 * G_USEC_PER_SEC);  // the limit is 5
+}
+
+TEST_F(SimDriverBus, ThatIsNotThereIsStatus1BeforeTheDriverListens) {
+  EXPECT_EQ(launch("unix:path=" + dir.file("none"), "sim", "--verbose")->wait(), 1);
+  EXPECT_TRUE(is_told("no system bus: ")) << contents(output);
+  EXPECT_FALSE(is_told("serving on")) << contents(output);
+}
+
+TEST_F(SimDriverBus, ThatEndsIsToldInTheLogAndTheDriverLivesOn) {
+  Bus bus;
+  const auto driver = launch(bus.address(), "sim", "--verbose");
+  const Connection peer = connect_to(bus);
+  ASSERT_TRUE(run_until([&] { return !owner_of(peer.get(), bus_name).empty(); })) << contents(output);
+  bus.kill();
+  EXPECT_TRUE(run_until([&] { return is_told("the system bus has gone"); })) << contents(output);
+  EXPECT_TRUE(connect_to(socket));
+  driver->signal(SIGTERM);
+  EXPECT_EQ(driver->wait(), 0);
+}
+
+TEST_F(SimDriverBus, WithoutSuchANameIsAWrongOption) {
+  for (const char *name : {"", "a b", "1", "a..b", "a-b"}) {
+    EXPECT_EQ(launch("unix:path=" + dir.file("none"), name, "--verbose")->wait(), 2) << name;
+    EXPECT_EQ(launch("unix:path=" + dir.file("none"), name, "--check-settings")->wait(), 2) << name;
+    EXPECT_TRUE(is_told("--dbus is a name of letters")) << contents(output);
+  }
 }
 
 }  // namespace
