@@ -8,6 +8,7 @@
 #include "driver_axes.h"
 #include "driver_commands.h"
 #include "driver_connection.h"
+#include "plain_text.h"
 #include "vocabulary.h"
 
 namespace ptzctl {
@@ -37,8 +38,8 @@ int run_info(const std::string &words, int argc, char **argv) {
     json.print();
     return EXIT_SUCCESS;
   }
-  std::printf("%s\n", painted(Look::heading, name->name).c_str());
-  for (const char *type : types) std::printf("  for %s\n", type);
+  std::printf("%s\n", painted(Look::heading, tools::plain_text(name->name)).c_str());
+  for (const char *type : types) std::printf("  for %s\n", tools::plain_text(type).c_str());
   return EXIT_SUCCESS;
 }
 

@@ -6,11 +6,15 @@
 
 #include "driver_commands.h"
 #include "driver_socket.h"
+#include "plain_text.h"
 #include "subcommand.h"
 
 namespace ptzctl {
 
 namespace {
+
+// Of the column; a longer name moves the rest of its own line only.
+constexpr std::size_t narrowest_name = 16, widest_name = 40;
 
 using Time = tools::Handle<GDateTime, g_date_time_unref>;
 
@@ -57,9 +61,9 @@ void print_as_text(const PTZKitRegistryEntry &entry, int name_width) {
   const tools::Text since(local != nullptr ? g_date_time_format(local.get(), "%Y-%m-%d %H:%M:%S") : g_strdup("-"));
   std::string state = state_of(entry);
   state.resize(6, ' ');
-  std::printf("%-*s %8u  %s %8d  %-10s %8u  %s  %s\n", name_width, entry.name, entry.instance,
-              painted(look_of(entry), state).c_str(), entry.pid, user_of(entry).c_str(), entry.protocol_version,
-              since.get(), entry.socket_path);
+  std::printf("%-*s %8u  %s %8d  %-10s %8u  %s  %s\n", name_width, tools::plain_text(entry.name).c_str(),
+              entry.instance, painted(look_of(entry), state).c_str(), entry.pid, user_of(entry).c_str(),
+              entry.protocol_version, since.get(), tools::plain_text(entry.socket_path).c_str());
 }
 
 }  // namespace
@@ -82,8 +86,11 @@ int run_driver_list(const std::string &words, int argc, char **argv) {
   const auto entry_at = [&list](guint i) -> const PTZKitRegistryEntry & {
     return *static_cast<const PTZKitRegistryEntry *>(g_ptr_array_index(list.get(), i));
   };
-  std::size_t width = 16;
-  for (guint i = 0; i < list->len; ++i) width = std::max(width, std::string_view(entry_at(i).name).size());
+  std::size_t width = narrowest_name;
+  for (guint i = 0; i < list->len; ++i) {
+    const std::size_t length = tools::plain_text(entry_at(i).name).size();
+    if (length <= widest_name) width = std::max(width, length);
+  }
   if (list->len > 0 && !options.as_json()) {
     std::printf("%-*s instance  state       pid  user       protocol  since                socket\n",
                 static_cast<int>(width), "name");

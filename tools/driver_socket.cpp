@@ -1,5 +1,7 @@
 #include "driver_socket.h"
 
+#include "plain_text.h"
+
 namespace tools {
 
 RegistryList registered_drivers(Error &error) {
@@ -11,7 +13,7 @@ RegistryEntry driver_named(const char *name, std::string &problem) {
   const Object<PTZKitRegistry> registry(ptz_kit_registry_new(nullptr));
   Error error;
   RegistryEntry entry(ptz_kit_registry_find(registry.get(), name, out(error)));
-  if (entry == nullptr) problem = error->message;
+  if (entry == nullptr) problem = plain_text(error->message);
   return entry;
 }
 
@@ -24,7 +26,7 @@ RegistryEntry only_driver(std::string &problem) {
     const auto *const entry = static_cast<const PTZKitRegistryEntry *>(g_ptr_array_index(list.get(), i));
     if (entry->liveness == PTZ_KIT_DRIVER_DEAD) continue;
     if (found != nullptr) problem = "several drivers run";
-    names += (names.empty() ? "" : ", ") + std::string(entry->name) + ":" + std::to_string(entry->instance);
+    names += (names.empty() ? "" : ", ") + plain_text(entry->name) + ":" + std::to_string(entry->instance);
     found = entry;
   }
   if (!problem.empty()) problem += ": " + names;

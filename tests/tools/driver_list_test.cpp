@@ -1,6 +1,7 @@
 // Drivers by their names: the list of those that run, and --driver.
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <regex>
 
@@ -68,6 +69,27 @@ TEST_F(DriverList, ShowsADriverWithoutItsSocketAsStolen) {
   EXPECT_NE(list().find("7  stolen"), std::string::npos) << list();
   EXPECT_EQ(run({"driver", "info", "--driver", "7"}).status, 3);
   drivers.front()->signal(SIGCONT);
+}
+
+TEST_F(DriverList, NamesAndPathsDoNotReachTheTerminalAsControls) {
+  start(7);
+  std::string entry;
+  for (const auto &file : std::filesystem::directory_iterator(dir.file("drivers")))
+    if (file.path().extension() == ".driver") entry = contents(file.path());
+  ASSERT_NE(entry, "");
+  // As any member of the group could write it.
+  const auto add = [&](const std::string &file, const std::string &name) {
+    const std::string renamed = std::regex_replace(entry, std::regex("Name=\"[^\"]*"), "Name=\"" + name);
+    std::ofstream(dir.file("drivers/" + file + ".driver"))
+        << std::regex_replace(renamed, std::regex("Socket=\""), "Socket=\"/\\033[2J");
+  };
+  add("a", "ev\\033[2Jil\\nlive");
+  add("b", std::string(3000, 'n'));
+  const std::string text = list();
+  EXPECT_EQ(text.find('\033'), std::string::npos) << text;
+  EXPECT_TRUE(std::regex_search(text, std::regex("\nev\\?\\[2Jil\\?live +7  dead .*  /\\?\\[2J/"))) << text;
+  EXPECT_TRUE(std::regex_search(text, std::regex("\ntwo-axis-driver  +7  live"))) << text;
+  EXPECT_LT(text.find('\n'), 200U) << "the titles are as wide as the longest name";
 }
 
 TEST_F(DriverList, AnUnreadableFolderIsAFailure) {

@@ -365,6 +365,19 @@ TEST(PtzCompliance, ADriverThatListensAlreadyIsNotTakenForTheOneThatIsStarted) {
   EXPECT_TRUE(std::filesystem::exists(socket));
 }
 
+TEST(PtzCompliance, ADriverThatEndsEarlyIsReportedWithItsLastLine) {
+  const TempDir dir;
+  const std::string socket = dir.file("driver.socket");
+  const Words command = {"--socket", socket, "--", "sh", "-c", "echo one; echo 'instance 1 \033[2J' >&2; exit 3",
+                         "{socket}"};
+  const std::string told =
+      "ptz-compliance: the driver ended with status 3 before it listened on " + socket + "; it said: instance 1 ?[2J";
+  EXPECT_EQ(run_tool(command).output, told + "; --log FILE keeps what it prints\n");
+  Words logged = {"--log", dir.file("log")};
+  logged.insert(logged.end(), command.begin(), command.end());
+  EXPECT_EQ(run_tool(logged).output, told + "\n");
+}
+
 struct Misuse {
   const char *name;
   Words words;

@@ -31,6 +31,7 @@ void expect_alive(Subject &subject, const Settings &settings, Probe &probe) {
 
 Outcome run(const Check &check, Subject &subject, const Settings &settings) {
   const gint64 start = g_get_monotonic_time();
+  subject.forget_output();
   Probe probe(subject, settings.timeout_ms, settings.motion_timeout_ms, settings.instance);
   if (subject.started_by_us() && !subject.runs()) {
     if (const auto reason = subject.start()) probe.fail("%s", reason->c_str());

@@ -2,13 +2,19 @@
 
 #include <fcntl.h>
 #include <glib.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 
+#include <algorithm>
+#include <array>
 #include <csignal>
 #include <cstring>
+
+#include "plain_text.h"
 
 namespace compliance {
 
@@ -24,6 +30,15 @@ std::string describe_end(int wait_status) {
   return "ended with status " + std::to_string(WEXITSTATUS(wait_status));
 }
 
+Subject::Subject(std::string path, std::vector<std::string> command, std::string log, int start_timeout_ms)
+    : path_(std::move(path)),
+      command_(std::move(command)),
+      output_(log.empty() ? memfd_create("output", MFD_CLOEXEC) : -1),
+      log_(output_       ? "/proc/self/fd/" + std::to_string(output_.get())
+           : log.empty() ? "/dev/null"
+                         : std::move(log)),
+      start_timeout_ms_(start_timeout_ms) {}
+
 Subject::~Subject() { clear_away(); }
 
 std::optional<std::string> Subject::start() {
@@ -32,9 +47,8 @@ std::optional<std::string> Subject::start() {
     std::vector<char *> words;
     for (std::string &word : command_) words.push_back(word.data());
     words.push_back(nullptr);
-    const char *const output = log_.empty() ? "/dev/null" : log_.c_str();
-    const int log = open(output, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    if (log < 0) return std::string("cannot write ") + output + ": " + g_strerror(errno);
+    const int log = open(log_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (log < 0) return "cannot write " + log_ + ": " + g_strerror(errno);
     const tools::UniqueFd owner(log);
     GError *error = nullptr;
     const auto set_up = [](gpointer) {
@@ -53,7 +67,10 @@ std::optional<std::string> Subject::start() {
   }
   const gint64 deadline = g_get_monotonic_time() + gint64{start_timeout_ms_} * 1000;
   while (!connect()) {
-    if (const auto end = died(0)) return "the driver " + *end + " before it listened on " + path_;
+    if (const auto end = died(0)) {
+      const std::string line = last_line();
+      return "the driver " + *end + " before it listened on " + path_ + (line.empty() ? "" : "; it said: " + line);
+    }
     if (!started_by_us()) return "nobody listens on " + path_;
     if (g_get_monotonic_time() >= deadline) {
       return "the driver does not listen on " + path_ + " within " + std::to_string(start_timeout_ms_) + " ms";
@@ -61,6 +78,22 @@ std::optional<std::string> Subject::start() {
     g_usleep(look_again_us);
   }
   return std::nullopt;
+}
+
+void Subject::forget_output() const {
+  if (output_ && ftruncate(output_.get(), 0) != 0) return;  // it is kept
+}
+
+std::string Subject::last_line() const {
+  std::array<char, 2000> bytes;
+  const tools::UniqueFd log(open(log_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  struct stat status {};
+  if (!log || fstat(log.get(), &status) != 0 || !S_ISREG(status.st_mode)) return "";
+  const off_t begin = std::max<off_t>(0, status.st_size - static_cast<off_t>(bytes.size()));
+  const ssize_t count = pread(log.get(), bytes.data(), bytes.size(), begin);
+  std::string text(bytes.data(), static_cast<std::size_t>(std::max<ssize_t>(0, count)));
+  text.erase(text.find_last_not_of(" \n") + 1);
+  return tools::plain_text(text.substr(text.rfind('\n') + 1));
 }
 
 void Subject::kill() {

@@ -13,18 +13,15 @@ namespace compliance {
 class Subject {
   std::string path_;
   std::vector<std::string> command_;
+  tools::UniqueFd output_;  // without a log: what a command has printed of late
   std::string log_;
   int start_timeout_ms_;
   pid_t pid_ = 0;
   bool path_is_ours_ = false;  // the command was started, so whatever is at the path comes from it
 
  public:
-  // Without a command, whoever listens on the path. What a command prints goes to the log, or nowhere.
-  Subject(std::string path, std::vector<std::string> command, std::string log, int start_timeout_ms)
-      : path_(std::move(path)),
-        command_(std::move(command)),
-        log_(std::move(log)),
-        start_timeout_ms_(start_timeout_ms) {}
+  // Without a command, whoever listens on the path. What a command prints goes to the log, or is soon forgotten.
+  Subject(std::string path, std::vector<std::string> command, std::string log, int start_timeout_ms);
   Subject(const Subject &) = delete;
   ~Subject();
 
@@ -35,6 +32,9 @@ class Subject {
 
   // Starts the command, if there is one, and waits until somebody listens. The reason where that does not happen.
   std::optional<std::string> start();
+  // The last line that a command has printed, as it may be printed again; empty if there is none.
+  [[nodiscard]] std::string last_line() const;
+  void forget_output() const;
   // Ends the command the hard way.
   void kill();
   // Kills it and removes its socket, so that nothing is left of it. A driver that was not started stays as it is.

@@ -1,0 +1,10 @@
+// plain_text.h - text of other processes, as it may be printed.
+#pragma once
+#include <string>
+
+namespace tools {
+
+// On one line and in UTF-8: each character that begins a line, controls a terminal or cannot be seen is '?'.
+[[nodiscard]] std::string plain_text(const std::string &text);
+
+}  // namespace tools
