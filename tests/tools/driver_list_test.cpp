@@ -4,6 +4,7 @@
 #include <fstream>
 #include <memory>
 #include <regex>
+#include <system_error>
 
 #include "ptzctl.h"
 
@@ -123,8 +124,10 @@ TEST_F(DriverList, SeveralDriversOfOneNameAreToldApartByTheirInstances) {
 }
 
 TEST_F(DriverList, TheOnlyDriverNeedNotBeNamed) {
-  if (std::filesystem::exists("/run/ptz/driver.socket"))
-    GTEST_SKIP() << "this machine has a driver at the default path";
+  std::error_code error;
+  if (std::filesystem::exists("/run/ptz/driver.socket", error) || error) {
+    GTEST_SKIP() << "this machine has a driver at the default path, or its folder is closed to this user";
+  }
   EXPECT_EQ(run({"driver", "info"}).text, "ptzctl: no driver at /run/ptz/driver.socket: No such file or directory\n");
   start(7);
   EXPECT_EQ(run({"driver", "info"}).text, "two-axis-driver\n");
