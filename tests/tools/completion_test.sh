@@ -55,7 +55,7 @@ expect 'ptzctl driver info --socket ' ''
 expect 'ptzctl driver info --driver ' ''
 two-axis-driver --socket "$scratch/driver.socket" 2>/dev/null &
 driver=$!
-trap 'kill "$driver"; rm -rf "$scratch"' EXIT
+trap 'kill "$driver"; wait "$driver" || true; rm -rf "$scratch"' EXIT
 until ptzctl driver info --driver two-axis-driver >/dev/null 2>&1; do sleep 0.02; done
 expect 'ptzctl driver info --driver ' 'two-axis-driver'
 expect 'ptzctl driver info -d two' 'two-axis-driver'
