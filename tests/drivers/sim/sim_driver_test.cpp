@@ -39,6 +39,7 @@ class SimDriverProgram : public testing::Test {
   Object<PTZSocketClientCommand> client_;
 
   void start_driver(const std::vector<std::string> &more = {}) {
+    driver_.reset();  // a second driver on the socket is refused
     std::vector<std::string> arguments = {"--socket", socket_, "--speed-factor", "20"};
     arguments.insert(arguments.end(), more.begin(), more.end());
     driver_ = std::make_unique<Process>(SIM_DRIVER, arguments, output_);

@@ -27,7 +27,10 @@ class KitDriverProgram : public testing::Test {
   void TearDown() override {
     for (const char *name : {"NOTIFY_SOCKET", "WATCHDOG_USEC", "WATCHDOG_PID"}) unsetenv(name);
   }
-  void run(std::vector<std::string> arguments) { driver_ = std::make_unique<Process>(KIT_DRIVER, arguments, output_); }
+  void run(std::vector<std::string> arguments) {
+    driver_.reset();  // a second driver on the socket is refused
+    driver_ = std::make_unique<Process>(KIT_DRIVER, arguments, output_);
+  }
   int status_of(std::vector<std::string> arguments) {
     run(std::move(arguments));
     return driver_->wait();
