@@ -418,7 +418,7 @@ void on_closed(GDBusConnection *, gboolean, GError *, gpointer user_data) {
 int run_watch(const std::string &words, int argc, char **argv) {
   Watch watch;
   Options options(
-      words, {"[SERVICE]", "Shows changes as they come: of one service, or of all.", " sim --count 10"}, Asks::nobody,
+      words, {"[SERVICE]", "Shows changes as they come: of one service, or of all.", " sim --count 10"}, Asks::none,
       {{"count", 'n', G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &watch.left, "End after so many lines; 0 is never", "N"}});
   const auto given = options.parse(argc, argv);
   if (!given || !options.is_within("--count", watch.left, 0, G_MAXINT)) return exit_usage;

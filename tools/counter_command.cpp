@@ -14,7 +14,7 @@ int run_show(const std::string &words, int argc, char **argv) {
                   {"[COUNTER...]",
                    "Shows counters and the processes that own them; without a name, the drivers' counters of commands.",
                    " ptzdt_driver_commands_d1"},
-                  Asks::nobody);
+                  Asks::none);
   auto counters = options.parse(argc, argv);
   if (!counters) return exit_usage;
   const bool is_asked_for = !counters->empty();

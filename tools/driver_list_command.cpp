@@ -75,7 +75,7 @@ int run_driver_list(const std::string &words, int argc, char **argv) {
        "Shows the drivers that run on this machine: live; dead, which were killed; or stolen, whose socket is\n"
        "gone or belongs to another process. Drivers that are not written with the kit are not listed.",
        " --json"},
-      Asks::nobody);
+      Asks::none);
   if (!options.parse(argc, argv)) return exit_usage;
   tools::Error error;
   const tools::RegistryList list = tools::registered_drivers(error);

@@ -62,7 +62,7 @@ int run_enum(const std::string &words, int argc, char **argv) {
                    "Shows the values, names and nicks of a type; without one, the types' names, or with --json all "
                    "values of all.",
                    " PTZMoveStatus"},
-                  Asks::nobody);
+                  Asks::none);
   const auto given = options.parse(argc, argv);
   if (!given) return exit_usage;
   if (given->empty() && !options.as_json()) {

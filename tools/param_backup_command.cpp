@@ -12,7 +12,7 @@ namespace {
 using Copy = decltype(param_service_backup);
 
 int run_copy(const std::string &words, const Manual &manual, Copy *copy, int argc, char **argv) {
-  Options options(words, manual, Asks::nobody);
+  Options options(words, manual, Asks::none);
   const auto given = options.parse(argc, argv);
   if (!given) return exit_usage;
   if (copy == nullptr) {

@@ -150,7 +150,7 @@ int run_get(const std::string &words, int argc, char **argv) {
   Options options(words,
                   {"PATH...", "Prints the value of a parameter; of several, path and value of each.",
                    " PTZ.Support root.PTZ.Head.H1.PanMax"},
-                  Asks::nobody);
+                  Asks::none);
   const auto given = options.parse(argc, argv);
   if (!given) return exit_usage;
   int status = EXIT_SUCCESS;
@@ -171,7 +171,7 @@ int run_get(const std::string &words, int argc, char **argv) {
 
 int run_set(const std::string &words, int argc, char **argv) {
   Options options(words, {"PATH VALUE", "Writes a parameter, which need not exist.", " PTZ.Head.H1.PanMax 9000"},
-                  Asks::nobody);
+                  Asks::none);
   const auto given = options.parse(argc, argv);
   if (!given) return exit_usage;
   Call call;
@@ -187,7 +187,7 @@ int run_set(const std::string &words, int argc, char **argv) {
 int run_list(const std::string &words, int argc, char **argv) {
   Options options(
       words, {"[GROUP]", "Prints the parameters of a group, and the groups in it, which end in a dot.", " PTZ.Head"},
-      Asks::nobody);
+      Asks::none);
   const auto given = options.parse(argc, argv);
   if (!given) return exit_usage;
   const auto path = group_path(given->empty() ? "root" : given->front());
@@ -253,7 +253,7 @@ bool build(const JsonLine &json, const std::string &path, int level) {
 }
 
 int run_tree(const std::string &words, int argc, char **argv) {
-  Options options(words, {"[GROUP]", "Draws all that is in a group, by default in root.", " PTZ"}, Asks::nobody);
+  Options options(words, {"[GROUP]", "Draws all that is in a group, by default in root.", " PTZ"}, Asks::none);
   const auto given = options.parse(argc, argv);
   if (!given) return exit_usage;
   const auto path = group_path(given->empty() ? "root" : given->front());
@@ -278,7 +278,7 @@ int run_create(const std::string &words, int argc, char **argv) {
                   {"GROUP TEMPLATE [NUMBER]",
                    "Creates a dynamic group in a group, by default of the lowest free number, and prints its path.",
                    " PTZ.Head head 2"},
-                  Asks::nobody);
+                  Asks::none);
   const auto given = options.parse(argc, argv);
   if (!given) return exit_usage;
   const auto number = given->size() < 3 ? -1 : options.number((*given)[2], "number of a group", 0, G_MAXINT32);
@@ -296,7 +296,7 @@ int run_create(const std::string &words, int argc, char **argv) {
 }
 
 int run_delete(const std::string &words, int argc, char **argv) {
-  Options options(words, {"GROUP", "Deletes a group with all that is in it.", " PTZ.Head.H2"}, Asks::nobody);
+  Options options(words, {"GROUP", "Deletes a group with all that is in it.", " PTZ.Head.H2"}, Asks::none);
   const auto given = options.parse(argc, argv);
   if (!given) return exit_usage;
   Call call;
@@ -308,7 +308,7 @@ int run_delete(const std::string &words, int argc, char **argv) {
 }
 
 int run_sync(const std::string &words, int argc, char **argv) {
-  Options options(words, {"", "Flushes to storage what all processes have written.", ""}, Asks::nobody);
+  Options options(words, {"", "Flushes to storage what all processes have written.", ""}, Asks::none);
   if (!options.parse(argc, argv)) return exit_usage;
   Call call;
   param_service_sync(&call.options, &call.error);

@@ -92,7 +92,7 @@ int run_show(const std::string &words, int argc, char **argv) {
                    "Shows a group of the live state, position, various or limit, or all that there are, of the "
                    "instance with this number, or of 1.",
                    " limit 1"},
-                  Asks::nobody);
+                  Asks::none);
   const auto given = options.parse(argc, argv);
   if (!given) return exit_usage;
   std::span<const Kind> wanted = kinds;
@@ -216,7 +216,7 @@ int run_watch(const std::string &words, int argc, char **argv) {
       {"[INSTANCE]",
        "Shows where the head of an instance is, or of 1, and whether it moves; in a terminal, on the whole screen.",
        " 1 --count 3 --interval 500"},
-      Asks::nobody,
+      Asks::none,
       {{"interval", 'i', G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &interval_ms, "Look this often, by default 200", "MS"},
        {"count", 'n', G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &count, "Look this many times; 0 is for ever", "N"}});
   const auto given = options.parse(argc, argv);

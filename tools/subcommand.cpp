@@ -107,7 +107,7 @@ Options::Options(const std::string &words, const Manual &manual, Asks asks, std:
       "The driver's socket, by default /run/ptz/driver.socket, or the socket of the only driver that runs", "PATH");
   add("driver", 'd', asks == Asks::driver, G_OPTION_ARG_STRING, &driver_,
       "The driver by its name in ptzctl driver list, by NAME:INSTANCE, or by its instance", "NAME");
-  add("timeout", 't', asks != Asks::nobody, G_OPTION_ARG_INT, &timeout_ms_,
+  add("timeout", 't', asks != Asks::none, G_OPTION_ARG_INT, &timeout_ms_,
       "How long to wait for an answer, by default 10000", "MS");
   add("json", 'j', true, G_OPTION_ARG_NONE, &as_json_, "One object a line", nullptr);
   add("color", 0, true, G_OPTION_ARG_STRING, &colours_, "Colours: always, never, or auto, on a terminal", "WHEN");

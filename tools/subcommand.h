@@ -16,7 +16,7 @@ namespace ptzctl {
 
 // Exit statuses, next to EXIT_SUCCESS and to EXIT_FAILURE for what was refused or has failed.
 constexpr int exit_usage = 2;
-constexpr int exit_nobody = 3;  // nobody is there to answer, or not in time
+constexpr int exit_nobody = 3;  // no peer is there to answer, or not in time
 
 using Words = std::vector<std::string>;
 
@@ -38,7 +38,7 @@ void complain(const char *format, ...) G_GNUC_PRINTF(1, 2);
 [[nodiscard]] std::string did_you_mean(const std::string &given, const Words &words);
 
 // The peer that a subcommand asks: with one it takes --timeout, with a driver also --socket and --driver.
-enum class Asks { nobody, service, driver };
+enum class Asks { none, service, driver };
 
 // What the help says. The parameters are what follows the options, such as "PATH [VALUE...]", and tell how many words
 // there are to be.

@@ -63,7 +63,7 @@ int run_show(const std::string &words, int argc, char **argv) {
                    "Shows when measurements were started and stopped, by which process (its number's low 16 bits), and "
                    "what is between;\nof the named groups, or of those of the drivers.",
                    " ptzdt_driver_req_d1"},
-                  Asks::nobody);
+                  Asks::none);
   auto groups = options.parse(argc, argv);
   if (!groups) return exit_usage;
   const bool is_asked_for = !groups->empty();

@@ -20,7 +20,7 @@ class Subject {
   bool path_is_ours_ = false;  // the command was started, so whatever is at the path comes from it
 
  public:
-  // Without a command, whoever listens on the path. What a command prints goes to the log, or is soon forgotten.
+  // Without a command, the driver that listens on the path. What a command prints goes to the log, if there is one.
   Subject(std::string path, std::vector<std::string> command, std::string log, int start_timeout_ms);
   Subject(const Subject &) = delete;
   ~Subject();

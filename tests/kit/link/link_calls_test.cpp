@@ -29,6 +29,16 @@ struct KitLinkCalls : LinkTest {
     run_pending();
     return ptz_test::is_readable(peer_.get());
   }
+  // The one place is taken by a request whose call has timed out; `waiting` is queued behind it.
+  void wait_for_place_of_unanswered_request(Query &waiting) {
+    connect(1);
+    Query never;
+    never.start(link_.get(), 100);
+    static_cast<void>(next_request());
+    ptz_test::advance_clock(100);
+    ASSERT_TRUE(end(never));
+    waiting.start(link_.get(), 60'000);
+  }
 };
 
 TEST_F(KitLinkCalls, AsyncCallReturnsReply) {
@@ -321,13 +331,8 @@ TEST_F(KitLinkCalls, RequestThatIsNeverAnsweredIsPendingForTenSecondsMore) {
 }
 
 TEST_F(KitLinkCalls, WaitingCallIsSentWhenPlaceOfUnansweredRequestIsFreeAgain) {
-  connect(1);
-  Query never, waiting;
-  never.start(link_.get(), 100);
-  static_cast<void>(next_request());
-  ptz_test::advance_clock(100);
-  ASSERT_TRUE(end(never));
-  waiting.start(link_.get(), 60'000);
+  Query waiting;
+  ASSERT_NO_FATAL_FAILURE(wait_for_place_of_unanswered_request(waiting));
   ptz_test::advance_clock(9'900);
   EXPECT_FALSE(has_request());
   ptz_test::advance_clock(100);
@@ -335,13 +340,8 @@ TEST_F(KitLinkCalls, WaitingCallIsSentWhenPlaceOfUnansweredRequestIsFreeAgain) {
 }
 
 TEST_F(KitLinkCalls, LaterCallDoesNotPassWaitingCallWhenPlaceIsFreeAgain) {
-  connect(1);
-  Query never, waiting;
-  never.start(link_.get(), 100);
-  static_cast<void>(next_request());
-  ptz_test::advance_clock(100);
-  ASSERT_TRUE(end(never));
-  waiting.start(link_.get(), 60'000);
+  Query waiting;
+  ASSERT_NO_FATAL_FAILURE(wait_for_place_of_unanswered_request(waiting));
   ptz_test::advance_clock(10'000);
   ptz_kit_link_stop_async(link_.get(), 0, nullptr, nullptr, nullptr);
   EXPECT_EQ(next_request().body, word(PTZ_COMMAND_QUERY_POSITION));
