@@ -260,8 +260,12 @@ StoreResult ParamTree::move_time(Record &record) {
   const int fd = file_->fd.get();
   struct stat status = {};
   // A file that was overwritten since the look must not be recorded as ours, neither now nor below.
-  if (fstat(fd, &status) != 0 || stamp_of(status) != record.database) {
-    return fail(StoreResult::busy, "is being replaced");
+  if (fstat(fd, &status) != 0) return fail(StoreResult::busy, "is being replaced");
+  if (stamp_of(status) != record.database) {
+    if (side_->compare(record, stamp_of(status)) != Match::unfinished) {
+      return fail(StoreResult::busy, "is being replaced");
+    }
+    record.database = stamp_of(status);  // the process that moved the time ended before it could record it
   }
   const Record before = record;
   record.flags |= Record::moving;

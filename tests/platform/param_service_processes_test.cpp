@@ -18,7 +18,20 @@
 #include <vector>
 
 #include "clock.h"
+#include "interpose.h"
 #include "parameter_tree.h"
+
+namespace {
+
+bool dies_after_the_time_is_set = false;
+
+}  // namespace
+
+INTERPOSE(int, futimens, (int fd, const timespec times[2])) {
+  const int result = REAL(futimens)(fd, times);
+  if (dies_after_the_time_is_set) ::kill(getpid(), SIGKILL);
+  return result;
+}
 
 namespace {
 
@@ -162,10 +175,27 @@ TEST_F(ParamServiceProcesses, AWriterMayBeKilledAtAnyMoment) {
       ASSERT_EQ(parameters_of(group), (Names{"A", "B", "C"})) << "a group that is not whole";
     }
     if (groups_of("root.Group")) {
-      ASSERT_EQ(remove_group("root.Group"), 0);
+      ASSERT_EQ(remove_group("root.Group"), 0) << testing::PrintToString(log.lines());
     }
   }
   EXPECT_GT(acknowledged[0], 0);
+  EXPECT_TRUE(log.lines().empty()) << testing::PrintToString(log.lines());
+  expect_sound();
+}
+
+TEST_F(ParamServiceProcesses, WriterKilledBetweenTheTimeOfTheFileAndItsRecordLeavesATreeThatCanBeWritten) {
+  ASSERT_EQ(set("root.A.N", "1"), 0);
+  ASSERT_EQ(sync_tree(), 0);
+  for (int death = 0; death < 2; ++death) {
+    const pid_t writer = start([&] {
+      dies_after_the_time_is_set = true;
+      static_cast<void>(set("root.A.N", "2"));
+    });
+    ASSERT_EQ(wait_for(writer), SIGKILL);
+    EXPECT_EQ(number_at("root.A.N"), 1);
+  }
+  EXPECT_EQ(set("root.A.N", "3"), 0);
+  EXPECT_EQ(number_at("root.A.N"), 3);
   EXPECT_TRUE(log.lines().empty()) << testing::PrintToString(log.lines());
   expect_sound();
 }
