@@ -11,11 +11,17 @@ int main(int argc, char **argv) {
   static constexpr Subcommand subcommands[] = {
       {"config", "configuration that services have on the system bus", run_config},
       {"counter", "what the drivers have counted", run_counter},
+      {"doctor", "finds the faults of a system and says how to mend them", run_doctor},
       {"driver", "a driver, by its socket", run_driver},
       {"enum", "the vocabulary: values, names and nicks", run_enum},
       {"param", "the parameter tree", run_param},
+      {"record", "writes the frames of a driver to a file", run_record},
+      {"replay", "sends recorded requests again and compares the replies", run_replay},
+      {"report", "writes a page about the whole system", run_report},
       {"status", "the live state of a PTZ instance", run_status},
+      {"tap", "shows the frames of a driver as they pass", run_tap},
       {"timing", "how long requests, moves and replies took", run_timing},
+      {"top", "drivers and their clients, live", run_top},
   };
   static constexpr char rest[] =
       "All take --json and --color=WHEN, those that wait for an answer --timeout=MS, those that ask a driver\n"
