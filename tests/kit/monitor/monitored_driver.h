@@ -40,7 +40,7 @@ class Monitor {
     g_error_free(error);
     return text;
   }
-  std::string connect() {
+  std::string open() {
     GError *error = nullptr;
     const bool connected = ptz_kit_monitor_open(monitor_, &error) != FALSE;
     EXPECT_EQ(connected, error == nullptr);
