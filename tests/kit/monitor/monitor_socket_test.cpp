@@ -132,9 +132,8 @@ TEST_F(MonitorSocket, IsMadeAnewWhenBothFilesWereRemoved) {
   ASSERT_EQ(monitor.subscribe(), "");
   g_unlink(path_.c_str());
   g_unlink(monitor_path_.c_str());
-  EXPECT_TRUE(ptz_test::run_until([&] {
-    return mode_of(monitor_path_) == std::to_string(0660) && mode_of(path_) != "none";
-  }));
+  EXPECT_TRUE(
+      ptz_test::run_until([&] { return mode_of(monitor_path_) == std::to_string(0660) && mode_of(path_) != "none"; }));
   EXPECT_TRUE(is_monitored());
   EXPECT_TRUE(driver_answers());  // the client of the old socket
   EXPECT_TRUE(ptz_test::run_until([&] { return monitor.frames.size() == 2; }));

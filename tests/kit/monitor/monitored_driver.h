@@ -55,7 +55,9 @@ class Monitor {
 };
 
 inline std::string io_error(int code) { return "g-io-error-quark " + std::to_string(code); }
-inline std::string kit_error(int code) { return std::string(g_quark_to_string(PTZ_KIT_ERROR)) + " " + std::to_string(code); }
+inline std::string kit_error(int code) {
+  return std::string(g_quark_to_string(PTZ_KIT_ERROR)) + " " + std::to_string(code);
+}
 
 // A number of the figures, of any integer type.
 inline gint64 number_in(GVariant *figures, const char *key) {
