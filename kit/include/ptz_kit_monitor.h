@@ -111,7 +111,8 @@ PTZ_KIT_API void ptz_kit_monitor_frame_free (PTZKitMonitorFrame *frame);
  * monitor: a monitor that does not read in time loses frames, which are counted.
  *
  * Signals are emitted in the thread-default main context of the thread that made the object; all other calls are made
- * in the same thread.
+ * in the same thread. If another thread runs the default main context, the thread needs a thread-default main context
+ * of its own (g_main_context_push_thread_default()).
  *
  * Since: 0.1
  */

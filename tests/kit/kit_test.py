@@ -161,9 +161,12 @@ class Monitor(unittest.TestCase):
         figures = []
 
         def ask():
+            context = GLib.MainContext.new()  # the other thread runs the default one
+            context.push_thread_default()
             monitor = PTZKit.Monitor.new(self.path)
             monitor.open()
             figures.append(monitor.get_figures(10_000, None).unpack())
+            context.pop_thread_default()
 
         self.ask_for_name()
         thread = threading.Thread(target=ask)
