@@ -29,8 +29,15 @@ class PlainClient {
   // Sends the command, and waits for its reply. False if there is none.
   bool ask(std::uint32_t command) {
     const std::uint32_t frame[] = {12, next_++, command};
-    char reply[4096];
-    return write(fd_, frame, sizeof frame) == static_cast<ssize_t>(sizeof frame) && read(fd_, reply, sizeof reply) > 0;
+    std::uint32_t header[2] = {};
+    char body[4096];
+    if (send(fd_, frame, sizeof frame, MSG_NOSIGNAL) != static_cast<ssize_t>(sizeof frame) ||
+        recv(fd_, header, sizeof header, MSG_WAITALL) != static_cast<ssize_t>(sizeof header) ||
+        header[0] > sizeof body) {
+      return false;
+    }
+    const std::size_t length = header[0] - sizeof header;
+    return recv(fd_, body, length, MSG_WAITALL) == static_cast<ssize_t>(length);
   }
 };
 constexpr std::uint32_t stop_command = 6, unknown_command = 77;

@@ -123,6 +123,9 @@ class Terminal {
     for (int i = 0; i < 1000 && !is_so(); ++i) read_some(10);
     return is_so();
   }
+  void read_for(int milliseconds) {
+    for (int i = 0; i < milliseconds / 10; ++i) read_some(10);
+  }
   bool until(const std::string &part) {
     return until([&] { return has(part); });
   }

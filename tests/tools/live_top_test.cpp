@@ -1,4 +1,7 @@
 // ptzctl top, with simulated drivers: on a terminal, as lines, and as JSON.
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <csignal>
 #include <regex>
 
@@ -43,9 +46,9 @@ TEST_F(LiveTop, PrintsAnObjectForEachLook) {
   EXPECT_EQ(json.status, 0);
   EXPECT_EQ(std::ranges::count(json.text, '\n'), 2);
   for (const std::string &part : {R"("interval_ms":50,"drivers":[{"name":"sim-driver","instance":1,"pid":)" + pid(0),
-                                 std::string(R"("answers":true)"), std::string(R"("clients":[{"client":)"),
-                                 std::string(R"("errors":1,)"), "\"socket\":\"" + socket(1) + "\"",
-                                 std::string(R"("last_command":"77")"), std::string(R"("status_stale":false)")}) {
+                                  std::string(R"("answers":true)"), std::string(R"("clients":[{"client":)"),
+                                  std::string(R"("errors":1,)"), "\"socket\":\"" + socket(1) + "\"",
+                                  std::string(R"("last_command":"77")"), std::string(R"("status_stale":false)")}) {
     EXPECT_TRUE(has(json, part)) << part << " in " << json.text;
   }
 }
@@ -64,6 +67,62 @@ TEST_F(LiveTop, AStoppedDriverIsToldAndHoldsNothingUp) {
   const auto json = run({"top", "--json", "--count=1", "--interval=50"});
   EXPECT_TRUE(has(json, R"("state":"stopped","answers":false,"problem":"does not answer")")) << json.text;
   drivers.front()->signal(SIGCONT);
+}
+
+// Sockets of drivers whose main loops are stuck: they listen, and do not answer.
+class StuckDrivers {
+  std::vector<int> fds_;
+
+  void listen_at(const std::string &path, int type) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    fds_.push_back(socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
+    EXPECT_EQ(bind(fds_.back(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+    EXPECT_EQ(listen(fds_.back(), 8), 0);
+  }
+  // The driver of an entry holds a lock on it.
+  void write_locked(const std::string &path, const std::string &text) {
+    fds_.push_back(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+    EXPECT_EQ(write(fds_.back(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    EXPECT_EQ(fcntl(fds_.back(), F_OFD_SETLK, &lock), 0);
+  }
+
+ public:
+  StuckDrivers(const TempDir &dir, int count) {
+    for (int i = 0; i < count; ++i) {
+      const std::string name = "stuck" + std::to_string(i), path = dir.file(name);
+      listen_at(path, SOCK_STREAM);
+      listen_at(path + ".monitor", SOCK_SEQPACKET);
+      struct stat status = {};
+      EXPECT_EQ(stat(path.c_str(), &status), 0);
+      write_locked(dir.file("drivers/" + name + ".driver"),
+                   "[Driver]\nName=\"" + name + "\"\nSocket=\"" + path +
+                       "\"\nProgram=\"/stuck\"\nProcess=" + std::to_string(getpid()) +
+                       "\nInstance=1\nProtocol=1\nSince=1\nDevice=" + std::to_string(status.st_dev) +
+                       "\nInode=" + std::to_string(status.st_ino) + "\n");
+    }
+  }
+  StuckDrivers(const StuckDrivers &) = delete;
+  ~StuckDrivers() {
+    for (const int fd : fds_) close(fd);
+  }
+};
+
+TEST_F(LiveTop, ManyDriversThatDoNotAnswerDoNotKeepItFromTheOthers) {
+  start(1);
+  const StuckDrivers stuck(dir, 8);
+  const gint64 begin = g_get_monotonic_time();
+  const auto blocks = run({"top", "--lines", "--count=6", "--interval=50", "--sort=name"});
+  EXPECT_LT(g_get_monotonic_time() - begin, 5 * G_USEC_PER_SEC);
+  const std::string last = blocks.text.substr(blocks.text.rfind("DRIVER, #CLIENT"));
+  EXPECT_TRUE(std::regex_search(last, std::regex("\nsim-driver:1 .* 0  status"))) << last;
+  for (int i = 0; i < 8; ++i) {
+    EXPECT_TRUE(std::regex_search(last, std::regex("\nstuck" + std::to_string(i) + ":1 .* -  does not answer")))
+        << last;
+  }
 }
 
 TEST_F(LiveTop, AKilledDriverIsDead) {
@@ -120,7 +179,7 @@ TEST_F(LiveTop, OnATerminalKeysSortFilterPauseAndQuit) {
   PlainClient client(socket(2));
   for (int i = 0; i < 5; ++i) ASSERT_TRUE(client.ask(unknown_command));
   Terminal top(fast, 24, 120);
-  ASSERT_TRUE(top.until("ptzctl top: 2 drivers, 1 clients, by requests")) << top.text();
+  ASSERT_TRUE(top.until("ptzctl top: 2 drivers, 1 client, by requests")) << top.text();
   ASSERT_TRUE(top.until("sim-driver:1") && top.until("sim-driver:2")) << top.text();
   EXPECT_TRUE(top.has("q quit  space pause")) << top.text();
   top.type("n");
@@ -148,8 +207,9 @@ TEST_F(LiveTop, APausedScreenDoesNotChange) {
   top.type(" ");
   ASSERT_TRUE(top.until("paused"));
   start(2);
+  top.read_for(300);
   EXPECT_FALSE(top.has("sim-driver:2"));
-  EXPECT_TRUE(top.has("1 drivers"));
+  EXPECT_TRUE(top.has("1 driver,"));
   top.type(" ");
   EXPECT_TRUE(top.until("sim-driver:2")) << top.text();
 }
@@ -173,7 +233,7 @@ TEST_F(LiveTop, AScreenThatIsTooSmallIsScrolled) {
   top.type(
       "\x1b"
       "A");
-  EXPECT_TRUE(top.until("1 lines above  6 lines below")) << top.text();
+  EXPECT_TRUE(top.until("1 line above  6 lines below")) << top.text();
   top.resize(30, 100);
   EXPECT_TRUE(top.until([&] { return top.has("sim-driver:1") && !top.has("lines below"); })) << top.text();
   EXPECT_NE(top.line(29).find("q quit"), std::string::npos) << top.text();

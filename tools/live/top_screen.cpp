@@ -9,6 +9,10 @@ namespace {
 constexpr std::size_t other_rows = 4;  // heading, titles, an empty one, help
 constexpr std::size_t longest_filter = 60;
 
+std::string counted(std::size_t count, const char *what) {
+  return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
+}
+
 }  // namespace
 
 std::size_t TopScreen::body_rows() {
@@ -27,8 +31,8 @@ std::vector<StatusScreen::Line> TopScreen::body() const {
 std::string TopScreen::heading() const {
   std::size_t clients = 0;
   for (const DriverSight &driver : drivers_) clients += driver.clients.size();
-  std::string text = "ptzctl top: " + std::to_string(drivers_.size()) + " drivers, " + std::to_string(clients) +
-                     " clients, by " + name_of(order_);
+  std::string text = "ptzctl top: " + counted(drivers_.size(), "driver") + ", " + counted(clients, "client") +
+                     ", by " + name_of(order_);
   if (!filter_.empty() && !is_filter_typed_) text += ", filter '" + filter_ + "'";
   return text + (is_paused_ ? ", paused" : "");
 }
@@ -47,8 +51,8 @@ void TopScreen::draw() {
   lines.resize(other_rows - 2 + rows);
   const std::size_t left = all.size() - std::min(all.size(), first_ + rows);
   std::string more;
-  if (first_ > 0) more = std::to_string(first_) + " lines above  ";
-  if (left > 0) more += std::to_string(left) + " lines below";
+  if (first_ > 0) more = counted(first_, "line") + " above  ";
+  if (left > 0) more += counted(left, "line") + " below";
   lines.push_back({more, Look::notice});
   lines.push_back({help(), Look::plain});
   screen_.draw(lines);
