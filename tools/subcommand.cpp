@@ -94,6 +94,7 @@ std::string did_you_mean(const std::string &given, const Words &words) {
 
 Options::Options(const std::string &words, const Manual &manual, Asks asks, std::vector<GOptionEntry> further)
     : words_(words), manual_(manual), entries_(std::move(further)) {
+  const bool has_driver = asks == Asks::driver || asks == Asks::monitor;
   const auto add = [this](const char *name, char letter, bool is_taken, GOptionArg kind, gpointer value,
                           const char *description, const char *of) {
     if (is_taken) {
@@ -103,11 +104,11 @@ Options::Options(const std::string &words, const Manual &manual, Asks asks, std:
                           reinterpret_cast<gpointer>(refuse_option), nullptr, nullptr});
     }
   };
-  add("socket", 's', asks == Asks::driver, G_OPTION_ARG_FILENAME, &socket_,
+  add("socket", 's', has_driver, G_OPTION_ARG_FILENAME, &socket_,
       "The driver's socket, by default /run/ptz/driver.socket, or the socket of the only driver that runs", "PATH");
-  add("driver", 'd', asks == Asks::driver, G_OPTION_ARG_STRING, &driver_,
+  add("driver", 'd', has_driver, G_OPTION_ARG_STRING, &driver_,
       "The driver by its name in ptzctl driver list, by NAME:INSTANCE, or by its instance", "NAME");
-  add("timeout", 't', asks != Asks::none, G_OPTION_ARG_INT, &timeout_ms_,
+  add("timeout", 't', asks == Asks::service || asks == Asks::driver, G_OPTION_ARG_INT, &timeout_ms_,
       "How long to wait for an answer, by default 10000", "MS");
   add("json", 'j', true, G_OPTION_ARG_NONE, &as_json_, "One object a line", nullptr);
   add("color", 0, true, G_OPTION_ARG_STRING, &colours_, "Colours: always, never, or auto, on a terminal", "WHEN");

@@ -37,8 +37,9 @@ void complain(const char *format, ...) G_GNUC_PRINTF(1, 2);
 // " (did you mean 'show'?)" where one of the words is nearly the one that was given.
 [[nodiscard]] std::string did_you_mean(const std::string &given, const Words &words);
 
-// The peer that a subcommand asks: with one it takes --timeout, with a driver also --socket and --driver.
-enum class Asks { none, service, driver };
+// The peer that a subcommand asks. With a service or a driver it takes --timeout, with a driver or its monitor socket
+// --socket and --driver.
+enum class Asks { none, service, driver, monitor };
 
 // What the help says. The parameters are what follows the options, such as "PATH [VALUE...]", and tell how many words
 // there are to be.
