@@ -71,6 +71,7 @@ class Options {
 
   [[nodiscard]] bool as_json() const { return as_json_ != FALSE; }
   [[nodiscard]] guint timeout_ms() const { return static_cast<guint>(timeout_ms_); }
+  [[nodiscard]] bool is_socket_given() const { return socket_ != nullptr; }
   // The socket of the driver that is to be asked. Nothing, with the exit status, if there is no such driver or if it is
   // not clear which one is meant; the user was told.
   [[nodiscard]] std::optional<std::string> socket(int &status) const;
