@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <thread>
 
 #include "ptzctl.h"
 #include "wire_frames.h"
@@ -221,7 +222,7 @@ TEST_F(WireReplayToSimulatedDriver, RepliesWithoutTheirRequestsAreCountedOnly) {
 
 TEST_F(WireReplayToSimulatedDriver, PipelinedRequestsOfOneMessageIdAreMatchedInOrder) {
   made.request(request_of(ask_name));
-  made.request(request_of(ask_position)).bytes = made.frames()[0].bytes;
+  made.request(request_of(ask_name)).bytes = ptzctl::frame_of(0, request_of(ask_name));
   made.reply_to(0, name_reply("sim-driver"));
   made.reply_to(0, name_reply("sim-driver"));
   const Result result = replay();
@@ -251,12 +252,22 @@ TEST_F(WireReplayToSimulatedDriver, ReplayEndsAfterThreeRequestsInARowWithoutRep
   EXPECT_EQ(result.status, 3);
 }
 
-TEST_F(WireReplayToSimulatedDriver, DriverThatEndsBeforeItsReplyIsADifference) {
-  made.request(request_of("{'command': <'unregister'>}"));
-  made.reply(reply_of("{'command': <'unregister'>}"));
+TEST_F(WireReplay, DriverThatClosesTheConnectionBeforeItsReplyIsTold) {
+  const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  socket.copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+  ASSERT_EQ(listen(listener, 1), 0);
+  std::thread closing([listener] { close(accept(listener, nullptr, nullptr)); });
   made.request(request_of(ask_name));
   made.reply(name_reply("sim-driver"));
-  EXPECT_EQ(replay().status, 1);
+  const Result result = replay();
+  closing.join();
+  close(listener);
+  EXPECT_TRUE(has(result, "frame 2, Get driver name: the driver closed the connection before its reply"))
+      << result.text;
+  EXPECT_EQ(result.status, 3);
 }
 
 TEST_F(WireReplay, NoDriverIsStatusThree) {

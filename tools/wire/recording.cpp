@@ -5,10 +5,10 @@
 
 namespace ptzctl {
 
-bool RecordedFrame::is_well_framed() const {
+guint32 RecordedFrame::length() const {
   guint32 length = 0;
   std::memcpy(&length, bytes.data(), sizeof length);
-  return length == bytes.size() && length <= most_frame_bytes;
+  return length;
 }
 
 guint32 RecordedFrame::message_id() const {

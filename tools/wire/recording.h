@@ -36,8 +36,13 @@ struct RecordedFrame {
   guint32 lost = 0;
   std::vector<guint8> bytes;  // the frame with its header; at least as long as a header
 
-  // False if the header's length is not that of the bytes: a driver closes the connection of such a client.
-  [[nodiscard]] bool is_well_framed() const;
+  [[nodiscard]] guint32 length() const;  // that the header has
+  // Whether the bytes are one frame.
+  [[nodiscard]] bool is_well_framed() const { return length() == bytes.size() && !has_malformed_length(); }
+  // No frame has such a length: a driver closes the connection of a client that sends it.
+  [[nodiscard]] bool has_malformed_length() const {
+    return length() < frame_header_size || length() > most_frame_bytes;
+  }
   [[nodiscard]] guint32 message_id() const;
   [[nodiscard]] std::span<const guint8> body() const { return std::span(bytes).subspan(frame_header_size); }
 };

@@ -134,6 +134,11 @@ void Replay::send(const Step &step) {
   ++figures_.requests;
   if (request.is_well_framed()) client.pending[request.message_id()].push_back(step.exchange);
   client.socket.send(request.bytes);
+  if (request.has_malformed_length() &&
+      !pump_until([&] { return !client.socket.is_open(); }, outcome.sent_us + timeout_us())) {
+    report(request, "the driver did not close the connection after a malformed frame");
+    client.socket.close();
+  }
 }
 
 void Replay::await(const Step &step) {
