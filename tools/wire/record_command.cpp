@@ -54,8 +54,8 @@ void print_summary(const Options &options, const std::string &file, const Record
     json.member("lost", static_cast<gint64>(recorder.lost()));
     json.print();
   } else {
-    g_printerr("%" G_GUINT64_FORMAT " frames in %s, %" G_GUINT64_FORMAT " lost\n", recorder.written(),
-               file == "-" ? "standard output" : file.c_str(), recorder.lost());
+    g_printerr("%s: %" G_GUINT64_FORMAT " frames, %" G_GUINT64_FORMAT " lost\n",
+               file == "-" ? "standard output" : file.c_str(), recorder.written(), recorder.lost());
   }
 }
 

@@ -149,6 +149,12 @@ bool Recorder::record(RecordingWriter &writer, std::string &problem) {
     problem = tools::message_of(error, "no reason is known");
     return false;
   }
+  // The answer comes after the driver has met the subscription: from here on, every request is recorded.
+  if (figures(error) == nullptr) {
+    problem = tools::message_of(error, "no reason is known");
+    return false;
+  }
+  g_printerr("recording %s; SIGINT (Ctrl-C) ends it\n", settings_.path.c_str());
   std::vector<guint> sources = {g_unix_signal_add(SIGINT, on_end, this), g_unix_signal_add(SIGTERM, on_end, this)};
   if (settings_.seconds != 0) sources.push_back(g_timeout_add(settings_.seconds * 1000, on_end, this));
   if (writer.error() == 0) g_main_loop_run(loop_.get());

@@ -76,6 +76,10 @@ std::string summary_of(const ReplyFields &reply) {
   return "error " + (code != nullptr ? code->text : "") + ": " + (text != nullptr ? text->text : "");
 }
 
+std::string summary_of(const std::optional<ReplyFields> &reply, BodyBytes body) {
+  return reply ? summary_of(*reply) : std::to_string(body.size()) + " bytes that cannot be decoded";
+}
+
 std::string byte_text(BodyBytes body, std::size_t at) {
   if (at >= body.size()) return "absent";
   const tools::Text text(g_strdup_printf("%02x", body[at]));
@@ -120,10 +124,11 @@ bool ReplyComparison::has_axis_unit(const std::string &command, const std::strin
 
 Differences ReplyComparison::differences(BodyBytes recorded, BodyBytes received) const {
   const auto before = fields_of_reply(recorded), after = fields_of_reply(received);
-  if (!before || !after) return is_ignored("", "body") ? Differences{} : differences_of_bytes(recorded, received);
-  if (before->command != after->command) {
-    if (is_ignored(before->command, "")) return {};
-    return {{"", summary_of(*before), summary_of(*after)}};
+  const std::string command = before ? before->command : "body";
+  if (!before && !after) return is_ignored(command, "") ? Differences{} : differences_of_bytes(recorded, received);
+  if (!before || !after || before->command != after->command) {
+    if (is_ignored(command, "")) return {};
+    return {{"", summary_of(before, recorded), summary_of(after, received)}};
   }
   Differences differences;
   for (const ReplyField &field : before->fields) {
