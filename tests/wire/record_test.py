@@ -144,6 +144,7 @@ class Driver(Record):
         for _ in range(120):
             self.client.ask(*[body(GET_DRIVER_NAME)] * 50)
         recorder.send_signal(signal.SIGCONT)
+        time.sleep(0.3)  # it reads what waits; the next frame tells how many were lost before it
         self.ask(3)
         time.sleep(0.2)
         recorder.send_signal(signal.SIGINT)
