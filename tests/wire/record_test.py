@@ -1,0 +1,160 @@
+"""ptzctl record with the simulated driver: record_test.py SIM_DRIVER PTZCTL"""
+import json
+import os
+import pathlib
+import shutil
+import signal
+import stat
+import subprocess
+import sys
+import time
+import unittest
+
+sys.dont_write_bytecode = True
+from conversations import GET_DRIVER_NAME, QUERY_LIMITS  # noqa: E402
+from system import LIMIT_S, System, body, wait_until  # noqa: E402
+
+
+class Record(unittest.TestCase):
+    def setUp(self):
+        self.system = System(DRIVER, PTZCTL).__enter__()
+        self.addCleanup(self.system.__exit__)
+        self.driver = self.system.start_driver()
+        self.file = self.system.path('made.pcapng')
+        self.client = self.system.client()
+
+    def ask(self, count=1):
+        for _ in range(count):
+            self.client.ask(body(GET_DRIVER_NAME))
+
+    def finish(self, recorder):
+        _, told = recorder.communicate(timeout=LIMIT_S)
+        return told
+
+    def record(self, *options):
+        return self.system.run_ptzctl('record', *options, '--socket', self.system.socket)
+
+    def replayed(self):
+        """How many requests and replies the file has."""
+        done = self.system.replay(self.file, '--json')
+        self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
+        return json.loads(done.stdout)
+
+
+class Files(Record):
+    def test_has_requests_and_replies_and_is_for_owner_only(self):
+        recorder = self.system.start_recorder(self.file)
+        self.ask(3)
+        self.assertEqual(self.system.end_recorder(recorder), 6)
+        self.assertEqual(self.replayed(), {'requests': 3, 'compared': 3, 'differences': 0})
+        self.assertEqual(stat.S_IMODE(os.stat(self.file).st_mode), 0o600)
+        self.assertIn(b'driver sim-driver\nprogram ' + DRIVER.encode(), pathlib.Path(self.file).read_bytes())
+
+    def test_killed_recorder_leaves_readable_file(self):
+        recorder = self.system.start_recorder(self.file)
+        self.ask(5)
+        wait_until(lambda: os.path.getsize(self.file) > 900, 'nothing is written')
+        self.system.stop(recorder, signal.SIGKILL)
+        self.assertEqual(self.replayed()['requests'], 5)
+
+    def test_existing_file_is_kept_unless_forced(self):
+        pathlib.Path(self.file).write_text('mine', encoding='utf-8')
+        done = self.record(self.file, '--seconds', '1')
+        self.assertEqual(done.returncode, 1)
+        self.assertIn('File exists; --force replaces it', done.stderr)
+        self.assertEqual(pathlib.Path(self.file).read_text(encoding='utf-8'), 'mine')
+
+    def test_full_disk_ends_recording_and_is_told(self):
+        done = self.record('/dev/full', '--force', '--seconds', '60')
+        self.assertEqual(done.returncode, 1)
+        self.assertIn('cannot write /dev/full: No space left on device', done.stderr)
+
+    def test_ends_after_count_of_frames(self):
+        recorder = self.system.start('ptzctl', 'record', self.file, '--count', '4', '--socket', self.system.socket)
+        self.assertIn('recording ', recorder.stderr.readline())
+        self.ask(10)
+        self.assertIn(': 4 frames, 0 lost\n', self.finish(recorder))
+        self.assertEqual(self.replayed()['requests'], 2)
+
+    def test_ends_after_seconds(self):
+        done = self.record(self.file, '--seconds', '1', '--json')
+        self.assertEqual(json.loads(done.stdout), {'file': self.file, 'frames': 0, 'lost': 0})
+        self.assertEqual(done.returncode, 0)
+
+    def test_client_selects_its_frames(self):
+        self.ask()  # the driver counts clients by their first requests at the latest
+        other = self.system.client()
+        recorder = self.system.start('ptzctl', 'record', self.file, '--client', '2', '--socket', self.system.socket)
+        self.assertIn('recording ', recorder.stderr.readline())
+        self.ask()
+        other.ask(body(QUERY_LIMITS), body(QUERY_LIMITS))
+        self.assertEqual(self.system.end_recorder(recorder), 4)
+
+    def test_past_frames_come_first(self):
+        self.ask(2)
+        done = self.record(self.file, '--with-past', '--count', '4')
+        self.assertEqual(done.returncode, 0)
+        self.assertEqual(self.replayed()['requests'], 2)
+
+    @unittest.skipUnless(shutil.which('tshark'), 'needs tshark')
+    def test_standard_output_is_for_a_pipe(self):
+        script = '"$0" record - --socket "$1" | tshark -i - -c 4 -T fields -e frame.len 2>tshark.log'
+        shell = subprocess.Popen(['bash', '-c', script, PTZCTL, self.system.socket], cwd=self.system.folder,
+                                 env=self.system.environment, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        self.system.processes.append(shell)
+        self.assertIn('recording ', shell.stderr.readline())
+        end = time.monotonic() + LIMIT_S
+        while shell.poll() is None and time.monotonic() < end:  # a recorder meets the end of its reader when it writes
+            self.ask()
+            time.sleep(0.05)
+        self.assertEqual(shell.communicate(timeout=LIMIT_S)[0].split()[:2], ['36', '48'])
+
+
+class Driver(Record):
+    def test_that_starts_again_is_followed(self):
+        recorder = self.system.start_recorder(self.file)
+        self.ask()
+        wait_until(lambda: os.path.getsize(self.file) > 300, 'nothing is written')
+        self.system.stop(self.driver, signal.SIGKILL)
+        self.assertIn('the driver has ended; waiting for its next start', recorder.stderr.readline())
+        self.system.start_driver()
+        self.client = self.system.client()
+        self.ask()
+        self.assertIn('the driver has started again', recorder.stderr.readline())
+        self.ask()
+        self.assertEqual(self.system.end_recorder(recorder), 6)
+        self.assertEqual(self.replayed()['requests'], 3)
+        self.assertIn(b'the driver was started again before this frame', pathlib.Path(self.file).read_bytes())
+
+    def test_that_is_not_there_is_status_three(self):
+        self.system.stop(self.driver)
+        done = self.record(self.file)
+        self.assertEqual(done.returncode, 3)
+        self.assertFalse(os.path.exists(self.file))
+
+    def test_that_is_hung_is_status_three(self):
+        self.driver.send_signal(signal.SIGSTOP)
+        done = self.record(self.file, '--timeout', '100')
+        self.assertEqual(done.returncode, 3)
+        self.assertFalse(os.path.exists(self.file))
+
+    def test_does_not_wait_for_slow_recorder_which_counts_lost_frames(self):
+        recorder = self.system.start_recorder(self.file)
+        recorder.send_signal(signal.SIGSTOP)
+        for _ in range(120):
+            self.client.ask(*[body(GET_DRIVER_NAME)] * 50)
+        recorder.send_signal(signal.SIGCONT)
+        time.sleep(0.3)  # it reads what waits; the next frame tells how many were lost before it
+        self.ask(3)
+        time.sleep(0.2)
+        recorder.send_signal(signal.SIGINT)
+        told = self.finish(recorder)
+        frames, lost = (int(word) for word in told.split()[-4::2])
+        self.assertGreater(lost, 0)
+        self.assertEqual(frames + lost, 120 * 50 * 2 + 6)
+        self.assertIn(f'{lost} frames were lost before this one'.encode(), pathlib.Path(self.file).read_bytes())
+
+
+if __name__ == '__main__':
+    DRIVER, PTZCTL = map(os.path.realpath, sys.argv[1:3])
+    unittest.main(argv=sys.argv[:1])
