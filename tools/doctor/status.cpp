@@ -163,7 +163,10 @@ void report_without_driver(const Surroundings &system, guint instance, Findings 
   const auto writers = writers_of(path);
   const std::string subject = "instance " + std::to_string(instance);
   if (position.reading == Reading::done) check_values(subject, position, findings);
-  if (!writers.empty() || (position.reading == Reading::done && !position.is_stale())) {
+  const auto dead = std::ranges::find_if(
+      system.drivers, [instance](const Driver &driver) { return !driver.runs() && driver.instance == instance; });
+  const bool is_fresh = position.reading == Reading::done && !position.is_stale() && dead == system.drivers.end();
+  if (!writers.empty() || is_fresh) {
     const std::string by = writers.empty() ? "a process" : "process " + name_of_process(writers.front());
     findings.note({.id = "status.unknown-publisher",
                    .subject = subject,
@@ -176,8 +179,6 @@ void report_without_driver(const Surroundings &system, guint instance, Findings 
   for (const char *group : {"PTZ_POSITION_IS", "PTZ_VARIOUS_IS", "PTZ_LIMIT_IS"}) {
     files += " " + quoted(system.runtime + "/" + group + std::to_string(instance) + file_suffix);
   }
-  const auto dead = std::ranges::find_if(
-      system.drivers, [instance](const Driver &driver) { return !driver.runs() && driver.instance == instance; });
   Finding finding = {.id = "status.publisher-dead",
                      .subject = dead != system.drivers.end() ? dead->label() : subject,
                      .what = format("The publisher of %s has ended; the values are %.0f s old.", position.group.c_str(),
