@@ -139,6 +139,7 @@ TEST_F(DoctorDescriptors, LimitThatIsNearIsRaised) {
 
 TEST_F(DoctorDescriptors, LimitThatIsReachedIsRaised) {
   use(56);
+  for (int i = 0; i < 3; ++i) clients.push_back(connect_to(socket()));
   const Examined examined = expect_first("process.descriptors-used-up", "fault");
   EXPECT_EQ(examined.severity("handshake.failed"), "note") << examined.text;
   expect_mended_by(examined, "process.descriptors-used-up");
