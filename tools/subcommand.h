@@ -1,7 +1,6 @@
 // subcommand.h - what every subcommand of ptzctl is made with: a place in a table, options, errors and JSON.
 #pragma once
 #include <glib.h>
-#include <json-glib/json-glib.h>
 
 #include <cstdlib>
 #include <optional>
@@ -11,6 +10,7 @@
 
 #include "colours.h"
 #include "handles.h"
+#include "json_line.h"
 
 namespace ptzctl {
 
@@ -32,7 +32,7 @@ struct Subcommand {
 int run_one_of(std::span<const Subcommand> subcommands, const char *rest, const std::string &words, int argc,
                char **argv);
 
-// Tells the user, on standard error, what went wrong.
+// Tells the user, on standard error, what went wrong: in text, or in JSON with --json.
 void complain(const char *format, ...) G_GNUC_PRINTF(1, 2);
 // " (did you mean 'show'?)" where one of the words is nearly the one that was given.
 [[nodiscard]] std::string did_you_mean(const std::string &given, const Words &words);
@@ -73,8 +73,8 @@ class Options {
 
   [[nodiscard]] bool as_json() const { return as_json_ != FALSE; }
   [[nodiscard]] guint timeout_ms() const { return static_cast<guint>(timeout_ms_); }
-  // What --driver and --socket were given; null if they were not.
-  [[nodiscard]] const char *driver_name() const { return driver_; }
+  // As they were given; null if they were not.
+  [[nodiscard]] const char *driver() const { return driver_; }
   [[nodiscard]] const char *socket_path() const { return socket_; }
   // The socket of the driver that is to be asked. Nothing, with the exit status, if there is no such driver or if it is
   // not clear which one is meant; the user was told.
@@ -87,24 +87,6 @@ class Options {
                                              gint64 most) const;
   // Whether an option's value is one of this range; the user is told where it is not.
   [[nodiscard]] bool is_within(const char *option, gint value, gint least, gint most) const;
-};
-
-// One object, printed as one line of JSON.
-class JsonLine {
-  tools::Object<JsonBuilder> builder_{json_builder_new()};
-
- public:
-  JsonLine() { json_builder_begin_object(builder_.get()); }
-  void member(const char *name, const std::string &value) const;
-  void member(const char *name, gint64 value) const;
-  void member(const char *name, double value) const;
-  void member(const char *name, JsonNode *value) const;  // takes it
-  void begin_object(const char *name = nullptr) const;   // without a name in an array
-  void end_object() const { json_builder_end_object(builder_.get()); }
-  void begin_array(const char *name) const;
-  void end_array() const { json_builder_end_array(builder_.get()); }
-  void element(const std::string &value) const;
-  void print() const;
 };
 
 }  // namespace ptzctl
