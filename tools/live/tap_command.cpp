@@ -139,9 +139,9 @@ void Tap::wait_for_next() {
 
 // The successor of a driver that was named may have another socket.
 bool Tap::is_again_there() {
-  if (options_.driver() != nullptr) {
+  if (options_.driver_name() != nullptr) {
     std::string problem;
-    const tools::RegistryEntry entry = tools::driver_named(options_.driver(), problem);
+    const tools::RegistryEntry entry = tools::driver_named(options_.driver_name(), problem);
     if (entry == nullptr) return false;
     path_ = entry->socket_path;
   }
