@@ -92,8 +92,13 @@ std::string did_you_mean(const std::string &given, const Words &words) {
   return " (did you mean '" + *nearest + "'?)";
 }
 
-Options::Options(const std::string &words, const Manual &manual, Asks asks, std::vector<GOptionEntry> further)
-    : words_(words), manual_(manual), entries_(std::move(further)) {
+Options::Options(const std::string &words, const Manual &manual, Asks asks, std::vector<GOptionEntry> further,
+                 gint timeout_ms)
+    : words_(words),
+      manual_(manual),
+      timeout_ms_(timeout_ms),
+      timeout_text_("How long to wait for an answer, by default " + std::to_string(timeout_ms)),
+      entries_(std::move(further)) {
   const bool has_driver = asks == Asks::driver || asks == Asks::monitor;
   const auto add = [this](const char *name, char letter, bool is_taken, GOptionArg kind, gpointer value,
                           const char *description, const char *of) {
@@ -109,7 +114,7 @@ Options::Options(const std::string &words, const Manual &manual, Asks asks, std:
   add("driver", 'd', has_driver, G_OPTION_ARG_STRING, &driver_,
       "The driver by its name in ptzctl driver list, by NAME:INSTANCE, or by its instance", "NAME");
   add("timeout", 't', asks == Asks::service || asks == Asks::driver, G_OPTION_ARG_INT, &timeout_ms_,
-      "How long to wait for an answer, by default 10000", "MS");
+      timeout_text_.c_str(), "MS");
   add("json", 'j', true, G_OPTION_ARG_NONE, &as_json_, "One object a line", nullptr);
   add("color", 0, true, G_OPTION_ARG_STRING, &colours_, "Colours: always, never, or auto, on a terminal", "WHEN");
   entries_.push_back({});

@@ -54,7 +54,8 @@ class Options {
   std::string words_;
   Manual manual_;
   gboolean as_json_ = FALSE;
-  gint timeout_ms_ = 10'000;
+  gint timeout_ms_;
+  std::string timeout_text_;
   char *socket_ = nullptr, *driver_ = nullptr, *colours_ = nullptr;
   std::vector<GOptionEntry> entries_;
 
@@ -64,7 +65,8 @@ class Options {
   [[nodiscard]] bool are_as_many_as_needed(const Words &given) const;
 
  public:
-  Options(const std::string &words, const Manual &manual, Asks asks, std::vector<GOptionEntry> further = {});
+  Options(const std::string &words, const Manual &manual, Asks asks, std::vector<GOptionEntry> further = {},
+          gint timeout_ms = 10'000);
   Options(const Options &) = delete;
   ~Options();
   // What follows the options; nothing where the user was told what is wrong. Help ends the program.
