@@ -208,13 +208,18 @@ gint64 MotionTrace::end_us() const {
   return end;
 }
 
+// Between two samples, as if the axis had moved evenly.
 std::optional<double> MotionTrace::position_at(std::size_t axis, gint64 time_us) const {
-  std::optional<double> position;
+  if (samples_.empty()) return std::nullopt;
+  const Sample *before = &samples_.front();
   for (const Sample &sample : samples_) {
-    if (sample.time_us > time_us && position) break;
-    position = sample.position[axis];
+    if (sample.time_us > time_us && before->time_us <= time_us) {
+      const double share = seconds(time_us - before->time_us) / seconds(sample.time_us - before->time_us);
+      return before->position[axis] + share * (sample.position[axis] - before->position[axis]);
+    }
+    if (sample.time_us <= time_us) before = &sample;
   }
-  return position;
+  return before->position[axis];
 }
 
 double MotionTrace::clamped(std::size_t axis, double position) const {
@@ -268,7 +273,7 @@ std::vector<Figure> MotionTrace::plots(const std::string &title) const {
   for (std::size_t axis = 0; axis < axes; ++axis) {
     if (!is_shown(axis)) continue;
     TimePlot plot = {
-        title + ": " + axis_names[axis], "seconds", std::string(axis_names[axis]) + " in " + axis_units[axis], {}, {}};
+        title + ": " + axis_names[axis], std::string(axis_names[axis]) + " in " + axis_units[axis], {}, {}};
     plot.series = {reported(axis), commanded(axis)};
     for (const Order *order : orders_to(axis))
       plot.marks.push_back({seconds(order->time_us - start_us()), order->name});
@@ -278,13 +283,7 @@ std::vector<Figure> MotionTrace::plots(const std::string &title) const {
 }
 
 std::vector<Column> MotionTrace::columns() {
-  return {{"at s", true},
-          {"order"},
-          {"axis"},
-          {"from", true},
-          {"commanded", true},
-          {"at rest", true},
-          {"overshoot", true},
+  return {{"at", true},          {"axis"}, {"order"}, {"from", true}, {"at rest", true}, {"overshoot", true},
           {"time to rest", true}};
 }
 
@@ -305,16 +304,14 @@ std::vector<Cell> MotionTrace::row_of(const Order &order, std::size_t axis, gint
     rest = sample.position[axis];
     rest_us = sample.time_us - order.time_us;
   }
-  const std::string command = order.kind[axis] == Kind::speed  ? with_unit(order.value[axis]) + "/s"
-                              : order.kind[axis] == Kind::stop ? "stop"
-                              : target                         ? with_unit(*target)
-                                                               : "";
+  std::string command = order.name;
+  if (order.kind[axis] == Kind::speed) command += ", " + with_unit(order.value[axis]) + "/s";
+  if (order.kind[axis] != Kind::stop && target) command += " to " + with_unit(*target);
   const Mood mood = beyond > least_motion && order.kind[axis] != Kind::stop ? Mood::warning : Mood::plain;
-  return {{number_text(seconds(order.time_us - start_us()), 2)},
-          {order.name},
+  return {{number_text(seconds(order.time_us - start_us()), 3) + " s"},
           {axis_names[axis]},
-          {from ? with_unit(*from) : ""},
           {command},
+          {from ? with_unit(*from) : ""},
           {rest      ? with_unit(*rest)
            : is_last ? "not seen"
                      : "next order first"},

@@ -15,6 +15,8 @@ constexpr double width = 440, height = 250;
 constexpr double left = 56, right = 12, top = 12, bottom = 42;
 constexpr double inner_width = width - left - right, inner_height = height - top - bottom;
 constexpr int wanted_ticks = 5;
+constexpr double least_span = 0.2;                                    // of the values, in degrees
+constexpr double longest_in_ms = 0.5;                                 // of the seconds
 constexpr double least_bar = 2;                                       // a rare latency is seen beside frequent ones
 constexpr const char *dashes[] = {"none", "7 4", "2 3", "10 3 2 3"};  // series differ without colour, too
 
@@ -43,9 +45,10 @@ int digits_for(double step) { return std::clamp(static_cast<int>(-std::floor(std
 // A linear axis whose ends are ticks.
 struct Axis {
   double least = 0, most = 1, step = 0.2;
-  explicit Axis(Range range, bool is_rounded) {
-    if (range.is_empty()) range = {0, 1};
-    const double margin = range.most - range.least > 0 ? 0 : std::max(0.5, std::abs(range.least) / 100);
+  // At least as long as the span: the noise of a head that stands still is to look like noise.
+  Axis(Range range, double span, bool is_rounded) {
+    if (range.is_empty()) range = {0, span};
+    const double margin = std::max(0.0, (span - (range.most - range.least)) / 2);
     least = range.least - margin;
     most = range.most + margin;
     step = nice_step(most - least);
@@ -98,11 +101,15 @@ std::string frame_lines() {
   return line_at("axis", left, y_at(0), width - right, y_at(0)) + line_at("axis", left, top, left, y_at(0));
 }
 
+std::string name_at(double x, double y, const char *anchor, const std::string &text) {
+  return "<text class=\"name\"" + text_at(x, y, anchor, text).substr(5);
+}
+
 // Names stand at different heights, so that near ones do not cover each other.
 std::string mark_at(double share, const std::string &name, std::size_t number) {
   const double x = x_at(std::clamp(share, 0.0, 1.0));
   const bool is_right = share > 0.7;
-  return line_at("mark", x, top, x, y_at(0)) + text_at(is_right ? x - 4 : x + 4,
+  return line_at("mark", x, top, x, y_at(0)) + name_at(is_right ? x - 4 : x + 4,
                                                        top + 11 + 14 * static_cast<double>(number % 3),
                                                        is_right ? "end" : "start", name);
 }
@@ -175,11 +182,14 @@ std::string drawing_of(const TimePlot &plot) {
     }
   }
   for (const PlotMark &mark : plot.marks) times.include(mark.x);
-  const Axis x(times, false), y(values, true);
+  if (times.is_empty()) times = {0, 1};
+  const bool is_short = times.most - times.least < longest_in_ms;
+  const double scale = is_short ? 1000 : 1;
+  const Axis x(times, 1e-3, false), y(values, least_span, true);
+  const Axis shown(Range{times.least * scale, times.most * scale}, 1e-3 * scale, false);
   std::string svg = y_axis(y, plot.y_unit);
-  for (const double tick : x.ticks()) svg += x_tick(x.share(tick), x.label(tick));
-  svg += frame_lines() + x_title(plot.x_unit);
-  for (std::size_t i = 0; i < plot.marks.size(); ++i) svg += mark_at(x.share(plot.marks[i].x), plot.marks[i].name, i);
+  for (const double tick : shown.ticks()) svg += x_tick(shown.share(tick), shown.label(tick));
+  svg += frame_lines() + x_title(is_short ? "milliseconds" : "seconds");
   for (std::size_t i = 0; i < plot.series.size(); ++i) {
     if (plot.series[i].line == Line::dots) {
       svg += dots_of(plot.series[i], i, x, y);
@@ -187,6 +197,7 @@ std::string drawing_of(const TimePlot &plot) {
       svg += "<path " + style_of(i) + " d=\"" + path + "\"/>\n";
     }
   }
+  for (std::size_t i = 0; i < plot.marks.size(); ++i) svg += mark_at(x.share(plot.marks[i].x), plot.marks[i].name, i);
   return svg;
 }
 
@@ -241,7 +252,7 @@ std::string drawing_of(const HistogramPlot &plot) {
     counts.include(bucket.count);
   }
   const LogAxis x(times);
-  const Axis y(counts, true);
+  const Axis y(counts, 1, true);
   std::string svg = y_axis(y, "replies");
   for (const double tick : x.ticks()) svg += x_tick(x.share(tick), duration_text(tick));
   svg += frame_lines() + x_title("latency (logarithmic)");

@@ -21,9 +21,9 @@ struct PlotMark {
   double x;
   std::string name;
 };
+// Over seconds.
 struct TimePlot {
   std::string title;
-  std::string x_unit;
   std::string y_unit;
   std::vector<Series> series;
   std::vector<PlotMark> marks;

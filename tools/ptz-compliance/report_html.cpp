@@ -118,12 +118,16 @@ Section HtmlReport::motions() const {
   tools::Table table = {"Orders and what became of them", tools::MotionTrace::columns(), {}};
   table.columns.insert(table.columns.begin(), {"check"});
   tools::Figures figures;
-  for (const auto &[check, outcome] : verdicts_) {
+  auto verdicts = verdicts_;
+  std::ranges::stable_partition(verdicts, [](const Verdict &each) { return each.outcome.result == Result::failed; });
+  for (const auto &[check, outcome] : verdicts) {
     const auto &motion = outcome.trace.motion();
     if (!motion.has_motion()) continue;
-    for (auto &figure : motion.plots(check->name)) figures.figures.push_back(std::move(figure));
+    const bool is_failed = outcome.result == Result::failed;
+    for (auto &figure : motion.plots(check->name + std::string(is_failed ? " (failed)" : "")))
+      figures.figures.push_back(std::move(figure));
     for (auto &row : motion.rows()) {
-      row.insert(row.begin(), Cell{check->name, outcome.result == Result::failed ? Mood::bad : Mood::plain});
+      row.insert(row.begin(), Cell{check->name, is_failed ? Mood::bad : Mood::plain});
       table.rows.push_back(std::move(row));
     }
   }
