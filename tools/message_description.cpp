@@ -228,6 +228,25 @@ std::optional<CommandDescription> MessageDescription::command(const std::string 
   return std::nullopt;
 }
 
+std::optional<CommandDescription> MessageDescription::command(gint32 number) const {
+  const gchar *const name = ptz_kit_command_name(number);
+  JsonArray *const described = array("commands");
+  for (guint i = 0; name != nullptr && i < json_array_get_length(described); ++i) {
+    const CommandDescription command(json_array_get_object_element(described, i));
+    if (g_str_equal(command.name(), name)) return command;
+  }
+  return std::nullopt;
+}
+
+const char *MessageDescription::error_name(guint32 code) const {
+  JsonArray *const errors = array("errors");
+  for (guint i = 0; i < json_array_get_length(errors); ++i) {
+    JsonObject *const error = json_array_get_object_element(errors, i);
+    if (json_object_get_int_member(error, "code") == code) return json_object_get_string_member(error, "name");
+  }
+  return nullptr;
+}
+
 FieldDescriptions MessageDescription::record(const char *name) const {
   JsonArray *const records = array("records");
   for (guint i = 0; i < json_array_get_length(records); ++i) {

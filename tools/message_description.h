@@ -61,6 +61,10 @@ class MessageDescription {
   [[nodiscard]] std::vector<CommandDescription> commands() const;
   // By its name, with underscores, hyphens or spaces, in any case.
   [[nodiscard]] std::optional<CommandDescription> command(const std::string &name) const;
+  // By the number in a body. The error reply is one, too.
+  [[nodiscard]] std::optional<CommandDescription> command(gint32 number) const;
+  // The name of an error code, such as "out_of_range"; null if the description has none.
+  [[nodiscard]] const char *error_name(guint32 code) const;
   // The fields of an element of a list; empty for a list of texts.
   [[nodiscard]] FieldDescriptions record(const char *name) const;
 };

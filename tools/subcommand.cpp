@@ -12,7 +12,6 @@
 #include <utility>
 
 #include "driver_socket.h"
-#include "json_text.h"
 
 namespace ptzctl {
 
@@ -232,48 +231,6 @@ bool Options::is_within(const char *option, gint value, gint least, gint most) c
   const bool is_it = value >= least && value <= most;
   if (!is_it) misused("%s %d is not from %d to %d", option, value, least, most);
   return is_it;
-}
-
-void JsonLine::member(const char *name, const std::string &value) const {
-  json_builder_set_member_name(builder_.get(), name);
-  element(value);
-}
-
-void JsonLine::member(const char *name, gint64 value) const {
-  json_builder_set_member_name(builder_.get(), name);
-  json_builder_add_int_value(builder_.get(), value);
-}
-
-void JsonLine::member(const char *name, double value) const {
-  json_builder_set_member_name(builder_.get(), name);
-  json_builder_add_double_value(builder_.get(), value);
-}
-
-void JsonLine::member(const char *name, JsonNode *value) const {
-  json_builder_set_member_name(builder_.get(), name);
-  json_builder_add_value(builder_.get(), value);
-}
-
-void JsonLine::begin_object(const char *name) const {
-  if (name != nullptr) json_builder_set_member_name(builder_.get(), name);
-  json_builder_begin_object(builder_.get());
-}
-
-void JsonLine::begin_array(const char *name) const {
-  json_builder_set_member_name(builder_.get(), name);
-  json_builder_begin_array(builder_.get());
-}
-
-void JsonLine::element(const std::string &value) const {
-  const tools::Text valid(g_utf8_make_valid(value.data(), static_cast<gssize>(value.size())));
-  json_builder_add_string_value(builder_.get(), valid.get());
-}
-
-void JsonLine::print() const {
-  json_builder_end_object(builder_.get());
-  const tools::Handle<JsonNode, json_node_unref> root(json_builder_get_root(builder_.get()));
-  std::printf("%s\n", json_text(root.get()).c_str());
-  std::fflush(stdout);
 }
 
 }  // namespace ptzctl

@@ -1,7 +1,6 @@
 // subcommand.h - what every subcommand of ptzctl is made with: a place in a table, options, errors and JSON.
 #pragma once
 #include <glib.h>
-#include <json-glib/json-glib.h>
 
 #include <cstdlib>
 #include <optional>
@@ -11,6 +10,7 @@
 
 #include "colours.h"
 #include "handles.h"
+#include "json_line.h"
 
 namespace ptzctl {
 
@@ -82,24 +82,6 @@ class Options {
                                              gint64 most) const;
   // Whether an option's value is one of this range; the user is told where it is not.
   [[nodiscard]] bool is_within(const char *option, gint value, gint least, gint most) const;
-};
-
-// One object, printed as one line of JSON.
-class JsonLine {
-  tools::Object<JsonBuilder> builder_{json_builder_new()};
-
- public:
-  JsonLine() { json_builder_begin_object(builder_.get()); }
-  void member(const char *name, const std::string &value) const;
-  void member(const char *name, gint64 value) const;
-  void member(const char *name, double value) const;
-  void member(const char *name, JsonNode *value) const;  // takes it
-  void begin_object(const char *name = nullptr) const;   // without a name in an array
-  void end_object() const { json_builder_end_object(builder_.get()); }
-  void begin_array(const char *name) const;
-  void end_array() const { json_builder_end_array(builder_.get()); }
-  void element(const std::string &value) const;
-  void print() const;
 };
 
 }  // namespace ptzctl
