@@ -50,7 +50,15 @@ bool parse(int argc, char **argv, Options &options) {
   GOptionContext *const context = g_option_context_new("- simulated VISCA camera");
   g_option_context_add_main_entries(context, entries, nullptr);
   g_option_context_set_description(
-      context, "It prints a line for each way that it serves, such as \"udp 52381\" or \"pty /dev/pts/3\".");
+      context,
+      "It prints a line for each way that it serves, such as \"udp 52381\" or \"pty /dev/pts/3\".\n\n"
+      "Examples:\n"
+      "  visca-sim --udp 52381\n"
+      "  visca-sim --pty /tmp/camera --cameras 2 --quirk no-ack\n\n"
+      "Exit status:\n"
+      "  0  it was asked to end\n"
+      "  1  it cannot serve\n"
+      "  2  wrong usage");
   GError *error = nullptr;
   const bool parsed = g_option_context_parse(context, &argc, &argv, &error) != FALSE;
   if (!parsed) fprintf(stderr, "visca-sim: %s\n", error->message);
