@@ -208,18 +208,19 @@ gint64 MotionTrace::end_us() const {
   return end;
 }
 
-// Between two samples, as if the axis had moved evenly.
+// Between two samples, as if the axis had moved evenly; an axis at rest stays until it is told to move.
 std::optional<double> MotionTrace::position_at(std::size_t axis, gint64 time_us) const {
   if (samples_.empty()) return std::nullopt;
-  const Sample *before = &samples_.front();
-  for (const Sample &sample : samples_) {
-    if (sample.time_us > time_us && before->time_us <= time_us) {
-      const double share = seconds(time_us - before->time_us) / seconds(sample.time_us - before->time_us);
-      return before->position[axis] + share * (sample.position[axis] - before->position[axis]);
-    }
-    if (sample.time_us <= time_us) before = &sample;
-  }
-  return before->position[axis];
+  const auto after = std::ranges::upper_bound(samples_, time_us, {}, &Sample::time_us);
+  if (after == samples_.begin()) return after->position[axis];
+  const Sample &before = *std::prev(after);
+  const auto is_told = [&](const Order &order) {
+    return order.time_us >= before.time_us && order.time_us < time_us && order.kind[axis] != Kind::none;
+  };
+  const bool is_at_rest = !before.is_moving[axis] && std::ranges::none_of(orders_, is_told);
+  if (after == samples_.end() || is_at_rest) return before.position[axis];
+  const double share = seconds(time_us - before.time_us) / seconds(after->time_us - before.time_us);
+  return before.position[axis] + share * (after->position[axis] - before.position[axis]);
 }
 
 double MotionTrace::clamped(std::size_t axis, double position) const {

@@ -15,9 +15,10 @@ constexpr double width = 440, height = 250;
 constexpr double left = 56, right = 12, top = 12, bottom = 42;
 constexpr double inner_width = width - left - right, inner_height = height - top - bottom;
 constexpr int wanted_ticks = 5;
-constexpr double least_span = 0.2;                                    // of the values, in degrees
-constexpr double longest_in_ms = 0.5;                                 // of the seconds
-constexpr double least_bar = 2;                                       // a rare latency is seen beside frequent ones
+constexpr double least_span = 0.2;     // of the values, in degrees
+constexpr double longest_in_ms = 0.5;  // of the seconds
+constexpr double least_bar = 2;        // a rare latency is seen beside frequent ones
+constexpr std::size_t most_marks = 200, most_names = 12;
 constexpr const char *dashes[] = {"none", "7 4", "2 3", "10 3 2 3"};  // series differ without colour, too
 
 struct Range {
@@ -105,13 +106,20 @@ std::string name_at(double x, double y, const char *anchor, const std::string &t
   return "<text class=\"name\"" + text_at(x, y, anchor, text).substr(5);
 }
 
-// Names stand at different heights, so that near ones do not cover each other.
-std::string mark_at(double share, const std::string &name, std::size_t number) {
-  const double x = x_at(std::clamp(share, 0.0, 1.0));
-  const bool is_right = share > 0.7;
-  return line_at("mark", x, top, x, y_at(0)) + name_at(is_right ? x - 4 : x + 4,
-                                                       top + 11 + 14 * static_cast<double>(number % 3),
-                                                       is_right ? "end" : "start", name);
+// Names stand at different heights, so that near ones do not cover each other. Many marks have no names.
+template <typename AnyAxis>
+std::string marks_of(const std::vector<PlotMark> &marks, const AnyAxis &axis) {
+  std::string lines, names;
+  for (std::size_t i = 0; i < std::min(marks.size(), most_marks); ++i) {
+    const double share = std::clamp(axis.share(marks[i].x), 0.0, 1.0), x = x_at(share);
+    lines += line_at("mark", x, top, x, y_at(0));
+    const bool is_right = share > 0.7;
+    const double y = top + 11 + 14 * static_cast<double>(i % 3);
+    if (marks.size() <= most_names) {
+      names += name_at(is_right ? x - 4 : x + 4, y, is_right ? "end" : "start", marks[i].name);
+    }
+  }
+  return lines + names;
 }
 
 // The path without points that change nothing: a head stands still for most of the time.
@@ -197,8 +205,7 @@ std::string drawing_of(const TimePlot &plot) {
       svg += "<path " + style_of(i) + " d=\"" + path + "\"/>\n";
     }
   }
-  for (std::size_t i = 0; i < plot.marks.size(); ++i) svg += mark_at(x.share(plot.marks[i].x), plot.marks[i].name, i);
-  return svg;
+  return svg + marks_of(plot.marks, x);
 }
 
 // --- histogram --------------------------------------------------------------------------------------------------
@@ -259,8 +266,7 @@ std::string drawing_of(const HistogramPlot &plot) {
   for (const HistogramBucket &bucket : plot.buckets) {
     if (bucket.count > 0) svg += bar_of(bucket, x, y);
   }
-  for (std::size_t i = 0; i < plot.marks.size(); ++i) svg += mark_at(x.share(plot.marks[i].x), plot.marks[i].name, i);
-  return svg;
+  return svg + marks_of(plot.marks, x);
 }
 
 std::string legend_of(const Figure &figure) {
@@ -283,7 +289,9 @@ std::string description_of(const TimePlot &plot) {
                              : number_text(range.least, 2) + " to " + number_text(range.most, 2) + " " + plot.y_unit +
                                    ", at last " + number_text(last, 2);
   }
-  for (const PlotMark &mark : plot.marks) text += "; " + mark.name + " at " + number_text(mark.x, 2) + " s";
+  for (std::size_t i = 0; i < std::min(plot.marks.size(), most_names); ++i) {
+    text += "; " + plot.marks[i].name + " at " + number_text(plot.marks[i].x, 2) + " s";
+  }
   return text;
 }
 

@@ -32,7 +32,7 @@ struct TextWriter {
   void operator()(const Table &table) {
     std::vector<std::size_t> widths;
     std::vector<std::vector<std::string>> rows(1);
-    for (const Column &column : table.columns) rows.front().push_back(column.title);
+    for (const Column &column : table.columns) rows.front().push_back(visible_text(column.title));
     for (const auto &row : table.rows) {
       auto &cells = rows.emplace_back();
       for (const Cell &cell : row) cells.push_back(visible_text(cell.text));
@@ -43,11 +43,11 @@ struct TextWriter {
     }
     if (!table.caption.empty()) text += visible_text(table.caption) + "\n";
     for (const auto &row : rows) {
-      std::string line = " ";
+      std::string line;
       for (std::size_t i = 0; i < row.size(); ++i) {
         const std::string padding(widths[i] - length_of(row[i]), ' ');
         const bool is_number = i < table.columns.size() && table.columns[i].is_number;
-        line += " " + (is_number ? padding + row[i] : row[i] + padding);
+        line += "  " + (is_number ? padding + row[i] : row[i] + padding);
       }
       text += line.substr(0, line.find_last_not_of(' ') + 1) + "\n";
     }
