@@ -4,6 +4,7 @@
 #include <span>
 #include <string>
 
+#include "axis_members.h"
 #include "commands.h"
 #include "driver_axes.h"
 #include "driver_commands.h"
@@ -18,7 +19,6 @@ namespace {
 using Name = tools::Handle<PTZKitGetDriverNameReply, ptz_kit_get_driver_name_reply_free>;
 using DeviceTypes = tools::Handle<PTZKitGetDeviceTypesReply, ptz_kit_get_device_types_reply_free>;
 using Capabilities = tools::Handle<PTZKitGetCapabilitiesReply, ptz_kit_get_capabilities_reply_free>;
-using Speeds = tools::Handle<PTZKitQuerySpeedReply, ptz_kit_query_speed_reply_free>;
 using Parameters = tools::Handle<PTZKitGetDriverParametersReply, ptz_kit_get_driver_parameters_reply_free>;
 
 int run_info(const std::string &words, int argc, char **argv) {
@@ -81,20 +81,19 @@ int run_limits(const std::string &words, int argc, char **argv) {
   const auto limits = driver.ask<Limits, ptz_kit_link_query_limit_ranges>();
   const auto speeds = driver.ask<Speeds, ptz_kit_link_query_speed>();
   if (limits == nullptr || speeds == nullptr) return driver.status();
+  if (options.as_json()) {
+    const JsonLine json;
+    add_axes(json, [&](std::size_t i) {
+      json.member("minimum", shown(limits->minimum[i]));
+      json.member("maximum", shown(limits->maximum[i]));
+      json.member("maximum_speed", shown(speeds->maximum[i]));
+    });
+    json.print();
+    return EXIT_SUCCESS;
+  }
   for (std::size_t i = 0; i < axis_count; ++i) {
-    const double least = shown(limits->minimum[i]), most = shown(limits->maximum[i]);
-    const double fastest = shown(speeds->maximum[i]);
-    if (options.as_json()) {
-      const JsonLine json;
-      json.member("axis", axis_names[i]);
-      json.member("minimum", least);
-      json.member("maximum", most);
-      json.member("maximum_speed", fastest);
-      json.print();
-    } else {
-      std::printf("%-5s %10.2f to %10.2f %s, at most %.2f a second\n", axis_names[i], least, most, axis_units[i],
-                  fastest);
-    }
+    std::printf("%-5s %10.2f to %10.2f %s, at most %.2f a second\n", axis_names[i], shown(limits->minimum[i]),
+                shown(limits->maximum[i]), axis_units[i], shown(speeds->maximum[i]));
   }
   return EXIT_SUCCESS;
 }

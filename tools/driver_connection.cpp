@@ -6,6 +6,9 @@
 
 #include <cerrno>
 
+#include "message_description.h"
+#include "problems.h"
+
 namespace ptzctl {
 
 namespace {
@@ -86,10 +89,18 @@ tools::Bytes DriverConnection::ask(GBytes *request) {
   return reply;
 }
 
+void DriverConnection::complain_of_refusal(const GError &error) {
+  std::string text;
+  if (explain_range_ && error.code == PTZ_KIT_ERROR_CODE_OUT_OF_RANGE) text = std::exchange(explain_range_, nullptr)();
+  if (text.empty()) text = text_of_refusal(error);
+  const auto code = static_cast<guint32>(error.code);
+  tools::print_refusal("ptzctl", code, MessageDescription().error_name(code), text);
+}
+
 void DriverConnection::complain_of(const GError &error) {
   if (error.domain == PTZ_KIT_REFUSAL) {
+    complain_of_refusal(error);
     status_ = EXIT_FAILURE;
-    complain("refused with code %u: %s", static_cast<guint>(error.code), text_of_refusal(error).c_str());
   } else if (g_error_matches(&error, PTZ_KIT_ERROR, PTZ_KIT_ERROR_TIMED_OUT)) {
     status_ = exit_nobody;
     complain("no answer from %s within %u ms", path_.c_str(), timeout_ms_);

@@ -7,9 +7,11 @@
 #include <limits>
 #include <string>
 
+#include "axis_members.h"
 #include "driver_axes.h"
 #include "driver_commands.h"
 #include "driver_connection.h"
+#include "field_values.h"
 #include "vocabulary.h"
 
 namespace ptzctl {
@@ -32,22 +34,23 @@ const char *limit_reached(const Limits &limits, std::size_t axis, gint32 positio
 
 void print_positions(DriverConnection &driver, const Positions &positions, bool as_json) {
   const auto limits = driver.ask_if_served<Limits, ptz_kit_link_query_limit_ranges>();
-  for (std::size_t i = 0; i < axis_count; ++i) {
-    const bool is_moving = positions->status[i] == PTZ_MOVE_STATUS_MOVING;
-    const char *const status = is_moving ? "moving" : "idle";
-    const char *const limit = limit_reached(limits, i, positions->position[i]);
-    if (as_json) {
-      const JsonLine json;
-      json.member("axis", axis_names[i]);
+  if (as_json) {
+    const JsonLine json;
+    add_axes(json, [&](std::size_t i) {
       json.member("position", shown(positions->position[i]));
-      json.member("status", status);
-      if (limit != nullptr) json.member("limit", limit);
-      json.print();
-    } else {
-      const std::string at_limit = limit != nullptr ? ", " + painted(Look::bad, std::string("at its ") + limit) : "";
-      std::printf("%-5s %10.2f %s, %s%s\n", axis_names[i], shown(positions->position[i]), axis_units[i],
-                  painted(is_moving ? Look::notice : Look::good, status).c_str(), at_limit.c_str());
-    }
+      json.member("status", word_of(PTZ_TYPE_MOVE_STATUS, positions->status[i]));
+      if (const char *const limit = limit_reached(limits, i, positions->position[i])) json.member("limit", limit);
+    });
+    json.print();
+    return;
+  }
+  for (std::size_t i = 0; i < axis_count; ++i) {
+    const char *const limit = limit_reached(limits, i, positions->position[i]);
+    const std::string at_limit = limit != nullptr ? ", " + painted(Look::bad, std::string("at its ") + limit) : "";
+    const Look look = positions->status[i] == PTZ_MOVE_STATUS_MOVING ? Look::notice : Look::good;
+    const std::string status = painted(look, word_of(PTZ_TYPE_MOVE_STATUS, positions->status[i]));
+    std::printf("%-5s %10.2f %s, %s%s\n", axis_names[i], shown(positions->position[i]), axis_units[i], status.c_str(),
+                at_limit.c_str());
   }
 }
 
@@ -57,8 +60,7 @@ bool is_idle(const Positions &positions) {
 
 // Sends a request whose reply has no fields. With `wait` shows where the head is once it is idle.
 template <auto function, typename... Request>
-int obey(const Options &options, bool wait, const Request *...request) {
-  DriverConnection driver(options);
+int obey(DriverConnection &driver, const Options &options, bool wait, const Request *...request) {
   const bool is_obeyed = driver.is_obeyed<function>(request...);
   if (is_obeyed && !wait && options.as_json()) JsonLine().print();
   while (is_obeyed && wait) {
@@ -71,6 +73,12 @@ int obey(const Options &options, bool wait, const Request *...request) {
     g_usleep(watch_interval_us);
   }
   return driver.status();
+}
+
+template <auto function, typename... Request>
+int obey(const Options &options, bool wait, const Request *...request) {
+  DriverConnection driver(options);
+  return obey<function>(driver, options, wait, request...);
 }
 
 // "up-left" is one word of a command line.
@@ -96,6 +104,27 @@ bool set_axis(PTZKitMoveRequest &move, std::size_t axis, double value) {
   move.value[axis] = static_cast<gint32>(hundredths);
   move.axes |= static_cast<guint8>(1U << axis);
   return true;
+}
+
+// Drivers tell what is wrong in hundredths. The user gave degrees and magnifications.
+std::string beyond_limit(DriverConnection &driver, const PTZKitMoveRequest &move,
+                         const std::array<double, axis_count> &values) {
+  const bool is_speed = move.kind == PTZ_MOVE_CONTINUOUS;
+  const auto limits = driver.ask_if_served<Limits, ptz_kit_link_query_limit_ranges>();
+  const auto speeds = driver.ask_if_served<Speeds, ptz_kit_link_query_speed>();
+  if (limits == nullptr || speeds == nullptr) return "";
+  for (std::size_t axis = 0; axis < axis_count; ++axis) {
+    const gint32 least = is_speed ? -speeds->maximum[axis] : limits->minimum[axis];
+    const gint32 most = is_speed ? speeds->maximum[axis] : limits->maximum[axis];
+    const bool is_beyond = least < most && (move.value[axis] < least || move.value[axis] > most);
+    if ((move.axes >> axis & 1) == 0 || !is_beyond) continue;
+    const double limit = shown(move.value[axis] < least ? least : most);
+    const char *const unit = axis_units[axis], *const after = is_speed ? " a second" : "";
+    const tools::Text text(g_strdup_printf("%s: %.10g %s%s is beyond the limit %.10g %s%s", axis_names[axis],
+                                           values[axis], unit, after, limit, unit, after));
+    return text.get();
+  }
+  return "";
 }
 
 void print_preset(guint32 number, const std::string &name, bool as_json) {
@@ -195,10 +224,12 @@ int run_driver_move(const std::string &words, int argc, char **argv) {
   }
   PTZKitMoveRequest move = {static_cast<guint32>(*move_kind), 0, static_cast<guint16>(speed), {}};
   for (std::size_t i = 0; i < axis_count; ++i) {
-    if (!set_axis(move, i, values[i])) return options.misused("no head goes as far as %g", values[i]);
+    if (!set_axis(move, i, values[i])) return options.misused("no head goes as far as %.10g", values[i]);
   }
   if (move.axes == 0) return options.misused("%s takes --pan, --tilt or --zoom", kind.c_str());
-  return obey<ptz_kit_link_move>(options, wait != FALSE, &move);
+  DriverConnection driver(options);
+  if (*move_kind != PTZ_MOVE_RELATIVE) driver.explain_range([&] { return beyond_limit(driver, move, values); });
+  return obey<ptz_kit_link_move>(driver, options, wait != FALSE, &move);
 }
 
 int run_driver_stop(const std::string &words, int argc, char **argv) {

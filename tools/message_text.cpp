@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "driver_axes.h"
+#include "field_values.h"
 #include "vocabulary.h"
 
 namespace ptzctl {
@@ -118,46 +119,6 @@ std::string fields_text(GVariant *dictionary, const FieldDescriptions &fields, c
   return text;
 }
 
-void add_fields(const JsonLine &json, GVariant *dictionary, const FieldDescriptions &fields,
-                const MessageDescription &description);
-
-void add_list(const JsonLine &json, const FieldDescription &field, GVariant *list,
-              const MessageDescription &description) {
-  const FieldDescriptions record = description.record(field.element_type());
-  json.begin_array(field.name());
-  for (gsize i = 0; i < g_variant_n_children(list); ++i) {
-    const tools::Variant element(g_variant_get_child_value(list, i));
-    if (record.empty()) {
-      json.element(g_variant_get_string(element.get(), nullptr));
-    } else {
-      json.begin_object();
-      add_fields(json, element.get(), record, description);
-      json.end_object();
-    }
-  }
-  json.end_array();
-}
-
-void add_fields(const JsonLine &json, GVariant *dictionary, const FieldDescriptions &fields,
-                const MessageDescription &description) {
-  for (const FieldDescription &field : fields) {
-    const tools::Variant value = value_of_field(dictionary, field);
-    if (field.is_list()) {
-      add_list(json, field, value.get(), description);
-    } else if (field.is_text()) {
-      json.member(field.name(), std::string(g_variant_get_string(value.get(), nullptr)));
-    } else if (!field.is_per_axis()) {
-      json.member(field.name(), number_of(value.get()));
-    } else {
-      json.begin_object(field.name());
-      for (std::size_t axis = 0; axis < axis_count; ++axis) {
-        json.member(axis_names[axis], gint64{axis_value(value.get(), axis)});
-      }
-      json.end_object();
-    }
-  }
-}
-
 }  // namespace
 
 std::string text_of(GVariant *reply, const FieldDescriptions &fields, const MessageDescription &description) {
@@ -165,16 +126,10 @@ std::string text_of(GVariant *reply, const FieldDescriptions &fields, const Mess
 }
 
 void print_as_json(GVariant *reply, const CommandDescription &command, const MessageDescription &description) {
-  const FieldDescriptions fields = command.reply();
   const JsonLine json;
-  json.member("command", std::string(command.name()));
+  json.member("command", command.name());
   json.begin_object("fields");
-  add_fields(json, reply, fields, description);
-  json.end_object();
-  json.begin_object("units");
-  for (const FieldDescription &field : fields) {
-    if (field.unit() != nullptr) json.member(field.name(), std::string(field.unit()));
-  }
+  add_fields(json, reply, command.reply(), description, Hidden::none);
   json.end_object();
   json.print();
 }

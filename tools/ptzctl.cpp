@@ -3,11 +3,17 @@
 #include <cstdio>
 
 #include "commands.h"
+#include "problems.h"
 
 int main(int argc, char **argv) {
   using namespace ptzctl;
   setlocale(LC_ALL, "");
   setlocale(LC_NUMERIC, "C");  // what one engineer sees another can use
+  if (tools::asks_for_json(argc, argv)) tools::print_problems_as_json();
+  if (argc > 1 && g_str_equal(argv[1], "--version")) {
+    std::printf("ptzctl %s\n", TOOLS_VERSION);
+    return EXIT_SUCCESS;
+  }
   static constexpr Subcommand subcommands[] = {
       {"config", "configuration that services have on the system bus", run_config},
       {"counter", "what the drivers have counted", run_counter},
@@ -24,15 +30,17 @@ int main(int argc, char **argv) {
       {"top", "drivers and their clients, live", run_top},
   };
   static constexpr char rest[] =
-      "All take --json and --color=WHEN, those that wait for an answer --timeout=MS, those that ask a driver\n"
-      "--socket=PATH. What is not taken is refused. Colours are for a terminal; where NO_COLOR is set, and in JSON,\n"
-      "there are none.\n"
+      "Every subcommand takes --json and --color=WHEN. Subcommands that wait for an answer take --timeout=MS, and "
+      "those\n"
+      "that ask a driver take --driver=NAME or --socket=PATH. Other options are an error. Colours are used on a "
+      "terminal\n"
+      "only, and not if NO_COLOR is set. With --json, errors are objects, too. --version prints the version.\n"
       "\n"
       "Exit status:\n"
-      "  0  it is done\n"
-      "  1  it was refused, or has failed\n"
-      "  2  the command line makes no sense\n"
-      "  3  nobody is there to answer, or not in time: no driver, no service, nothing published\n"
+      "  0  success\n"
+      "  1  the driver or the service refused the request, or an error occurred\n"
+      "  2  wrong usage\n"
+      "  3  no answer, or not in time: there is no driver or no service, or nothing is published\n"
       "\n"
       "Example: ptzctl driver info --socket /run/ptz/driver.socket";
   const int status = run_one_of(subcommands, rest, "ptzctl", argc, argv);

@@ -27,6 +27,7 @@ StatusScreen::StatusScreen() {
   use_default_colors();
   init_pair(number_of(Look::notice), COLOR_YELLOW, -1);
   init_pair(number_of(Look::good), COLOR_GREEN, -1);
+  init_pair(number_of(Look::bad), COLOR_RED, -1);
 }
 
 StatusScreen::~StatusScreen() { endwin(); }

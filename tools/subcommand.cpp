@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "driver_socket.h"
+#include "problems.h"
 
 namespace ptzctl {
 
@@ -80,7 +81,7 @@ void complain(const char *format, ...) {
   va_start(arguments, format);
   const tools::Text text(g_strdup_vprintf(format, arguments));
   va_end(arguments);
-  g_printerr("ptzctl: %s\n", text.get());
+  tools::print_problem("ptzctl", text.get());
 }
 
 std::string did_you_mean(const std::string &given, const Words &words) {
@@ -134,6 +135,7 @@ std::optional<Words> Options::parse_options(std::vector<char *> arguments) {
     misused("%s", error->message);
     return std::nullopt;
   }
+  if (as_json_ != FALSE) tools::print_problems_as_json();
   for (int i = 1; i < count; ++i) {
     char *end = nullptr;
     g_ascii_strtod(left[i], &end);

@@ -32,7 +32,7 @@ struct Subcommand {
 int run_one_of(std::span<const Subcommand> subcommands, const char *rest, const std::string &words, int argc,
                char **argv);
 
-// Tells the user, on standard error, what went wrong.
+// Tells the user, on standard error, what went wrong: in text, or in JSON with --json.
 void complain(const char *format, ...) G_GNUC_PRINTF(1, 2);
 // " (did you mean 'show'?)" where one of the words is nearly the one that was given.
 [[nodiscard]] std::string did_you_mean(const std::string &given, const Words &words);

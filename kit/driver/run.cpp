@@ -24,6 +24,7 @@ struct Options {
   gint instance = not_given;
   gboolean check_settings = FALSE;
   gboolean verbose = FALSE;
+  gboolean version = FALSE;
 
   Options() = default;
   Options(const Options &) = delete;
@@ -47,6 +48,8 @@ bool parse(const DriverCore &core, gint argc, gchar **argv, Options &options, Er
       {"check-settings", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, &options.check_settings,
        "Read the settings, tell what is wrong with them, and end", nullptr},
       {"verbose", 'v', G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, &options.verbose, "Log every request", nullptr},
+      {"version", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, &options.version, "Print the version of the kit, and end",
+       nullptr},
       {}};
   const OptionContext context(g_option_context_new("- driver of a pan-tilt-zoom head"));
   g_option_context_add_main_entries(context.get(), entries, nullptr);
@@ -140,6 +143,10 @@ gint ptz_kit_driver_run(PTZKitDriver *self, gint argc, gchar **argv) {
   Options options;
   Error error;
   bool good = parse(core, argc, argv, options, error);
+  if (good && options.version != FALSE) {
+    g_print("%s (ptznimbo-kit %s)\n", core.name.c_str(), PTZ_KIT_VERSION);
+    return EXIT_SUCCESS;
+  }
   if (good) apply(options, core.object);
   if (good && options.check_settings == FALSE && core.socket_path.empty()) {
     error.reset(g_error_new_literal(G_OPTION_ERROR, G_OPTION_ERROR_BAD_VALUE, "--socket PATH is missing"));

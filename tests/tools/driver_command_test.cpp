@@ -39,7 +39,8 @@ TEST_F(DriverCommand, ShowsTheCapabilitiesByTheirNames) {
 
 TEST_F(DriverCommand, ShowsTheLimitsInDegrees) {
   EXPECT_TRUE(has(ask({"limits"}), "pan      -170.00 to     170.00 degrees, at most "));
-  EXPECT_TRUE(has(ask({"limits", "--json"}), "{\"axis\":\"zoom\",\"minimum\":1.0,\"maximum\":30.0"));
+  EXPECT_TRUE(has(ask({"limits", "--json"}),
+                  "{\"axes\":{\"pan\":{\"minimum\":-170.0,\"maximum\":170.0,\"maximum_speed\":2400.0},\"tilt\":"));
 }
 
 TEST_F(DriverCommand, MovesAndWaitsUntilTheHeadIsThere) {
@@ -55,16 +56,16 @@ TEST_F(DriverCommand, TellsTheLimitThatAnAxisIsAt) {
             "pan       170.00 degrees, idle, at its maximum\ntilt        0.00 degrees, idle\n"
             "zoom        1.00 times, idle, at its minimum\n");
   EXPECT_EQ(ask({"position", "--json"}).text,
-            "{\"axis\":\"pan\",\"position\":170.0,\"status\":\"idle\",\"limit\":\"maximum\"}\n"
-            "{\"axis\":\"tilt\",\"position\":0.0,\"status\":\"idle\"}\n"
-            "{\"axis\":\"zoom\",\"position\":1.0,\"status\":\"idle\",\"limit\":\"minimum\"}\n");
+            "{\"axes\":{\"pan\":{\"position\":170.0,\"status\":\"idle\",\"limit\":\"maximum\"},"
+            "\"tilt\":{\"position\":0.0,\"status\":\"idle\"},"
+            "\"zoom\":{\"position\":1.0,\"status\":\"idle\",\"limit\":\"minimum\"}}}\n");
   EXPECT_TRUE(has(ask({"position", "--color=always"}), "\x1b[32midle\x1b[0m, \x1b[31mat its maximum\x1b[0m\n"));
 }
 
 TEST_F(DriverCommand, InJsonTheHundredthsAreAsTheyWereGiven) {
   EXPECT_TRUE(has(ask({"move", "absolute", "--pan", "4.98", "--tilt", "-0.07", "--wait", "--json"}),
-                  "{\"axis\":\"pan\",\"position\":4.98,\"status\":\"idle\"}\n"
-                  "{\"axis\":\"tilt\",\"position\":-0.07,"));
+                  "{\"axes\":{\"pan\":{\"position\":4.98,\"status\":\"idle\"},"
+                  "\"tilt\":{\"position\":-0.07,"));
 }
 
 TEST_F(DriverCommand, InJsonWhateverIsDonePrintsAnObject) {
@@ -138,11 +139,11 @@ TEST_F(DriverCommand, SendOfANamedCommandTakesItsFieldsByTheirNames) {
 
 TEST_F(DriverCommand, SendOfANamedCommandPrintsTheFieldsAsJson) {
   EXPECT_EQ(ask({"send", "query_position", "--json"}).text,
-            "{\"command\":\"query_position\",\"fields\":{\"position\":{\"pan\":0,\"tilt\":0,\"zoom\":100},\"status\":"
-            "{\"pan\":0,\"tilt\":0,\"zoom\":0}},\"units\":{\"position\":\"axis\"}}\n");
+            "{\"command\":\"query_position\",\"fields\":{\"axes\":{\"pan\":{\"position\":0.0,\"status\":\"idle\"},"
+            "\"tilt\":{\"position\":0.0,\"status\":\"idle\"},\"zoom\":{\"position\":1.0,\"status\":\"idle\"}}}}\n");
   EXPECT_EQ(ask({"send", "get_device_types", "--json"}).text,
-            "{\"command\":\"get_device_types\",\"fields\":{\"types\":[\"Simulated head\"]},\"units\":{}}\n");
-  EXPECT_EQ(ask({"send", "stop", "--json"}).text, "{\"command\":\"stop\",\"fields\":{},\"units\":{}}\n");
+            "{\"command\":\"get_device_types\",\"fields\":{\"types\":[\"Simulated head\"]}}\n");
+  EXPECT_EQ(ask({"send", "stop", "--json"}).text, "{\"command\":\"stop\",\"fields\":{}}\n");
 }
 
 TEST_F(Ptzctl, SendListsTheCommandsAndTheFieldsOfOne) {

@@ -70,9 +70,10 @@ TEST_F(Ptzctl, StatusShowPrintsAGroup) {
   const auto various = run({"status", "show", "various", "7", "--json"});
   EXPECT_EQ(various.status, 0);
   EXPECT_EQ(various.text,
-            "{\"group\":\"PTZ_VARIOUS_IS7\",\"values\":{\"PAN_FLIPPED\":0,\"TILT_FLIPPED\":0,\"CAM_FLIPPED\":0,"
+            "{\"group\":\"PTZ_VARIOUS_IS7\",\"instance\":7,\"values\":{\"PAN_FLIPPED\":0,\"TILT_FLIPPED\":0,\"CAM_"
+            "FLIPPED\":0,"
             "\"AUTO_FLIPPING\":0,\"PT_PRESET_MOVE\":0,\"AUTO_FOCUS\":0,\"AUTO_IRIS\":0,\"BACKLIGHT\":0,"
-            "\"IR_CUT_FILTER\":0}}\n")
+            "\"IR_CUT_FILTER\":0},\"publishers\":[]}\n")
       << "without the overview mode, which was not published";
 }
 
@@ -137,14 +138,15 @@ TEST_F(Ptzctl, StatusWatchPrintsLinesWhereTheOutputIsNoTerminal) {
   EXPECT_EQ(plain.status, 0);
   const std::string line =
       "pan    -12\\.50 moving   tilt      0\\.00 unknown  zoom      2\\.00 idle     rate 25/s  age "
-      "[0-9]+ ms\n";
+      "[0-9]+ ms(  stale)?\n";
   EXPECT_TRUE(std::regex_match(plain.text, std::regex(line + line))) << plain.text;
   const auto json = run({"status", "watch", "3", "--count=1", "--json"});
-  EXPECT_TRUE(
-      std::regex_match(json.text, std::regex("\\{\"pan\":\\{\"position\":-12\\.5,\"status\":\"moving\"\\},\"tilt\":"
-                                             "\\{\"position\":0\\.0,\"status\":\"unknown\"\\},\"zoom\":\\{"
-                                             "\"position\":2\\.0,\"status\":\"idle\"\\},\"update_rate\":25,"
-                                             "\"age_ms\":[0-9]+\\}\n")))
+  EXPECT_TRUE(std::regex_match(
+      json.text,
+      std::regex("\\{\"instance\":3,\"axes\":\\{\"pan\":\\{\"position\":-12\\.5,\"status\":\"moving\"\\},\"tilt\":"
+                 "\\{\"position\":0\\.0,\"status\":\"unknown\"\\},\"zoom\":\\{"
+                 "\"position\":2\\.0,\"status\":\"idle\"\\}\\},\"update_rate\":25,"
+                 "\"age_ms\":[0-9]+,\"stale\":(true|false),\"publishers\":\\[\\]\\}\n")))
       << json.text;
 }
 

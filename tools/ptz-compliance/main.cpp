@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "problems.h"
 #include "requests.h"
 #include "settings.h"
 
@@ -77,8 +78,8 @@ std::string replaced(std::string word, const std::string &path) {
 
 int run_all(Subject &subject, const Settings &settings) {
   if (const auto reason = subject.start()) {
-    g_printerr("ptz-compliance: %s%s\n", reason->c_str(),
-               !subject.was_started() || !settings.log.empty() ? "" : "; --log FILE keeps what it prints");
+    const bool is_kept = !subject.was_started() || !settings.log.empty();
+    tools::print_problem("ptz-compliance", *reason + (is_kept ? "" : "; --log FILE keeps what it prints"));
     return exit_usage;
   }
   bool failed = false;

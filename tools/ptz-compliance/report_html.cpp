@@ -69,7 +69,7 @@ Section HtmlReport::summary() const {
   add("command", command_);
   add("ended", local_time());
   add("took", tools::number_text(static_cast<double>(g_get_monotonic_time() - start_us_) / G_USEC_PER_SEC, 1) + " s");
-  add("tool", std::string("ptz-compliance ") + REPORT_VERSION);
+  add("tool", std::string("ptz-compliance ") + TOOLS_VERSION);
   add("machine", g_get_host_name());
   section.blocks.emplace_back(facts);
   return section;

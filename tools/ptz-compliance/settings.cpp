@@ -2,11 +2,14 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <string_view>
 
 #include "colours.h"
 #include "driver_socket.h"
 #include "output_file.h"
+#include "problems.h"
 
 namespace compliance {
 
@@ -39,7 +42,7 @@ constexpr char description[] =
 class CommandLine {
   char *socket_ = nullptr, *driver_ = nullptr, *log_ = nullptr, *html_ = nullptr, *colours_ = nullptr;
   char **only_ = nullptr, **skip_ = nullptr;
-  gboolean list_ = FALSE, tap_ = FALSE, json_ = FALSE;
+  gboolean list_ = FALSE, tap_ = FALSE, json_ = FALSE, version_ = FALSE;
   double timeout_s_ = 2, motion_timeout_s_ = 20, start_timeout_s_ = 10;
   gint instance_ = 0;
   std::vector<std::string> command_;
@@ -53,6 +56,7 @@ class CommandLine {
   CommandLine(const CommandLine &) = delete;
   ~CommandLine();
 
+  [[nodiscard]] bool asks_for_version() const { return version_ != FALSE; }
   // The problem, or null.
   [[nodiscard]] tools::Error parse(int argc, char **argv);
   [[nodiscard]] const char *problem() const;
@@ -94,6 +98,7 @@ std::vector<GOptionEntry> CommandLine::entries() {
           entry("json", 0, G_OPTION_ARG_NONE, &json_, "Print JSON", nullptr),
           entry("html", 0, G_OPTION_ARG_FILENAME, &html_,
                 "Write a page with the verdicts, the motions and the latencies, too; replaces the file", "FILE"),
+          entry("version", 0, G_OPTION_ARG_NONE, &version_, "Print the version, and end", nullptr),
           entry("color", 0, G_OPTION_ARG_STRING, &colours_,
                 "Colours: always, never, or auto, on a terminal where NO_COLOR is not set", "WHEN"),
           {}};
@@ -171,7 +176,7 @@ bool use_driver(Settings &settings, const char *name) {
   std::string problem;
   const tools::RegistryEntry entry = tools::driver_named(name, problem);
   if (entry == nullptr) {
-    g_printerr("ptz-compliance: %s\n", problem.c_str());
+    tools::print_problem("ptz-compliance", problem);
     return false;
   }
   settings.socket = entry->socket_path;
@@ -181,11 +186,18 @@ bool use_driver(Settings &settings, const char *name) {
 
 }  // namespace
 
-void complain_of_usage(const char *problem) { g_printerr("ptz-compliance: %s; see --help\n", problem); }
+void complain_of_usage(const char *problem) {
+  tools::print_problem("ptz-compliance", std::string(problem) + "; see --help");
+}
 
 std::optional<Settings> settings_from(int argc, char **argv) {
+  if (tools::asks_for_json(argc, argv)) tools::print_problems_as_json();
   CommandLine line;
   const tools::Error error = line.parse(argc, argv);
+  if (error == nullptr && line.asks_for_version()) {
+    std::printf("ptz-compliance %s\n", TOOLS_VERSION);
+    std::exit(EXIT_SUCCESS);
+  }
   const char *const problem = error != nullptr ? error->message : line.problem();
   if (problem != nullptr) {
     complain_of_usage(problem);

@@ -18,7 +18,7 @@ struct Options {
   int udp = -1, udp_raw = -1, tcp = -1, cameras = 1, loss = 0, duplicate = 0, reorder = 0, power_on_ms = 1000,
       ack_delay_ms = 0;
   double speed_factor = 1;
-  gboolean standby = FALSE, list_quirks = FALSE;
+  gboolean standby = FALSE, list_quirks = FALSE, version = FALSE;
 
   Options() = default;
   Options(const Options &) = delete;
@@ -45,6 +45,7 @@ bool parse(int argc, char **argv, Options &options) {
       {"loss", 0, 0, G_OPTION_ARG_INT, &options.loss, "Lose this share of the datagrams, each way", "PERCENT"},
       {"duplicate", 0, 0, G_OPTION_ARG_INT, &options.duplicate, "Double this share of the datagrams", "PERCENT"},
       {"reorder", 0, 0, G_OPTION_ARG_INT, &options.reorder, "Delay this share of the sent datagrams", "PERCENT"},
+      {"version", 0, 0, G_OPTION_ARG_NONE, &options.version, "Print the version, and end", nullptr},
       {"log", 0, 0, G_OPTION_ARG_FILENAME, &options.log, "Append every packet to this file", "FILE"},
       {}};
   GOptionContext *const context = g_option_context_new("- simulated VISCA camera");
@@ -111,6 +112,10 @@ gboolean quit(gpointer loop) {
 int main(int argc, char **argv) {
   Options options;
   if (!parse(argc, argv, options)) return 2;
+  if (options.version != FALSE) {
+    printf("visca-sim %s\n", TOOLS_VERSION);
+    return 0;
+  }
   if (options.list_quirks != FALSE) {
     fputs(visca_sim::Quirks::list().c_str(), stdout);
     return 0;
