@@ -15,24 +15,12 @@ namespace {
 
 constexpr guint ms_per_second = 1000;
 
-Request request_from(gpointer reply_context, std::span<const guint8> body, guint32 serial) {
-  Request request = {PTZ_COMMAND_ERROR_REPLY, reply_context, 0, -1, serial};
-  ptz_kit_body_get_command(body.data(), body.size(), &request.command);
-  // Asked now: by the time of a late reply, another client may have the descriptor's number.
-  const auto *context = static_cast<const PTZSocketServerCommandReplyContext *>(reply_context);
-  ucred peer{};
-  socklen_t size = sizeof peer;
-  if (getsockopt(context->fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0) {
-    request.pid = peer.pid;
-    request.uid = peer.uid;
-  }
-  return request;
-}
-
 bool is_refusal(std::span<const guint8> body) {
   gint32 command = 0;
   return ptz_kit_body_get_command(body.data(), body.size(), &command) != FALSE && command == PTZ_COMMAND_ERROR_REPLY;
 }
+
+gsize frame_length_of(std::span<const guint8> body) { return PTZ_SOCKET_FRAME_HEADER_SIZE + body.size(); }
 
 }  // namespace
 
@@ -40,11 +28,13 @@ bool is_refusal(std::span<const guint8> body) {
 bool DriverCore::claim(GError **error) {
   if (socket_path.empty()) return true;  // no client can find the driver
   const Text program(g_file_read_link("/proc/self/exe", nullptr));
-  std::string path = resolve_socket_path(socket_path);
-  char none[] = "";
+  program_ = program ? program.get() : "";
+  resolved_path_ = resolve_socket_path(socket_path);
+  started_ns_ = monotonic_ns();
+  accounting_.reset();
   const PTZKitRegistryEntry facts = {name.data(),
-                                     path.data(),
-                                     program ? program.get() : none,
+                                     resolved_path_.data(),
+                                     program_.data(),
                                      getpid(),
                                      getuid(),
                                      instance,
@@ -52,7 +42,7 @@ bool DriverCore::claim(GError **error) {
                                      g_get_real_time(),
                                      PTZ_KIT_DRIVER_LIVE};
   if (!registration_.claim(facts, error)) return false;
-  if (is_path_free(path, error)) return true;
+  if (is_path_free(resolved_path_, error)) return true;
   registration_.withdraw();
   return false;
 }
@@ -116,12 +106,61 @@ void DriverCore::stop_serving() {
   status_.reset();
 }
 
+// The client is asked for now: by the time of a late reply, another one may have the descriptor's number.
+Request DriverCore::request_from(gpointer reply_context, std::span<const guint8> body) {
+  Request request = {PTZ_COMMAND_ERROR_REPLY, reply_context, 0, -1, status_ ? status_->request_begins() : 0};
+  ptz_kit_body_get_command(body.data(), body.size(), &request.command);
+  const auto &context = *static_cast<const PTZSocketServerCommandReplyContext *>(reply_context);
+  if (!Accounting::enabled) {
+    ucred peer{};
+    socklen_t size = sizeof peer;
+    if (getsockopt(context.fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return request;
+    request.pid = peer.pid;
+    request.uid = peer.uid;
+    return request;
+  }
+  request.arrived_ns = monotonic_ns();
+  request.client = accounting_.client_at(context.fd, request.arrived_ns);
+  if (request.client == nullptr) return request;
+  const Identity &peer = *request.client->identity;
+  request.pid = peer.pid;
+  if (peer.uid != G_MAXUINT32) request.uid = peer.uid;
+  accounting_.request_arrived(*request.client, request.command, frame_length_of(body), request.arrived_ns);
+  monitor_.frame_came(
+      {.time_ns = request.arrived_ns, .client = request.client->identity.get(), .message_id = context.message_id},
+      body);
+  monitor_.request_came(request.arrived_ns);
+  return request;
+}
+
+void DriverCore::count_reply(const Request &request, guint32 message_id, std::span<const guint8> body, gint64 now_ns,
+                             bool sent) {
+  const gint64 latency_ns = now_ns - request.arrived_ns;
+  monitor_.frame_came({.time_ns = now_ns,
+                       .latency_ns = latency_ns,
+                       .client = request.client->identity.get(),
+                       .message_id = message_id,
+                       .is_reply = true,
+                       .is_unsent = !sent},
+                      body);
+  accounting_.request_answered(*request.client,
+                               {frame_length_of(body), latency_ns, is_refusal(body), pending_.expires(), sent});
+}
+
+MonitoredDriver::Facts DriverCore::facts() const { return {name, program_, resolved_path_, instance, started_ns_}; }
+
+void DriverCore::look_at_clients() {
+  const gint64 now_ns = monotonic_ns();
+  accounting_.begin_look();
+  listener_.for_each_client([&](int fd) { static_cast<void>(accounting_.client_at(fd, now_ns)); });
+  accounting_.end_look();
+}
+
 gboolean DriverCore::on_request(gpointer core, gpointer reply_context, gpointer data, guint32 length) {
   auto &self = *static_cast<DriverCore *>(core);
   const Object<PTZKitDriver> alive(static_cast<PTZKitDriver *>(g_object_ref(self.object)));
   const std::span body(static_cast<const guint8 *>(data), length);
-  const guint32 serial = self.status_ ? self.status_->request_begins() : 0;
-  const Request request = request_from(reply_context, body, serial);
+  const Request request = self.request_from(reply_context, body);
   // Until the reply is sent: a server that has lost its path goes when it has no client.
   g_object_ref(static_cast<const PTZSocketServerCommandReplyContext *>(reply_context)->server);
   const Object<PTZKitReply> reply(make_reply(self, request));
@@ -167,7 +206,10 @@ void DriverCore::deliver(PTZKitReply *reply, std::span<const guint8> body) {
   if (status_) status_->reply_begins();
   const auto *context = static_cast<const PTZSocketServerCommandReplyContext *>(request.context);
   const Object<PTZSocketServer> server(context != nullptr ? context->server : nullptr);
-  sender_.send(request.context, request.pid, body);
+  const gint64 now_ns = request.client != nullptr ? monotonic_ns() : 0;
+  const guint32 message_id = context != nullptr ? context->message_id : 0;
+  const bool sent = sender_.send(request.context, request.pid, body);
+  if (request.client != nullptr) count_reply(request, message_id, body, now_ns, sent);
   if (!status_) return;
   status_->request_ends(request.serial);
   if (!serving_) return;

@@ -15,6 +15,7 @@
 
 #include "driver/axes.h"
 #include "driver/listener.h"
+#include "driver/monitor_server.h"
 #include "driver/pending_replies.h"
 #include "driver/preset_store.h"
 #include "driver/published_status.h"
@@ -34,11 +35,15 @@ struct Capabilities {
   guint32 extra = 0;
 };
 
-class DriverCore final : public ReplyTarget {
+class DriverCore final : public ReplyTarget, public MonitoredDriver {
+  Accounting accounting_;
+  MonitorServer monitor_{*this};
+  gint64 started_ns_ = 0;
+  std::string program_, resolved_path_;
   PendingReplies pending_;
   ReplySender sender_;
   Registration registration_;
-  Listener listener_{registration_, on_request, this};
+  Listener listener_{registration_, monitor_, on_request, this};
   std::unique_ptr<PublishedStatus> status_;
   Timer publish_timer_;
   gint32 publish_rate_ = 0;
@@ -53,6 +58,8 @@ class DriverCore final : public ReplyTarget {
   void follow_orders(gint32 command, bool refused);
   void set_publish_rate();
   bool claim(GError **error);
+  [[nodiscard]] Request request_from(gpointer reply_context, std::span<const guint8> body);
+  void count_reply(const Request &request, guint32 message_id, std::span<const guint8> body, gint64 now_ns, bool sent);
 
  public:
   explicit DriverCore(PTZKitDriver *driver) : object(driver) {}
@@ -94,6 +101,11 @@ class DriverCore final : public ReplyTarget {
   bool change_preset(guint32 number, const StoredPreset *preset);
 
   void deliver(PTZKitReply *reply, std::span<const guint8> body) override;
+
+  [[nodiscard]] FrameHistory &history() { return monitor_.history(); }
+  [[nodiscard]] Facts facts() const override;
+  void look_at_clients() override;
+  [[nodiscard]] const Accounting &accounting() const override { return accounting_; }
 };
 
 // dispatch.cpp: answers the request, or hands it to the driver's virtual function.

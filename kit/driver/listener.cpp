@@ -79,6 +79,7 @@ void Listener::stop() {
   if (is_started() && owner_ == getpid() && file_.inode != 0 && socket_at(path_.c_str()) == file_) {
     unlink(path_.c_str());
   }
+  monitor_.stop();
   servers_.clear();
 }
 
@@ -92,6 +93,7 @@ bool Listener::listen() {
   listening_since_us_ = g_get_monotonic_time();
   drop_idle_servers();
   registration_.publish(file_);
+  monitor_.listen(path_);
   return true;
 }
 
@@ -137,6 +139,8 @@ void Listener::watch_files() {
   constexpr guint32 events_of_file = IN_ATTRIB | IN_MOVE_SELF | IN_DONT_FOLLOW;
   file_watch_ = watch(path_.c_str(), events_of_file);
   watch_folders_of(path_);
+  if (monitor_watch_ >= 0) inotify_rm_watch(watch_.get(), monitor_watch_);
+  monitor_watch_ = inotify_add_watch(watch_.get(), monitor_.path().c_str(), events_of_file);
   if (registration_.path().empty()) return;
   watch(registration_.path().c_str(), events_of_file);
   watch_folders_of(registration_.path());
@@ -181,7 +185,18 @@ void Listener::check() {
   lost_ = false;
   failures_ = 0;
   timer_.stop();
+  check_monitor();
   if (polls_) check_in(without_watch_ms);
+}
+
+// A program that removes the file all the time does not stop the driver.
+void Listener::check_monitor() {
+  if (!monitor_.is_lost()) return;
+  const gint64 now_us = g_get_monotonic_time();
+  if (now_us - monitor_made_us_ < retry_ms * 1000) return check_in(retry_ms);
+  monitor_made_us_ = now_us;
+  monitor_.listen(path_);
+  watch_files();
 }
 
 void Listener::recover() {

@@ -50,7 +50,9 @@ void PendingReplies::expire_due(gint64 now_us) {
     const char *label = ptz_kit_command_name(request_of(at(due, i)).command);
     syslog(LOG_ERR, "the request \"%s\" failed: its deferred reply was not given in time",
            label != nullptr ? label : "unknown");
+    expires_ = true;
     expire(at(due, i), "the driver has not answered in time");
+    expires_ = false;
   }
 }
 

@@ -12,6 +12,7 @@ class PendingReplies {
   PointerArray replies_{g_ptr_array_new()};  // of PTZKitReply, the oldest first
   Timer timer_;                              // runs while a reply has a deadline
   gint64 timer_due_us_ = 0;
+  bool expires_ = false;
 
   static gboolean on_deadline(gpointer pending);
   void expire_due(gint64 now_us);
@@ -22,6 +23,8 @@ class PendingReplies {
   void remove(PTZKitReply *reply) { g_ptr_array_remove(replies_.get(), reply); }
   void set_deadline(PTZKitReply *reply, guint deadline_ms);
   void expire_all();
+  // A reply is being answered because of its deadline.
+  [[nodiscard]] bool expires() const { return expires_; }
 };
 
 }  // namespace ptz_kit

@@ -24,9 +24,12 @@ enum Property : guint {
   keep_presets,
   verbose,
   reply_deadline,
+  monitor_history,
   count
 };
 GParamSpec *properties[Property::count];
+
+constexpr guint max_history_bytes = 16 * 1024 * 1024;
 
 }  // namespace
 
@@ -99,13 +102,16 @@ static void ptz_kit_driver_set_property(GObject *object, guint id, const GValue 
     case Property::reply_deadline:
       core.reply_deadline_ms = g_value_get_uint(value);
       break;
+    case Property::monitor_history:
+      core.history().set_limit_bytes(g_value_get_uint(value));
+      break;
     default:
       G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
   }
 }
 
 static void ptz_kit_driver_get_property(GObject *object, guint id, GValue *value, GParamSpec *spec) {
-  const DriverCore &core = core_of(PTZ_KIT_DRIVER(object));
+  DriverCore &core = core_of(PTZ_KIT_DRIVER(object));
   switch (id) {
     case Property::name:
       return g_value_set_string(value, core.name.c_str());
@@ -126,6 +132,8 @@ static void ptz_kit_driver_get_property(GObject *object, guint id, GValue *value
       return g_value_set_boolean(value, core.verbose ? TRUE : FALSE);
     case Property::reply_deadline:
       return g_value_set_uint(value, core.reply_deadline_ms);
+    case Property::monitor_history:
+      return g_value_set_uint(value, static_cast<guint>(core.history().limit_bytes()));
     default:
       G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, spec);
   }
@@ -147,6 +155,8 @@ static void ptz_kit_driver_class_init(PTZKitDriverClass *klass) {
   properties[Property::verbose] = g_param_spec_boolean("verbose", nullptr, nullptr, FALSE, flags);
   properties[Property::reply_deadline] =
       g_param_spec_uint("reply-deadline", nullptr, nullptr, 0, G_MAXUINT, default_reply_deadline_ms, flags);
+  properties[Property::monitor_history] = g_param_spec_uint(
+      "monitor-history", nullptr, nullptr, 0, max_history_bytes, MonitorServer::default_history_bytes, flags);
   g_object_class_install_properties(object_class, Property::count, properties);
   g_signal_new("ended", PTZ_KIT_TYPE_DRIVER, G_SIGNAL_RUN_LAST, 0, nullptr, nullptr, nullptr, G_TYPE_NONE, 0);
   g_signal_new("preset-changed", PTZ_KIT_TYPE_DRIVER, G_SIGNAL_RUN_LAST, 0, nullptr, nullptr, nullptr, G_TYPE_NONE, 3,

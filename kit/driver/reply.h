@@ -17,12 +17,16 @@ class ReplyTarget {
   ~ReplyTarget() = default;
 };
 
+struct Client;
+
 struct Request {
   gint32 command;
   gpointer context;  // of the server, which its send frees; null for a request that no client waits for
   pid_t pid;
   gint64 uid;
   guint32 serial;
+  Client *client = nullptr;  // counts the request; null if none does
+  gint64 arrived_ns = 0;     // on the monotonic clock
 };
 
 // The target outlives the reply or calls expire() first. Returns a new reference.

@@ -14,9 +14,11 @@ std::string name_of(pid_t peer) { return peer > 0 ? format("process %d", peer) :
 
 }  // namespace
 
-void ReplySender::send(gpointer context, pid_t peer, std::span<const guint8> body) {
+bool ReplySender::send(gpointer context, pid_t peer, std::span<const guint8> body) {
   const auto length = static_cast<guint32>(body.size());
-  if (ptz_socket_server_send(context, body.data(), length) == FALSE) log_failure(peer, length);
+  if (ptz_socket_server_send(context, body.data(), length) != FALSE) return true;
+  log_failure(peer, length);
+  return false;
 }
 
 void ReplySender::log_failure(pid_t peer, gsize length) {

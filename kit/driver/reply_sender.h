@@ -21,8 +21,8 @@ class ReplySender {
   static gboolean on_second_over(gpointer sender);
 
  public:
-  // Frees the context.
-  void send(gpointer context, pid_t peer, std::span<const guint8> body);
+  // Frees the context. False if the reply could not be sent.
+  bool send(gpointer context, pid_t peer, std::span<const guint8> body);
 };
 
 }  // namespace ptz_kit

@@ -50,12 +50,12 @@ std::string resolve_socket_path(const std::string &path) {
   return result.size() < sizeof sockaddr_un::sun_path ? result : absolute.get();
 }
 
-PathHolder holder_of(const char *path) {
+PathHolder holder_of(const char *path, int type) {
   using Kind = PathHolder::Kind;
   struct stat status;
   if (lstat(path, &status) != 0) return {};
   if (!S_ISSOCK(status.st_mode)) return {Kind::no_socket, 0, 0};
-  const UniqueFd fd = connect_to(path);
+  const UniqueFd fd = connect_to(path, type);
   if (fd) return listening_process(fd.get());
   switch (errno) {
     case ECONNREFUSED:

@@ -1,6 +1,7 @@
 // kit/driver/socket_path.h - what is at the path that a driver wants to listen at.
 #pragma once
 #include <glib.h>
+#include <sys/socket.h>
 #include <sys/types.h>
 
 #include <string>
@@ -23,8 +24,8 @@ struct PathHolder {
   int error = 0;
 };
 
-// Connects to the socket, without waiting, and closes the connection.
-[[nodiscard]] PathHolder holder_of(const char *path);
+// Connects to the socket, which is expected to be of this type, without waiting, and closes the connection.
+[[nodiscard]] PathHolder holder_of(const char *path, int type = SOCK_STREAM);
 
 // False with an error if a server that binds the path would take it from its holder.
 [[nodiscard]] bool is_path_free(const std::string &path, GError **error);

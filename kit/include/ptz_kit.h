@@ -6,6 +6,7 @@
 #include <ptz_kit_link.h>
 #include <ptz_kit_link_calls.h>
 #include <ptz_kit_messages.h>
+#include <ptz_kit_monitor.h>
 #include <ptz_kit_registry.h>
 #include <ptz_kit_replies.h>
 #include <ptz_kit_reply.h>

@@ -144,6 +144,14 @@ struct _PTZKitDriver {
  * Since: 0.1
  */
 /**
+ * PTZKitDriver:monitor-history:
+ *
+ * How many bytes the driver keeps the last frames in, for a #PTZKitMonitor that asks for them; 0 keeps none. The memory
+ * is allocated at the first request. Setting it forgets the frames that were kept.
+ *
+ * Since: 0.1
+ */
+/**
  * PTZKitDriver::ended:
  * @self: the driver
  *

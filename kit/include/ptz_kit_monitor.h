@@ -13,8 +13,8 @@ G_BEGIN_DECLS
  * Since: 0.1
  */
 typedef enum {
-  PTZ_KIT_FRAME_REQUEST,
-  PTZ_KIT_FRAME_REPLY
+  PTZ_KIT_FRAME_REQUEST = 0,
+  PTZ_KIT_FRAME_REPLY = 1
 } PTZKitFrameDirection;
 
 #define PTZ_KIT_TYPE_FRAME_DIRECTION (ptz_kit_frame_direction_get_type ())
@@ -44,7 +44,7 @@ PTZ_KIT_API GType ptz_kit_frame_direction_get_type (void);
  * @message_id: of the frame
  * @past: whether the frame is older than the subscription (see ptz_kit_monitor_subscribe())
  * @unsent: whether a reply could not be sent
- * @program: path of the client's program, empty if unknown; owned
+ * @program: path of the client's program, its name if the driver may not read the path, empty if unknown; owned
  * @body: body of the frame, command word included, without the eight bytes of the frame's header; owned
  *
  * A copy of one frame. The other end is the driver.
@@ -119,6 +119,13 @@ typedef struct _PTZKitMonitor PTZKitMonitor;
 typedef struct _PTZKitMonitorClass PTZKitMonitorClass;
 
 /**
+ * PTZKitMonitor:socket-path:
+ *
+ * The driver's socket.
+ *
+ * Since: 0.1
+ */
+/**
  * PTZKitMonitor::frame:
  * @self: the monitor
  * @frame: (type PTZKitMonitorFrame): a frame; borrowed for the call
@@ -131,7 +138,7 @@ typedef struct _PTZKitMonitorClass PTZKitMonitorClass;
  * PTZKitMonitor::closed:
  * @self: the monitor
  *
- * The driver has ended, or has closed the connection. ptz_kit_monitor_connect() connects again.
+ * The driver has ended, or has closed the connection. ptz_kit_monitor_open() connects again.
  *
  * Since: 0.1
  */
@@ -160,7 +167,7 @@ PTZ_KIT_API GType ptz_kit_monitor_get_type (void);
 PTZ_KIT_API PTZKitMonitor *ptz_kit_monitor_new (const gchar *socket_path);
 
 /**
- * ptz_kit_monitor_connect:
+ * ptz_kit_monitor_open:
  * @self: a monitor
  * @error: return location for an error, or `NULL`
  *
@@ -172,9 +179,13 @@ PTZ_KIT_API PTZKitMonitor *ptz_kit_monitor_new (const gchar *socket_path);
  *
  * Returns: `TRUE` if it is connected; `FALSE` with @error of `G_IO_ERROR` set: `G_IO_ERROR_NOT_FOUND` if the driver has
  *   no monitor socket, `G_IO_ERROR_CONNECTION_REFUSED` if nothing listens, `G_IO_ERROR_PERMISSION_DENIED`,
- *   `G_IO_ERROR_BUSY` if the driver has as many monitors as it serves
+ *   `G_IO_ERROR_BUSY` if too many connections wait. A driver that has as many monitors as it serves, eight, closes the
+ *   connection at once: the next call then fails with `G_IO_ERROR_BUSY`
  */
-PTZ_KIT_API gboolean ptz_kit_monitor_connect (PTZKitMonitor *self, GError **error);
+PTZ_KIT_API gboolean ptz_kit_monitor_open (PTZKitMonitor *self, GError **error);
+
+/* The name that it had: a method "connect" would hide that of GObject in other languages. */
+#define ptz_kit_monitor_connect ptz_kit_monitor_open
 
 /**
  * ptz_kit_monitor_get_figures:
@@ -205,8 +216,8 @@ PTZ_KIT_API gboolean ptz_kit_monitor_connect (PTZKitMonitor *self, GError **erro
  * Since: 0.1
  *
  * Returns: (transfer full) (nullable): a dictionary of type `a{sv}`; `NULL` with @error set on failure:
- *   `PTZ_KIT_ERROR_TIMED_OUT`, `PTZ_KIT_ERROR_LOST`, `PTZ_KIT_ERROR_NOT_CONNECTED`, `PTZ_KIT_ERROR_MALFORMED` or
- *   `G_IO_ERROR_CANCELLED`
+ *   `PTZ_KIT_ERROR_TIMED_OUT`, `PTZ_KIT_ERROR_LOST`, `PTZ_KIT_ERROR_NOT_CONNECTED`, `PTZ_KIT_ERROR_MALFORMED`,
+ *   `G_IO_ERROR_CANCELLED` or `G_IO_ERROR_BUSY`
  */
 PTZ_KIT_API GVariant *ptz_kit_monitor_get_figures (PTZKitMonitor *self, guint timeout_ms, GCancellable *cancellable,
                                                    GError **error);
@@ -224,7 +235,8 @@ PTZ_KIT_API GVariant *ptz_kit_monitor_get_figures (PTZKitMonitor *self, guint ti
  *
  * Since: 0.1
  *
- * Returns: `TRUE` on success; `FALSE` with @error set if the monitor is not connected
+ * Returns: `TRUE` on success; `FALSE` with @error set: `PTZ_KIT_ERROR_NOT_CONNECTED`, `G_IO_ERROR_BUSY`, or
+ *   `G_IO_ERROR_WOULD_BLOCK` if the driver has not read the requests before
  */
 PTZ_KIT_API gboolean ptz_kit_monitor_subscribe (PTZKitMonitor *self, gboolean with_past, GError **error);
 
@@ -232,8 +244,8 @@ PTZ_KIT_API gboolean ptz_kit_monitor_subscribe (PTZKitMonitor *self, gboolean wi
  * ptz_kit_latency_bucket_limit:
  * @index: index of a bucket
  *
- * Bucket @index counts the latencies below this limit and not below that of the bucket before. There are four buckets for
- * each power of two.
+ * Bucket @index counts the latencies below this limit and not below that of the bucket before. There is one bucket for
+ * each microsecond below 4, then four for each power of two, and one for everything from 2^26 microseconds on.
  *
  * Thread: any.
  *

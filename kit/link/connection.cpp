@@ -7,7 +7,7 @@
 
 namespace ptz_kit {
 
-UniqueFd connect_to(const char *path) {
+UniqueFd connect_to(const char *path, int type) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   const std::size_t length = std::strlen(path);
@@ -17,7 +17,7 @@ UniqueFd connect_to(const char *path) {
     return UniqueFd();
   }
   std::memcpy(address.sun_path, path, length);
-  UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  UniqueFd fd(socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!fd || connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0) return fd;
   struct stat file;
   if (errno == ECONNREFUSED && stat(path, &file) == 0 && !S_ISSOCK(file.st_mode)) errno = ENOTSOCK;

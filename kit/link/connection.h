@@ -6,6 +6,7 @@
 // All functions are non-blocking, and called with the lock of the link held.
 #pragma once
 #include <ptz_socket_frame.h>
+#include <sys/socket.h>
 
 #include <array>
 #include <cstring>
@@ -17,7 +18,7 @@ namespace ptz_kit {
 
 // Connects to a listening socket without waiting. An empty descriptor with errno set on failure; EAGAIN if the backlog
 // is full, ENOTSOCK if the file is no socket. Never touches the file.
-[[nodiscard]] UniqueFd connect_to(const char *path);
+[[nodiscard]] UniqueFd connect_to(const char *path, int type = SOCK_STREAM);
 
 class Connection {
  public:

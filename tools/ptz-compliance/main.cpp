@@ -94,7 +94,7 @@ int run_all(Subject &subject, const Settings &settings) {
   for (const auto &report : reports) {
     const std::string problem = report->finish();
     if (problem.empty()) continue;
-    g_printerr("ptz-compliance: %s\n", problem.c_str());
+    tools::print_problem("ptz-compliance", problem);
     return exit_usage;
   }
   return failed ? exit_failed : EXIT_SUCCESS;
