@@ -53,7 +53,8 @@ class Options {
   std::string words_;
   Manual manual_;
   gboolean as_json_ = FALSE;
-  gint timeout_ms_ = 10'000;
+  gint timeout_ms_;
+  std::string timeout_text_;
   char *socket_ = nullptr, *driver_ = nullptr, *colours_ = nullptr;
   std::vector<GOptionEntry> entries_;
 
@@ -63,7 +64,8 @@ class Options {
   [[nodiscard]] bool are_as_many_as_needed(const Words &given) const;
 
  public:
-  Options(const std::string &words, const Manual &manual, Asks asks, std::vector<GOptionEntry> further = {});
+  Options(const std::string &words, const Manual &manual, Asks asks, std::vector<GOptionEntry> further = {},
+          gint timeout_ms = 10'000);
   Options(const Options &) = delete;
   ~Options();
   // What follows the options; nothing where the user was told what is wrong. Help ends the program.
@@ -71,6 +73,9 @@ class Options {
 
   [[nodiscard]] bool as_json() const { return as_json_ != FALSE; }
   [[nodiscard]] guint timeout_ms() const { return static_cast<guint>(timeout_ms_); }
+  // What --driver and --socket were given; null if they were not.
+  [[nodiscard]] const char *driver_name() const { return driver_; }
+  [[nodiscard]] const char *socket_path() const { return socket_; }
   // The socket of the driver that is to be asked. Nothing, with the exit status, if there is no such driver or if it is
   // not clear which one is meant; the user was told.
   [[nodiscard]] std::optional<std::string> socket(int &status) const;

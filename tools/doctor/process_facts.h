@@ -1,0 +1,43 @@
+// tools/doctor/process_facts.h - what /proc tells of a process.
+#pragma once
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "doctor/driver.h"
+
+namespace ptzctl {
+
+struct ProcessFacts {
+  char state = '?';
+  pid_t parent = 0, tracer = 0;
+  uid_t uid = 0;
+  gid_t gid = 0;
+  std::vector<gid_t> groups;
+  std::string command;  // at most 15 bytes
+  double cpu_s = 0;
+  double start_s = 0;  // since the machine was started
+};
+
+// The file's beginning; empty if it cannot be read. Does not wait for the writer of a FIFO.
+[[nodiscard]] std::string beginning_of(const std::string &path, std::size_t most = 64 * 1024);
+[[nodiscard]] std::string target_of(const std::string &link);  // empty if it cannot be read
+[[nodiscard]] std::vector<std::string> names_in(const std::string &folder);
+
+[[nodiscard]] std::optional<ProcessFacts> facts_of(pid_t pid);
+[[nodiscard]] std::vector<std::string> arguments_of(pid_t pid);
+[[nodiscard]] std::string name_of_process(pid_t pid);  // "123 (sim-driver)"
+[[nodiscard]] std::string unit_of(pid_t pid);          // "x.service", or empty
+[[nodiscard]] std::vector<pid_t> all_processes();
+
+[[nodiscard]] std::string name_of_user(uid_t uid);
+[[nodiscard]] std::string name_of_group(gid_t gid);
+
+// The command that ends a driver, however it hangs, and starts it again.
+[[nodiscard]] std::string restart_command(const Driver &driver);
+// The command that starts a driver that has ended.
+[[nodiscard]] std::string start_command(const Driver &driver, guint timeout_ms);
+
+}  // namespace ptzctl
