@@ -8,6 +8,7 @@ namespace tools {
 
 namespace {
 
+constexpr std::size_t longest_line = 48;                                   // of a cell, in bytes
 constexpr const char *mood_names[] = {"plain", "good", "warning", "bad"};  // by Mood
 std::string name_of(Mood mood) { return mood_names[static_cast<std::size_t>(mood)]; }
 
@@ -51,7 +52,8 @@ class HtmlWriter {
       html += "<tr>";
       for (std::size_t i = 0; i < row.size(); ++i) {
         const bool is_number = i < table.columns.size() && table.columns[i].is_number;
-        html += element("td", of_class((is_number ? "number " : "") + name_of(row[i].mood)), html_text(row[i].text));
+        const char *const form = is_number ? "number " : row[i].text.size() > longest_line ? "long " : "";
+        html += element("td", of_class(form + name_of(row[i].mood)), html_text(row[i].text));
       }
       html += "</tr>\n";
     }

@@ -123,6 +123,8 @@ std::optional<MotionTrace::Order> MotionTrace::order_of(std::span<const guint8> 
 void MotionTrace::add_request(gint64 time_us, guint32 id, std::span<const guint8> body) {
   auto order = order_of(body);
   if (!order) return;
+  is_cut_ = is_cut_ || orders_.size() == most_orders;
+  if (is_cut_) return;
   order->time_us = time_us;
   order->id = id;
   orders_.push_back(std::move(*order));

@@ -16,6 +16,7 @@ namespace tools {
 class MotionTrace {
  public:
   static constexpr std::size_t axes = PTZ_KIT_N_AXES;
+  static constexpr std::size_t most_orders = 1000;  // a joystick sends many
   struct Sample {
     gint64 time_us;
     std::array<double, axes> position;  // degrees, or a magnification
@@ -28,6 +29,8 @@ class MotionTrace {
   void add_request(gint64 time_us, guint32 id, std::span<const guint8> body);
   void add_reply(gint64 time_us, guint32 id, std::span<const guint8> body);
 
+  // Whether there were more orders than are kept.
+  [[nodiscard]] bool is_cut() const { return is_cut_; }
   // Whether an axis was told to move, and was seen afterwards.
   [[nodiscard]] bool has_motion() const;
   // One for each axis that moved or was told to. Seconds count from the first sample or order.
@@ -48,6 +51,7 @@ class MotionTrace {
   };
   std::vector<Sample> samples_;  // ascending
   std::vector<Order> orders_;
+  bool is_cut_ = false;
   std::optional<std::array<double, axes>> minimum_, maximum_, speed_;
 
   [[nodiscard]] std::optional<Order> order_of(std::span<const guint8> body) const;

@@ -10,7 +10,6 @@ namespace ptzctl {
 
 namespace {
 
-
 std::string full_path(const std::string &path) {
   return path == "root" || g_str_has_prefix(path.c_str(), "root.") ? path : "root." + path;
 }

@@ -47,12 +47,12 @@ int digits_for(double step) { return std::clamp(static_cast<int>(-std::floor(std
 struct Axis {
   double least = 0, most = 1, step = 0.2;
   // At least as long as the span: the noise of a head that stands still is to look like noise.
-  Axis(Range range, double span, bool is_rounded) {
+  Axis(Range range, double span, bool is_rounded, double least_step = 0) {
     if (range.is_empty()) range = {0, span};
     const double margin = std::max(0.0, (span - (range.most - range.least)) / 2);
     least = range.least - margin;
     most = range.most + margin;
-    step = nice_step(most - least);
+    step = std::max(nice_step(most - least), least_step);
     if (!is_rounded) return;
     least = std::floor(least / step) * step;
     most = std::ceil(most / step) * step;
@@ -259,7 +259,7 @@ std::string drawing_of(const HistogramPlot &plot) {
     counts.include(bucket.count);
   }
   const LogAxis x(times);
-  const Axis y(counts, 1, true);
+  const Axis y(counts, 1, true, 1);
   std::string svg = y_axis(y, "replies");
   for (const double tick : x.ticks()) svg += x_tick(x.share(tick), duration_text(tick));
   svg += frame_lines() + x_title("latency (logarithmic)");

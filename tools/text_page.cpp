@@ -8,6 +8,8 @@ namespace tools {
 
 namespace {
 
+constexpr std::size_t widest_column = 48;  // a longer text moves the rest of its own line only
+
 // As a terminal counts: a character is one column.
 std::size_t length_of(const std::string &text) { return static_cast<std::size_t>(g_utf8_strlen(text.c_str(), -1)); }
 
@@ -39,13 +41,17 @@ struct TextWriter {
     }
     for (const auto &row : rows) {
       widths.resize(std::max(widths.size(), row.size()));
-      for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], length_of(row[i]));
+      for (std::size_t i = 0; i < row.size(); ++i) {
+        if (const std::size_t length = length_of(row[i]); length <= widest_column)
+          widths[i] = std::max(widths[i], length);
+      }
     }
     if (!table.caption.empty()) text += visible_text(table.caption) + "\n";
     for (const auto &row : rows) {
       std::string line;
       for (std::size_t i = 0; i < row.size(); ++i) {
-        const std::string padding(widths[i] - length_of(row[i]), ' ');
+        const std::size_t length = length_of(row[i]);
+        const std::string padding(widths[i] > length ? widths[i] - length : 0, ' ');
         const bool is_number = i < table.columns.size() && table.columns[i].is_number;
         line += "  " + (is_number ? padding + row[i] : row[i] + padding);
       }

@@ -49,7 +49,9 @@ tools::Finding shown(const Finding &finding) {
   const Mood mood = finding.severity == Severity::fault     ? Mood::bad
                     : finding.severity == Severity::warning ? Mood::warning
                                                             : Mood::plain;
-  const std::string title = finding.subject.empty() ? finding.what : finding.subject + ": " + finding.what;
+  const std::string title = finding.subject.empty() || finding.what.starts_with(finding.subject)
+                                ? finding.what
+                                : finding.subject + ": " + finding.what;
   tools::Finding result = {mood, name_of(finding.severity), title, {finding.why}, {}};
   if (!finding.command.empty()) result.lines.push_back(finding.command);
   return result;

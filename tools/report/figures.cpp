@@ -10,6 +10,8 @@ namespace ptzctl {
 
 namespace {
 
+constexpr double least_seconds = 0.5;  // for a rate
+
 using tools::Cell;
 using tools::Mood;
 
@@ -50,7 +52,7 @@ std::string command_text(GVariant *figures) {
 std::string rate_text(const WatchedDriver &driver) {
   const auto time = [](GVariant *figures) { return number_in<gint64>(figures, "now", "x"); };
   const double seconds = static_cast<double>(time(driver.last.get()) - time(driver.first.get())) / G_USEC_PER_SEC;
-  if (seconds <= 0) return "-";
+  if (seconds < least_seconds) return "-";
   const guint64 requests = counter(driver.last.get(), "requests") - counter(driver.first.get(), "requests");
   return tools::number_text(static_cast<double>(requests) / seconds, 1);
 }
@@ -172,6 +174,7 @@ tools::Section motion_section(const Watch &watch, guint seconds) {
   tools::Figures figures;
   for (const auto &driver : watch.drivers) {
     const std::string label = label_of(driver->entry);
+    if (driver->motion.is_cut()) table.caption = "The first orders and what became of them";
     for (auto &figure : driver->motion.plots(label)) figures.figures.push_back(std::move(figure));
     for (auto &row : driver->motion.rows()) {
       row.insert(row.begin(), {label});

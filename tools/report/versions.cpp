@@ -61,7 +61,7 @@ tools::Section versions_section() {
   section.blocks.emplace_back(tools::Facts{{
       {"time", local_time_text(g_get_real_time())},
       {"tools", TOOLS_VERSION},
-      {"library", loaded_libraries("libptznimbo.so")},
+      {"library", loaded_libraries("libptznimbo_common.so")},
       {"kit", loaded_libraries("libptznimbo_kit.so")},
       {"GLib", std::to_string(glib_major_version) + "." + std::to_string(glib_minor_version) + "." +
                    std::to_string(glib_micro_version)},

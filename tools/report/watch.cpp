@@ -102,9 +102,9 @@ void WatchedDriver::sample() {
 void WatchedDriver::end() {
   if (monitor_ == nullptr) return;
   ask();
-  // Frames that came while it waited.
-  while (g_main_context_iteration(nullptr, FALSE)) {
-    if (g_get_real_time() - start_us_ > kept_us * 10) break;
+  // Frames that came while it waited. There may be no end of them.
+  const gint64 deadline = g_get_monotonic_time() + sample_interval_ms * gint64{1000};
+  while (g_get_monotonic_time() < deadline && g_main_context_iteration(nullptr, FALSE)) {
   }
 }
 
