@@ -19,27 +19,6 @@ std::string group_path(const std::string &path) {
   return full_path(path.ends_with('.') ? path.substr(0, path.size() - 1) : path);
 }
 
-const char *reason_of(gint32 error) {
-  switch (error) {
-    case PARAM_SERVICE_OK:
-      return "the service has no answer";
-    case PARAM_SERVICE_NO_PARAMETER:
-      return "there is no such parameter";
-    case PARAM_SERVICE_NO_GROUP:
-      return "there is no such group";
-    case PARAM_SERVICE_NO_TEMPLATE:
-      return "there is no such template";
-    case PARAM_SERVICE_GROUP_EXISTS:
-      return "the group exists";
-    case PARAM_SERVICE_BAD_PATH:
-      return "this is no path";
-    case PARAM_SERVICE_STORAGE:
-      return "the tree cannot be read or written";
-    default:
-      return "the service refused it";
-  }
-}
-
 int complain_of(const std::string &what, gint32 error) {
   complain("%s: %s (error %d)", what.c_str(), reason_of(error), error);
   return EXIT_FAILURE;

@@ -12,6 +12,27 @@ constexpr gint32 mode = 9;  // that of the library's writes without switches
 
 }  // namespace
 
+const char *reason_of(gint32 error) {
+  switch (error) {
+    case PARAM_SERVICE_OK:
+      return "the service has no answer";
+    case PARAM_SERVICE_NO_PARAMETER:
+      return "there is no such parameter";
+    case PARAM_SERVICE_NO_GROUP:
+      return "there is no such group";
+    case PARAM_SERVICE_NO_TEMPLATE:
+      return "there is no such template";
+    case PARAM_SERVICE_GROUP_EXISTS:
+      return "the group exists";
+    case PARAM_SERVICE_BAD_PATH:
+      return "this is no path";
+    case PARAM_SERVICE_STORAGE:
+      return "the tree cannot be read or written";
+    default:
+      return "the service refused it";
+  }
+}
+
 ParameterCall::ParameterCall() {
   param_service_reset_options(&options);
   options.mode = mode;

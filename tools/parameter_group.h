@@ -25,6 +25,8 @@ struct ParameterGroup {
   std::vector<std::string> groups;  // paths
 };
 
+[[nodiscard]] const char *reason_of(gint32 error);
+
 constexpr int most_levels = 512;  // more would be a service that never comes to an end
 
 // As UTF-8, which JSON and terminals want.

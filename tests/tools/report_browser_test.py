@@ -72,6 +72,8 @@ def complaints(events, path):
         method, of = event.get("method"), event.get("params", {})
         if method in ("Log.entryAdded", "Runtime.exceptionThrown", "Runtime.consoleAPICalled"):
             found.append(of)
+        if method == "Page.javascriptDialogOpening":
+            found.append("a script ran")
         if method == "Network.requestWillBeSent" and of["request"]["url"] != "file://" + os.path.abspath(path):
             found.append(of["request"]["url"])
     return found
@@ -81,6 +83,7 @@ class PageChecks:
     """What holds for every page. The heirs make the page."""
 
     page = None
+    series = ("--s0", "--s1")
 
     @classmethod
     def setUpClass(cls):
@@ -128,7 +131,7 @@ class PageChecks:
         plot = self.colours(*self.browser.evaluate("""(() => {
             const b = document.querySelector('svg.plot').getBoundingClientRect();
             return [b.left, b.top + scrollY, b.width, b.height]; })()"""))
-        for series in ("--s0", "--s1"):
+        for series in self.series:
             colour = self.browser.evaluate(f"getComputedStyle(document.documentElement).getPropertyValue('{series}')")
             self.assertIn(tuple(bytes.fromhex(colour.strip()[1:])), plot, series)
 
@@ -191,6 +194,36 @@ class CompliancePage(PageChecks, unittest.TestCase):
         self.assertEqual(self.browser.evaluate("document.querySelector('.finding .badge').textContent"), "failed")
         self.assertEqual(self.browser.evaluate("""document.getElementById('failed').compareDocumentPosition(
             document.getElementById('passed')) & Node.DOCUMENT_POSITION_FOLLOWING"""), 4)
+
+
+class SystemPage(PageChecks, unittest.TestCase):
+    @staticmethod
+    def make_page(folder):
+        return report_pages.moving_report(folder)[0]
+
+    def test_plots_what_was_reported_and_commanded(self):
+        self.open(DESK)
+        paths = self.browser.evaluate("""[...document.querySelectorAll('#motion svg.plot')].map(e =>
+            [e.querySelector('title').textContent,
+             ...[...e.querySelectorAll('path.series')].map(p => Math.round(p.getTotalLength()))])""")
+        self.assertEqual(len(paths), 1)
+        self.assertEqual(paths[0][0], "sim-driver:1: pan")
+        self.assertEqual(len(paths[0]), 3)
+        self.assertGreater(min(paths[0][1:]), 100)
+
+
+class HostilePage(PageChecks, unittest.TestCase):
+    series = ("--s0",)  # its heads stand still
+
+    @staticmethod
+    def make_page(folder):
+        return report_pages.hostile_report(folder)[0]
+
+    def test_shows_markup_as_text(self):
+        self.open(DESK)
+        text = self.browser.evaluate("document.body.innerText")
+        self.assertGreater(text.count(report_pages.MARKUP), 4)
+        self.assertEqual(self.browser.evaluate("document.querySelectorAll('script,b,i').length"), 0)
 
 
 if __name__ == "__main__":

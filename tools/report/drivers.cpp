@@ -1,6 +1,5 @@
 #include <pwd.h>
 
-#include "doctor/doctor.h"
 #include "process_state.h"
 #include "report/report.h"
 
@@ -41,8 +40,17 @@ std::vector<tools::Cell> row_of(const PTZKitRegistryEntry &entry) {
           {entry.program != nullptr ? entry.program : ""}};
 }
 
-bool is_meant(const PTZKitRegistryEntry &entry, const std::string &name) {
-  return name.empty() || name == entry.name || name == label_of(entry) || name == std::to_string(entry.instance);
+bool is_meant(const PTZKitRegistryEntry &entry, const ReportSettings &settings) {
+  if (settings.socket != nullptr) return g_str_equal(settings.socket, entry.socket_path) != FALSE;
+  const std::string name = settings.driver != nullptr ? settings.driver : entry.name;
+  return name == entry.name || name == label_of(entry) || name == std::to_string(entry.instance);
+}
+
+tools::RegistryEntry unlisted_entry(const char *socket) {
+  char name[] = "unlisted", program[] = "";
+  const tools::Text path(g_strdup(socket));
+  const PTZKitRegistryEntry entry = {name, path.get(), program, 0, 0, 0, 0, 0, PTZ_KIT_DRIVER_LIVE};
+  return tools::RegistryEntry(ptz_kit_registry_entry_copy(&entry));
 }
 
 tools::Finding shown(const Finding &finding) {
@@ -68,7 +76,7 @@ std::string label_of(const PTZKitRegistryEntry &entry) {
   return std::string(entry.name) + ":" + std::to_string(entry.instance);
 }
 
-ReportedDrivers reported_drivers(const std::string &name) {
+ReportedDrivers reported_drivers(const ReportSettings &settings) {
   ReportedDrivers drivers;
   tools::Error error;
   drivers.list = tools::registered_drivers(error);
@@ -78,7 +86,11 @@ ReportedDrivers reported_drivers(const std::string &name) {
   }
   for (guint i = 0; i < drivers.list->len; ++i) {
     const auto *const entry = static_cast<const PTZKitRegistryEntry *>(g_ptr_array_index(drivers.list.get(), i));
-    if (is_meant(*entry, name)) drivers.entries.push_back(entry);
+    if (is_meant(*entry, settings)) drivers.entries.push_back(entry);
+  }
+  if (settings.socket != nullptr && drivers.entries.empty()) {
+    drivers.unlisted = unlisted_entry(settings.socket);
+    drivers.entries.push_back(drivers.unlisted.get());
   }
   return drivers;
 }
@@ -115,10 +127,8 @@ tools::Section drivers_section(const ReportedDrivers &drivers) {
   return section;
 }
 
-tools::Section doctor_section(const ReportSettings &settings, std::vector<tools::Tile> &tiles) {
+tools::Section doctor_section(const Diagnosis &diagnosis, std::vector<tools::Tile> &tiles) {
   tools::Section section = {"findings", "Findings", {}};
-  const Diagnosis diagnosis =
-      diagnose(settings.driver.empty() ? nullptr : settings.driver.c_str(), nullptr, settings.timeout_ms);
   const guint faults = diagnosis.count(Severity::fault), warnings = diagnosis.count(Severity::warning);
   tiles.push_back({std::to_string(faults), faults == 1 ? "fault" : "faults", faults > 0 ? Mood::bad : Mood::good});
   tiles.push_back(

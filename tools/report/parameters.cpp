@@ -1,6 +1,8 @@
 // The parameter tree and the log.
 #include <ptz_kit_registry.h>
 
+#include <algorithm>
+
 #include "doctor/supervision.h"
 #include "field_values.h"
 #include "parameter_group.h"
@@ -21,12 +23,13 @@ bool add_group(const std::string &path, bool full, int level, Findings &found) {
   ParameterGroup group;
   gint32 error = 0;
   if (level > most_levels || !read_parameter_group(path, group, error)) {
-    found.note({of_problem, path, "cannot be read, error " + std::to_string(error), "", ""});
+    if (level == 1 && error == PARAM_SERVICE_NO_GROUP) return true;  // nothing was ever written
+    found.note({of_problem, path + ":", level > most_levels ? "too many levels" : reason_of(error), "", ""});
     return false;
   }
   for (const auto &each : group.parameters) {
     if (found.list().size() >= most_parameters) {
-      found.note({of_problem, path, "has more than " + std::to_string(most_parameters) + " parameters", "", ""});
+      found.note({of_problem, path + ":", "more than " + std::to_string(most_parameters) + " parameters", "", ""});
       return false;
     }
     std::string value = each.value.get();
@@ -52,8 +55,15 @@ std::vector<std::string> journal_command(const ReportedDrivers &drivers) {
 
 }  // namespace
 
-tools::Section parameters_section(const ReportSettings &settings) {
+tools::Section parameters_section(const ReportSettings &settings, const Diagnosis &diagnosis) {
   tools::Section section = {"parameters", "Parameters", {}};
+  // A process that opens a damaged tree sets it aside. It is left as it was found.
+  const auto is_damage = [](const Finding &finding) { return finding.id == "params.damaged"; };
+  if (std::ranges::any_of(diagnosis.findings, is_damage)) {
+    section.mood = Mood::warning;
+    section.blocks.emplace_back(tools::Paragraph{"The tree is damaged and was not opened.", Mood::warning});
+    return section;
+  }
   tools::Table table = {settings.full ? "The parameter tree" : "The parameter tree; what may be a secret is hidden",
                         {{"path"}, {"value"}},
                         {}};

@@ -14,18 +14,19 @@ namespace ptzctl {
 namespace {
 
 constexpr mode_t report_mode = 0600;  // it tells what users do
-constexpr gint most_seconds = 600;
+constexpr gint most_seconds = 600, default_timeout_ms = 2000;
 constexpr char standard_output[] = "-";
 
 tools::Page report_of(const ReportSettings &settings) {
-  const ReportedDrivers drivers = reported_drivers(settings.driver);
+  const ReportedDrivers drivers = reported_drivers(settings);
   tools::Page page = {"Pan-tilt-zoom report", "", {}, {}};
   page.lead = std::string(g_get_host_name()) + ", " + local_time_text(g_get_real_time());
   // Before the doctor, whose requests would be on the wire, too.
   Watch watch(drivers.entries, settings.timeout_ms);
   watch.run(settings.seconds);
   const auto add = [&page](tools::Section section) { page.sections.push_back(std::move(section)); };
-  add(doctor_section(settings, page.tiles));
+  const Diagnosis diagnosis = diagnose(settings.driver, settings.socket, settings.timeout_ms);
+  add(doctor_section(diagnosis, page.tiles));
   add(drivers_section(drivers));
   page.tiles.push_back({std::to_string(drivers.entries.size()), drivers.entries.size() == 1 ? "driver" : "drivers"});
   add(figures_section(watch, page.tiles));
@@ -33,7 +34,7 @@ tools::Page report_of(const ReportSettings &settings) {
   add(status_section(drivers));
   add(wire_section(watch, settings.full));
   add(timings_section());
-  add(parameters_section(settings));
+  add(parameters_section(settings, diagnosis));
   add(log_section(drivers, settings.timeout_ms));
   add(versions_section());
   return page;
@@ -55,31 +56,26 @@ int write_report(const std::string &file, const std::string &text, tools::Existi
 
 int run_report(const std::string &words, int argc, char **argv) {
   gboolean as_text = FALSE, is_full = FALSE, is_forced = FALSE;
-  gint seconds = 5, timeout_ms = 2000;
-  char *driver = nullptr;
+  gint seconds = 5;
+  const auto flag = [](const char *name, gboolean *value, const char *text) {
+    return GOptionEntry{name, 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, value, text, nullptr};
+  };
   Options options(
       words,
       {"FILE",
        "Writes a page about the whole system, to be read and sent: findings, drivers, clients, motions, status, the\n"
        "last minute of the wire, timings, parameters, the log and versions. The page needs no other file. FILE is -\n"
-       "for standard output.",
+       "for standard output. Without --driver and --socket, all drivers are in it. --timeout is for each part.",
        " /tmp/report.html"},
-      Asks::none,
-      {{"text", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, &as_text, "Write plain text", nullptr},
-       {"driver", 'd', G_OPTION_FLAG_NONE, G_OPTION_ARG_STRING, &driver,
-        "Only this driver, by its name in ptzctl driver list, by NAME:INSTANCE, or by its instance", "NAME"},
+      Asks::driver,
+      {flag("text", &as_text, "Write plain text"),
        {"seconds", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &seconds, "Watch the motions for so long, by default 5",
         "N"},
-       {"timeout", 't', G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &timeout_ms,
-        "How long each part may take, by default 2000", "MS"},
-       {"full", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, &is_full, "Show passwords and other secrets", nullptr},
-       {"force", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, &is_forced, "Replace the file if it exists", nullptr}});
+       flag("full", &is_full, "Show passwords and other secrets"),
+       flag("force", &is_forced, "Replace the file if it exists")},
+      default_timeout_ms);
   const auto given = options.parse(argc, argv);
-  const tools::Text owned(driver);
-  if (!given || !options.is_within("--seconds", seconds, 0, most_seconds) ||
-      !options.is_within("--timeout", timeout_ms, 1, G_MAXINT / 10)) {
-    return exit_usage;
-  }
+  if (!given || !options.is_within("--seconds", seconds, 0, most_seconds)) return exit_usage;
   if (options.as_json()) return options.misused("a report is HTML, or text with --text");
   const std::string &file = given->front();
   const auto existing = is_forced != FALSE ? tools::Existing::replace : tools::Existing::keep;
@@ -88,8 +84,8 @@ int run_report(const std::string &words, int argc, char **argv) {
     complain("%s", problem.c_str());
     return EXIT_FAILURE;
   }
-  const tools::Page page = report_of(
-      {driver != nullptr ? driver : "", static_cast<guint>(seconds), static_cast<guint>(timeout_ms), is_full != FALSE});
+  const tools::Page page = report_of({options.driver_name(), options.socket_path(), static_cast<guint>(seconds),
+                                      options.timeout_ms(), is_full != FALSE});
   return write_report(file, as_text != FALSE ? tools::text_of(page) : tools::html_of(page), existing);
 }
 
