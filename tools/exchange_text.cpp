@@ -157,7 +157,7 @@ void add_frame_to(const JsonLine &json, const FrameView &frame, const MessageDes
   json.member("message_id", gint64{frame.message_id});
   json.member("command", command_of_frame(frame));
   if (frame.is_reply) json.member("latency_ns", frame.latency_ns);
-  json.member("lost", static_cast<gint64>(frame.lost));
+  if (frame.lost > 0) json.member("lost", static_cast<gint64>(frame.lost));
   json.member("past", frame.past);
   json.member("unsent", frame.unsent);
   const Decoded decoded(frame, description, full);

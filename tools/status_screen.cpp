@@ -7,6 +7,8 @@ namespace ptzctl {
 
 namespace {
 
+constexpr int escape_delay_ms = 25;  // between the bytes of one key
+
 short number_of(Look look) { return static_cast<short>(look); }
 
 chtype attributes_of(Look look) {
@@ -22,6 +24,7 @@ StatusScreen::StatusScreen() {
   noecho();
   curs_set(0);
   keypad(stdscr, TRUE);
+  set_escdelay(escape_delay_ms);
   if (!colours_are_on() || !has_colors()) return;
   start_color();
   use_default_colors();
@@ -33,13 +36,49 @@ StatusScreen::StatusScreen() {
 StatusScreen::~StatusScreen() { endwin(); }
 
 void StatusScreen::draw(const std::vector<Line> &lines) const {
-  erase();
+  ::erase();
   int row = 0;
   for (const auto &line : lines) {
     attrset(static_cast<int>(attributes_of(line.look)));
     mvaddnstr(row++, 0, line.text.c_str(), COLS);
   }
   refresh();
+}
+
+int StatusScreen::rows() { return LINES; }
+
+int StatusScreen::wait_for_key(int milliseconds) {
+  timeout(milliseconds);
+  switch (const int key = getch(); key) {
+    case ERR:
+      return none;
+    case KEY_UP:
+      return up;
+    case KEY_DOWN:
+      return down;
+    case KEY_PPAGE:
+      return page_up;
+    case KEY_NPAGE:
+      return page_down;
+    case KEY_HOME:
+      return home;
+    case KEY_END:
+      return end;
+    case KEY_RESIZE:
+      return resized;
+    case KEY_BACKSPACE:
+    case '\b':
+    case '\x7f':
+      return StatusScreen::erase;
+    case KEY_ENTER:
+    case '\n':
+    case '\r':
+      return enter;
+    case '\x1b':
+      return escape;
+    default:
+      return key < 0x100 ? key : none;
+  }
 }
 
 bool StatusScreen::wait(int milliseconds) const {

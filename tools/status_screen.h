@@ -18,8 +18,14 @@ class StatusScreen {
   StatusScreen(const StatusScreen &) = delete;
   ~StatusScreen();
 
+  // A key is its character, or one of these.
+  enum Key { none = -1, up = 0x100, down, page_up, page_down, home, end, resized, erase, enter, escape };
+
+  [[nodiscard]] static int rows();
   void draw(const std::vector<Line> &lines) const;
-  // Waits; false where the user wants to leave.
+  // Waits for a key; none if the time is over, or if a signal has come.
+  [[nodiscard]] static int wait_for_key(int milliseconds);
+  // Waits; false if the user wants to leave.
   [[nodiscard]] bool wait(int milliseconds) const;
 };
 

@@ -73,8 +73,8 @@ class Options {
 
   [[nodiscard]] bool as_json() const { return as_json_ != FALSE; }
   [[nodiscard]] guint timeout_ms() const { return static_cast<guint>(timeout_ms_); }
-  // What --driver and --socket were given; null if they were not.
-  [[nodiscard]] const char *driver_name() const { return driver_; }
+  // As they were given; null if they were not.
+  [[nodiscard]] const char *driver() const { return driver_; }
   [[nodiscard]] const char *socket_path() const { return socket_; }
   // The socket of the driver that is to be asked. Nothing, with the exit status, if there is no such driver or if it is
   // not clear which one is meant; the user was told.

@@ -205,12 +205,11 @@ TEST_F(ExchangeText, NamesOfSecretsAreFoundInAnyCase) {
 
 TEST_F(ExchangeText, JsonOfARequestTellsWhoAndWhen) {
   const Body body = request(absolute_move);
-  EXPECT_EQ(
-      json(frame(body, false)),
-      R"({"time":"2023-11-14T22:13:20.000000042Z","time_ns":1700000000000000042,"client":3,"pid":77,"uid":1000,)"
-      R"("program":"/usr/bin/daemon","direction":"request","message_id":9,"command":"move","lost":0,"past":false,)"
-      R"("unsent":false,"fields":{"kind":"absolute","axes":{"pan":{"value":10.0},"tilt":{"value":-3.0}},)"
-      R"("speed":50}})");
+  EXPECT_EQ(json(frame(body, false)),
+            R"({"time":"2023-11-14T22:13:20.000000042Z","time_ns":1700000000000000042,"client":3,"pid":77,"uid":1000,)"
+            R"("program":"/usr/bin/daemon","direction":"request","message_id":9,"command":"move","past":false,)"
+            R"("unsent":false,"fields":{"kind":"absolute","axes":{"pan":{"value":10.0},"tilt":{"value":-3.0}},)"
+            R"("speed":50}})");
 }
 
 TEST_F(ExchangeText, JsonOfAReplyHasTheLatencyAndOnePositionPerAxis) {

@@ -18,11 +18,9 @@ struct OfDriver {
   const char *name;
   void (*examine)(const Surroundings &, const Driver &, Findings &);
 };
-constexpr OfDriver of_driver[] = {{"process", examine_process},
-                                  {"socket path", examine_socket_path},
-                                  {"backlog", examine_backlog},
-                                  {"handshake", examine_handshake},
-                                  {"settings", examine_settings}};
+constexpr OfDriver of_driver[] = {{"process", examine_process}, {"socket path", examine_socket_path},
+                                  {"backlog", examine_backlog}, {"handshake", examine_handshake},
+                                  {"clients", examine_clients}, {"settings", examine_settings}};
 struct OfSystem {
   const char *name;
   void (*examine)(const Surroundings &, Findings &);
@@ -35,7 +33,8 @@ constexpr OfSystem of_system[] = {{"status", examine_status},         {"timings"
 struct Consequence {
   const char *id, *cause;
 };
-constexpr Consequence consequences[] = {{"handshake.no-answer", "process.stopped"},
+constexpr Consequence consequences[] = {{"handshake.failed", "process.descriptors-used-up"},
+                                        {"handshake.no-answer", "process.stopped"},
                                         {"handshake.no-answer", "process.traced"},
                                         {"handshake.no-answer", "process.uninterruptible"},
                                         {"status.stale", "process.stopped"},

@@ -16,7 +16,7 @@ namespace ptzctl {
 
 namespace {
 
-constexpr int requests = 9;
+constexpr int requests = 21;
 constexpr double slow_us = 50'000;
 constexpr double noticeable_us = 2'000;
 constexpr double slower_than_others = 10;
@@ -88,13 +88,15 @@ void check_version(PTZKitLink *link, const Driver &driver, Findings &findings) {
 
 void measure(PTZKitLink *link, const Surroundings &system, const Driver &driver, Findings &findings) {
   std::vector<double> latencies_us;
-  for (int i = 0; i < requests; ++i) {
+  const gint64 end_us = g_get_monotonic_time() + gint64{system.timeout_ms} * 1000;
+  for (int i = 0; i < requests && g_get_monotonic_time() < end_us; ++i) {
     tools::Error error;
     const gint64 start_us = g_get_monotonic_time();
     const Name reply(ptz_kit_link_get_driver_name(link, system.timeout_ms, nullptr, tools::out(error)));
     if (error != nullptr) return report_failure(driver, *error, system.timeout_ms, findings);
     latencies_us.push_back(static_cast<double>(g_get_monotonic_time() - start_us));
   }
+  if (latencies_us.empty()) return;
   std::ranges::sort(latencies_us);
   const double median_us = latencies_us[latencies_us.size() / 2];
   findings.figure(driver.label(), median_us);

@@ -16,6 +16,7 @@ namespace {
 
 constexpr guint sample_ms = 400;
 constexpr double busy_share = 0.9;
+constexpr std::size_t reserved_descriptors = 8;  // a server of the library accepts no client with fewer
 
 void report_dead(const Surroundings &system, const Driver &driver, Findings &findings) {
   const auto facts = facts_of(driver.pid);
@@ -107,31 +108,38 @@ void report_start_time(const Driver &driver, const ProcessFacts &facts, Findings
        .command = ""});
 }
 
-// The soft limit of open files; 0 if it is not known or there is none.
-guint64 file_limit(pid_t pid) {
+struct FileLimit {
+  guint64 soft = 0, hard = 0;  // 0 if they are not known; "unlimited" is read as 0, too
+};
+
+FileLimit file_limit(pid_t pid) {
   const std::string limits = beginning_of("/proc/" + std::to_string(pid) + "/limits");
   constexpr char name[] = "Max open files";
   const auto at = limits.find(name);
-  return at == std::string::npos ? 0 : g_ascii_strtoull(limits.c_str() + at + std::strlen(name), nullptr, 10);
+  if (at == std::string::npos) return {};
+  char *end = nullptr;
+  const guint64 soft = g_ascii_strtoull(limits.c_str() + at + std::strlen(name), &end, 10);
+  return {soft, g_ascii_strtoull(end, nullptr, 10)};
 }
 
 void report_descriptors(const Driver &driver, Findings &findings) {
   const std::string folder = "/proc/" + std::to_string(driver.pid) + "/fd";
   if (access(folder.c_str(), R_OK | X_OK) != 0) return;
   const auto used = names_in(folder).size();
-  const guint64 limit = file_limit(driver.pid);
-  if (limit == 0 || used * 10 < limit * 8) return;
-  const bool is_full = used + 2 >= limit;
+  const auto [limit, hard_limit] = file_limit(driver.pid);
+  if (limit == 0 || (used * 10 < limit * 8 && used + reserved_descriptors < limit)) return;
+  const bool is_full = used + reserved_descriptors >= limit;
   Finding finding = {
       .id = is_full ? "process.descriptors-used-up" : "process.descriptors",
       .subject = driver.label(),
       .what = format("Process %d has %zu open files of at most %" G_GUINT64_FORMAT ".", driver.pid, used, limit),
       .why =
-          "At the limit it accepts no further client. Each client takes a descriptor. LimitNOFILE= in "
-          "its unit makes a higher limit last."};
-  // The hard limit is raised as well, if it is in the way.
-  finding.command = format("prlimit --pid %d --nofile=%" G_GUINT64_FORMAT ":%" G_GUINT64_FORMAT, driver.pid, 4 * limit,
-                           std::max(4 * limit, guint64{4096}));
+          "Each client takes a descriptor, and a few are kept in reserve. At the limit the driver "
+          "closes further connections. LimitNOFILE= in its unit makes a higher limit last."};
+  // The hard limit is raised only if it is in the way.
+  const guint64 enough = 4 * limit;
+  const std::string hard = hard_limit != 0 && hard_limit < enough ? std::to_string(enough) : "";
+  finding.command = format("prlimit --pid %d --nofile=%" G_GUINT64_FORMAT ":%s", driver.pid, enough, hard.c_str());
   is_full ? findings.fault(std::move(finding)) : findings.warning(std::move(finding));
 }
 

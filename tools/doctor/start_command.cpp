@@ -45,7 +45,8 @@ std::string restart_command(const Driver &driver) {
   words.insert(words.end(), arguments.begin(), arguments.end());
   const std::string folder = target_of("/proc/" + std::to_string(driver.pid) + "/cwd");
   const std::string go = folder.empty() || folder == "/" ? "" : "cd " + quoted(folder) + " && ";
-  return kill + " && " + go + quoted(words);
+  // The kernel takes a moment to end the process and to release the lock of its entry.
+  return kill + " && sleep 1 && " + go + quoted(words);
 }
 
 std::string start_command(const Driver &driver, guint timeout_ms) {

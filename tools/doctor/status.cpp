@@ -93,6 +93,14 @@ void check_values(const std::string &subject, const Position &position, Findings
   }
 }
 
+void report_no_access(const std::string &subject, const std::string &path, Findings &findings) {
+  findings.note({.id = "status.no-access",
+                 .subject = subject,
+                 .what = "The user " + name_of_user(geteuid()) + " cannot read " + path + ".",
+                 .why = "The status was not examined.",
+                 .command = ""});
+}
+
 void report_unreadable(const Surroundings &system, const Driver &driver, const Position &position, Findings &findings) {
   const std::string path = system.runtime + "/" + position.group + file_suffix;
   if (position.reading == Reading::no_group) {
@@ -104,11 +112,7 @@ void report_unreadable(const Surroundings &system, const Driver &driver, const P
                            "full; the system log has the line 'is not written'.",
                     .command = restart_command(driver)});
   } else if (position.error == EACCES) {
-    findings.note({.id = "status.no-access",
-                   .subject = driver.label(),
-                   .what = "The user " + name_of_user(geteuid()) + " cannot read " + path + ".",
-                   .why = "The status was not examined.",
-                   .command = ""});
+    report_no_access(driver.label(), path, findings);
   } else {
     findings.fault({.id = "status.damaged",
                     .subject = driver.label(),
@@ -162,8 +166,12 @@ void report_without_driver(const Surroundings &system, guint instance, Findings 
   const std::string path = system.runtime + "/" + position.group + file_suffix;
   const auto writers = writers_of(path);
   const std::string subject = "instance " + std::to_string(instance);
+  if (position.reading == Reading::failed && position.error == EACCES) return report_no_access(subject, path, findings);
   if (position.reading == Reading::done) check_values(subject, position, findings);
-  if (!writers.empty() || (position.reading == Reading::done && !position.is_stale())) {
+  const auto dead = std::ranges::find_if(
+      system.drivers, [instance](const Driver &driver) { return !driver.runs() && driver.instance == instance; });
+  const bool is_fresh = position.reading == Reading::done && !position.is_stale() && dead == system.drivers.end();
+  if (!writers.empty() || is_fresh) {
     const std::string by = writers.empty() ? "a process" : "process " + name_of_process(writers.front());
     findings.note({.id = "status.unknown-publisher",
                    .subject = subject,
@@ -176,8 +184,6 @@ void report_without_driver(const Surroundings &system, guint instance, Findings 
   for (const char *group : {"PTZ_POSITION_IS", "PTZ_VARIOUS_IS", "PTZ_LIMIT_IS"}) {
     files += " " + quoted(system.runtime + "/" + group + std::to_string(instance) + file_suffix);
   }
-  const auto dead = std::ranges::find_if(
-      system.drivers, [instance](const Driver &driver) { return !driver.runs() && driver.instance == instance; });
   Finding finding = {.id = "status.publisher-dead",
                      .subject = dead != system.drivers.end() ? dead->label() : subject,
                      .what = format("The publisher of %s has ended; the values are %.0f s old.", position.group.c_str(),
