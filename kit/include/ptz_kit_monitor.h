@@ -191,7 +191,7 @@ PTZ_KIT_API gboolean ptz_kit_monitor_open (PTZKitMonitor *self, GError **error);
  * ptz_kit_monitor_get_figures:
  * @self: a monitor that is connected
  * @timeout_ms: how long to wait at most, in milliseconds
- * @cancellable: (nullable): a cancellable
+ * @cancellable: (nullable): a cancellable; borrowed
  * @error: return location for an error, or `NULL`
  *
  * Asks the driver for what it has counted since it started, and waits for the answer. Frames that arrive meanwhile are
