@@ -29,7 +29,7 @@ class Browser:
 
     def __init__(self):
         self.folder = tempfile.TemporaryDirectory(prefix="report-browser-")
-        self.deadline = time.monotonic() + LIMIT_S
+        self.deadline = 0.0
         to_browser, self.output = os.pipe()
         self.input, from_browser = os.pipe()
         self.buffer = b""
@@ -77,6 +77,7 @@ class Browser:
         return json.loads(message)
 
     def command(self, method, **parameters):
+        self.deadline = time.monotonic() + LIMIT_S
         self.number += 1
         message = {"id": self.number, "method": method, "params": parameters}
         if self.session:
