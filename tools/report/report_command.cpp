@@ -66,7 +66,7 @@ int run_report(const std::string &words, int argc, char **argv) {
        "Writes a page about the whole system, to be read and sent: findings, drivers, clients, motions, status, the\n"
        "last minute of the wire, timings, parameters, the log and versions. The page needs no other file. FILE is -\n"
        "for standard output. Without --driver and --socket, all drivers are in it. --timeout is for each part.",
-       " /tmp/report.html"},
+       " --seconds 1 --text -"},
       Asks::driver,
       {flag("text", &as_text, "Write plain text"),
        {"seconds", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &seconds, "Watch the motions for so long, by default 5",
