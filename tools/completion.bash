@@ -24,6 +24,8 @@ _ptz_values() {
   case $option in
     --driver | -d) ptzctl driver list --json | sed --quiet '/"state":"dead"/!s/^{"name":"\([^"]*\)".*/\1/p' | sort --unique ;;
     --color) printf '%s\n' always auto never ;;
+    --command) ptzctl driver send --list | sed 's/ .*//' ;;
+    --sort) printf '%s\n' requests latency errors pending name ;;
     --only | --skip) ptz-compliance --list | sed 's/:.*//' ;;
     -*) ;;
     *)

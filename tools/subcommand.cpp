@@ -99,6 +99,7 @@ Options::Options(const std::string &words, const Manual &manual, Asks asks, std:
       timeout_ms_(timeout_ms),
       timeout_text_("How long to wait for an answer, by default " + std::to_string(timeout_ms)),
       entries_(std::move(further)) {
+  const bool has_driver = asks == Asks::driver || asks == Asks::monitor;
   const auto add = [this](const char *name, char letter, bool is_taken, GOptionArg kind, gpointer value,
                           const char *description, const char *of) {
     if (is_taken) {
@@ -108,11 +109,12 @@ Options::Options(const std::string &words, const Manual &manual, Asks asks, std:
                           reinterpret_cast<gpointer>(refuse_option), nullptr, nullptr});
     }
   };
-  add("socket", 's', asks == Asks::driver, G_OPTION_ARG_FILENAME, &socket_,
+  add("socket", 's', has_driver, G_OPTION_ARG_FILENAME, &socket_,
       "The driver's socket, by default /run/ptz/driver.socket, or the socket of the only driver that runs", "PATH");
-  add("driver", 'd', asks == Asks::driver, G_OPTION_ARG_STRING, &driver_,
+  add("driver", 'd', has_driver, G_OPTION_ARG_STRING, &driver_,
       "The driver by its name in ptzctl driver list, by NAME:INSTANCE, or by its instance", "NAME");
-  add("timeout", 't', asks != Asks::none, G_OPTION_ARG_INT, &timeout_ms_, timeout_text_.c_str(), "MS");
+  add("timeout", 't', asks == Asks::service || asks == Asks::driver, G_OPTION_ARG_INT, &timeout_ms_,
+      timeout_text_.c_str(), "MS");
   add("json", 'j', true, G_OPTION_ARG_NONE, &as_json_, "One object a line", nullptr);
   add("color", 0, true, G_OPTION_ARG_STRING, &colours_, "Colours: always, never, or auto, on a terminal", "WHEN");
   entries_.push_back({});

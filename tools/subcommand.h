@@ -37,8 +37,9 @@ void complain(const char *format, ...) G_GNUC_PRINTF(1, 2);
 // " (did you mean 'show'?)" where one of the words is nearly the one that was given.
 [[nodiscard]] std::string did_you_mean(const std::string &given, const Words &words);
 
-// The peer that a subcommand asks: with one it takes --timeout, with a driver also --socket and --driver.
-enum class Asks { none, service, driver };
+// The peer that a subcommand asks. With a service or a driver it takes --timeout, with a driver or its monitor socket
+// --socket and --driver.
+enum class Asks { none, service, driver, monitor };
 
 // What the help says. The parameters are what follows the options, such as "PATH [VALUE...]", and tell how many words
 // there are to be.
@@ -73,8 +74,8 @@ class Options {
 
   [[nodiscard]] bool as_json() const { return as_json_ != FALSE; }
   [[nodiscard]] guint timeout_ms() const { return static_cast<guint>(timeout_ms_); }
-  // As they were given; null if they were not.
-  [[nodiscard]] const char *driver() const { return driver_; }
+  // What --driver and --socket were given; null if they were not.
+  [[nodiscard]] const char *driver_name() const { return driver_; }
   [[nodiscard]] const char *socket_path() const { return socket_; }
   // The socket of the driver that is to be asked. Nothing, with the exit status, if there is no such driver or if it is
   // not clear which one is meant; the user was told.

@@ -62,6 +62,8 @@ until ptzctl driver info --driver two-axis-driver >/dev/null 2>&1; do sleep 0.02
 expect 'ptzctl driver info --driver ' 'two-axis-driver'
 expect 'ptzctl driver info -d two' 'two-axis-driver'
 expect 'ptz-compliance --driver=' 'two-axis-driver'
+expect 'ptzctl tap --command goto_p' 'goto_preset'
+expect 'ptzctl top --sort ' 'requests latency errors pending name'
 expect 'ptzctl driver move ab' 'absolute'
 expect 'ptzctl driver move up' 'up up-left up-right'
 expect 'ptzctl driver send query_l' 'query_limit_ranges'

@@ -99,10 +99,11 @@ TEST_F(PtzctlHabits, AllTakeTheSameOptionsOrSayWhyNot) {
     EXPECT_TRUE(has({0, command.help}, "-j, --json ")) << command.help;
     EXPECT_TRUE(command.takes("color")) << command.help;
     const std::string &first = command.words.front();
-    const bool asks_driver = first == "driver" && command.words[1] != "list";
+    const bool asks_driver = (first == "driver" && command.words[1] != "list") || first == "tap";
     EXPECT_EQ(command.takes("socket"), asks_driver) << command.help;
     EXPECT_EQ(command.takes("driver"), asks_driver) << command.help;
-    EXPECT_EQ(command.takes("timeout"), asks_driver || (first == "config" && command.words[1] != "watch"));
+    EXPECT_EQ(command.takes("timeout"),
+              (asks_driver && first != "tap") || (first == "config" && command.words[1] != "watch"));
     const std::string end = "; see " + joined(command.words) + " --help\n";
     if (!command.takes("socket")) {
       EXPECT_EQ(run(command.words + Words{"--socket", "x"}).text,

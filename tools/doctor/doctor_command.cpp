@@ -78,7 +78,7 @@ int run_doctor(const std::string &words, int argc, char **argv) {
         nullptr}},
       default_timeout_ms);
   if (!options.parse(argc, argv)) return exit_bad_usage;
-  const Diagnosis diagnosis = diagnose(options.driver(), options.socket_path(), options.timeout_ms());
+  const Diagnosis diagnosis = diagnose(options.driver_name(), options.socket_path(), options.timeout_ms());
   if (options.as_json()) {
     const JsonLine json;
     add_to(json, diagnosis);

@@ -139,9 +139,9 @@ void Tap::wait_for_next() {
 
 // The successor of a driver that was named may have another socket.
 bool Tap::is_again_there() {
-  if (options_.driver() != nullptr) {
+  if (options_.driver_name() != nullptr) {
     std::string problem;
-    const tools::RegistryEntry entry = tools::driver_named(options_.driver(), problem);
+    const tools::RegistryEntry entry = tools::driver_named(options_.driver_name(), problem);
     if (entry == nullptr) return false;
     path_ = entry->socket_path;
   }
@@ -200,7 +200,7 @@ int run_tap(const std::string &words, int argc, char **argv) {
        "Shows each request to a driver and each reply, as they pass, until it is interrupted. Values of parameters\n"
        "whose name has pass, key, secret or token in it are hidden.",
        " --driver sim-driver --command move --errors"},
-      Asks::driver,
+      Asks::monitor,
       {{"client", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_STRING, &client,
         "Only of this client: number of its connection, process id, or program", "CLIENT"},
        {"command", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_STRING_ARRAY, &commands,
