@@ -4,25 +4,11 @@
 #include <utility>
 
 #include "commands.h"
-#include "platform/param_service.h"
+#include "parameter_group.h"
 
 namespace ptzctl {
 
 namespace {
-
-using Walk = tools::Handle<ParamServiceGroupContext, param_service_cleanup_group_context>;
-
-constexpr gint32 mode = 9;        // that of the library's writes without switches
-constexpr int most_levels = 512;  // more would be a service that never comes to an end
-
-struct Call {
-  ParamServiceOptions options = {};
-  gint32 error = 0;
-  Call() {
-    param_service_reset_options(&options);
-    options.mode = mode;
-  }
-};
 
 std::string full_path(const std::string &path) {
   return path == "root" || g_str_has_prefix(path.c_str(), "root.") ? path : "root." + path;
@@ -33,36 +19,9 @@ std::string group_path(const std::string &path) {
   return full_path(path.ends_with('.') ? path.substr(0, path.size() - 1) : path);
 }
 
-const char *reason_of(gint32 error) {
-  switch (error) {
-    case PARAM_SERVICE_OK:
-      return "the service has no answer";
-    case PARAM_SERVICE_NO_PARAMETER:
-      return "there is no such parameter";
-    case PARAM_SERVICE_NO_GROUP:
-      return "there is no such group";
-    case PARAM_SERVICE_NO_TEMPLATE:
-      return "there is no such template";
-    case PARAM_SERVICE_GROUP_EXISTS:
-      return "the group exists";
-    case PARAM_SERVICE_BAD_PATH:
-      return "this is no path";
-    case PARAM_SERVICE_STORAGE:
-      return "the tree cannot be read or written";
-    default:
-      return "the service refused it";
-  }
-}
-
 int complain_of(const std::string &what, gint32 error) {
   complain("%s: %s (error %d)", what.c_str(), reason_of(error), error);
   return EXIT_FAILURE;
-}
-
-// As UTF-8, which JSON and terminals want.
-tools::Text as_utf8(tools::Text text) {
-  if (text == nullptr || g_utf8_validate(text.get(), -1, nullptr)) return text;
-  return tools::Text(g_convert(text.get(), -1, "UTF-8", "ISO-8859-1", nullptr, nullptr, nullptr));
 }
 
 // Without what would begin another line or move the cursor of a terminal.
@@ -72,56 +31,6 @@ tools::Text on_one_line(const std::string &text) {
     if (g_ascii_iscntrl(*c)) *c = '?';
   }
   return line;
-}
-
-tools::Text read(const std::string &path, gint32 &error) {
-  Call call;
-  tools::Text value(param_service_get_custom(path.c_str(), &call.options, &call.error));
-  error = call.error;
-  return error == 0 ? as_utf8(std::move(value)) : nullptr;
-}
-
-struct Parameter {
-  std::string path, name;
-  tools::Text value;
-};
-
-// What is in a group itself.
-struct Group {
-  std::vector<Parameter> parameters;
-  Words groups;
-};
-
-// The paths that a walk visits; false where it fails.
-bool walk(const std::string &group, decltype(param_service_get_params) *begin, decltype(param_service_get_param) *next,
-          Words &paths, gint32 &error) {
-  Call call;
-  const Walk walk(begin(group.c_str(), &call.options, &call.error));
-  error = call.error;
-  while (error == 0 && walk != nullptr) {
-    Call move;
-    next(walk.get(), &move.options, &move.error);
-    error = move.error;
-    if (error != 0 || walk->at_end || walk->full_name == nullptr) break;
-    paths.emplace_back(walk->full_name);
-  }
-  return error == 0 && walk != nullptr;
-}
-
-bool read_group(const std::string &path, Group &group, gint32 &error) {
-  Words parameters;
-  if (!walk(path, param_service_get_params, param_service_get_param, parameters, error) ||
-      !walk(path, param_service_get_child_groups, param_service_get_child_group, group.groups, error)) {
-    return false;
-  }
-  for (auto &each : parameters) {
-    auto name = each.substr(each.rfind('.') + 1);
-    gint32 read_error = 0;
-    tools::Text value = read(each, read_error);
-    // It may have been deleted meanwhile.
-    if (value != nullptr) group.parameters.push_back({std::move(each), std::move(name), std::move(value)});
-  }
-  return true;
 }
 
 void print_parameter(const Parameter &parameter, bool as_json) {
@@ -157,7 +66,7 @@ int run_get(const std::string &words, int argc, char **argv) {
   for (const auto &word : *given) {
     Parameter parameter{full_path(word), "", nullptr};
     gint32 error = 0;
-    parameter.value = read(parameter.path, error);
+    parameter.value = read_parameter(parameter.path, error);
     if (parameter.value == nullptr) {
       status = complain_of(parameter.path, error);
     } else if (given->size() == 1 && !options.as_json()) {
@@ -174,11 +83,11 @@ int run_set(const std::string &words, int argc, char **argv) {
                   Asks::none);
   const auto given = options.parse(argc, argv);
   if (!given) return exit_usage;
-  Call call;
+  ParameterCall call;
   Parameter parameter{full_path(given->front()), "", nullptr};
   param_service_set_custom(parameter.path.c_str(), given->back().c_str(), &call.options, &call.error);
   if (call.error != 0) return complain_of(parameter.path + " is not written", call.error);
-  parameter.value = read(parameter.path, call.error);
+  parameter.value = read_parameter(parameter.path, call.error);
   if (parameter.value == nullptr) return complain_of(parameter.path + " is written, and cannot be read", call.error);
   if (options.as_json()) print_parameter(parameter, true);
   return EXIT_SUCCESS;
@@ -191,9 +100,9 @@ int run_list(const std::string &words, int argc, char **argv) {
   const auto given = options.parse(argc, argv);
   if (!given) return exit_usage;
   const auto path = group_path(given->empty() ? "root" : given->front());
-  Group group;
+  ParameterGroup group;
   gint32 error = 0;
-  if (!read_group(path, group, error)) return complain_of(path, error);
+  if (!read_parameter_group(path, group, error)) return complain_of(path, error);
   for (const auto &parameter : group.parameters) print_parameter(parameter, options.as_json());
   for (const auto &each : group.groups) print_group(each, ".", options.as_json());
   return EXIT_SUCCESS;
@@ -208,9 +117,9 @@ constexpr Lines box_lines = {"\u251C\u2500\u2500 ", "\u2514\u2500\u2500 ", "\u25
 
 // Prints what is in a group. False where a group cannot be read, which is then told.
 bool draw(const std::string &path, const std::string &indent, const Lines &lines, int level) {
-  Group group;
+  ParameterGroup group;
   gint32 error = 0;
-  if (level > most_levels || !read_group(path, group, error)) {
+  if (level > most_levels || !read_parameter_group(path, group, error)) {
     complain_of(path, error);
     return false;
   }
@@ -232,9 +141,9 @@ bool draw(const std::string &path, const std::string &indent, const Lines &lines
 }
 
 bool build(const JsonLine &json, const std::string &path, int level) {
-  Group group;
+  ParameterGroup group;
   gint32 error = 0;
-  if (level > most_levels || !read_group(path, group, error)) {
+  if (level > most_levels || !read_parameter_group(path, group, error)) {
     complain_of(path, error);
     return false;
   }
@@ -259,7 +168,7 @@ int run_tree(const std::string &words, int argc, char **argv) {
   const auto path = group_path(given->empty() ? "root" : given->front());
   Words groups;
   gint32 error = 0;
-  if (!walk(path, param_service_get_child_groups, param_service_get_child_group, groups, error)) {
+  if (!walk_parameters(path, param_service_get_child_groups, param_service_get_child_group, groups, error)) {
     return complain_of(path, error);
   }
   if (!options.as_json()) {
@@ -283,7 +192,7 @@ int run_create(const std::string &words, int argc, char **argv) {
   if (!given) return exit_usage;
   const auto number = given->size() < 3 ? -1 : options.number((*given)[2], "number of a group", 0, G_MAXINT32);
   if (!number) return exit_usage;
-  Call call;
+  ParameterCall call;
   call.options.number = static_cast<gint32>(*number);
   const auto path = group_path(given->front());
   const tools::Text created(
@@ -299,7 +208,7 @@ int run_delete(const std::string &words, int argc, char **argv) {
   Options options(words, {"GROUP", "Deletes a group with all that is in it.", " PTZ.Head.H2"}, Asks::none);
   const auto given = options.parse(argc, argv);
   if (!given) return exit_usage;
-  Call call;
+  ParameterCall call;
   const auto path = group_path(given->front());
   param_service_delete_group(path.c_str(), &call.options, &call.error);
   if (call.error != 0) return complain_of(path, call.error);
@@ -310,7 +219,7 @@ int run_delete(const std::string &words, int argc, char **argv) {
 int run_sync(const std::string &words, int argc, char **argv) {
   Options options(words, {"", "Flushes to storage what all processes have written.", ""}, Asks::none);
   if (!options.parse(argc, argv)) return exit_usage;
-  Call call;
+  ParameterCall call;
   param_service_sync(&call.options, &call.error);
   if (call.error != 0) return complain_of("not flushed", call.error);
   if (options.as_json()) JsonLine().print();

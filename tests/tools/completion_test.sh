@@ -43,6 +43,8 @@ options_of() {
 options_of ptzctl
 options_of ptz-compliance
 expect 'ptzctl status show --j' '--json'
+expect 'ptzctl report --se' '--seconds'
+expect 'ptz-compliance --ht' '--html'
 expect 'ptzctl driver move absolute --ti' '--tilt --timeout'
 
 # Values, too.

@@ -1,6 +1,6 @@
 /* tests/tools/two_axis_driver.c - a driver with pan and tilt that moves at once. The environment variable
  * TWO_AXIS_DRIVER_ZOOM names the answers that speak of a zoom, which it does not announce: position, status, limits,
- * speed, all. */
+ * speed, all. TWO_AXIS_DRIVER_NAME is the name of the driver. */
 #include <ptz_kit.h>
 
 typedef PTZKitDriver TwoAxisDriver;
@@ -69,7 +69,9 @@ static void two_axis_driver_class_init(TwoAxisDriverClass *klass) {
 static void two_axis_driver_init(TwoAxisDriver *self) { (void)self; }
 
 int main(int argc, char **argv) {
-  PTZKitDriver *driver = g_object_new(two_axis_driver_get_type(), "name", "two-axis-driver", NULL);
+  const gchar *name = g_getenv("TWO_AXIS_DRIVER_NAME");
+  PTZKitDriver *driver =
+      g_object_new(two_axis_driver_get_type(), "name", name != NULL ? name : "two-axis-driver", NULL);
   const gint status = ptz_kit_driver_run(driver, argc, argv);
 
   g_object_unref(driver);

@@ -11,6 +11,7 @@
 
 #include "handles.h"
 #include "subject.h"
+#include "trace.h"
 
 namespace compliance {
 
@@ -43,6 +44,7 @@ class Probe {
   std::string remark_;
   std::string answer_;
   std::deque<Traffic> traffic_;
+  Trace trace_;
   int clients_ = 0;
   guint32 next_id_ = 1001;  // 0 and great ones are what some checks are about
 
@@ -70,6 +72,7 @@ class Probe {
 
   [[nodiscard]] Link connect();
   void record(Traffic::Direction direction, int client, std::string_view bytes);
+  [[nodiscard]] Trace &trace() { return trace_; }
   [[nodiscard]] guint32 new_id() { return next_id_++; }
 
   [[nodiscard]] Subject &subject() { return subject_; }

@@ -71,6 +71,7 @@ void Link::send(std::string_view bytes) {
 
 guint32 Link::request(const Body &body) {
   const guint32 id = probe_->new_id();
+  probe_->trace().sent(id, std::string_view(body->data, body->len));
   send(frame(id, body));
   return id;
 }
@@ -92,6 +93,7 @@ std::optional<Frame> Link::receive(int limit_ms) {
                        received_.substr(PTZ_SOCKET_FRAME_HEADER_SIZE, length - PTZ_SOCKET_FRAME_HEADER_SIZE)};
         probe_->record(Traffic::received, client_, received_.substr(0, length));
         received_.erase(0, length);
+        probe_->trace().received(frame.id, frame.body);
         return frame;
       }
     }

@@ -43,8 +43,12 @@ Outcome run(const Check &check, Subject &subject, const Settings &settings) {
   }
   // The next check is to meet a driver that has not been through this one.
   if (probe.result() == Result::failed) subject.clear_away();
-  return {probe.result(), probe.remark(), probe.answer(), probe.traffic(),
-          static_cast<double>(g_get_monotonic_time() - start) / 1000};
+  return {probe.result(),
+          probe.remark(),
+          probe.answer(),
+          probe.traffic(),
+          static_cast<double>(g_get_monotonic_time() - start) / 1000,
+          probe.trace()};
 }
 
 // The runtime directory of a driver that is started, and the folder of its socket if the user named none. So a driver
@@ -79,13 +83,20 @@ int run_all(Subject &subject, const Settings &settings) {
     return exit_usage;
   }
   bool failed = false;
-  const auto report = make_report(settings.format, settings.checks.size(), subject);
+  std::vector<std::unique_ptr<Report>> reports;
+  reports.push_back(make_report(settings.format, settings.checks.size(), subject));
+  if (!settings.html.empty()) reports.push_back(make_html_report(settings.html, subject));
   for (const Check *check : settings.checks) {
     const Outcome outcome = run(*check, subject, settings);
     failed = failed || outcome.result == Result::failed;
-    report->add(*check, outcome);
+    for (const auto &report : reports) report->add(*check, outcome);
   }
-  report->finish();
+  for (const auto &report : reports) {
+    const std::string problem = report->finish();
+    if (problem.empty()) continue;
+    tools::print_problem("ptz-compliance", problem);
+    return exit_usage;
+  }
   return failed ? exit_failed : EXIT_SUCCESS;
 }
 

@@ -9,14 +9,6 @@
 
 namespace compliance {
 
-namespace {
-
-using Builder = Object<JsonBuilder>;
-
-constexpr std::array<const char *, 3> result_names = {"passed", "failed", "not applicable"};  // by Result
-constexpr std::array<Look, 3> result_looks = {Look::good, Look::bad, Look::notice};
-
-const char *name_of(Result result) { return result_names[static_cast<std::size_t>(result)]; }
 const char *name_of(Traffic::Direction direction) { return direction == Traffic::sent ? "sent" : "received"; }
 
 std::string hex(const Traffic &traffic) {
@@ -28,6 +20,15 @@ std::string hex(const Traffic &traffic) {
   if (traffic.size > traffic.beginning.size()) text += " ... (" + std::to_string(traffic.size) + " bytes)";
   return text;
 }
+
+namespace {
+
+using Builder = Object<JsonBuilder>;
+
+constexpr std::array<const char *, 3> result_names = {"passed", "failed", "not applicable"};  // by Result
+constexpr std::array<Look, 3> result_looks = {Look::good, Look::bad, Look::notice};
+
+const char *name_of(Result result) { return result_names[static_cast<std::size_t>(result)]; }
 
 struct Counts {
   std::array<int, result_names.size()> of{};
@@ -70,10 +71,11 @@ class TextReport : public Report {
     }
     std::fflush(stdout);
   }
-  void finish() override {
+  std::string finish() override {
     const std::string reasons = counts_.reasons();
     std::printf("%d passed, %d failed, %d not applicable in %.1f s%s%s\n", counts_.of[0], counts_.of[1], counts_.of[2],
                 counts_.seconds(), reasons.empty() ? "" : ": ", reasons.c_str());
+    return "";
   }
 };
 
@@ -109,9 +111,10 @@ class TapReport : public Report {
     }
     std::fflush(stdout);
   }
-  void finish() override {
-    if (counts_.inapplicable.empty()) return;
+  std::string finish() override {
+    if (counts_.inapplicable.empty()) return "";
     std::printf("# %d not applicable: %s\n", counts_.of[2], counts_.reasons().c_str());
+    return "";
   }
 };
 
@@ -170,7 +173,7 @@ class JsonReport : public Report {
     }
     json_builder_end_object(builder_.get());
   }
-  void finish() override {
+  std::string finish() override {
     json_builder_end_array(builder_.get());
     for (std::size_t index = 0; index < counts_.of.size(); ++index) {
       constexpr std::array<const char *, 3> keys = {"passed", "failed", "not_applicable"};  // by Result
@@ -182,6 +185,7 @@ class JsonReport : public Report {
     json_builder_end_object(builder_.get());
     json_builder_end_object(builder_.get());
     print(builder_);
+    return "";
   }
 };
 

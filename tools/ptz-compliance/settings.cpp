@@ -8,6 +8,7 @@
 
 #include "colours.h"
 #include "driver_socket.h"
+#include "output_file.h"
 #include "problems.h"
 
 namespace compliance {
@@ -39,7 +40,7 @@ constexpr char description[] =
 
 // The options as GLib fills them in.
 class CommandLine {
-  char *socket_ = nullptr, *driver_ = nullptr, *log_ = nullptr, *colours_ = nullptr;
+  char *socket_ = nullptr, *driver_ = nullptr, *log_ = nullptr, *html_ = nullptr, *colours_ = nullptr;
   char **only_ = nullptr, **skip_ = nullptr;
   gboolean list_ = FALSE, tap_ = FALSE, json_ = FALSE, version_ = FALSE;
   double timeout_s_ = 2, motion_timeout_s_ = 20, start_timeout_s_ = 10;
@@ -65,7 +66,7 @@ class CommandLine {
 };
 
 CommandLine::~CommandLine() {
-  for (char *text : {socket_, driver_, log_, colours_}) g_free(text);
+  for (char *text : {socket_, driver_, log_, html_, colours_}) g_free(text);
   for (char **list : {only_, skip_}) g_strfreev(list);
 }
 
@@ -95,6 +96,8 @@ std::vector<GOptionEntry> CommandLine::entries() {
                 "The driver publishes its status as this PTZ instance (default: its status is not looked at)", "N"),
           entry("tap", 0, G_OPTION_ARG_NONE, &tap_, "Print TAP, for a test harness", nullptr),
           entry("json", 0, G_OPTION_ARG_NONE, &json_, "Print JSON", nullptr),
+          entry("html", 0, G_OPTION_ARG_FILENAME, &html_,
+                "Write a page with the verdicts, the motions and the latencies, too; replaces the file", "FILE"),
           entry("version", 0, G_OPTION_ARG_NONE, &version_, "Print the version, and end", nullptr),
           entry("color", 0, G_OPTION_ARG_STRING, &colours_,
                 "Colours: always, never, or auto, on a terminal where NO_COLOR is not set", "WHEN"),
@@ -158,6 +161,7 @@ Settings CommandLine::settings() const {
   return {socket_ != nullptr ? socket_ : "",
           command_,
           log_ != nullptr ? log_ : "",
+          html_ != nullptr ? html_ : "",
           ms(timeout_s_),
           ms(motion_timeout_s_),
           ms(start_timeout_s_),
@@ -200,6 +204,14 @@ std::optional<Settings> settings_from(int argc, char **argv) {
     return std::nullopt;
   }
   Settings settings = line.settings();
+  if (!settings.list && !settings.html.empty()) {
+    // Before the driver is started: a run takes a while.
+    const std::string reason = tools::problem_with_output(settings.html, tools::Existing::replace);
+    if (!reason.empty()) {
+      complain_of_usage(reason.c_str());
+      return std::nullopt;
+    }
+  }
   if (line.driver() != nullptr && !use_driver(settings, line.driver())) return std::nullopt;
   return settings;
 }

@@ -12,6 +12,7 @@ struct Settings {
   std::string socket;  // empty for a new path, with a command
   std::vector<std::string> command;
   std::string log;
+  std::string html;  // file; empty for none
   int timeout_ms;
   int motion_timeout_ms;
   int start_timeout_ms;
