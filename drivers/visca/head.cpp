@@ -40,7 +40,7 @@ std::int32_t Head::value_of(std::size_t axis, std::int32_t steps) const {
 }
 
 bool Head::knows_position() const {
-  return std::ranges::all_of(steps_, [](const auto &steps) { return steps.has_value(); });
+  return knows(pan_axis) && knows(tilt_axis) && (knows(zoom_axis) || !has_zoom_position_);
 }
 
 // The track learns when the command has ended, unless a later order has replaced it.
@@ -49,7 +49,7 @@ void Head::submit(Command command, Track *track, const Done &done) {
   const auto end = [this, track, number] {
     if (track == nullptr || track->order != number) return;
     track->ended = true;
-    if (has_position_) return;
+    if (tells_position(*track)) return;
     if (!track->continuous) track->moves = false;
     report_all();
   };

@@ -86,7 +86,8 @@ class Head final : public LineUser {
   std::int64_t next_poll_us_ = INT64_MAX, polled_us_ = 0, positioned_us_ = 0;
   unsigned unanswered_positions_ = 0;
   std::uint64_t orders_ = 0;
-  bool has_position_ = true, was_up_ = false;
+  unsigned unanswered_zooms_ = 0;
+  bool has_position_ = true, has_zoom_position_ = true, was_up_ = false;
 
   [[nodiscard]] const AxisScale &scale(std::size_t axis) const {
     return axis == pan_axis ? options_.profile.pan : options_.profile.tilt;
@@ -96,6 +97,9 @@ class Head final : public LineUser {
   // The track is polled fast.
   [[nodiscard]] static bool is_active(const Track &track) { return track.moves || !track.ended; }
 
+  [[nodiscard]] bool tells_position(const Track &track) const {
+    return track.is_pan_tilt ? has_position_ : has_zoom_position_;
+  }
   void submit(Command command, Track *track, const Done &done);
   void begin(Track &track, bool continuous, bool recalled = false);
   void poll_soon();
@@ -109,6 +113,7 @@ class Head final : public LineUser {
   void zoom(const Order &order, const Done &done);
 
   void on_pan_tilt(const PanTiltSteps &steps, std::int64_t now);
+  void forget_zoom();
   void on_zoom(std::int32_t position, std::int64_t now);
   void follow(Track &track, bool changed, std::int64_t now);
   void stop_again(Track &track, std::int64_t now);
@@ -135,7 +140,9 @@ class Head final : public LineUser {
   [[nodiscard]] bool is_there() const { return link_ != nullptr && link_->state() == Link::State::up; }
   // It moves, or a command of a motion has not ended.
   [[nodiscard]] bool is_active() const { return is_active(pan_tilt_) || is_active(zoom_); }
+  // Of pan and tilt, and of zoom unless the camera does not tell it.
   [[nodiscard]] bool knows_position() const;
+  [[nodiscard]] bool knows(std::size_t axis) const { return steps_[axis].has_value(); }
   [[nodiscard]] std::optional<bool> is_on() const { return is_on_; }
   [[nodiscard]] const std::optional<Version> &version() const { return version_; }
   [[nodiscard]] std::optional<std::int32_t> focus_position() const { return focus_; }

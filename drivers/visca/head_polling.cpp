@@ -33,8 +33,8 @@ unsigned number16(ByteSpan data, std::size_t at) { return static_cast<unsigned>(
 void Head::link_is_up() {
   const std::int64_t now = now_us();
   syslog(LOG_INFO, "camera %u answers", address());
-  unanswered_positions_ = 0;
-  has_position_ = true;
+  unanswered_positions_ = unanswered_zooms_ = 0;
+  has_position_ = has_zoom_position_ = true;
   // A driver that was killed may have left the camera in motion.
   if (options_.stop_at_start && !was_up_) stop([](Outcome) {});
   was_up_ = true;
@@ -71,7 +71,7 @@ void Head::poll(std::int64_t now) {
   const bool all = !is_active();
   // Two inquiries at once; the answer to the last one schedules the next poll.
   if (all || is_active(pan_tilt_)) link_->inquire(InquiryKind::pan_tilt_position, now);
-  if (all || is_active(zoom_)) link_->inquire(InquiryKind::zoom_position, now);
+  if (all || (is_active(zoom_) && has_zoom_position_)) link_->inquire(InquiryKind::zoom_position, now);
 }
 
 void Head::schedule_poll(std::int64_t now) {
@@ -129,11 +129,21 @@ void Head::on_no_answer(InquiryKind kind, Outcome why) {
       if (track->ended && !track->continuous) track->moves = false;
     }
     report_all();
-  } else if (kind == InquiryKind::zoom_position && why == Outcome::bad_syntax) {
-    steps_[zoom_axis].reset();
+  } else if (kind == InquiryKind::zoom_position) {
+    // A refusal says more than silence does.
+    unanswered_zooms_ += why == Outcome::bad_syntax ? 2 : 1;
+    if (unanswered_zooms_ >= most_unanswered_positions) forget_zoom();
   }
-  if (!has_position_) user_.head_is_ready();
+  if (!has_position_ || knows_position()) user_.head_is_ready();
   schedule_poll(now);
+}
+
+void Head::forget_zoom() {
+  if (has_zoom_position_) syslog(LOG_WARNING, "camera %u does not tell its zoom position", address());
+  has_zoom_position_ = false;
+  steps_[zoom_axis].reset();
+  if (zoom_.ended && !zoom_.continuous) zoom_.moves = false;
+  if (!zoom_.moves) ordered_[zoom_axis] = false;
 }
 
 void Head::on_pan_tilt(const PanTiltSteps &steps, std::int64_t now) {
@@ -155,6 +165,8 @@ void Head::on_pan_tilt(const PanTiltSteps &steps, std::int64_t now) {
 }
 
 void Head::on_zoom(std::int32_t position, std::int64_t now) {
+  unanswered_zooms_ = 0;
+  has_zoom_position_ = true;
   const bool changed = steps_[zoom_axis] && *steps_[zoom_axis] != position;
   steps_[zoom_axis] = position;
   ordered_[zoom_axis] |= changed;

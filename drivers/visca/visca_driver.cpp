@@ -230,7 +230,10 @@ void query_position(PTZKitDriver *self, PTZKitReply *reply) {
   PTZKitQueryPositionReply message = {};
   for (std::size_t axis = 0; axis < axis_count; ++axis) {
     message.position[axis] = ptz_kit_driver_get_position(self, kit_axis(axis));
-    message.status[axis] = head.is_moving(axis) ? PTZ_MOVE_STATUS_MOVING : PTZ_MOVE_STATUS_IDLE;
+    // A camera may tell pan and tilt only.
+    message.status[axis] = !head.knows(axis)      ? PTZ_MOVE_STATUS_UNKNOWN
+                           : head.is_moving(axis) ? PTZ_MOVE_STATUS_MOVING
+                                                  : PTZ_MOVE_STATUS_IDLE;
   }
   ptz_kit_reply_query_position(reply, &message);
 }
