@@ -187,6 +187,8 @@ class Link {
   void pump(std::int64_t now);
   [[nodiscard]] bool may_send(const Waiting &waiting, std::int64_t now);
   [[nodiscard]] bool waits_for_ack(std::int64_t now) const;
+  void release_short(std::int64_t now);
+  void release_replaced(std::int64_t now);
   [[nodiscard]] bool has_room(const Waiting &waiting, std::int64_t now);
   [[nodiscard]] bool group_is_ready(const Command &command, std::int64_t now);
   [[nodiscard]] std::size_t slots_in_use(std::int64_t now) const;

@@ -235,7 +235,7 @@ void Link::on_completion(const Reply &reply, Slot *slot, std::int64_t now) {
     if (is_duplicate && !tells_nothing_else && (!completes_without_ack_ || slot->command.stop)) return;
     if (is_stray(*slot, now)) return;
     expect_strays(*slot, now);
-    if (reply.socket != 0) completes_without_ack_ = true;
+    completes_without_ack_ = true;
   }
   accept(*slot, slot->is_replaced ? Outcome::replaced : Outcome::done);
   if (!slot->is_acknowledged) slot->socket = reply.socket;

@@ -13,7 +13,7 @@ constexpr std::size_t most_commands_in_camera = 2;
 // How long a message without a reply keeps others from being sent if replies are matched by order.
 constexpr std::int64_t first_reply_us = 150'000, reply_to_repeat_us = 60'000;
 constexpr std::int64_t stop_waits_for_room_us = 100'000;
-constexpr std::int64_t room_limit_us = 3'000'000;
+constexpr std::int64_t room_limit_us = 3'000'000, short_command_us = 1'000'000;
 constexpr std::int64_t repeat_question_us = 150'000;
 
 // Category and number of a command: what it does, without its values.
@@ -84,7 +84,16 @@ bool Link::waits_for_ack(std::int64_t now) const {
       slots_, [&](const Slot &slot) { return !slot.is_acknowledged && now - slot.sent_us < first_reply_us; });
 }
 
+// A replaced motion whose socket the camera did not name cannot be cancelled: nothing is won by waiting for its end.
+void Link::release_replaced(std::int64_t now) {
+  for (auto next = slots_.begin(); next != slots_.end();) {
+    Slot &slot = *next++;
+    if (slot.is_acknowledged && slot.is_replaced && slot.socket == 0) release(slot, Outcome::replaced, now);
+  }
+}
+
 void Link::pump(std::int64_t now) {
+  release_replaced(now);
   std::array<bool, 5> held = {};  // groups with an earlier command that still waits
   for (auto waiting = queue_.begin(); waiting != queue_.end();) {
     bool &is_held = held[static_cast<std::size_t>(waiting->command.group)];
@@ -109,16 +118,24 @@ bool Link::may_send(const Waiting &waiting, std::int64_t now) {
 }
 
 // A motion that a stop overtook and that has no ACK was lost, most likely. It is kept because its ACK may still come.
-// A replaced motion whose socket the camera did not name cannot be cancelled: nothing is won by waiting for it.
 std::size_t Link::slots_in_use(std::int64_t now) const {
   return static_cast<std::size_t>(std::ranges::count_if(slots_, [&](const Slot &slot) {
-    if (slot.is_acknowledged && slot.is_replaced && slot.socket == 0) return false;
     return slot.is_acknowledged || !slot.is_overtaken || now - slot.sent_us < repeat_stop_us;
   }));
 }
 
+// The completion of a command that is no motion, such as a switch, is taken for lost after a while.
+void Link::release_short(std::int64_t now) {
+  for (auto next = slots_.begin(); next != slots_.end();) {
+    Slot &slot = *next++;
+    const bool is_short = (!slot.command.motion || slot.command.continuous) && slot.command.completion_limit == 0;
+    if (is_short && slot.is_acknowledged && now - slot.sent_us >= short_command_us) release(slot, Outcome::done, now);
+  }
+}
+
 // If there is none, a motion that is replaced anyway is cancelled, and for a stop any motion of its group.
 bool Link::has_room(const Waiting &waiting, std::int64_t now) {
+  if (slots_in_use(now) >= most_commands_in_camera) release_short(now);
   if (slots_in_use(now) < most_commands_in_camera) return true;
   for (Slot &slot : slots_) {
     if (slot.is_acknowledged && slot.is_replaced && slot.socket != 0 && slot.cancel_us == 0) send_cancel(slot, now);
@@ -257,6 +274,10 @@ std::int64_t Link::deadline(std::int64_t now) const {
     if (!waits || slot.is_acknowledged) continue;
     if (now - slot.sent_us < first_reply_us) consider(slot.sent_us + first_reply_us);
     if (slot.sends > 1 && now - slot.sent_us < reply_to_repeat_us) consider(slot.sent_us + reply_to_repeat_us);
+  }
+  for (const Slot &slot : slots_) {
+    if (queue_.empty() || !slot.is_acknowledged) continue;
+    if (now < slot.sent_us + short_command_us) consider(slot.sent_us + short_command_us);
   }
   for (const Waiting &waiting : queue_) {
     if (now < waiting.not_before_us) consider(waiting.not_before_us);
