@@ -126,7 +126,7 @@ class Link {
     std::uint32_t sequence = 0;
     std::uint64_t order = 0;
     std::int64_t first_us = 0, sent_us = 0;
-    unsigned renumbered = 0;
+    unsigned sends = 0, renumbered = 0;
     bool needs_number = false;
   };
   struct Waiting {
@@ -156,6 +156,7 @@ class Link {
   std::array<std::int64_t, 16> freed_us_ = {};  // when a socket was freed
   std::uint32_t sequence_ = 0;
   std::uint64_t order_ = 0;
+  std::int64_t commanded_us_ = 0;  // when a command was sent, or sent again
   std::int64_t heard_us_ = 0, unanswered_since_us_ = 0, probe_at_us_ = 0;
   unsigned unanswered_ = 0, resets_ = 0, full_ = 0;
   unsigned strangers_ = 0, matches_ = 0;  // replies in a row with a number that nothing has, and with the right one
@@ -227,6 +228,7 @@ class Link {
   void end_what_is_stopped(const Slot &stop, std::int64_t now);
   void stop_again(Slot &moved, std::int64_t now);
   void on_completion(const Reply &reply, Slot *slot, std::int64_t now);
+  [[nodiscard]] bool is_outdated(const Question &question) const;
   void on_answer(const Reply &reply, Sequence sequence);
   void accept(Slot &slot, Outcome outcome);
   void release(Slot &slot, Outcome outcome, std::int64_t now);

@@ -242,6 +242,11 @@ void Link::on_completion(const Reply &reply, Slot *slot, std::int64_t now) {
   release(*slot, Outcome::done, now);
 }
 
+// A message that is repeated is answered as before: with a position from before the last command, perhaps.
+bool Link::is_outdated(const Question &question) const {
+  return options_.has_header && question.sends > 1 && commanded_us_ > question.first_us;
+}
+
 void Link::on_answer(const Reply &reply, Sequence sequence) {
   has_answered_ = true;
   if (!asked_) return;
@@ -251,6 +256,10 @@ void Link::on_answer(const Reply &reply, Sequence sequence) {
     // By order it may be the late answer to another inquiry.
     if (!is_meant) return;
     events_.push_back([this, kind = asked_->kind] { user_.on_no_answer(kind, Outcome::bad_syntax); });
+    return asked_.reset();
+  }
+  if (is_outdated(*asked_)) {
+    questions_.push_front(asked_->kind);
     return asked_.reset();
   }
   std::array<Byte, longest_packet> data = {};

@@ -40,7 +40,7 @@ void Link::send_reset(std::int64_t now) {
 }
 
 void Link::send_slot(Slot &slot, std::int64_t now) {
-  slot.sent_us = now;
+  slot.sent_us = commanded_us_ = now;
   ++slot.sends;
   if (std::exchange(slot.needs_number, false)) slot.sequence = sequence_++;
   transmit(slot.command.packet.bytes(), PayloadType::command, slot.sequence, now);
@@ -60,6 +60,7 @@ void Link::send_cancel(Slot &slot, std::int64_t now) {
 
 void Link::send_question(std::int64_t now) {
   asked_->sent_us = now;
+  ++asked_->sends;
   if (std::exchange(asked_->needs_number, false)) asked_->sequence = sequence_++;
   transmit(inquiry(address_, asked_->kind).bytes(), PayloadType::inquiry, asked_->sequence, now);
 }

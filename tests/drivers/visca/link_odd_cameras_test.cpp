@@ -131,5 +131,43 @@ TEST_F(LinkTest, CameraThatNeverAnsweredAnInquiryIsNotLostForIt) {
   EXPECT_EQ(link_->state(), Link::State::up);
 }
 
+TEST_F(LinkTest, FocusDriveWithoutAckIsNotRepeatedAfterItsStop) {
+  start_udp();
+  const Packet drive = focus_drive(1, FocusDirection::far, 3);
+  submit("far", {.packet = drive, .group = Group::focus, .motion = true, .continuous = true});
+  submit("stop", {.packet = focus_stop(1), .group = Group::focus, .stop = true});
+  ack(1, 1);
+  pass(900 * ms);
+  EXPECT_EQ(count("81 01 04 08 23 FF"), 1U);
+}
+
+TEST_F(LinkTest, SwitchesOfLostCompletionsMakeRoomAfterASecond) {
+  start_udp();
+  submit("first", {.packet = focus_one_push(1)});
+  ack(1, 0);
+  submit("second", {.packet = night_mode(1, true)});
+  ack(2, 1);
+  submit("third", zoom());
+  EXPECT_EQ(sent_.size(), 2U);
+  pass(1001 * ms);
+  EXPECT_EQ(sent_.size(), 3U);
+}
+
+TEST_F(LinkTest, AnswerToARepeatedInquiryFromBeforeACommandIsNotTaken) {
+  start_udp();
+  link_->inquire(InquiryKind::zoom_position, now_);
+  pass(50 * ms);
+  submit("zoom", zoom());
+  ack(1, 1);
+  pass(100 * ms);
+  EXPECT_EQ(sent_.back().sequence, 0U);
+  told_.clear();
+  reply({0x90, 0x50, 0, 0, 0, 1, 0xff}, 0);
+  EXPECT_TRUE(told_.empty());
+  EXPECT_EQ(sent_.back().sequence, 2U) << "asked again";
+  reply({0x90, 0x50, 0, 0, 0, 2, 0xff}, 2);
+  EXPECT_TRUE(was_told("answer 00 00 00 02"));
+}
+
 }  // namespace
 }  // namespace visca
