@@ -33,8 +33,8 @@ LinkOptions link_options_for(TransportKind kind) {
   return options;
 }
 
-Line::Line(const LineOptions &options)
-    : options_(options), transport_(make_transport(options.address, options.ip, *this)) {
+Line::Line(const LineOptions &options, TransportMaker maker)
+    : options_(options), transport_(maker(options.address, options.ip, *this)) {
   timer_ = UniqueFd(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
   timer_watch_.keep(g_unix_fd_add(timer_.get(), G_IO_IN, on_timer, this));
   if (!options.trace_file.empty()) trace_ = fopen(options.trace_file.c_str(), "ae");

@@ -73,7 +73,7 @@ class Line final : public Wire, public TransportUser {
   void on_bytes(ByteSpan bytes) override;
 
  public:
-  explicit Line(const LineOptions &options);
+  explicit Line(const LineOptions &options, TransportMaker maker = make_transport);
   Line(const Line &) = delete;
   ~Line() override;
 

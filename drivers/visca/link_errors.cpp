@@ -105,7 +105,7 @@ void Link::make_room_for_stop(const Command &stop, std::int64_t now) {
 void Link::control(ByteSpan payload, std::uint32_t sequence, std::int64_t now) {
   if (state_ == State::down || payload.empty()) return;
   hear(now);
-  const bool is_error = payload.size() >= 2 && payload[0] == control_error;
+  const bool is_error = options_.has_header && payload.size() >= 2 && payload[0] == control_error;
   if (is_error && payload[1] == error_sequence_number) on_abnormal_sequence(sequence, now);
   settle(now);
 }

@@ -169,5 +169,13 @@ TEST_F(LinkTest, AnswerToARepeatedInquiryFromBeforeACommandIsNotTaken) {
   EXPECT_TRUE(was_told("answer 00 00 00 02"));
 }
 
+TEST_F(LinkTest, AbnormalSequenceNumberWithoutHeaderSendsNoReset) {
+  start({.loses_packets = true});
+  submit("move", move());
+  link_->control(Bytes{control_error, error_sequence_number}, 0, now_);
+  EXPECT_EQ(count("01"), 0U);
+  EXPECT_EQ(sent_.size(), 1U);
+}
+
 }  // namespace
 }  // namespace visca
