@@ -39,6 +39,8 @@ struct State final : public HeadUser {
   void axis_is_at(std::size_t axis, std::int32_t position, bool moving) override;
   void axis_runs(std::size_t axis, std::int32_t speed) override;
   void head_is_ready() override;
+  void focus_mode_is(bool automatic) override;
+  void head_lacks_focus() override;
 
   // Requests that come before the camera had a chance to answer wait for it, for a moment.
   bool is_starting = true;
@@ -61,11 +63,12 @@ void goto_device_preset(PTZKitDriver *self, const PTZKitGotoDevicePresetRequest 
 
 // image_answers.cpp
 void image(PTZKitDriver *self, const PTZKitImageRequest *request, PTZKitReply *reply);
-constexpr guint32 image_capabilities = PTZ_DRIVER_MOVE_CAPABILITIES_FOCUS | PTZ_DRIVER_MOVE_CAPABILITIES_CONTFOCUS |
-                                       PTZ_DRIVER_MOVE_CAPABILITIES_AUTOFOCUS | PTZ_DRIVER_MOVE_CAPABILITIES_IRIS |
-                                       PTZ_DRIVER_MOVE_CAPABILITIES_CONTIRIS | PTZ_DRIVER_MOVE_CAPABILITIES_AUTOIRIS |
-                                       PTZ_DRIVER_MOVE_CAPABILITIES_IRCUTFILTER |
-                                       PTZ_DRIVER_MOVE_CAPABILITIES_AUTOIRCUTFILTER;
+constexpr guint32 focus_capabilities = PTZ_DRIVER_MOVE_CAPABILITIES_FOCUS | PTZ_DRIVER_MOVE_CAPABILITIES_CONTFOCUS |
+                                       PTZ_DRIVER_MOVE_CAPABILITIES_AUTOFOCUS;
+constexpr guint32 iris_capabilities =
+    PTZ_DRIVER_MOVE_CAPABILITIES_IRIS | PTZ_DRIVER_MOVE_CAPABILITIES_CONTIRIS | PTZ_DRIVER_MOVE_CAPABILITIES_AUTOIRIS;
+constexpr guint32 filter_capabilities =
+    PTZ_DRIVER_MOVE_CAPABILITIES_IRCUTFILTER | PTZ_DRIVER_MOVE_CAPABILITIES_AUTOIRCUTFILTER;
 
 // auxiliary_answers.cpp
 void auxiliary(PTZKitDriver *self, const PTZKitAuxiliaryRequest *request, PTZKitReply *reply);

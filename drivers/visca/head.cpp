@@ -40,7 +40,7 @@ std::int32_t Head::value_of(std::size_t axis, std::int32_t steps) const {
 }
 
 bool Head::knows_position() const {
-  return std::ranges::all_of(steps_, [](const auto &steps) { return steps.has_value(); });
+  return knows(pan_axis) && knows(tilt_axis) && (knows(zoom_axis) || !has_zoom_position_);
 }
 
 // The track learns when the command has ended, unless a later order has replaced it.
@@ -49,7 +49,7 @@ void Head::submit(Command command, Track *track, const Done &done) {
   const auto end = [this, track, number] {
     if (track == nullptr || track->order != number) return;
     track->ended = true;
-    if (has_position_) return;
+    if (tells_position(*track)) return;
     if (!track->continuous) track->moves = false;
     report_all();
   };
@@ -113,6 +113,7 @@ void Head::stop_zoom(const Done &done) {
 }
 
 void Head::stop(const Done &done) {
+  if (!options_.has_zoom) return stop_pan_tilt(done);
   const Done each = joint(2, done);
   stop_pan_tilt(each);
   stop_zoom(each);
@@ -231,16 +232,17 @@ void Head::move(const Order &order, const Done &done) {
 
 void Head::home(const Done &done) {
   if (!options_.home_command) {
-    Order order = {.axes = {true, true, true}};
+    Order order = {.axes = {true, true, options_.has_zoom}};
     order.value[zoom_axis] = options_.profile.zoom.least();
     return move(order, done);
   }
-  const Done each = joint(2, done);
+  const Done each = joint(options_.has_zoom ? 2 : 1, done);
   driven_ = {};
   for (const std::size_t axis : {pan_axis, tilt_axis}) set_target(axis, 0);
   begin(pan_tilt_, false, true);
   ordered_[pan_axis] = ordered_[tilt_axis] = true;
   submit({.packet = pan_tilt_home(address()), .group = Group::pan_tilt, .motion = true}, &pan_tilt_, each);
+  if (!options_.has_zoom) return;
   Order wide = {.axes = {false, false, true}};
   wide.value[zoom_axis] = options_.profile.zoom.least();
   zoom(wide, each);
@@ -252,16 +254,19 @@ void Head::memory(MemoryAction action, Byte number, const Done &done) {
   driven_ = {};
   for (Track *track : {&pan_tilt_, &zoom_}) {
     forget_targets(*track);
-    begin(*track, false, true);
+    // Without positions the end of the zoom would never be seen.
+    if (track->is_pan_tilt || tells_position(*track)) begin(*track, false, true);
   }
-  ordered_ = {true, true, true};
+  ordered_ = {true, true, has_zoom_position_};
   report_all();
   submit({.packet = packet, .group = Group::pan_tilt, .motion = true}, &pan_tilt_, done);
   zoom_.ended = true;
 }
 
 void Head::send(const Packet &packet, Group group, bool is_stop, const Done &done) {
-  submit({.packet = packet, .group = group, .stop = is_stop}, nullptr, done);
+  const bool is_motion = group != Group::other && !is_stop;
+  submit({.packet = packet, .group = group, .motion = is_motion, .continuous = is_motion, .stop = is_stop}, nullptr,
+         done);
 }
 
 // Powering on takes long; the state is asked for until it is there.

@@ -41,6 +41,9 @@ class HeadUser {
   virtual void axis_runs(std::size_t axis, std::int32_t speed) = 0;
   // The position is known, or it is known that the camera does not tell it.
   virtual void head_is_ready() = 0;
+  virtual void focus_mode_is(bool automatic) = 0;
+  // The camera understands no inquiry of its focus.
+  virtual void head_lacks_focus() = 0;
 };
 
 struct HeadOptions {
@@ -48,6 +51,8 @@ struct HeadOptions {
   std::int64_t poll_us = 50'000, rest_poll_us = 1'000'000;
   bool stop_at_start = true;
   bool home_command = true;
+  bool has_zoom = true;
+  bool asks_focus = true;
 };
 
 struct Version {
@@ -86,7 +91,8 @@ class Head final : public LineUser {
   std::int64_t next_poll_us_ = INT64_MAX, polled_us_ = 0, positioned_us_ = 0;
   unsigned unanswered_positions_ = 0;
   std::uint64_t orders_ = 0;
-  bool has_position_ = true, was_up_ = false;
+  unsigned unanswered_zooms_ = 0, refused_focus_ = 0;
+  bool has_position_ = true, has_zoom_position_, was_up_ = false;
 
   [[nodiscard]] const AxisScale &scale(std::size_t axis) const {
     return axis == pan_axis ? options_.profile.pan : options_.profile.tilt;
@@ -96,6 +102,9 @@ class Head final : public LineUser {
   // The track is polled fast.
   [[nodiscard]] static bool is_active(const Track &track) { return track.moves || !track.ended; }
 
+  [[nodiscard]] bool tells_position(const Track &track) const {
+    return track.is_pan_tilt ? has_position_ : has_zoom_position_;
+  }
   void submit(Command command, Track *track, const Done &done);
   void begin(Track &track, bool continuous, bool recalled = false);
   void poll_soon();
@@ -109,6 +118,7 @@ class Head final : public LineUser {
   void zoom(const Order &order, const Done &done);
 
   void on_pan_tilt(const PanTiltSteps &steps, std::int64_t now);
+  void forget_zoom();
   void on_zoom(std::int32_t position, std::int64_t now);
   void follow(Track &track, bool changed, std::int64_t now);
   void stop_again(Track &track, std::int64_t now);
@@ -128,14 +138,17 @@ class Head final : public LineUser {
   void advance(std::int64_t now) override;
 
  public:
-  Head(HeadUser &user, const HeadOptions &options) : user_(user), options_(options) {}
+  Head(HeadUser &user, const HeadOptions &options)
+      : user_(user), options_(options), has_zoom_position_(options.has_zoom) {}
   Head(const Head &) = delete;
 
   [[nodiscard]] const Profile &profile() const { return options_.profile; }
   [[nodiscard]] bool is_there() const { return link_ != nullptr && link_->state() == Link::State::up; }
   // It moves, or a command of a motion has not ended.
   [[nodiscard]] bool is_active() const { return is_active(pan_tilt_) || is_active(zoom_); }
+  // Of pan and tilt, and of zoom unless the camera does not tell it.
   [[nodiscard]] bool knows_position() const;
+  [[nodiscard]] bool knows(std::size_t axis) const { return steps_[axis].has_value(); }
   [[nodiscard]] std::optional<bool> is_on() const { return is_on_; }
   [[nodiscard]] const std::optional<Version> &version() const { return version_; }
   [[nodiscard]] std::optional<std::int32_t> focus_position() const { return focus_; }
@@ -151,7 +164,8 @@ class Head final : public LineUser {
   void stop(const Done &done);
   void home(const Done &done);
   void memory(MemoryAction action, Byte number, const Done &done);
-  // A command without motion.
+  // A command that moves neither pan, tilt nor zoom. Those of focus and iris replace each other, and a stop all of
+  // them.
   void send(const Packet &packet, Group group, bool is_stop, const Done &done);
   void set_power(bool on, const Done &done);
   void expect_power(bool on);

@@ -18,7 +18,8 @@ constexpr unsigned most_unanswered_positions = 4;
 constexpr std::int64_t brakes_us = 600'000;
 constexpr std::int64_t unknown_after_us = 3'000'000;
 constexpr std::int64_t retry_position_us = 5'000'000;
-constexpr Byte power_is_on = 0x02, power_is_off = 0x03;
+constexpr Byte power_is_on = 0x02, power_is_off = 0x03, focus_is_automatic = 0x02;
+constexpr unsigned focus_inquiries = 2;
 
 std::int64_t now_us() { return g_get_monotonic_time(); }
 
@@ -33,15 +34,18 @@ unsigned number16(ByteSpan data, std::size_t at) { return static_cast<unsigned>(
 void Head::link_is_up() {
   const std::int64_t now = now_us();
   syslog(LOG_INFO, "camera %u answers", address());
-  unanswered_positions_ = 0;
+  unanswered_positions_ = unanswered_zooms_ = refused_focus_ = 0;
   has_position_ = true;
+  has_zoom_position_ = options_.has_zoom;
   // A driver that was killed may have left the camera in motion.
   if (options_.stop_at_start && !was_up_) stop([](Outcome) {});
   was_up_ = true;
   for (const InquiryKind kind : {InquiryKind::power, InquiryKind::pan_tilt_position, InquiryKind::zoom_position,
                                  InquiryKind::version, InquiryKind::pan_tilt_max_speed}) {
-    link_->inquire(kind, now);
+    if (kind != InquiryKind::zoom_position || options_.has_zoom) link_->inquire(kind, now);
   }
+  if (!options_.asks_focus) return;
+  for (const InquiryKind kind : {InquiryKind::focus_mode, InquiryKind::focus_position}) link_->inquire(kind, now);
 }
 
 void Head::link_is_lost() {
@@ -71,7 +75,8 @@ void Head::poll(std::int64_t now) {
   const bool all = !is_active();
   // Two inquiries at once; the answer to the last one schedules the next poll.
   if (all || is_active(pan_tilt_)) link_->inquire(InquiryKind::pan_tilt_position, now);
-  if (all || is_active(zoom_)) link_->inquire(InquiryKind::zoom_position, now);
+  if (options_.has_zoom && (all || (is_active(zoom_) && has_zoom_position_)))
+    link_->inquire(InquiryKind::zoom_position, now);
 }
 
 void Head::schedule_poll(std::int64_t now) {
@@ -96,6 +101,9 @@ void Head::on_answer(InquiryKind kind, ByteSpan data) {
       break;
     case InquiryKind::focus_position:
       focus_ = parse_position(data);
+      break;
+    case InquiryKind::focus_mode:
+      user_.focus_mode_is(data[0] == focus_is_automatic);
       break;
     case InquiryKind::power:
       if (data[0] == power_is_on || data[0] == power_is_off) is_on_ = data[0] == power_is_on;
@@ -129,11 +137,23 @@ void Head::on_no_answer(InquiryKind kind, Outcome why) {
       if (track->ended && !track->continuous) track->moves = false;
     }
     report_all();
-  } else if (kind == InquiryKind::zoom_position && why == Outcome::bad_syntax) {
-    steps_[zoom_axis].reset();
+  } else if (kind == InquiryKind::zoom_position) {
+    // A refusal says more than silence does.
+    unanswered_zooms_ += why == Outcome::bad_syntax ? 2 : 1;
+    if (unanswered_zooms_ >= most_unanswered_positions) forget_zoom();
   }
-  if (!has_position_) user_.head_is_ready();
+  const bool is_of_focus = kind == InquiryKind::focus_mode || kind == InquiryKind::focus_position;
+  if (is_of_focus && why == Outcome::bad_syntax && ++refused_focus_ == focus_inquiries) user_.head_lacks_focus();
+  if (!has_position_ || knows_position()) user_.head_is_ready();
   schedule_poll(now);
+}
+
+void Head::forget_zoom() {
+  if (has_zoom_position_) syslog(LOG_WARNING, "camera %u does not tell its zoom position", address());
+  has_zoom_position_ = false;
+  steps_[zoom_axis].reset();
+  if (zoom_.ended && !zoom_.continuous) zoom_.moves = false;
+  if (!zoom_.moves) ordered_[zoom_axis] = false;
 }
 
 void Head::on_pan_tilt(const PanTiltSteps &steps, std::int64_t now) {
@@ -141,6 +161,7 @@ void Head::on_pan_tilt(const PanTiltSteps &steps, std::int64_t now) {
   positioned_us_ = now;
   has_position_ = true;
   is_on_ = is_on_.value_or(true);
+  if (!options_.profile.pan_nibbles_are_set) options_.profile.pan_nibbles = steps.pan_nibbles;
   const bool is_first = !steps_[pan_axis];
   const bool pan_changed = steps_[pan_axis] != steps.pan, tilt_changed = steps_[tilt_axis] != steps.tilt;
   steps_[pan_axis] = steps.pan;
@@ -155,6 +176,8 @@ void Head::on_pan_tilt(const PanTiltSteps &steps, std::int64_t now) {
 }
 
 void Head::on_zoom(std::int32_t position, std::int64_t now) {
+  unanswered_zooms_ = 0;
+  has_zoom_position_ = true;
   const bool changed = steps_[zoom_axis] && *steps_[zoom_axis] != position;
   steps_[zoom_axis] = position;
   ordered_[zoom_axis] |= changed;

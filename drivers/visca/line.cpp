@@ -33,8 +33,8 @@ LinkOptions link_options_for(TransportKind kind) {
   return options;
 }
 
-Line::Line(const LineOptions &options)
-    : options_(options), transport_(make_transport(options.address, options.ip, *this)) {
+Line::Line(const LineOptions &options, TransportMaker maker)
+    : options_(options), transport_(maker(options.address, options.ip, *this)) {
   timer_ = UniqueFd(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
   timer_watch_.keep(g_unix_fd_add(timer_.get(), G_IO_IN, on_timer, this));
   if (!options.trace_file.empty()) trace_ = fopen(options.trace_file.c_str(), "ae");
@@ -178,11 +178,17 @@ void Line::open_links(std::int64_t now) {
 // Nothing answers: over IP the camera may have another address by now; on a serial line one that was switched on has
 // none yet.
 void Line::look_for_cameras(std::int64_t now) {
+  if (must_readdress_) readdress(now);
   next_us_ = now + (is_any_up() ? look_us : retry_us);
   if (is_any_up()) return;
   // A stop is repeated for its whole time, and a closed transport would end it.
   if (std::ranges::any_of(cameras_, [](const Camera &each) { return each.link->is_stopping(); })) return;
   if (!is_serial()) return transport_is_closed("the camera does not answer");
+  readdress(now);
+}
+
+void Line::readdress(std::int64_t now) {
+  must_readdress_ = false;
   addressed_us_ = now;
   send(address_set().bytes(), PayloadType::command, 0);
 }
@@ -269,9 +275,10 @@ void Line::on_line_reply(const Reply &reply, std::int64_t now) {
     set_addresses(now);
   } else if (reply.kind == ReplyKind::interface_clear && state_ == State::clearing) {
     open_links(now);
-  } else if (reply.kind == ReplyKind::network_change && state_ == State::open && now - addressed_us_ >= readdress_us) {
-    addressed_us_ = now;
-    send(address_set().bytes(), PayloadType::command, 0);
+  } else if (reply.kind == ReplyKind::network_change && state_ == State::open) {
+    must_readdress_ = true;
+    if (now - addressed_us_ >= readdress_us) readdress(now);
+    if (must_readdress_) next_us_ = std::min(next_us_, addressed_us_ + readdress_us);
   }
   changed();
 }

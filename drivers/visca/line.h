@@ -50,7 +50,7 @@ class Line final : public Wire, public TransportUser {
   unsigned tries_ = 0;
   std::size_t next_turn_ = 0;  // camera that may send first
   std::int64_t addressed_us_ = 0, opened_us_ = 0;
-  bool is_busy_ = false, must_rearm_ = false;
+  bool is_busy_ = false, must_rearm_ = false, must_readdress_ = false;
   std::string trouble_;
   FILE *trace_ = nullptr;
 
@@ -60,6 +60,7 @@ class Line final : public Wire, public TransportUser {
   void open_links(std::int64_t now);
   void set_addresses(std::int64_t now);
   void look_for_cameras(std::int64_t now);
+  void readdress(std::int64_t now);
   void on_line_reply(const Reply &reply, std::int64_t now);
   void on_packet(ByteSpan packet, std::optional<std::uint32_t> sequence);
   void on_datagram(ByteSpan datagram);
@@ -72,7 +73,7 @@ class Line final : public Wire, public TransportUser {
   void on_bytes(ByteSpan bytes) override;
 
  public:
-  explicit Line(const LineOptions &options);
+  explicit Line(const LineOptions &options, TransportMaker maker = make_transport);
   Line(const Line &) = delete;
   ~Line() override;
 

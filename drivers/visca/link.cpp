@@ -10,6 +10,8 @@ namespace {
 constexpr unsigned silence_of_datagrams = 8, silence_of_stream = 3;
 constexpr std::int64_t reset_us = 100'000;
 constexpr unsigned most_resets = 3;
+constexpr int most_overtaken = 4;
+constexpr unsigned clear_every = 3;
 
 }  // namespace
 
@@ -53,7 +55,8 @@ void Link::tell(std::function<void(Outcome)> &callback, Outcome outcome) {
 }
 
 void Link::start(std::int64_t now) {
-  by_order_ = has_matched_ = completes_without_ack_ = false;
+  by_order_ = has_matched_ = completes_without_ack_ = has_acked_ = has_answered_ = false;
+  strays_ = 0;
   sequence_ = 0;
   heard_us_ = 0;
   begin_probing(now);
@@ -70,12 +73,13 @@ void Link::stop() {
 
 void Link::begin_probing(std::int64_t now) {
   state_ = options_.has_header ? State::resetting : State::probing;
-  resets_ = 0;
+  resets_ = probes_ = 0;
   unanswered_ = 0;
   probe(now);
 }
 
-// RESET first, then an inquiry that a camera answers in standby as well.
+// RESET first, then an inquiry that a camera answers in standby as well. A camera without any inquiry answers to
+// "interface clear".
 void Link::probe(std::int64_t now) {
   if (state_ == State::resetting && resets_ == most_resets) state_ = State::probing;
   if (state_ == State::resetting) {
@@ -83,7 +87,9 @@ void Link::probe(std::int64_t now) {
     send_reset(now);
     probe_at_us_ = now + reset_us;
   } else {
-    transmit(inquiry(address_, InquiryKind::power).bytes(), PayloadType::inquiry, sequence_++, now);
+    const bool clears = ++probes_ % clear_every == 0;
+    const Packet packet = clears ? interface_clear(address_) : inquiry(address_, InquiryKind::power);
+    transmit(packet.bytes(), clears ? PayloadType::command : PayloadType::inquiry, sequence_++, now);
     probe_at_us_ = now + options_.probe_us;
   }
 }
@@ -122,6 +128,7 @@ void Link::fail_all(Outcome outcome, bool stops_too) {
   });
   questions_.clear();
   asked_.reset();
+  held_acks_.clear();
 }
 
 // Drops what the command replaces in the queue, and marks what it replaces in the camera.
@@ -136,6 +143,12 @@ void Link::supersede(const Command &command) {
     if (!is_replaced(slot.command)) continue;
     slot.is_replaced = true;
     if (command.stop && slot.command.motion && !slot.is_acknowledged) slot.is_overtaken = true;
+  }
+  // An old one of many that were overtaken: its ACK will not come any more.
+  while (std::ranges::count_if(slots_, &Slot::is_overtaken) > most_overtaken) {
+    const auto oldest = std::ranges::find_if(slots_, &Slot::is_overtaken);
+    accept(*oldest, Outcome::replaced);
+    slots_.erase(oldest);
   }
 }
 

@@ -27,7 +27,10 @@
 // while messages wait, the camera does not return them: from then on replies are matched by order, as without a header.
 // By order, an ACK belongs to the oldest command without one, a completion to the slot of its socket, an error without
 // a socket to the oldest message without a reply, an answer to the inquiry if its data fits. So by order only one
-// message waits for its first reply at a time; stops are the exception.
+// command waits for its ACK at a time; stops are the exception. A command that was sent several times may have several
+// ACKs: those that come soon after the first one do not confirm a later stop, nor any command that can be repeated. If
+// datagrams may be lost, several stops that wait are acknowledged together, by as many ACKs; they are repeated
+// together.
 #pragma once
 #include <deque>
 #include <functional>
@@ -123,13 +126,17 @@ class Link {
     std::uint32_t sequence = 0;
     std::uint64_t order = 0;
     std::int64_t first_us = 0, sent_us = 0;
-    unsigned renumbered = 0;
+    unsigned sends = 0, renumbered = 0;
     bool needs_number = false;
   };
   struct Waiting {
     Command command;
     std::int64_t since_us = 0;
     std::int64_t not_before_us = 0;
+  };
+  struct HeldAck {
+    Byte socket = 0;
+    bool is_completed = false;
   };
   using Sequence = std::optional<std::uint32_t>;
 
@@ -144,10 +151,12 @@ class Link {
   std::optional<Question> asked_;
   std::vector<std::function<void()>> events_;   // what the callers are told when the state is consistent again
   std::vector<std::uint16_t> silent_kinds_;     // commands that the camera obeys without an ACK
+  std::vector<HeldAck> held_acks_;              // of several stops, until each of them has one
   std::array<Packet, 4> stops_ = {};            // the last stop of each group
   std::array<std::int64_t, 16> freed_us_ = {};  // when a socket was freed
   std::uint32_t sequence_ = 0;
   std::uint64_t order_ = 0;
+  std::int64_t commanded_us_ = 0;  // when a command was sent, or sent again
   std::int64_t heard_us_ = 0, unanswered_since_us_ = 0, probe_at_us_ = 0;
   unsigned unanswered_ = 0, resets_ = 0, full_ = 0;
   unsigned strangers_ = 0, matches_ = 0;  // replies in a row with a number that nothing has, and with the right one
@@ -155,6 +164,11 @@ class Link {
   std::uint64_t stranger_order_ = 0;
   std::int64_t stranger_us_ = 0;
   bool by_order_ = false, has_matched_ = false, completes_without_ack_ = false, settling_ = false;
+  bool has_acked_ = false;     // the camera has sent an ACK
+  bool has_answered_ = false;  // the camera has answered an inquiry since the link was started
+  unsigned probes_ = 0;
+  unsigned strays_ = 0;               // further ACKs of a command that was repeated, which may still come
+  std::int64_t strays_until_us_ = 0;  // and until when
 
   // link.cpp
   void settle(std::int64_t now);
@@ -169,8 +183,13 @@ class Link {
 
   // link_sending.cpp
   [[nodiscard]] bool matches_by_order() const { return !options_.has_header || by_order_; }
+  [[nodiscard]] bool must_count_acks() const { return matches_by_order() && options_.loses_packets; }
+  [[nodiscard]] std::int64_t repeat_time(const Slot &slot) const;
   void pump(std::int64_t now);
   [[nodiscard]] bool may_send(const Waiting &waiting, std::int64_t now);
+  [[nodiscard]] bool waits_for_ack(std::int64_t now) const;
+  void release_short(std::int64_t now);
+  void release_replaced(std::int64_t now);
   [[nodiscard]] bool has_room(const Waiting &waiting, std::int64_t now);
   [[nodiscard]] bool group_is_ready(const Command &command, std::int64_t now);
   [[nodiscard]] std::size_t slots_in_use(std::int64_t now) const;
@@ -200,18 +219,29 @@ class Link {
   [[nodiscard]] bool has_number(std::uint32_t sequence) const;
   void count_stranger(std::uint32_t sequence, std::int64_t now);
   void on_ack(const Reply &reply, Slot *slot, std::int64_t now);
+  [[nodiscard]] bool is_stray(const Slot &slot, std::int64_t now);
+  void acknowledge(Slot &slot, Byte socket, std::int64_t now);
+  [[nodiscard]] bool hold_ack(const Slot &oldest, Byte socket, std::int64_t now);
+  [[nodiscard]] bool complete_held(Byte socket);
+  [[nodiscard]] std::size_t unacknowledged_stops() const;
+  void expect_strays(const Slot &slot, std::int64_t now);
   void end_what_is_stopped(const Slot &stop, std::int64_t now);
   void stop_again(Slot &moved, std::int64_t now);
   void on_completion(const Reply &reply, Slot *slot, std::int64_t now);
+  [[nodiscard]] bool is_outdated(const Question &question) const;
   void on_answer(const Reply &reply, Sequence sequence);
+  void accept(Slot &slot, Outcome outcome);
+  void release(Slot &slot, Outcome outcome, std::int64_t now);
+  void erase(const Slot &slot);
+
+  // link_errors.cpp
+  [[nodiscard]] Slot *slot_of_error(const Reply &reply);
+  void make_room_for_stop(const Command &stop, std::int64_t now);
   void on_error(const Reply &reply, Slot *slot, Sequence sequence, std::int64_t now);
   void on_end_of_cancel(const Reply &reply, std::int64_t now);
   void on_refusal(Slot &slot, Outcome outcome, std::int64_t now);
   void on_buffer_full(Slot &slot, std::int64_t now);
   void on_abnormal_sequence(std::uint32_t sequence, std::int64_t now);
-  void accept(Slot &slot, Outcome outcome);
-  void release(Slot &slot, Outcome outcome, std::int64_t now);
-  void erase(const Slot &slot);
 
  public:
   Link(Wire &wire, LinkUser &user, Byte address, LinkOptions options)
@@ -221,7 +251,8 @@ class Link {
   [[nodiscard]] State state() const { return state_; }
   [[nodiscard]] Byte address() const { return address_; }
   [[nodiscard]] const LinkOptions &options() const { return options_; }
-  // A message was sent and its first reply is due.
+  // A message was sent and its first reply is due. For repeats the time is shorter: a camera that does not answer must
+  // not keep the line.
   [[nodiscard]] bool waits_for_reply(std::int64_t now) const;
   [[nodiscard]] bool has_in_camera(Group group) const;
   // A stop has no ACK yet.

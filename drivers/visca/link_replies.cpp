@@ -14,12 +14,7 @@ constexpr unsigned most_strangers = 4, most_first_strangers = 2;
 constexpr unsigned enough_matches = 4;
 constexpr std::int64_t next_stranger_us = 90'000;
 constexpr std::uint32_t recent_numbers = 64;
-constexpr std::int64_t full_us = 50'000, full_for_stop_us = 20'000;
-constexpr unsigned most_renumberings = 3;
-
-Outcome outcome_of(Byte code) {
-  return code == error_length || code == error_syntax ? Outcome::bad_syntax : Outcome::not_executable;
-}
+constexpr std::int64_t most_strays_us = 500'000;
 
 }  // namespace
 
@@ -128,27 +123,82 @@ void Link::release(Slot &slot, Outcome outcome, std::int64_t now) {
   erase(slot);
 }
 
+// A command that was sent n times may be acknowledged n times. As long after its first ACK as that took, further ones
+// may come.
+void Link::expect_strays(const Slot &slot, std::int64_t now) {
+  if (slot.sends < 2 || !matches_by_order()) return;
+  strays_ = (now > strays_until_us_ ? 0 : strays_) + slot.sends - 1;
+  strays_until_us_ = now + std::min(now - slot.first_us, most_strays_us);
+}
+
+bool Link::is_stray(const Slot &slot, std::int64_t now) {
+  if (strays_ == 0 || now > strays_until_us_ || slot.sends > strays_ + 1 || !slot.command.repeatable) return false;
+  --strays_;
+  return true;
+}
+
 void Link::on_ack(const Reply &reply, Slot *slot, std::int64_t now) {
+  has_acked_ = true;
   Slot *const holder = reply.socket != 0 ? slot_of_socket(reply.socket) : nullptr;
   if (slot == nullptr) {
-    if (holder != nullptr && now - holder->sent_us < duplicate_ack_us) return;
+    if (holder != nullptr && now - holder->sent_us < duplicate_ack_us) {
+      strays_ -= std::min(strays_, 1U);
+      return;
+    }
     slot = oldest_unacknowledged();
+    if (slot != nullptr && (is_stray(*slot, now) || hold_ack(*slot, reply.socket, now))) return;
   }
   if (slot != nullptr && slot->is_acknowledged && slot->socket == 0) slot->socket = reply.socket;
   if (slot == nullptr || slot->is_acknowledged) return;
+  acknowledge(*slot, reply.socket, now);
+}
+
+void Link::acknowledge(Slot &slot, Byte socket, std::int64_t now) {
   // The camera gives a socket again only after a completion, so that one was lost.
+  Slot *const holder = socket != 0 ? slot_of_socket(socket) : nullptr;
   if (holder != nullptr) release(*holder, Outcome::done, now);
   full_ = 0;
-  slot->is_acknowledged = true;
-  slot->socket = reply.socket;
-  const std::int64_t limit = slot->command.completion_limit;
-  slot->end_us = now + (limit != 0 ? limit : options_.completion_limit_us);
-  accept(*slot, slot->is_replaced ? Outcome::replaced : Outcome::done);
-  if (slot->command.stop) {
-    end_what_is_stopped(*slot, now);
-  } else if (slot->is_overtaken) {
-    stop_again(*slot, now);
+  expect_strays(slot, now);
+  slot.is_acknowledged = true;
+  slot.socket = socket;
+  const std::int64_t limit = slot.command.completion_limit;
+  slot.end_us = now + (limit != 0 ? limit : options_.completion_limit_us);
+  accept(slot, slot.is_replaced ? Outcome::replaced : Outcome::done);
+  if (slot.command.stop) {
+    end_what_is_stopped(slot, now);
+  } else if (slot.is_overtaken) {
+    stop_again(slot, now);
   }
+}
+
+std::size_t Link::unacknowledged_stops() const {
+  return static_cast<std::size_t>(
+      std::ranges::count_if(slots_, [](const Slot &slot) { return slot.command.stop && !slot.is_acknowledged; }));
+}
+
+// Several stops were sent at once, over datagrams without numbers: one ACK may be that of any of them. They are
+// acknowledged when as many ACKs have come since they were sent.
+bool Link::hold_ack(const Slot &oldest, Byte socket, std::int64_t now) {
+  const std::size_t stops = unacknowledged_stops();
+  if (!must_count_acks() || !oldest.command.stop || stops < 2) return false;
+  held_acks_.push_back({socket, false});
+  if (held_acks_.size() < stops) return true;
+  for (const HeldAck &held : std::exchange(held_acks_, {})) {
+    Slot *const slot = oldest_unacknowledged();
+    if (slot == nullptr) break;
+    acknowledge(*slot, held.socket, now);
+    if (held.is_completed) release(*slot, Outcome::done, now);
+  }
+  return true;
+}
+
+bool Link::complete_held(Byte socket) {
+  for (HeldAck &held : held_acks_) {
+    if (held.socket != socket || held.is_completed) continue;
+    held.is_completed = true;
+    return true;
+  }
+  return false;
 }
 
 // The stop holds: a motion that the camera has not ended by itself is cancelled.
@@ -175,18 +225,30 @@ void Link::stop_again(Slot &moved, std::int64_t now) {
 
 void Link::on_completion(const Reply &reply, Slot *slot, std::int64_t now) {
   if (slot == nullptr) slot = slot_of_socket(reply.socket);
+  if (slot == nullptr && complete_held(reply.socket)) return;
   if (slot == nullptr) {
     const bool is_duplicate = reply.socket != 0 && now - freed_us_[reply.socket] < duplicate_completion_us;
     slot = oldest_unacknowledged();
-    if (slot == nullptr || (is_duplicate && (!completes_without_ack_ || slot->command.stop))) return;
-    if (reply.socket != 0) completes_without_ack_ = true;
+    // A camera that has never sent an ACK completes each command, a stop too, at once in the same socket.
+    const bool tells_nothing_else = completes_without_ack_ && !has_acked_;
+    if (slot == nullptr) return;
+    if (is_duplicate && !tells_nothing_else && (!completes_without_ack_ || slot->command.stop)) return;
+    if (is_stray(*slot, now)) return;
+    expect_strays(*slot, now);
+    completes_without_ack_ = true;
   }
   accept(*slot, slot->is_replaced ? Outcome::replaced : Outcome::done);
   if (!slot->is_acknowledged) slot->socket = reply.socket;
   release(*slot, Outcome::done, now);
 }
 
+// A message that is repeated is answered as before: with a position from before the last command, perhaps.
+bool Link::is_outdated(const Question &question) const {
+  return options_.has_header && question.sends > 1 && commanded_us_ > question.first_us;
+}
+
 void Link::on_answer(const Reply &reply, Sequence sequence) {
+  has_answered_ = true;
   if (!asked_) return;
   const bool is_meant = sequence && !matches_by_order();
   if (is_meant && asked_->sequence != *sequence) return;
@@ -196,105 +258,16 @@ void Link::on_answer(const Reply &reply, Sequence sequence) {
     events_.push_back([this, kind = asked_->kind] { user_.on_no_answer(kind, Outcome::bad_syntax); });
     return asked_.reset();
   }
+  if (is_outdated(*asked_)) {
+    questions_.push_front(asked_->kind);
+    return asked_.reset();
+  }
   std::array<Byte, longest_packet> data = {};
   std::ranges::copy(reply.data, data.begin());
   events_.push_back([this, kind = asked_->kind, data, size = reply.data.size()] {
     user_.on_answer(kind, {data.data(), size});
   });
   asked_.reset();
-}
-
-void Link::on_error(const Reply &reply, Slot *slot, Sequence sequence, std::int64_t now) {
-  if (reply.code == error_cancelled || reply.code == error_no_socket) return on_end_of_cancel(reply, now);
-  const bool is_of_question = sequence && !matches_by_order() && asked_ && asked_->sequence == *sequence;
-  if (slot == nullptr && !is_of_question) {
-    slot = oldest_unacknowledged();
-    if (slot != nullptr && asked_ && asked_->order < slot->order) slot = nullptr;
-    if (slot == nullptr && !asked_ && reply.socket != 0) slot = slot_of_socket(reply.socket);
-  }
-  if (slot == nullptr) {
-    if (!asked_) return;
-    events_.push_back([this, kind = asked_->kind, why = outcome_of(reply.code)] { user_.on_no_answer(kind, why); });
-    return asked_.reset();
-  }
-  if (reply.code == error_buffer_full && !slot->is_acknowledged) return on_buffer_full(*slot, now);
-  on_refusal(*slot, outcome_of(reply.code), now);
-}
-
-// The camera has ended a command: by our cancel, or because it was replaced.
-void Link::on_end_of_cancel(const Reply &reply, std::int64_t now) {
-  Slot *slot = nullptr;
-  for (Slot &each : slots_) {
-    const bool is_named = each.is_acknowledged && each.socket == reply.socket;
-    if (is_named || (reply.socket == 0 && each.cancel_us != 0)) slot = &each;
-  }
-  if (slot == nullptr) return;
-  if (reply.code == error_no_socket && slot->cancel_us == 0) return;
-  release(*slot, Outcome::replaced, now);
-}
-
-void Link::on_refusal(Slot &slot, Outcome outcome, std::int64_t now) {
-  if (slot.is_acknowledged) return release(slot, outcome, now);
-  if (slot.command.stop && outcome == Outcome::not_executable) {
-    slot.is_refused = true;  // repeat() sends it again
-    return;
-  }
-  accept(slot, outcome);
-  erase(slot);
-}
-
-// The camera has commands that the link does not know of, such as those of an earlier run: they are cancelled if they
-// stay.
-void Link::on_buffer_full(Slot &slot, std::int64_t now) {
-  const std::int64_t pause_us = slot.command.stop ? full_for_stop_us : full_us;
-  Waiting again = {std::move(slot.command), slot.since_us, now + pause_us};
-  const bool is_replaced = slot.is_replaced;
-  erase(slot);
-  if (is_replaced && !again.command.stop) return tell(again.command.acknowledged, Outcome::replaced);
-  queue_.push_front(std::move(again));
-  if (++full_ % 2 != 0 || !slots_.empty()) return;
-  for (const Byte socket : {Byte{1}, Byte{2}}) {
-    transmit(cancel(address_, socket).bytes(), PayloadType::command, sequence_++, now);
-  }
-}
-
-void Link::control(ByteSpan payload, std::uint32_t sequence, std::int64_t now) {
-  if (state_ == State::down || payload.empty()) return;
-  hear(now);
-  const bool is_error = payload.size() >= 2 && payload[0] == control_error;
-  if (is_error && payload[1] == error_sequence_number) on_abnormal_sequence(sequence, now);
-  settle(now);
-}
-
-// If the message was sent once, the camera has not executed it: it was restarted, or accepts small numbers only. If it
-// was repeated, the camera has executed it, or an earlier copy was refused. All but relative moves may be sent again.
-void Link::on_abnormal_sequence(std::uint32_t sequence, std::int64_t now) {
-  Slot *slot = nullptr;
-  for (Slot &each : slots_) {
-    if (each.sequence == sequence) slot = &each;
-  }
-  const bool is_of_question = asked_ && asked_->sequence == sequence;
-  if (slot == nullptr && !is_of_question) {
-    if (has_matched_ && was_sent_lately(sequence)) return;
-    slot = oldest_unacknowledged();
-  }
-  if (slot != nullptr && slot->is_acknowledged) return;
-  if (slot != nullptr && slot->sends > 1 && !slot->command.repeatable) {
-    accept(*slot, Outcome::done);
-    return release(*slot, Outcome::done, now);
-  }
-  if (slot == nullptr && !asked_) return;
-  unsigned &renumbered = slot != nullptr ? slot->renumbered : asked_->renumbered;
-  // If a later message has overtaken it, the camera only wants a higher number.
-  const bool is_latest = (slot != nullptr ? slot->sequence : asked_->sequence) + 1 == sequence_;
-  if (++renumbered == 1 && is_latest) send_reset(now);
-  if (slot != nullptr) {
-    slot->needs_number = true;
-    if (renumbered <= most_renumberings) send_slot(*slot, now);
-  } else {
-    asked_->needs_number = true;
-    if (renumbered <= most_renumberings) send_question(now);
-  }
 }
 
 }  // namespace visca

@@ -11,9 +11,9 @@ namespace {
 
 constexpr std::size_t most_commands_in_camera = 2;
 // How long a message without a reply keeps others from being sent if replies are matched by order.
-constexpr std::int64_t first_reply_us = 150'000;
+constexpr std::int64_t first_reply_us = 150'000, reply_to_repeat_us = 60'000;
 constexpr std::int64_t stop_waits_for_room_us = 100'000;
-constexpr std::int64_t room_limit_us = 3'000'000;
+constexpr std::int64_t room_limit_us = 3'000'000, short_command_us = 1'000'000;
 constexpr std::int64_t repeat_question_us = 150'000;
 
 // Category and number of a command: what it does, without its values.
@@ -24,8 +24,10 @@ std::uint16_t kind_of(const Command &command) {
 
 }  // namespace
 
+// A camera that answers no inquiry at all is not lost for it.
 void Link::transmit(ByteSpan packet, PayloadType type, std::uint32_t sequence, std::int64_t now) {
-  if (unanswered_++ == 0) unanswered_since_us_ = now;
+  const bool may_be_ignored = type == PayloadType::inquiry && !has_answered_ && state_ == State::up;
+  if (!may_be_ignored && unanswered_++ == 0) unanswered_since_us_ = now;
   wire_.send(packet, type, sequence);
 }
 
@@ -38,7 +40,7 @@ void Link::send_reset(std::int64_t now) {
 }
 
 void Link::send_slot(Slot &slot, std::int64_t now) {
-  slot.sent_us = now;
+  slot.sent_us = commanded_us_ = now;
   ++slot.sends;
   if (std::exchange(slot.needs_number, false)) slot.sequence = sequence_++;
   transmit(slot.command.packet.bytes(), PayloadType::command, slot.sequence, now);
@@ -58,6 +60,7 @@ void Link::send_cancel(Slot &slot, std::int64_t now) {
 
 void Link::send_question(std::int64_t now) {
   asked_->sent_us = now;
+  ++asked_->sends;
   if (std::exchange(asked_->needs_number, false)) asked_->sequence = sequence_++;
   transmit(inquiry(address_, asked_->kind).bytes(), PayloadType::inquiry, asked_->sequence, now);
 }
@@ -69,12 +72,29 @@ void Link::ask(std::int64_t now) {
 }
 
 bool Link::waits_for_reply(std::int64_t now) const {
-  if (asked_ && now - asked_->sent_us < first_reply_us) return true;
+  if (asked_ && now - asked_->first_us < first_reply_us) return true;
+  return std::ranges::any_of(slots_, [&](const Slot &slot) {
+    return !slot.is_acknowledged && now - slot.sent_us < (slot.sends > 1 ? reply_to_repeat_us : first_reply_us);
+  });
+}
+
+// By order, the ACK of one command would be taken for that of another.
+bool Link::waits_for_ack(std::int64_t now) const {
+  if (asked_ && now - asked_->first_us < first_reply_us) return true;
   return std::ranges::any_of(
       slots_, [&](const Slot &slot) { return !slot.is_acknowledged && now - slot.sent_us < first_reply_us; });
 }
 
+// A replaced motion whose socket the camera did not name cannot be cancelled: nothing is won by waiting for its end.
+void Link::release_replaced(std::int64_t now) {
+  for (auto next = slots_.begin(); next != slots_.end();) {
+    Slot &slot = *next++;
+    if (slot.is_acknowledged && slot.is_replaced && slot.socket == 0) release(slot, Outcome::replaced, now);
+  }
+}
+
 void Link::pump(std::int64_t now) {
+  release_replaced(now);
   std::array<bool, 5> held = {};  // groups with an earlier command that still waits
   for (auto waiting = queue_.begin(); waiting != queue_.end();) {
     bool &is_held = held[static_cast<std::size_t>(waiting->command.group)];
@@ -95,7 +115,7 @@ bool Link::may_send(const Waiting &waiting, std::int64_t now) {
   if (now < waiting.not_before_us) return false;
   if (waiting.command.stop) return state_ != State::resetting && has_room(waiting, now);
   if (state_ != State::up || !group_is_ready(waiting.command, now) || !has_room(waiting, now)) return false;
-  return wire_.is_free_for(*this) && (!matches_by_order() || !waits_for_reply(now));
+  return wire_.is_free_for(*this) && (!matches_by_order() || !waits_for_ack(now));
 }
 
 // A motion that a stop overtook and that has no ACK was lost, most likely. It is kept because its ACK may still come.
@@ -105,11 +125,21 @@ std::size_t Link::slots_in_use(std::int64_t now) const {
   }));
 }
 
+// The completion of a command that is no motion, such as a switch, is taken for lost after a while.
+void Link::release_short(std::int64_t now) {
+  for (auto next = slots_.begin(); next != slots_.end();) {
+    Slot &slot = *next++;
+    const bool is_short = (!slot.command.motion || slot.command.continuous) && slot.command.completion_limit == 0;
+    if (is_short && slot.is_acknowledged && now - slot.sent_us >= short_command_us) release(slot, Outcome::done, now);
+  }
+}
+
 // If there is none, a motion that is replaced anyway is cancelled, and for a stop any motion of its group.
 bool Link::has_room(const Waiting &waiting, std::int64_t now) {
+  if (slots_in_use(now) >= most_commands_in_camera) release_short(now);
   if (slots_in_use(now) < most_commands_in_camera) return true;
   for (Slot &slot : slots_) {
-    if (slot.is_acknowledged && slot.is_replaced && slot.cancel_us == 0) send_cancel(slot, now);
+    if (slot.is_acknowledged && slot.is_replaced && slot.socket != 0 && slot.cancel_us == 0) send_cancel(slot, now);
   }
   return waiting.command.stop && now - waiting.since_us >= stop_waits_for_room_us;
 }
@@ -124,7 +154,7 @@ bool Link::group_is_ready(const Command &command, std::int64_t now) {
       // With sequence numbers, continuous motions need not wait for each other: the camera drops one that comes late.
       const bool may_follow = slot.command.continuous && command.continuous && !matches_by_order();
       if (!slot.is_overtaken && !may_follow) is_ready = false;
-    } else if (slot.command.motion && !slot.command.continuous) {
+    } else if (slot.command.motion && !slot.command.continuous && slot.socket != 0) {
       if (slot.cancel_us == 0) send_cancel(slot, now);
       is_ready = false;
     }
@@ -156,9 +186,24 @@ bool Link::is_abandoned(const Slot &slot, std::int64_t now) const {
   return slot.is_replaced && !slot.is_overtaken && !slot.command.stop && now - slot.sent_us >= repeat_interval(slot);
 }
 
+std::int64_t Link::repeat_time(const Slot &slot) const {
+  std::int64_t sent_us = slot.sent_us;
+  if (slot.command.stop && must_count_acks()) {
+    for (const Slot &other : slots_) {
+      if (other.command.stop && !other.is_acknowledged) sent_us = std::max(sent_us, other.sent_us);
+    }
+  }
+  return sent_us + repeat_interval(slot);
+}
+
 void Link::repeat(std::int64_t now) {
+  std::vector<Slot *> due;
   for (Slot &slot : slots_) {
-    if (!is_repeated(slot) || now - slot.sent_us < repeat_interval(slot)) continue;
+    if (is_repeated(slot) && now >= repeat_time(slot)) due.push_back(&slot);
+  }
+  for (Slot *const each : due) {
+    Slot &slot = *each;
+    if (slot.command.stop) held_acks_.clear();
     // A refused stop would get its old answer again, and a number that was abnormal stays so.
     if (slot.is_refused || (slot.renumbered > 0 && slot.command.repeatable)) slot.needs_number = true;
     send_slot(slot, now);
@@ -219,13 +264,21 @@ std::int64_t Link::deadline(std::int64_t now) const {
       consider(slot.cancel_us != 0 ? std::min(slot.end_us, slot.cancel_us + cancel_limit_us) : slot.end_us);
     } else {
       consider(limit_of(slot));
-      if (is_repeated(slot) || (slot.is_replaced && now - slot.sent_us < repeat_interval(slot)))
+      if (is_repeated(slot)) consider(repeat_time(slot));
+      if (slot.is_replaced && now - slot.sent_us < repeat_interval(slot)) {
         consider(slot.sent_us + repeat_interval(slot));
+      }
     }
   }
   const bool waits = matches_by_order() && (!queue_.empty() || !questions_.empty());
   for (const Slot &slot : slots_) {
-    if (waits && !slot.is_acknowledged && now - slot.sent_us < first_reply_us) consider(slot.sent_us + first_reply_us);
+    if (!waits || slot.is_acknowledged) continue;
+    if (now - slot.sent_us < first_reply_us) consider(slot.sent_us + first_reply_us);
+    if (slot.sends > 1 && now - slot.sent_us < reply_to_repeat_us) consider(slot.sent_us + reply_to_repeat_us);
+  }
+  for (const Slot &slot : slots_) {
+    if (queue_.empty() || !slot.is_acknowledged) continue;
+    if (now < slot.sent_us + short_command_us) consider(slot.sent_us + short_command_us);
   }
   for (const Waiting &waiting : queue_) {
     if (now < waiting.not_before_us) consider(waiting.not_before_us);
@@ -236,8 +289,8 @@ std::int64_t Link::deadline(std::int64_t now) const {
   }
   if (asked_) {
     consider(asked_->first_us + options_.inquiry_limit_us);
-    const std::int64_t repeat_us = asked_->sent_us + repeat_question_us;
-    if (options_.loses_packets || (waits && now < repeat_us)) consider(repeat_us);
+    if (options_.loses_packets) consider(asked_->sent_us + repeat_question_us);
+    if (waits && now - asked_->first_us < first_reply_us) consider(asked_->first_us + first_reply_us);
   }
   if (state_ == State::up && unanswered_ > 0 && unanswered_since_us_ + silence_us > now) {
     consider(unanswered_since_us_ + silence_us);

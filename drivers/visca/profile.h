@@ -47,6 +47,7 @@ struct AxisScale {
 struct Profile {
   AxisScale pan, tilt;
   unsigned pan_nibbles = 4;
+  bool pan_nibbles_are_set = false;  // by the settings, against what the camera says
   ZoomTable zoom;
   double zoom_seconds = 2.5;  // from one end to the other at the highest speed
   unsigned memories = 16;

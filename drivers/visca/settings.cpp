@@ -47,10 +47,14 @@ constexpr Declared camera_settings[] = {
     {"TiltMaxSpeed", text, "", 0, 31, "Highest tilt speed in degrees a second; empty for the profile's"},
     {"PanSpeedSteps", number, "0", 0, 127, "Number of the highest pan speed; 0 asks the camera"},
     {"TiltSpeedSteps", number, "0", 0, 127, "Number of the highest tilt speed; 0 asks the camera"},
-    {"PanNibbles", number, "4", 4, 5, "Nibbles of a pan position"},
+    {"PanNibbles", number, "0", 0, 5, "Nibbles of a pan position, 4 or 5; 0 for as many as the camera's answer has"},
     {"ZoomTable", text, "", 0, longest_text,
      "Zoom positions by magnification, such as 1=0, 2=0x1606; empty for the profile's"},
     {"ZoomSeconds", text, "", 0, 31, "Seconds from wide to tele; empty for the profile's"},
+    {"Zoom", flag, "yes", 0, 0, "The camera has a zoom lens"},
+    {"Focus", text, "auto", 0, 7, "The camera has a focus motor: yes, no, or auto, which asks the camera"},
+    {"Iris", flag, "yes", 0, 0, "The camera has an iris"},
+    {"IrCutFilter", flag, "yes", 0, 0, "The camera has an infrared cut filter"},
     {"FocusNear", number, "0xF000", 0, 65535, "Focus position of the nearest distance"},
     {"FocusFar", number, "0x1000", 0, 65535, "Focus position of infinity"},
     {"IrisMaximum", number, "17", 1, 255, "Iris position that is fully open"},
@@ -168,7 +172,19 @@ CameraSettings read_camera(Reader reader, Byte camera, TransportKind kind) {
   profile = found ? *found : *find_profile("generic");
   read_axis(reader, "Pan", profile.pan);
   read_axis(reader, "Tilt", profile.tilt);
-  profile.pan_nibbles = static_cast<unsigned>(reader.integer("PanNibbles"));
+  if (const auto nibbles = static_cast<unsigned>(reader.integer("PanNibbles")); nibbles >= 4) {
+    profile.pan_nibbles = nibbles;
+    profile.pan_nibbles_are_set = true;
+  } else if (nibbles != 0) {
+    reader.complain("PanNibbles", "it is 4, 5, or 0");
+  }
+  settings.head.has_zoom = reader.boolean("Zoom");
+  settings.has_iris = reader.boolean("Iris");
+  settings.has_ir_cut_filter = reader.boolean("IrCutFilter");
+  settings.focus = reader.string("Focus");
+  if (settings.focus != "auto" && settings.focus != "yes" && settings.focus != "no") {
+    reader.complain("Focus", "\"" + settings.focus + "\" is not yes, no or auto");
+  }
   profile.zoom_seconds = reader.real("ZoomSeconds", profile.zoom_seconds, 0.1, 60);
   profile.focus_near = static_cast<std::int32_t>(reader.integer("FocusNear"));
   profile.focus_far = static_cast<std::int32_t>(reader.integer("FocusFar"));

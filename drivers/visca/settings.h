@@ -14,6 +14,8 @@ struct RawAuxiliary {
 
 struct CameraSettings {
   HeadOptions head;
+  bool has_iris = true, has_ir_cut_filter = true;
+  std::string focus = "auto";  // whether it has a focus motor: yes, no, auto
   std::vector<RawAuxiliary> auxiliaries;
   // Of the second and further cameras of a serial line.
   std::string socket, state;

@@ -35,6 +35,7 @@ struct IpOptions {
   std::uint16_t local_port = 0;  // of datagrams; 0: any
 };
 
+using TransportMaker = std::unique_ptr<Transport> (*)(const Address &, const IpOptions &, TransportUser &);
 [[nodiscard]] std::unique_ptr<Transport> make_transport(const Address &address, const IpOptions &options,
                                                         TransportUser &user);
 

@@ -40,6 +40,16 @@ void State::axis_runs(std::size_t axis, std::int32_t speed) {
   if (is_open) ptz_kit_driver_report_speed(driver, kit_axis(axis), speed);
 }
 
+void State::focus_mode_is(bool automatic) {
+  auto_focus = automatic ? PTZ_ENABLE_ON : PTZ_ENABLE_OFF;
+  ptz_kit_driver_report_flag(driver, PTZ_SC_PARAM_VARIOUS_AUTO_FOCUS, automatic ? TRUE : FALSE);
+}
+
+// Only announced: requests still go to the camera.
+void State::head_lacks_focus() {
+  if (camera.focus == "auto") ptz_kit_driver_remove_capabilities(driver, focus_capabilities, 0);
+}
+
 void State::begin_starting() {
   const auto run = [](gpointer state) -> gboolean {
     static_cast<State *>(state)->start_timer.ended();
@@ -112,9 +122,14 @@ void set_axes(State &state) {
     ptz_kit_driver_set_axis(state.driver, kit_axis(axis), scale.hundredths_of(scale.minimum),
                             scale.hundredths_of(scale.maximum), static_cast<gint32>(scale.max_speed * 100), 0);
   }
-  ptz_kit_driver_set_axis(state.driver, PTZ_KIT_AXIS_ZOOM, profile.zoom.least(), profile.zoom.most(),
-                          profile.zoom_speed(), profile.zoom.least());
-  ptz_kit_driver_add_capabilities(state.driver, image_capabilities, 0);
+  if (state.camera.head.has_zoom) {
+    ptz_kit_driver_set_axis(state.driver, PTZ_KIT_AXIS_ZOOM, profile.zoom.least(), profile.zoom.most(),
+                            profile.zoom_speed(), profile.zoom.least());
+  }
+  const guint32 capabilities = (state.camera.focus != "no" ? focus_capabilities : 0) |
+                               (state.camera.has_iris ? iris_capabilities : 0) |
+                               (state.camera.has_ir_cut_filter ? filter_capabilities : 0);
+  ptz_kit_driver_add_capabilities(state.driver, capabilities, 0);
   state.auxiliaries.assign(state.camera.auxiliaries.size(), false);
   state.begin_starting();
   state.is_open = true;
@@ -140,6 +155,7 @@ gboolean open(PTZKitDriver *self, GError **error) {
     if (index > 0) state.others.emplace_back(driver);
     State &of = state_of(driver);
     of.camera = state.settings->cameras[index];
+    of.camera.head.asks_focus = of.camera.focus != "no";
     of.head = std::make_unique<Head>(of, of.camera.head);
     state.line->add_camera(static_cast<Byte>(index + 1), *of.head);
   }
@@ -230,7 +246,11 @@ void query_position(PTZKitDriver *self, PTZKitReply *reply) {
   PTZKitQueryPositionReply message = {};
   for (std::size_t axis = 0; axis < axis_count; ++axis) {
     message.position[axis] = ptz_kit_driver_get_position(self, kit_axis(axis));
-    message.status[axis] = head.is_moving(axis) ? PTZ_MOVE_STATUS_MOVING : PTZ_MOVE_STATUS_IDLE;
+    // A camera may tell pan and tilt only.
+    const bool is_missing = axis == zoom_axis && !state.camera.head.has_zoom;
+    message.status[axis] = !head.knows(axis) && !is_missing ? PTZ_MOVE_STATUS_UNKNOWN
+                           : head.is_moving(axis)           ? PTZ_MOVE_STATUS_MOVING
+                                                            : PTZ_MOVE_STATUS_IDLE;
   }
   ptz_kit_reply_query_position(reply, &message);
 }

@@ -188,13 +188,15 @@ void Camera::drive(const Sender &sender, const Packet &packet) {
 
 void Camera::go(const Sender &sender, const Packet &packet, bool relative) {
   const int pan_step = packet[4], tilt_step = packet[5];
-  int pan = signed16(packet, 6), tilt = signed16(packet, 10);
+  // The highest nibble of five is that of the sign.
+  const std::size_t at = options_.quirks.has(Quirk::five_nibbles) ? 7 : 6;
+  int pan = signed16(packet, at), tilt = signed16(packet, at + 4);
   if (relative) {
     pan = pan_.clamped(pan + pan_.position());
     tilt = tilt_.clamped(tilt + tilt_.position());
   }
   const bool is_good = pan_step >= 1 && pan_step <= most_pan_step && tilt_step >= 1 && tilt_step <= most_tilt_step &&
-                       all_nibbles(packet, 6, 8) && pan_.contains(pan) && tilt_.contains(tilt);
+                       all_nibbles(packet, at, 8) && pan_.contains(pan) && tilt_.contains(tilt);
   if (!is_good) return error(sender, 0, 0x02);
   replace(Work::pan_tilt);
   pan_.go_to(pan, pan_speed * options_.speed_factor * pan_step / most_pan_step);
@@ -208,7 +210,9 @@ void Camera::handle_pan_tilt(const Sender &sender, const Packet &packet) {
       return packet.size() == 9 ? drive(sender, packet) : error(sender, 0, 0x01);
     case 0x02:
     case 0x03:
-      return packet.size() == 15 ? go(sender, packet, packet[3] == 0x03) : error(sender, 0, 0x01);
+      return packet.size() == (options_.quirks.has(Quirk::five_nibbles) ? 16U : 15U)
+                 ? go(sender, packet, packet[3] == 0x03)
+                 : error(sender, 0, 0x01);
     case 0x04:
     case 0x05:
       if (packet.size() != 5) return error(sender, 0, 0x01);

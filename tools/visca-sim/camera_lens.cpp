@@ -75,7 +75,13 @@ void Camera::handle_inquiry(const Sender &sender, const Packet &packet) {
   const unsigned what = static_cast<unsigned>(packet[2]) << 8 | packet[3];
   const bool is_position = what == 0x0447 || what == 0x0448 || what == 0x0612;
   if (is_position && options_.quirks.has(Quirk::no_answers)) return;
-  if (is_position && options_.quirks.has(Quirk::no_position)) return error(sender, 0, 0x02);
+  if (options_.quirks.has(Quirk::no_inquiries)) return;
+  const bool is_of_focus = what == 0x0448 || what == 0x0438;
+  if ((is_position && options_.quirks.has(Quirk::no_position)) ||
+      (what == 0x0447 && options_.quirks.has(Quirk::no_zoom_position)) ||
+      (is_of_focus && options_.quirks.has(Quirk::no_focus))) {
+    return error(sender, 0, 0x02);
+  }
   if (!on_ && what != 0x0002 && what != 0x0400) return error(sender, 1, 0x41);
   Packet answer = {0x50};
   switch (what) {
@@ -101,6 +107,7 @@ void Camera::handle_inquiry(const Sender &sender, const Packet &packet) {
       answer.insert(answer.end(), {0x18, 0x14});
       break;
     case 0x0612:
+      if (options_.quirks.has(Quirk::five_nibbles)) answer.push_back(pan_.position() < 0 ? 0x0f : 0x00);
       append16(answer, pan_.position());
       append16(answer, tilt_.position());
       break;

@@ -33,6 +33,10 @@ constexpr Row rows[] = {
     {"noise", "three random bytes precede every reply, on streams"},
     {"endless", "5000 bytes without a terminator precede the first reply, on streams"},
     {"cut-off", "every fifth reply ends in its middle"},
+    {"no-zoom-position", "the inquiry of the zoom position is a syntax error"},
+    {"no-inquiries", "no inquiry is answered"},
+    {"no-focus", "the inquiries of the focus are syntax errors"},
+    {"five-nibbles", "positions of pan have five nibbles"},
 };
 static_assert(std::size(rows) == static_cast<std::size_t>(Quirk::count));
 

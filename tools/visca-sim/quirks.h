@@ -29,6 +29,10 @@ enum class Quirk : unsigned {
   noise,             // three random bytes precede every reply on streams
   endless,           // a message of 5000 bytes precedes the first reply on streams
   cut_off,           // every fifth reply ends in its middle
+  no_zoom_position,  // the inquiry of the zoom position is a syntax error
+  no_inquiries,      // no inquiry is answered
+  no_focus,          // the inquiries of the focus are syntax errors
+  five_nibbles,      // positions of pan have five nibbles
   count
 };
 

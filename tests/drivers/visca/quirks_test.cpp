@@ -76,6 +76,8 @@ const Case cases[] = {
     {"endless", "tcp"},
     {"cut-off", "serial"},
     {"cut-off", "udp"},
+    {"no-focus", "udp"},
+    {"five-nibbles", "udp"},
 };
 INSTANTIATE_TEST_SUITE_P(Visca, EachQuirk, testing::ValuesIn(cases), name_of);
 
@@ -98,6 +100,101 @@ TEST_P(WithoutPosition, MovesAndSaysThatThePositionIsUnknown) {
 const Case blind[] = {{"no-position", "udp"}, {"no-position", "serial"}, {"no-answers", "udp"}, {"no-answers", "tcp"}};
 INSTANTIATE_TEST_SUITE_P(Visca, WithoutPosition, testing::ValuesIn(blind), name_of);
 
+class WithoutInquiries : public testing::TestWithParam<const char *> {};
+
+TEST_P(WithoutInquiries, MovesAndStops) {
+  CameraAndDriver both(GetParam());
+  both.start_camera({"--quirk", "no-inquiries"});
+  both.start_driver();
+  ASSERT_TRUE(ptz_test::run_until([&] { return both.command(PTZ_MOVE_CMD_LEFT); })) << both.last_error();
+  EXPECT_TRUE(both.stop()) << both.last_error() << both.log();
+  Position position;
+  bool moves = false;
+  EXPECT_FALSE(both.ask(position, moves));
+}
+
+std::string transport_name(const testing::TestParamInfo<const char *> &info) {
+  std::string name = info.param;
+  std::erase(name, '-');
+  return name;
+}
+INSTANTIATE_TEST_SUITE_P(Visca, WithoutInquiries, testing::Values("udp", "udp-raw", "tcp", "serial"), transport_name);
+
+TEST(ViscaQuirks, CameraWithoutZoomPositionTellsPanAndTilt) {
+  CameraAndDriver both("udp");
+  both.start({"--quirk", "no-zoom-position"});
+  ASSERT_TRUE(both.go_to({1500, 750, 200})) << both.last_error();
+  ASSERT_TRUE(ptz_test::run_until([&] {
+    Position position = {};
+    bool moves = true;
+    return both.ask(position, moves) && !moves && position[0] == 1500 && position[1] == 750;
+  })) << both.last_error();
+  PTZKitQueryPositionReply *reply = ptz_kit_link_query_position(both.link(), deadline_ms, nullptr, nullptr);
+  ASSERT_NE(reply, nullptr);
+  EXPECT_EQ(reply->status[2], PTZ_MOVE_STATUS_UNKNOWN);
+  ptz_kit_query_position_reply_free(reply);
+}
+
+guint32 move_capabilities(CameraAndDriver &both) {
+  PTZKitGetCapabilitiesReply *reply = ptz_kit_link_get_capabilities(both.link(), deadline_ms, nullptr, nullptr);
+  const guint32 move = reply != nullptr ? reply->move : 0;
+  ptz_kit_get_capabilities_reply_free(reply);
+  return move;
+}
+
+TEST(ViscaQuirks, FocusIsAnnouncedUnlessTheCameraRefusesItsInquiries) {
+  for (const char *quirk : {"no-focus", "joined"}) {
+    CameraAndDriver both("udp");
+    both.start({"--quirk", quirk});
+    const bool expected = std::string(quirk) != "no-focus";
+    EXPECT_TRUE(ptz_test::run_until([&] {
+      return ((move_capabilities(both) & PTZ_DRIVER_MOVE_CAPABILITIES_FOCUS) != 0) == expected;
+    })) << quirk;
+    EXPECT_NE(move_capabilities(both) & PTZ_DRIVER_MOVE_CAPABILITIES_IRIS, 0U);
+  }
+}
+
+TEST(ViscaQuirks, SettingsDenyWhatTheCameraHasNot) {
+  CameraAndDriver both("udp");
+  std::ofstream(both.file("settings")) << "[Camera1]\nZoom=no\nIris=no\nFocus=no\nIrCutFilter=no\n";
+  both.start({}, {"--config", both.file("settings")});
+  const guint32 move = move_capabilities(both);
+  EXPECT_EQ(move & (PTZ_DRIVER_MOVE_CAPABILITIES_FOCUS | PTZ_DRIVER_MOVE_CAPABILITIES_IRIS |
+                    PTZ_DRIVER_MOVE_CAPABILITIES_IRCUTFILTER | PTZ_DRIVER_MOVE_CAPABILITIES_ZOOM),
+            0U);
+  ASSERT_TRUE(both.move(PTZ_MOVE_ABSOLUTE, 3, {1500, 750, 0})) << both.last_error();
+  EXPECT_EQ(both.rest(), (Position{1500, 750, 0}));
+  EXPECT_FALSE(both.move(PTZ_MOVE_ABSOLUTE, 4, {0, 0, 200}));
+  EXPECT_TRUE(both.command(PTZ_MOVE_CMD_HOME)) << both.last_error();
+  EXPECT_TRUE(both.stop());
+  EXPECT_EQ(both.received("81 01 04 07 00 FF"), 0U);
+  EXPECT_EQ(both.received("81 09 04 47 FF"), 0U);
+}
+
+bool set_focus(CameraAndDriver &both, gint32 speed) {
+  PTZKitImageRequest request = {};
+  request.focus_kind = PTZ_MOVE_CONTINUOUS;
+  request.focus = speed;
+  request.iris_kind = request.brightness_kind = PTZ_MOVE_NONE;
+  request.auto_focus = request.auto_iris = request.backlight = PTZ_ENABLE_NONE;
+  request.ir_cut_filter = PTZ_AUTO_ENABLE_NONE;
+  PTZKitImageReply *reply = ptz_kit_link_image(both.link(), &request, deadline_ms, nullptr, nullptr);
+  const bool good = reply != nullptr;
+  ptz_kit_image_reply_free(reply);
+  return good;
+}
+
+TEST(ViscaQuirks, FocusRunsAndStops) {
+  CameraAndDriver both("udp");
+  both.start();
+  ASSERT_TRUE(set_focus(both, 10000));
+  ASSERT_TRUE(set_focus(both, -5000));
+  ASSERT_TRUE(set_focus(both, 0));
+  EXPECT_EQ(both.received("81 01 04 08 27 FF"), 1U) << both.log();
+  EXPECT_EQ(both.received("81 01 04 08 33 FF"), 1U);
+  EXPECT_EQ(both.received("81 01 04 08 00 FF"), 1U);
+}
+
 class BadNetwork : public testing::TestWithParam<const char *> {};
 
 TEST_P(BadNetwork, LossDuplicatesAndReorderingChangeNoResult) {
@@ -115,11 +212,7 @@ TEST_P(BadNetwork, LossDuplicatesAndReorderingChangeNoResult) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Visca, BadNetwork, testing::Values("udp", "udp-raw"), [](const auto &info) {
-  std::string name = info.param;
-  std::erase(name, '-');
-  return name;
-});
+INSTANTIATE_TEST_SUITE_P(Visca, BadNetwork, testing::Values("udp", "udp-raw"), transport_name);
 
 }  // namespace
 }  // namespace visca_test
