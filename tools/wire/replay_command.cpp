@@ -164,7 +164,7 @@ std::optional<int> misuse_of(const Options &options, const Switches &switches) {
   if (switches.as_driver && compares) {
     return options.misused("--as-driver compares no replies: it takes no --ignore, --exact and --tolerance");
   }
-  if (switches.as_driver && !options.socket_path() != nullptr) return options.misused("--as-driver needs a --socket");
+  if (switches.as_driver && options.socket_path() == nullptr) return options.misused("--as-driver needs a --socket");
   return std::nullopt;
 }
 
