@@ -139,6 +139,22 @@ TEST_F(MonitorSocket, IsMadeAnewWhenBothFilesWereRemoved) {
   EXPECT_TRUE(ptz_test::run_until([&] { return monitor.frames.size() == 2; }));
 }
 
+TEST_F(MonitorSocket, OfDriverThatWasStartedAgainIsMadeAnewToo) {
+  start();
+  for (int i = 0; i < 3; ++i) {
+    client_.reset();
+    ptz_kit_driver_stop(kit());
+    start();
+  }
+  const auto is_back = [](const std::string &path) {
+    return ptz_test::run_until([&] { return mode_of(path) != "none"; });
+  };
+  g_unlink(path_.c_str());
+  EXPECT_TRUE(is_back(path_));
+  g_unlink(monitor_path_.c_str());
+  EXPECT_TRUE(is_back(monitor_path_));
+}
+
 TEST_F(MonitorSocket, NinthMonitorIsToldBusy) {
   start();
   std::vector<ptz_test::Descriptor> peers;
