@@ -217,6 +217,13 @@ TEST_F(SlowSubscriber, ThatDoesNotReadDoesNotKeepTheMainLoopAwake) {
   EXPECT_LT(ptz_test::iterations_within(100), 50);
 }
 
+TEST_F(SlowSubscriber, ThatHasReceivedEverythingDoesNotKeepTheMainLoopAwake) {
+  start();
+  subscribe_slowly();
+  ask(ask_name);
+  EXPECT_LT(ptz_test::iterations_within(100), 50);
+}
+
 TEST_F(MonitorSubscription, HistoryKeepsTheLastFramesThatFit) {
   make();
   g_object_set(driver_, "monitor-history", 1000U, nullptr);
