@@ -637,6 +637,7 @@ PTZ_KIT_API void ptz_kit_driver_stop (PTZKitDriver *self);
  *     --config FILE      read settings; may be given several times
  *     --state FILE       keep presets in this file
  *     --check-settings   read the settings, tell what is wrong with them, unknown keys included, and end
+ *     --version          print the name of the driver and the version of the kit, and end
  *     --verbose          log every request
  *
  * Thread: the one of the default main context.

@@ -15,11 +15,11 @@ import time
 
 SECTION = re.compile(r"^### `(.*?)`\n(.*?)(?=^##)", re.MULTILINE | re.DOTALL)
 BLOCK = re.compile(r"^```(\S+)(?: (\S+))?\n(.*?)^```$", re.MULTILINE | re.DOTALL)
-# Below these, the names are those of other documents, or of the user.
+#Below these, the names are those of other documents, or of the user.
 OPEN = {"values", "fields", "entries", "parameters", "groups", "changes", "not_applicable_by_reason", "pan", "tilt", "zoom"}
-# Their own tests run them; here their examples are checked.
+#Their own tests run them; here their examples are checked.
 NOT_RUN = {"ptzctl record", "ptzctl replay", "ptzctl report"}
-# What others need is made first, and removed last.
+#What others need is made first, and removed last.
 FIRST = ["ptzctl driver presets store", "ptzctl param set", "ptzctl param create", "ptzctl param backup",
          "ptzctl config set", "ptzctl config add"]
 LAST = ["ptzctl param delete", "ptzctl param restore"]
@@ -31,7 +31,8 @@ class System:
     def __init__(self, folder, programs, settings):
         self.folder, self.programs, self.settings = folder, programs, settings
         self.children = []
-        os.environ.update({name: folder for name in
+        os.environ.update({
+name: folder for name in
                            ("PTZ_PLATFORM_RUNTIME_DIR", "PTZ_PLATFORM_STATE_DIR", "PTZ_PLATFORM_TEMPLATE_DIR")})
         os.environ["LC_ALL"] = "C.UTF-8"
 
@@ -143,7 +144,6 @@ def names_in(value):
             yield name
             if name not in OPEN:
                 yield from names_in(member)
-
 
 def objects_in(text):
     decoder, at = json.JSONDecoder(), 0

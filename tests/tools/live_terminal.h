@@ -146,9 +146,10 @@ class Terminal {
       int status = 0;
       if (waitpid(child_, &status, WNOHANG) == child_) {
         child_ = -1;
+        EXPECT_FALSE(WIFSIGNALED(status)) << "signal " << WTERMSIG(status);
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
       }
-      read_some(10);
+      if (!read_some(10)) usleep(10'000);  // once it has left the terminal, there is nothing to wait for
     }
     return -1;
   }

@@ -181,7 +181,7 @@ TEST_F(LiveTop, OnATerminalKeysSortFilterPauseAndQuit) {
   Terminal top(fast, 24, 120);
   ASSERT_TRUE(top.until("ptzctl top: 2 drivers, 1 client, by requests")) << top.text();
   ASSERT_TRUE(top.until("sim-driver:1") && top.until("sim-driver:2")) << top.text();
-  EXPECT_TRUE(top.has("q quit  space pause")) << top.text();
+  EXPECT_TRUE(top.until("q quit  space pause")) << top.text();
   top.type("n");
   EXPECT_TRUE(top.until([&] { return top.has("by name") && top.line(2).find("sim-driver:1") == 0; })) << top.text();
   top.type("e");
