@@ -69,11 +69,27 @@ TEST_F(WireReplayToSimulatedDriver, DifferenceIsToldByFrameCommandAndField) {
 TEST_F(WireReplayToSimulatedDriver, JsonHasDifferencesAndSummary) {
   made.request(request_of(ask_name));
   made.reply(name_reply("other"));
+  made.request(request_of(ask_position));
+  made.reply(position_reply("[7, 0, 100]"));
   const Result result = replay({"--fast", "--json"});
-  EXPECT_EQ(
-      result.text,
-      "{\"frame\":2,\"client\":1,\"command\":\"Get driver name\",\"field\":\"name\",\"recorded\":\"\\\"other\\\"\","
-      "\"received\":\"\\\"sim-driver\\\"\"}\n{\"requests\":1,\"compared\":1,\"differences\":1}\n");
+  EXPECT_EQ(result.text, R"({"frame":2,"client":1,"command":"Get driver name","field":"name","recorded":"other",)"
+                         R"("received":"sim-driver"})"
+                         "\n"
+                         R"({"frame":4,"client":1,"command":"Query position","field":"position.pan","recorded":7,)"
+                         R"("received":0})"
+                         "\n"
+                         R"({"requests":2,"compared":2,"differences":2})"
+                         "\n");
+}
+
+TEST_F(WireReplayToSimulatedDriver, ValueOfParameterWithNameOfSecretIsHidden) {
+  made.request(request_of("{'command': <'get_driver_parameters'>}"));
+  made.reply(reply_of(
+      "{'command': <'get_driver_parameters'>, 'parameters': <[{'group': <1>, 'name': <'WlanPassword'>, 'label': "
+      "<''>, 'value': <'x1y2z3'>, 'kind': <2>, 'flags': <0>, 'range': <''>}]>}"));
+  const Result result = replay();
+  EXPECT_TRUE(has(result, "parameters[0].value (hidden) became ")) << result.text;
+  EXPECT_FALSE(has(result, "x1y2z3")) << result.text;
 }
 
 struct Ignored {
@@ -324,6 +340,17 @@ TEST_F(WirePlayedDriver, AnswersAsRecordedWithTheIdOfTheRequest) {
   EXPECT_EQ(replayed.status, 0) << replayed.text;
   EXPECT_EQ(driver.status, 0) << driver.text;
   EXPECT_TRUE(has(driver, "2 requests, 0 not in the recording")) << driver.text;
+}
+
+TEST_F(WirePlayedDriver, ValueOfPropertyWithNameOfSecretIsHidden) {
+  for (auto *const recording : {&played, &made}) {
+    recording->request(request_of("{'command': <'get_driver_property'>, 'name': <'api-token'>}"));
+    recording->reply(reply_of(std::string("{'command': <'get_driver_property'>, 'value': <'") +
+                              (recording == &made ? "x1y2z3" : "x4y5z6") + "'>}"));
+  }
+  Result replayed;
+  EXPECT_EQ(play({}, replayed).status, 0);
+  EXPECT_TRUE(has(replayed, "frame 2, Get driver property: value (hidden) became (hidden)\n")) << replayed.text;
 }
 
 TEST_F(WirePlayedDriver, EqualRequestsGetTheirRepliesInTurnAndTheLastRepeats) {
