@@ -75,6 +75,7 @@ void Listener::stop() {
   if (watch_source_ != 0) g_source_remove(watch_source_);
   watch_source_ = 0;
   watch_ = UniqueFd();
+  file_watch_ = monitor_watch_ = -1;
   polls_ = false;
   if (is_started() && owner_ == getpid() && file_.inode != 0 && socket_at(path_.c_str()) == file_) {
     unlink(path_.c_str());

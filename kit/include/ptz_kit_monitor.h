@@ -111,7 +111,8 @@ PTZ_KIT_API void ptz_kit_monitor_frame_free (PTZKitMonitorFrame *frame);
  * monitor: a monitor that does not read in time loses frames, which are counted.
  *
  * Signals are emitted in the thread-default main context of the thread that made the object; all other calls are made
- * in the same thread.
+ * in the same thread. If another thread runs the default main context, the thread needs a thread-default main context
+ * of its own (g_main_context_push_thread_default()).
  *
  * Since: 0.1
  */
@@ -191,7 +192,7 @@ PTZ_KIT_API gboolean ptz_kit_monitor_open (PTZKitMonitor *self, GError **error);
  * ptz_kit_monitor_get_figures:
  * @self: a monitor that is connected
  * @timeout_ms: how long to wait at most, in milliseconds
- * @cancellable: (nullable): a cancellable
+ * @cancellable: (nullable): a cancellable; borrowed
  * @error: return location for an error, or `NULL`
  *
  * Asks the driver for what it has counted since it started, and waits for the answer. Frames that arrive meanwhile are

@@ -92,7 +92,8 @@ MonitorCore::Received MonitorCore::receive(std::span<const guint8> &packet) {
   ssize_t length = 0;
   do {
     length = recv(fd_.get(), buffer_.get(), buffer_size, MSG_DONTWAIT | MSG_TRUNC);
-  } while (length < 0 && errno == EINTR);
+    // ECONNRESET, which comes once, tells that the driver has not read a request. Its packets come behind that.
+  } while (length < 0 && (errno == EINTR || errno == ECONNRESET));
   if (length < 0 && errno == EAGAIN) return Received::none;
   if (length <= 0) return Received::end;
   if (static_cast<std::size_t>(length) > buffer_size) return Received::malformed;

@@ -106,6 +106,7 @@ class PacketReader {
   }
   [[nodiscard]] std::string_view text() {
     const auto bytes = take_up_to(get<guint16>());
+    if (bytes.empty()) return "";
     return {reinterpret_cast<const char *>(bytes.data()), bytes.size()};
   }
   [[nodiscard]] std::span<const guint8> rest() { return std::exchange(rest_, {}); }

@@ -11,6 +11,7 @@
 #include "base/clock.h"
 #include "base/handles.h"
 #include "transport/client_command_private.h"
+#include "transport/probes.h"
 #include "transport/socket_client_private.h"
 #include "transport/socket_private.h"
 
@@ -34,6 +35,9 @@ Reception ptz_socket_client_command_read_fd(FrameAssembler &assembler, gint fd) 
     errno = error;
   } else if (reception.outcome == Outcome::malformed) {
     log_func(LOG_WARNING, "A frame cannot have a length of %u", assembler.length());
+  } else if (reception.outcome == Outcome::complete) {
+    PTZ_PROBE_FRAME(frame_received, fd, assembler.message_id(), assembler.body().data(),
+                    static_cast<guint32>(assembler.body().size()));
   }
   return reception;
 }

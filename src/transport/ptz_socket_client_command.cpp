@@ -14,6 +14,7 @@
 #include "base/handles.h"
 #include "transport/client_command_private.h"
 #include "transport/frame_writer.h"
+#include "transport/probes.h"
 #include "transport/socket_client_private.h"
 #include "transport/socket_private.h"
 
@@ -81,6 +82,7 @@ bool send_frame(PTZSocketClientCommand *self, gint fd, guint32 message_id, gcons
   const FrameSent sent = ptz::frame::write_frame(
       message_id, body, length,
       [=](gconstpointer piece, gsize piece_length) { return ptz::send_counted(client, fd, piece, piece_length); });
+  if (sent == FrameSent::whole) PTZ_PROBE_FRAME(frame_sent, fd, message_id, body, length);
   if (sent != FrameSent::fragment) return sent == FrameSent::whole;
   log_func(LOG_WARNING, "Message %u was sent only in part, shutting the connection down", message_id);
   private_of(self)->stream.shut_down(fd);

@@ -11,6 +11,7 @@
 #include "base/handles.h"
 #include "transport/frame_reader.h"
 #include "transport/frame_writer.h"
+#include "transport/probes.h"
 #include "transport/reply_contexts.h"
 #include "transport/server_source.h"
 
@@ -75,6 +76,8 @@ gssize command_server_read(PTZSocket *socket, gint fd, gpointer out, gsize out_s
   if (connection != nullptr && reception.count > 0) connection->received = true;
   switch (reception.outcome) {
     case Outcome::complete:
+      PTZ_PROBE_FRAME(frame_received, fd, assembler.message_id(), assembler.body().data(),
+                      static_cast<guint32>(assembler.body().size()));
       return take_message(self, assembler, out, out_size);
     case Outcome::incomplete:
       return 0;
@@ -124,6 +127,7 @@ gboolean command_server_send(gpointer reply_context, gconstpointer data, guint32
     errno = 0;
     return gssize{static_cast<gint>(PTZ_SOCKET_GET_CLASS(socket)->write(socket, fd, piece, piece_length, 0))};
   });
+  if (sent == FrameSent::whole) PTZ_PROBE_FRAME(frame_sent, fd, context->message_id, data, length);
   if (sent == FrameSent::fragment) {
     auto *connection = find_connection(server, fd);
     if (connection != nullptr) ptz_socket_server_close(server, &connection->client);

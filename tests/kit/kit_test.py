@@ -1,11 +1,17 @@
-"""The messages of the kit from Python, and a driver without a socket."""
+"""The messages of the kit from Python, a driver without a socket, and the monitor of one with a socket."""
+import os
+import socket
+import struct
+import tempfile
+import threading
+import time
 import unittest
 
 import gi
 
 gi.require_version('PTZ', '0')
 gi.require_version('PTZKit', '0')
-from gi.repository import GLib, PTZ, PTZKit  # noqa: E402
+from gi.repository import Gio, GLib, PTZ, PTZKit  # noqa: E402
 
 MOVE = bytes.fromhex('05000000 01000000 03 3200 28230000 18fcffff 00000000')
 
@@ -113,6 +119,69 @@ class DriverWithoutSocket(unittest.TestCase):
         with self.assertRaises(GLib.Error) as raised:
             self.driver.store_preset(self.preset(33, 'far'))
         self.assertTrue(raised.exception.matches(PTZKit.error_quark(), PTZKit.Error.OUT_OF_RANGE))
+
+
+class Monitor(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.path = os.path.join(folder.name, 'head')
+        self.driver = Head(name='head', socket_path=self.path)
+        self.driver.start()
+        self.addCleanup(self.driver.stop)
+        self.client = socket.socket(socket.AF_UNIX)
+        self.addCleanup(self.client.close)
+        self.client.connect(self.path)
+
+    def run_until(self, condition):
+        deadline = time.monotonic() + 10
+        while not condition() and time.monotonic() < deadline:
+            GLib.MainContext.default().iteration(False)
+        self.assertTrue(condition())
+
+    def ask_for_name(self):
+        self.client.send(struct.pack('=III', 12, 7, PTZ.Command.GET_DRIVER_NAME))
+
+    def test_frames_are_received(self):
+        frames = []
+        monitor = PTZKit.Monitor.new(self.path)
+        monitor.connect('frame', lambda _monitor, frame: frames.append(
+            (frame.direction, frame.message_id, frame.pid, frame.program, frame.body.get_data())))
+        monitor.open()
+        monitor.subscribe(False)
+        self.run_until(lambda: not GLib.MainContext.default().pending())
+        self.ask_for_name()
+        self.run_until(lambda: len(frames) == 2)
+        name = struct.pack('<IH', PTZ.Command.GET_DRIVER_NAME, 4) + b'head'
+        ends = (os.getpid(), os.readlink('/proc/self/exe'))
+        self.assertEqual(frames, [(PTZKit.FrameDirection.REQUEST, 7, *ends, name[:4]),
+                                  (PTZKit.FrameDirection.REPLY, 7, *ends, name)])
+
+    def test_figures_are_a_dictionary(self):
+        figures = []
+
+        def ask():
+            context = GLib.MainContext.new()  # the other thread runs the default one
+            context.push_thread_default()
+            monitor = PTZKit.Monitor.new(self.path)
+            monitor.open()
+            figures.append(monitor.get_figures(10_000, None).unpack())
+            context.pop_thread_default()
+
+        self.ask_for_name()
+        thread = threading.Thread(target=ask)
+        thread.start()
+        self.run_until(lambda: not thread.is_alive())
+        thread.join()
+        self.assertEqual((figures[0]['name'], figures[0]['requests']), ('head', 1))
+        self.assertEqual([client['requests'] for client in figures[0]['clients']], [1])
+        quantile = PTZKit.latency_quantile(GLib.Variant('au', figures[0]['latency']), 0.5)
+        self.assertGreaterEqual(quantile, 0)
+
+    def test_missing_driver_raises_not_found(self):
+        with self.assertRaises(GLib.Error) as raised:
+            PTZKit.Monitor.new(self.path + '-other').open()
+        self.assertTrue(raised.exception.matches(Gio.io_error_quark(), Gio.IOErrorEnum.NOT_FOUND))
 
 
 if __name__ == '__main__':

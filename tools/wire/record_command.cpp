@@ -28,7 +28,7 @@ constexpr Manual manual = {
     "\n"
     "Exit status: 0 it was recorded; 1 the file could not be written; 2 a wrong command line; 3 no driver with a\n"
     "monitor socket, or it does not answer.",
-    " bad-day.pcapng --driver sim-driver --seconds 60"};
+    " bad-day.pcapng --seconds 60"};
 
 struct Switches {
   gboolean with_past = FALSE, is_forced = FALSE;

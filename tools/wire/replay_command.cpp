@@ -36,7 +36,7 @@ constexpr Manual manual = {
     "\n"
     "Exit status: 0 no difference; 1 differences, or requests that were not in the recording; 2 a wrong command line;\n"
     "3 no driver, or it answered nothing.",
-    " bad-day.pcapng --driver sim-driver --fast --ignore status.position"};
+    " bad-day.pcapng --fast --ignore status.position"};
 
 struct Switches {
   gboolean is_fast = FALSE, is_exact = FALSE, as_driver = FALSE;

@@ -40,7 +40,7 @@ class Monitor {
     g_error_free(error);
     return text;
   }
-  std::string connect() {
+  std::string open() {
     GError *error = nullptr;
     const bool connected = ptz_kit_monitor_open(monitor_, &error) != FALSE;
     EXPECT_EQ(connected, error == nullptr);
@@ -55,7 +55,9 @@ class Monitor {
 };
 
 inline std::string io_error(int code) { return "g-io-error-quark " + std::to_string(code); }
-inline std::string kit_error(int code) { return std::string(g_quark_to_string(PTZ_KIT_ERROR)) + " " + std::to_string(code); }
+inline std::string kit_error(int code) {
+  return std::string(g_quark_to_string(PTZ_KIT_ERROR)) + " " + std::to_string(code);
+}
 
 // A number of the figures, of any integer type.
 inline gint64 number_in(GVariant *figures, const char *key) {
