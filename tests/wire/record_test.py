@@ -130,7 +130,14 @@ class Driver(Record):
         self.system.stop(self.driver)
         done = self.record(self.file)
         self.assertEqual(done.returncode, 3)
+        self.assertIn('driver.socket: No such file or directory', done.stderr)
         self.assertFalse(os.path.exists(self.file))
+
+    def test_without_monitor_socket_is_told(self):
+        os.unlink(self.system.socket + '.monitor')
+        done = self.record(self.file)
+        self.assertEqual(done.returncode, 3)
+        self.assertIn('driver.socket has no monitor socket', done.stderr)
 
     def test_that_is_hung_is_status_three(self):
         self.driver.send_signal(signal.SIGSTOP)
