@@ -56,30 +56,23 @@ local function make(path, title, item)
   return field
 end
 
-local function prepare(items, path, title)
+local function prepare(items, path)
   for _, item in ipairs(items) do
     local name = item.axis and item.name .. "." .. axes[item.axis] or item.name
     item.label = name
-    if item.kind == "list" then
-      item.fields = {}
-      item.field = make(path .. name, name, item)
-      if item.record then
-        item.items = {}
-        for i, part in ipairs(records[item.record]) do
-          item.items[i] = setmetatable({}, {__index = part})
-        end
-        prepare(item.items, path .. name .. ".", title)
-      else
-        item.element = make(path .. name .. ".text", name, {kind = "text"})
-      end
-    else
-      item.field = make(path .. name, name, item)
+    item.field = make(path .. name, name, item)
+    if item.record then
+      item.items = {}
+      for i, part in ipairs(records[item.record]) do item.items[i] = setmetatable({}, {__index = part}) end
+      prepare(item.items, path .. name .. ".")
+    elseif item.kind == "list" then
+      item.element = make(path .. name .. ".text", name, {kind = "text"})
     end
   end
 end
 for _, command in pairs(commands) do
-  prepare(command.request, command.name .. ".", command.name)
-  prepare(command.reply, command.name .. ".", command.name)
+  prepare(command.request, command.name .. ".")
+  prepare(command.reply, command.name .. ".")
 end
 
 ptz.fields = all_fields
@@ -247,7 +240,7 @@ local function link(pinfo, tree, command, is_reply, key)
   return peer
 end
 
-local function add_pseudo_header(tvb, pinfo, tree)
+local function add_pseudo_header(tvb, tree)
   local node = tree:add(ptz, tvb(0, pseudo_header_size), "Recorded by ptzctl")
   node:add_le(pf.direction, tvb(4, 1))
   node:add_le(pf.past, tvb(5, 1))
@@ -262,13 +255,13 @@ local function add_pseudo_header(tvb, pinfo, tree)
   end
 end
 
-local function fail(pinfo, tree, kind, problem)
+local function fail(tree, kind, problem)
   tree:add_proto_expert_info(kind, problem)
   return "malformed: " .. problem
 end
 
 -- The body behind the command word: what the info column says of it.
-local function add_body(body, pinfo, tree, is_reply, command, peer)
+local function add_body(body, tree, is_reply, command)
   local described = commands[command]
   if command == -1 and not is_reply then described = {name = "error", request = {}, reply = {}} end
   if not described then
@@ -283,7 +276,7 @@ local function add_body(body, pinfo, tree, is_reply, command, peer)
   end
   if reader.problem then
     if reader:left() > 0 then tree:add(pf.rest, body(reader.at)) end
-    return fail(pinfo, tree, ef.malformed, reader.problem), true
+    return fail(tree, ef.malformed, reader.problem), true
   end
   return table.concat(reader.words, " "), false
 end
@@ -320,18 +313,18 @@ function ptz.dissector(tvb, pinfo, root)
   local problem = framing_problem(tvb)
   if problem then
     pinfo.cols.protocol = "PTZ"
-    pinfo.cols.info = fail(pinfo, tree, ef.framing, problem)
+    pinfo.cols.info = fail(tree, ef.framing, problem)
     return tvb:len()
   end
   local is_reply = tvb(4, 1):uint() == 1
   show_ends(tvb, pinfo, is_reply)
-  add_pseudo_header(tvb, pinfo, tree)
+  add_pseudo_header(tvb, tree)
   local frame = tvb(pseudo_header_size):tvb()
   tree:add_le(pf.length, frame(0, 4))
   tree:add_le(pf.message_id, frame(4, 4))
   if frame(0, 4):le_uint() ~= frame:len() or frame:len() > most_frame_bytes then
     local shown = string.format("the header says %.0f bytes, there are %d", frame(0, 4):le_uint(), frame:len())
-    pinfo.cols.info = fail(pinfo, tree, ef.framing, shown)
+    pinfo.cols.info = fail(tree, ef.framing, shown)
     return tvb:len()
   end
   local key = tvb(8, 4):le_uint() .. ":" .. frame(4, 4):le_uint()
@@ -339,12 +332,12 @@ function ptz.dissector(tvb, pinfo, root)
   local command = has_command and frame(header_size, 4):le_int() or nil
   local peer = link(pinfo, tree, command, is_reply, key)
   if not has_command then
-    pinfo.cols.info = fail(pinfo, tree, ef.malformed, "the body is too short for a command")
+    pinfo.cols.info = fail(tree, ef.malformed, "the body is too short for a command")
     return tvb:len()
   end
   local body = frame(header_size):tvb()
   tree:add_le(pf.command, body(0, 4))
-  local text, is_malformed = add_body(body, pinfo, tree, is_reply, command, peer)
+  local text, is_malformed = add_body(body, tree, is_reply, command)
   local info, is_refused = info_of(is_reply, command, peer, text, body, is_malformed)
   if is_refused then tree:add_proto_expert_info(ef.refused, info) end
   pinfo.cols.info = info

@@ -101,7 +101,8 @@ TEST_F(PtzctlHabits, AllTakeTheSameOptionsOrSayWhyNot) {
     EXPECT_TRUE(has({0, command.help}, "-j, --json ")) << command.help;
     EXPECT_TRUE(command.takes("color")) << command.help;
     const std::string &first = command.words.front();
-    const bool asks_driver = (first == "driver" && command.words[1] != "list") || first == "tap" || first == "doctor";
+    const bool asks_driver = (first == "driver" && command.words[1] != "list") || first == "tap" || first == "doctor" ||
+                             first == "record" || first == "replay";
     EXPECT_EQ(command.takes("socket"), asks_driver) << command.help;
     EXPECT_EQ(command.takes("driver"), asks_driver) << command.help;
     EXPECT_EQ(command.takes("timeout"),

@@ -12,12 +12,14 @@ from system import CONVERSATIONS, System  # noqa: E402
 
 def record(made, build):
     with System(None, build / 'tools/ptzctl') as system:
-        # A recording has the path of the driver's program: it shall not be that of somebody's build.
+        # A recording has the path of the driver's program, which must not be that of a build.
         system.programs['driver'] = shutil.copy(build / 'drivers/sim/sim-driver', system.folder)
         libraries = [str(build / folder) for folder in ('src', 'kit', 'platform/standalone')]
         system.environment['LD_LIBRARY_PATH'] = os.pathsep.join(libraries)
         system.driver = system.start_driver(*made.driver_options)
-        recorder = system.start_recorder(CONVERSATIONS / f'{made.name}.pcapng')
+        file = CONVERSATIONS / f'{made.name}.pcapng'
+        recorder = system.start_recorder(file)
+        file.chmod(0o644)  # it has no secrets
         made.make(system)
         return system.end_recorder(recorder)
 

@@ -34,9 +34,9 @@ class Record(unittest.TestCase):
     def record(self, *options):
         return self.system.run_ptzctl('record', *options, '--socket', self.system.socket)
 
-    def replayed(self):
+    def replayed(self, *options):
         """How many requests and replies the file has."""
-        done = self.system.replay(self.file, '--json')
+        done = self.system.replay(self.file, '--json', *options)
         self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
         return json.loads(done.stdout)
 
@@ -124,13 +124,22 @@ class Driver(Record):
         self.ask()
         self.assertEqual(self.system.end_recorder(recorder), 6)
         self.assertEqual(self.replayed()['requests'], 3)
+        self.assertEqual(self.replayed('--client', '1')['requests'], 1)  # numbers go on
         self.assertIn(b'the driver was started again before this frame', pathlib.Path(self.file).read_bytes())
 
     def test_that_is_not_there_is_status_three(self):
         self.system.stop(self.driver)
         done = self.record(self.file)
         self.assertEqual(done.returncode, 3)
+        self.assertIn('driver.socket: No such file or directory', done.stderr)
         self.assertFalse(os.path.exists(self.file))
+
+    def test_without_monitor_socket_is_told(self):
+        self.system.socket = self.system.path('other.driver.socket')
+        self.system.start_driver('--fault', 'none')  # which is not served by the kit
+        done = self.record(self.file)
+        self.assertEqual(done.returncode, 3)
+        self.assertIn('driver.socket has no monitor socket', done.stderr)
 
     def test_that_is_hung_is_status_three(self):
         self.driver.send_signal(signal.SIGSTOP)

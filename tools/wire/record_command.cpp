@@ -18,7 +18,7 @@ constexpr Manual manual = {
     "standard output, for \"ptzctl record - | tshark -i -\". A file that exists is not replaced without --force.\n"
     "\n"
     "A recording has everything that passes, passwords in parameters included. The file is readable for its owner\n"
-    "only (mode 0600): mind to whom you give it.\n"
+    "only (mode 0600). Take care who gets it.\n"
     "\n"
     "Each frame is written at once: what a recorder that was killed has left can be read. If the disk is full, the\n"
     "recording ends with the frames that it has. If the driver ends, the recorder waits for its next start.\n"
@@ -28,7 +28,7 @@ constexpr Manual manual = {
     "\n"
     "Exit status: 0 it was recorded; 1 the file could not be written; 2 a wrong command line; 3 no driver with a\n"
     "monitor socket, or it does not answer.",
-    " bad-day.pcapng --driver sim-driver --seconds 60"};
+    " bad-day.pcapng --seconds 60"};
 
 struct Switches {
   gboolean with_past = FALSE, is_forced = FALSE;

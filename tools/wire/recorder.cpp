@@ -1,9 +1,10 @@
 #include "recorder.h"
 
 #include <glib-unix.h>
-#include <ptz_enum_types.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <utility>
 
@@ -59,12 +60,21 @@ tools::Variant Recorder::figures(tools::Error &error) const {
   return tools::Variant(ptz_kit_monitor_get_figures(monitor_.get(), settings_.timeout_ms, nullptr, tools::out(error)));
 }
 
+std::string Recorder::problem_of(const tools::Error &error) const {
+  const bool has_socket = access(settings_.path.c_str(), F_OK) == 0;
+  if (!has_socket) return "no driver at " + settings_.path + ": " + g_strerror(ENOENT);
+  if (g_error_matches(error.get(), G_IO_ERROR, G_IO_ERROR_NOT_FOUND)) {
+    return "the driver at " + settings_.path + " has no monitor socket: it is not written with this kit";
+  }
+  return "the driver at " + settings_.path + " cannot be recorded: " + tools::message_of(error, "no reason is known");
+}
+
 std::optional<RecordingOrigin> Recorder::connect(std::string &problem) {
   tools::Error error;
   tools::Variant told;
   if (ptz_kit_monitor_connect(monitor_.get(), tools::out(error)) != FALSE) told = figures(error);
   if (told == nullptr) {
-    problem = tools::message_of(error, "no reason is known");
+    problem = problem_of(error);
     return std::nullopt;
   }
   instance_ = instance_of(told.get());

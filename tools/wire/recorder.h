@@ -40,6 +40,7 @@ class Recorder {
   void take(const PTZKitMonitorFrame &frame);
   [[nodiscard]] std::string comment_on(const RecordedFrame &frame);
   [[nodiscard]] bool reconnect();
+  [[nodiscard]] std::string problem_of(const tools::Error &error) const;
   [[nodiscard]] tools::Variant figures(tools::Error &error) const;
 
  public:

@@ -90,7 +90,8 @@ std::optional<Recording> read_recording(const char *path, std::string &problem) 
   char error[PCAP_ERRBUF_SIZE] = "";
   const Capture capture(pcap_open_offline_with_tstamp_precision(path, PCAP_TSTAMP_PRECISION_NANO, error));
   if (capture == nullptr) {
-    problem = tools::plain_text(error);
+    const std::string text = error, before = std::string(path) + ": ";
+    problem = tools::plain_text(text.starts_with(before) ? text.substr(before.size()) : text);
     return std::nullopt;
   }
   if (const int type = pcap_datalink(capture.get()); type != link_type) {

@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <utility>
 
+#include "reply_fields.h"
+
 namespace ptzctl {
 
 namespace {
@@ -184,6 +186,8 @@ void Replay::compare(const Step &step) {
   ++figures_.compared;
   const std::string title = title_of(*exchange_of(step).request);
   for (Difference &each : comparison_.differences(step.frame->body(), outcomes_[step.exchange].reply)) {
+    const bool is_hidden = each.field == "value" && asks_for_secret(exchange_of(step).request->body());
+    if (is_hidden) each.recorded = each.received = "(hidden)";
     differences_.push_back({step.frame, title, std::move(each)});
   }
 }

@@ -36,7 +36,7 @@ constexpr Manual manual = {
     "\n"
     "Exit status: 0 no difference; 1 differences, or requests that were not in the recording; 2 a wrong command line;\n"
     "3 no driver, or it answered nothing.",
-    " bad-day.pcapng --driver sim-driver --fast --ignore status.position"};
+    " bad-day.pcapng --fast --ignore status.position"};
 
 struct Switches {
   gboolean is_fast = FALSE, is_exact = FALSE, as_driver = FALSE;
@@ -68,6 +68,19 @@ std::vector<GOptionEntry> entries_for(Switches &switches) {
   };
 }
 
+// Numbers as numbers, texts without their quotes; a field that is absent is left out.
+void add_value(const JsonLine &json, const char *name, const std::string &shown) {
+  gint64 number = 0;
+  if (shown == "absent") return;
+  if (g_ascii_string_to_signed(shown.c_str(), 10, G_MININT64, G_MAXINT64, &number, nullptr)) {
+    json.member(name, number);
+  } else if (shown.size() >= 2 && shown.front() == '"') {
+    json.member(name, shown.substr(1, shown.size() - 2));
+  } else {
+    json.member(name, shown);
+  }
+}
+
 void print(const ReplayedDifference &each, const Options &options) {
   if (!options.as_json()) {
     const bool is_text = each.difference.field.empty() && each.difference.received.empty();
@@ -80,9 +93,12 @@ void print(const ReplayedDifference &each, const Options &options) {
   json.member("client", gint64{each.frame->client});
   json.member("command", each.title);
   if (!each.difference.field.empty()) json.member("field", each.difference.field);
-  const bool is_problem = each.difference.received.empty();
-  json.member(is_problem ? "problem" : "recorded", each.difference.recorded);
-  if (!is_problem) json.member("received", each.difference.received);
+  if (each.difference.received.empty()) {
+    json.member("problem", each.difference.recorded);
+  } else {
+    add_value(json, "recorded", each.difference.recorded);
+    add_value(json, "received", each.difference.received);
+  }
   json.print();
 }
 

@@ -94,6 +94,13 @@ std::optional<ReplyFields> fields_of_reply(std::span<const guint8> body) {
   return reply;
 }
 
+bool asks_for_secret(std::span<const guint8> request) {
+  const tools::Variant dictionary(
+      ptz_kit_body_to_variant(PTZ_KIT_BODY_REQUEST, request.data(), request.size(), nullptr));
+  const char *name = nullptr;
+  return dictionary != nullptr && g_variant_lookup(dictionary.get(), "name", "&s", &name) && is_secret(name);
+}
+
 std::string without_indices(const std::string &path) {
   std::string plain;
   bool is_index = false;

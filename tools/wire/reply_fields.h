@@ -24,6 +24,8 @@ struct ReplyFields {
 
 // Nothing if the body cannot be decoded.
 [[nodiscard]] std::optional<ReplyFields> fields_of_reply(std::span<const guint8> body);
+// Whether the request asks for a value whose name is that of a password.
+[[nodiscard]] bool asks_for_secret(std::span<const guint8> request);
 // "presets.name" for "presets[0].name".
 [[nodiscard]] std::string without_indices(const std::string &path);
 
