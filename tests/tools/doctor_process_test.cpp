@@ -140,7 +140,7 @@ struct DoctorDescriptors : DoctorProcess {
     while (used() < number) {
       const std::size_t before = used();
       clients.push_back(connect_to(socket()));
-      ASSERT_TRUE(run_until([&] { return used() > before; }));
+      run_until([&] { return used() > before; }, 1000);  // unless another client has just gone
     }
   }
 };

@@ -151,6 +151,8 @@ void report_activity(const Driver &driver, const ProcessFacts &first, Findings &
   if (!second || second->start_s != first.start_s) return;
   const double elapsed_s = static_cast<double>(g_get_monotonic_time() - start_us) / G_USEC_PER_SEC;
   const double share = (second->cpu_s - first.cpu_s) / elapsed_s;
+  // On a machine with more to do than it can, a loop without end gets a part of a processor only.
+  const bool is_busy = share >= busy_share || (second->runnable_s - first.runnable_s) / elapsed_s >= busy_share;
   if (first.state == 'D' && second->state == 'D') {
     const std::string place = beginning_of("/proc/" + std::to_string(driver.pid) + "/wchan");
     findings.fault({.id = "process.uninterruptible",
@@ -159,12 +161,13 @@ void report_activity(const Driver &driver, const ProcessFacts &first, Findings &
                                    place.empty() || place == "0" ? "" : ", in ", place == "0" ? "" : place.c_str()),
                     .why = "A device, a disk or a network file system does not answer. No signal ends the process.",
                     .command = "dmesg --level=err,warn | tail --lines=20"});
-  } else if (share >= busy_share) {
-    findings.warning({.id = "process.busy",
-                      .subject = driver.label(),
-                      .what = format("Process %d uses %.0f %% of a processor.", driver.pid, share * 100),
-                      .why = "A client floods it, or it is in a loop that does not end: it answers late or never.",
-                      .command = restart_command(driver)});
+  } else if (is_busy) {
+    findings.warning(
+        {.id = "process.busy",
+         .subject = driver.label(),
+         .what = format("Process %d is never idle; it uses %.0f %% of a processor.", driver.pid, share * 100),
+         .why = "A client floods it, or it is in a loop that does not end: it answers late or never.",
+         .command = restart_command(driver)});
   }
 }
 
