@@ -25,6 +25,7 @@ expect() {
 }
 
 expect 'ptzctl dr' 'driver'
+expect 'ptzctl do' 'doctor'
 expect 'ptzctl driver p' 'params position presets'
 expect 'ptzctl driver presets ' 'goto list store'
 expect 'ptzctl nonsense ' ''

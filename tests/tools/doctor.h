@@ -75,7 +75,7 @@ struct Doctor : Ptzctl {
   }
 
   [[nodiscard]] Examined examine(std::vector<std::string> arguments = {}) const {
-    arguments.insert(arguments.begin(), {"doctor", "--json", "--timeout", "700"});
+    arguments.insert(arguments.begin(), {"doctor", "--json", "--timeout", "2000"});
     const Result result = run(arguments);
     Examined examined = {result.status, result.text};
     const std::unique_ptr<JsonParser, decltype(&g_object_unref)> parser(json_parser_new(), g_object_unref);
@@ -90,10 +90,14 @@ struct Doctor : Ptzctl {
     }
     return examined;
   }
-  // The first finding has this id, and the exit status fits its severity.
+  // The first finding has this id, and the exit status fits its severity. On a busy machine a driver may be late, too.
   [[nodiscard]] Examined expect_first(const std::string &id, const std::string &severity,
                                       const std::vector<std::string> &arguments = {}) const {
-    const Examined examined = examine(arguments);
+    Examined examined;
+    run_until([&] {
+      examined = examine(arguments);
+      return !examined.findings.empty() && examined.findings.front().id == id;
+    });
     EXPECT_EQ(examined.findings.empty() ? "" : examined.findings.front().id, id) << examined.text;
     EXPECT_EQ(examined.severity(id), severity) << examined.text;
     EXPECT_EQ(examined.status, severity == "fault" ? 2 : severity == "warning" ? 1 : 0);
@@ -108,7 +112,8 @@ struct Doctor : Ptzctl {
   }
   void expect_content(const std::vector<std::string> &arguments = {}) const {
     Examined last;
-    EXPECT_TRUE(run_until([&] { return (last = examine(arguments)).status == 0; })) << last.text << contents(output.file("log"));
+    const bool is_content = run_until([&] { return (last = examine(arguments)).status == 0; }, 20'000);
+    EXPECT_TRUE(is_content) << last.text << contents(output.file("log"));
   }
   void expect_mended_by(const Examined &examined, const std::string &id,
                         const std::vector<std::string> &arguments = {}) {

@@ -145,7 +145,7 @@ TEST_F(DoctorEntry, StrangersAreToldThatTheyMayNotConnect) {
   const auto as_stranger = [this] {
     fs::remove(output.file("text"));
     Process process("/usr/bin/setpriv",
-                    {"--reuid=65534", "--regid=65534", "--clear-groups", PTZCTL, "doctor", "--timeout", "700"},
+                    {"--reuid=65534", "--regid=65534", "--clear-groups", PTZCTL, "doctor", "--timeout", "2000"},
                     output.file("text"));
     const int status = process.wait();
     return Result{status, contents(output.file("text"))};

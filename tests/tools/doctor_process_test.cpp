@@ -62,14 +62,17 @@ TEST_F(DoctorProcess, StoppedDriverIsContinued) {
   expect_mended_by(examined, "process.stopped");
 }
 
-// Connections that a stopped driver does not accept stay in its backlog.
+// Connections that a stopped driver does not accept stay in its backlog, which takes 128.
 TEST_F(DoctorProcess, StoppedDriverGetsNoConnectionOfTheDoctor) {
-  Process &driver = start_driver();
-  driver.signal(SIGSTOP);
-  for (int i = 0; i < 60; ++i) EXPECT_EQ(run({"doctor", "--timeout", "100", "--quiet"}).status, 2);
-  const Examined examined = examine();
-  EXPECT_EQ(examined.find("socket.backlog"), nullptr) << examined.text;
-  EXPECT_EQ(examined.find("socket.backlog-full"), nullptr) << examined.text;
+  start_driver().signal(SIGSTOP);
+  std::vector<int> clients;
+  for (int i = 0; i < 64; ++i) clients.push_back(connect_to(socket()));
+  EXPECT_EQ(examine().find("socket.backlog"), nullptr);
+  const Examined second = examine();
+  EXPECT_EQ(second.find("socket.backlog"), nullptr) << second.text;
+  clients.push_back(connect_to(socket()));
+  EXPECT_EQ(examine().severity("socket.backlog"), "warning");
+  for (const int fd : clients) close(fd);
 }
 
 TEST_F(DoctorProcess, DriverUnderADebuggerIsTraced) {
@@ -137,7 +140,7 @@ struct DoctorDescriptors : DoctorProcess {
     while (used() < number) {
       const std::size_t before = used();
       clients.push_back(connect_to(socket()));
-      ASSERT_TRUE(run_until([&] { return used() > before; }));
+      run_until([&] { return used() > before; }, 1000);  // unless another client has just gone
     }
   }
 };
@@ -171,7 +174,7 @@ TEST_F(DoctorProcess, BusyDriverUsesAWholeProcessor) {
 TEST_F(DoctorProcess, DriverThatIsStuckDoesNotAnswer) {
   const int fd = listen_at(socket());
   const Examined examined = expect_first("handshake.no-answer", "fault", {"--socket", socket()});
-  EXPECT_NE(examined.findings.front().what.find("700 ms"), std::string::npos);
+  EXPECT_NE(examined.findings.front().what.find("2000 ms"), std::string::npos);
   close(fd);
 }
 

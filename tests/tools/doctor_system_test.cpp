@@ -97,6 +97,19 @@ TEST_F(DoctorUnits, SettingsOfAUnitThatDoesNotStartAreChecked) {
   EXPECT_NE(examined.find("settings.bad")->what.find("[Pan] Min"), std::string::npos);
 }
 
+TEST_F(DoctorUnits, SettingsOfAUnitAreCheckedAsItsUser) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root becomes another user";
+  const std::string settings = file("good.conf");
+  std::ofstream(settings) << "[Pan]\nMin=-100\nMax=100\n";
+  chmod(settings.c_str(), 0600);
+  show("failed", "failed", "exit-code", 0, 2, " --config " + settings);
+  const Examined as_root = expect_first("unit.failed", "fault");
+  EXPECT_EQ(as_root.find("settings.bad"), nullptr) << as_root.text;
+  std::ofstream(output.file("units"), std::ios::app) << "User=nobody\n";
+  const Examined as_nobody = expect_first("unit.failed", "fault");
+  EXPECT_EQ(as_nobody.severity("settings.bad"), "fault") << as_nobody.text;
+}
+
 TEST_F(DoctorUnits, DeadDriverIsStartedByItsUnit) {
   Process &driver = *processes.front();
   show("active", "running", "success", 0, 0);

@@ -16,6 +16,7 @@ namespace {
 
 constexpr guint sample_ms = 400;
 constexpr double busy_share = 0.9;
+constexpr double least_share = 0.05;
 constexpr std::size_t reserved_descriptors = 8;  // a server of the library accepts no client with fewer
 
 void report_dead(const Surroundings &system, const Driver &driver, Findings &findings) {
@@ -151,6 +152,9 @@ void report_activity(const Driver &driver, const ProcessFacts &first, Findings &
   if (!second || second->start_s != first.start_s) return;
   const double elapsed_s = static_cast<double>(g_get_monotonic_time() - start_us) / G_USEC_PER_SEC;
   const double share = (second->cpu_s - first.cpu_s) / elapsed_s;
+  // On a machine with more to do than it can, a loop without end gets a part of a processor only.
+  const double runnable = (second->runnable_s - first.runnable_s) / elapsed_s;
+  const bool is_busy = share >= busy_share || (share >= least_share && runnable >= busy_share);
   if (first.state == 'D' && second->state == 'D') {
     const std::string place = beginning_of("/proc/" + std::to_string(driver.pid) + "/wchan");
     findings.fault({.id = "process.uninterruptible",
@@ -159,12 +163,13 @@ void report_activity(const Driver &driver, const ProcessFacts &first, Findings &
                                    place.empty() || place == "0" ? "" : ", in ", place == "0" ? "" : place.c_str()),
                     .why = "A device, a disk or a network file system does not answer. No signal ends the process.",
                     .command = "dmesg --level=err,warn | tail --lines=20"});
-  } else if (share >= busy_share) {
-    findings.warning({.id = "process.busy",
-                      .subject = driver.label(),
-                      .what = format("Process %d uses %.0f %% of a processor.", driver.pid, share * 100),
-                      .why = "A client floods it, or it is in a loop that does not end: it answers late or never.",
-                      .command = restart_command(driver)});
+  } else if (is_busy) {
+    findings.warning(
+        {.id = "process.busy",
+         .subject = driver.label(),
+         .what = format("Process %d is never idle; it uses %.0f %% of a processor.", driver.pid, share * 100),
+         .why = "A client floods it, or it is in a loop that does not end: it answers late or never.",
+         .command = restart_command(driver)});
   }
 }
 
@@ -172,9 +177,7 @@ void report_activity(const Driver &driver, const ProcessFacts &first, Findings &
 
 void examine_process(const Surroundings &system, const Driver &driver, Findings &findings) {
   if (!driver.runs()) return report_dead(system, driver, findings);
-  if (driver.pid == 0) {
-    if (!driver.is_registered) return;  // nothing listens, which the examination of the socket tells
-  }
+  if (driver.pid == 0 && !driver.is_registered) return;  // nothing listens, which the examination of the socket tells
   const auto facts = facts_of(driver.pid);
   if (!facts) {
     findings.warning(

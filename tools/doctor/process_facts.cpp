@@ -87,6 +87,10 @@ std::optional<ProcessFacts> facts_of(pid_t pid) {
   facts.parent = static_cast<pid_t>(number_of(stat[parent]));
   facts.cpu_s = seconds_of(stat[user_time]) + seconds_of(stat[system_time]);
   facts.start_s = seconds_of(stat[start_time]);
+  const auto schedule = fields_of(beginning_of(file_of(pid, "schedstat")));
+  for (std::size_t i = 0; i < 2 && schedule.size() > 2; ++i) {
+    facts.runnable_s += static_cast<double>(g_ascii_strtoull(schedule[i].c_str(), nullptr, 10)) / 1e9;
+  }
   const std::string status = beginning_of(file_of(pid, "status"));
   constexpr std::size_t effective = 1;
   if (const auto words = status_line(status, "TracerPid"); !words.empty()) {

@@ -18,6 +18,7 @@ struct ProcessFacts {
   std::vector<gid_t> groups;
   std::string command;  // at most 15 bytes
   double cpu_s = 0;
+  double runnable_s = 0;  // of the first thread: on a processor, or waiting for one
   double start_s = 0;  // since the machine was started
 };
 

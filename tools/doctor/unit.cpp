@@ -22,7 +22,9 @@ void check_settings_of(const Unit &unit, guint timeout_ms, Findings &findings) {
   SettingsOf of = {.subject = unit.name, .arguments = words_of_command(unit), .is_running = false};
   if (of.arguments.empty()) return;
   of.program = of.arguments.front();
-  if (const passwd *const user = geteuid() == 0 ? getpwnam("ptz") : nullptr; user != nullptr) {
+  if (geteuid() == 0 && !unit.user.empty()) {
+    const passwd *const user = getpwnam(unit.user.c_str());
+    if (user == nullptr) return;  // systemd has told so
     of.as = {.uid = user->pw_uid, .gid = user->pw_gid, .groups = {user->pw_gid}};
   }
   check_settings(of, timeout_ms, findings);

@@ -11,7 +11,7 @@ namespace {
 
 constexpr char properties[] =
     "--property=Id,LoadState,ActiveState,SubState,Result,UnitFileState,FragmentPath,MainPID,NRestarts,ExecMainStatus,"
-    "ExecStart";
+    "ExecStart,User";
 
 void set(Unit &unit, const std::string &name, const std::string &value) {
   const auto number = [&value] { return static_cast<guint>(g_ascii_strtoull(value.c_str(), nullptr, 10)); };
@@ -25,6 +25,7 @@ void set(Unit &unit, const std::string &name, const std::string &value) {
   if (name == "MainPID") unit.pid = static_cast<pid_t>(number());
   if (name == "NRestarts") unit.restarts = number();
   if (name == "ExecMainStatus") unit.status = number();
+  if (name == "User") unit.user = value;
   if (name == "ExecStart") unit.command = value;
 }
 
@@ -39,7 +40,7 @@ bool runs_driver(const Unit &unit, const std::string &runtime) {
 
 UnitsKnown units_of_drivers(const std::string &runtime, guint timeout_ms, std::vector<Unit> &units) {
   const auto result =
-      run_program({"systemctl", "show", "--no-pager", "--all", "--type=service", properties, "*"}, timeout_ms);
+      run_program({"systemctl", "show", "--no-pager", "--all", "--type=service", properties, "*.service"}, timeout_ms);
   if (result.is_late) return UnitsKnown::no_answer;
   if (result.status != 0) return UnitsKnown::no_systemd;
   const tools::TextList blocks(g_strsplit(result.output.c_str(), "\n\n", -1));

@@ -11,6 +11,7 @@ struct Unit {
   std::string name = {}, state = {}, sub_state = {}, result = {}, load_state = {}, file_state = {};
   std::string command = {};  // of ExecStart, as systemctl shows it
   std::string file = {};
+  std::string user = {};  // empty for root
   pid_t pid = 0;
   guint restarts = 0;
   guint status = 0;  // of the main process, if it has ended
