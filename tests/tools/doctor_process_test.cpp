@@ -58,8 +58,18 @@ TEST_F(DoctorProcess, KilledDriverIsDead) {
 TEST_F(DoctorProcess, StoppedDriverIsContinued) {
   start_driver().signal(SIGSTOP);
   const Examined examined = expect_first("process.stopped", "fault");
-  EXPECT_EQ(examined.severity("handshake.no-answer"), "note") << examined.text;
+  EXPECT_EQ(examined.find("handshake.no-answer"), nullptr) << examined.text;
   expect_mended_by(examined, "process.stopped");
+}
+
+// Connections that a stopped driver does not accept stay in its backlog.
+TEST_F(DoctorProcess, StoppedDriverGetsNoConnectionOfTheDoctor) {
+  Process &driver = start_driver();
+  driver.signal(SIGSTOP);
+  for (int i = 0; i < 60; ++i) EXPECT_EQ(run({"doctor", "--timeout", "100", "--quiet"}).status, 2);
+  const Examined examined = examine();
+  EXPECT_EQ(examined.find("socket.backlog"), nullptr) << examined.text;
+  EXPECT_EQ(examined.find("socket.backlog-full"), nullptr) << examined.text;
 }
 
 TEST_F(DoctorProcess, DriverUnderADebuggerIsTraced) {

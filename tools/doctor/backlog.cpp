@@ -10,10 +10,11 @@ namespace ptzctl {
 
 void examine_backlog(const Surroundings &, const Driver &driver, Findings &findings) {
   if (!driver.runs()) return;
-  // Asked before the probe adds a connection of its own.
   const auto backlog = backlog_of(driver.socket);
-  const bool is_full = probe(driver.socket).error == EAGAIN || (backlog && backlog->waiting > backlog->most);
-  const bool is_long = backlog && backlog->waiting > 8 && backlog->waiting > backlog->most / 2;
+  // A connection is tried only if the kernel does not tell: it would wait in the backlog, too.
+  const bool is_probed = !backlog && !is_halted(driver.pid);
+  const bool is_full = backlog ? backlog->waiting > backlog->most : is_probed && probe(driver.socket).error == EAGAIN;
+  const bool is_long = backlog && backlog->waiting > backlog->most / 2;
   if (!is_full && !is_long) return;
   const std::string numbers = backlog ? format("%u connections wait to be accepted at %s, which takes %u.",
                                                backlog->waiting, driver.socket.c_str(), backlog->most)

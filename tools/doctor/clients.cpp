@@ -104,7 +104,7 @@ void compare(const Driver &driver, const Figures &first, const Figures &second, 
 }  // namespace
 
 void examine_clients(const Surroundings &system, const Driver &driver, Findings &findings) {
-  if (!driver.runs()) return;
+  if (!driver.runs() || is_halted(driver.pid)) return;
   const tools::Object<PTZKitMonitor> monitor(ptz_kit_monitor_new(driver.socket.c_str()));
   tools::Error error;
   if (ptz_kit_monitor_connect(monitor.get(), tools::out(error)) == FALSE) {

@@ -112,7 +112,7 @@ void measure(PTZKitLink *link, const Surroundings &system, const Driver &driver,
 }  // namespace
 
 void examine_handshake(const Surroundings &system, const Driver &driver, Findings &findings) {
-  if (!driver.runs() || probe(driver.socket).error != 0) return;
+  if (!driver.runs() || is_halted(driver.pid) || !is_listened_on(driver.socket)) return;  // other findings tell
   const auto link = connected_link(system, driver, findings);
   if (link == nullptr) return;
   check_name(link.get(), driver, findings);

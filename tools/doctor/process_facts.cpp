@@ -98,6 +98,11 @@ std::optional<ProcessFacts> facts_of(pid_t pid) {
   return facts;
 }
 
+bool is_halted(pid_t pid) {
+  const auto facts = facts_of(pid);
+  return facts && std::string_view("TtZX").find(facts->state) != std::string_view::npos;
+}
+
 std::vector<std::string> arguments_of(pid_t pid) {
   std::vector<std::string> words;
   const std::string text = pid > 0 ? beginning_of(file_of(pid, "cmdline")) : "";

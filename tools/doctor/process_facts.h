@@ -27,6 +27,9 @@ struct ProcessFacts {
 [[nodiscard]] std::vector<std::string> names_in(const std::string &folder);
 
 [[nodiscard]] std::optional<ProcessFacts> facts_of(pid_t pid);
+// Whether the process is stopped or has ended. It accepts no connection, and those of the doctor would fill its
+// backlog.
+[[nodiscard]] bool is_halted(pid_t pid);
 [[nodiscard]] std::vector<std::string> arguments_of(pid_t pid);
 [[nodiscard]] std::string name_of_process(pid_t pid);  // "123 (sim-driver)"
 [[nodiscard]] std::string unit_of(pid_t pid);          // "x.service", or empty

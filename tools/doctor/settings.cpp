@@ -20,12 +20,23 @@ namespace {
 constexpr std::size_t most_program_bytes = 64 * 1024 * 1024;
 constexpr char entry_point[] = "ptz_kit_driver_run";
 
-// Another user could let root run any program.
+// Whether another user can replace a file of this folder, or of one above it.
+bool is_folder_trusted(const std::string &path) {
+  struct stat status;
+  const tools::Text folder(g_path_get_dirname(path.c_str()));
+  if (stat(folder.get(), &status) != 0) return false;
+  const bool is_shared = (status.st_mode & (S_IWGRP | S_IWOTH)) != 0 && (status.st_mode & S_ISVTX) == 0;
+  if (status.st_uid != 0 || is_shared) return false;
+  return g_str_equal(folder.get(), "/") != FALSE || is_folder_trusted(folder.get());
+}
+
+// Another user could let this one run any program. Root also distrusts the folders of the program.
 bool is_trusted(const std::string &program) {
   struct stat status;
-  if (stat(program.c_str(), &status) != 0) return false;
+  if (!program.starts_with('/') || lstat(program.c_str(), &status) != 0) return false;
   const bool is_ours = status.st_uid == 0 || status.st_uid == geteuid();
-  return is_ours && S_ISREG(status.st_mode) && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+  if (!is_ours || !S_ISREG(status.st_mode) || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) return false;
+  return geteuid() != 0 || is_folder_trusted(program);
 }
 
 // Only a program with the main function of the kit is known to end after its check. Another one may ignore the option

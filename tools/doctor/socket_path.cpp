@@ -203,9 +203,9 @@ void examine_socket_path(const Surroundings &, const Driver &driver, Findings &f
   }
   if (!S_ISSOCK(status.st_mode)) return report_other_file(driver, status, findings);
   check_mode(reader, status);
+  if (driver.liveness == PTZ_KIT_DRIVER_STOLEN) return report_stolen(driver, probe(driver.socket), findings);
+  if (is_halted(driver.pid) || backlog_of(driver.socket)) return;  // the kernel knows that a process listens
   const Probe found = probe(driver.socket);
-  const bool is_stolen = driver.liveness == PTZ_KIT_DRIVER_STOLEN;
-  if (is_stolen) return report_stolen(driver, found, findings);
   if (found.error != 0 && found.error != EAGAIN && found.error != EACCES) report_refused(driver, found.error, findings);
 }
 

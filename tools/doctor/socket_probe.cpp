@@ -77,6 +77,8 @@ Probe probe(const std::string &path) {
   return {0, peer.pid};
 }
 
+bool is_listened_on(const std::string &path) { return backlog_of(path) || probe(path).error == 0; }
+
 std::optional<Backlog> backlog_of(const std::string &path) {
   struct stat status;
   const tools::UniqueFd fd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));

@@ -23,4 +23,7 @@ struct Backlog {
 // namespace.
 [[nodiscard]] std::optional<Backlog> backlog_of(const std::string &path);
 
+// By the kernel's list, or by a connection.
+[[nodiscard]] bool is_listened_on(const std::string &path);
+
 }  // namespace ptzctl
