@@ -77,7 +77,7 @@ TEST_F(PtzctlHabits, EveryHelpHasAnExampleThatMakesSense) {
     // Not of the driver that runs on this machine.
     const bool is_default_driver = command.takes("socket");
     const auto result = run_line(examples.front() + (is_default_driver ? " --socket " + dir.file("none") : ""));
-    const bool is_doctor = command.words.front() == "doctor";  // 2 is for faults, of which a missing driver is one
+    const bool is_doctor = command.words == Words{"doctor"};  // 2 is for faults, of which a missing driver is one
     EXPECT_TRUE(result.status == 0 || result.status == 1 || result.status == (is_doctor ? 2 : 3))
         << examples.front() << result.text;
   }
