@@ -79,5 +79,7 @@ struct Page {
 [[nodiscard]] std::string visible_text(const std::string &text);
 // With so many digits after the point, whatever the locale.
 [[nodiscard]] std::string number_text(double number, int digits);
+// "350 µs", "2.5 ms", "1 s"
+[[nodiscard]] std::string duration_text(double microseconds);
 
 }  // namespace tools

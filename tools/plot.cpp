@@ -305,14 +305,6 @@ std::string description_of(const HistogramPlot &plot) {
 
 }  // namespace
 
-std::string duration_text(double microseconds) {
-  const auto [value, unit] = microseconds < 1000     ? std::pair(microseconds, " µs")
-                             : microseconds < 1000e3 ? std::pair(microseconds / 1000, " ms")
-                                                     : std::pair(microseconds / 1e6, " s");
-  const bool is_whole = value >= 100 || std::abs(value - std::round(value)) < 0.005;
-  return number_text(value, is_whole ? 0 : value >= 10 ? 1 : 2) + unit;
-}
-
 std::vector<HistogramBucket> buckets_of(const std::vector<double> &microseconds) {
   constexpr double per_doubling = 4;
   const auto index_of = [](double value) {

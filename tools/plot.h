@@ -47,9 +47,6 @@ using Figure = std::variant<TimePlot, HistogramPlot>;
 [[nodiscard]] const std::string &title_of(const Figure &figure);
 // A <figure> with caption, diagram and legend. The number makes its ids.
 [[nodiscard]] std::string svg_of(const Figure &figure, int number);
-// "350 µs", "2.5 ms", "1 s"
-[[nodiscard]] std::string duration_text(double microseconds);
-
 // One sample a latency; buckets are four for each power of two.
 [[nodiscard]] std::vector<HistogramBucket> buckets_of(const std::vector<double> &microseconds);
 

@@ -1,6 +1,8 @@
 // What is the same in all subcommands of ptzctl, found through its own help.
 #include <gtest/gtest.h>
+
 #include <ptz_status_cache.h>
+#include <algorithm>
 
 #include <cmath>
 #include <regex>
@@ -101,8 +103,9 @@ TEST_F(PtzctlHabits, AllTakeTheSameOptionsOrSayWhyNot) {
     EXPECT_TRUE(has({0, command.help}, "-j, --json ")) << command.help;
     EXPECT_TRUE(command.takes("color")) << command.help;
     const std::string &first = command.words.front();
-    const bool asks_driver = (first == "driver" && command.words[1] != "list") || first == "tap" || first == "doctor" ||
-                             first == "record" || first == "replay";
+    const Words ask_drivers = {"doctor", "record", "replay", "report", "tap"};
+    const bool asks_driver =
+        (first == "driver" && command.words[1] != "list") || std::ranges::find(ask_drivers, first) != ask_drivers.end();
     EXPECT_EQ(command.takes("socket"), asks_driver) << command.help;
     EXPECT_EQ(command.takes("driver"), asks_driver) << command.help;
     EXPECT_EQ(command.takes("timeout"),

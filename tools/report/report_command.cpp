@@ -84,8 +84,8 @@ int run_report(const std::string &words, int argc, char **argv) {
     complain("%s", problem.c_str());
     return EXIT_FAILURE;
   }
-  const tools::Page page = report_of(
-      {options.driver_name(), options.socket_path(), static_cast<guint>(seconds), options.timeout_ms(), is_full != FALSE});
+  const tools::Page page = report_of({options.driver_name(), options.socket_path(), static_cast<guint>(seconds),
+                                      options.timeout_ms(), is_full != FALSE});
   return write_report(file, as_text != FALSE ? tools::text_of(page) : tools::html_of(page), existing);
 }
 
