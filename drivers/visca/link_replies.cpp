@@ -30,7 +30,8 @@ Link::Slot *Link::slot_of_sequence(Sequence sequence) {
 Link::Slot *Link::oldest_unacknowledged() {
   Slot *silent = nullptr;
   for (Slot &slot : slots_) {
-    if (slot.is_acknowledged) continue;
+    // A refused stop has its answer until it is sent again.
+    if (!waits_for_answer(slot)) continue;
     if (!is_silent_kind(slot.command)) return &slot;
     if (silent == nullptr) silent = &slot;
   }

@@ -177,5 +177,27 @@ TEST_F(LinkTest, AbnormalSequenceNumberWithoutHeaderSendsNoReset) {
   EXPECT_EQ(sent_.size(), 1U);
 }
 
+TEST_F(LinkTest, MoveDoesNotWaitForAStopThatIsRefused) {
+  start_udp();
+  submit("stop", stop());
+  submit("move", move());
+  EXPECT_EQ(sent_.size(), 1U);
+  error(1, error_not_executable, 0);
+  EXPECT_TRUE(was_told(std::string("stop: ") + text_of(Outcome::not_executable)));
+  EXPECT_EQ(sent_.size(), 2U);
+}
+
+TEST_F(LinkTest, RefusalsOfTwoStopsWithoutNumbersAreThoseOfBoth) {
+  start_serial();
+  submit("pan", stop());
+  submit("zoom", {.packet = zoom_stop(1), .group = Group::zoom, .stop = true});
+  error(1, error_not_executable);
+  error(1, error_not_executable);
+  submit("move", move());
+  submit("direct", zoom());
+  EXPECT_TRUE(was_told(std::string("pan: ") + text_of(Outcome::not_executable)));
+  EXPECT_TRUE(was_told(std::string("zoom: ") + text_of(Outcome::not_executable)));
+}
+
 }  // namespace
 }  // namespace visca
