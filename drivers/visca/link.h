@@ -115,6 +115,7 @@ class Link {
     std::int64_t first_us = 0, sent_us = 0, end_us = 0;
     std::int64_t cancel_us = 0;  // when its cancel was sent; 0: it was not
     unsigned sends = 0, renumbered = 0;
+    unsigned dropped_acks = 0;   // ACKs that were taken for those of an earlier command
     unsigned refused_sends = 0;  // of a stop: how often it had been sent when it was refused
     Byte socket = 0;
     bool is_acknowledged = false, is_replaced = false;
@@ -224,7 +225,7 @@ class Link {
   [[nodiscard]] bool has_number(std::uint32_t sequence) const;
   void count_stranger(std::uint32_t sequence, std::int64_t now);
   void on_ack(const Reply &reply, Slot *slot, std::int64_t now);
-  [[nodiscard]] bool is_stray(const Slot &slot, std::int64_t now);
+  [[nodiscard]] bool is_stray(Slot &slot, std::int64_t now);
   void acknowledge(Slot &slot, Byte socket, std::int64_t now);
   [[nodiscard]] bool hold_ack(const Slot &oldest, Byte socket, std::int64_t now);
   [[nodiscard]] bool complete_held(Byte socket);

@@ -199,5 +199,33 @@ TEST_F(LinkTest, RefusalsOfTwoStopsWithoutNumbersAreThoseOfBoth) {
   EXPECT_TRUE(was_told(std::string("zoom: ") + text_of(Outcome::not_executable)));
 }
 
+TEST_F(LinkTest, LostAckOfACommandDelaysNoLaterOne) {
+  start_serial();
+  submit("first", focus_command());
+  pass(510 * ms);
+  ack(1);
+  complete(1);
+  submit("second", focus_command());
+  ack(1);
+  EXPECT_TRUE(was_told("second accepted"));
+}
+
+TEST_F(LinkTest, LostAckOnDatagramsDelaysOneLaterCommandOnly) {
+  start({.loses_packets = true});
+  submit("first", focus_command());
+  pass(110 * ms);
+  ack(1);
+  complete(1);
+  submit("second", focus_command());
+  ack(1);
+  pass(110 * ms);
+  ack(1);
+  complete(1);
+  ASSERT_TRUE(was_told("second accepted"));
+  submit("third", focus_command());
+  ack(1);
+  EXPECT_TRUE(was_told("third accepted"));
+}
+
 }  // namespace
 }  // namespace visca
