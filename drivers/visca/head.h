@@ -92,7 +92,7 @@ class Head final : public LineUser {
   unsigned unanswered_positions_ = 0;
   std::uint64_t orders_ = 0;
   unsigned unanswered_zooms_ = 0, refused_focus_ = 0;
-  bool has_position_ = true, has_zoom_position_, was_up_ = false;
+  bool has_position_ = true, has_zoom_position_, was_up_ = false, leaves_ = false;
 
   [[nodiscard]] const AxisScale &scale(std::size_t axis) const {
     return axis == pan_axis ? options_.profile.pan : options_.profile.tilt;
@@ -142,6 +142,8 @@ class Head final : public LineUser {
       : user_(user), options_(options), has_zoom_position_(options.has_zoom) {}
   Head(const Head &) = delete;
 
+  // The driver ends: that the link is lost need not be logged.
+  void leave() { leaves_ = true; }
   [[nodiscard]] const Profile &profile() const { return options_.profile; }
   [[nodiscard]] bool is_there() const { return link_ != nullptr && link_->state() == Link::State::up; }
   // It moves, or a command of a motion has not ended.

@@ -49,7 +49,7 @@ void Head::link_is_up() {
 }
 
 void Head::link_is_lost() {
-  syslog(LOG_WARNING, "camera %u does not answer", address());
+  if (!leaves_) syslog(LOG_WARNING, "camera %u does not answer", address());
   next_poll_us_ = INT64_MAX;
   for (Track *track : {&pan_tilt_, &zoom_}) {
     track->moves = false;
@@ -84,9 +84,8 @@ void Head::schedule_poll(std::int64_t now) {
   for (const InquiryKind kind : {InquiryKind::pan_tilt_position, InquiryKind::zoom_position, InquiryKind::power}) {
     if (link_->asks(kind)) return;
   }
-  const std::int64_t interval = !has_position_ ? retry_position_us
-                                : is_active()  ? options_.poll_us
-                                               : options_.rest_poll_us;
+  const bool is_fast = is_active() && is_on_ != false;
+  const std::int64_t interval = !has_position_ ? retry_position_us : is_fast ? options_.poll_us : options_.rest_poll_us;
   next_poll_us_ = std::max(now, polled_us_ + interval);
 }
 

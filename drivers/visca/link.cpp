@@ -177,6 +177,21 @@ bool Link::join_stop(Command &command, std::int64_t now) {
   return false;
 }
 
+// A later motion does not wait for a stop that the camera refuses, in standby for one: it would be refused as well, or
+// stopped by a repeat.
+void Link::drop_refused_stops() {
+  for (auto next = slots_.begin(); next != slots_.end();) {
+    Slot &slot = *next++;
+    if (!slot.command.stop || !slot.is_refused) continue;
+    const auto waits = [&](const Waiting &waiting) {
+      return waiting.command.motion && waiting.command.group == slot.command.group;
+    };
+    if (std::ranges::none_of(queue_, waits)) continue;
+    accept(slot, Outcome::not_executable);
+    erase(slot);
+  }
+}
+
 void Link::submit(Command command, std::int64_t now) {
   if (state_ == State::down || (state_ != State::up && !command.stop)) {
     tell(command.acknowledged, state_ == State::down ? Outcome::down : Outcome::no_answer);

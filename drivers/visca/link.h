@@ -115,6 +115,8 @@ class Link {
     std::int64_t first_us = 0, sent_us = 0, end_us = 0;
     std::int64_t cancel_us = 0;  // when its cancel was sent; 0: it was not
     unsigned sends = 0, renumbered = 0;
+    unsigned dropped_acks = 0;   // ACKs that were taken for those of an earlier command
+    unsigned refused_sends = 0;  // of a stop: how often it had been sent when it was refused
     Byte socket = 0;
     bool is_acknowledged = false, is_replaced = false;
     bool is_overtaken = false;  // by a stop
@@ -175,6 +177,7 @@ class Link {
   void tell(std::function<void(Outcome)> &callback, Outcome outcome);
   void fail_all(Outcome outcome, bool stops_too);
   void supersede(const Command &command);
+  void drop_refused_stops();
   [[nodiscard]] bool join_stop(Command &command, std::int64_t now);
   void begin_probing(std::int64_t now);
   void probe(std::int64_t now);
@@ -187,6 +190,9 @@ class Link {
   [[nodiscard]] std::int64_t repeat_time(const Slot &slot) const;
   void pump(std::int64_t now);
   [[nodiscard]] bool may_send(const Waiting &waiting, std::int64_t now);
+  [[nodiscard]] static bool waits_for_answer(const Slot &slot) {
+    return !slot.is_acknowledged && slot.refused_sends < slot.sends;
+  }
   [[nodiscard]] bool waits_for_ack(std::int64_t now) const;
   void release_short(std::int64_t now);
   void release_replaced(std::int64_t now);
@@ -219,7 +225,7 @@ class Link {
   [[nodiscard]] bool has_number(std::uint32_t sequence) const;
   void count_stranger(std::uint32_t sequence, std::int64_t now);
   void on_ack(const Reply &reply, Slot *slot, std::int64_t now);
-  [[nodiscard]] bool is_stray(const Slot &slot, std::int64_t now);
+  [[nodiscard]] bool is_stray(Slot &slot, std::int64_t now);
   void acknowledge(Slot &slot, Byte socket, std::int64_t now);
   [[nodiscard]] bool hold_ack(const Slot &oldest, Byte socket, std::int64_t now);
   [[nodiscard]] bool complete_held(Byte socket);

@@ -19,7 +19,7 @@ Outcome outcome_of(Byte code) {
 // By order. A camera that sends no ACK answers a refused command only, so the error is that of the latest one.
 Link::Slot *Link::slot_of_error(const Reply &reply) {
   Slot *slot = oldest_unacknowledged();
-  if (completes_without_ack_ && !has_acked_) {
+  if (slot != nullptr && completes_without_ack_ && !has_acked_) {
     for (Slot &each : slots_) {
       if (!each.is_acknowledged && each.sent_us > slot->sent_us) slot = &each;
     }
@@ -61,6 +61,7 @@ void Link::on_refusal(Slot &slot, Outcome outcome, std::int64_t now) {
   if (slot.is_acknowledged) return release(slot, outcome, now);
   if (slot.command.stop && outcome == Outcome::not_executable) {
     slot.is_refused = true;  // repeat() sends it again
+    slot.refused_sends = slot.sends;
     return;
   }
   accept(slot, outcome);

@@ -30,7 +30,8 @@ Link::Slot *Link::slot_of_sequence(Sequence sequence) {
 Link::Slot *Link::oldest_unacknowledged() {
   Slot *silent = nullptr;
   for (Slot &slot : slots_) {
-    if (slot.is_acknowledged) continue;
+    // A refused stop has its answer until it is sent again.
+    if (!waits_for_answer(slot)) continue;
     if (!is_silent_kind(slot.command)) return &slot;
     if (silent == nullptr) silent = &slot;
   }
@@ -126,14 +127,17 @@ void Link::release(Slot &slot, Outcome outcome, std::int64_t now) {
 // A command that was sent n times may be acknowledged n times. As long after its first ACK as that took, further ones
 // may come.
 void Link::expect_strays(const Slot &slot, std::int64_t now) {
-  if (slot.sends < 2 || !matches_by_order()) return;
-  strays_ = (now > strays_until_us_ ? 0 : strays_) + slot.sends - 1;
+  if (slot.sends < 2 + slot.dropped_acks || !matches_by_order()) return;
+  strays_ = (now > strays_until_us_ ? 0 : strays_) + slot.sends - 1 - slot.dropped_acks;
   strays_until_us_ = now + std::min(now - slot.first_us, most_strays_us);
 }
 
-bool Link::is_stray(const Slot &slot, std::int64_t now) {
+// On a stream a repeat is late, so only stops are that careful.
+bool Link::is_stray(Slot &slot, std::int64_t now) {
+  if (!options_.loses_packets && !slot.command.stop) return false;
   if (strays_ == 0 || now > strays_until_us_ || slot.sends > strays_ + 1 || !slot.command.repeatable) return false;
   --strays_;
+  ++slot.dropped_acks;
   return true;
 }
 

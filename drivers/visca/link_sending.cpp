@@ -74,7 +74,7 @@ void Link::ask(std::int64_t now) {
 bool Link::waits_for_reply(std::int64_t now) const {
   if (asked_ && now - asked_->first_us < first_reply_us) return true;
   return std::ranges::any_of(slots_, [&](const Slot &slot) {
-    return !slot.is_acknowledged && now - slot.sent_us < (slot.sends > 1 ? reply_to_repeat_us : first_reply_us);
+    return waits_for_answer(slot) && now - slot.sent_us < (slot.sends > 1 ? reply_to_repeat_us : first_reply_us);
   });
 }
 
@@ -82,7 +82,7 @@ bool Link::waits_for_reply(std::int64_t now) const {
 bool Link::waits_for_ack(std::int64_t now) const {
   if (asked_ && now - asked_->first_us < first_reply_us) return true;
   return std::ranges::any_of(
-      slots_, [&](const Slot &slot) { return !slot.is_acknowledged && now - slot.sent_us < first_reply_us; });
+      slots_, [&](const Slot &slot) { return waits_for_answer(slot) && now - slot.sent_us < first_reply_us; });
 }
 
 // A replaced motion whose socket the camera did not name cannot be cancelled: nothing is won by waiting for its end.
@@ -95,6 +95,7 @@ void Link::release_replaced(std::int64_t now) {
 
 void Link::pump(std::int64_t now) {
   release_replaced(now);
+  drop_refused_stops();
   std::array<bool, 5> held = {};  // groups with an earlier command that still waits
   for (auto waiting = queue_.begin(); waiting != queue_.end();) {
     bool &is_held = held[static_cast<std::size_t>(waiting->command.group)];

@@ -182,6 +182,7 @@ gboolean started(PTZKitDriver *self, GError **error) {
 
 void close_device(PTZKitDriver *self) {
   State &state = state_of(self);
+  if (state.head) state.head->leave();
   for (const auto &other : state.others) ptz_kit_driver_stop(other.get());
   // The order goes out at once; there is no time for its ACK.
   if (state.head && state.head->is_there() && state.head->is_active()) state.head->stop([](Outcome) {});

@@ -111,6 +111,7 @@ class LinkTest : public testing::Test, public Wire, public LinkUser {
     return {
         .packet = pan_tilt_relative(1, {1, 1}, {1, 0}), .group = Group::pan_tilt, .motion = true, .repeatable = false};
   }
+  static Command focus_command() { return {.packet = focus_one_push(1)}; }
   static Command zoom() { return {.packet = zoom_direct(1, 0x1000), .group = Group::zoom, .motion = true}; }
   static Command stop() {
     return {.packet = pan_tilt_drive(1, {1, 1}, PanDirection::stop, TiltDirection::stop),

@@ -177,5 +177,55 @@ TEST_F(LinkTest, AbnormalSequenceNumberWithoutHeaderSendsNoReset) {
   EXPECT_EQ(sent_.size(), 1U);
 }
 
+TEST_F(LinkTest, MoveDoesNotWaitForAStopThatIsRefused) {
+  start_udp();
+  submit("stop", stop());
+  submit("move", move());
+  EXPECT_EQ(sent_.size(), 1U);
+  error(1, error_not_executable, 0);
+  EXPECT_TRUE(was_told(std::string("stop: ") + text_of(Outcome::not_executable)));
+  EXPECT_EQ(sent_.size(), 2U);
+}
+
+TEST_F(LinkTest, RefusalsOfTwoStopsWithoutNumbersAreThoseOfBoth) {
+  start_serial();
+  submit("pan", stop());
+  submit("zoom", {.packet = zoom_stop(1), .group = Group::zoom, .stop = true});
+  error(1, error_not_executable);
+  error(1, error_not_executable);
+  submit("move", move());
+  submit("direct", zoom());
+  EXPECT_TRUE(was_told(std::string("pan: ") + text_of(Outcome::not_executable)));
+  EXPECT_TRUE(was_told(std::string("zoom: ") + text_of(Outcome::not_executable)));
+}
+
+TEST_F(LinkTest, LostAckOfACommandDelaysNoLaterOne) {
+  start_serial();
+  submit("first", focus_command());
+  pass(510 * ms);
+  ack(1);
+  complete(1);
+  submit("second", focus_command());
+  ack(1);
+  EXPECT_TRUE(was_told("second accepted"));
+}
+
+TEST_F(LinkTest, LostAckOnDatagramsDelaysOneLaterCommandOnly) {
+  start({.loses_packets = true});
+  submit("first", focus_command());
+  pass(110 * ms);
+  ack(1);
+  complete(1);
+  submit("second", focus_command());
+  ack(1);
+  pass(110 * ms);
+  ack(1);
+  complete(1);
+  ASSERT_TRUE(was_told("second accepted"));
+  submit("third", focus_command());
+  ack(1);
+  EXPECT_TRUE(was_told("third accepted"));
+}
+
 }  // namespace
 }  // namespace visca
