@@ -155,8 +155,8 @@ static void ptz_kit_driver_class_init(PTZKitDriverClass *klass) {
   properties[Property::verbose] = g_param_spec_boolean("verbose", nullptr, nullptr, FALSE, flags);
   properties[Property::reply_deadline] =
       g_param_spec_uint("reply-deadline", nullptr, nullptr, 0, G_MAXUINT, default_reply_deadline_ms, flags);
-  properties[Property::monitor_history] = g_param_spec_uint(
-      "monitor-history", nullptr, nullptr, 0, max_history_bytes, MonitorServer::default_history_bytes, flags);
+  properties[Property::monitor_history] = g_param_spec_uint("monitor-history", nullptr, nullptr, 0, max_history_bytes,
+                                                            MonitorServer::default_history_bytes, flags);
   g_object_class_install_properties(object_class, Property::count, properties);
   g_signal_new("ended", PTZ_KIT_TYPE_DRIVER, G_SIGNAL_RUN_LAST, 0, nullptr, nullptr, nullptr, G_TYPE_NONE, 0);
   g_signal_new("preset-changed", PTZ_KIT_TYPE_DRIVER, G_SIGNAL_RUN_LAST, 0, nullptr, nullptr, nullptr, G_TYPE_NONE, 3,

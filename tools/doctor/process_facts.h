@@ -19,7 +19,7 @@ struct ProcessFacts {
   std::string command;  // at most 15 bytes
   double cpu_s = 0;
   double runnable_s = 0;  // of the first thread: on a processor, or waiting for one
-  double start_s = 0;  // since the machine was started
+  double start_s = 0;     // since the machine was started
 };
 
 // The file's beginning; empty if it cannot be read. Does not wait for the writer of a FIFO.

@@ -31,8 +31,8 @@ std::vector<StatusScreen::Line> TopScreen::body() const {
 std::string TopScreen::heading() const {
   std::size_t clients = 0;
   for (const DriverSight &driver : drivers_) clients += driver.clients.size();
-  std::string text = "ptzctl top: " + counted(drivers_.size(), "driver") + ", " + counted(clients, "client") +
-                     ", by " + name_of(order_);
+  std::string text = "ptzctl top: " + counted(drivers_.size(), "driver") + ", " + counted(clients, "client") + ", by " +
+                     name_of(order_);
   if (!filter_.empty() && !is_filter_typed_) text += ", filter '" + filter_ + "'";
   return text + (is_paused_ ? ", paused" : "");
 }
