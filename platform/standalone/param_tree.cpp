@@ -244,12 +244,13 @@ StoreResult ParamTree::prepare_write(Record &record, bool flushed, bool &flush_f
   return StoreResult::ok;
 }
 
-// With both locks. Returns false if a reader of another process is in the way.
+// With both locks. Returns false if a reader of another process is in the way. The cut is not durable, so the record
+// keeps `copied_whole`: the next write flushes the header of the log that it begins.
 bool ParamTree::cut_copied_log(Record &record) {
   if (store_->cut_log() != StoreResult::ok) return false;
   struct stat status = {};
   if (fstat(file_->fd.get(), &status) == 0) record.database = stamp_of(status);
-  record.flags &= ~static_cast<std::uint32_t>(Record::copied_whole);
+  record.previous_ns = 0;
   side_->save(record);
   return true;
 }
@@ -267,6 +268,7 @@ StoreResult ParamTree::move_time(Record &record) {
     }
     record.database = stamp_of(status);  // the process that moved the time ended before it could record it
   }
+  if ((record.flags & Record::moving) == 0) record.previous_ns = record.database.modified_ns;
   const Record before = record;
   record.flags |= Record::moving;
   record.begun_ns = wall_clock_ns();
