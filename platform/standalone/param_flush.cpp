@@ -120,7 +120,11 @@ StoreResult ParamTree::begin_flush(Flush kind, bool &nothing_to_do) {
   if (fstat(file_->fd.get(), &status) == 0) record.database = stamp_of(status);
   record.flags = Record::flushing;
   record.begun_ns = wall_clock_ns();
-  side_->save(record);
+  if (!side_->save(record)) {
+    const auto failed = fail_to_record(errno);
+    release_lock();
+    return failed;
+  }
   flushing_ = true;
   return StoreResult::ok;
 }
@@ -194,7 +198,7 @@ StoreResult ParamTree::copy_log(bool &whole, FileStamp &copied) {
   const auto result = store_->checkpoint(whole);
   if (result != StoreResult::ok) {
     cause_ = store_->reason();
-    disconnect();
+    if (result != StoreResult::full) disconnect();
     return result;
   }
   fstat(file_->fd.get(), &status);

@@ -130,6 +130,7 @@ class [[gnu::visibility("hidden")]] ParamTree {
   [[nodiscard]] bool may_log();  // one line a second
   void lose_write(const char *path, StoreResult result);
   [[nodiscard]] StoreResult fail(StoreResult result, std::string cause);
+  [[nodiscard]] StoreResult fail_to_record(int error);
   [[nodiscard]] std::string access_of(const std::string &path) const;
 
   // Without lock_.

@@ -8,16 +8,14 @@
 
 #include <filesystem>
 
-#include "param_actions.h"
 #include "param_lock.h"
+#include "param_workload.h"
 #include "power_cut.h"
 #include "torture.h"
 
 namespace {
 
 using namespace torture;
-
-constexpr int operations = 40;
 
 struct Progress {
   int done, synced;  // operations
@@ -26,34 +24,6 @@ struct Progress {
   std::int64_t took_us;
   char found[100'000];
 };
-
-// The operation of a number, the same in each run. Returns whether it makes the tree durable.
-bool operate(const TreeFolder &folder, int number, std::uint64_t seed, int &error) {
-  std::mt19937_64 random(seed * 1000 + static_cast<std::uint64_t>(number));
-  const auto chance = random() % 20;
-  const std::string value = std::to_string(number), index = std::to_string(random() % 8);
-  if (chance < 7) {
-    error = set("root.A.P" + index, value);
-  } else if (chance < 11) {
-    error = set("root.N" + index + ".P" + value, value);
-  } else if (chance < 13) {
-    error = create("root.D", -1);
-  } else if (chance < 14) {
-    error = remove_group("root.D.D" + std::to_string(random() % 2));
-    if (error == -2) error = 0;
-  } else if (chance < 16) {
-    // Pages enough for a flush without a sync.
-    error =
-        set("root.Long.P" + index, std::string(4096 * (chance == 14 ? 30 : 110), static_cast<char>('a' + number % 26)));
-  } else if (chance < 19) {
-    error = sync_tree();
-    return true;
-  } else {
-    error = restore(folder.file("given")) ? 0 : 1;
-    return true;
-  }
-  return false;
-}
 
 int work(const TreeFolder &folder, std::uint64_t seed, Progress &progress) {
   for (int i = 0; i < operations; ++i) {
@@ -67,38 +37,6 @@ int work(const TreeFolder &folder, std::uint64_t seed, Progress &progress) {
     if (is_durable) progress.synced = i + 1;
   }
   return 0;
-}
-
-std::string short_content() {
-  int error = 0;
-  const std::string text = content(error);
-  if (error != 0) return "error " + std::to_string(error);
-  std::string shortened;
-  for (std::size_t at = 0; at < text.size();) {
-    const auto end = text.find('\n', at);
-    const auto line = text.substr(at, end - at);
-    shortened += line.size() < 100 ? line : line.substr(0, 40) + "..." + std::to_string(line.size());
-    shortened += '\n';
-    at = end + 1;
-  }
-  return shortened;
-}
-
-// The tree after each operation.
-std::vector<std::string> contents_after_each(const TreeFolder &folder, std::uint64_t seed, Progress &progress) {
-  std::vector<std::string> contents = {""};
-  folder.empty();
-  for (int i = 0; i < operations; ++i) {
-    wait_for(start([&] {
-      int error = 0;
-      operate(folder, i, seed, error);
-      const auto found = short_content();
-      progress.found[found.copy(progress.found, sizeof progress.found - 1)] = '\0';
-      return 0;
-    }));
-    contents.emplace_back(progress.found);
-  }
-  return contents;
 }
 
 void restart(const TreeFolder &folder) {
@@ -168,14 +106,10 @@ int main(int argc, char **argv) {
   const TreeFolder folder;
   const std::string spare = folder.file("spare");
   std::filesystem::create_directory(spare);
-  wait_for(start([&] {
-    set("root.Given.A", "1");
-    set("root.A.P1", "given");
-    return backup(folder.file("given")) ? 0 : 1;
-  }));
+  prepare_workload(folder);
   for (long seed = first_seed; seed < first_seed + seeds; ++seed) {
     const auto number = static_cast<std::uint64_t>(seed);
-    const auto contents = contents_after_each(folder, number, *progress);
+    const auto contents = contents_after_each(folder, number);
     long calls = 0;
     for (long call = only >= 0 ? only : 0; only < 0 || call <= only; call += every) {
       folder.empty();
