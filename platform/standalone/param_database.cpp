@@ -219,6 +219,11 @@ StoreResult make_database(const std::string &file, const struct stat &folder, st
     if (result == StoreResult::ok) {
       result = upgrade(database.get(), first_version, schema.steps, schema.version, reason);
     }
+    // Closing would copy the log as well, and would not report that the disk is full.
+    if (result == StoreResult::ok &&
+        sqlite3_wal_checkpoint_v2(database.get(), "main", SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr) != SQLITE_OK) {
+      result = failure(database.get(), reason);
+    }
   }
   if (result == StoreResult::ok && !flush_file(temporary)) {
     reason = system_reason("cannot be flushed", errno);
@@ -228,7 +233,7 @@ StoreResult make_database(const std::string &file, const struct stat &folder, st
     reason = system_reason("cannot be created", errno);
     result = StoreResult::failed;
   }
-  unlink(temporary.c_str());
+  for (const char *suffix : {"", "-wal", "-shm", "-journal"}) unlink((temporary + suffix).c_str());
   return result;
 }
 
