@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <sys/un.h>
 
@@ -196,6 +197,17 @@ INTERPOSE(int, unlink, (const char *path)) {
   return intercept({.call = Call::unlink, .path = path != nullptr ? path : ""},
                    [=](auto &) { return REAL(unlink)(path); });
 }
+
+#define INTERPOSE_LSTAT(name, buffer)                                                                        \
+  INTERPOSE(int, name, (const char *path, struct buffer *status)) {                                          \
+    return intercept({.call = Call::lstat, .path = path}, [=](auto &) { return REAL(name)(path, status); }); \
+  }
+
+#if defined(__USE_FILE_OFFSET64) && defined(__USE_LARGEFILE64)
+INTERPOSE_LSTAT(lstat64, stat64)
+#else
+INTERPOSE_LSTAT(lstat, stat)
+#endif
 
 INTERPOSE(int, poll, (pollfd * fds, nfds_t count, int timeout_ms)) {
   if (count != 1) return REAL(poll)(fds, count, timeout_ms);

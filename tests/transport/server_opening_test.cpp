@@ -74,6 +74,19 @@ TEST_F(ServerOpening, FailedChmodOfItsOwnPathIsNotRepeated) {
   EXPECT_EQ(log.lines(), (std::vector<LogLine>{{LOG_ERR, "open_server_socket: chmod failed on '" + path + "'."}}));
 }
 
+TEST_F(ServerOpening, ListensIfThePathCannotBeExamined) {
+  const SyslogCapture log;
+  const CallLog calls;
+  for (const int skip : {0, 1, 2}) {
+    const Fault fault(Call::lstat, EIO, {.skip = skip});
+    PlainServer server(path);
+    EXPECT_GT(fault.hits(), 0) << skip;
+    EXPECT_TRUE(connect_client(server, path)) << skip;
+  }
+  EXPECT_EQ(calls.count(Call::bind), 3u);
+  EXPECT_TRUE(log.lines().empty());
+}
+
 TEST_F(ServerOpening, KeepsItsPathWhileClientsRetryWithoutPause) {
   std::atomic<bool> stop = false;
   std::vector<std::thread> clients;

@@ -1,0 +1,235 @@
+#include "engine.h"
+
+#include <glib.h>
+#include <signal.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "ledger.h"
+#include "temp_dir.h"
+#include "torture.h"
+
+namespace nth_call {
+
+namespace {
+
+constexpr int seconds_max = 30;
+constexpr double computing_s_max = 0.5;
+constexpr std::uint32_t calls_max = 20'000;
+constexpr int nth_max = 400;
+constexpr int leak_passes = 4;
+
+// Shared with the process of a case.
+struct Report {
+  std::array<std::uint32_t, 96> profile;
+  int descriptors;
+  int failed;
+  char finding[600];
+};
+
+Report *report = nullptr;
+std::string *folder = nullptr;
+Fault current;
+
+double computing_s() {
+  timespec now = {};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
+[[gnu::format(printf, 1, 2)]] int found(const char *format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  std::vsnprintf(report->finding, sizeof report->finding, format, arguments);
+  va_end(arguments);
+  return torture::missed;
+}
+
+// A line that names an error names the one that happened. A failure may bring others about, such as a missing file.
+bool names_wrong_error() {
+  const std::string lines = logged();
+  return lines.find("Success") != std::string::npos || lines.find("errno=0") != std::string::npos;
+}
+
+// Whether the pass is right.
+bool pass(const Operation &operation, const Fault &fault, bool &succeeded) {
+  const auto scenario = operation.make();
+  scenario->prepare();
+  forget_log();
+  const double before_s = computing_s();
+  arm(fault);
+  scenario->act();
+  report->failed += disarm();
+  const double spent_s = computing_s() - before_s;
+  for (std::size_t place = 0; place < fallible_calls().size(); ++place) report->profile[place] += calls_made(place);
+  const std::string lines = logged();
+  if (spent_s > computing_s_max || all_calls_made() > calls_max) {
+    found("busy: %.2f s of processor time, %u calls", spent_s, all_calls_made());
+  } else if (critical_was_logged() || names_wrong_error()) {
+    found("logged: %.300s", lines.c_str());
+  }
+  const std::string why = scenario->judge();
+  if (!why.empty() && report->finding[0] == '\0') found("%.200s; logged: %.200s", why.c_str(), lines.c_str());
+  if (critical_was_logged() && report->finding[0] == '\0') found("logged afterwards: %.300s", log_text().c_str());
+  scenario->clean();
+  succeeded = scenario->succeeded;
+  return report->finding[0] == '\0';
+}
+
+// In a process of its own.
+int run_case(const Operation &operation, const Fault &fault, bool fresh) {
+  alarm(seconds_max);
+  current = fault;
+  const Fault none;
+  bool succeeded = false;
+  if (!fresh && !pass(operation, none, succeeded)) return torture::missed;
+  long blocks[leak_passes] = {};
+  const int passes = fresh ? 1 : leak_passes;
+  for (int i = 0; i < passes; ++i) {
+    const int descriptors = open_descriptors();
+    if (!pass(operation, fault, succeeded)) return torture::missed;
+    const int more = open_descriptors() - descriptors;
+    if (!fresh && more > (succeeded ? 0 : operation.descriptors_if_refused)) return found("%d descriptors more", more);
+    if (report->failed == 0) return 0;
+    blocks[i] = live_blocks();
+  }
+  const bool grows = !fresh && blocks[3] > blocks[2] && blocks[2] > blocks[1] && blocks[1] > blocks[0];
+  if (grows && !operation.keeps_memory) return found("loses %ld blocks", blocks[3] - blocks[2]);
+  if (!pass(operation, none, succeeded)) return torture::missed;
+  if (!succeeded) return found("fails after the fault, too; logged: %.200s", logged().c_str());
+  if (fresh && operation.descriptors_if_refused == 0 && open_descriptors() > report->descriptors) {
+    return found("%d descriptors more", open_descriptors() - report->descriptors);
+  }
+  return 0;
+}
+
+// What the operation does without a fault.
+int profile(const Operation &operation, bool fresh) {
+  alarm(seconds_max);
+  bool succeeded = false;
+  const Fault none;
+  if (!fresh && !pass(operation, none, succeeded)) return torture::missed;
+  report->profile = {};
+  if (!pass(operation, none, succeeded)) return torture::missed;
+  if (!succeeded) return found("fails without a fault; logged: %.300s", logged().c_str());
+  const auto counted = report->profile;
+  if (!pass(operation, none, succeeded)) return torture::missed;
+  report->profile = counted;
+  report->descriptors = open_descriptors();
+  return 0;
+}
+
+// The exit status of a process that runs the function in a folder of its own, or the negative number of its signal.
+int in_process(const std::function<int()> &function) {
+  const ptz_test::TempDir dir;
+  *folder = dir.path();
+  return torture::wait_for(torture::start([&] {
+    setenv("PTZ_PLATFORM_RUNTIME_DIR", dir.path().c_str(), 1);
+    setenv("PTZ_PLATFORM_STATE_DIR", dir.path().c_str(), 1);
+    signal(SIGPIPE, SIG_IGN);
+    forget_log();
+    (void)g_main_context_default();  // opens a descriptor of its own
+    return install_trap() ? function() : torture::skipped;
+  }));
+}
+
+std::string name_of(int error) { return error == short_transfer ? "one byte" : g_strerror(error); }
+
+struct Totals {
+  long cases = 0, faults = 0, wrong = 0, number = 0;
+};
+
+void print(const Operation &operation, const FallibleCall &call, const Fault &fault, bool fresh, int status) {
+  if (status < 0) found("%s", status == -SIGALRM ? "hangs" : strsignal(-status));
+  std::printf("WRONG %s%s, %s %d%s: %s: %s\n", operation.name, fresh ? " (first use)" : "", call.name, fault.nth,
+              fault.onwards ? " and onwards" : "", name_of(fault.error).c_str(), report->finding);
+  std::fflush(stdout);
+}
+
+// A descriptor that is ready does not stay without data.
+bool may_fail_onwards(const Operation &operation, const FallibleCall &call, int error) {
+  if (error == EAGAIN && std::strcmp(call.name, "read") == 0) return false;
+  return (std::string(" ") + operation.not_onwards + ' ').find(std::string(" ") + call.name + ' ') == std::string::npos;
+}
+
+void run_faults(const Operation &operation, const FallibleCall &call, Fault fault, bool fresh, long stride,
+                Totals &totals) {
+  for (fault.nth = 1; fault.nth <= nth_max; ++fault.nth) {
+    // A stride leaves none of the first calls out, and the end of the series is still found.
+    if (stride > 1 && ++totals.number % stride != 0) {
+      if (fault.nth > 4 * stride) return;
+      continue;
+    }
+    report->failed = 0;
+    report->finding[0] = '\0';
+    const int status = in_process([&] { return run_case(operation, fault, fresh); });
+    ++totals.cases;
+    if (status != 0) ++totals.wrong;
+    if (status != 0) print(operation, call, fault, fresh, status);
+    if (status == 0 && report->failed == 0) return;
+    totals.faults += report->failed;
+  }
+}
+
+bool run_operation(const Operation &operation, bool fresh, long stride, Totals &totals) {
+  *report = {};
+  const int status = in_process([&] { return profile(operation, fresh); });
+  if (status == torture::skipped) return false;
+  if (status != 0) {
+    ++totals.wrong;
+    print(operation, {0, "no call", {}}, {}, fresh, status);
+    return true;
+  }
+  const auto made = report->profile;
+  for (std::size_t place = 0; place < fallible_calls().size(); ++place) {
+    if (made[place] == 0) continue;
+    const FallibleCall &call = fallible_calls()[place];
+    for (const int error : call.errors) {
+      if (error == 0) break;
+      run_faults(operation, call, {call.number, error, 1, false}, fresh, stride, totals);
+      if (may_fail_onwards(operation, call, error)) {
+        run_faults(operation, call, {call.number, error, 1, true}, fresh, stride, totals);
+      }
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+std::string logged() { return log_text(); }
+
+bool was_logged(const char *part) { return logged().find(part) != std::string::npos; }
+
+const std::string &scratch() { return *folder; }
+
+bool fails_onwards() { return current.onwards; }
+
+int run(int argc, char **argv, const char *what, const std::vector<Operation> &operations) {
+  if (g_getenv("G_SLICE") == nullptr) {  // GLib's own lists of free blocks would hide a loss
+    setenv("G_SLICE", "always-malloc", 1);
+    execv("/proc/self/exe", argv);
+  }
+  report = torture::shared<Report>();
+  folder = new std::string;
+  const long stride = torture::amount(argc, argv, "stride", 1);
+  const char *only = nullptr;
+  for (int i = 1; i < argc; ++i) {
+    if (std::strncmp(argv[i], "--only=", 7) == 0) only = argv[i] + 7;
+  }
+  Totals totals;
+  for (const Operation &operation : operations) {
+    if (only != nullptr && std::strcmp(only, operation.name) != 0) continue;
+    const Totals before = totals;
+    if (!operation.only_fresh && !run_operation(operation, false, stride, totals)) return torture::skipped;
+    if (!run_operation(operation, true, stride, totals)) return torture::skipped;
+    std::printf("%s: %ld cases, %ld failing calls, %ld wrong\n", operation.name, totals.cases - before.cases,
+                totals.faults - before.faults, totals.wrong - before.wrong);
+    std::fflush(stdout);
+  }
+  return torture::finish(totals.wrong == 0, "%s: %zu operations, %ld cases, %ld failing calls, %ld wrong", what,
+                         operations.size(), totals.cases, totals.faults, totals.wrong);
+}
+
+}  // namespace nth_call
