@@ -198,15 +198,14 @@ INTERPOSE(int, unlink, (const char *path)) {
                    [=](auto &) { return REAL(unlink)(path); });
 }
 
-#define INTERPOSE_LSTAT(name, buffer)                                                                        \
-  INTERPOSE(int, name, (const char *path, struct buffer *status)) {                                          \
-    return intercept({.call = Call::lstat, .path = path}, [=](auto &) { return REAL(name)(path, status); }); \
-  }
+INTERPOSE(int, lstat, (const char *path, struct stat *status)) {
+  return intercept({.call = Call::lstat, .path = path}, [=](auto &) { return REAL(lstat)(path, status); });
+}
 
-#if defined(__USE_FILE_OFFSET64) && defined(__USE_LARGEFILE64)
-INTERPOSE_LSTAT(lstat64, stat64)
-#else
-INTERPOSE_LSTAT(lstat, stat)
+#ifdef __USE_LARGEFILE64
+INTERPOSE(int, lstat64, (const char *path, struct stat64 *status)) {
+  return intercept({.call = Call::lstat, .path = path}, [=](auto &) { return REAL(lstat64)(path, status); });
+}
 #endif
 
 INTERPOSE(int, poll, (pollfd * fds, nfds_t count, int timeout_ms)) {
