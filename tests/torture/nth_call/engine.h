@@ -36,6 +36,7 @@ struct Operation {
   std::function<std::unique_ptr<Scenario>()> make;
   bool only_fresh = false;         // what the first use in a process opens stays open
   int descriptors_if_refused = 0;  // contract: descriptors that a failure leaves open
+  int descriptors_kept = 0;        // for as long as the process lives, by each pass
   bool keeps_memory = false;       // an object of the process that grows with each pass
   const char *not_onwards = "";    // names of calls that GLib repeats for as long as they fail, divided by spaces
 };
@@ -55,7 +56,8 @@ Operation operation(const char *name, Arguments... arguments) {
 // Whether the running case fails all calls from the n-th.
 [[nodiscard]] bool fails_onwards();
 
-// The whole program: [--stride=N] runs every N-th case, [--only=NAME] one operation.
+// The whole program. --stride=N runs one case of N, --only=NAME one operation, and
+// --case=CALL:ERRNO:N[:onwards][:fresh] one case of it in this process.
 int run(int argc, char **argv, const char *what, const std::vector<Operation> &operations);
 
 }  // namespace nth_call

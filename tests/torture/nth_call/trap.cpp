@@ -16,6 +16,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -90,6 +91,7 @@ constexpr FallibleCall calls[] = {
     {SYS_prlimit64, "prlimit64", {EPERM, EINVAL}},
     {SYS_fstatfs, "fstatfs", {EIO, ENOMEM}},
     {SYS_utimensat, "utimensat", {EACCES, EIO}},
+    {SYS_eventfd2, "eventfd2", {EMFILE, ENFILE, ENOMEM}},
     {SYS_kill, "kill", {EPERM, ESRCH}},
 #ifdef SYS_pidfd_open
     {SYS_pidfd_open, "pidfd_open", {EMFILE, ENOMEM, ENOSYS}},
@@ -98,9 +100,10 @@ constexpr FallibleCall calls[] = {
 constexpr std::size_t call_count = std::size(calls);
 
 // Trapped for the virtual time, or to know the descriptors of main loops.
-constexpr long others[] = {SYS_clock_nanosleep, SYS_nanosleep, SYS_eventfd2};
+constexpr long others[] = {SYS_clock_nanosleep, SYS_nanosleep};
 
 constexpr int peer_moment_ms = 40, loop_moment_ms = 2;
+constexpr int interruptions = 20;
 constexpr long moment_ns = 20'000;
 constexpr std::size_t known_descriptors = 4096;
 
@@ -203,6 +206,10 @@ bool is_poll(long number) {
   return number == SYS_ppoll;
 }
 
+bool is_lock(long command) {
+  return command == F_SETLK || command == F_SETLKW || command == F_OFD_SETLK || command == F_OFD_SETLKW;
+}
+
 // The main loop's own waits and wake-ups are GLib's matter. Memory that is not a file's is malloc's.
 bool is_fallible(const Registers &r) {
   switch (r.number) {
@@ -213,6 +220,9 @@ bool is_fallible(const Registers &r) {
       return !is_main_loops(r.a);
     case SYS_mmap:
       return static_cast<int>(r.e) >= 0;
+    // A lock can always be given back.
+    case SYS_fcntl:
+      return !is_lock(r.b) || reinterpret_cast<const struct flock *>(r.c)->l_type != F_UNLCK;
     default:
       return !is_poll(r.number) || (r.b == 1 && !is_main_loops(reinterpret_cast<const pollfd *>(r.a)->fd));
   }
@@ -274,7 +284,9 @@ long carry_out(const Registers &r) {
 bool fails_now(const Registers &r) {
   if (!armed || r.number != fault.call) return false;
   const int match = ++matches;
-  return match == fault.nth || (fault.onwards && match > fault.nth);
+  // Signals do not come for ever: what is interrupted may be repeated without a limit.
+  const int last = !fault.onwards ? fault.nth : fault.error == EINTR ? fault.nth + interruptions : INT_MAX;
+  return match >= fault.nth && match <= last;
 }
 
 // Linux frees the number of a descriptor even if close(2) fails.

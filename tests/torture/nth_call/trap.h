@@ -28,7 +28,7 @@ struct Fault {
   long call = -1;
   int error = 0;
   int nth = 1;
-  bool onwards = false;  // all calls after the n-th fail, too
+  bool onwards = false;  // all calls after the n-th fail, too; of interruptions a burst
 };
 
 // False if the machine has no filters, or is of an architecture that this file does not know.

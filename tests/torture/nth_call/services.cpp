@@ -1,0 +1,376 @@
+// Each system call of the status cache, the parameters and the settings fails in turn.
+#include <ptz_config.h>
+#include <ptz_settings.h>
+#include <ptz_status_cache.h>
+#include <ptz_tessel.h>
+#include <ptz_tessel_async.h>
+#include <ptz_timing_log.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "clock.h"
+#include "ends.h"
+
+using namespace nth_call;
+
+namespace {
+
+using Text = ptz_test::Text;
+
+void write_file(const std::string &path, const std::string &text) { std::ofstream(path, std::ios::binary) << text; }
+
+std::string read_file(const std::string &path) {
+  std::ifstream stream(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+// The stores look at their files again after a second.
+void pass_a_second() { ptz_test::advance_clock(1100); }
+
+class StatusScenario : public Scenario {
+ protected:
+  PTZStatusCacheGroup *group_ = nullptr;
+  gint32 pan_ = 0, tilt_ = 0;
+  static inline guint instance = 0;
+
+  // A group of its own: the files of groups stay mapped.
+  void create() {
+    ++instance;
+    succeeded = ptz_status_cache_create_group(PTZ_SC_GROUP_POSITION, instance) != FALSE;
+  }
+  void set_up() {
+    group_ = ptz_status_cache_setup_group(PTZ_SC_GROUP_POSITION, instance, 2);
+    ptz_status_cache_add_param(group_, PTZ_SC_PARAM_POSITION_PAN, &pan_);
+    ptz_status_cache_add_param(group_, PTZ_SC_PARAM_POSITION_TILT, &tilt_);
+  }
+  bool put(gint32 value) {
+    pan_ = value;
+    tilt_ = -value;
+    return ptz_status_cache_update_group(group_) != FALSE;
+  }
+  bool fetch() {
+    pan_ = tilt_ = 12345;
+    return ptz_status_cache_fetch_group(group_) != FALSE;
+  }
+  bool holds(gint32 value) const { return pan_ == value && tilt_ == -value; }
+
+ public:
+  void prepare() override {
+    if (instance == 0) create();
+    set_up();
+    put(5);
+  }
+  void clean() override {
+    ptz_status_cache_free_group(group_);
+    group_ = nullptr;
+  }
+};
+
+class StatusCreate : public StatusScenario {
+ public:
+  void prepare() override {}
+  void act() override { create(); }
+  std::string judge() override {
+    if (!succeeded && logged().empty()) return "failed without a line in the log";
+    // Published whole, though the defaults were not, or to be created anew.
+    if (!succeeded) (void)ptz_status_cache_create_group(PTZ_SC_GROUP_POSITION, instance);
+    pass_a_second();
+    set_up();
+    if (!put(7) || !fetch()) return "the group cannot be used";
+    for (const auto &entry : std::filesystem::directory_iterator(scratch())) {
+      if (entry.path().extension() != ".status") return "a file is left: " + entry.path().string();
+    }
+    return holds(7) ? "" : "other values";
+  }
+};
+
+class StatusUpdate : public StatusScenario {
+ public:
+  void act() override { succeeded = put(6); }
+  std::string judge() override {
+    if (!succeeded && logged().empty()) return "failed without a line in the log";
+    pass_a_second();
+    if (!fetch()) return "cannot be read after the fault";
+    if (!holds(6) && (succeeded || !holds(5))) return "values that were not written together";
+    return put(8) && fetch() && holds(8) ? "" : "cannot be used after the fault";
+  }
+};
+
+class StatusFetch : public StatusScenario {
+ public:
+  void act() override { succeeded = fetch(); }
+  std::string judge() override {
+    if (!succeeded && logged().empty()) return "failed without a line in the log";
+    if (succeeded && !holds(5)) return "success with other values";
+    pass_a_second();
+    if (!succeeded) {  // contract: a failed fetch leaves the handle without room
+      ptz_status_cache_free_group(group_);
+      set_up();
+    }
+    return fetch() && holds(5) ? "" : "cannot be read after the fault";
+  }
+};
+
+class TimingLog : public Scenario {
+ public:
+  void act() override {
+    log_time_start_driver_req(1);
+    log_time_stop_driver_req(1);
+    log_counter_update(1, "FAULTS", 3);
+    succeeded = true;
+  }
+  std::string judge() override { return ""; }
+};
+
+class ParameterScenario : public Scenario {
+ protected:
+  static constexpr char path_[] = "root.PTZ.Torture.Value";
+  static std::string get(const char *path = path_) {
+    const Text value(ptz_tessel_get_vp("%s", path));
+    return value != nullptr ? value.get() : "(none)";
+  }
+  static bool set(const char *value) { return ptz_tessel_set_vp(0, 0, value, "%s", path_) == 0; }
+  std::string judge_use() const {
+    return set("after") && get() == "after" && ptz_tessel_sync(0) ? "" : "the tree cannot be used after the fault";
+  }
+  void write_template() const {
+    std::filesystem::create_directories(scratch() + "/template");
+    write_file(scratch() + "/template/torture_grp.conf", "Name=x\nValue=7\n");
+  }
+};
+
+class ParameterSet : public ParameterScenario {
+ public:
+  void prepare() override { (void)set("old"); }
+  void act() override { succeeded = set("new"); }
+  // contract: success if the parameter cannot be read either.
+  std::string judge() override {
+    pass_a_second();
+    const std::string now = get();
+    if (!succeeded && logged().empty()) return "failed without a line in the log";
+    if (now != "new" && now != "old") return "holds " + now;
+    if (succeeded && now != "new" && !fails_onwards() && get() != "(none)") return "success, but holds " + now;
+    return judge_use();
+  }
+};
+
+// Without one before it in the process: it opens the tree.
+class ParameterFirstSet : public ParameterScenario {
+ public:
+  void act() override { succeeded = set("new") && get() == "new"; }
+  std::string judge() override {
+    pass_a_second();
+    const std::string now = get();
+    if (now != "new" && now != "(none)" && now != "after") return "holds " + now;
+    return judge_use();
+  }
+};
+
+class ParameterGet : public ParameterScenario {
+  std::string value_;
+
+ public:
+  void prepare() override { (void)set("old"); }
+  void act() override { value_ = get(); }
+  std::string judge() override {
+    pass_a_second();
+    succeeded = value_ == "old";
+    if (!succeeded && value_ != "(none)") return "read " + value_;
+    return judge_use();
+  }
+};
+
+class ParameterSync : public ParameterScenario {
+ public:
+  void prepare() override { (void)set("old"); }
+  void act() override { succeeded = ptz_tessel_sync(0) != FALSE; }
+  std::string judge() override {
+    pass_a_second();
+    return get() == "old" ? judge_use() : "lost what was set: " + get();
+  }
+};
+
+class ParameterDelete : public ParameterScenario {
+ public:
+  void prepare() override {
+    (void)ptz_tessel_set_vp(0, 0, "1", "root.PTZ.Torture.Sub.A");
+    (void)ptz_tessel_set_vp(0, 0, "2", "root.PTZ.Torture.Sub.B");
+  }
+  void act() override { ptz_tessel_delete_group_vp(0, "root.PTZ.Torture.Sub"); }
+  std::string judge() override {
+    pass_a_second();
+    const bool has_a = get("root.PTZ.Torture.Sub.A") == "1", has_b = get("root.PTZ.Torture.Sub.B") == "2";
+    succeeded = !has_a && !has_b;
+    if (has_a != has_b) return "half a group was deleted";
+    return judge_use();
+  }
+};
+
+class ParameterWalk : public ParameterScenario {
+  int count_ = 0;
+  bool finished_ = false;
+
+ public:
+  void prepare() override {
+    for (const char *name : {"A", "B", "C"}) (void)ptz_tessel_set_vp(0, 0, name, "root.PTZ.Torture.Walk.%s", name);
+  }
+  void act() override {
+    finished_ = ptz_tessel_iterate_group("root.PTZ.Torture.Walk", nullptr, this,
+                                         [](const gchar *, const gchar *, gpointer self, guint) -> gboolean {
+                                           ++static_cast<ParameterWalk *>(self)->count_;
+                                           return TRUE;
+                                         }) != FALSE;
+  }
+  std::string judge() override {
+    pass_a_second();
+    succeeded = count_ == 3;
+    return count_ <= 3 ? judge_use() : "entries twice";
+  }
+};
+
+class ParameterPush : public ParameterScenario {
+ public:
+  void prepare() override {
+    (void)set("old");
+    ptz_tessel_async_push_set_param("warm", "%s", path_);
+    wait_for("warm");
+  }
+  static void wait_for(const char *value) {
+    for (int i = 0; i < 2000 && get() != value; ++i) usleep(1000);
+  }
+  void act() override {
+    ptz_tessel_async_push_set_param("new", "%s", path_);
+    for (int i = 0; i < 300 && ptz_tessel_async_get_waiting_threads() > 0; ++i) usleep(1000);
+    for (int i = 0; i < 40 && !was_logged("Could not set") && get() != "new"; ++i) usleep(1000);
+  }
+  std::string judge() override {
+    pass_a_second();
+    const std::string now = get();
+    succeeded = now == "new";
+    if (now != "new" && now != "warm") return "holds " + now;
+    ptz_tessel_async_push_set_param("later", "%s", path_);
+    wait_for("later");
+    return get() == "later" ? judge_use() : "the background does not work after the fault";
+  }
+};
+
+constexpr char settings_text[] = "[Motion]\nSpeed=7\nName=slow\n";
+
+class SettingsLoad : public Scenario {
+ public:
+  enum class Loader { records, key_file, shell };
+  explicit SettingsLoad(Loader loader) : loader_(loader) {}
+  void prepare() override {
+    write_file(path_, loader_ == Loader::shell ? "SPEED=7\nNAME=slow\n" : settings_text);
+    (void)load(false);
+  }
+  void act() override { succeeded = load(true); }
+  std::string judge() override {
+    if (!succeeded && logged().empty()) return "failed without a line in the log";
+    if (succeeded && !is_whole()) return "success, but not all was loaded";
+    return load(true) && is_whole() ? "" : "cannot be loaded after the fault";
+  }
+
+ private:
+  const Loader loader_;
+  const std::string path_ = scratch() + "/settings.conf";
+
+  [[nodiscard]] bool load(bool with_file) const {
+    const PTZSettingsFile files[] = {{with_file ? path_.c_str() : nullptr, TRUE}, {nullptr, FALSE}};
+    switch (loader_) {
+      case Loader::records:
+        return ptz_settings_load_config(files, nullptr) != FALSE;
+      case Loader::key_file:
+        return ptz_settings_load_config_gkf(files, nullptr) != FALSE;
+      case Loader::shell:
+        return ptz_settings_shell_load_config(files) != FALSE;
+    }
+    return false;
+  }
+  [[nodiscard]] bool is_whole() const {
+    const bool shell = loader_ == Loader::shell;
+    const Text speed(shell ? ptz_settings_shell_get_string("SPEED")
+                           : ptz_settings_get_custom_string("Motion", "Speed"));
+    const Text name(shell ? ptz_settings_shell_get_string("NAME") : ptz_settings_get_custom_string("Motion", "Name"));
+    return speed != nullptr && name != nullptr && std::string("7") == speed.get() && std::string("slow") == name.get();
+  }
+};
+
+class KeyFileStore : public Scenario {
+  const std::string folder_ = scratch() + "/keys", path_ = folder_ + "/driver.conf";
+
+  [[nodiscard]] bool store(const char *value) const {
+    GKeyFile *file = g_key_file_new();
+    g_key_file_set_string(file, "Group", "Key", value);
+    GError *error = nullptr;
+    const bool stored = ptz_config_store_key_file(path_.c_str(), file, &error) != FALSE;
+    g_key_file_unref(file);
+    states_ = stored == (error == nullptr);
+    g_clear_error(&error);
+    return stored;
+  }
+  mutable bool states_ = true;
+
+ public:
+  void prepare() override {
+    std::filesystem::create_directories(folder_);
+    write_file(path_, "[Group]\nKey=old\n");
+  }
+  void act() override { succeeded = store("new"); }
+  std::string judge() override {
+    if (!states_) return "failed without an error, or succeeded with one";
+    const std::string now = read_file(path_);
+    const bool is_new = now == "[Group]\nKey=new\n";
+    if (succeeded && !is_new) return "success, but another content";
+    if (!is_new && now != "[Group]\nKey=old\n") return "half a file: " + now;
+    return store("new") ? "" : "cannot be stored after the fault";
+  }
+};
+
+class KeyFileLoad : public Scenario {
+  const std::string path_ = scratch() + "/load.conf";
+  bool states_ = false;
+
+ public:
+  void prepare() override { write_file(path_, "[Header]\nVersionMajor=1\nVersionMinor=2\n[Group]\nKey=old\n"); }
+  void act() override {
+    GError *error = nullptr;
+    gboolean compatible = FALSE;
+    GKeyFile *file = ptz_config_init_key_file(path_.c_str(), 1, 2, &compatible, &error);
+    states_ = (file == nullptr) == (error != nullptr);
+    const Text value(file != nullptr ? g_key_file_get_string(file, "Group", "Key", nullptr) : nullptr);
+    succeeded = value != nullptr;
+    if (file != nullptr) g_key_file_unref(file);
+    g_clear_error(&error);
+  }
+  std::string judge() override { return states_ ? "" : "neither a file nor an error"; }
+};
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  using Loader = SettingsLoad::Loader;
+  std::vector<Operation> operations = {
+      operation<StatusCreate>("status_create"),
+      operation<StatusUpdate>("status_update"),
+      operation<StatusFetch>("status_fetch"),
+      operation<TimingLog>("timing_log"),
+      operation<ParameterSet>("parameter_set"),
+      operation<ParameterFirstSet>("parameter_first_set"),
+      operation<ParameterGet>("parameter_get"),
+      operation<ParameterSync>("parameter_sync"),
+      operation<ParameterDelete>("parameter_delete"),
+      operation<ParameterWalk>("parameter_walk"),
+      operation<ParameterPush>("parameter_push"),
+      operation<SettingsLoad>("settings_load", Loader::records),
+      operation<SettingsLoad>("settings_load_key_file", Loader::key_file),
+      operation<SettingsLoad>("settings_load_shell", Loader::shell),
+      operation<KeyFileStore>("key_file_store"),
+      operation<KeyFileLoad>("key_file_load"),
+  };
+  operations[0].keeps_memory = true;  // and the file of each group
+  operations[0].descriptors_kept = 1;
+  return run(argc, argv, "status, parameters, settings", operations);
+}
