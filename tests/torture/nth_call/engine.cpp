@@ -156,7 +156,7 @@ void print(const Operation &operation, const FallibleCall &call, const Fault &fa
 
 // A descriptor that is ready does not stay without data.
 bool may_fail_onwards(const Operation &operation, const FallibleCall &call, int error) {
-  if (error == EAGAIN && std::strcmp(call.name, "read") == 0) return false;
+  if (error == EAGAIN && (std::strcmp(call.name, "read") == 0 || std::strncmp(call.name, "recv", 4) == 0)) return false;
   return (std::string(" ") + operation.not_onwards + ' ').find(std::string(" ") + call.name + ' ') == std::string::npos;
 }
 
@@ -209,7 +209,7 @@ bool was_logged(const char *part) { return logged().find(part) != std::string::n
 
 const std::string &scratch() { return *folder; }
 
-bool fails_onwards() { return current.onwards; }
+const Fault &running_fault() { return current; }
 
 // "CALL:ERRNO:N[:onwards][:fresh]", in this process, to be debugged.
 int run_one(const Operation &operation, const std::string &text) {

@@ -53,8 +53,9 @@ Operation operation(const char *name, Arguments... arguments) {
 // An empty folder of this case.
 [[nodiscard]] const std::string &scratch();
 
-// Whether the running case fails all calls from the n-th.
-[[nodiscard]] bool fails_onwards();
+// The fault of the running case.
+[[nodiscard]] const Fault &running_fault();
+[[nodiscard]] inline bool fails_onwards() { return running_fault().onwards; }
 
 // The whole program. --stride=N runs one case of N, --only=NAME one operation, and
 // --case=CALL:ERRNO:N[:onwards][:fresh] one case of it in this process.

@@ -47,7 +47,7 @@ constexpr FallibleCall calls[] = {
     {SYS_connect, "connect", {EINTR, EAGAIN, ECONNREFUSED, EACCES, ENOMEM, ENOENT}},
     {SYS_accept, "accept", {EINTR, EAGAIN, ECONNABORTED, EMFILE, ENFILE, ENOBUFS, ENOMEM}},
     {SYS_accept4, "accept4", {EINTR, EAGAIN, ECONNABORTED, EMFILE, ENFILE, ENOBUFS, ENOMEM}},
-    {SYS_fcntl, "fcntl", {EINTR, EAGAIN, ENOLCK, EINVAL}},
+    {SYS_fcntl, "fcntl", {EINTR, EAGAIN, ENOLCK}},
     {SYS_ioctl, "ioctl", {EINTR, ENOTTY}},
     {SYS_flock, "flock", {EINTR, EAGAIN, ENOLCK}},
     {SYS_ppoll, "ppoll", {EINTR, ENOMEM}},
@@ -102,7 +102,7 @@ constexpr std::size_t call_count = std::size(calls);
 // Trapped for the virtual time, or to know the descriptors of main loops.
 constexpr long others[] = {SYS_clock_nanosleep, SYS_nanosleep};
 
-constexpr int peer_moment_ms = 40, loop_moment_ms = 2;
+constexpr int peer_moment_ms = 150, loop_moment_ms = 2;
 constexpr int interruptions = 20;
 constexpr long moment_ns = 20'000;
 constexpr std::size_t known_descriptors = 4096;
