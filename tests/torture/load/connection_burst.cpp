@@ -70,7 +70,7 @@ long burst(const std::string &path, std::size_t count) {
   }
   driver.send(SIGCONT);
   const auto begun = torture::now_us();
-  while (clients.connected() < count && torture::now_us() - begun < 2000LL * Clients::limit_ms) {
+  while (clients.connected() < count && torture::now_us() - begun < 3LL * 1000 * Clients::limit_ms) {
     if (!g_main_context_iteration(nullptr, FALSE)) usleep(200);
   }
   const auto spent_ms = static_cast<long>((torture::now_us() - begun) / 1000);
