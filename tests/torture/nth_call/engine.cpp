@@ -4,7 +4,10 @@
 #include <signal.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 
 #include "ledger.h"
 #include "temp_dir.h"
@@ -20,8 +23,13 @@ constexpr std::uint32_t calls_max = 20'000, calls_a_second_max = 100'000;
 constexpr int nth_max = 400, spare_calls = 30;
 constexpr int leak_passes = 4;
 
+struct Cost {
+  long calls, allocations, locks;
+};
+
 // Shared with the process of a case.
 struct Report {
+  Cost cost;
   std::array<std::uint32_t, 96> profile;
   int descriptors;
   int failed;
@@ -211,6 +219,63 @@ const std::string &scratch() { return *folder; }
 
 const Fault &running_fault() { return current; }
 
+// --- budgets -----------------------------------------------------------------------------------------------------
+
+constexpr int counted_passes = 12;
+
+// The least of several passes: a peer may answer in pieces.
+int count_cost(const Operation &operation) {
+  alarm(seconds_max);
+  report->cost = {INT_MAX, INT_MAX, INT_MAX};
+  for (int i = 0; i < counted_passes; ++i) {
+    const auto scenario = operation.make();
+    scenario->prepare();
+    const long allocations = allocations_made(), locks = locks_taken();
+    arm({});
+    scenario->act();
+    disarm();
+    const Cost cost = {static_cast<long>(all_calls_made()), allocations_made() - allocations, locks_taken() - locks};
+    (void)scenario->judge();
+    scenario->clean();
+    Cost &least = report->cost;
+    least = {std::min(least.calls, cost.calls), std::min(least.allocations, cost.allocations),
+             std::min(least.locks, cost.locks)};
+  }
+  return 0;
+}
+
+// Lines "operation calls allocations locks". False for an operation that the file does not have.
+bool find_budget(const char *path, const char *operation, Cost &budget) {
+  std::ifstream file(path);
+  for (std::string line, name; std::getline(file, line);) {
+    std::istringstream words(line);
+    if (words >> name >> budget.calls >> budget.allocations >> budget.locks && name == operation) return true;
+  }
+  return false;
+}
+
+int compare_budgets(const char *path, const std::vector<Operation> &operations) {
+  long over = 0, under = 0;
+  for (const Operation &operation : operations) {
+    const int status = in_process([&] { return count_cost(operation); });
+    if (status == torture::skipped) return torture::skipped;
+    const Cost &cost = report->cost;
+    Cost budget = {};
+    const bool known = find_budget(path, operation.name, budget);
+    const bool rises = !known || status != 0 || cost.calls > budget.calls || cost.allocations > budget.allocations ||
+                       cost.locks > budget.locks;
+    const bool falls = cost.calls < budget.calls || cost.allocations < budget.allocations || cost.locks < budget.locks;
+    over += rises ? 1 : 0;
+    under += !rises && falls ? 1 : 0;
+    std::printf("%-24s %5ld %5ld %5ld%s\n", operation.name, cost.calls, cost.allocations, cost.locks,
+                rises   ? "  # above its budget"
+                : falls ? "  # below its budget: enter it"
+                        : "");
+  }
+  return torture::finish(over == 0, "%zu operations, %ld above their budget, %ld below", operations.size(), over,
+                         under);
+}
+
 // "CALL:ERRNO:N[:onwards][:fresh]", in this process, to be debugged.
 int run_one(const Operation &operation, const std::string &text) {
   const ptz_test::TempDir dir;
@@ -239,11 +304,13 @@ int run(int argc, char **argv, const char *what, const std::vector<Operation> &o
   report = torture::shared<Report>();
   folder = new std::string;
   const long stride = torture::amount(argc, argv, "stride", 1);
-  const char *only = nullptr, *one = nullptr;
+  const char *only = nullptr, *one = nullptr, *budgets = nullptr;
   for (int i = 1; i < argc; ++i) {
     if (std::strncmp(argv[i], "--only=", 7) == 0) only = argv[i] + 7;
     if (std::strncmp(argv[i], "--case=", 7) == 0) one = argv[i] + 7;
+    if (std::strncmp(argv[i], "--budgets=", 10) == 0) budgets = argv[i] + 10;
   }
+  if (budgets != nullptr) return compare_budgets(budgets, operations);
   Totals totals;
   for (const Operation &operation : operations) {
     if (only != nullptr && std::strcmp(only, operation.name) != 0) continue;

@@ -10,10 +10,11 @@
 #include <cstring>
 
 #include "interpose.h"
+#include "trap.h"
 
 namespace {
 
-std::atomic<long> blocks = 0;
+std::atomic<long> blocks = 0, allocations = 0, locks = 0;
 char text[16384];
 std::atomic<std::size_t> text_length = 0;
 std::atomic<bool> critical = false;
@@ -35,6 +36,10 @@ void keep(const gchar *, GLogLevelFlags level, const gchar *message, gpointer) {
 namespace nth_call {
 
 long live_blocks() { return blocks; }
+
+long allocations_made() { return allocations; }
+
+long locks_taken() { return locks; }
 
 int open_descriptors() {
   DIR *folder = opendir("/proc/self/fd");
@@ -68,6 +73,17 @@ INTERPOSE(void, syslog, (int, const char *format, ...)) {
   errno = saved_errno;
 }
 
+// Locks that GLib takes for itself are not seen.
+INTERPOSE(void, g_mutex_lock, (GMutex * mutex)) {
+  if (!nth_call::is_peer()) ++locks;
+  REAL(g_mutex_lock)(mutex);
+}
+
+INTERPOSE(gboolean, g_mutex_trylock, (GMutex * mutex)) {
+  if (!nth_call::is_peer()) ++locks;
+  return REAL(g_mutex_trylock)(mutex);
+}
+
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 
 extern "C" {
@@ -80,6 +96,7 @@ void __libc_free(void *block);
 
 static void *counted(void *block) {
   if (block != nullptr) ++blocks;
+  if (!nth_call::is_peer()) ++allocations;
   return block;
 }
 
@@ -90,6 +107,7 @@ void *aligned_alloc(size_t alignment, size_t size) noexcept { return counted(__l
 
 void *realloc(void *block, size_t size) noexcept {
   void *moved = __libc_realloc(block, size);
+  if (!nth_call::is_peer()) ++allocations;
   if (block == nullptr && moved != nullptr) ++blocks;
   if (block != nullptr && moved == nullptr && size == 0) --blocks;
   return moved;

@@ -8,6 +8,10 @@ namespace nth_call {
 [[nodiscard]] long live_blocks();
 [[nodiscard]] int open_descriptors();
 
+// Since the start of the program, by threads that are not peers.
+[[nodiscard]] long allocations_made();
+[[nodiscard]] long locks_taken();
+
 void forget_log();
 [[nodiscard]] std::string log_text();
 [[nodiscard]] bool critical_was_logged();

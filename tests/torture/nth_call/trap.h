@@ -42,6 +42,8 @@ int disarm();
 [[nodiscard]] std::uint32_t calls_made(std::size_t place);
 [[nodiscard]] std::uint32_t all_calls_made();
 
+[[nodiscard]] bool is_peer();
+
 // While it lives, calls of this thread do not fail and are not counted: those of a peer.
 class AsPeer {
  public:
