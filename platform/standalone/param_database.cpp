@@ -1,5 +1,6 @@
 #include "param_database.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 #include <cerrno>
 #include <cstring>
@@ -33,6 +34,12 @@ int open_for(const std::string &file, int flags, Database &database) {
   const int opened = sqlite3_open_v2(file.c_str(), &raw, flags | SQLITE_OPEN_NOMUTEX, file_system());
   database.reset(raw);
   return opened;
+}
+
+// SQLite has closed the file: no lock of it is dropped here.
+bool flush_file(const std::string &path) {
+  const UniqueFd file = open_regular(path, O_RDWR);
+  return file && fsync(file.get()) == 0;
 }
 
 StoreResult failure(sqlite3 *database, std::string &reason) {
@@ -192,7 +199,8 @@ StoreResult upgrade(sqlite3 *database, int version, std::span<const UpgradeStep>
   return StoreResult::failed;
 }
 
-// Not flushed here: the first ParamTree::flush() makes the file and its name durable.
+// The content is durable before the file has its name: after a power cut an empty file would be taken for damaged. The
+// first ParamTree::flush() makes the name durable.
 StoreResult make_database(const std::string &file, const struct stat &folder, std::string &reason) {
   std::string temporary;
   UniqueFd fd(open_temporary(file, folder, temporary));
@@ -211,6 +219,10 @@ StoreResult make_database(const std::string &file, const struct stat &folder, st
     if (result == StoreResult::ok) {
       result = upgrade(database.get(), first_version, schema.steps, schema.version, reason);
     }
+  }
+  if (result == StoreResult::ok && !flush_file(temporary)) {
+    reason = system_reason("cannot be flushed", errno);
+    result = StoreResult::failed;
   }
   if (result == StoreResult::ok && link(temporary.c_str(), file.c_str()) != 0 && errno != EEXIST) {
     reason = system_reason("cannot be created", errno);

@@ -152,6 +152,8 @@ LogAside set_log_aside(const std::string &file) {
   // SQLite would roll the journal back into the new file.
   if (rename(journal.c_str(), (journal + ".old").c_str()) != 0 && errno != ENOENT) return LogAside::failed;
   if (!remove_log(file)) return LogAside::failed;
+  // SQLite would replay it over the database that the record is about to accept.
+  if (had_log) static_cast<void>(flush_folder(folder_of(file)));
   return had_log ? LogAside::kept : LogAside::none;
 }
 

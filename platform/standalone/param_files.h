@@ -59,7 +59,8 @@ void sweep_temporaries(const std::string &file);
 
 enum class LogAside { failed, none, kept };
 // Moves the write-ahead log to "-wal.old" if it holds anything, and a rollback journal to "-journal.old", and removes
-// the log's index. After `failed`, with errno set, the database must not be opened: SQLite would replay what is left.
+// the log's index. A power cut does not bring the log back. After `failed`, with errno set, the database must not be
+// opened: SQLite would replay what is left.
 [[nodiscard]] LogAside set_log_aside(const std::string &file);
 // Removes the log and its index. Returns false with errno set.
 [[nodiscard]] bool remove_log(const std::string &file);

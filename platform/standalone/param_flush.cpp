@@ -120,19 +120,28 @@ StoreResult ParamTree::begin_flush(Flush kind, bool &nothing_to_do) {
   if (fstat(file_->fd.get(), &status) == 0) record.database = stamp_of(status);
   record.flags = Record::flushing;
   record.begun_ns = wall_clock_ns();
-  side_->save(record);
+  if (!side_->save(record)) {
+    const auto failed = fail_to_record(errno);
+    release_lock();
+    return failed;
+  }
   flushing_ = true;
   return StoreResult::ok;
 }
 
-// lock_ not held; the tree's lock is. On disk, the record says that a flush is under way before the database changes,
-// and the time that the record names is the database's.
+// Before the database changes. On disk, the record then says that a flush is under way, and it has the time of the
+// database: the present one, or the one before the last move.
+bool ParamTree::flush_before_copy(int database, const std::string &log, bool new_names) const {
+  const bool knows_time = side_->load().previous_ns != 0;
+  return (knows_time || fsync(database) == 0) && side_->flush() && flush_log(log) &&
+         (!new_names || flush_folder(folder_of(log)));
+}
+
+// lock_ not held; the tree's lock is.
 StoreResult ParamTree::carry_out_flush(const std::shared_ptr<OpenFile> &file, const std::string &log, bool new_names,
                                        std::string &cause) {
   flush_state_ = FlushState::failed;
-  const bool ready =
-      fsync(file->fd.get()) == 0 && side_->flush() && flush_log(log) && (!new_names || flush_folder(folder_of(log)));
-  if (!ready) {
+  if (!flush_before_copy(file->fd.get(), log, new_names)) {
     cause = system_reason("cannot be flushed", errno);
     const MutexLock lock(&lock_);
     folder_flushed_ = false;
@@ -152,9 +161,23 @@ StoreResult ParamTree::carry_out_flush(const std::shared_ptr<OpenFile> &file, co
     const MutexLock lock(&lock_);
     return fail(StoreResult::failed, cause);
   }
+  Record record;
+  StoreResult result = StoreResult::failed;
+  bool cut = false;
+  {
+    const MutexLock lock(&lock_);
+    result = cut_flushed_log(whole, copied, record, cut);
+    cause = cause_;
+  }
+  // The next write begins the log anew. Without this flush, a power cut could leave a part of the old log with it.
+  if (cut && !flush_log(log)) {
+    cause = system_reason("cannot be flushed", errno);
+    flush_state_ = FlushState::failed;
+    return StoreResult::failed;  // the record says that the flush is unfinished
+  }
+  if (flush_state_ == FlushState::failed) return result;
   const MutexLock lock(&lock_);
-  const auto result = finish_flush(whole, copied);
-  cause = cause_;
+  side_->save(record);
   return result;
 }
 
@@ -175,7 +198,7 @@ StoreResult ParamTree::copy_log(bool &whole, FileStamp &copied) {
   const auto result = store_->checkpoint(whole);
   if (result != StoreResult::ok) {
     cause_ = store_->reason();
-    disconnect();
+    if (result != StoreResult::full) disconnect();
     return result;
   }
   fstat(file_->fd.get(), &status);
@@ -187,9 +210,9 @@ StoreResult ParamTree::copy_log(bool &whole, FileStamp &copied) {
   return StoreResult::ok;
 }
 
-// With both locks, after the database was flushed.
-StoreResult ParamTree::finish_flush(bool whole, const FileStamp &copied) {
-  Record record = side_->load();
+// With both locks, after the database was flushed. `record` is what is to be saved, unless the flush has failed.
+StoreResult ParamTree::cut_flushed_log(bool whole, const FileStamp &copied, Record &record, bool &cut) {
+  record = side_->load();
   struct stat status = {};
   if (stat(file_name_.c_str(), &status) != 0 || stamp_of(status) != copied) {
     record.flags = 0;  // the record differs from the file, which the next look finds
@@ -201,14 +224,15 @@ StoreResult ParamTree::finish_flush(bool whole, const FileStamp &copied) {
   StoreResult result = StoreResult::busy;
   if (whole) {
     result = store_->cut_log();
-    record.flags = result == StoreResult::ok ? Record::flushed : Record::flushed | Record::copied_whole;
+    cut = result == StoreResult::ok;
+    record.flags = cut ? Record::flushed : Record::flushed | Record::copied_whole;
   }
   flush_state_ = whole ? FlushState::whole : FlushState::partial;
   record.database = copied;
+  record.previous_ns = 0;
   record.log = store_->log_state();
-  side_->save(record);
   // If a reader keeps the log, the next flush is due when it has grown as much again.
-  next_flush_pages_ = flush_pages + (result == StoreResult::ok ? 0 : store_->log_pages());
+  next_flush_pages_ = flush_pages + (cut ? 0 : store_->log_pages());
   if (result == StoreResult::ok) return result;
   return fail(result, result == StoreResult::busy ? "a reader of another process keeps the log" : store_->reason());
 }

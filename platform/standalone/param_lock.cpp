@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 #include <cerrno>
+#include <cstddef>
 
 namespace ptz::platform {
 namespace {
@@ -49,12 +50,19 @@ Match match(const Record &record, std::uint64_t lock_inode, const FileStamp &dat
   const std::uint32_t change = Record::copying | Record::moving | (recent ? 0U : Record::flushing);
   const bool changing = (record.flags & change) != 0;
   if (record.database == database) return changing ? Match::unfinished : Match::same;
+  const bool has_previous_time = !recent && record.previous_ns != 0 && record.previous_ns == database.modified_ns;
+  const bool only_time_differs = record.database.inode == database.inode && record.database.size == database.size;
+  if (!changing && has_previous_time && only_time_differs) return Match::same;
   if (!changing || record.database.inode != database.inode) return Match::replaced;
   if ((record.flags & Record::moving) != 0 && record.database.size != database.size) return Match::replaced;
   // A move sets a later time than the recorded one, also if the clock was set back meanwhile.
   const bool follows =
       (record.flags & Record::moving) != 0 && is_soon_after(record.database.modified_ns, database.modified_ns);
-  return follows || is_soon_after(record.begun_ns, database.modified_ns) ? Match::unfinished : Match::replaced;
+  // After a power cut, the pages that a flush wrote may be there without their time.
+  const bool has_same_time = !recent && record.database.modified_ns == database.modified_ns;
+  const bool is_ours =
+      follows || has_same_time || has_previous_time || is_soon_after(record.begun_ns, database.modified_ns);
+  return is_ours ? Match::unfinished : Match::replaced;
 }
 
 std::unique_ptr<ParamLock> ParamLock::open(const std::string &file, const struct stat &folder) {
@@ -83,11 +91,9 @@ bool ParamLock::is_in_place() const {
 }
 
 Record ParamLock::load() const {
+  constexpr auto shortest = static_cast<ssize_t>(offsetof(Record, previous_ns));  // as it was at first
   Record record;
-  if (pread(fd_.get(), &record, sizeof(record), 0) != static_cast<ssize_t>(sizeof(record)) ||
-      record.magic != Record::magic_number) {
-    record = {};
-  }
+  if (pread(fd_.get(), &record, sizeof(record), 0) < shortest || record.magic != Record::magic_number) record = {};
   if (record.version != Record::current_version) {
     const auto version = record.version;
     record = {};

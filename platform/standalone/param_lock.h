@@ -10,7 +10,8 @@
 //    before it changes the database.
 //
 // If the database differs from the record, another file was put in its place (see Match). The record is not flushed
-// each time that it changes. So after the system has started anew, `flushing` stands for `copying` too.
+// each time that it changes. So after the system has started anew, `flushing` stands for `copying` too, and the
+// database may have the time from before the last move.
 //
 // The lock is a POSIX one: it is free when its owner dies, children do not inherit it, and only a process that may
 // write the file can take it. The process must not open and close the file anywhere else, and threads exclude each
@@ -38,7 +39,7 @@ struct Record {
   enum Flag : std::uint32_t {
     flushing = 1,      // a flush is under way. What it wrote may be on disk without `copying`
     flushed = 2,       // params.db alone is the tree: the next write moves its time
-    copied_whole = 4,  // the log is in the database, but could not be cut: SQLite may begin it anew
+    copied_whole = 4,  // the log is in the database, and was not cut by the flush: a write may begin it anew
     moving = 8,        // the first write after a flush is about to move the database's time
     copying = 16,      // a flush may have changed the database since `database` was recorded
   };
@@ -51,8 +52,10 @@ struct Record {
   LogState log;               // zeros if it is not known
   std::uint32_t boot = 0;     // of the system, when the record was saved
   std::int64_t saved_ns = 0;  // a copy of the lock file has another time of modification
+  // The database's time before the last move, which is durable; 0 if it is not known. A power cut may bring it back.
+  std::int64_t previous_ns = 0;
 };
-static_assert(sizeof(Record) == 80);
+static_assert(sizeof(Record) == 88);
 
 enum class Match {
   same,

@@ -99,6 +99,11 @@ StoreResult ParamTree::repair(const struct stat &folder) {
   } else if (found == Match::unrecorded) {
     if (access((file_name_ + "-journal").c_str(), F_OK) != 0) put_in_log_mode(file_->fd.get());
     record_database(0, record.generation + 1);
+  } else if (found == Match::same && record.database != stamp_of(status)) {
+    Record same = record;  // a power cut has brought the former time back
+    same.database = stamp_of(status);
+    same.previous_ns = 0;
+    side_->save(same);
   }
   return suspect_ ? examine(folder, status) : StoreResult::ok;
 }
@@ -153,6 +158,7 @@ StoreResult ParamTree::accept_replacement(const struct stat &status, Record reco
   LogState log;
   if (status.st_ino == record.database.inode && has_foreign_checkpoint(record, log)) {
     record.database = stamp_of(status);
+    record.previous_ns = 0;
     record.flags = 0;
     record.log = log;
     side_->save(record);

@@ -52,6 +52,18 @@ StoreResult ParamTree::begin_replacement(struct stat &folder) {
   return StoreResult::ok;
 }
 
+// lock_ not held; the tree's lock is. Reads go on with the former file and its log, which have no names any more. The
+// name of the new file is durable before the log is removed, and the removal before the record accepts the file. After
+// a failure, errno is set.
+StoreResult ParamTree::remove_former_log() const {
+  const std::string folder = folder_of(file_name_);
+  const bool named = flush_folder(folder);
+  const int error = errno;
+  if (remove_log(file_name_) && flush_folder(folder) && named) return StoreResult::ok;
+  if (!named) errno = error;
+  return StoreResult::failed;
+}
+
 // lock_ not held; the tree's lock is. After a failure, errno is set.
 StoreResult ParamTree::put_in_place(const std::string &image, const struct stat &folder, bool &replaced) const {
   std::string temporary;
@@ -59,8 +71,7 @@ StoreResult ParamTree::put_in_place(const std::string &image, const struct stat 
   if (fd && write_whole(fd.get(), image) && fsync(fd.get()) == 0) {
     replaced = rename(temporary.c_str(), file_name_.c_str()) == 0;
   }
-  // The name is durable before the log of the former file is removed.
-  if (replaced) return flush_folder(folder_of(file_name_)) ? StoreResult::ok : StoreResult::failed;
+  if (replaced) return remove_former_log();
   const int error = errno;
   if (fd) unlink(temporary.c_str());
   errno = error;

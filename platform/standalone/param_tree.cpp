@@ -83,6 +83,12 @@ StoreResult ParamTree::fail(StoreResult result, std::string cause) {
   return result;
 }
 
+// Some file systems need room to overwrite. What follows would not fit the record.
+StoreResult ParamTree::fail_to_record(int error) {
+  return fail(error == ENOSPC || error == EDQUOT ? StoreResult::full : StoreResult::failed,
+              system_reason(side_->path(), error));
+}
+
 std::string ParamTree::access_of(const std::string &path) const {
   struct stat status = {};
   if (stat(path.c_str(), &status) != 0) return "";
@@ -222,7 +228,9 @@ StoreResult ParamTree::attempt_write(Operation operation, bool flushed, bool &fl
     if (!is_answer(result)) {
       cause_ = store_->reason();
       if (result == StoreResult::read_only) cause_ += access_of(file_name_);
-      if (result != StoreResult::busy) disconnect();  // the file may be a better one when it is opened again
+      // The file may be a better one when it is opened again. On a full disk it could not be: the log's index needs
+      // room.
+      if (result != StoreResult::busy && result != StoreResult::full) disconnect();
     }
   }
   release_lock();
@@ -244,12 +252,13 @@ StoreResult ParamTree::prepare_write(Record &record, bool flushed, bool &flush_f
   return StoreResult::ok;
 }
 
-// With both locks. Returns false if a reader of another process is in the way.
+// With both locks. Returns false if a reader of another process is in the way. The cut is not durable, so the record
+// keeps `copied_whole`: the next write flushes the header of the log that it begins.
 bool ParamTree::cut_copied_log(Record &record) {
   if (store_->cut_log() != StoreResult::ok) return false;
   struct stat status = {};
   if (fstat(file_->fd.get(), &status) == 0) record.database = stamp_of(status);
-  record.flags &= ~static_cast<std::uint32_t>(Record::copied_whole);
+  record.previous_ns = 0;
   side_->save(record);
   return true;
 }
@@ -267,10 +276,11 @@ StoreResult ParamTree::move_time(Record &record) {
     }
     record.database = stamp_of(status);  // the process that moved the time ended before it could record it
   }
+  if ((record.flags & Record::moving) == 0) record.previous_ns = record.database.modified_ns;
   const Record before = record;
   record.flags |= Record::moving;
   record.begun_ns = wall_clock_ns();
-  side_->save(record);
+  if (!side_->save(record)) return fail_to_record(errno);
   const auto has_moved = [&] {
     return fstat(fd, &status) == 0 && stamp_of(status).modified_ns != record.database.modified_ns;
   };

@@ -8,8 +8,9 @@
 //     `lock_`. A flush holds it from beginning to end; `flushing_` keeps the other threads away from it meanwhile.
 // If either is busy, an operation waits without `lock_` and tries again, ten seconds at most.
 //
-// A flush (param_flush.cpp) makes the log durable, copies it into the database, makes the database durable and empties
-// the log. The connection is at synchronous = OFF, and at NORMAL only for the cut, which has nothing to flush then.
+// A flush (param_flush.cpp) makes the log durable, copies it into the database, makes the database durable, empties the
+// log and makes that durable. The connection is at synchronous = OFF, and at NORMAL only for the cut, which has nothing
+// to flush then.
 //
 // The connection is closed before a fork, because SQLite's state must not be used on the other side. A flush that is
 // under way in another thread is inside fsync() then, at descriptors of our own, and goes on in the parent.
@@ -129,23 +130,26 @@ class [[gnu::visibility("hidden")]] ParamTree {
   [[nodiscard]] bool may_log();  // one line a second
   void lose_write(const char *path, StoreResult result);
   [[nodiscard]] StoreResult fail(StoreResult result, std::string cause);
+  [[nodiscard]] StoreResult fail_to_record(int error);
   [[nodiscard]] std::string access_of(const std::string &path) const;
 
   // Without lock_.
   [[nodiscard]] StoreResult flush(Flush kind, Patience & patience, std::string & cause);
   [[nodiscard]] StoreResult attempt_flush(Flush kind, std::string & cause);
+  [[nodiscard]] bool flush_before_copy(int database, const std::string &log, bool new_names) const;
   [[nodiscard]] StoreResult carry_out_flush(const std::shared_ptr<OpenFile> &file, const std::string &log,
                                             bool new_names, std::string &cause);
   void report_failed_flush(const std::string &cause);
   [[nodiscard]] gint64 wait_for_idleness();
   static gpointer flush_when_idle(gpointer tree);
+  [[nodiscard]] StoreResult remove_former_log() const;
   [[nodiscard]] StoreResult put_in_place(const std::string &image, const struct stat &folder, bool &replaced) const;
   // With lock_.
   [[nodiscard]] StoreResult begin_replacement(struct stat & folder);
   [[nodiscard]] StoreResult finish_replacement();
   [[nodiscard]] StoreResult begin_flush(Flush kind, bool &nothing_to_do);
   [[nodiscard]] StoreResult copy_log(bool &whole, FileStamp &copied);
-  [[nodiscard]] StoreResult finish_flush(bool whole, const FileStamp &copied);
+  [[nodiscard]] StoreResult cut_flushed_log(bool whole, const FileStamp &copied, Record &record, bool &cut);
   void watch_for_idleness();
 
   GMutex lock_ = {};

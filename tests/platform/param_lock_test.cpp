@@ -49,6 +49,8 @@ TEST(ParamLockMatch, ChangeAtTheTimeOfAnUnfinishedFlushIsTheFlushs) {
   EXPECT_EQ(match(record, lock_inode, {2, 8192, 101 * second_ns}), Match::replaced) << "another inode";
   EXPECT_EQ(match(record, lock_inode, {1, 8192, 40 * second_ns}), Match::replaced) << "cp -p of an older file";
   EXPECT_EQ(match(record, lock_inode, {1, 8192, 500 * second_ns}), Match::replaced) << "long after the flush";
+  EXPECT_EQ(match(record, lock_inode, {1, 8192, recorded.modified_ns}), Match::unfinished)
+      << "pages without their time";
 }
 
 TEST(ParamLockMatch, LaterTimeOfAnUnfinishedMoveIsTheMoves) {
@@ -57,6 +59,18 @@ TEST(ParamLockMatch, LaterTimeOfAnUnfinishedMoveIsTheMoves) {
   EXPECT_EQ(match(record, lock_inode, {1, 4096, recorded.modified_ns + 1}), Match::unfinished)
       << "the clock was set back";
   EXPECT_EQ(match(record, lock_inode, {1, 8192, 101 * second_ns}), Match::replaced) << "another size";
+}
+
+// The time of a move is not flushed, and neither is the record.
+TEST(ParamLockMatch, TimeFromBeforeTheLastMoveIsTheSameFileOnlyAfterAnotherBoot) {
+  auto record = record_of(recorded, 0);
+  record.previous_ns = 40 * second_ns;
+  EXPECT_EQ(match(record, lock_inode, {1, 4096, 40 * second_ns}), Match::same);
+  EXPECT_EQ(match(record, lock_inode, {1, 8192, 40 * second_ns}), Match::replaced) << "another size";
+  EXPECT_EQ(match(record, lock_inode, {2, 4096, 40 * second_ns}), Match::replaced) << "another inode";
+  EXPECT_EQ(match(record, lock_inode, {1, 4096, 39 * second_ns}), Match::replaced) << "an older copy";
+  record.flags = Record::flushing;
+  EXPECT_EQ(match(record, lock_inode, {1, 8192, 40 * second_ns}), Match::unfinished);
 }
 
 TEST(ParamLockMatch, RecordOfAnotherFolderOrNoneIsIgnored) {

@@ -11,6 +11,8 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstddef>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -182,21 +184,65 @@ TEST_F(Flushed, SyncBesideAReaderThatEndsSucceedsAndTheDatabaseAloneHoldsEveryth
   EXPECT_EQ(wait_for(reader), 0);
 }
 
-// After a power cut, a record that names a time which the file does not have means another file.
-TEST_F(Flushed, MovedTimeIsDurableBeforeTheRecordAndTheCopyWithItsTimeAtTheEnd) {
+// After a power cut, a record that names a time which the file does not have means another file. The record has the
+// time that was durable before the last move.
+TEST_F(Flushed, RecordWithTheDurableTimeIsFlushedFirstAndTheCopyWithItsTimeAtTheEnd) {
   ASSERT_EQ(set("root.A", "1"), 0);
   ASSERT_EQ(sync_tree(), 0);
+  struct stat status = {};
+  ASSERT_EQ(stat(file.c_str(), &status), 0);
+  const auto durable_ns = stamp_of(status).modified_ns;
   ASSERT_EQ(set("root.B", "2"), 0);
   flush_calls.clear();
   in_test_of_flushes = true;
+  std::int64_t previous_ns = 0;
+  before_next_flush = [&] {
+    std::memcpy(&previous_ns, read(file + "-lock").data() + offsetof(Record, previous_ns), sizeof previous_ns);
+  };
   ASSERT_EQ(sync_tree(), 0);
   in_test_of_flushes = false;
   ASSERT_GE(flush_calls.size(), 4U);
-  EXPECT_TRUE(flush_calls.front().with_times);
-  EXPECT_EQ(flush_calls.front().inode, inode_of(""));
-  EXPECT_EQ(flush_calls[1].inode, inode_of("-lock"));
-  EXPECT_TRUE(flush_calls.back().with_times);
-  EXPECT_EQ(flush_calls.back().inode, inode_of(""));
+  EXPECT_EQ(flush_calls.front().inode, inode_of("-lock"));
+  EXPECT_EQ(previous_ns, durable_ns);
+  const auto &of_copy = flush_calls[flush_calls.size() - 2];
+  EXPECT_TRUE(of_copy.with_times);
+  EXPECT_EQ(of_copy.inode, inode_of(""));
+}
+
+// The next log overwrites the former one in place. If a power cut could bring the former one back, its first frames
+// would be replayed over the newer pages of the database.
+TEST_F(Flushed, EmptyLogIsDurableBeforeTheRecordSaysThatTheFlushIsDone) {
+  ASSERT_EQ(set("root.A", "1"), 0);
+  ASSERT_EQ(sync_tree(), 0);
+  ASSERT_EQ(set("root.B", "2"), 0);
+  // The flushes of the lock file, the log, the database and the empty log.
+  std::uintmax_t log_size = 1;
+  std::uint32_t flags = 0;
+  const std::function<void()> last = [&] {
+    log_size = fs::file_size(file + "-wal");
+    std::memcpy(&flags, read(file + "-lock").data() + offsetof(Record, flags), sizeof flags);
+  };
+  before_next_flush = [&] { before_next_flush = [&] { before_next_flush = [&] { before_next_flush = last; }; }; };
+  ASSERT_EQ(sync_tree(), 0);
+  EXPECT_EQ(log_size, 0U);
+  EXPECT_NE(flags & Record::flushing, 0U);
+  std::memcpy(&flags, read(file + "-lock").data() + offsetof(Record, flags), sizeof flags);
+  EXPECT_EQ(flags, Record::flushed);
+}
+
+TEST_F(Flushed, NewTreeIsDurableBeforeItHasItsName) {
+  bool had_name = true;
+  std::uintmax_t size = 0;
+  before_next_flush = [&] {
+    had_name = fs::exists(file);
+    for (const auto &entry : fs::directory_iterator(dir.path())) {
+      const auto name = entry.path().filename().string();
+      if (name.starts_with("params.db.new-") && name.size() == 20) size = entry.file_size();
+    }
+  };
+  ASSERT_EQ(set("root.A", "1"), 0);
+  EXPECT_FALSE(had_name);
+  EXPECT_GT(size, 0U);
 }
 
 TEST_F(Flushed, FileThatIsPutInPlaceDuringAFlushGetsNothingOfTheLog) {
@@ -213,6 +259,7 @@ TEST_F(Flushed, FileThatIsPutInPlaceDuringAFlushGetsNothingOfTheLog) {
 }
 
 TEST_F(Flushed, FailureOfAFlushThatNothingWaitsForIsLogged) {
+  ASSERT_EQ(set("root.G0.P", "v"), 0);
   before_next_flush = [] { errno = EIO; };
   for (int i = 0; i < 400; ++i) ASSERT_EQ(set("root.G" + std::to_string(i) + ".P", std::string(500, 'v')), 0);
   EXPECT_EQ(log.containing("cannot be flushed: Input/output error"), 1U) << testing::PrintToString(log.lines());
@@ -259,6 +306,22 @@ TEST_F(Restore, ThatIsKilledAfterTheRenameIsFollowedByTheNextProcess) {
   EXPECT_EQ(get("root.A"), value("old"));
   EXPECT_EQ(set("root.A", "newer"), 0);
   EXPECT_EQ(get("root.A"), value("newer"));
+}
+
+// A power cut must not bring the former log back beside a record that accepts the new file.
+TEST_F(Restore, FlushesTheRemovalOfTheFormerLogBeforeTheRecordAcceptsTheFile) {
+  bool had_log = true, is_accepted = true;
+  const std::function<void()> last = [&] {
+    had_log = fs::exists(file + "-wal");
+    ino_t recorded = 0;
+    std::memcpy(&recorded, read(file + "-lock").data() + offsetof(Record, database), sizeof recorded);
+    is_accepted = recorded == inode_of("");
+  };
+  // The flushes of the new file, of its name, and of the removal.
+  before_next_flush = [&] { before_next_flush = [&] { before_next_flush = last; }; };
+  ASSERT_TRUE(param_service_restore(backup.c_str(), nullptr));
+  EXPECT_FALSE(had_log);
+  EXPECT_FALSE(is_accepted);
 }
 
 TEST_F(Restore, ThatIsKilledBeforeTheRenameLeavesTheTree) {
