@@ -219,6 +219,11 @@ StoreResult make_database(const std::string &file, const struct stat &folder, st
     if (result == StoreResult::ok) {
       result = upgrade(database.get(), first_version, schema.steps, schema.version, reason);
     }
+    // SQLite ignores a failure of the checkpoint that it makes when it closes the file, which would have no tables.
+    if (result == StoreResult::ok &&
+        sqlite3_wal_checkpoint_v2(database.get(), nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr) != SQLITE_OK) {
+      result = failure(database.get(), reason);
+    }
   }
   if (result == StoreResult::ok && !flush_file(temporary)) {
     reason = system_reason("cannot be flushed", errno);

@@ -71,7 +71,7 @@ std::unique_ptr<ParamLock> ParamLock::open(const std::string &file, const struct
   repair_access(path, folder);
   bool writable = true;
   UniqueFd fd = open_regular(path, O_RDWR);
-  if (!fd) {
+  if (!fd && is_lack_of_permission(errno)) {
     writable = false;
     fd = open_regular(path, O_RDONLY);
   }
@@ -93,7 +93,12 @@ bool ParamLock::is_in_place() const {
 Record ParamLock::load() const {
   constexpr auto shortest = static_cast<ssize_t>(offsetof(Record, previous_ns));  // as it was at first
   Record record;
-  if (pread(fd_.get(), &record, sizeof(record), 0) < shortest || record.magic != Record::magic_number) record = {};
+  ssize_t size = 0;
+  do {
+    size = pread(fd_.get(), &record, sizeof(record), 0);
+  } while (size < 0 && errno == EINTR);
+  readable_ = size >= 0;
+  if (size < shortest || record.magic != Record::magic_number) record = {};
   if (record.version != Record::current_version) {
     const auto version = record.version;
     record = {};
@@ -103,6 +108,7 @@ Record ParamLock::load() const {
 }
 
 bool ParamLock::save(Record record) const {
+  if (!readable_) return false;  // it would replace what could not be read
   record.own_inode = inode_;
   record.saved_ns = wall_clock_ns();
   record.boot = this_boot();
@@ -110,6 +116,7 @@ bool ParamLock::save(Record record) const {
 }
 
 Match ParamLock::compare(const Record &record, const FileStamp &database) const {
+  if (!readable_) return Match::same;  // nothing shows that it was replaced
   const auto found = match(record, inode_, database);
   if (found != Match::replaced) return found;
   // The inode of the lock file is no proof: numbers are used again, and `cp` writes to the file that exists.

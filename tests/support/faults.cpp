@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/types.h>
 #include <sys/un.h>
 
@@ -197,16 +196,6 @@ INTERPOSE(int, unlink, (const char *path)) {
   return intercept({.call = Call::unlink, .path = path != nullptr ? path : ""},
                    [=](auto &) { return REAL(unlink)(path); });
 }
-
-INTERPOSE(int, lstat, (const char *path, struct stat *status)) {
-  return intercept({.call = Call::lstat, .path = path}, [=](auto &) { return REAL(lstat)(path, status); });
-}
-
-#ifdef __USE_LARGEFILE64
-INTERPOSE(int, lstat64, (const char *path, struct stat64 *status)) {
-  return intercept({.call = Call::lstat, .path = path}, [=](auto &) { return REAL(lstat64)(path, status); });
-}
-#endif
 
 INTERPOSE(int, poll, (pollfd * fds, nfds_t count, int timeout_ms)) {
   if (count != 1) return REAL(poll)(fds, count, timeout_ms);

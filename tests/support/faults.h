@@ -24,7 +24,6 @@ enum class Call {
   set_descriptor_flags,  // fcntl F_SETFD, argument: the flags
   chmod,                 // argument: the mode; path
   unlink,                // path
-  lstat,                 // path
   poll,                  // on exactly one descriptor, as opposed to the main loop's; argument: milliseconds
   read,                  // argument: the length
   write,                 // argument: the length
