@@ -93,11 +93,13 @@ bool ParamLock::is_in_place() const {
 Record ParamLock::load() const {
   constexpr auto shortest = static_cast<ssize_t>(offsetof(Record, previous_ns));  // as it was at first
   Record record;
-  ssize_t size = 0;
+  ssize_t size = 0, count = 0;
   do {
-    size = pread(fd_.get(), &record, sizeof(record), 0);
-  } while (size < 0 && errno == EINTR);
-  readable_ = size >= 0;
+    count = pread(fd_.get(), reinterpret_cast<char *>(&record) + size, sizeof(record) - static_cast<std::size_t>(size),
+                  size);
+    if (count > 0) size += count;
+  } while ((count > 0 && size < static_cast<ssize_t>(sizeof(record))) || (count < 0 && errno == EINTR));
+  readable_ = count >= 0;
   if (size < shortest || record.magic != Record::magic_number) record = {};
   if (record.version != Record::current_version) {
     const auto version = record.version;
