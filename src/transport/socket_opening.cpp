@@ -21,7 +21,7 @@ namespace {
 constexpr int listen_backlog = 128;
 constexpr mode_t world_writable = 0666;
 constexpr guint failures_per_log_line = 300;  // one line in five minutes for a client that retries once a second
-constexpr int repeats_max = 5;
+constexpr int repeats_max = 30;  // of eight clients that retry every millisecond, one removes every third path
 
 bool make_non_blocking(const char *function, gint fd) {
   switch (set_non_blocking(fd)) {

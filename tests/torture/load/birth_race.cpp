@@ -3,6 +3,8 @@
 #include <ptz_kit.h>
 #include <ptz_socket_client_command.h>
 
+#include <syslog.h>
+
 #include <atomic>
 
 #include "../../kit/driver/recording_driver.h"
@@ -40,9 +42,14 @@ int run_daemon(const std::string &path, Shared &shared) {
 }
 
 int run_kit_driver(const std::string &path) {
+  openlog("driver", LOG_PERROR, LOG_USER);
   auto *driver =
       PTZ_KIT_DRIVER(g_object_new(recording_driver_get_type(), "name", "birth", "socket-path", path.c_str(), nullptr));
-  if (!ptz_kit_driver_start(driver, nullptr)) return 1;
+  GError *error = nullptr;
+  if (!ptz_kit_driver_start(driver, &error)) {
+    torture::note("a driver cannot start: %s", error->message);
+    return 1;
+  }
   run_main_loop();
   return 0;
 }
@@ -60,7 +67,12 @@ Result restart(const std::string &path, Shared &shared, long rounds, int (*run_d
     usleep(static_cast<useconds_t>(i * 131 % 4000));  // the daemons are at any point of their millisecond
     const auto begun = torture::now_us();
     const Process driver([&] { return run_driver(path); });
-    if (load::wait_for([&] { return shared.connected == daemons; }, limit_ms)) ++result.good;
+    if (load::wait_for([&] { return shared.connected == daemons; }, limit_ms)) {
+      ++result.good;
+    } else {
+      torture::note("%ld daemons are connected, the driver %s, the path %s", shared.connected.load(),
+                    driver.runs() ? "runs" : "has ended", access(path.c_str(), F_OK) == 0 ? "is there" : "is gone");
+    }
     result.longest_us = std::max(result.longest_us, torture::now_us() - begun);
   }
   return result;
