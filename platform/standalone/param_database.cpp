@@ -219,9 +219,9 @@ StoreResult make_database(const std::string &file, const struct stat &folder, st
     if (result == StoreResult::ok) {
       result = upgrade(database.get(), first_version, schema.steps, schema.version, reason);
     }
-    // SQLite ignores a failure of the checkpoint that it makes when it closes the file, which would have no tables.
+    // Closing would copy the log as well, and would not report that the disk is full.
     if (result == StoreResult::ok &&
-        sqlite3_wal_checkpoint_v2(database.get(), nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr) != SQLITE_OK) {
+        sqlite3_wal_checkpoint_v2(database.get(), "main", SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr) != SQLITE_OK) {
       result = failure(database.get(), reason);
     }
   }
@@ -233,7 +233,7 @@ StoreResult make_database(const std::string &file, const struct stat &folder, st
     reason = system_reason("cannot be created", errno);
     result = StoreResult::failed;
   }
-  unlink(temporary.c_str());
+  for (const char *suffix : {"", "-wal", "-shm", "-journal"}) unlink((temporary + suffix).c_str());
   return result;
 }
 

@@ -59,7 +59,11 @@ class ParamStore::Run {
   }
   Run(Run &&) = delete;
   ~Run() { sqlite3_reset(statement_); }
-  [[nodiscard]] int step() { return bound_ == SQLITE_OK ? sqlite3_step(statement_) : bound_; }
+  [[nodiscard]] int step() {
+    if (bound_ != SQLITE_OK) return bound_;
+    const int code = sqlite3_step(statement_);
+    return code == SQLITE_TOOBIG ? SQLITE_CORRUPT : code;  // texts are not too long: it is the length in a damaged page
+  }
   // Of a statement without rows.
   [[nodiscard]] int finish() {
     const int result = step();

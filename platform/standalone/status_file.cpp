@@ -6,6 +6,8 @@
 #include <syslog.h>
 #include <unistd.h>
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 
 #include "folder_access.h"
 
@@ -59,11 +61,24 @@ bool remove_outdated(const std::string &path) {
   return true;
 }
 
-// Returns 0 if the folder exists now, or -1 with errno set. mkdir() obeys the umask and ignores the setgid bit.
-int make_folder(const char *directory) {
-  if (mkdir(directory, S_IRWXU) != 0) return errno == EEXIST ? 0 : -1;
-  const UniqueFd folder(open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
-  return folder ? fchmod(folder.get(), directory_mode) : -1;
+// Returns 0 if the folder exists now, or -1 with errno set. mkdir() obeys the umask and ignores the setgid bit, so the
+// folder gets its name after its mode: a process that is killed in between must not lock the others out for ever.
+int make_folder(std::string_view directory) {
+  while (directory.size() > 1 && directory.back() == '/') directory.remove_suffix(1);
+  const std::string path(directory);
+  std::string temporary = path + ".new-XXXXXX";
+  if (mkdtemp(temporary.data()) == nullptr) return -1;
+  const UniqueFd folder(open(temporary.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
+  const bool is_made = folder && fchmod(folder.get(), directory_mode) == 0 &&
+                       renameat2(AT_FDCWD, temporary.c_str(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE) == 0;
+  if (is_made) return 0;
+  // Some file systems cannot refuse to replace. A folder that holds anything is not replaced.
+  const bool is_unknown = errno == EINVAL || errno == ENOSYS;
+  if (is_unknown && rename(temporary.c_str(), path.c_str()) == 0) return 0;
+  const int error = errno;
+  rmdir(temporary.c_str());
+  errno = error;
+  return error == EEXIST || error == ENOTEMPTY ? 0 : -1;
 }
 
 // A complete group without a name. Returns no descriptor with errno set on failure.

@@ -2,11 +2,40 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <filesystem>
 #include <string>
+#include <string_view>
+
+#include "interpose.h"
 
 #include "platform/param_service.h"
 #include "temp_dir.h"
+
+namespace {
+
+bool database_has_no_room = false;
+
+bool is_database(int fd) {
+  char path[400] = {};
+  const auto link = "/proc/self/fd/" + std::to_string(fd);
+  if (readlink(link.c_str(), path, sizeof path - 1) < 0) return false;
+  const std::string_view name(path);
+  return !name.ends_with("-wal") && !name.ends_with("-shm") && !name.ends_with("-journal");
+}
+
+}  // namespace
+
+INTERPOSE(ssize_t, pwrite64, (int fd, const void *bytes, size_t size, off64_t offset)) {
+  // The first page says that the file has a log; it is there before the log is.
+  if (database_has_no_room && offset > 0 && is_database(fd)) {
+    errno = ENOSPC;
+    return -1;
+  }
+  return REAL(pwrite64)(fd, bytes, size, offset);
+}
 
 namespace {
 
@@ -158,6 +187,29 @@ TEST_F(ParamDatabase, CheckTreeOfAnotherProgramReturnsForeign) {
   int version = 0;
   ASSERT_EQ(execute(store->database(), "PRAGMA application_id = 1"), SQLITE_OK);
   EXPECT_EQ(check_tree(store->database(), version, reason), StoreResult::foreign);
+}
+
+// --- a disk that is full -------------------------------------------------------------------------------------------
+
+// The log fits, and its copy in the database does not.
+TEST_F(ParamDatabase, MadeWithoutRoomForTheCopyOfTheLogFailsAndLeavesNoFile) {
+  struct stat folder = {};
+  ASSERT_EQ(stat(dir.path().c_str(), &folder), 0);
+  database_has_no_room = true;
+  const auto result = make_database(dir.file("full.db"), folder, reason);
+  database_has_no_room = false;
+  EXPECT_EQ(result, StoreResult::full) << reason;
+  for (const auto &entry : std::filesystem::directory_iterator(dir.path())) {
+    EXPECT_FALSE(entry.path().filename().string().starts_with("full.db")) << entry.path();
+  }
+}
+
+// Of a page whose damage no other check finds.
+TEST_F(TestedStore, LengthThatNoValueHasIsDamage) {
+  ASSERT_EQ(store->set("root.A", std::string(100, 'v')), StoreResult::ok);
+  sqlite3_limit(store->database(), SQLITE_LIMIT_LENGTH, 50);
+  ptz::Text value;
+  EXPECT_EQ(store->get("root.A", value), StoreResult::damaged);
 }
 
 }  // namespace

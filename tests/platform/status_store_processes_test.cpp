@@ -22,8 +22,20 @@
 #include <thread>
 
 #include "clock.h"
+#include "interpose.h"
 #include "shared_group.h"
 #include "syslog_capture.h"
+
+namespace {
+
+bool dies_before_modes = false;
+
+}  // namespace
+
+INTERPOSE(int, fchmod, (int fd, mode_t mode)) {
+  if (dies_before_modes) raise(SIGKILL);
+  return REAL(fchmod)(fd, mode);
+}
 
 namespace {
 
@@ -358,6 +370,20 @@ TEST_F(StatusStoreProcesses, KilledMakersLeaveNoHalfGroups) {
     EXPECT_EQ(set(name, {item("A", 1)}), 0) << file;
     EXPECT_EQ(number(name, "A"), 1) << file;
   }
+}
+
+TEST_F(StatusStoreProcesses, MakerThatDiesBeforeTheFolderHasItsModeLeavesNoFolder) {
+  const std::string folder = dir.file("run");
+  use_folder(folder + "/");
+  wait_for(start([] {
+    dies_before_modes = true;
+    create("G");
+  }));
+  EXPECT_FALSE(std::filesystem::exists(folder));
+  EXPECT_EQ(create("G"), 0);
+  struct stat status = {};
+  ASSERT_EQ(stat(folder.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 02770U);
 }
 
 TEST_F(StatusStoreProcesses, OfSeveralMakersOneMakesTheGroup) {

@@ -33,9 +33,12 @@ INTERPOSE(int, posix_fallocate64, (int fd, off_t offset, off_t length)) {
   return allocation_error != 0 ? allocation_error.load() : REAL(posix_fallocate64)(fd, offset, length);
 }
 
-INTERPOSE(int, mkdir, (const char *path, mode_t mode)) {
-  if (others_make_folder.exchange(false)) REAL(mkdir)(path, mode);
-  return REAL(mkdir)(path, mode);
+// The folder is made under a temporary name.
+INTERPOSE(char *, mkdtemp, (char *pattern)) {
+  const std::string_view name(pattern);
+  const std::string folder(name.substr(0, name.find(".new-")));
+  if (others_make_folder.exchange(false)) mkdir(folder.c_str(), 0700);
+  return REAL(mkdtemp)(pattern);
 }
 
 INTERPOSE(void *, mmap64, (void *address, size_t length, int protection, int flags, int fd, off_t offset)) {

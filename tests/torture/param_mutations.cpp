@@ -84,7 +84,9 @@ int use(const std::string &expected, Result &result) {
 }
 
 bool is_stated(int error) {
-  return error == 0 || error == PARAM_SERVICE_STORAGE || error == PARAM_SERVICE_NO_PARAMETER;
+  // The name of a group may have become one that is no path.
+  return error == 0 || error == PARAM_SERVICE_STORAGE || error == PARAM_SERVICE_NO_PARAMETER ||
+         error == PARAM_SERVICE_BAD_PATH;
 }
 
 }  // namespace

@@ -41,6 +41,7 @@ struct Disk {
   Names durable_names = {};
   std::vector<Names> names = {};  // after each change since the folder's last flush
   long calls = 0, last_call = -1, full_at = -1;
+  std::size_t free_bytes = 0;  // given back since the disk is full
   std::mt19937_64 random = {};
   bool is_busy = false;  // our own calls are not recorded
 };
@@ -177,10 +178,14 @@ void restore_file(ino_t inode, const File &file) {
 }
 
 // Returns false if the disk is full and the call needs room.
-bool count_call(bool needs_room) {
+bool count_call(std::size_t needed_bytes) {
   if (disk->calls == disk->last_call) cut_power();
   const long call = disk->calls++;
-  if (!needs_room || disk->full_at < 0 || call < disk->full_at) return true;
+  if (needed_bytes == 0 || disk->full_at < 0 || call < disk->full_at) return true;
+  if (needed_bytes <= disk->free_bytes) {
+    disk->free_bytes -= needed_bytes;
+    return true;
+  }
   errno = ENOSPC;
   return false;
 }
@@ -189,13 +194,12 @@ template <typename Write>
 ssize_t write_recorded(int fd, const void *bytes, std::size_t size, off_t offset, Write write) {
   if (!is_on() || file_of(fd) == nullptr) return write();
   const Quiet quiet;
-  if (!count_call(true)) return -1;
+  if (!count_call(size)) return -1;
   const ssize_t count = write();
   if (count > 0) {
     file_of(fd)->pending.push_back({false, static_cast<std::size_t>(offset),
                                     std::string(static_cast<const char *>(bytes), static_cast<std::size_t>(count))});
   }
-  static_cast<void>(size);
   return count;
 }
 
@@ -205,8 +209,10 @@ int truncate_recorded(int fd, off_t size, Truncate truncate) {
   const Quiet quiet;
   struct stat status = {};
   fstat(fd, &status);
-  if (!count_call(size > status.st_size)) return -1;
+  const auto former = static_cast<std::size_t>(status.st_size), wanted = static_cast<std::size_t>(size);
+  if (!count_call(wanted > former ? wanted - former : 0)) return -1;
   const int result = truncate();
+  if (former > wanted) disk->free_bytes += former - wanted;
   if (result == 0) file_of(fd)->pending.push_back({true, static_cast<std::size_t>(size), {}});
   return result;
 }
@@ -220,7 +226,7 @@ int sync_recorded(int fd, bool with_time, Sync sync) {
   stat(disk->folder.c_str(), &folder);
   const bool is_folder = S_ISDIR(status.st_mode) && status.st_ino == folder.st_ino;
   if (!is_folder && file_of(fd) == nullptr) return sync();
-  static_cast<void>(count_call(false));
+  static_cast<void>(count_call(0));
   if (is_folder) {
     disk->durable_names = names_now();
     disk->names.clear();
@@ -236,20 +242,23 @@ int open_recorded(const char *path, bool creates, Open open) {
   const Quiet quiet;
   struct stat status = {};
   const bool is_new = stat(path, &status) != 0;
-  if (is_new && !count_call(true)) return -1;
+  if (is_new && !count_call(1)) return -1;
   const int fd = open();
   if (fd >= 0 && is_new) note_names();
   return fd;
 }
 
 template <typename Call>
-int names_recorded(const char *path, bool needs_room, Call call) {
+int names_recorded(const char *path, bool removes, Call call) {
   if (!is_on() || !is_inside(path)) return call();
   const Quiet quiet;
-  if (!count_call(needs_room)) return -1;
+  struct stat former = {};
+  const bool had_file = stat(path, &former) == 0;
+  if (!count_call(removes || had_file ? 0 : 1)) return -1;
   const int result = call();
   const int error = errno;
   if (result == 0) note_names();
+  if (result == 0 && had_file) disk->free_bytes += static_cast<std::size_t>(former.st_size);
   errno = error;
   return result;
 }
@@ -279,7 +288,10 @@ void begin_recording(const std::string &folder, const std::string &spare, long l
 }
 
 long recorded_calls() { return disk->calls; }
-void fill_disk_at(long call) { disk->full_at = call; }
+void fill_disk_at(long call) {
+  disk->full_at = call;
+  disk->free_bytes = 0;
+}
 
 }  // namespace torture
 
@@ -324,11 +336,11 @@ EXPORTED int fdatasync(int fd) {
   return sync_recorded(fd, false, [&] { return REAL(fdatasync)(fd); });
 }
 EXPORTED int rename(const char *from, const char *to) {
-  return names_recorded(to, true, [&] { return REAL(rename)(from, to); });
+  return names_recorded(to, false, [&] { return REAL(rename)(from, to); });
 }
 EXPORTED int link(const char *from, const char *to) {
-  return names_recorded(to, true, [&] { return REAL(link)(from, to); });
+  return names_recorded(to, false, [&] { return REAL(link)(from, to); });
 }
 EXPORTED int unlink(const char *path) {
-  return names_recorded(path, false, [&] { return REAL(unlink)(path); });
+  return names_recorded(path, true, [&] { return REAL(unlink)(path); });
 }

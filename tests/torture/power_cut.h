@@ -19,7 +19,8 @@ void begin_recording(const std::string &folder, const std::string &spare, long l
 // The number of calls until now.
 long recorded_calls();
 
-// The call of this number, and each one after it that writes or allocates, fails with ENOSPC; -1 for none.
+// The call of this number, and each one after it that writes more than was given back since, fails with ENOSPC, also if
+// it overwrites; -1 for none.
 void fill_disk_at(long call);
 
 }  // namespace torture
