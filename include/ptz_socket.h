@@ -113,7 +113,7 @@ PTZ_API GType ptz_socket_get_type (void);
  *
  * A client that tries to connect before the server listens removes the path that the server has just bound. So a server
  * checks its path once it listens, and again after two milliseconds, which this call waits. If the path does not name
- * its socket any more, the server opens it again, at most five times.
+ * its socket any more, the server opens it again, at most 30 times.
  *
  * A failure is written to the system log and leaves the descriptor at -1; failed connections are logged once in 300.
  *

@@ -12,6 +12,8 @@ namespace {
 
 constexpr guint first_retry_ms = 100;
 constexpr guint last_retry_ms = 5000;
+// While the backlog is full. Differs from link to link, so that they do not all come back at the same moment.
+constexpr gint32 shortest_busy_retry_ms = 50, longest_busy_retry_ms = 150;
 constexpr gint64 time_to_listen_us = 5000;    // for a server, from bind() on
 constexpr gint64 stable_us = G_USEC_PER_SEC;  // a connection that ends earlier is a failed attempt
 constexpr gushort hang_up = G_IO_HUP | G_IO_ERR | G_IO_NVAL | POLLRDHUP;
@@ -181,7 +183,9 @@ void LinkCore::attempt(gint64 now_us) {
     return begin_handshake(now_us);
   }
   // Nothing there, nothing listens, or the backlog is full: a driver that starts, or one that is busy.
-  const bool may_come = errno == ENOENT || errno == ECONNREFUSED || errno == EAGAIN;
+  const bool is_busy = errno == EAGAIN;
+  const bool may_come = errno == ENOENT || errno == ECONNREFUSED || is_busy;
+  if (is_busy) retry_ms_ = static_cast<guint>(g_random_int_range(shortest_busy_retry_ms, longest_busy_retry_ms));
   attempt_failed(now_us, may_come ? PTZ_KIT_LINK_STATE_CONNECTING : PTZ_KIT_LINK_STATE_FAILED, g_strerror(errno));
 }
 

@@ -99,6 +99,7 @@ FolderReader::FolderReader(int folder)
       }()) {}
 
 const char *FolderReader::next() {
+  errno = 0;
   const dirent *found = readdir(stream_.get());
   return found != nullptr ? found->d_name : nullptr;
 }

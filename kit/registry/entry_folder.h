@@ -36,12 +36,15 @@ class FolderReader {
  public:
   explicit FolderReader(int folder);
   [[nodiscard]] explicit operator bool() const { return stream_ != nullptr; }
-  // Null at the end.
+  // Null with errno 0 at the end, and null with errno set if the folder cannot be read.
   [[nodiscard]] const char *next();
 };
 
-// Whether an error tells nothing of the file: the process or the system has no more descriptors or memory.
-[[nodiscard]] inline bool is_shortage(int error) { return error == EMFILE || error == ENFILE || error == ENOMEM; }
+// Whether an error tells nothing of the file: the process or the system has no more descriptors or memory, the disk
+// cannot be read, or a signal came.
+[[nodiscard]] inline bool is_shortage(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOMEM || error == EIO || error == EINTR;
+}
 
 // Calls handler(file_name, entry, opened) for each entry in a folder. False with errno set if it cannot be read, or if
 // an entry cannot be opened for lack of resources.
@@ -59,7 +62,7 @@ template <typename Handler>
       return false;
     }
   }
-  return true;
+  return errno == 0;
 }
 
 }  // namespace ptz_kit

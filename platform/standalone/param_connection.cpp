@@ -111,7 +111,9 @@ StoreResult ParamTree::select_file(struct stat &folder, bool locked) {
   if (!flushing_ && !locked && (side_ == nullptr || !side_->is_in_place())) {
     side_ = ParamLock::open(file_name_, folder);
     const int error = errno;
-    if (side_ == nullptr && access(file_name_.c_str(), F_OK) != 0) {
+    // Without its lock the tree can be read. That is for a process that may not write it, not for a lack of resources.
+    const bool may_do_without = is_lack_of_permission(error) || error == ENOENT;
+    if (side_ == nullptr && (!may_do_without || access(file_name_.c_str(), F_OK) != 0)) {
       return fail(StoreResult::failed, system_reason("cannot be created", error));
     }
   }

@@ -201,7 +201,8 @@ StoreResult ParamTree::copy_log(bool &whole, FileStamp &copied) {
     if (result != StoreResult::full) disconnect();
     return result;
   }
-  fstat(file_->fd.get(), &status);
+  // If its time is not known, the record goes on to say that a flush is under way.
+  if (fstat(file_->fd.get(), &status) != 0) return fail(StoreResult::failed, system_reason("cannot be flushed", errno));
   copied = stamp_of(status);
   // From now on, any change of the database is a replacement.
   record.database = copied;

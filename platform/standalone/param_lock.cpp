@@ -71,7 +71,7 @@ std::unique_ptr<ParamLock> ParamLock::open(const std::string &file, const struct
   repair_access(path, folder);
   bool writable = true;
   UniqueFd fd = open_regular(path, O_RDWR);
-  if (!fd) {
+  if (!fd && is_lack_of_permission(errno)) {
     writable = false;
     fd = open_regular(path, O_RDONLY);
   }
@@ -93,7 +93,14 @@ bool ParamLock::is_in_place() const {
 Record ParamLock::load() const {
   constexpr auto shortest = static_cast<ssize_t>(offsetof(Record, previous_ns));  // as it was at first
   Record record;
-  if (pread(fd_.get(), &record, sizeof(record), 0) < shortest || record.magic != Record::magic_number) record = {};
+  ssize_t size = 0, count = 0;
+  do {
+    count = pread(fd_.get(), reinterpret_cast<char *>(&record) + size, sizeof(record) - static_cast<std::size_t>(size),
+                  size);
+    if (count > 0) size += count;
+  } while ((count > 0 && size < static_cast<ssize_t>(sizeof(record))) || (count < 0 && errno == EINTR));
+  readable_ = count >= 0;
+  if (size < shortest || record.magic != Record::magic_number) record = {};
   if (record.version != Record::current_version) {
     const auto version = record.version;
     record = {};
@@ -103,6 +110,7 @@ Record ParamLock::load() const {
 }
 
 bool ParamLock::save(Record record) const {
+  if (!readable_) return false;  // it would replace what could not be read
   record.own_inode = inode_;
   record.saved_ns = wall_clock_ns();
   record.boot = this_boot();
@@ -110,6 +118,7 @@ bool ParamLock::save(Record record) const {
 }
 
 Match ParamLock::compare(const Record &record, const FileStamp &database) const {
+  if (!readable_) return Match::same;  // nothing shows that it was replaced
   const auto found = match(record, inode_, database);
   if (found != Match::replaced) return found;
   // The inode of the lock file is no proof: numbers are used again, and `cp` writes to the file that exists.

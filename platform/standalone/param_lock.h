@@ -18,6 +18,7 @@
 // other by themselves (ParamTree does).
 #pragma once
 #include <sys/stat.h>
+#include <cerrno>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -80,6 +81,9 @@ class ParamLock {
   [[nodiscard]] Match compare(const Record &record, const FileStamp &database) const;
   // A cleared one if there is none, or if it is of another version. Its version is kept.
   [[nodiscard]] Record load() const;
+  // Whether the last load() could read the file, empty or not. If not, save() does nothing, and errno of load() says
+  // why: a record that cannot be read is not a missing one.
+  [[nodiscard]] bool is_readable() const { return readable_; }
   bool save(Record record) const;
   bool flush() const;
   [[nodiscard]] const std::string &path() const { return path_; }
@@ -91,6 +95,11 @@ class ParamLock {
   UniqueFd fd_;
   bool writable_;
   std::uint64_t inode_ = 0;
+  mutable bool readable_ = true;  // of the file, not of this object: threads exclude each other
 };
+
+[[nodiscard]] inline bool is_lack_of_permission(int error) {
+  return error == EACCES || error == EPERM || error == EROFS;
+}
 
 }  // namespace ptz::platform

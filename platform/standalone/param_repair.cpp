@@ -83,6 +83,7 @@ StoreResult ParamTree::repair(const struct stat &folder) {
   }
   if (!S_ISREG(status.st_mode) || !open_file()) return StoreResult::ok;  // opening the store reports it
   const Record record = side_->load();
+  if (!side_->is_readable()) return fail(StoreResult::failed, system_reason(side_->path(), errno));
   if (record.version > Record::current_version) {
     return fail(StoreResult::newer,
                 "made by a newer release (version " + std::to_string(record.version) + " of its lock file)");

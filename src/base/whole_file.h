@@ -75,7 +75,7 @@ class PipeDeadline {
     if (count > 0) {
       text.append(chunk, static_cast<std::size_t>(count));
       received += static_cast<std::size_t>(count);
-    } else if (errno != EINTR && errno != EAGAIN) {
+    } else if (errno != EINTR && !(errno == EAGAIN && is_pipe)) {  // only a pipe may get more
       return false;
     }
   }

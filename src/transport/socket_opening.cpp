@@ -21,7 +21,7 @@ namespace {
 constexpr int listen_backlog = 128;
 constexpr mode_t world_writable = 0666;
 constexpr guint failures_per_log_line = 300;  // one line in five minutes for a client that retries once a second
-constexpr int repeats_max = 5;
+constexpr int repeats_max = 30;  // of eight clients that retry every millisecond, one removes every third path
 
 bool make_non_blocking(const char *function, gint fd) {
   switch (set_non_blocking(fd)) {
@@ -56,6 +56,14 @@ constexpr useconds_t second_look_us = 2000;
 
 enum class Listening { yes, failed, path_lost };
 
+// Whether the path names another file than the one that was bound, or none. If the path cannot be examined, nothing
+// shows that it was lost.
+bool is_lost(const gchar *path, const std::optional<FileIdentity> &own_file) {
+  struct stat status;
+  if (lstat(path, &status) < 0) return errno == ENOENT || errno == ENOTDIR;
+  return !S_ISSOCK(status.st_mode) || (own_file && *own_file != FileIdentity{status.st_dev, status.st_ino});
+}
+
 Listening listen_on(const char *function, gint fd, const gchar *path, std::optional<FileIdentity> &own_file) {
   sockaddr_un address;
   if (!make_non_blocking(function, fd) || !fill_address(function, path, address)) return Listening::failed;
@@ -66,9 +74,9 @@ Listening listen_on(const char *function, gint fd, const gchar *path, std::optio
     return Listening::failed;
   }
   own_file = socket_at(path);
-  if (!own_file) return Listening::path_lost;
+  if (!own_file && is_lost(path, own_file)) return Listening::path_lost;
   if (chmod(path, world_writable) < 0) {
-    if (socket_at(path) != own_file) return Listening::path_lost;
+    if (is_lost(path, own_file)) return Listening::path_lost;
     syslog(LOG_ERR, "%s: chmod failed on '%s'.", function, path);
     return Listening::failed;
   }
@@ -76,9 +84,9 @@ Listening listen_on(const char *function, gint fd, const gchar *path, std::optio
     syslog(LOG_ERR, "%s: listen failed.", function);
     return Listening::failed;
   }
-  if (socket_at(path) != own_file) return Listening::path_lost;
+  if (is_lost(path, own_file)) return Listening::path_lost;
   usleep(second_look_us);
-  return socket_at(path) == own_file ? Listening::yes : Listening::path_lost;
+  return is_lost(path, own_file) ? Listening::path_lost : Listening::yes;
 }
 
 bool connect_to(const char *function, gint fd, const gchar *path) {

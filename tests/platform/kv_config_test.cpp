@@ -57,6 +57,13 @@ TEST_F(KvConfig, KeysBelongToTheGroupAboveThem) {
             (Records{{"First", "A", "1"}, {"First", "B", "2"}, {"Second", "A", "3"}, {"First", "C", "4"}}));
 }
 
+TEST_F(KvConfig, OpenOfAFileThatIsNeverReadyFailsAtOnce) {
+  write_file(path, "[Group]\nA=1\n");
+  const Fault never_ready(Call::read, EAGAIN, {.times = 1000});
+  EXPECT_EQ(failure(path), EAGAIN);
+  EXPECT_EQ(never_ready.hits(), 1);
+}
+
 TEST_F(KvConfig, CommentsAndBlankLinesAreLeftOut) {
   EXPECT_EQ(read("# one\n; two\n\n \t\n[Group]\n#A=1\n;B=2\n  # three\nC=4 # no comment\n"),
             (Records{{"Group", "C", "4 # no comment"}}));

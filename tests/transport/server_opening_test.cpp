@@ -2,23 +2,28 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <climits>
 #include <cstring>
 #include <thread>
 
 #include "clock.h"
 #include "command_ends.h"
 #include "faults.h"
+#include "interpose.h"
 #include "peers.h"
 #include "syslog_capture.h"
 
 using namespace ptz_test;
 
 namespace {
+
+std::atomic<int> looks_that_succeed = INT_MAX;  // the calls of lstat() after them fail
 
 class ServerOpening : public testing::Test {
  protected:
@@ -42,7 +47,7 @@ INSTANTIATE_TEST_SUITE_P(Step, ServerOpeningStep, testing::Values(Call::chmod, C
 
 TEST_P(ServerOpeningStep, BindsAgainIfAClientRemovedThePathMeanwhile) {
   const SyslogCapture log;
-  for (const int times : {1, 5}) {
+  for (const int times : {1, 30}) {
     const CallLog calls;
     const auto client = removing_before(GetParam(), path, times);
     PlainServer server(path);
@@ -52,15 +57,15 @@ TEST_P(ServerOpeningStep, BindsAgainIfAClientRemovedThePathMeanwhile) {
   EXPECT_TRUE(log.lines().empty());
 }
 
-TEST_P(ServerOpeningStep, GivesUpAfterFiveRepeatsAndLogsIt) {
+TEST_P(ServerOpeningStep, GivesUpAfterThirtyRepeatsAndLogsIt) {
   const SyslogCapture log;
   const CallLog calls;
   const auto client = removing_before(GetParam(), path, -1);
   const PlainServer server(path);
   EXPECT_EQ(server.fd(), -1);
-  EXPECT_EQ(calls.count(Call::bind), 6u);
+  EXPECT_EQ(calls.count(Call::bind), 31u);
   EXPECT_EQ(log.lines(), (std::vector<LogLine>{{LOG_ERR, "open_server_socket: '" + path +
-                                                             "' was removed or replaced each of the 6 times that it "
+                                                             "' was removed or replaced each of the 31 times that it "
                                                              "was bound."}}));
 }
 
@@ -72,6 +77,20 @@ TEST_F(ServerOpening, FailedChmodOfItsOwnPathIsNotRepeated) {
   EXPECT_EQ(server.fd(), -1);
   EXPECT_EQ(calls.count(Call::bind), 1u);
   EXPECT_EQ(log.lines(), (std::vector<LogLine>{{LOG_ERR, "open_server_socket: chmod failed on '" + path + "'."}}));
+}
+
+TEST_F(ServerOpening, ListensIfThePathCannotBeExamined) {
+  const SyslogCapture log;
+  const CallLog calls;
+  for (const int skip : {0, 1, 2}) {
+    looks_that_succeed = skip;
+    PlainServer server(path);
+    EXPECT_LT(looks_that_succeed, 0) << skip;
+    looks_that_succeed = INT_MAX;
+    EXPECT_TRUE(connect_client(server, path)) << skip;
+  }
+  EXPECT_EQ(calls.count(Call::bind), 3u);
+  EXPECT_TRUE(log.lines().empty());
 }
 
 TEST_F(ServerOpening, KeepsItsPathWhileClientsRetryWithoutPause) {
@@ -170,3 +189,17 @@ TEST_F(ServerAtItsLimit, LogsOneLineAMinuteThatNamesThePeer) {
 }
 
 }  // namespace
+
+INTERPOSE(int, lstat, (const char *path, struct stat *status)) {
+  if (--looks_that_succeed >= 0) return REAL(lstat)(path, status);
+  errno = EIO;
+  return -1;
+}
+
+#ifdef __USE_LARGEFILE64
+INTERPOSE(int, lstat64, (const char *path, struct stat64 *status)) {
+  if (--looks_that_succeed >= 0) return REAL(lstat64)(path, status);
+  errno = EIO;
+  return -1;
+}
+#endif

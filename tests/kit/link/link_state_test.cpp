@@ -188,6 +188,19 @@ TEST_F(KitLinkState, IntervalsOfAttemptsDoubleUpTo5Seconds) {
   EXPECT_EQ(state(), PTZ_KIT_LINK_STATE_CONNECTING);
 }
 
+TEST_F(KitLinkState, FullBacklogIsTriedAgainWithin150Milliseconds) {
+  const CallLog calls;
+  const ptz_test::Fault full(Call::connect, EAGAIN);
+  open_link();
+  run_pending();
+  for (std::size_t expected = 2; expected < 20; ++expected) {
+    ptz_test::advance_clock(150);
+    run_pending();
+    EXPECT_EQ(calls.count(Call::connect), expected);
+  }
+  EXPECT_EQ(state(), PTZ_KIT_LINK_STATE_CONNECTING);
+}
+
 TEST_F(KitLinkState, PathThatAppearsMakesLinkReady) {
   open_link();
   use_up_short_intervals();

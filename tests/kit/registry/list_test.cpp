@@ -2,7 +2,22 @@
 #include <gio/gio.h>
 #include <sys/resource.h>
 
+#include <dirent.h>
+
 #include "entry_files.h"
+#include "interpose.h"
+
+static bool folders_are_unreadable = false;
+
+#define INTERPOSE_READDIR(name, Entry)                      \
+  INTERPOSE(Entry *, name, (DIR * folder)) {                \
+    if (!folders_are_unreadable) return REAL(name)(folder); \
+    errno = EIO;                                            \
+    return nullptr;                                         \
+  }
+
+INTERPOSE_READDIR(readdir, dirent)
+INTERPOSE_READDIR(readdir64, dirent64)
 
 namespace {
 
@@ -50,6 +65,16 @@ TEST_F(RegistryList, OfFileInsteadOfDirectoryFails) {
   EXPECT_EQ(ptz_kit_registry_list(registry.get(), &error), nullptr);
   const Owned<GError> owned(error);
   EXPECT_TRUE(g_error_matches(error, G_FILE_ERROR, G_FILE_ERROR_NOTDIR));
+}
+
+TEST_F(RegistryList, FailsIfFolderCannotBeRead) {
+  write_entry("1.driver", {.socket = listen_at("a.socket")});
+  folders_are_unreadable = true;
+  GError *error = nullptr;
+  EXPECT_EQ(ptz_kit_registry_list(registry_.get(), &error), nullptr);
+  folders_are_unreadable = false;
+  const Owned<GError> owned(error);
+  EXPECT_TRUE(g_error_matches(error, G_FILE_ERROR, G_FILE_ERROR_IO));
 }
 
 TEST_F(RegistryList, FailsIfEntryCannotBeOpenedForLackOfDescriptors) {
