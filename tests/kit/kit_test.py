@@ -1,5 +1,6 @@
 """The messages of the kit from Python, a driver without a socket, and the monitor of one with a socket."""
 import os
+import select
 import socket
 import struct
 import tempfile
@@ -169,6 +170,7 @@ class Monitor(unittest.TestCase):
             context.pop_thread_default()
 
         self.ask_for_name()
+        self.run_until(lambda: select.select([self.client], [], [], 0)[0])  # the reply is there
         thread = threading.Thread(target=ask)
         thread.start()
         self.run_until(lambda: not thread.is_alive())
