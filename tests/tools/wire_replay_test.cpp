@@ -63,7 +63,7 @@ TEST_F(WireReplayToSimulatedDriver, DifferenceIsToldByFrameCommandAndField) {
   made.reply(position_reply("[1000, 0, 100]"));
   const Result result = replay();
   EXPECT_TRUE(has(result, "frame 2, Query position: position.pan 1000 became 0\n")) << result.text;
-  EXPECT_TRUE(has(result, "1 requests sent, 1 replies compared, 1 differences\n")) << result.text;
+  EXPECT_TRUE(has(result, "1 request sent, 1 reply compared, 1 difference\n")) << result.text;
   EXPECT_EQ(result.status, 1);
 }
 
@@ -181,7 +181,7 @@ TEST_F(WireReplayToSimulatedDriver, RequestsOfOtherClientsAreLeftOut) {
   made.request(request_of(ask_name), 2);
   made.reply(name_reply("sim-driver"), 2);
   const Result result = replay({"--fast", "--client", "2"});
-  EXPECT_TRUE(has(result, "1 requests sent")) << result.text;
+  EXPECT_TRUE(has(result, "1 request sent")) << result.text;
   EXPECT_EQ(result.status, 0);
   EXPECT_TRUE(has(replay({"--client", "3"}), "has no request of this client"));
 }

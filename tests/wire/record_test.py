@@ -148,7 +148,7 @@ class Driver(Record):
             os.unlink(self.system.socket + '.monitor')
         self.driver = self.system.start_driver()
         told = []
-        while not told or not is_ended(told[-1]):
+        while not told or (len(told) < 20 and not is_ended(told[-1])):
             told.append(process.stderr.readline())
         return told
 
