@@ -141,7 +141,7 @@ int main(int argc, char **argv) {
   const bool quick = argc == 2 && std::strcmp(argv[1], "--quick") == 0;
   const int rounds = quick ? 3 : 400, calls = quick ? 200 : 2000;
   Contender without("without accounting", "--drive-without"), again("without accounting, once more", "--drive-without"),
-      with("with accounting, nobody listens", "--drive"), heard("with accounting, a monitor listens", "--drive");
+      with("with accounting, no monitor listens", "--drive"), heard("with accounting, a monitor listens", "--drive");
   const Process monitor("--listen", heard.path(), heard.folder());
   g_usleep(100'000);
   for (int round = 0; round < rounds; ++round) {

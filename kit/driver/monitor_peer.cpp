@@ -141,7 +141,13 @@ void MonitorPeer::frame_came(const Frame &frame, std::span<const guint8> body) {
   next_frame_ = number;
   const Sent sent = send_frame(frame, body, number);
   if (sent == Sent::failed) end();
-  if (sent == Sent::full && is_kept) watch_output(true);
+  if (sent == Sent::full) watch_output(true);
+}
+
+// The frames that the next one will report as lost.
+guint64 MonitorPeer::lost_until_now() const {
+  if (!subscribed_ || next_frame_ >= history_.first()) return lost_;
+  return lost_ + (history_.first() - next_frame_);
 }
 
 // False if the socket is full or the peer has ended.
@@ -163,7 +169,11 @@ MonitorPeer::Sent MonitorPeer::send_figures() {
   if (answer_ == Answer::driver) return send(driver_packet(driver_, serial_).bytes());
   const Client *client = driver_.accounting().next_client(next_client_);
   if (client == nullptr) answer_ = Answer::end;
-  if (answer_ == Answer::end) return send(PacketWriter({PacketKind::end_of_figures, 0, serial_}).bytes());
+  if (answer_ == Answer::end) {
+    PacketWriter packet({PacketKind::end_of_figures, 0, serial_});
+    packet.put(lost_until_now());
+    return send(packet.bytes());
+  }
   const Sent sent = send(client_packet(*client, serial_).bytes());
   if (sent == Sent::yes) ++next_client_;
   return sent;

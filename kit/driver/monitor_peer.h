@@ -2,7 +2,8 @@
 //
 // A peer is sent each frame at once. If its socket is full, it is sent the frame later from the history, when the
 // socket is writable, and as many of the next ones as the history still has then. Frames that it does not have any more
-// are lost: their number goes with the next frame. Until the peer reads again, a frame costs the driver a comparison.
+// are lost: their number goes with the next frame, and with figures. Until the peer reads again, a frame costs the
+// driver a comparison.
 //
 // One request is read at a time: the next one is read when the answer is sent. A dispatch sends a limited number of
 // packets, so that a request to the driver does not wait long.
@@ -59,6 +60,7 @@ class MonitorPeer {
   Sent send(std::span<const guint8> packet);
   Sent send_frame(const Frame &frame, std::span<const guint8> body, guint64 number);
   Sent send_figures();
+  [[nodiscard]] guint64 lost_until_now() const;
   void handle(std::span<const guint8> packet);
   void read_request();
   void take_turn();

@@ -2,7 +2,7 @@
 //
 // The socket lies beside the driver's own, with ".monitor" at the end of the path. Its packets are described in
 // docs/wire-format.md. It is a SOCK_SEQPACKET socket of mode 0660 with the group of its folder. The mode is set between
-// bind() and listen(), so that no one connects before it holds, and not by the umask, which other threads share. The
+// bind() and listen(), so that no monitor connects before it holds, and not by the umask, which other threads share. The
 // file is removed only if it is the driver's own, by device and inode.
 //
 // A driver serves without a monitor if the socket cannot be made: the path is too long, or is taken by a file of

@@ -146,8 +146,11 @@ struct _PTZKitDriver {
 /**
  * PTZKitDriver:monitor-history:
  *
- * How many bytes the driver keeps the last frames in, for a #PTZKitMonitor that asks for them; 0 keeps none. The memory
- * is allocated at the first request. Setting it forgets the frames that were kept.
+ * How many bytes the driver keeps the last frames in, for a #PTZKitMonitor that asks for them: 32768 by default, at most
+ * 16777216 (16 MiB); 0 keeps none. The memory is allocated at the first request. Setting it forgets the frames that were
+ * kept.
+ *
+ * Thread: that of the driver's main context.
  *
  * Since: 0.1
  */

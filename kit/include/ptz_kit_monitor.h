@@ -40,7 +40,7 @@ PTZ_KIT_API GType ptz_kit_frame_direction_get_type (void);
  * @client: number of the client's connection; the driver counts them from 1
  * @pid: process that made the connection; 0 if unknown
  * @uid: user of that process; `G_MAXUINT32` if unknown
- * @direction: from whom
+ * @direction: whether it is a request or a reply
  * @message_id: of the frame
  * @past: whether the frame is older than the subscription (see ptz_kit_monitor_subscribe())
  * @unsent: whether a reply could not be sent
@@ -139,7 +139,8 @@ typedef struct _PTZKitMonitorClass PTZKitMonitorClass;
  * PTZKitMonitor::closed:
  * @self: the monitor
  *
- * The driver has ended, or has closed the connection. ptz_kit_monitor_open() connects again.
+ * The connection is closed: the driver has ended or has closed it, the driver had no place for another monitor, or it
+ * sent a malformed packet. ptz_kit_monitor_open() connects again.
  *
  * Since: 0.1
  */
@@ -159,7 +160,10 @@ PTZ_KIT_API GType ptz_kit_monitor_get_type (void);
  * ptz_kit_monitor_new:
  * @socket_path: (type filename): the driver's socket, not the monitor socket
  *
- * Thread: any.
+ * Makes a monitor for the calling thread: its signals are emitted in the thread-default main context that the thread has
+ * now.
+ *
+ * Thread: any; all further calls are made in the same thread.
  *
  * Since: 0.1
  *
@@ -180,13 +184,11 @@ PTZ_KIT_API PTZKitMonitor *ptz_kit_monitor_new (const gchar *socket_path);
  *
  * Returns: `TRUE` if it is connected; `FALSE` with @error of `G_IO_ERROR` set: `G_IO_ERROR_NOT_FOUND` if the driver has
  *   no monitor socket, `G_IO_ERROR_CONNECTION_REFUSED` if nothing listens, `G_IO_ERROR_PERMISSION_DENIED`,
- *   `G_IO_ERROR_BUSY` if too many connections wait. A driver that has as many monitors as it serves, eight, closes the
- *   connection at once: the next call then fails with `G_IO_ERROR_BUSY`
+ *   `G_IO_ERROR_BUSY` if too many connections wait, `G_IO_ERROR_TOO_MANY_OPEN_FILES`, or any other code of
+ *   g_io_error_from_errno() for socket() and connect(). A driver that has as many monitors as it serves, eight, closes
+ *   the connection at once: the next call then fails with `G_IO_ERROR_BUSY`
  */
 PTZ_KIT_API gboolean ptz_kit_monitor_open (PTZKitMonitor *self, GError **error);
-
-/* The name that it had: a method "connect" would hide that of GObject in other languages. */
-#define ptz_kit_monitor_connect ptz_kit_monitor_open
 
 /**
  * ptz_kit_monitor_get_figures:
@@ -206,6 +208,8 @@ PTZ_KIT_API gboolean ptz_kit_monitor_open (PTZKitMonitor *self, GError **error);
  *   "program" (s), "since" (x: when the driver noticed it, at its first request at the latest), "last-request" (x; 0 if
  *   none), "last-command" (i; present if there was a request), and the counters
  *
+ * - "lost" (t): frames that this monitor has lost since the last one that it received; its next frame tells them, too
+ *
  * Counters: "requests", "errors" (error replies), "bytes-received", "bytes-sent", "unsent-replies", "timeouts"
  * (deferred replies that met their deadline) (each t), "pending" (u: requests without an answer yet), and "latency"
  * (au): a histogram of the time from a request's arrival to its reply, see ptz_kit_latency_bucket_limit().
@@ -218,7 +222,7 @@ PTZ_KIT_API gboolean ptz_kit_monitor_open (PTZKitMonitor *self, GError **error);
  *
  * Returns: (transfer full) (nullable): a dictionary of type `a{sv}`; `NULL` with @error set on failure:
  *   `PTZ_KIT_ERROR_TIMED_OUT`, `PTZ_KIT_ERROR_LOST`, `PTZ_KIT_ERROR_NOT_CONNECTED`, `PTZ_KIT_ERROR_MALFORMED`,
- *   `G_IO_ERROR_CANCELLED` or `G_IO_ERROR_BUSY`
+ *   `G_IO_ERROR_CANCELLED`, `G_IO_ERROR_BUSY`, or `G_IO_ERROR_WOULD_BLOCK` if the driver has not read the requests before
  */
 PTZ_KIT_API GVariant *ptz_kit_monitor_get_figures (PTZKitMonitor *self, guint timeout_ms, GCancellable *cancellable,
                                                    GError **error);

@@ -81,6 +81,7 @@ bool FiguresAnswer::take(PacketKind kind, PacketReader &reader) {
 
 GVariant *FiguresAnswer::finish() {
   if (!has_driver_) return nullptr;
+  g_variant_dict_insert(&driver_, "lost", "t", lost_);
   g_variant_dict_insert_value(&driver_, "clients", g_variant_builder_end(&clients_));
   return g_variant_ref_sink(g_variant_dict_end(&driver_));
 }

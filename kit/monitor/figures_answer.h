@@ -11,6 +11,7 @@ class FiguresAnswer {
   GVariantDict driver_;
   GVariantBuilder clients_;
   guint client_count_ = 0;
+  guint64 lost_ = 0;
   bool has_driver_ = false;
 
   [[nodiscard]] bool read_driver(PacketReader &reader);
@@ -23,6 +24,7 @@ class FiguresAnswer {
 
   // False if the packet is malformed or not in its place. The reader is behind the header.
   [[nodiscard]] bool take(PacketKind kind, PacketReader &reader);
+  void set_lost(guint64 lost) { lost_ = lost; }
   // The dictionary, after the last packet; null if there was none of the driver.
   [[nodiscard]] GVariant *finish();
 };

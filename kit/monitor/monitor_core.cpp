@@ -126,6 +126,7 @@ MonitorCore::Received MonitorCore::receive_into_queue(FiguresAnswer *answer, boo
       return answer->take(header.kind, reader) ? Received::packet : Received::malformed;
     case PacketKind::end_of_figures:
       complete = answer != nullptr && header.serial == serial_;
+      if (complete) answer->set_lost(dropped_ + (reader.left() != 0 ? reader.get<guint64>() : 0));
       return Received::packet;
     default:
       return Received::packet;  // of a later version

@@ -17,6 +17,7 @@ local pf = {
   length = ProtoField.uint32("ptz.length", "Length of the frame", base.DEC),
   message_id = ProtoField.uint32("ptz.message_id", "Message id", base.DEC),
   command = ProtoField.int32("ptz.command", "Command", base.DEC, command_titles),
+  refused_command = ProtoField.int32("ptz.refused_command", "Refused command", base.DEC, command_titles),
   request_in = ProtoField.framenum("ptz.request_in", "Request in frame", base.NONE, frametype.REQUEST),
   reply_in = ProtoField.framenum("ptz.reply_in", "Reply in frame", base.NONE, frametype.RESPONSE),
   latency = ProtoField.relative_time("ptz.latency", "Latency"),
@@ -70,7 +71,10 @@ local function prepare(items, path)
     end
   end
 end
-for _, command in pairs(commands) do
+-- A command's own field, such as ptz.move, is for filters: its requests, replies and refusals have it.
+for number, command in pairs(commands) do
+  command.field = ProtoField.none("ptz." .. command.name, command_titles[number])
+  all_fields[#all_fields + 1] = command.field
   prepare(command.request, command.name .. ".")
   prepare(command.reply, command.name .. ".")
 end
@@ -150,7 +154,9 @@ function Reader:number(item, tree, before)
   local shown = meaning(item, value)
   local node = tree:add_le(item.field, range)
   if item.bits or item.unit then node:append_text(" (" .. shown .. ")") end
-  self:note(before .. item.label .. "=" .. shown)
+  if item.kind == "u8" and item.label == "axes" then self.axes_named = value end
+  local is_unused = item.axis and self.axes_named and bit.band(self.axes_named, bit.lshift(1, item.axis - 1)) == 0
+  if not is_unused then self:note(before .. item.label .. "=" .. shown) end
   self.at = self.at + size
   return true
 end
@@ -292,6 +298,12 @@ local function info_of(is_reply, command, peer, text, body, is_malformed)
   return text ~= "" and before .. ": " .. text or before, false
 end
 
+local function add_filter_fields(body, tree, command, peer, is_refused)
+  local of = is_refused and peer.command or command
+  if commands[of] then tree:add(commands[of].field, body(0, 4)):set_hidden(true) end
+  if is_refused and peer.command then tree:add(pf.refused_command, peer.command):set_generated() end
+end
+
 local function show_ends(tvb, pinfo, is_reply)
   local client = string.format("client %d", tvb(8, 4):le_uint())
   pinfo.cols.protocol = "PTZ"
@@ -339,6 +351,7 @@ function ptz.dissector(tvb, pinfo, root)
   tree:add_le(pf.command, body(0, 4))
   local text, is_malformed = add_body(body, tree, is_reply, command)
   local info, is_refused = info_of(is_reply, command, peer, text, body, is_malformed)
+  add_filter_fields(body, tree, command, peer, is_refused)
   if is_refused then tree:add_proto_expert_info(ef.refused, info) end
   pinfo.cols.info = info
   return tvb:len()

@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -16,6 +18,13 @@
 
 #include "temp_dir.h"
 #include "wire_frames.h"
+
+static bool does_fchmod_fail = false;
+extern "C" int fchmod(int fd, mode_t mode) noexcept {
+  if (!does_fchmod_fail) return static_cast<int>(syscall(SYS_fchmod, fd, mode));
+  errno = EPERM;
+  return -1;
+}
 
 namespace {
 
@@ -82,6 +91,15 @@ TEST_F(WireRecording, FileIsForItsOwnerOnly) {
   struct stat file = {};
   ASSERT_EQ(stat(path.c_str(), &file), 0);
   EXPECT_EQ(file.st_mode & 0777U, 0600U);
+}
+
+TEST_F(WireRecording, ReplacedFileWhoseModeCannotBeChangedKeepsItsContents) {
+  put("old");
+  does_fchmod_fail = true;
+  EXPECT_FALSE(RecordingWriter::create(path.c_str(), true));
+  EXPECT_EQ(errno, EPERM);
+  does_fchmod_fail = false;
+  EXPECT_EQ(bytes(), "old");
 }
 
 TEST_F(WireRecording, ReplacedFileThatOthersCouldReadIsForItsOwnerOnly) {

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <sstream>
 #include <thread>
 
 #include "ptzctl.h"
@@ -62,7 +63,7 @@ TEST_F(WireReplayToSimulatedDriver, DifferenceIsToldByFrameCommandAndField) {
   made.reply(position_reply("[1000, 0, 100]"));
   const Result result = replay();
   EXPECT_TRUE(has(result, "frame 2, Query position: position.pan 1000 became 0\n")) << result.text;
-  EXPECT_TRUE(has(result, "1 requests sent, 1 replies compared, 1 differences\n")) << result.text;
+  EXPECT_TRUE(has(result, "1 request sent, 1 reply compared, 1 difference\n")) << result.text;
   EXPECT_EQ(result.status, 1);
 }
 
@@ -180,7 +181,7 @@ TEST_F(WireReplayToSimulatedDriver, RequestsOfOtherClientsAreLeftOut) {
   made.request(request_of(ask_name), 2);
   made.reply(name_reply("sim-driver"), 2);
   const Result result = replay({"--fast", "--client", "2"});
-  EXPECT_TRUE(has(result, "1 requests sent")) << result.text;
+  EXPECT_TRUE(has(result, "1 request sent")) << result.text;
   EXPECT_EQ(result.status, 0);
   EXPECT_TRUE(has(replay({"--client", "3"}), "has no request of this client"));
 }
@@ -325,14 +326,22 @@ struct WirePlayedDriver : WireReplay {
   MadeUpRecording played;
   const std::string played_file = dir.file("played.pcapng"), told_file = dir.file("told");
 
+  // Of the kernel's list: a connection would play the first recorded client.
+  [[nodiscard]] bool is_listening() const {
+    constexpr char accepts_connections[] = " 00010000 ";
+    std::istringstream lines(contents("/proc/net/unix"));
+    for (std::string line; std::getline(lines, line);) {
+      if (line.ends_with(" " + socket) && line.find(accepts_connections) != std::string::npos) return true;
+    }
+    return false;
+  }
   // The text of both, and the status of the played driver.
   Result play(const std::vector<std::string> &options, Result &replayed) {
     played.save(played_file);
     std::vector<std::string> words = {"replay", played_file, "--as-driver", "--socket", socket};
     words.insert(words.end(), options.begin(), options.end());
     Process driver(PTZCTL, words, told_file);
-    for (int i = 0; i < 5000 && !std::filesystem::exists(socket); ++i) usleep(2000);
-    usleep(10'000);  // bind() makes the file, listen() follows
+    EXPECT_TRUE(run_until([&] { return is_listening(); }));
     replayed = replay();
     driver.signal(SIGTERM);
     const int status = driver.wait();
@@ -441,6 +450,78 @@ TEST_F(WirePlayedDriver, FileInThePlaceOfItsSocketIsKept) {
   const Result result = run({"replay", played_file, "--as-driver", "--socket", socket});
   EXPECT_EQ(result.status, 1);
   EXPECT_TRUE(has(result, "exists and is no socket")) << result.text;
+}
+
+// A socket at the path, which nothing listens on unless asked to.
+int socket_at(const std::string &path, int type, bool listens) {
+  const int fd = ::socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+  EXPECT_TRUE(!listens || listen(fd, 1) == 0);
+  return fd;
+}
+
+TEST_F(WirePlayedDriver, SocketOfAnotherTypeInThePlaceOfItsOwnIsKept) {
+  played.request(request_of(ask_name));
+  played.save(played_file);
+  const int fd = socket_at(socket, SOCK_SEQPACKET, true);
+  const Result result = run({"replay", played_file, "--as-driver", "--socket", socket});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_TRUE(has(result, "may be in use: Protocol wrong type for socket")) << result.text;
+  EXPECT_TRUE(std::filesystem::is_socket(socket));
+  close(fd);
+}
+
+TEST_F(WirePlayedDriver, SocketThatNoProcessListensOnIsReplaced) {
+  close(socket_at(socket, SOCK_STREAM, false));
+  played.request(request_of(ask_name));
+  played.reply(name_reply("played"));
+  made.request(request_of(ask_name));
+  made.reply(name_reply("played"));
+  Result replayed;
+  EXPECT_EQ(play({}, replayed).status, 0);
+  EXPECT_EQ(replayed.status, 0) << replayed.text;
+  EXPECT_FALSE(std::filesystem::exists(socket));
+}
+
+TEST_F(WirePlayedDriver, SocketOfASuccessorIsKeptAtItsEnd) {
+  played.request(request_of(ask_name));
+  played.save(played_file);
+  Process driver(PTZCTL, {"replay", played_file, "--as-driver", "--socket", socket}, told_file);
+  ASSERT_TRUE(run_until([&] { return is_listening(); }));
+  std::filesystem::rename(socket, dir.file("moved"));  // keeps its inode in use
+  const int successor = socket_at(socket, SOCK_STREAM, true);
+  driver.signal(SIGTERM);
+  (void)driver.wait();
+  EXPECT_TRUE(std::filesystem::is_socket(socket));
+  close(successor);
+}
+
+TEST_F(WirePlayedDriver, DaemonThatHasShutDownItsSendingSideReceivesItsReplies) {
+  played.request(request_of(ask_name));
+  played.pass(100);
+  played.reply(name_reply("played"));
+  played.save(played_file);
+  Process driver(PTZCTL, {"replay", played_file, "--as-driver", "--socket", socket}, told_file);
+  ASSERT_TRUE(run_until([&] { return is_listening(); }));
+  const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  socket.copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+  const std::vector<guint8> frame = ptzctl::frame_of(7, request_of(ask_name));
+  ASSERT_EQ(send(fd, frame.data(), frame.size(), MSG_NOSIGNAL), static_cast<ssize_t>(frame.size()));
+  shutdown(fd, SHUT_WR);
+  const std::vector<guint8> expected = ptzctl::frame_of(7, name_reply("played"));
+  std::vector<guint8> reply(expected.size());
+  EXPECT_EQ(recv(fd, reply.data(), reply.size(), MSG_WAITALL), static_cast<ssize_t>(reply.size()));
+  EXPECT_EQ(reply, expected);
+  char rest = 0;
+  EXPECT_EQ(recv(fd, &rest, 1, 0), 0) << "it does not close the connection";
+  close(fd);
+  EXPECT_EQ(driver.wait(), 0) << contents(told_file);
 }
 
 TEST_F(WirePlayedDriver, OptionsOfTheOtherRoleAreMisuse) {

@@ -255,7 +255,8 @@ def driver_dead(system):
     system.ctl('info')
     system.driver = system.start_driver()
     system.ctl('position')
-    time.sleep(0.3)  # the recorder connects again
+    while 'the driver has started again' not in system.recorder.stderr.readline():
+        pass
 
 
 @conversation()
@@ -266,7 +267,7 @@ def driver_hung(system):
     system.driver.send_signal(signal.SIGSTOP)
     for client in clients:
         client.send(body(GET_DRIVER_NAME), body(QUERY_POSITION))
-    time.sleep(0.3)
+    system.wait_until_stopped(system.driver)
     system.driver.send_signal(signal.SIGCONT)
     for client in clients:
         client.receive()

@@ -204,6 +204,25 @@ class Links(Tshark):
         self.assertEqual(rows[1][0], 'Goto preset refused: error 5 (not found): out')
         self.assertTrue(rows[1][1])
 
+    def test_field_of_command_is_in_requests_replies_and_refusals(self):
+        move = bytes.fromhex('05000000 01000000 03 3200 28230000 18fcffff 00000000')
+        self.recording.add(REQUEST, 0, move)
+        self.recording.add(REPLY, 0, bytes.fromhex('05000000'))
+        self.recording.add(REQUEST, 1, move)
+        self.recording.add(REPLY, 1, bytes.fromhex('ffffffff 04000000 0300') + b'out')
+        self.recording.add(REQUEST, 2, bytes.fromhex('0d000000'))
+        rows = self.rows('frame.number', 'ptz.refused_command', options=['-Y', 'ptz.move'])
+        self.assertEqual(rows, [['1', ''], ['2', ''], ['3', ''], ['4', '5']])
+        self.assertEqual(self.rows('frame.number', options=['-Y', 'ptz.refused_command == 5']), [['4']])
+        self.assertEqual(self.rows('frame.number', options=['-Y', 'ptz.query_position']), [['5']])
+
+    def test_column_leaves_out_axes_that_are_not_named(self):
+        self.recording.add(REQUEST, 0, bytes.fromhex('05000000 01000000 01 3200 28230000 18fcffff 00000000'))
+        info = self.rows('_ws.col.Info')[0][0]
+        self.assertIn('value.pan=90.00 degrees', info)
+        self.assertNotIn('value.tilt', info)
+        self.assertNotIn('value.zoom', info)
+
     def test_columns_name_both_ends(self):
         self.recording.add(REQUEST, 0, bytes.fromhex('0d000000'), client=12)
         self.assertEqual(self.rows('_ws.col.Protocol', '_ws.col.Source', '_ws.col.Destination', '_ws.col.Info'),

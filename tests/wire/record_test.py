@@ -2,17 +2,22 @@
 import json
 import os
 import pathlib
+import select
 import shutil
 import signal
+import socket
 import stat
+import struct
 import subprocess
 import sys
-import time
 import unittest
 
 sys.dont_write_bytecode = True
 from conversations import GET_DRIVER_NAME, QUERY_LIMITS  # noqa: E402
 from system import LIMIT_S, System, body, wait_until  # noqa: E402
+
+
+BUSY = struct.pack('<HHI', 0x105, 0, 0)
 
 
 class Record(unittest.TestCase):
@@ -103,10 +108,11 @@ class Files(Record):
                                  env=self.system.environment, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
         self.system.processes.append(shell)
         self.assertIn('recording ', shell.stderr.readline())
-        end = time.monotonic() + LIMIT_S
-        while shell.poll() is None and time.monotonic() < end:  # a recorder meets the end of its reader when it writes
+
+        def has_ended():  # a recorder meets the end of its reader when it writes
             self.ask()
-            time.sleep(0.05)
+            return shell.poll() is not None
+        wait_until(has_ended, 'the recorder goes on without its reader')
         self.assertEqual(shell.communicate(timeout=LIMIT_S)[0].split()[:2], ['36', '48'])
 
 
@@ -126,6 +132,55 @@ class Driver(Record):
         self.assertEqual(self.replayed()['requests'], 3)
         self.assertEqual(self.replayed('--client', '1')['requests'], 1)  # numbers go on
         self.assertIn(b'the driver was started again before this frame', pathlib.Path(self.file).read_bytes())
+
+    def follow_fake_driver(self, process, is_ended):
+        """Replaces the driver by one that has no place for a monitor, until it has refused some; returns what is said."""
+        self.system.stop(self.driver)
+        wait_until(lambda: not os.path.exists(self.system.socket + '.monitor'), 'the monitor socket is left')
+        with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as listener:
+            listener.settimeout(LIMIT_S)
+            listener.bind(self.system.socket + '.monitor')
+            listener.listen()
+            for _ in range(4):
+                connection, _ = listener.accept()
+                with connection:
+                    connection.send(BUSY)
+            os.unlink(self.system.socket + '.monitor')
+        self.driver = self.system.start_driver()
+        told = []
+        while not told or (len(told) < 20 and not is_ended(told[-1])):
+            told.append(process.stderr.readline())
+        return told
+
+    def test_without_place_for_recorder_is_told_once(self):
+        recorder = self.system.start_recorder(self.file)
+        told = self.follow_fake_driver(recorder, lambda line: 'started again' in line or not line)
+        self.assertEqual([line.split(';')[0].strip() for line in told],
+                         ['ptzctl: the driver has ended', 'ptzctl: the driver serves as many monitors as it can',
+                          'ptzctl: the driver has started again'])
+
+    def test_without_place_for_tap_is_told_once(self):
+        tap = subprocess.Popen([PTZCTL, 'tap', '--socket', self.system.socket], env=self.system.environment,
+                               stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        self.system.processes.append(tap)
+        wait_until(lambda: self.ask() or select.select([tap.stdout], [], [], 0)[0], 'it shows no frame')
+        told = self.follow_fake_driver(tap, lambda line: 'runs again' in line or not line)
+        self.assertEqual([' has ended' in told[0], ' as many monitors ' in told[1], ' runs again' in told[2], len(told)],
+                         [True, True, True, 3], told)
+
+    def test_named_with_other_socket_at_next_start_is_followed(self):
+        recorder = self.system.start('ptzctl', 'record', self.file, '--driver', 'sim-driver')
+        self.assertIn('recording ', recorder.stderr.readline())
+        self.system.stop(self.driver)
+        self.assertIn('the driver has ended', recorder.stderr.readline())
+        self.system.start_driver(path=self.system.path('next.socket'))
+        self.assertIn('the driver has started again', recorder.stderr.readline())
+
+    def test_that_is_stopped_makes_tap_end_with_status_three(self):
+        self.driver.send_signal(signal.SIGSTOP)
+        done = self.system.run_ptzctl('tap', '--socket', self.system.socket, '--seconds', '1')
+        self.assertEqual(done.returncode, 3)
+        self.assertIn('cannot be watched: the driver has not answered in time', done.stderr)
 
     def test_that_is_not_there_is_status_three(self):
         self.system.stop(self.driver)
@@ -150,17 +205,15 @@ class Driver(Record):
     def test_does_not_wait_for_slow_recorder_which_counts_lost_frames(self):
         recorder = self.system.start_recorder(self.file)
         recorder.send_signal(signal.SIGSTOP)
+        self.system.wait_until_stopped(recorder)
         for _ in range(120):
             self.client.ask(*[body(GET_DRIVER_NAME)] * 50)
         recorder.send_signal(signal.SIGCONT)
-        time.sleep(0.3)  # it reads what waits; the next frame tells how many were lost before it
-        self.ask(3)
-        time.sleep(0.2)
-        recorder.send_signal(signal.SIGINT)
+        recorder.send_signal(signal.SIGINT)  # it reads what waits, and asks for what was lost behind that
         told = self.finish(recorder)
         frames, lost = (int(word) for word in told.split()[-4::2])
         self.assertGreater(lost, 0)
-        self.assertEqual(frames + lost, 120 * 50 * 2 + 6)
+        self.assertEqual(frames + lost, 120 * 50 * 2)
         self.assertIn(f'{lost} frames were lost before this one'.encode(), pathlib.Path(self.file).read_bytes())
 
 

@@ -141,15 +141,20 @@ class System:
         process.send_signal(number)
         process.wait(LIMIT_S)
 
+    @staticmethod
+    def wait_until_stopped(process):
+        stat = pathlib.Path(f'/proc/{process.pid}/stat')
+        wait_until(lambda: stat.read_text(encoding='utf-8').rpartition(') ')[2].startswith('T'), 'it is not stopped')
+
     def start_recorder(self, file, path=None):
         recorder = self.start('ptzctl', 'record', '--force', file, '--socket', path or self.socket)
         if not recorder.stderr.readline().startswith('recording '):
             raise RuntimeError('the recorder does not record')
+        self.recorder = recorder
         return recorder
 
     def end_recorder(self, recorder):
         """The number of frames."""
-        time.sleep(0.1)  # what is under way
         recorder.send_signal(signal.SIGINT)
         _, told = recorder.communicate(timeout=LIMIT_S)
         if not told.endswith(', 0 lost\n'):

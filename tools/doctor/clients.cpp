@@ -107,7 +107,7 @@ void examine_clients(const Surroundings &system, const Driver &driver, Findings 
   if (!driver.runs() || is_halted(driver.pid)) return;
   const tools::Object<PTZKitMonitor> monitor(ptz_kit_monitor_new(driver.socket.c_str()));
   tools::Error error;
-  if (ptz_kit_monitor_connect(monitor.get(), tools::out(error)) == FALSE) {
+  if (ptz_kit_monitor_open(monitor.get(), tools::out(error)) == FALSE) {
     findings.note(
         {.id = "clients.no-monitor",
          .subject = driver.label(),

@@ -70,7 +70,7 @@ void DriverWatch::look_at(Watched &watched, const std::string &key, guint timeou
   if (watched.monitor == nullptr) watched.monitor.reset(ptz_kit_monitor_new(sight.socket.c_str()));
   tools::Error error;
   tools::Variant figures;
-  if (ptz_kit_monitor_connect(watched.monitor.get(), tools::out(error)) != FALSE) {
+  if (ptz_kit_monitor_open(watched.monitor.get(), tools::out(error)) != FALSE) {
     figures.reset(ptz_kit_monitor_get_figures(watched.monitor.get(), timeout_ms, nullptr, tools::out(error)));
   }
   if (figures != nullptr) {

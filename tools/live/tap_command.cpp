@@ -1,5 +1,4 @@
 #include <glib-unix.h>
-#include <ptz_kit_monitor.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -7,14 +6,14 @@
 #include <cstdio>
 
 #include "commands.h"
-#include "driver_socket.h"
 #include "tap_line.h"
+#include "wire/monitor_follower.h"
 
 namespace ptzctl {
 
 namespace {
 
-constexpr guint retry_ms = 200;
+constexpr guint answer_ms = 3000;
 
 // Prints the frames of one driver, and of its successors.
 class Tap {
@@ -22,63 +21,44 @@ class Tap {
   const TapFilter filter_;
   const bool with_past_, full_;
   const gint count_;
-  std::string path_;
   const MessageDescription description_;
   OpenRequests requests_;
   tools::Loop loop_{g_main_loop_new(nullptr, FALSE)};
-  tools::Object<PTZKitMonitor> monitor_;
+  MonitorFollower follower_;
   gint shown_ = 0;
-  guint retry_source_ = 0;
 
-  [[nodiscard]] bool connect(bool with_past, tools::Error &error);
   [[nodiscard]] int status_of(const GError &error) const;
   void show(const PTZKitMonitorFrame &frame);
-  void print_lost(const FrameView &frame) const;
+  void print_lost(gint64 time_ns, guint64 lost) const;
   void end_if_unheard();
-  void wait_for_next();
-  static void on_frame(Tap *self, const PTZKitMonitorFrame *frame) { self->show(*frame); }
-  static void on_closed(Tap *self) { self->wait_for_next(); }
-  [[nodiscard]] bool is_again_there();
+  void report(Following change);
 
  public:
-  Tap(const Options &options, TapFilter filter, bool with_past, bool full, gint count, std::string path)
+  Tap(const Options &options, TapFilter filter, bool with_past, bool full, gint count, const std::string &path)
       : options_(options),
         filter_(std::move(filter)),
         with_past_(with_past),
         full_(full),
         count_(count),
-        path_(std::move(path)) {}
+        follower_(
+            {path, options.driver_name() != nullptr ? options.driver_name() : "", answer_ms},
+            [this](const PTZKitMonitorFrame &frame) { show(frame); }, [this](Following change) { report(change); }) {}
   Tap(const Tap &) = delete;
-  ~Tap();
   [[nodiscard]] int run(gint seconds);
 };
-
-Tap::~Tap() {
-  if (retry_source_ != 0) g_source_remove(retry_source_);
-  if (monitor_ != nullptr) g_signal_handlers_disconnect_by_data(monitor_.get(), this);
-}
-
-bool Tap::connect(bool with_past, tools::Error &error) {
-  if (monitor_ != nullptr) g_signal_handlers_disconnect_by_data(monitor_.get(), this);
-  monitor_.reset(ptz_kit_monitor_new(path_.c_str()));
-  g_signal_connect_swapped(monitor_.get(), "frame", G_CALLBACK(on_frame), this);
-  g_signal_connect_swapped(monitor_.get(), "closed", G_CALLBACK(on_closed), this);
-  return ptz_kit_monitor_connect(monitor_.get(), tools::out(error)) != FALSE &&
-         ptz_kit_monitor_subscribe(monitor_.get(), with_past ? TRUE : FALSE, tools::out(error)) != FALSE;
-}
 
 int Tap::status_of(const GError &error) const {
   const bool is_absent = g_error_matches(&error, G_IO_ERROR, G_IO_ERROR_NOT_FOUND) ||
                          g_error_matches(&error, G_IO_ERROR, G_IO_ERROR_CONNECTION_REFUSED);
   if (!is_absent) {
-    complain("the driver at %s cannot be watched: %s", path_.c_str(), error.message);
-    return EXIT_FAILURE;
+    complain("the driver at %s cannot be watched: %s", follower_.path().c_str(), error.message);
+    return error.domain == PTZ_KIT_ERROR ? exit_nobody : EXIT_FAILURE;
   }
-  if (g_file_test(path_.c_str(), G_FILE_TEST_EXISTS) != FALSE) {
+  if (g_file_test(follower_.path().c_str(), G_FILE_TEST_EXISTS) != FALSE) {
     complain("the driver at %s has no monitor socket: it does not run, or its kit is older, or it has no kit: %s",
-             path_.c_str(), error.message);
+             follower_.path().c_str(), error.message);
   } else {
-    complain("no driver at %s: %s", path_.c_str(), error.message);
+    complain("no driver at %s: %s", follower_.path().c_str(), error.message);
   }
   return exit_nobody;
 }
@@ -90,15 +70,15 @@ void Tap::end_if_unheard() {
   g_main_loop_quit(loop_.get());
 }
 
-void Tap::print_lost(const FrameView &frame) const {
+void Tap::print_lost(gint64 time_ns, guint64 lost) const {
   if (options_.as_json()) {
     const JsonLine json;
-    json.member("time", utc_text(frame.time_ns));
-    json.member("lost", static_cast<gint64>(frame.lost));
+    json.member("time", utc_text(time_ns));
+    json.member("lost", static_cast<gint64>(lost));
     json.print();
     return;
   }
-  const std::string text = std::to_string(frame.lost) + (frame.lost == 1 ? " frame was lost" : " frames were lost");
+  const std::string text = std::to_string(lost) + (lost == 1 ? " frame was lost" : " frames were lost");
   std::printf("%s\n", painted(Look::notice, text).c_str());
   std::fflush(stdout);
 }
@@ -107,7 +87,7 @@ void Tap::show(const PTZKitMonitorFrame &frame) {
   if (g_main_loop_is_running(loop_.get()) == FALSE) return;
   FrameView view = view_of(frame);
   requests_.look_at(view);
-  if (view.lost > 0) print_lost(view);
+  if (view.lost > 0) print_lost(view.time_ns, view.lost);
   view.lost = 0;
   const FrameText text = text_of_frame(view, description_, full_);
   if (filter_.takes(view, text)) {
@@ -124,36 +104,24 @@ void Tap::show(const PTZKitMonitorFrame &frame) {
   end_if_unheard();
 }
 
-void Tap::wait_for_next() {
-  if (retry_source_ != 0) return;
-  complain("the driver at %s has ended; waiting for the next", path_.c_str());
-  requests_ = {};
-  const auto on_retry = [](gpointer self) -> gboolean {
-    auto *const tap = static_cast<Tap *>(self);
-    if (!tap->is_again_there()) return G_SOURCE_CONTINUE;
-    tap->retry_source_ = 0;
-    return G_SOURCE_REMOVE;
-  };
-  retry_source_ = g_timeout_add(retry_ms, on_retry, this);
-}
-
-// The successor of a driver that was named may have another socket.
-bool Tap::is_again_there() {
-  if (options_.driver_name() != nullptr) {
-    std::string problem;
-    const tools::RegistryEntry entry = tools::driver_named(options_.driver_name(), problem);
-    if (entry == nullptr) return false;
-    path_ = entry->socket_path;
+void Tap::report(Following change) {
+  const char *const path = follower_.path().c_str();
+  switch (change) {
+    case Following::ended:
+      requests_ = {};
+      return complain("the driver at %s has ended; waiting for the next", path);
+    case Following::busy:
+      return complain("the driver at %s serves as many monitors as it can; waiting until one of them ends", path);
+    case Following::restarted:
+      return complain("the driver at %s runs again", path);
+    case Following::resumed:
+      return complain("connected to the driver at %s again", path);
   }
-  tools::Error error;
-  if (!connect(true, error)) return false;
-  complain("the driver at %s runs again", path_.c_str());
-  return true;
 }
 
 int Tap::run(gint seconds) {
   tools::Error error;
-  if (!connect(with_past_, error)) return status_of(*error);
+  if (follower_.connect(error) == nullptr || !follower_.subscribe(with_past_, error)) return status_of(*error);
   const auto quit = [](gpointer loop) -> gboolean {
     g_main_loop_quit(static_cast<GMainLoop *>(loop));
     return G_SOURCE_CONTINUE;
@@ -169,6 +137,9 @@ int Tap::run(gint seconds) {
   if (seconds > 0) sources.push_back(g_timeout_add_seconds(static_cast<guint>(seconds), quit, loop_.get()));
   g_main_loop_run(loop_.get());
   for (const guint source : sources) g_source_remove(source);
+  const bool is_cut_short = (count_ != 0 && shown_ >= count_) || std::ferror(stdout) != 0;
+  const guint64 lost = is_cut_short ? 0 : follower_.catch_up();
+  if (lost > 0) print_lost(g_get_real_time() * 1000, lost);
   return EXIT_SUCCESS;
 }
 
@@ -211,8 +182,8 @@ int run_tap(const std::string &words, int argc, char **argv) {
         "Begin with the last frames that the driver has kept", nullptr},
        {"full", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, &full, "Hide no values, and show malformed bodies whole",
         nullptr},
-       {"count", 'n', G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &count, "End after this many frames; 0 is for ever", "N"},
-       {"seconds", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &seconds, "End after this time; 0 is for ever", "N"}});
+       {"count", 'n', G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &count, "End after this many frames; 0 is no limit", "N"},
+       {"seconds", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &seconds, "End after this time; 0 is no limit", "N"}});
   const auto given = options.parse(argc, argv);
   const tools::Text owned_client(client);
   const tools::TextList owned_commands(commands);

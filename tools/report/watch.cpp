@@ -47,7 +47,7 @@ void WatchedDriver::begin() {
   };
   g_signal_connect(monitor_.get(), "frame", G_CALLBACK(on_frame), this);
   tools::Error error;
-  if (!ptz_kit_monitor_connect(monitor_.get(), tools::out(error))) {
+  if (!ptz_kit_monitor_open(monitor_.get(), tools::out(error))) {
     problem = tools::message_of(error, "its monitor socket cannot be connected to");
     monitor_.reset();
     return;

@@ -19,7 +19,7 @@ bool would_block() { return errno == EAGAIN || errno == EINTR; }
 }  // namespace
 
 short FramedSocket::events() const {
-  const bool is_read = unsent_.size() < most_unsent_bytes;
+  const bool is_read = !is_at_end_ && unsent_.size() < most_unsent_bytes;
   return static_cast<short>((is_read ? POLLIN : 0) | (unsent_.empty() ? 0 : POLLOUT));
 }
 
@@ -68,6 +68,8 @@ std::vector<std::vector<guint8>> FramedSocket::receive() {
   if (count > 0) {
     received_.insert(received_.end(), bytes, bytes + count);
     while (is_open() && take_frame(frames)) continue;
+  } else if (count == 0 && stays_half_open_) {
+    is_at_end_ = true;
   } else if (count == 0) {
     close_because("end of file");
   } else if (!would_block()) {
@@ -79,7 +81,10 @@ std::vector<std::vector<guint8>> FramedSocket::receive() {
 std::vector<std::vector<guint8>> FramedSocket::handle(short returned_events) {
   if ((returned_events & POLLOUT) != 0) flush();
   if ((returned_events & (POLLIN | POLLHUP | POLLERR)) == 0) return {};
-  return receive();
+  auto frames = is_at_end_ ? std::vector<std::vector<guint8>>() : receive();
+  // Closed in both directions: poll() reports that without end.
+  if (is_at_end_ && (returned_events & (POLLHUP | POLLERR)) != 0) close_because("end of file");
+  return frames;
 }
 
 }  // namespace ptzctl

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -60,10 +61,13 @@ std::vector<guint8> error_frame(guint32 message_id, const char *text) {
   return frame_of(message_id, {bytes, size});
 }
 
-bool is_listened_on(const sockaddr_un &address) {
-  const tools::UniqueFd probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  const int result = connect(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address);
-  return result == 0 || errno == EAGAIN;
+// 0 if a process listens, ECONNREFUSED if none does. Any other errno leaves that open.
+int probe(const sockaddr_un &address) {
+  const tools::UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (!fd || connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+    return errno == EAGAIN ? 0 : errno;
+  }
+  return 0;
 }
 
 // False if the path holds something that must stay.
@@ -72,11 +76,19 @@ bool make_room(const sockaddr_un &address) {
   if (lstat(address.sun_path, &file) != 0) return true;
   if (!S_ISSOCK(file.st_mode)) {
     complain("%s exists and is no socket", address.sun_path);
-  } else if (is_listened_on(address)) {
-    complain("a driver listens at %s", address.sun_path);
-  } else {
-    return unlink(address.sun_path) == 0 || errno == ENOENT;
+    return false;
   }
+  const int result = probe(address);
+  if (result == 0) {
+    complain("a driver listens at %s", address.sun_path);
+    return false;
+  }
+  if (result != ECONNREFUSED) {
+    complain("%s stays, since it may be in use: %s", address.sun_path, g_strerror(result));
+    return false;
+  }
+  if (unlink(address.sun_path) == 0 || errno == ENOENT) return true;
+  complain("cannot remove %s: %s", address.sun_path, g_strerror(errno));
   return false;
 }
 
@@ -125,8 +137,13 @@ bool PlayedDriver::listen() {
   settings_.path.copy(address.sun_path, sizeof address.sun_path - 1);  // the options make sure that it fits
   if (!make_room(address)) return false;
   tools::UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  if (!fd || bind(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 ||
-      ::listen(fd.get(), backlog) != 0) {
+  struct stat file = {};
+  const bool is_bound = fd && bind(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
+  if (is_bound && lstat(address.sun_path, &file) == 0) {
+    device_ = file.st_dev;
+    inode_ = file.st_ino;
+  }
+  if (!is_bound || ::listen(fd.get(), backlog) != 0) {
     complain("cannot listen at %s: %s", settings_.path.c_str(), g_strerror(errno));
     return false;
   }
@@ -135,12 +152,15 @@ bool PlayedDriver::listen() {
 }
 
 PlayedDriver::~PlayedDriver() {
-  if (listener_) unlink(settings_.path.c_str());
+  struct stat file = {};
+  const bool is_own =
+      inode_ != 0 && lstat(settings_.path.c_str(), &file) == 0 && file.st_dev == device_ && file.st_ino == inode_;
+  if (is_own) unlink(settings_.path.c_str());
 }
 
 void PlayedDriver::accept_connection() {
   tools::UniqueFd fd(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-  if (fd) connections_.push_back({FramedSocket(std::move(fd)), accepted_++});
+  if (fd) connections_.push_back({FramedSocket::half_open(std::move(fd)), accepted_++});
 }
 
 void PlayedDriver::tell_of(const RecordedFrame &request, const std::string &problem) const {
@@ -197,8 +217,14 @@ timespec PlayedDriver::wait_time() const {
   return {static_cast<time_t>(us / 1'000'000), static_cast<long>(us % 1'000'000 * 1000)};
 }
 
+bool PlayedDriver::is_due(std::size_t connection) const {
+  return std::ranges::find(due_, connection, &DueReply::connection) != due_.end();
+}
+
 void PlayedDriver::drop_closed() {
-  const auto closed = [](const Connection &each) { return !each.socket.is_open(); };
+  const auto closed = [this](const Connection &each) {
+    return !each.socket.is_open() || (each.socket.is_finished() && !is_due(each.number));
+  };
   std::erase_if(connections_, closed);
   if (accepted_ > 0 && connections_.empty() && answers_.unused() == 0) is_over_ = true;
 }

@@ -1,5 +1,7 @@
 // played_driver.h - plays the driver's part of a recording to a daemon.
 #pragma once
+#include <sys/types.h>
+
 #include <csignal>
 #include <list>
 #include <set>
@@ -49,6 +51,8 @@ class PlayedDriver {
   const PlaySettings settings_;
   RecordedAnswers answers_;
   tools::UniqueFd listener_;
+  dev_t device_ = 0;
+  ino_t inode_ = 0;  // of the socket's file; 0 if there is none
   std::list<Connection> connections_;
   std::vector<DueReply> due_;
   std::size_t accepted_ = 0, requests_ = 0, unknown_ = 0, differing_ = 0;
@@ -60,6 +64,7 @@ class PlayedDriver {
   void serve_once(const sigset_t &mask);
   void tell_of(const RecordedFrame &request, const std::string &problem) const;
   void drop_closed();
+  [[nodiscard]] bool is_due(std::size_t connection) const;
   [[nodiscard]] timespec wait_time() const;
 
  public:

@@ -18,13 +18,13 @@ constexpr Manual manual = {
     "standard output, for \"ptzctl record - | tshark -i -\". A file that exists is not replaced without --force.\n"
     "\n"
     "A recording has everything that passes, passwords in parameters included. The file is readable for its owner\n"
-    "only (mode 0600). Take care who gets it.\n"
+    "only (mode 0600). Give it only to readers that may know all of that.\n"
     "\n"
     "Each frame is written at once: what a recorder that was killed has left can be read. If the disk is full, the\n"
     "recording ends with the frames that it has. If the driver ends, the recorder waits for its next start.\n"
     "\n"
     "The driver does not wait for a recorder that is too slow: frames are lost then. The recording marks the places,\n"
-    "and the number is told at the end.\n"
+    "and the number is printed at the end.\n"
     "\n"
     "Exit status: 0 it was recorded; 1 the file could not be written; 2 a wrong command line; 3 no driver with a\n"
     "monitor socket, or it does not answer.",
@@ -75,8 +75,8 @@ bool are_sensible(const Options &options, const Switches &switches) {
 }
 
 RecorderSettings settings_from(const Options &options, const Switches &switches, const std::string &path) {
-  RecorderSettings settings = {path,
-                               options.timeout_ms(),
+  const char *const driver = options.driver_name();
+  RecorderSettings settings = {{path, driver != nullptr ? driver : "", options.timeout_ms()},
                                static_cast<guint>(switches.seconds),
                                static_cast<guint64>(switches.count),
                                std::nullopt,

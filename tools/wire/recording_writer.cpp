@@ -68,13 +68,13 @@ std::string text_of(const RecordingOrigin &origin) {
 }  // namespace
 
 std::optional<RecordingWriter> RecordingWriter::create(const char *path, bool is_replaced) {
-  const int if_exists = is_replaced ? O_TRUNC : O_EXCL;
+  const int if_exists = is_replaced ? 0 : O_EXCL;
   tools::UniqueFd fd(open(path, O_WRONLY | O_CREAT | O_CLOEXEC | if_exists, S_IRUSR | S_IWUSR));
   if (!fd) return std::nullopt;
   struct stat file = {};
-  // A file that is replaced may be open to others.
+  // A file that is replaced may be readable by others. Its contents stay if its mode cannot be changed.
   const bool is_file = fstat(fd.get(), &file) == 0 && S_ISREG(file.st_mode);
-  if (is_file && fchmod(fd.get(), S_IRUSR | S_IWUSR) != 0) return std::nullopt;
+  if (is_file && (fchmod(fd.get(), S_IRUSR | S_IWUSR) != 0 || ftruncate(fd.get(), 0) != 0)) return std::nullopt;
   return RecordingWriter(std::move(fd));
 }
 

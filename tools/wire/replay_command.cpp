@@ -23,8 +23,8 @@ constexpr Manual manual = {
     "query_position.position, presets.name), a command (query_speed), or body, for bytes that cannot be decoded;\n"
     "status.position, status.motion and status.speed are what the head reports of its motion.\n"
     "\n"
-    "A head is never twice in the same place while it moves. Where the recorded head moved, the position, motion and\n"
-    "current speed of that axis are not compared. Where it was at rest, the request is repeated until the head is at\n"
+    "A head is never twice in the same place while it moves. If the recorded head moved, the position, motion and\n"
+    "current speed of that axis are not compared. If it was at rest, the request is repeated until the head is at\n"
     "rest, too. --exact compares everything, once.\n"
     "\n"
     "A request without a recorded reply must stay without a reply, for as long as the recording shows (if that is at\n"
@@ -50,6 +50,10 @@ struct Switches {
     g_strfreev(ignored);
   }
 };
+
+std::string counted(std::size_t number, const char *one, const char *several) {
+  return std::to_string(number) + ' ' + (number == 1 ? one : several);
+}
 
 std::vector<GOptionEntry> entries_for(Switches &switches) {
   return {
@@ -106,8 +110,9 @@ void print_summary(const Replay &replay, const Options &options) {
   const ReplayFigures &figures = replay.figures();
   const std::size_t differences = replay.differences().size();
   if (!options.as_json()) {
-    std::printf("%zu requests sent, %zu replies compared, %zu differences\n", figures.requests, figures.compared,
-                differences);
+    std::printf("%s sent, %s compared, %s\n", counted(figures.requests, "request", "requests").c_str(),
+                counted(figures.compared, "reply", "replies").c_str(),
+                counted(differences, "difference", "differences").c_str());
     return;
   }
   const JsonLine json;

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "driver_axes.h"
+#include "field_values.h"
 #include "handles.h"
 #include "plain_text.h"
 
@@ -21,13 +22,6 @@ void add_number(Fields &fields, const std::string &path, gint64 number) {
 
 void add_text(Fields &fields, const std::string &path, const std::string &text, bool is_hidden) {
   fields.push_back({path, is_hidden ? "(hidden)" : '"' + tools::plain_text(text) + '"', text, std::nullopt});
-}
-
-bool is_secret(const char *name) {
-  const tools::Text lower(g_ascii_strdown(name, -1));
-  const std::string text = lower.get();
-  const auto holds = [&text](const char *word) { return text.find(word) != std::string::npos; };
-  return holds("pass") || holds("key") || holds("secret") || holds("token");
 }
 
 void add_dictionary(Fields &fields, const std::string &before, GVariant *dictionary);
@@ -65,7 +59,7 @@ void add_value(Fields &fields, const std::string &path, GVariant *value, bool is
 
 void add_dictionary(Fields &fields, const std::string &before, GVariant *dictionary) {
   const char *name = nullptr;
-  const bool is_secret_pair = g_variant_lookup(dictionary, "name", "&s", &name) && is_secret(name);
+  const bool is_secret_pair = g_variant_lookup(dictionary, "name", "&s", &name) && is_name_of_secret(name);
   GVariantIter entries;
   g_variant_iter_init(&entries, dictionary);
   const char *key = nullptr;
@@ -98,7 +92,7 @@ bool asks_for_secret(std::span<const guint8> request) {
   const tools::Variant dictionary(
       ptz_kit_body_to_variant(PTZ_KIT_BODY_REQUEST, request.data(), request.size(), nullptr));
   const char *name = nullptr;
-  return dictionary != nullptr && g_variant_lookup(dictionary.get(), "name", "&s", &name) && is_secret(name);
+  return dictionary != nullptr && g_variant_lookup(dictionary.get(), "name", "&s", &name) && is_name_of_secret(name);
 }
 
 std::string without_indices(const std::string &path) {

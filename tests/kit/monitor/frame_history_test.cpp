@@ -2,9 +2,12 @@
 #include "driver/frame_history.h"
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 #include <random>
 #include <string>
+
+#include "driver/monitor_peer.h"
 
 namespace {
 
@@ -80,6 +83,37 @@ TEST_F(History, NewLimitForgetsFramesAndGoesOnCounting) {
   add(history, 10);
   check(history);
   EXPECT_EQ(history.end() - history.first(), 1U);
+}
+
+struct SilentDriver final : ptz_kit::MonitoredDriver {
+  ptz_kit::Accounting counted;
+  [[nodiscard]] Facts facts() const override { return {"name", "program", "socket", 1, 0}; }
+  void look_at_clients() override {}
+  [[nodiscard]] const ptz_kit::Accounting &accounting() const override { return counted; }
+};
+
+TEST_F(History, PeerWithFullSocketAtFrameThatDoesNotFitIsSentTheNextOnesWhenItReads) {
+  int sockets[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0, sockets), 0);
+  SilentDriver driver;
+  FrameHistory history(1024);
+  ptz_kit::MonitorPeer peer(driver, history, ptz_kit::UniqueFd(sockets[0]));
+  constexpr char subscribe[] = {2, 0, 0, 0, 0, 0, 0, 0};
+  ASSERT_EQ(send(sockets[1], subscribe, sizeof subscribe, 0), ssize_t{sizeof subscribe});
+  while (g_main_context_iteration(nullptr, FALSE) != FALSE) continue;
+  const auto send_to_peer = [&](std::size_t length) {
+    const std::string body(length, 'x');
+    Frame frame{.client = client_.get(), .message_id = next_id_++};
+    history.add(frame, bytes_of(body));
+    peer.frame_came(frame, bytes_of(body));
+  };
+  for (int i = 0; i < 1000; ++i) send_to_peer(2000);
+  send_to_peer(10);
+  char packet[9000];
+  while (recv(sockets[1], packet, sizeof packet, 0) > 0) continue;
+  while (g_main_context_iteration(nullptr, FALSE) != FALSE) continue;
+  EXPECT_GT(recv(sockets[1], packet, sizeof packet, 0), 0);
+  close(sockets[1]);
 }
 
 }  // namespace

@@ -210,6 +210,47 @@ TEST_F(SlowSubscriber, WithoutHistoryIsToldOfLossWithNextFrame) {
   EXPECT_EQ(reading.with_loss, 1U);
 }
 
+TEST_F(SlowSubscriber, WithFullSocketAtFrameLargerThanHistoryReceivesTheNextOnesFromHistory) {
+  make();
+  g_object_set(driver_, "monitor-history", 1000U, nullptr);
+  start();
+  subscribe_slowly();
+  const std::string large(2000, '\xff');
+  constexpr int large_round_trips = 400;
+  for (int i = 0; i < large_round_trips; ++i) ask_bytes(large);
+  Reading reading;
+  EXPECT_TRUE(ptz_test::run_until([&] {
+    reading.read(slow_.get());
+    return reading.frames + reading.lost == 2U * large_round_trips;
+  })) << reading.frames
+      << " frames, " << reading.lost << " lost";
+  EXPECT_GT(reading.lost, 0U);
+}
+
+TEST_F(SlowSubscriber, WithoutHistoryIsToldOfLossWithFigures) {
+  make();
+  g_object_set(driver_, "monitor-history", 0U, nullptr);
+  start();
+  subscribe_slowly();
+  for (int i = 0; i < round_trips; ++i) ask(ask_name);
+  Reading reading;
+  ASSERT_NO_FATAL_FAILURE(reading.read(slow_.get()));
+  constexpr char request[] = {1, 0, 0, 0, 7, 0, 0, 0};
+  ASSERT_EQ(::send(slow_.get(), request, sizeof request, 0), ssize_t{sizeof request});
+  std::vector<unsigned char> packet(65536);
+  ssize_t length = 0;
+  const auto is_end_of_figures = [&] { return length >= 8 && packet[0] == 3 && packet[1] == 1; };
+  ASSERT_TRUE(ptz_test::run_until([&] {
+    while (!is_end_of_figures() && (length = recv(slow_.get(), packet.data(), packet.size(), MSG_DONTWAIT)) > 0)
+      continue;
+    return is_end_of_figures();
+  }));
+  ASSERT_GE(length, 16);
+  guint64 lost = 0;
+  std::memcpy(&lost, packet.data() + 8, sizeof lost);
+  EXPECT_EQ(reading.frames + GUINT64_FROM_LE(lost), 2U * round_trips);
+}
+
 TEST_F(SlowSubscriber, ThatDoesNotReadDoesNotKeepTheMainLoopAwake) {
   start();
   subscribe_slowly();
