@@ -258,7 +258,8 @@ void query_position(PTZKitDriver *self, PTZKitReply *reply) {
 
 void dispose(GObject *object) {
   State &state = state_of(PTZ_KIT_DRIVER(object));
-  if (state.line) state.line->stop();
+  // The line uses the heads of all cameras, so it is freed before the drivers that own them.
+  state.line.reset();
   state.others.clear();
   G_OBJECT_CLASS(visca_driver_parent_class)->dispose(object);
 }

@@ -301,6 +301,17 @@ TEST(ViscaDriver, TwoCamerasOfOneLineAreTwoInstances) {
       << " " << position[1];
   g_object_unref(second);
   EXPECT_GE(both.received("82 01 06 02 18 14 00 00 0C 08 00 00 0C 08 FF"), 1U);
+  both.driver().signal(SIGTERM);
+  EXPECT_EQ(both.driver().wait(), 0) << both.output();
+}
+
+TEST(ViscaDriver, SigtermWithTwoCamerasOfALineThatDoesNotOpenEndsTheDriver) {
+  CameraAndDriver both("serial");
+  both.set_device("serial:" + both.file("nope"));
+  std::ofstream(both.file("settings")) << "[Line]\nCameras=2\n[Camera2]\nSocket=" + both.file("second") + "\n";
+  both.start_driver({"--config", both.file("settings")});
+  both.driver().signal(SIGTERM);
+  EXPECT_EQ(both.driver().wait(), 0) << both.output();
 }
 
 }  // namespace
