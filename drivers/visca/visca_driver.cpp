@@ -36,6 +36,10 @@ void State::axis_is_at(std::size_t axis, std::int32_t position, bool moving) {
   if (is_open) ptz_kit_driver_report_axis(driver, kit_axis(axis), position, moving ? TRUE : FALSE);
 }
 
+void State::axis_is_unknown(std::size_t axis) {
+  if (is_open) ptz_kit_driver_report_unknown(driver, kit_axis(axis));
+}
+
 void State::axis_runs(std::size_t axis, std::int32_t speed) {
   if (is_open) ptz_kit_driver_report_speed(driver, kit_axis(axis), speed);
 }
@@ -125,6 +129,9 @@ void set_axes(State &state) {
   if (state.camera.head.has_zoom) {
     ptz_kit_driver_set_axis(state.driver, PTZ_KIT_AXIS_ZOOM, profile.zoom.least(), profile.zoom.most(),
                             profile.zoom_speed(), profile.zoom.least());
+  }
+  for (std::size_t axis = 0; axis < (state.camera.head.has_zoom ? axis_count : zoom_axis); ++axis) {
+    ptz_kit_driver_report_unknown(state.driver, kit_axis(axis));
   }
   const guint32 capabilities = (state.camera.focus != "no" ? focus_capabilities : 0) |
                                (state.camera.has_iris ? iris_capabilities : 0) |

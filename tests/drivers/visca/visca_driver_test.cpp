@@ -1,6 +1,8 @@
 // The driver program with the simulated camera, over each transport.
 #include <csignal>
 
+#include <ptz_status_cache.h>
+
 #include "camera_and_driver.h"
 
 namespace visca_test {
@@ -276,6 +278,54 @@ TEST(ViscaDriver, TwoHundredRequestsASecondArriveInOrder) {
   EXPECT_EQ(received, expected);
   std::ranges::sort(latencies_us);
   if (!latencies_us.empty()) RecordProperty("median_us", static_cast<int>(latencies_us[latencies_us.size() / 2]));
+}
+
+struct Published {
+  gboolean exists = FALSE;
+  gfloat pan = -1;
+  gint32 status = -1;
+  PTZStatusCacheTime time = {};
+};
+
+Published published() {
+  Published now;
+  PTZStatusCacheGroup *group = ptz_status_cache_setup_group(PTZ_SC_GROUP_POSITION, 1, 3);
+  ptz_status_cache_add_param(group, PTZ_SC_PARAM_POSITION_PAN, &now.pan);
+  ptz_status_cache_add_param(group, PTZ_SC_PARAM_POSITION_PAN_STATUS, &now.status);
+  ptz_status_cache_add_param(group, PTZ_SC_PARAM_POSITION_TIME_VAL, &now.time);
+  now.exists = ptz_status_cache_fetch_group(group);
+  ptz_status_cache_free_group(group);
+  return now;
+}
+
+TEST(ViscaDriver, PositionOfACameraThatNeverAnsweredIsNotPublished) {
+  CameraAndDriver both("udp");
+  both.start_camera();
+  both.stop_camera();
+  both.start_driver({"--instance", "1"});
+  EXPECT_FALSE(both.go_to({100, 100, 100}));
+  EXPECT_FALSE(published().exists);
+  both.start_camera();
+  ASSERT_TRUE(both.is_there_soon());
+  EXPECT_TRUE(ptz_test::run_until([] { return published().exists && published().status == PTZ_MOVE_STATUS_IDLE; }));
+}
+
+TEST(ViscaDriver, LostCameraMakesThePublishedPositionUnknownAndStale) {
+  CameraAndDriver both("udp");
+  both.start({}, {"--instance", "1"});
+  ASSERT_TRUE(both.go_to({1000, 1000, 200}));
+  both.rest();
+  ASSERT_TRUE(ptz_test::run_until([] { return published().pan == 10 && published().status == PTZ_MOVE_STATUS_IDLE; }));
+  both.stop_camera();
+  ASSERT_TRUE(ptz_test::run_until([] { return published().status == PTZ_MOVE_STATUS_UNKNOWN; }, 10'000));
+  const Published lost = published();
+  EXPECT_EQ(lost.pan, 10);
+  // Each request makes the driver publish.
+  EXPECT_FALSE(both.go_to({2000, 2000, 300}));
+  EXPECT_EQ(published().time.seconds, lost.time.seconds);
+  EXPECT_EQ(published().time.fraction, lost.time.fraction);
+  both.start_camera();
+  EXPECT_TRUE(ptz_test::run_until([] { return published().status == PTZ_MOVE_STATUS_IDLE; }, 10'000));
 }
 
 TEST(ViscaDriver, TwoCamerasOfOneLineAreTwoInstances) {
