@@ -196,6 +196,12 @@ void close_device(PTZKitDriver *self) {
   if (state.line) state.line->stop();
 }
 
+// In standby a camera does not tell its position, either.
+void refuse_without_position(const State &state, PTZKitReply *reply) {
+  if (state.head->is_on() == false) return refuse(reply, Outcome::not_executable);
+  ptz_kit_reply_error_literal(reply, PTZ_KIT_ERROR_CODE_DEVICE, "the camera does not tell its position");
+}
+
 void move(PTZKitDriver *self, const PTZKitMoveRequest *request, PTZKitReply *reply) {
   State &state = state_of(self);
   if (state.waits(reply, [self, wanted = *request](PTZKitReply *later) { move(self, &wanted, later); })) return;
@@ -208,9 +214,7 @@ void move(PTZKitDriver *self, const PTZKitMoveRequest *request, PTZKitReply *rep
     order.axes[axis] = (request->axes >> axis & 1U) != 0;
     order.value[axis] = order.axes[axis] ? request->value[axis] : 0;
   }
-  if (state.head->needs_position(order)) {
-    return ptz_kit_reply_error_literal(reply, PTZ_KIT_ERROR_CODE_DEVICE, "the camera does not tell its position");
-  }
+  if (state.head->needs_position(order)) return refuse_without_position(state, reply);
   state.head->move(order, answer_later(reply));
 }
 
@@ -248,9 +252,7 @@ void query_position(PTZKitDriver *self, PTZKitReply *reply) {
   if (state.waits(reply, [self](PTZKitReply *later) { query_position(self, later); })) return;
   const Head &head = *state.head;
   if (!head.is_there()) return refuse(reply, Outcome::no_answer);
-  if (!head.knows_position()) {
-    return ptz_kit_reply_error_literal(reply, PTZ_KIT_ERROR_CODE_DEVICE, "the camera does not tell its position");
-  }
+  if (!head.knows_position()) return refuse_without_position(state, reply);
   PTZKitQueryPositionReply message = {};
   for (std::size_t axis = 0; axis < axis_count; ++axis) {
     message.position[axis] = ptz_kit_driver_get_position(self, kit_axis(axis));

@@ -128,7 +128,10 @@ TEST_P(EachTransport, CameraInStandbyRefusesMovesUntilItIsPoweredOn) {
   ASSERT_TRUE(ptz_test::run_until([&] {
     return !both_.go_to({100, 100, 100}) && both_.last_error().find("powered off") != std::string::npos;
   })) << both_.last_error();
+  EXPECT_FALSE(both_.move(PTZ_MOVE_ABSOLUTE, 1, {100, 0, 0}));
+  EXPECT_NE(both_.last_error().find("powered off"), std::string::npos) << both_.last_error();
   ASSERT_TRUE(both_.switch_auxiliary("power", PTZ_ENABLE_ON)) << both_.last_error();
+  EXPECT_EQ(both_.auxiliary_state(), PTZ_ENABLE_ON);
   ASSERT_TRUE(ptz_test::run_until([&] { return both_.go_to({1000, 100, 100}); })) << both_.last_error();
   EXPECT_EQ(both_.rest(), (Position{1000, 100, 100}));
 }
@@ -220,6 +223,25 @@ TEST(ViscaDriver, BadAddressIsABadSetting) {
                            dir.file("output"));
   EXPECT_EQ(driver.wait(), 2);
   EXPECT_NE(ptz_test::contents(dir.file("output")).find("serial:, udp:, udp-raw: or tcp:"), std::string::npos);
+}
+
+// The second and further cameras have the same settings.
+TEST(ViscaDriver, HelpListsTheSettingsOfAllCamerasOnce) {
+  ptz_test::TempDir dir;
+  ptz_test::Process driver(VISCA_DRIVER, {"--help"}, dir.file("output"));
+  EXPECT_EQ(driver.wait(), 0);
+  const std::string help = ptz_test::contents(dir.file("output"));
+  EXPECT_NE(help.find("[Camera1] to [Camera7] PanMinimum="), std::string::npos) << help;
+  EXPECT_EQ(help.find("[Camera2]"), std::string::npos);
+}
+
+TEST(ViscaSim, HelpInAUtf8LocaleIsUtf8) {
+  ptz_test::TempDir dir;
+  setenv("LC_ALL", "C.UTF-8", 1);
+  ptz_test::Process camera(VISCA_SIM, {"--help"}, dir.file("output"));
+  EXPECT_EQ(camera.wait(), 0);
+  unsetenv("LC_ALL");
+  EXPECT_NE(ptz_test::contents(dir.file("output")).find("[OPTION…]"), std::string::npos);
 }
 
 TEST(ViscaDriver, SettingsFileIsValid) {
