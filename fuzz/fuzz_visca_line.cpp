@@ -98,6 +98,7 @@ std::unique_ptr<Transport> make_pair(const Address &address, const IpOptions &, 
 class Observer final : public HeadUser {
  public:
   void axis_is_at(std::size_t axis, std::int32_t, bool) override { REQUIRE(axis < axis_count); }
+  void axis_is_unknown(std::size_t) override {}
   void axis_runs(std::size_t axis, std::int32_t) override { REQUIRE(axis < axis_count); }
   void head_is_ready() override {}
   void focus_mode_is(bool) override {}

@@ -21,10 +21,14 @@ Found look_up(const State &state, const std::string &name) {
   return {};
 }
 
-void answer(const State &state, const std::string &name, PTZKitReply *reply) {
+void answer_state(const std::string &name, bool on, PTZKitReply *reply) {
   const PTZKitAuxiliaryReply message = {const_cast<gchar *>(name.c_str()),
-                                        static_cast<guint32>(look_up(state, name).on ? PTZ_ENABLE_ON : PTZ_ENABLE_OFF)};
+                                        static_cast<guint32>(on ? PTZ_ENABLE_ON : PTZ_ENABLE_OFF)};
   ptz_kit_reply_auxiliary(reply, &message);
+}
+
+void answer(const State &state, const std::string &name, PTZKitReply *reply) {
+  answer_state(name, look_up(state, name).on, reply);
 }
 
 Done answer_switch(State &state, const std::string &name, bool on, PTZKitReply *reply) {
@@ -38,7 +42,11 @@ Done answer_switch(State &state, const std::string &name, bool on, PTZKitReply *
       // Without a command for off it is a push button.
       if (each.name == name) state.auxiliaries[index] = on && each.off.size() > 0;
     }
-    if (name == power_name) state.head->expect_power(on);
+    if (name == power_name) {
+      state.head->expect_power(on);
+      // The camera has accepted the order, and needs a while to power on.
+      return answer_state(name, on, kept.get());
+    }
     answer(state, name, kept.get());
   };
 }

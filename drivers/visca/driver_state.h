@@ -37,6 +37,7 @@ struct State final : public HeadUser {
   State(const State &) = delete;
   ~State() override;
   void axis_is_at(std::size_t axis, std::int32_t position, bool moving) override;
+  void axis_is_unknown(std::size_t axis) override;
   void axis_runs(std::size_t axis, std::int32_t speed) override;
   void head_is_ready() override;
   void focus_mode_is(bool automatic) override;

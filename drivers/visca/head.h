@@ -37,6 +37,8 @@ class HeadUser {
  public:
   virtual ~HeadUser() = default;
   virtual void axis_is_at(std::size_t axis, std::int32_t position, bool moving) = 0;
+  // The camera does not tell it, or does not answer. Called only for axes that the camera has.
+  virtual void axis_is_unknown(std::size_t axis) = 0;
   // A continuous motion was ordered, with this speed a second.
   virtual void axis_runs(std::size_t axis, std::int32_t speed) = 0;
   // The position is known, or it is known that the camera does not tell it.
@@ -125,6 +127,7 @@ class Head final : public LineUser {
   [[nodiscard]] bool is_over(const Track &track, std::int64_t now) const;
   [[nodiscard]] bool is_at_target(const Track &track) const;
   void report(std::size_t axis);
+  void forget(std::size_t axis);
   void report_all();
   void schedule_poll(std::int64_t now);
   void poll(std::int64_t now);

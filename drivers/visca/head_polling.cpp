@@ -58,8 +58,7 @@ void Head::link_is_lost() {
   }
   driven_ = {};
   ordered_ = {};
-  report_all();
-  steps_ = {};
+  for (std::size_t axis = 0; axis < axis_count; ++axis) forget(axis);
   is_on_.reset();
 }
 
@@ -130,8 +129,8 @@ void Head::on_no_answer(InquiryKind kind, Outcome why) {
              now - positioned_us_ >= unknown_after_us) {
     if (has_position_) syslog(LOG_WARNING, "camera %u does not tell its position", address());
     has_position_ = false;
-    steps_[pan_axis].reset();
-    steps_[tilt_axis].reset();
+    forget(pan_axis);
+    forget(tilt_axis);
     for (Track *track : {&pan_tilt_, &zoom_}) {
       if (track->ended && !track->continuous) track->moves = false;
     }
@@ -150,7 +149,7 @@ void Head::on_no_answer(InquiryKind kind, Outcome why) {
 void Head::forget_zoom() {
   if (has_zoom_position_) syslog(LOG_WARNING, "camera %u does not tell its zoom position", address());
   has_zoom_position_ = false;
-  steps_[zoom_axis].reset();
+  forget(zoom_axis);
   if (zoom_.ended && !zoom_.continuous) zoom_.moves = false;
   if (!zoom_.moves) ordered_[zoom_axis] = false;
 }
@@ -239,6 +238,11 @@ void Head::follow(Track &track, bool changed, std::int64_t now) {
     ordered_[zoom_axis] = false;
   }
   link_->confirm_rest(track.is_pan_tilt ? Group::pan_tilt : Group::zoom, now);
+}
+
+void Head::forget(std::size_t axis) {
+  steps_[axis].reset();
+  if (axis != zoom_axis || options_.has_zoom) user_.axis_is_unknown(axis);
 }
 
 void Head::report(std::size_t axis) {

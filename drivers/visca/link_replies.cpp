@@ -114,7 +114,9 @@ void Link::receive(const Reply &reply, Sequence sequence, std::int64_t now) {
 
 void Link::accept(Slot &slot, Outcome outcome) { tell(slot.command.acknowledged, outcome); }
 
+// ACKs are held by the number of stops that wait: without one of them the count no longer says which stop they confirm.
 void Link::erase(const Slot &slot) {
+  if (slot.command.stop && !slot.is_acknowledged) held_acks_.clear();
   slots_.remove_if([&](const Slot &each) { return &each == &slot; });
 }
 

@@ -56,8 +56,10 @@ class SerialTransport final : public Transport {
     UniqueFd fd(::open(address_.host.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
     // A lock of the file goes with its holder; TIOCEXCL would outlive a driver that was killed if the other end of a
     // pseudo-terminal keeps it open.
-    if (fd && flock(fd.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
-      return user_.transport_is_closed(address_.host + ": another driver uses it");
+    if (fd && flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
+      const std::string reason =
+          errno == EWOULDBLOCK ? "another driver uses it" : std::string("it cannot be locked: ") + g_strerror(errno);
+      return user_.transport_is_closed(address_.host + ": " + reason);
     }
     if (!fd || !set_up(fd.get(), address_.baud)) {
       return user_.transport_is_closed(address_.host + ": " + g_strerror(errno));

@@ -36,6 +36,10 @@ void State::axis_is_at(std::size_t axis, std::int32_t position, bool moving) {
   if (is_open) ptz_kit_driver_report_axis(driver, kit_axis(axis), position, moving ? TRUE : FALSE);
 }
 
+void State::axis_is_unknown(std::size_t axis) {
+  if (is_open) ptz_kit_driver_report_unknown(driver, kit_axis(axis));
+}
+
 void State::axis_runs(std::size_t axis, std::int32_t speed) {
   if (is_open) ptz_kit_driver_report_speed(driver, kit_axis(axis), speed);
 }
@@ -126,6 +130,9 @@ void set_axes(State &state) {
     ptz_kit_driver_set_axis(state.driver, PTZ_KIT_AXIS_ZOOM, profile.zoom.least(), profile.zoom.most(),
                             profile.zoom_speed(), profile.zoom.least());
   }
+  for (std::size_t axis = 0; axis < (state.camera.head.has_zoom ? axis_count : zoom_axis); ++axis) {
+    ptz_kit_driver_report_unknown(state.driver, kit_axis(axis));
+  }
   const guint32 capabilities = (state.camera.focus != "no" ? focus_capabilities : 0) |
                                (state.camera.has_iris ? iris_capabilities : 0) |
                                (state.camera.has_ir_cut_filter ? filter_capabilities : 0);
@@ -189,6 +196,12 @@ void close_device(PTZKitDriver *self) {
   if (state.line) state.line->stop();
 }
 
+// In standby a camera does not tell its position, either.
+void refuse_without_position(const State &state, PTZKitReply *reply) {
+  if (state.head->is_on() == false) return refuse(reply, Outcome::not_executable);
+  ptz_kit_reply_error_literal(reply, PTZ_KIT_ERROR_CODE_DEVICE, "the camera does not tell its position");
+}
+
 void move(PTZKitDriver *self, const PTZKitMoveRequest *request, PTZKitReply *reply) {
   State &state = state_of(self);
   if (state.waits(reply, [self, wanted = *request](PTZKitReply *later) { move(self, &wanted, later); })) return;
@@ -201,9 +214,7 @@ void move(PTZKitDriver *self, const PTZKitMoveRequest *request, PTZKitReply *rep
     order.axes[axis] = (request->axes >> axis & 1U) != 0;
     order.value[axis] = order.axes[axis] ? request->value[axis] : 0;
   }
-  if (state.head->needs_position(order)) {
-    return ptz_kit_reply_error_literal(reply, PTZ_KIT_ERROR_CODE_DEVICE, "the camera does not tell its position");
-  }
+  if (state.head->needs_position(order)) return refuse_without_position(state, reply);
   state.head->move(order, answer_later(reply));
 }
 
@@ -241,9 +252,7 @@ void query_position(PTZKitDriver *self, PTZKitReply *reply) {
   if (state.waits(reply, [self](PTZKitReply *later) { query_position(self, later); })) return;
   const Head &head = *state.head;
   if (!head.is_there()) return refuse(reply, Outcome::no_answer);
-  if (!head.knows_position()) {
-    return ptz_kit_reply_error_literal(reply, PTZ_KIT_ERROR_CODE_DEVICE, "the camera does not tell its position");
-  }
+  if (!head.knows_position()) return refuse_without_position(state, reply);
   PTZKitQueryPositionReply message = {};
   for (std::size_t axis = 0; axis < axis_count; ++axis) {
     message.position[axis] = ptz_kit_driver_get_position(self, kit_axis(axis));
@@ -258,7 +267,8 @@ void query_position(PTZKitDriver *self, PTZKitReply *reply) {
 
 void dispose(GObject *object) {
   State &state = state_of(PTZ_KIT_DRIVER(object));
-  if (state.line) state.line->stop();
+  // The line uses the heads of all cameras, so it is freed before the drivers that own them.
+  state.line.reset();
   state.others.clear();
   G_OBJECT_CLASS(visca_driver_parent_class)->dispose(object);
 }

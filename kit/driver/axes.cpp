@@ -20,6 +20,7 @@ void Axis::set(gint32 minimum, gint32 maximum, gint32 max_speed, gint32 home) {
 void Axis::report(gint32 position, bool moving, gint64 now_us) {
   const bool starts = moving && !moving_;
   position_ = position;
+  is_known_ = true;
   moving_ = moving;
   if (starts || !moving) {
     speed_ = 0;
@@ -38,6 +39,11 @@ void Axis::report(gint32 position, bool moving, gint64 now_us) {
 
 gint32 Axis::speed_over(gint64 distance, gint64 time_us) const {
   return static_cast<gint32>(std::clamp<gint64>(distance * G_USEC_PER_SEC / time_us, -max_speed_, max_speed_));
+}
+
+void Axis::report_unknown() {
+  report(position_, false, 0);
+  is_known_ = false;
 }
 
 void Axis::report_speed(gint32 speed) {

@@ -16,6 +16,7 @@ class Axis {
   bool is_set_ = false;
   gint32 minimum_ = 0, maximum_ = 0, max_speed_ = 0, home_ = 0;
   gint32 position_ = 0;
+  bool is_known_ = true;
   bool moving_ = false;
   gint32 speed_ = 0;
   bool speed_is_reported_ = false;
@@ -29,6 +30,8 @@ class Axis {
   void set(gint32 minimum, gint32 maximum, gint32 max_speed, gint32 home);
   void report(gint32 position, bool moving, gint64 now_us);
   void report_speed(gint32 speed);
+  // It is at rest then.
+  void report_unknown();
 
   [[nodiscard]] bool is_set() const { return is_set_; }
   [[nodiscard]] gint32 minimum() const { return minimum_; }
@@ -36,6 +39,11 @@ class Axis {
   [[nodiscard]] gint32 max_speed() const { return max_speed_; }
   [[nodiscard]] gint32 home() const { return home_; }
   [[nodiscard]] gint32 position() const { return position_; }
+  [[nodiscard]] bool is_known() const { return is_known_; }
+  [[nodiscard]] PTZMoveStatus status() const {
+    if (!is_known_) return PTZ_MOVE_STATUS_UNKNOWN;
+    return moving_ ? PTZ_MOVE_STATUS_MOVING : PTZ_MOVE_STATUS_IDLE;
+  }
   [[nodiscard]] bool moving() const { return moving_; }
   [[nodiscard]] gint32 speed() const { return moving_ ? speed_ : 0; }
   [[nodiscard]] gint32 clamped(gint32 position) const { return std::clamp(position, minimum_, maximum_); }
@@ -46,6 +54,12 @@ class Axis {
 using Axes = std::array<Axis, PTZ_KIT_N_AXES>;
 
 inline bool any_moving(const Axes &axes) { return std::ranges::any_of(axes, &Axis::moving); }
+// Of the axes that were set; true if none was.
+inline bool any_known(const Axes &axes) {
+  const auto is_unknown = [](const Axis &axis) { return axis.is_set() && !axis.is_known(); };
+  return std::ranges::none_of(axes, is_unknown) ||
+         std::ranges::any_of(axes, [](const Axis &axis) { return axis.is_set() && axis.is_known(); });
+}
 inline guint8 axes_set(const Axes &axes) {
   guint8 bits = 0;
   for (std::size_t axis = 0; axis < axes.size(); ++axis) bits |= axes[axis].is_set() ? axis_bit(axis) : 0;

@@ -69,7 +69,7 @@ void answer_query_position(DriverCore &core, gconstpointer, PTZKitReply *reply) 
   PTZKitQueryPositionReply message = {};
   for (std::size_t axis = 0; axis < core.axes.size(); ++axis) {
     message.position[axis] = core.axes[axis].position();
-    message.status[axis] = core.axes[axis].moving() ? PTZ_MOVE_STATUS_MOVING : PTZ_MOVE_STATUS_IDLE;
+    message.status[axis] = core.axes[axis].status();
   }
   ptz_kit_reply_query_position(reply, &message);
 }

@@ -266,10 +266,21 @@ void DriverCore::update() {
 }
 
 void DriverCore::report(PTZKitAxis axis, gint32 position, bool moving) {
-  const bool moved = any_moving(axes);
+  const bool moved = any_moving(axes), was_known = axes[axis].is_known();
   axes[axis].report(position, moving, g_get_monotonic_time());
+  reported(moved, !was_known);
+}
+
+void DriverCore::report_unknown(PTZKitAxis axis) {
+  const bool moved = any_moving(axes), was_known = axes[axis].is_known();
+  axes[axis].report_unknown();
+  reported(moved, was_known);
+}
+
+// Changes are published at once; positions at the next time.
+void DriverCore::reported(bool moved, bool knowledge_changed) {
   const bool moves = any_moving(axes);
-  if (moved == moves) return;
+  if (moved == moves && !knowledge_changed) return;
   if (!moves) going_to_preset = false;
   if (!serving_) return;
   if (status_) status_->publish(axes, going_to_preset);

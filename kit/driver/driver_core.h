@@ -57,6 +57,7 @@ class DriverCore final : public ReplyTarget, public MonitoredDriver {
   void log_request(gint32 command, std::span<const guint8> body) const;
   void follow_orders(gint32 command, bool refused);
   void set_publish_rate();
+  void reported(bool moved, bool knowledge_changed);
   bool claim(GError **error);
   [[nodiscard]] Request request_from(gpointer reply_context, std::span<const guint8> body);
   void count_reply(const Request &request, guint32 message_id, std::span<const guint8> body, gint64 now_ns, bool sent);
@@ -95,6 +96,7 @@ class DriverCore final : public ReplyTarget, public MonitoredDriver {
   // Lets the driver report where its axes are now.
   void update();
   void report(PTZKitAxis axis, gint32 position, bool moving);
+  void report_unknown(PTZKitAxis axis);
   void report_flag(PTZSCParam flag, bool on);
 
   // preset_functions.cpp: stores a preset of the device, or removes it. False, logged, if the change cannot be kept.

@@ -188,6 +188,12 @@ void ptz_kit_driver_report_speed(PTZKitDriver *self, PTZKitAxis axis, gint32 spe
   core_of(self).axes[axis].report_speed(speed);
 }
 
+void ptz_kit_driver_report_unknown(PTZKitDriver *self, PTZKitAxis axis) {
+  g_return_if_fail(PTZ_KIT_IS_DRIVER(self));
+  g_return_if_fail(is_axis(axis) && core_of(self).axes[axis].is_set());
+  core_of(self).report_unknown(axis);
+}
+
 void ptz_kit_driver_report_flag(PTZKitDriver *self, PTZSCParam flag, gboolean on) {
   g_return_if_fail(PTZ_KIT_IS_DRIVER(self));
   g_return_if_fail(PublishedStatus::is_flag(flag) && flag != PTZ_SC_PARAM_VARIOUS_PT_PRESET_MOVE);

@@ -3,6 +3,8 @@
 #include <ptz_timing_log.h>
 #include <syslog.h>
 
+#include <utility>
+
 namespace ptz_kit {
 
 namespace {
@@ -40,9 +42,9 @@ void reset_measurement(const char *what, gint32 driver) {
 }  // namespace
 
 StatusGroup::StatusGroup(PTZSCGroup kind, guint instance, std::vector<Value> values)
-    : kind_(kind), instance_(instance), values_(std::move(values)) {
-  ptz_status_cache_create_group(kind, instance);
-}
+    : kind_(kind), instance_(instance), values_(std::move(values)) {}
+
+void StatusGroup::create() { ptz_status_cache_create_group(kind_, instance_); }
 
 bool StatusGroup::write() {
   if (!group_) {
@@ -111,6 +113,9 @@ PublishedStatus::PublishedStatus(guint instance, const Axes &axes, guint32 flags
       position_(PTZ_SC_GROUP_POSITION, instance, position_values()),
       various_(PTZ_SC_GROUP_VARIOUS, instance, flag_values()),
       limit_(PTZ_SC_GROUP_LIMIT, instance, limit_values()) {
+  if (any_known(axes)) create_position();
+  various_.create();
+  limit_.create();
   for (std::size_t index = 0; index < axes.size(); ++index) {
     limits_[0][index] = axes[index].minimum() / axis_params[index].limit_unit;
     limits_[1][index] = axes[index].maximum() / axis_params[index].limit_unit;
@@ -128,24 +133,39 @@ PublishedStatus::~PublishedStatus() {
 
 void PublishedStatus::publish(const Axes &axes, bool going_to_preset) {
   const gint64 now_us = g_get_monotonic_time();
-  const bool moving = any_moving(axes);
-  updated_ = {static_cast<guint32>(now_us / G_USEC_PER_SEC), static_cast<guint32>(now_us % G_USEC_PER_SEC)};
-  const PTZStatusCacheTime now = {updated_.seconds, updated_.fraction * nanoseconds_per_microsecond};
+  const bool moving = any_moving(axes), is_known = any_known(axes);
+  const PTZStatusCacheTime time = {static_cast<guint32>(now_us / G_USEC_PER_SEC),
+                                   static_cast<guint32>(now_us % G_USEC_PER_SEC)};
+  const PTZStatusCacheTime now = {time.seconds, time.fraction * nanoseconds_per_microsecond};
+  if (is_known) updated_ = time;
   for (std::size_t index = 0; index < axes.size(); ++index) {
     AxisStatus &published = axes_[index];
     const Axis &axis = axes[index];
     published.position = static_cast<gfloat>(axis.position()) / 100;
-    const gint32 status = axis.moving() ? PTZ_MOVE_STATUS_MOVING : PTZ_MOVE_STATUS_IDLE;
+    const gint32 status = axis.status();
     if (status == published.status) continue;
     published.status = status;
-    (axis.moving() ? published.moving_since : published.idle_since) = now;
+    if (axis.is_known()) (axis.moving() ? published.moving_since : published.idle_since) = now;
   }
   if (now_us >= refresh_us_) refresh(now_us);
   zoom_steps_ = axes[PTZ_KIT_AXIS_ZOOM].position();
   update_rate_ = updates_per_second(moving);
-  position_.update(now_us);
+  publish_position(is_known, now_us);
   set_flag(PTZ_SC_PARAM_VARIOUS_PT_PRESET_MOVE, going_to_preset && moving);
   measure_move(moving);
+}
+
+// When the position gets unknown, it is published once more, with the time of the last one that was known.
+void PublishedStatus::publish_position(bool is_known, gint64 now_us) {
+  const bool was_known = std::exchange(was_known_, is_known);
+  if (!is_known && !was_known) return;
+  if (!has_position_) create_position();
+  position_.update(now_us);
+}
+
+void PublishedStatus::create_position() {
+  has_position_ = true;
+  position_.create();
 }
 
 void PublishedStatus::begin_counter() {

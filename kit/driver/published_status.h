@@ -32,8 +32,10 @@ class StatusGroup {
   [[nodiscard]] bool write();
 
  public:
-  // Gives the group default values in the store. The values outlive this object.
+  // The values outlive this object.
   StatusGroup(PTZSCGroup kind, guint instance, std::vector<Value> values);
+  // Gives the group default values in the store.
+  void create();
   void update(gint64 now_us);
   [[nodiscard]] bool is_published() const { return group_ != nullptr; }  // by the last update
 };
@@ -55,6 +57,9 @@ class MeasurementRate {
 // Limits, flags and the counter seldom change, but are published again once a second: the store may have lost them, or
 // may have refused them.
 //
+// While the position of every axis is unknown, the position is not published, so that readers see its age grow. Before
+// the first known position the store has none.
+//
 // Main context.
 class PublishedStatus {
   struct AxisStatus {
@@ -75,6 +80,7 @@ class PublishedStatus {
   std::array<std::array<gint32, PTZ_KIT_N_AXES>, 2> limits_ = {};
 
   gint32 driver_;
+  bool has_position_ = false, was_known_ = false;
   StatusGroup position_;
   StatusGroup various_;
   StatusGroup limit_;
@@ -88,6 +94,8 @@ class PublishedStatus {
   std::vector<StatusGroup::Value> position_values();
   std::vector<StatusGroup::Value> flag_values();
   std::vector<StatusGroup::Value> limit_values();
+  void create_position();
+  void publish_position(bool is_known, gint64 now_us);
   void measure_move(bool moving);
   void begin_counter();
   [[nodiscard]] bool limits_are_there() const;

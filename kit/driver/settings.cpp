@@ -131,7 +131,15 @@ std::string contradiction(const Setting &setting) {
 
 // Whether the two are the same setting of numbered groups, such as [Preset0] and [Preset1].
 bool are_numbered_alike(const Setting &a, const Setting &b) {
-  return a.key == b.key && a.doc == b.doc && without_number(a.group) == without_number(b.group);
+  return a.key == b.key && a.doc == b.doc && a.value == b.value && without_number(a.group) == without_number(b.group);
+}
+
+std::string described(const Setting &setting, const std::string &last_group) {
+  std::string text = format("\n  [%s]", setting.group.c_str());
+  if (last_group != setting.group) text += format(" to [%s]", last_group.c_str());
+  text += format(" %s=%s", setting.key.c_str(), setting.value.c_str());
+  if (setting.kind == PTZ_KIT_SETTING_INTEGER) text += format(" (" BOUNDS ")", setting.least, setting.most);
+  return text + format("  %s", setting.doc.c_str());
 }
 
 }  // namespace
@@ -255,17 +263,19 @@ const Setting *Settings::find(const char *group, const char *key, PTZKitSettingK
   return nullptr;
 }
 
+// A setting that several numbered groups have is described once, for all of them.
 std::string Settings::describe() const {
   std::string text = "Settings of --config:";
-  for (std::size_t index = 0; index < settings_.size(); ++index) {
-    const Setting &setting = settings_[index];
-    text += format("\n  [%s]", setting.group.c_str());
-    const std::size_t first = index;
-    while (index + 1 < settings_.size() && are_numbered_alike(setting, settings_[index + 1])) ++index;
-    if (index > first) text += format(" to [%s]", settings_[index].group.c_str());
-    text += format(" %s=%s", setting.key.c_str(), setting.value.c_str());
-    if (setting.kind == PTZ_KIT_SETTING_INTEGER) text += format(" (" BOUNDS ")", setting.least, setting.most);
-    text += format("  %s", setting.doc.c_str());
+  std::vector<bool> is_described(settings_.size());
+  for (std::size_t first = 0; first < settings_.size(); ++first) {
+    if (is_described[first]) continue;
+    std::size_t last = first;
+    for (std::size_t index = first + 1; index < settings_.size(); ++index) {
+      if (is_described[index] || !are_numbered_alike(settings_[first], settings_[index])) continue;
+      is_described[index] = true;
+      last = index;
+    }
+    text += described(settings_[first], settings_[last].group);
   }
   return text;
 }

@@ -318,6 +318,24 @@ PTZ_KIT_API void ptz_kit_driver_report_axis (PTZKitDriver *self, PTZKitAxis axis
 PTZ_KIT_API void ptz_kit_driver_report_speed (PTZKitDriver *self, PTZKitAxis axis, gint32 speed);
 
 /**
+ * ptz_kit_driver_report_unknown:
+ * @self: a driver
+ * @axis: an axis that was set
+ *
+ * Reports that the position of an axis is not known, because the device does not answer for one. The axis is at rest
+ * until ptz_kit_driver_report_axis() reports its position again. Before the first report of either function an axis is
+ * at its home.
+ *
+ * The status of the axis is `PTZ_MOVE_STATUS_UNKNOWN`, in answers and as published. If no axis has a known position, the
+ * position is not published: its age grows, and before the first known position there is none.
+ *
+ * Thread: the one of the default main context.
+ *
+ * Since: 0.1
+ */
+PTZ_KIT_API void ptz_kit_driver_report_unknown (PTZKitDriver *self, PTZKitAxis axis);
+
+/**
  * ptz_kit_driver_report_flag:
  * @self: a driver
  * @flag: a parameter of the group "Various", such as `PTZ_SC_PARAM_VARIOUS_IR_CUT_FILTER`, but not

@@ -2,6 +2,7 @@
 #include <glib-unix.h>
 #include <signal.h>
 
+#include <clocale>
 #include <cstdio>
 #include <memory>
 
@@ -110,6 +111,7 @@ gboolean quit(gpointer loop) {
 }  // namespace
 
 int main(int argc, char **argv) {
+  setlocale(LC_CTYPE, "");  // so that GLib prints its own texts in UTF-8
   Options options;
   if (!parse(argc, argv, options)) return 2;
   if (options.version != FALSE) {

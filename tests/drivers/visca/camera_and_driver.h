@@ -27,6 +27,7 @@ class CameraAndDriver {
   PTZKitLink *link_ = nullptr;
   std::string device_;
   std::string last_error_;
+  guint32 auxiliary_state_ = G_MAXUINT32;
 
   bool took(GError *error) {
     last_error_ = error != nullptr ? error->message : "";
@@ -156,9 +157,15 @@ class CameraAndDriver {
     const PTZKitAuxiliaryRequest request = {const_cast<gchar *>(name), static_cast<guint32>(state)};
     GError *error = nullptr;
     PTZKitAuxiliaryReply *reply = ptz_kit_link_auxiliary(link_, &request, deadline_ms, nullptr, &error);
-    if (reply != nullptr) ptz_kit_auxiliary_reply_free(reply);
+    if (reply != nullptr) {
+      auxiliary_state_ = reply->state;
+      ptz_kit_auxiliary_reply_free(reply);
+    }
     return took(error);
   }
+
+  // In the last reply.
+  guint32 auxiliary_state() const { return auxiliary_state_; }
 
   // The last packets, for failures.
   std::string log() const {

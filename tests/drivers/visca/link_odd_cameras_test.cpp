@@ -199,6 +199,49 @@ TEST_F(LinkTest, RefusalsOfTwoStopsWithoutNumbersAreThoseOfBoth) {
   EXPECT_TRUE(was_told(std::string("zoom: ") + text_of(Outcome::not_executable)));
 }
 
+TEST_F(LinkTest, AckHeldForAStopThatWasGivenUpDoesNotConfirmLaterStops) {
+  start({.loses_packets = true});
+  submit("first", stop());
+  pass(1950 * ms);
+  submit("second", {.packet = zoom_stop(1), .group = Group::zoom, .stop = true});
+  pass(1 * ms);
+  ack(1);
+  pass(60 * ms);
+  ASSERT_TRUE(was_told(std::string("first: ") + text_of(Outcome::no_answer)));
+  ack(2);
+  complete(2);
+  complete(1);
+  ASSERT_TRUE(was_told("second accepted"));
+  pass(5000 * ms);
+  submit("pan", stop());
+  submit("zoom", {.packet = zoom_stop(1), .group = Group::zoom, .stop = true});
+  pass(1 * ms);
+  ack(1);
+  EXPECT_FALSE(was_told("pan accepted"));
+  EXPECT_FALSE(was_told("zoom accepted"));
+}
+
+TEST_F(LinkTest, AckHeldForAStopThatWasRefusedDoesNotConfirmLaterStops) {
+  start({.loses_packets = true});
+  const Command zoom_stops = {.packet = zoom_stop(1), .group = Group::zoom, .stop = true};
+  submit("first", stop());
+  submit("second", zoom_stops);
+  ack(1);
+  error(0, error_not_executable);
+  submit("move", move());
+  ASSERT_TRUE(was_told(std::string("first: ") + text_of(Outcome::not_executable)));
+  ack(2);
+  complete(2);
+  ASSERT_TRUE(was_told("second accepted"));
+  ack(1);
+  complete(1);
+  submit("pan", stop());
+  submit("zoom", zoom_stops);
+  ack(1);
+  EXPECT_FALSE(was_told("pan accepted"));
+  EXPECT_FALSE(was_told("zoom accepted"));
+}
+
 TEST_F(LinkTest, LostAckOfACommandDelaysNoLaterOne) {
   start_serial();
   submit("first", focus_command());

@@ -1,6 +1,8 @@
 // The driver program with the simulated camera, over each transport.
 #include <csignal>
 
+#include <ptz_status_cache.h>
+
 #include "camera_and_driver.h"
 
 namespace visca_test {
@@ -126,7 +128,10 @@ TEST_P(EachTransport, CameraInStandbyRefusesMovesUntilItIsPoweredOn) {
   ASSERT_TRUE(ptz_test::run_until([&] {
     return !both_.go_to({100, 100, 100}) && both_.last_error().find("powered off") != std::string::npos;
   })) << both_.last_error();
+  EXPECT_FALSE(both_.move(PTZ_MOVE_ABSOLUTE, 1, {100, 0, 0}));
+  EXPECT_NE(both_.last_error().find("powered off"), std::string::npos) << both_.last_error();
   ASSERT_TRUE(both_.switch_auxiliary("power", PTZ_ENABLE_ON)) << both_.last_error();
+  EXPECT_EQ(both_.auxiliary_state(), PTZ_ENABLE_ON);
   ASSERT_TRUE(ptz_test::run_until([&] { return both_.go_to({1000, 100, 100}); })) << both_.last_error();
   EXPECT_EQ(both_.rest(), (Position{1000, 100, 100}));
 }
@@ -220,6 +225,25 @@ TEST(ViscaDriver, BadAddressIsABadSetting) {
   EXPECT_NE(ptz_test::contents(dir.file("output")).find("serial:, udp:, udp-raw: or tcp:"), std::string::npos);
 }
 
+// The second and further cameras have the same settings.
+TEST(ViscaDriver, HelpListsTheSettingsOfAllCamerasOnce) {
+  ptz_test::TempDir dir;
+  ptz_test::Process driver(VISCA_DRIVER, {"--help"}, dir.file("output"));
+  EXPECT_EQ(driver.wait(), 0);
+  const std::string help = ptz_test::contents(dir.file("output"));
+  EXPECT_NE(help.find("[Camera1] to [Camera7] PanMinimum="), std::string::npos) << help;
+  EXPECT_EQ(help.find("[Camera2]"), std::string::npos);
+}
+
+TEST(ViscaSim, HelpInAUtf8LocaleIsUtf8) {
+  ptz_test::TempDir dir;
+  setenv("LC_ALL", "C.UTF-8", 1);
+  ptz_test::Process camera(VISCA_SIM, {"--help"}, dir.file("output"));
+  EXPECT_EQ(camera.wait(), 0);
+  unsetenv("LC_ALL");
+  EXPECT_NE(ptz_test::contents(dir.file("output")).find("[OPTION…]"), std::string::npos);
+}
+
 TEST(ViscaDriver, SettingsFileIsValid) {
   ptz_test::TempDir dir;
   ptz_test::Process driver(VISCA_DRIVER, {"--check-settings", "--config", VISCA_DRIVER_SETTINGS}, dir.file("output"));
@@ -236,46 +260,119 @@ TEST(ViscaDriver, AuxiliaryOfTheSettingsIsARawCommand) {
   EXPECT_EQ(both.received("81 01 04 01 03 FF"), 1U);
 }
 
-// Each request is a motion to the left with a speed of its own: the camera must get all of them, in order.
+// Motions to the left, one every 5 ms, each with a speed that its neighbours do not have.
+class Burst {
+  static constexpr int requests_ = 200;
+  static constexpr gint64 interval_us_ = 5000;
+  CameraAndDriver &both_;
+  int answered_ = 0;
+
+  static void on_answer(GObject *link, GAsyncResult *result, gpointer burst) {
+    if (ptz_kit_link_move_finish(PTZ_KIT_LINK(link), result, nullptr) != FALSE)
+      ++static_cast<Burst *>(burst)->answered_;
+  }
+
+ public:
+  std::vector<std::string> expected;
+  gint64 duration_us = 0;
+  explicit Burst(CameraAndDriver &both) : both_(both) {}
+
+  // A request also waits for the answer to the one before: a driver that gets two motions at once sends the later one.
+  void run() {
+    both_.clear_log();
+    const gint64 began = g_get_monotonic_time();
+    for (int number = 0; number < requests_; ++number) {
+      const int step = 1 + number % 24;
+      const PTZKitMoveRequest request = {
+          .kind = PTZ_MOVE_CONTINUOUS, .axes = 1, .speed = 100, .value = {-step * 10000 / 24, 0, 0}};
+      char packet[32];
+      snprintf(packet, sizeof packet, "81 01 06 01 %02X 01 01 03 FF", step);
+      expected.emplace_back(packet);
+      const gint64 sent_us = g_get_monotonic_time();
+      ptz_kit_link_move_async(both_.link(), &request, deadline_ms, nullptr, on_answer, this);
+      ASSERT_TRUE(ptz_test::run_until([&] { return answered_ == number + 1; })) << number;
+      const gint64 left_us = sent_us + interval_us_ - g_get_monotonic_time();
+      if (left_us > 0) g_usleep(static_cast<gulong>(left_us));
+    }
+    duration_us = g_get_monotonic_time() - began;
+  }
+  // A datagram that the driver has repeated, because its ACK was late, counts once.
+  std::vector<std::string> received() const {
+    std::vector<std::string> packets;
+    std::istringstream log(ptz_test::contents(both_.file("log")));
+    for (std::string line; std::getline(log, line);) {
+      const std::size_t at = line.find("> 81 01 06 01 ");
+      if (at == std::string::npos) continue;
+      const std::string packet = line.substr(at + 2);
+      if (packets.empty() || packets.back() != packet) packets.push_back(packet);
+    }
+    return packets;
+  }
+  bool kept_its_rate() const { return duration_us < requests_ * interval_us_ * 5 / 4; }
+};
+
+// The camera must get all of them, in order. A busy machine may need several attempts to run at the full rate.
 TEST(ViscaDriver, TwoHundredRequestsASecondArriveInOrder) {
   CameraAndDriver both("udp");
   both.start();
-  constexpr int requests = 200;
-  std::vector<std::string> expected;
-  std::vector<gint64> sent_us;
-  int answered = 0;
-  const auto on_answer = [](GObject *link, GAsyncResult *result, gpointer count) {
-    if (ptz_kit_link_move_finish(PTZ_KIT_LINK(link), result, nullptr) != FALSE) ++*static_cast<int *>(count);
-  };
-  both.clear_log();
-  for (int number = 0; number < requests; ++number) {
-    const int step = 1 + number % 24;
-    PTZKitMoveRequest request = {
-        .kind = PTZ_MOVE_CONTINUOUS, .axes = 1, .speed = 100, .value = {-step * 10000 / 24, 0, 0}};
-    char packet[32];
-    snprintf(packet, sizeof packet, "81 01 06 01 %02X 01 01 03 FF", step);
-    expected.emplace_back(packet);
-    sent_us.push_back(g_get_monotonic_time());
-    ptz_kit_link_move_async(both.link(), &request, deadline_ms, nullptr, on_answer, &answered);
-    while (g_get_monotonic_time() < sent_us.back() + 5000) {
-      if (g_main_context_iteration(nullptr, FALSE) == FALSE) g_usleep(200);
-    }
+  bool kept_rate = false;
+  for (int attempt = 0; attempt < 12 && !kept_rate; ++attempt) {
+    Burst burst(both);
+    burst.run();
+    ASSERT_FALSE(testing::Test::HasFatalFailure());
+    ASSERT_EQ(burst.received(), burst.expected);
+    kept_rate = burst.kept_its_rate();
+    RecordProperty("duration_us", static_cast<int>(burst.duration_us));
   }
-  ASSERT_TRUE(ptz_test::run_until([&] { return answered == requests; })) << answered;
-  std::vector<std::string> received;
-  std::vector<double> latencies_us;
-  std::istringstream log(ptz_test::contents(both.file("log")));
-  for (std::string line; std::getline(log, line);) {
-    const std::size_t at = line.find("> 81 01 06 01 ");
-    if (at == std::string::npos) continue;
-    if (received.size() < sent_us.size()) {
-      latencies_us.push_back(std::stod(line) * 1000 - static_cast<double>(sent_us[received.size()]));
-    }
-    received.push_back(line.substr(at + 2));
-  }
-  EXPECT_EQ(received, expected);
-  std::ranges::sort(latencies_us);
-  if (!latencies_us.empty()) RecordProperty("median_us", static_cast<int>(latencies_us[latencies_us.size() / 2]));
+  EXPECT_TRUE(kept_rate);
+}
+
+struct Published {
+  gboolean exists = FALSE;
+  gfloat pan = -1;
+  gint32 status = -1;
+  PTZStatusCacheTime time = {};
+};
+
+Published published() {
+  Published now;
+  PTZStatusCacheGroup *group = ptz_status_cache_setup_group(PTZ_SC_GROUP_POSITION, 1, 3);
+  ptz_status_cache_add_param(group, PTZ_SC_PARAM_POSITION_PAN, &now.pan);
+  ptz_status_cache_add_param(group, PTZ_SC_PARAM_POSITION_PAN_STATUS, &now.status);
+  ptz_status_cache_add_param(group, PTZ_SC_PARAM_POSITION_TIME_VAL, &now.time);
+  now.exists = ptz_status_cache_fetch_group(group);
+  ptz_status_cache_free_group(group);
+  return now;
+}
+
+TEST(ViscaDriver, PositionOfACameraThatNeverAnsweredIsNotPublished) {
+  CameraAndDriver both("udp");
+  both.start_camera();
+  both.stop_camera();
+  both.start_driver({"--instance", "1"});
+  EXPECT_FALSE(both.go_to({100, 100, 100}));
+  EXPECT_FALSE(published().exists);
+  both.start_camera();
+  ASSERT_TRUE(both.is_there_soon());
+  EXPECT_TRUE(ptz_test::run_until([] { return published().exists && published().status == PTZ_MOVE_STATUS_IDLE; }));
+}
+
+TEST(ViscaDriver, LostCameraMakesThePublishedPositionUnknownAndStale) {
+  CameraAndDriver both("udp");
+  both.start({}, {"--instance", "1"});
+  ASSERT_TRUE(both.go_to({1000, 1000, 200}));
+  both.rest();
+  ASSERT_TRUE(ptz_test::run_until([] { return published().pan == 10 && published().status == PTZ_MOVE_STATUS_IDLE; }));
+  both.stop_camera();
+  ASSERT_TRUE(ptz_test::run_until([] { return published().status == PTZ_MOVE_STATUS_UNKNOWN; }, 10'000));
+  const Published lost = published();
+  EXPECT_EQ(lost.pan, 10);
+  // Each request makes the driver publish.
+  EXPECT_FALSE(both.go_to({2000, 2000, 300}));
+  EXPECT_EQ(published().time.seconds, lost.time.seconds);
+  EXPECT_EQ(published().time.fraction, lost.time.fraction);
+  both.start_camera();
+  EXPECT_TRUE(ptz_test::run_until([] { return published().status == PTZ_MOVE_STATUS_IDLE; }, 10'000));
 }
 
 TEST(ViscaDriver, TwoCamerasOfOneLineAreTwoInstances) {
@@ -301,6 +398,17 @@ TEST(ViscaDriver, TwoCamerasOfOneLineAreTwoInstances) {
       << " " << position[1];
   g_object_unref(second);
   EXPECT_GE(both.received("82 01 06 02 18 14 00 00 0C 08 00 00 0C 08 FF"), 1U);
+  both.driver().signal(SIGTERM);
+  EXPECT_EQ(both.driver().wait(), 0) << both.output();
+}
+
+TEST(ViscaDriver, SigtermWithTwoCamerasOfALineThatDoesNotOpenEndsTheDriver) {
+  CameraAndDriver both("serial");
+  both.set_device("serial:" + both.file("nope"));
+  std::ofstream(both.file("settings")) << "[Line]\nCameras=2\n[Camera2]\nSocket=" + both.file("second") + "\n";
+  both.start_driver({"--config", both.file("settings")});
+  both.driver().signal(SIGTERM);
+  EXPECT_EQ(both.driver().wait(), 0) << both.output();
 }
 
 }  // namespace

@@ -148,6 +148,46 @@ TEST_F(KitStatus, BeginAndEndOfMotionArePublishedAtOnceWithStamp) {
   EXPECT_EQ(idle.rate, 2);
 }
 
+TEST_F(KitStatus, UnknownAxisIsPublishedAndAnsweredAsUnknown) {
+  report(250, true);
+  ptz_kit_driver_report_unknown(kit(), PTZ_KIT_AXIS_PAN);
+  EXPECT_EQ(published().pan_status, PTZ_MOVE_STATUS_UNKNOWN);
+  EXPECT_FLOAT_EQ(published().pan, 2.5F);
+  const std::string answer = ask("{'command': <'query_position'>}");
+  EXPECT_NE(answer.find("'status': <[2, 0, 0]>"), std::string::npos) << answer;
+  report(300, false);
+  EXPECT_EQ(published().pan_status, PTZ_MOVE_STATUS_IDLE);
+}
+
+TEST_F(KitStatus, AgeGrowsWhileNoPositionIsKnown) {
+  report(250, false);
+  wait_for_update();
+  ptz_kit_driver_report_unknown(kit(), PTZ_KIT_AXIS_PAN);
+  ptz_kit_driver_report_unknown(kit(), PTZ_KIT_AXIS_TILT);
+  const Published lost = published();
+  EXPECT_EQ(lost.pan_status, PTZ_MOVE_STATUS_UNKNOWN);
+  ask("{'command': <'get_driver_name'>}");  // each reply makes the driver publish
+  EXPECT_FALSE(is_newer(published().time, lost.time));
+  report(300, false);
+  EXPECT_TRUE(is_newer(published().time, lost.time));
+}
+
+TEST_F(KitStatus, PositionThatWasNeverKnownIsNotPublished) {
+  end();
+  make();
+  g_object_set(driver_, "instance", instance + 1, nullptr);
+  for (const PTZKitAxis axis : {PTZ_KIT_AXIS_PAN, PTZ_KIT_AXIS_TILT}) {
+    ptz_kit_driver_set_axis(kit(), axis, -100, 100, 100, 0);
+    ptz_kit_driver_report_unknown(kit(), axis);
+  }
+  start();
+  ask("{'command': <'get_driver_name'>}");
+  EXPECT_FALSE(store.remove("PTZ_POSITION_IS2"));
+  EXPECT_TRUE(store.remove("PTZ_LIMIT_IS2"));
+  report(300, false);
+  EXPECT_TRUE(store.remove("PTZ_POSITION_IS2"));
+}
+
 TEST_F(KitStatus, MotionIsPublishedByItsOwnTimerAndDriverIsAskedToReport) {
   report(250, true);
   const guint updates = driver_->updates;
