@@ -131,6 +131,7 @@ TEST_F(DoctorSocket, StolenPathIsToldWithTheProcessThatListensThere) {
   const Examined examined = expect_first("process.stopped", "fault");
   ASSERT_NE(examined.find("socket.stolen"), nullptr) << examined.text;
   EXPECT_NE(examined.find("socket.stolen")->what.find("Process " + std::to_string(thief.pid())), std::string::npos);
+  EXPECT_EQ(examined.find("socket.mode"), nullptr) << "of the socket of the thief";
   follow(examined, "socket.stolen");
   thief.wait();
   expect_mended_by(examined, "process.stopped");
@@ -170,7 +171,7 @@ TEST_F(DoctorSocket, DamagedEntryIsRemoved) {
 }
 
 TEST_F(DoctorSocket, MissingSocketIsTold) {
-  static_cast<void>(expect_first("socket.missing", "fault", {"--socket", file("none")}));
+  EXPECT_EQ(expect_first("socket.missing", "fault", {"--socket", file("none")}).findings.front().command, "");
   static_cast<void>(expect_first("socket.no-folder", "fault", {"--socket", file("none/socket")}));
 }
 

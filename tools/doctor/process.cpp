@@ -42,13 +42,17 @@ void report_dead(const Surroundings &system, const Driver &driver, Findings &fin
                            "parent ends, the zombie goes.",
                     .command = is_init ? "" : "kill " + std::to_string(facts->parent)});
   }
+  const std::string command = start_command(driver, system.timeout_ms);
   findings.fault({.id = "process.dead",
                   .subject = driver.label(),
                   .what = "The driver was killed: process " + pid + " has ended and has left its entry" +
                           (access(driver.socket.c_str(), F_OK) == 0 ? " and its socket " + driver.socket + "." : "."),
-                  .why = "Clients are refused, and the status that it has published is of the past. The system log "
-                         "may tell why it was killed. Without a unit, give it the options that it had.",
-                  .command = start_command(driver, system.timeout_ms)});
+                  .why = std::string("Clients are refused, and the status that it has published is of the past. The "
+                                     "system log may tell why it was killed.") +
+                         (command.empty() ? " No unit is known, nor the options that it had: start " + driver.program +
+                                                " as it was started before."
+                                          : ""),
+                  .command = command});
 }
 
 void report_state(const Driver &driver, const ProcessFacts &facts, Findings &findings) {

@@ -42,9 +42,10 @@ struct ProcessFacts {
 [[nodiscard]] std::string name_of_user(uid_t uid);
 [[nodiscard]] std::string name_of_group(gid_t gid);
 
-// The command that ends a driver, however it hangs, and starts it again.
+// The command that ends a driver, however it hangs, and starts it again with its arguments, folder and platform; empty
+// if there is no process to end.
 [[nodiscard]] std::string restart_command(const Driver &driver);
-// The command that starts a driver that has ended.
+// The command that starts the unit of a driver that has ended; empty if it has none: its options are not known.
 [[nodiscard]] std::string start_command(const Driver &driver, guint timeout_ms);
 
 }  // namespace ptzctl

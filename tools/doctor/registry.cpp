@@ -123,19 +123,20 @@ std::string names_of(const std::vector<Driver> &drivers) {
 }
 
 void report_no_driver(const Surroundings &system, const std::vector<Driver> &all, Findings &findings) {
+  std::vector<Unit> units;
+  static_cast<void>(units_of_drivers(system.runtime, system.timeout_ms, units));
   if (!system.wanted.empty()) {
+    const std::string name = system.wanted.substr(0, system.wanted.find(':'));
+    const auto found =
+        std::ranges::find_if(units, [&name](const Unit &unit) { return unit.name.find(name) != std::string::npos; });
     findings.fault({.id = "registry.driver-missing",
                     .subject = system.wanted,
                     .what = "There is no driver '" + system.wanted + "'; " + names_of(all) + ".",
                     .why = "A head without a driver does not move.",
-                    .command = "ptzctl driver list"});
+                    .command = found != units.end() ? "systemctl start " + quoted(found->name) : ""});
     return;
   }
-  std::vector<Unit> units;
-  std::string command = "systemctl list-units --all --type=service '*driver*'";
-  if (units_of_drivers(system.runtime, system.timeout_ms, units) == UnitsKnown::yes && !units.empty()) {
-    command = "systemctl restart " + quoted(units.front().name);
-  }
+  const std::string command = units.empty() ? "" : "systemctl restart " + quoted(units.front().name);
   findings.fault(
       {.id = "registry.no-driver",
        .subject = system.runtime,
