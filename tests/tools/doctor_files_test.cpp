@@ -87,6 +87,12 @@ TEST_F(DoctorFiles, DamagedStatusFileIsRemovedAndMadeAnew) {
   expect_mended_by(expect_first("status.damaged", "fault"), "status.damaged");
 }
 
+TEST_F(DoctorFiles, StatusThatTheGroupCannotReadIsOpened) {
+  start_driver();
+  chmod(file("PTZ_POSITION_IS1.status").c_str(), 0600);
+  expect_mended_by(expect_first("status.mode", "fault"), "status.mode");
+}
+
 TEST_F(DoctorFiles, StatusThatIsNotPublished) {
   Process &driver = start_driver();
   driver.signal(SIGSTOP);
