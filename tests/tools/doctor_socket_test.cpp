@@ -128,6 +128,7 @@ TEST_F(DoctorSocket, StolenPathIsToldWithTheProcessThatListensThere) {
   fs::remove(socket());
   Process &thief = spawn(SIM_DRIVER, {"--socket", socket(), "--fault", "none"});
   ASSERT_TRUE(answers(socket()));
+  chmod(socket().c_str(), 0700);
   const Examined examined = expect_first("process.stopped", "fault");
   ASSERT_NE(examined.find("socket.stolen"), nullptr) << examined.text;
   EXPECT_NE(examined.find("socket.stolen")->what.find("Process " + std::to_string(thief.pid())), std::string::npos);
