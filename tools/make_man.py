@@ -10,6 +10,7 @@ import sys
 
 HEADING = re.compile(r"^(Usage|[A-Z][A-Za-z ]*Options|Settings of --config|Exit status|Examples?):[ ]*(.*)$")
 OPTION = re.compile(r"^  (-\S+(?:, --\S+)?)(?: {2,}(.*))?$")
+STATUS = re.compile(r"^  (\d+) {2,}(.*)$")
 SETTING = re.compile(r"^  (\[\w+\](?: to \[\w+\])? \w+=.*?)  (.*)$")
 
 RUNTIME = ("/run/ptz", "The sockets of the drivers, each with its monitor socket (the same path with .monitor at the end), the "
@@ -75,7 +76,7 @@ class Help:
         elif part == "Settings of --config":
             self.add_entry(self.settings, SETTING.match(line), line)
         elif part == "Exit status":
-            self.add_entry(self.statuses, re.match(r"^  (\d+)  (.*)", line), line)
+            self.add_status(line)
         elif part in ("Example", "Examples"):
             if line.strip():
                 self.examples.append(line.strip())
@@ -85,6 +86,12 @@ class Help:
             self.text.append(line)
             if not "".join(self.text).strip():
                 self.text = []
+
+    def add_status(self, line):
+        row = STATUS.match(line)
+        if not row and line.strip() and not (self.statuses and line.startswith("     ")):
+            sys.exit(f"make_man.py: '{line}' is no row of an exit status: two blanks, the number, two blanks, the text")
+        self.add_entry(self.statuses, row, line)
 
     @staticmethod
     def add_entry(entries, match, line):

@@ -115,7 +115,7 @@ struct Lines {
 constexpr Lines ascii_lines = {"|-- ", "`-- ", "|   ", "    "};
 constexpr Lines box_lines = {"\u251C\u2500\u2500 ", "\u2514\u2500\u2500 ", "\u2502   ", "    "};
 
-// Prints what is in a group. False where a group cannot be read, which is then told.
+// Prints what is in a group. False if a group cannot be read, which is then reported.
 bool draw(const std::string &path, const std::string &indent, const Lines &lines, int level) {
   ParameterGroup group;
   gint32 error = 0;

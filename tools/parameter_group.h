@@ -32,7 +32,7 @@ constexpr int most_levels = 512;  // more would be a service that never comes to
 // As UTF-8, which JSON and terminals want.
 [[nodiscard]] tools::Text as_utf8(tools::Text text);
 [[nodiscard]] tools::Text read_parameter(const std::string &path, gint32 &error);
-// The paths that a walk visits; false where it fails.
+// The paths that a walk visits; false if it fails.
 [[nodiscard]] bool walk_parameters(const std::string &group, decltype(param_service_get_params) *begin,
                                    decltype(param_service_get_param) *next, std::vector<std::string> &paths,
                                    gint32 &error);

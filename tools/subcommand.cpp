@@ -115,7 +115,10 @@ Options::Options(const std::string &words, const Manual &manual, Asks asks, std:
       "The driver by its name in ptzctl driver list, by NAME:INSTANCE, or by its instance", "NAME");
   add("timeout", 't', asks == Asks::service || asks == Asks::driver, G_OPTION_ARG_INT, &timeout_ms_,
       timeout_text_.c_str(), "MS");
-  add("json", 'j', true, G_OPTION_ARG_NONE, &as_json_, "One object a line", nullptr);
+  // A subcommand whose output cannot be JSON has a hidden entry of its own, which it refuses.
+  const auto is_json = [](const GOptionEntry &each) { return g_strcmp0(each.long_name, "json") == 0; };
+  if (std::ranges::none_of(entries_, is_json))
+    add("json", 'j', true, G_OPTION_ARG_NONE, &as_json_, "One object a line", nullptr);
   add("color", 0, true, G_OPTION_ARG_STRING, &colours_, "Colours: always, never, or auto, on a terminal", "WHEN");
   entries_.push_back({});
 }

@@ -28,13 +28,13 @@ struct Subcommand {
   int (*run)(const std::string &words, int argc, char **argv);
 };
 
-// Runs the one that argv[1] names; tells the user which there are, where it names none. The rest ends the help.
+// Runs the one that argv[1] names; lists all for the user if it names none. The rest ends the help.
 int run_one_of(std::span<const Subcommand> subcommands, const char *rest, const std::string &words, int argc,
                char **argv);
 
 // Tells the user, on standard error, what went wrong: in text, or in JSON with --json.
 void complain(const char *format, ...) G_GNUC_PRINTF(1, 2);
-// " (did you mean 'show'?)" where one of the words is nearly the one that was given.
+// " (did you mean 'show'?)" if one of the words is nearly the one that was given.
 [[nodiscard]] std::string did_you_mean(const std::string &given, const Words &words);
 
 // The peer that a subcommand asks. With a service or a driver it takes --timeout, with a driver or its monitor socket
@@ -69,7 +69,7 @@ class Options {
           gint timeout_ms = 10'000);
   Options(const Options &) = delete;
   ~Options();
-  // What follows the options; nothing where the user was told what is wrong. Help ends the program.
+  // What follows the options; nothing if the user was told what is wrong. Help ends the program.
   [[nodiscard]] std::optional<Words> parse(int argc, char **argv);
 
   [[nodiscard]] bool as_json() const { return as_json_ != FALSE; }
@@ -83,10 +83,10 @@ class Options {
 
   // Tells the user what makes no sense, and where the help is; the exit status for it.
   int misused(const char *format, ...) const G_GNUC_PRINTF(2, 3);
-  // A number of this range; the user is told where the text is none.
+  // A number of this range; the user is told if the text is none.
   [[nodiscard]] std::optional<gint64> number(const std::string &text, const char *what, gint64 least,
                                              gint64 most) const;
-  // Whether an option's value is one of this range; the user is told where it is not.
+  // Whether an option's value is one of this range; the user is told if it is not.
   [[nodiscard]] bool is_within(const char *option, gint value, gint least, gint most) const;
 };
 

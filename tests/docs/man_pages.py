@@ -23,6 +23,10 @@ def problems(path):
         yield f"order of the sections: {sections}"
     if path.endswith(".1") and "COMMANDS" not in sections and "OPTIONS" not in sections:
         yield "neither COMMANDS nor OPTIONS"
+    if re.search(r"^Exit status:", text, re.MULTILINE) or re.search(r"Exit status: \d", text):
+        yield "exit statuses outside of EXIT STATUS"
+    if path.endswith("ptzctl-doctor.1") and ".B 64\n" not in text:
+        yield "the exit statuses are not those of the doctor"
     if "(must be written)" in text:
         yield "a part is missing"
     groff = subprocess.run(["groff", "-t", "-man", "-Tutf8", "-ww", "-z", path], capture_output=True, encoding="utf-8")

@@ -87,6 +87,12 @@ TEST_F(DoctorFiles, DamagedStatusFileIsRemovedAndMadeAnew) {
   expect_mended_by(expect_first("status.damaged", "fault"), "status.damaged");
 }
 
+TEST_F(DoctorFiles, StatusThatTheGroupCannotReadIsOpened) {
+  start_driver();
+  chmod(file("PTZ_POSITION_IS1.status").c_str(), 0600);
+  expect_mended_by(expect_first("status.mode", "fault"), "status.mode");
+}
+
 TEST_F(DoctorFiles, StatusThatIsNotPublished) {
   Process &driver = start_driver();
   driver.signal(SIGSTOP);
@@ -182,6 +188,8 @@ TEST_F(DoctorParameters, DamagedCopiesAreTold) {
   std::ofstream(file("params.db.damaged-1")) << "x";
   std::ofstream(file("params.db-wal.old")) << "x";
   expect_mended_by(expect_first("params.damaged-copy", "warning"), "params.damaged-copy");
+  EXPECT_EQ(contents(file("damaged/params.db.damaged-1")), "x") << "the only copy is gone";
+  EXPECT_EQ(contents(file("damaged/params.db-wal.old")), "x");
 }
 
 TEST_F(DoctorParameters, OfANewerReleaseOrDamagedAreTold) {
@@ -195,7 +203,7 @@ TEST_F(DoctorParameters, OfANewerReleaseOrDamagedAreTold) {
   tree.seekp(0);
   tree << "nonsense";
   tree.close();
-  static_cast<void>(expect_first("params.damaged", "fault"));
+  EXPECT_EQ(expect_first("params.damaged", "fault").findings.front().command, "") << "no backup is known";
 }
 
 TEST_F(DoctorParameters, AreNotTouchedByTheDoctor) {

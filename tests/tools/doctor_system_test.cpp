@@ -227,6 +227,14 @@ TEST(Supervision, ProgramThatIgnoresTheDeadlineIsKilled) {
   EXPECT_EQ(result.output, "begun\n");
 }
 
+TEST(Supervision, ProgramIsKilledWithItsChildren) {
+  const auto result = ptzctl::run_program({"sh", "-c", "sleep 60 & echo $!; wait"}, 300);
+  EXPECT_TRUE(result.is_late);
+  const std::string stat = "/proc/" + std::to_string(std::stoi(result.output)) + "/stat";
+  EXPECT_TRUE(
+      run_until([&] { return contents(stat).empty() || contents(stat).find(") Z") != std::string::npos; }, 5000));
+}
+
 TEST(Supervision, ProgramHasNoInputAndItsStatusIsKept) {
   const auto result = ptzctl::run_program({"sh", "-c", "cat; echo error >&2; exit 7"}, 10'000);
   EXPECT_EQ(result.status, 7);

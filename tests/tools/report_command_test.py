@@ -72,6 +72,9 @@ class File(WithFolder):
         self.assertTrue(result.stdout.startswith(b"<!DOCTYPE html>"))
         self.assertTrue(result.stdout.endswith(b"</html>\n"))
 
+    def test_help_does_not_list_json(self):
+        self.assertNotIn(b"--json", report(self.folder, "--help").stdout)
+
     def test_bad_options_are_misuse(self):
         for words in ([self.page, "--seconds", "-1"], [self.page, "--seconds", "601"], [self.page, "--timeout", "0"],
                       [self.page, "--json"], [], [self.page, "another"]):

@@ -1,5 +1,6 @@
 // The system bus: names of services, and the policy that lets drivers own them.
 #include <gio/gio.h>
+#include <unistd.h>
 
 #include <algorithm>
 
@@ -87,7 +88,7 @@ void examine_bus(const Surroundings &system, Findings &findings) {
                        .subject = subject,
                        .what = "The system bus cannot be reached: " + std::string(error->message) + ".",
                        .why = "Services on the bus, such as the configuration of drivers, are not there.",
-                       .command = "systemctl start dbus.socket"};
+                       .command = access("/run/systemd/system", F_OK) == 0 ? "systemctl start dbus.socket" : ""};
     return services.empty() ? findings.note(std::move(finding)) : findings.fault(std::move(finding));
   }
   g_dbus_connection_set_exit_on_close(bus.get(), FALSE);

@@ -41,6 +41,9 @@ constexpr Consequence consequences[] = {{"handshake.failed", "process.descriptor
                                         {"status.stale", "process.traced"},
                                         {"status.stale", "process.uninterruptible"},
                                         {"status.stale", "handshake.no-answer"},
+                                        {"status.stale", "handshake.no-device"},
+                                        {"status.not-published", "handshake.no-device"},
+                                        {"clients.timeouts", "handshake.no-device"},
                                         {"status.publisher-dead", "process.dead"},
                                         {"timing.dead-owner", "process.dead"},
                                         {"timing.long-request", "handshake.no-answer"},
@@ -69,24 +72,15 @@ std::vector<Finding> ordered(std::vector<Finding> findings) {
   return findings;
 }
 
-}  // namespace
-
-guint Diagnosis::count(Severity severity) const {
-  return static_cast<guint>(std::ranges::count(findings, severity, &Finding::severity));
+// Findings of a first look are only good if the drivers are still those that were looked at.
+bool are_drivers_unchanged(const Surroundings &system, guint deadline_ms) {
+  Findings changed;
+  run_jobs({{"registry", "", [&system](Findings &result) { find_changed_drivers(system, result); }}}, deadline_ms,
+           changed);
+  return changed.drivers().empty();
 }
 
-int Diagnosis::exit_status() const {
-  if (count(Severity::fault) > 0) return 2;
-  return count(Severity::warning) > 0 ? 1 : 0;
-}
-
-Diagnosis diagnose(const char *name, const char *socket, guint timeout_ms) {
-  Surroundings system = {.runtime = folder_from("PTZ_PLATFORM_RUNTIME_DIR", "/run/ptz"),
-                         .state = folder_from("PTZ_PLATFORM_STATE_DIR", "/var/lib/ptz"),
-                         .wanted = name != nullptr ? name : "",
-                         .socket = socket != nullptr ? socket : "",
-                         .timeout_ms = timeout_ms};
-  const guint deadline_ms = std::min(timeout_ms, guint{G_MAXINT} / 4) * 2 + grace_ms;
+Diagnosis examine_all(Surroundings system, guint deadline_ms, bool &is_settled) {
   Findings findings;
   run_jobs({{"registry", "", [&system](Findings &result) { examine_registry(system, result); }}}, deadline_ms,
            findings);
@@ -104,7 +98,32 @@ Diagnosis diagnose(const char *name, const char *socket, guint timeout_ms) {
   }
   run_jobs(jobs, deadline_ms, findings);
   compare_latencies(findings);
+  is_settled = are_drivers_unchanged(system, deadline_ms);
   return {ordered(findings.list()), system.drivers, static_cast<guint>(jobs.size()) + 1};
+}
+
+}  // namespace
+
+guint Diagnosis::count(Severity severity) const {
+  return static_cast<guint>(std::ranges::count(findings, severity, &Finding::severity));
+}
+
+int Diagnosis::exit_status() const {
+  if (count(Severity::fault) > 0) return 2;
+  return count(Severity::warning) > 0 ? 1 : 0;
+}
+
+Diagnosis diagnose(const char *name, const char *socket, guint timeout_ms) {
+  const Surroundings system = {.runtime = folder_from("PTZ_PLATFORM_RUNTIME_DIR", "/run/ptz"),
+                               .state = folder_from("PTZ_PLATFORM_STATE_DIR", "/var/lib/ptz"),
+                               .wanted = name != nullptr ? name : "",
+                               .socket = socket != nullptr ? socket : "",
+                               .timeout_ms = timeout_ms};
+  const guint deadline_ms = std::min(timeout_ms, guint{G_MAXINT} / 4) * 2 + grace_ms;
+  // A driver that ends meanwhile is partly seen running: one more look.
+  bool is_settled = false;
+  Diagnosis first = examine_all(system, deadline_ms, is_settled);
+  return is_settled ? first : examine_all(system, deadline_ms, is_settled);
 }
 
 void add_to(const JsonLine &json, const Diagnosis &diagnosis) {

@@ -19,7 +19,8 @@ struct Diagnosis {
   [[nodiscard]] int exit_status() const;
 };
 
-// All drivers if name and socket are null. Blocks for at most about three times the deadline.
+// All drivers if name and socket are null. Blocks for at most about three times the deadline, or
+// six times if drivers end meanwhile.
 [[nodiscard]] Diagnosis diagnose(const char *name, const char *socket, guint timeout_ms);
 
 // Members "faults", "warnings", "notes", "examinations", "drivers" and "findings", into an object that is open.

@@ -64,9 +64,14 @@ int run_doctor(const std::string &words, int argc, char **argv) {
       words,
       {"",
        "Examines the drivers, their processes, sockets, status, settings, files, units and the system bus. Each\n"
-       "finding has what is so, why it matters, and the command that mends it, worst first. Changes nothing.\n"
-       "Without --driver and --socket, all drivers are examined. The exit status is 0 if nothing is wrong, 1 for\n"
-       "warnings, 2 for faults, and 64 for wrong usage.",
+       "finding has what is wrong, why it matters, and the command that mends it, if there is one, worst first.\n"
+       "Changes nothing. Without --driver and --socket, all drivers are examined.\n"
+       "\n"
+       "Exit status:\n"
+       "  0   nothing is wrong\n"
+       "  1   warnings\n"
+       "  2   faults\n"
+       "  64  wrong usage",
        " --timeout 500"},
       Asks::driver,
       {{"all", 'a', G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, &all, "Show notes, too: what is unusual or was not examined",

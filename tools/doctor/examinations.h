@@ -6,6 +6,8 @@ namespace ptzctl {
 
 // Finds the drivers, which it adds to the findings.
 void examine_registry(const Surroundings &system, Findings &findings);
+// Adds the drivers of the system that have ended, were started again or have lost their path since.
+void find_changed_drivers(const Surroundings &system, Findings &findings);
 
 // Of one driver.
 void examine_process(const Surroundings &system, const Driver &driver, Findings &findings);

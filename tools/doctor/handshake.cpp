@@ -17,10 +17,12 @@ namespace ptzctl {
 namespace {
 
 constexpr int requests = 21;
+constexpr gulong second_look_us = 300'000;
 constexpr double slow_us = 50'000;
 constexpr double noticeable_us = 2'000;
 constexpr double slower_than_others = 10;
 
+using Position = tools::Handle<PTZKitQueryPositionReply, ptz_kit_query_position_reply_free>;
 using Name = tools::Handle<PTZKitGetDriverNameReply, ptz_kit_get_driver_name_reply_free>;
 
 void report_failure(const Driver &driver, const GError &error, guint timeout_ms, Findings &findings) {
@@ -109,6 +111,28 @@ void measure(PTZKitLink *link, const Surroundings &system, const Driver &driver,
                     .command = "ptzctl top"});
 }
 
+// Whether the driver says that its device does not answer.
+bool is_device_lost(PTZKitLink *link, const Surroundings &system, std::string &message) {
+  tools::Error error;
+  const Position reply(ptz_kit_link_query_position(link, system.timeout_ms, nullptr, tools::out(error)));
+  if (!g_error_matches(error.get(), PTZ_KIT_REFUSAL, PTZ_KIT_ERROR_CODE_DEVICE)) return false;
+  message = tools::plain_text(error->message);
+  return true;
+}
+
+void check_device(PTZKitLink *link, const Surroundings &system, const Driver &driver, Findings &findings) {
+  std::string message;
+  if (!is_device_lost(link, system, message)) return;
+  g_usleep(second_look_us);  // one answer may be lost on the line
+  if (!is_device_lost(link, system, message)) return;
+  findings.fault({.id = "handshake.no-device",
+                  .subject = driver.label(),
+                  .what = "The driver runs, and its device does not answer: " + message + ".",
+                  .why = "The head does not obey, and a position that is still published is of the past. Look whether "
+                         "the camera is switched on, at its cable, and at the address that the driver was given.",
+                  .command = ""});
+}
+
 }  // namespace
 
 void examine_handshake(const Surroundings &system, const Driver &driver, Findings &findings) {
@@ -118,6 +142,7 @@ void examine_handshake(const Surroundings &system, const Driver &driver, Finding
   check_name(link.get(), driver, findings);
   check_version(link.get(), driver, findings);
   measure(link.get(), system, driver, findings);
+  check_device(link.get(), system, driver, findings);
 }
 
 void compare_latencies(Findings &findings) {

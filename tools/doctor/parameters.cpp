@@ -32,8 +32,9 @@ void check_version(const std::string &file, Findings &findings) {
     findings.fault({.id = "params.damaged",
                     .subject = file,
                     .what = file + " is not a parameter tree.",
-                    .why = "The next process that opens it sets it aside and begins with an empty tree.",
-                    .command = "ptzctl param restore BACKUP"});
+                    .why = "The next process that opens it sets it aside and begins with an empty tree. Restore a "
+                           "copy that ptzctl param backup wrote, with ptzctl param restore and its name.",
+                    .command = ""});
     return;
   }
   guint32 version = 0;
@@ -91,13 +92,16 @@ void look_for_damaged_copies(const std::string &folder, Findings &findings) {
     if (is_copy) copies.push_back(folder + "/" + name);
   }
   if (copies.empty()) return;
+  const std::string kept = folder + "/damaged";
   findings.warning({.id = "params.damaged-copy",
                     .subject = folder,
                     .what = "The tree was damaged once and set aside: " + copies.front() + ".",
                     .why =
                         "The drivers run with what could be saved, or with their defaults. If parameters are missing, "
-                        "write them again with ptzctl param restore FILE. Then remove the copies.",
-                    .command = "rm -- " + quoted(copies)});
+                        "restore a copy that ptzctl param backup wrote, with ptzctl param restore and its name. This "
+                        "command keeps what was set aside in a folder of its own.",
+                    .command = "install --directory --mode=2770 " + quoted(kept) + " && mv --backup=numbered -- " +
+                               quoted(copies) + " " + quoted(kept)});
 }
 
 void check_space(const std::string &id, const std::string &folder, Findings &findings) {

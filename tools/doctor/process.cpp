@@ -19,10 +19,20 @@ constexpr double busy_share = 0.9;
 constexpr double least_share = 0.05;
 constexpr std::size_t reserved_descriptors = 8;  // a server of the library accepts no client with fewer
 
+// A parent that works collects the exit status at once: a zombie is one that is seen twice.
+std::optional<ProcessFacts> zombie_facts(pid_t pid) {
+  auto facts = facts_of(pid);
+  if (!facts || !facts->is_ending) return std::nullopt;
+  const double start_s = facts->start_s;
+  g_usleep(sample_ms * 1000);
+  facts = facts_of(pid);
+  return facts && facts->state == 'Z' && facts->start_s == start_s ? facts : std::nullopt;
+}
+
 void report_dead(const Surroundings &system, const Driver &driver, Findings &findings) {
-  const auto facts = facts_of(driver.pid);
+  const auto facts = zombie_facts(driver.pid);
   const std::string pid = std::to_string(driver.pid);
-  if (facts && facts->state == 'Z') {
+  if (facts) {
     const bool is_init = facts->parent <= 1;
     findings.fault({.id = "process.zombie",
                     .subject = driver.label(),
@@ -32,13 +42,17 @@ void report_dead(const Surroundings &system, const Driver &driver, Findings &fin
                            "parent ends, the zombie goes.",
                     .command = is_init ? "" : "kill " + std::to_string(facts->parent)});
   }
+  const std::string command = start_command(driver, system.timeout_ms);
   findings.fault({.id = "process.dead",
                   .subject = driver.label(),
                   .what = "The driver was killed: process " + pid + " has ended and has left its entry" +
                           (access(driver.socket.c_str(), F_OK) == 0 ? " and its socket " + driver.socket + "." : "."),
-                  .why = "Clients are refused, and the status that it has published is of the past. The system log "
-                         "may tell why it was killed. Without a unit, give it the options that it had.",
-                  .command = start_command(driver, system.timeout_ms)});
+                  .why = std::string("Clients are refused, and the status that it has published is of the past. The "
+                                     "system log may tell why it was killed.") +
+                         (command.empty() ? " No unit is known, nor the options that it had: start " + driver.program +
+                                                " as it was started before."
+                                          : ""),
+                  .command = command});
 }
 
 void report_state(const Driver &driver, const ProcessFacts &facts, Findings &findings) {
@@ -69,11 +83,12 @@ void report_state(const Driver &driver, const ProcessFacts &facts, Findings &fin
 void report_program(const Driver &driver, Findings &findings) {
   const std::string program = target_of("/proc/" + std::to_string(driver.pid) + "/exe");
   constexpr std::string_view deleted = " (deleted)";
-  if (program.empty()) {
+  if (program.empty() && !is_gone(driver.pid)) {
     findings.note({.id = "process.hidden",
                    .subject = driver.label(),
                    .what = "The program of process " + std::to_string(driver.pid) + " cannot be seen by this user.",
-                   .why = "Its descriptors and its program were not examined. Run the doctor as root.",
+                   .why = std::string("Its descriptors and its program were not examined.") +
+                          (geteuid() != 0 ? " Run the doctor as root." : ""),
                    .command = ""});
   } else if (program.ends_with(deleted)) {
     findings.note(
@@ -173,22 +188,24 @@ void report_activity(const Driver &driver, const ProcessFacts &first, Findings &
   }
 }
 
+// The doctor has waited for a process that was ending.
+void report_missing(const Driver &driver, Findings &findings) {
+  findings.warning(
+      {.id = "process.missing",
+       .subject = driver.label(),
+       .what = "There is no process " + std::to_string(driver.pid) + ", and the lock of its entry is held.",
+       .why = "A child of the driver has outlived it, or the driver runs in a container with process "
+              "numbers of its own. lslocks names the holder of the lock.",
+       .command = ""});
+}
+
 }  // namespace
 
 void examine_process(const Surroundings &system, const Driver &driver, Findings &findings) {
   if (!driver.runs()) return report_dead(system, driver, findings);
   if (driver.pid == 0 && !driver.is_registered) return;  // nothing listens, which the examination of the socket tells
   const auto facts = facts_of(driver.pid);
-  if (!facts) {
-    findings.warning(
-        {.id = "process.missing",
-         .subject = driver.label(),
-         .what = "There is no process " + std::to_string(driver.pid) + ", and the lock of its entry is held.",
-         .why = "A child of the driver has outlived it, or the driver runs in a container with process "
-                "numbers of its own. lslocks names the holder of the lock.",
-         .command = "lslocks"});
-    return;
-  }
+  if (!facts || facts->is_ending) return report_missing(driver, findings);
   report_state(driver, *facts, findings);
   report_program(driver, findings);
   report_start_time(driver, *facts, findings);

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <csignal>
 
 namespace ptzctl {
 
@@ -79,7 +80,7 @@ std::vector<std::string> names_in(const std::string &folder) {
 }
 
 std::optional<ProcessFacts> facts_of(pid_t pid) {
-  enum StatField { state, parent, user_time = 11, system_time = 12, start_time = 19 };
+  enum StatField { state, parent, flags = 6, user_time = 11, system_time = 12, start_time = 19 };
   ProcessFacts facts;
   const auto stat = pid > 0 ? stat_fields(pid, facts.command) : std::vector<std::string>();
   if (stat.size() <= start_time) return std::nullopt;
@@ -92,6 +93,13 @@ std::optional<ProcessFacts> facts_of(pid_t pid) {
     facts.runnable_s += static_cast<double>(g_ascii_strtoull(schedule[i].c_str(), nullptr, 10)) / 1e9;
   }
   const std::string status = beginning_of(file_of(pid, "status"));
+  constexpr guint32 exiting = 0x4;  // PF_EXITING of the kernel
+  facts.is_ending = facts.state == 'Z' || facts.state == 'X' || (number_of(stat[flags]) & exiting) != 0;
+  for (const char *pending : {"SigPnd", "ShdPnd"}) {
+    const auto words = status_line(status, pending);
+    const guint64 signals = words.empty() ? 0 : g_ascii_strtoull(words.front().c_str(), nullptr, 16);
+    if ((signals >> (SIGKILL - 1) & 1) != 0) facts.is_ending = true;
+  }
   constexpr std::size_t effective = 1;
   if (const auto words = status_line(status, "TracerPid"); !words.empty()) {
     facts.tracer = static_cast<pid_t>(number_of(words.front()));
@@ -105,6 +113,12 @@ std::optional<ProcessFacts> facts_of(pid_t pid) {
 bool is_halted(pid_t pid) {
   const auto facts = facts_of(pid);
   return facts && std::string_view("TtZX").find(facts->state) != std::string_view::npos;
+}
+
+bool is_gone(pid_t pid) {
+  if (pid <= 0) return false;
+  const auto facts = facts_of(pid);
+  return !facts || facts->is_ending;
 }
 
 std::vector<std::string> arguments_of(pid_t pid) {

@@ -12,6 +12,7 @@ namespace ptzctl {
 
 struct ProcessFacts {
   char state = '?';
+  bool is_ending = false;  // has ended, or was killed and is being taken down
   pid_t parent = 0, tracer = 0;
   uid_t uid = 0;
   gid_t gid = 0;
@@ -31,6 +32,8 @@ struct ProcessFacts {
 // Whether the process is stopped or has ended. It accepts no connection, and those of the doctor would fill its
 // backlog.
 [[nodiscard]] bool is_halted(pid_t pid);
+// Whether the process has ended or is about to. Its locks and sockets outlive it for a moment.
+[[nodiscard]] bool is_gone(pid_t pid);
 [[nodiscard]] std::vector<std::string> arguments_of(pid_t pid);
 [[nodiscard]] std::string name_of_process(pid_t pid);  // "123 (sim-driver)"
 [[nodiscard]] std::string unit_of(pid_t pid);          // "x.service", or empty
@@ -39,9 +42,10 @@ struct ProcessFacts {
 [[nodiscard]] std::string name_of_user(uid_t uid);
 [[nodiscard]] std::string name_of_group(gid_t gid);
 
-// The command that ends a driver, however it hangs, and starts it again.
+// The command that ends a driver, however it hangs, and starts it again with its arguments, folder and platform; empty
+// if there is no process to end.
 [[nodiscard]] std::string restart_command(const Driver &driver);
-// The command that starts a driver that has ended.
+// The command that starts the unit of a driver that has ended; empty if it has none: its options are not known.
 [[nodiscard]] std::string start_command(const Driver &driver, guint timeout_ms);
 
 }  // namespace ptzctl

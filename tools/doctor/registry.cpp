@@ -19,6 +19,7 @@ namespace ptzctl {
 
 namespace {
 
+constexpr guint settling_ms = 1000, pause_ms = 20;
 constexpr char entry_suffix[] = ".driver";
 constexpr char monitor_suffix[] = ".monitor";
 
@@ -122,19 +123,20 @@ std::string names_of(const std::vector<Driver> &drivers) {
 }
 
 void report_no_driver(const Surroundings &system, const std::vector<Driver> &all, Findings &findings) {
+  std::vector<Unit> units;
+  static_cast<void>(units_of_drivers(system.runtime, system.timeout_ms, units));
   if (!system.wanted.empty()) {
+    const std::string name = system.wanted.substr(0, system.wanted.find(':'));
+    const auto found =
+        std::ranges::find_if(units, [&name](const Unit &unit) { return unit.name.find(name) != std::string::npos; });
     findings.fault({.id = "registry.driver-missing",
                     .subject = system.wanted,
                     .what = "There is no driver '" + system.wanted + "'; " + names_of(all) + ".",
                     .why = "A head without a driver does not move.",
-                    .command = "ptzctl driver list"});
+                    .command = found != units.end() ? "systemctl start " + quoted(found->name) : ""});
     return;
   }
-  std::vector<Unit> units;
-  std::string command = "systemctl list-units --all --type=service '*driver*'";
-  if (units_of_drivers(system.runtime, system.timeout_ms, units) == UnitsKnown::yes && !units.empty()) {
-    command = "systemctl restart " + quoted(units.front().name);
-  }
+  const std::string command = units.empty() ? "" : "systemctl restart " + quoted(units.front().name);
   findings.fault(
       {.id = "registry.no-driver",
        .subject = system.runtime,
@@ -159,21 +161,36 @@ void check_same_sockets(const std::vector<Driver> &drivers, Findings &findings) 
   }
 }
 
-std::vector<Driver> drivers_in_registry(const std::string &folder, Findings &findings) {
+std::vector<Driver> drivers_of(const tools::RegistryList &list) {
   std::vector<Driver> all;
+  for (guint i = 0; list != nullptr && i < list->len; ++i) {
+    all.push_back(driver_of(*static_cast<const PTZKitRegistryEntry *>(g_ptr_array_index(list.get(), i))));
+  }
+  return all;
+}
+
+// The kernel takes a moment to end a killed process; until then the lock of its entry says that it runs.
+tools::RegistryList settled_list(tools::Error &error) {
+  const auto is_ending = [](const Driver &each) { return each.runs() && is_gone(each.pid); };
+  for (guint waited_ms = 0;; waited_ms += pause_ms) {
+    tools::RegistryList list = tools::registered_drivers(error);
+    if (waited_ms >= settling_ms || std::ranges::none_of(drivers_of(list), is_ending)) return list;
+    g_usleep(pause_ms * 1000);
+  }
+}
+
+std::vector<Driver> drivers_in_registry(const std::string &folder, Findings &findings) {
   tools::Error error;
-  const tools::RegistryList list = tools::registered_drivers(error);
+  const tools::RegistryList list = settled_list(error);
   if (list == nullptr) {
     findings.fault({.id = "registry.unreadable",
                     .subject = folder,
                     .what = "The entries of the drivers cannot be read: " + std::string(error->message) + ".",
                     .why = "Daemons do not find the drivers.",
                     .command = "namei --long " + quoted(folder)});
-    return all;
+    return {};
   }
-  for (guint i = 0; i < list->len; ++i) {
-    all.push_back(driver_of(*static_cast<const PTZKitRegistryEntry *>(g_ptr_array_index(list.get(), i))));
-  }
+  std::vector<Driver> all = drivers_of(list);
   std::erase_if(all, [copy = all](const Driver &each) { return !each.runs() && is_replaced(each, copy); });
   return all;
 }
@@ -197,6 +214,19 @@ void examine_registry(const Surroundings &system, Findings &findings) {
   if (meant.empty() && is_usable) report_no_driver(system, all, findings);
   if (is_usable && system.are_all_drivers_meant()) look_for_other_sockets(system, all, findings);
   for (auto &each : meant) findings.add(std::move(each));
+}
+
+void find_changed_drivers(const Surroundings &system, Findings &findings) {
+  tools::Error error;
+  const auto now = drivers_of(settled_list(error));
+  for (const auto &before : system.drivers) {
+    const auto is_same = [&before](const Driver &each) {
+      return each.pid == before.pid && each.socket == before.socket && each.liveness == before.liveness;
+    };
+    const bool is_changed =
+        before.is_registered ? std::ranges::none_of(now, is_same) : before.pid != 0 && is_gone(before.pid);
+    if (is_changed && error == nullptr) findings.add(before);
+  }
 }
 
 }  // namespace ptzctl

@@ -118,7 +118,7 @@ void check_settings(const SettingsOf &of, guint timeout_ms, Findings &findings) 
       {.id = "settings.bad",
        .subject = of.subject,
        .what = "The driver refuses its settings: " + first_lines(result.output) + ".",
-       .why = of.is_running ? "It runs with those of before, and does not start again." : "It does not start.",
+       .why = of.is_running ? "It runs with its previous settings, and does not start again." : "It does not start.",
        .command = "${EDITOR:-vi} " + quoted(files) + " && " + quoted(words)});
 }
 

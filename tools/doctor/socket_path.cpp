@@ -95,7 +95,7 @@ bool check_folder(const Reader &reader, const std::string &path) {
   return true;
 }
 
-void report_missing(const Driver &driver, Findings &findings) {
+void report_missing(const Driver &driver, guint timeout_ms, Findings &findings) {
   findings.fault({.id = "socket.missing",
                   .subject = driver.label(),
                   .what = "There is no socket " + driver.socket + ".",
@@ -103,7 +103,7 @@ void report_missing(const Driver &driver, Findings &findings) {
                              ? "The file was removed while the driver ran. A driver that works listens "
                                "there again within a second, so this one does not get to it."
                              : "No driver listens there: it was not started, or has ended.",
-                  .command = driver.is_registered ? restart_command(driver) : "ptzctl driver list"});
+                  .command = driver.is_registered ? restart_command(driver) : start_command(driver, timeout_ms)});
 }
 
 void report_other_file(const Driver &driver, const struct stat &status, Findings &findings) {
@@ -178,7 +178,7 @@ void report_stolen(const Driver &driver, const Probe &found, Findings &findings)
 
 }  // namespace
 
-void examine_socket_path(const Surroundings &, const Driver &driver, Findings &findings) {
+void examine_socket_path(const Surroundings &system, const Driver &driver, Findings &findings) {
   if (!driver.runs()) return;  // the examination of the process tells what is left
   if (driver.socket.size() >= sizeof sockaddr_un::sun_path) {
     findings.fault({.id = "socket.path-too-long",
@@ -196,14 +196,15 @@ void examine_socket_path(const Surroundings &, const Driver &driver, Findings &f
   for (const auto &folder : folders) {
     if (!check_folder(reader, folder)) return;
   }
-  if (lstat(driver.socket.c_str(), &status) != 0) return report_missing(driver, findings);
+  if (lstat(driver.socket.c_str(), &status) != 0) return report_missing(driver, system.timeout_ms, findings);
   if (S_ISLNK(status.st_mode)) {
     report_link(driver, driver.socket, status, findings);
-    if (stat(driver.socket.c_str(), &status) != 0) return report_missing(driver, findings);
+    if (stat(driver.socket.c_str(), &status) != 0) return report_missing(driver, system.timeout_ms, findings);
   }
   if (!S_ISSOCK(status.st_mode)) return report_other_file(driver, status, findings);
-  check_mode(reader, status);
+  // The mode of another program's socket does not matter.
   if (driver.liveness == PTZ_KIT_DRIVER_STOLEN) return report_stolen(driver, probe(driver.socket), findings);
+  check_mode(reader, status);
   if (is_halted(driver.pid) || backlog_of(driver.socket)) return;  // the kernel knows that a process listens
   const Probe found = probe(driver.socket);
   if (found.error != 0 && found.error != EAGAIN && found.error != EACCES) report_refused(driver, found.error, findings);

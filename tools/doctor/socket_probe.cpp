@@ -6,6 +6,7 @@
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/un.h>
 
 #include <cerrno>
@@ -33,8 +34,8 @@ bool ask_for_listening_sockets(int fd) {
   return send(fd, &request, sizeof request, 0) == static_cast<ssize_t>(sizeof request);
 }
 
-// The backlog, if the message is that of the socket with this inode.
-std::optional<Backlog> backlog_in(const nlmsghdr *message, ino_t inode) {
+// The backlog, if the message is that of this socket.
+std::optional<Backlog> backlog_in(const nlmsghdr *message, const struct stat &wanted) {
   const auto *body = static_cast<const char *>(NLMSG_DATA(message));
   std::size_t left = message->nlmsg_len - NLMSG_LENGTH(sizeof(unix_diag_msg));
   const char *at = body + NLMSG_ALIGN(sizeof(unix_diag_msg));
@@ -48,7 +49,9 @@ std::optional<Backlog> backlog_in(const nlmsghdr *message, ino_t inode) {
     if (attribute.nla_type == UNIX_DIAG_VFS) {
       unix_diag_vfs file;
       std::memcpy(&file, value, sizeof file);
-      is_wanted = file.udiag_vfs_ino == static_cast<__u32>(inode);
+      // The kernel's own form of a device number. The inode is cut off to 32 bits.
+      const auto device = static_cast<__u32>(major(wanted.st_dev) << 20 | minor(wanted.st_dev));
+      is_wanted = file.udiag_vfs_ino == static_cast<__u32>(wanted.st_ino) && file.udiag_vfs_dev == device;
     } else if (attribute.nla_type == UNIX_DIAG_RQLEN) {
       unix_diag_rqlen lengths;
       std::memcpy(&lengths, value, sizeof lengths);
@@ -90,7 +93,7 @@ std::optional<Backlog> backlog_of(const std::string &path) {
     auto left = static_cast<unsigned>(count);
     for (auto *each = reinterpret_cast<nlmsghdr *>(buffer); NLMSG_OK(each, left); each = NLMSG_NEXT(each, left)) {
       if (each->nlmsg_type == NLMSG_DONE || each->nlmsg_type == NLMSG_ERROR) return std::nullopt;
-      if (const auto found = backlog_in(each, status.st_ino)) return found;
+      if (const auto found = backlog_in(each, status)) return found;
     }
   }
 }

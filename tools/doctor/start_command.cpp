@@ -33,6 +33,7 @@ std::vector<std::string> with_user(uid_t uid, const std::vector<std::string> &en
 }  // namespace
 
 std::string restart_command(const Driver &driver) {
+  if (driver.pid <= 0 || is_gone(driver.pid)) return "";
   const std::string unit = unit_of(driver.pid);
   const auto arguments = arguments_of(driver.pid);
   // A unit that is no driver's, such as that of a terminal, is not restarted.
@@ -56,11 +57,7 @@ std::string start_command(const Driver &driver, guint timeout_ms) {
     const std::string unit = unit_of_socket(units, driver.socket);
     if (!unit.empty()) return "systemctl restart " + quoted(unit);
   }
-  if (driver.program.empty()) return "";
-  auto words = with_user(driver.uid, {});
-  words.insert(words.end(), {driver.program, "--socket", driver.socket});
-  if (driver.instance != 0) words.insert(words.end(), {"--instance", std::to_string(driver.instance)});
-  return quoted(words);
+  return "";  // a driver without its settings is no mend: its limits would be others
 }
 
 }  // namespace ptzctl

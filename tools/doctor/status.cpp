@@ -10,6 +10,7 @@
 #include <set>
 
 #include "doctor/examinations.h"
+#include "doctor/folder_check.h"
 #include "doctor/process_facts.h"
 #include "doctor/shell_text.h"
 #include "stored_values.h"
@@ -153,8 +154,26 @@ void check_publishers(const Surroundings &system, const Driver &driver, const Po
                   .command = "kill " + std::to_string(others.front())});
 }
 
+// Also of a file that this user can read: root sees no difference.
+void check_mode(const Surroundings &system, const Driver &driver, const Position &position, Findings &findings) {
+  struct stat folder, status;
+  const std::string path = system.runtime + "/" + position.group + file_suffix;
+  if (stat(system.runtime.c_str(), &folder) != 0 || stat(path.c_str(), &status) != 0) return;
+  if (group_has_access(status, folder.st_gid, may_read)) return;
+  findings.fault(
+      {.id = "status.mode",
+       .subject = driver.label(),
+       .what = format("Members of the group %s cannot read %s (owner %s, group %s, mode %04o).",
+                      name_of_group(folder.st_gid).c_str(), path.c_str(), name_of_user(status.st_uid).c_str(),
+                      name_of_group(status.st_gid).c_str(), status.st_mode & 07777),
+       .why = "Daemons of other users than the driver's do not see where the head is.",
+       .command =
+           "chgrp " + quoted(name_of_group(folder.st_gid)) + " " + quoted(path) + " && chmod 0660 " + quoted(path)});
+}
+
 void examine_of(const Surroundings &system, const Driver &driver, Findings &findings) {
   const Position position(driver.instance);
+  check_mode(system, driver, position, findings);
   if (position.reading != Reading::done) return report_unreadable(system, driver, position, findings);
   check_values(driver.label(), position, findings);
   if (position.is_stale()) report_stale(driver, position, findings);

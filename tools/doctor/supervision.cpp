@@ -129,7 +129,8 @@ void wait_for_some(std::vector<Child> &children, guint deadline_ms) {
   }
 }
 
-[[noreturn]] void become(const std::vector<std::string> &arguments, const RunAs &as, int output) {
+[[noreturn]] void become(const std::vector<std::string> &arguments, const RunAs &as, pid_t parent, int output) {
+  setpgid(0, 0);
   std::vector<char *> words, environment;
   for (const auto &each : arguments) words.push_back(const_cast<char *>(each.c_str()));
   words.push_back(nullptr);
@@ -138,13 +139,14 @@ void wait_for_some(std::vector<Child> &children, guint deadline_ms) {
   environment.push_back(const_cast<char *>("LC_ALL=C"));
   for (const auto &each : as.environment) environment.push_back(const_cast<char *>(each.c_str()));
   environment.push_back(nullptr);
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
   const int nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
   if (dup2(nothing, STDIN_FILENO) < 0 || dup2(output, STDOUT_FILENO) < 0 || dup2(output, STDERR_FILENO) < 0) _exit(127);
   if (as.uid && (setgroups(as.groups.size(), as.groups.data()) != 0 || setresgid(as.gid, as.gid, as.gid) != 0 ||
                  setresuid(*as.uid, *as.uid, *as.uid) != 0)) {
     _exit(127);
   }
+  prctl(PR_SET_PDEATHSIG, SIGKILL);  // a change of user clears it
+  if (getppid() != parent) _exit(127);
   if (!as.folder.empty() && chdir(as.folder.c_str()) != 0) _exit(127);
   execvpe(words.front(), words.data(), environment.data());
   _exit(127);
@@ -174,8 +176,8 @@ ProgramResult run_program(const std::vector<std::string> &arguments, guint deadl
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) return result;
   tools::UniqueFd reading(ends[0]), writing(ends[1]);
-  const pid_t pid = fork();
-  if (pid == 0) become(arguments, as, writing.get());
+  const pid_t parent = getpid(), pid = fork();
+  if (pid == 0) become(arguments, as, parent, writing.get());
   writing = tools::UniqueFd();
   if (pid < 0) return result;
   const gint64 end_ms = now_ms() + deadline_ms;
@@ -193,7 +195,7 @@ ProgramResult run_program(const std::vector<std::string> &arguments, guint deadl
   while ((ended = waitpid(pid, &status, WNOHANG)) == 0 && now_ms() < end_ms) g_usleep(1000);
   if (ended == 0) {
     result.is_late = true;
-    kill(pid, SIGKILL);
+    kill_group(pid);
     g_usleep(1000);
     waitpid(pid, nullptr, WNOHANG);
     return result;

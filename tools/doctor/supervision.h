@@ -20,7 +20,7 @@ struct Job {
 // is killed, and a finding says so.
 void run_jobs(const std::vector<Job> &jobs, guint deadline_ms, Findings &findings);
 
-// As whom and in which folder a program is run.
+// The user and the folder of a program that is run.
 struct RunAs {
   std::optional<uid_t> uid = {};  // null: as this process
   gid_t gid = 0;

@@ -55,7 +55,7 @@ int write_report(const std::string &file, const std::string &text, tools::Existi
 }  // namespace
 
 int run_report(const std::string &words, int argc, char **argv) {
-  gboolean as_text = FALSE, is_full = FALSE, is_forced = FALSE;
+  gboolean as_text = FALSE, is_full = FALSE, is_forced = FALSE, as_json = FALSE;
   gint seconds = 5;
   const auto flag = [](const char *name, gboolean *value, const char *text) {
     return GOptionEntry{name, 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, value, text, nullptr};
@@ -72,11 +72,12 @@ int run_report(const std::string &words, int argc, char **argv) {
        {"seconds", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &seconds, "Watch the motions for so long, by default 5",
         "N"},
        flag("full", &is_full, "Show passwords and other secrets"),
-       flag("force", &is_forced, "Replace the file if it exists")},
+       flag("force", &is_forced, "Replace the file if it exists"),
+       {"json", 'j', G_OPTION_FLAG_HIDDEN, G_OPTION_ARG_NONE, &as_json, nullptr, nullptr}},
       default_timeout_ms);
   const auto given = options.parse(argc, argv);
   if (!given || !options.is_within("--seconds", seconds, 0, most_seconds)) return exit_usage;
-  if (options.as_json()) return options.misused("a report is HTML, or text with --text");
+  if (as_json != FALSE) return options.misused("a report is HTML, or text with --text");
   const std::string &file = given->front();
   const auto existing = is_forced != FALSE ? tools::Existing::replace : tools::Existing::keep;
   const std::string problem = file != standard_output ? tools::problem_with_output(file, existing) : "";

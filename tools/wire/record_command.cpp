@@ -26,8 +26,11 @@ constexpr Manual manual = {
     "The driver does not wait for a recorder that is too slow: frames are lost then. The recording marks the places,\n"
     "and the number is printed at the end.\n"
     "\n"
-    "Exit status: 0 it was recorded; 1 the file could not be written; 2 a wrong command line; 3 no driver with a\n"
-    "monitor socket, or it does not answer.",
+    "Exit status:\n"
+    "  0  it was recorded\n"
+    "  1  the file could not be written\n"
+    "  2  wrong usage\n"
+    "  3  no driver with a monitor socket, or it does not answer",
     " bad-day.pcapng --seconds 60"};
 
 struct Switches {

@@ -34,8 +34,11 @@ constexpr Manual manual = {
     "recorded latency unless --fast. A request that is not in the recording gets an error reply with code 2 and is\n"
     "told. It ends on SIGINT or SIGTERM, or when everything was answered and the last connection has ended.\n"
     "\n"
-    "Exit status: 0 no difference; 1 differences, or requests that were not in the recording; 2 a wrong command line;\n"
-    "3 no driver, or it answered nothing.",
+    "Exit status:\n"
+    "  0  no difference\n"
+    "  1  differences, or requests that were not in the recording\n"
+    "  2  wrong usage\n"
+    "  3  no driver, or it answered nothing",
     " bad-day.pcapng --fast --ignore status.position"};
 
 struct Switches {
