@@ -15,7 +15,9 @@ constexpr double width = 440, height = 250;
 constexpr double left = 56, right = 12, top = 12, bottom = 42;
 constexpr double inner_width = width - left - right, inner_height = height - top - bottom;
 constexpr int wanted_ticks = 5;
-constexpr double least_span = 0.2;     // of the values, in degrees
+constexpr double least_span = 0.2;    // of the values, in degrees
+constexpr double least_share = 1e-9;  // of the greatest value: a shorter span is lost in the rounding of a double
+constexpr int most_ticks = 50;
 constexpr double longest_in_ms = 0.5;  // of the seconds
 constexpr double least_bar = 2;        // a rare latency is seen beside frequent ones
 constexpr std::size_t most_marks = 200, most_names = 12;
@@ -49,6 +51,7 @@ struct Axis {
   // At least as long as the span: the noise of a head that stands still is to look like noise.
   Axis(Range range, double span, bool is_rounded, double least_step = 0) {
     if (range.is_empty()) range = {0, span};
+    span = std::max(span, least_share * std::max(std::abs(range.least), std::abs(range.most)));
     const double margin = std::max(0.0, (span - (range.most - range.least)) / 2);
     least = range.least - margin;
     most = range.most + margin;
@@ -60,9 +63,8 @@ struct Axis {
   [[nodiscard]] double share(double value) const { return (value - least) / (most - least); }
   [[nodiscard]] std::vector<double> ticks() const {
     std::vector<double> ticks;
-    for (double tick = std::ceil(least / step - 1e-6) * step; tick <= most + step * 1e-6; tick += step) {
-      ticks.push_back(tick);
-    }
+    const double first = std::ceil(least / step - 1e-6) * step;
+    for (int i = 0; i < most_ticks && first + i * step <= most + step * 1e-6; ++i) ticks.push_back(first + i * step);
     return ticks;
   }
   [[nodiscard]] std::string label(double tick) const { return number_text(tick, digits_for(step)); }

@@ -121,8 +121,13 @@ TEST(TimePlot, WithoutPointsIsDrawn) {
 
 TEST(TimePlot, ExtremeValuesAreDrawn) {
   const double great = 2147483647;
-  for (const auto &points :
-       {std::vector<PlotPoint>{{0, -great}, {1e9, great}}, {{0, great}}, {{-1e-9, 0}, {1e-9, 1e-9}}}) {
+  for (const auto &points : {std::vector<PlotPoint>{{0, -great}, {1e9, great}},
+                             {{0, great}},
+                             {{-1e-9, 0}, {1e-9, 1e-9}},
+                             {{0, 1e15}},
+                             {{1e15, 0}},
+                             {{0, 1e15}, {1, 1e15 + 1}},
+                             {{0, -1e30}, {1, 1e300}}}) {
     const std::string svg = svg_of(TimePlot{"t", "°", {{"a", points}}, {}}, 1);
     EXPECT_FALSE(has(svg, "nan"));
     EXPECT_FALSE(has(svg, "inf"));
