@@ -150,8 +150,12 @@ tools::Section figures_section(const Watch &watch, std::vector<tools::Tile> &til
   for (const auto &driver : watch.drivers) {
     if (!driver->problem.empty()) {
       section.mood = Mood::warning;
-      section.blocks.emplace_back(
-          tools::Paragraph{label_of(driver->entry) + " gave no figures: " + driver->problem, Mood::warning});
+      section.blocks.emplace_back(tools::Paragraph{
+          label_of(driver->entry) +
+              (figures_of(*driver) == nullptr ? " gave no figures: "
+                                              : " gave figures at the beginning only, which follow: ") +
+              driver->problem,
+          Mood::warning});
     }
     if (figures_of(*driver) == nullptr) continue;
     drivers.rows.push_back(driver_row(*driver));

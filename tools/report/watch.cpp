@@ -142,6 +142,10 @@ void Watch::run(guint seconds) {
   g_timeout_add(seconds > 0 ? seconds * 1000 : sample_interval_ms, on_end, loop.get());
   g_main_loop_run(loop.get());
   g_source_remove(sampling);
+  const gint64 end_us = g_get_real_time();
+  gint64 start_us = end_us;
+  for (const auto &driver : drivers) start_us = std::min(start_us, driver->start_us());
+  for (const auto &driver : drivers) driver->motion.set_window(start_us, end_us);
   ask_each(&WatchedDriver::end);
 }
 

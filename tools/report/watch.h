@@ -43,6 +43,7 @@ class WatchedDriver {
   // Connects and subscribes. The time-out is that of the figures.
   void begin(guint timeout_ms);
   void sample();
+  [[nodiscard]] gint64 start_us() const { return start_us_; }
   void end(guint timeout_ms);
 };
 
