@@ -4,6 +4,7 @@
 #include "live/load.h"
 #include "live/tap_line.h"
 #include "live/top_view.h"
+#include "time_text.h"
 
 namespace {
 
@@ -180,11 +181,17 @@ TEST(TopView, ClientsOfADriverWithoutFiguresHaveNone) {
   EXPECT_EQ(top_lines({one}).at(1).text.find("19"), std::string::npos) << top_lines({one}).at(1).text;
 }
 
-TEST(TapLine, DurationsHaveThreeDigitsAndAUnit) {
-  EXPECT_EQ(duration_text(1000), "1 µs");
-  EXPECT_EQ(duration_text(999'499), "999 µs");
-  EXPECT_EQ(duration_text(1'600'000), "1.6 ms");
-  EXPECT_EQ(duration_text(2'350'000'000), "2.35 s");
+TEST(TapLine, TimesAndClientsReadAsInAReport) {
+  FrameView frame;
+  frame.time_ns = 123'456'789;
+  frame.latency_ns = 2'500'000;
+  frame.is_reply = true;
+  frame.client = 3;
+  frame.pid = 731;
+  frame.program = "/usr/bin/daemon";
+  const std::string line = tap_line(frame, {"Move", "", false});
+  EXPECT_NE(line.find(tools::clock_text(frame.time_ns) + "  #3 daemon[731] ← "), std::string::npos) << line;
+  EXPECT_NE(line.find("(2.50 ms)"), std::string::npos) << line;
 }
 
 }  // namespace

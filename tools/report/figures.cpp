@@ -81,7 +81,7 @@ std::vector<Cell> client_row(const WatchedDriver &driver, GVariant *client) {
           {text_in(client, "program")},
           {std::to_string(number_in<gint32>(client, "pid", "i"))},
           {user_text(number_in<guint32>(client, "uid", "u"))},
-          {local_time_text(number_in<gint64>(client, "since", "x"))},
+          {tools::local_time_text(number_in<gint64>(client, "since", "x"))},
           counted(client, "requests"),
           counted(client, "errors", Mood::warning),
           {command_text(client)},
