@@ -221,7 +221,7 @@ class CompliancePage(WithFolder):
     def test_tells_overshoot_and_time_to_rest(self):
         page, _ = report_pages.compliance_page(self.folder, "--only", "move.absolute-arrives")
         row = re.search(r"(?s)<td [^>]*>move.absolute-arrives</td>(.*?)</tr>", contents(page)).group(1)
-        cells = re.findall(r"<td class=\"([^\"]*)\">([^<]*)</td>", row)
+        cells = re.findall(r"<td class=\"([^\"]*)\"[^>]*>([^<]*)</td>", row)
         self.assertEqual(cells[5], ("number warning", "0.07 °"))
         self.assertRegex(cells[6][1], r"^[\d.]+ m?s$")
 
