@@ -127,6 +127,17 @@ std::string beyond_limit(DriverConnection &driver, const PTZKitMoveRequest &move
   return "";
 }
 
+constexpr gint speed_not_given = G_MININT;
+
+// Names the option that a direction does not use; null if there is none.
+const char *unused_option(guint32 direction, const std::array<double, axis_count> &values, gint speed) {
+  static constexpr const char *names[] = {"--pan", "--tilt", "--zoom"};
+  for (std::size_t axis = 0; axis < axis_count; ++axis) {
+    if (!std::isnan(values[axis])) return names[axis];
+  }
+  return direction == PTZ_MOVE_CMD_STOP && speed != speed_not_given ? "--speed" : nullptr;
+}
+
 void print_preset(guint32 number, const std::string &name, bool as_json) {
   if (!as_json) {
     std::printf("%4u  %s\n", number, name.c_str());
@@ -195,7 +206,7 @@ int run_driver_position(const std::string &words, int argc, char **argv) {
 int run_driver_move(const std::string &words, int argc, char **argv) {
   constexpr double not_named = std::numeric_limits<double>::quiet_NaN();
   std::array<double, axis_count> values = {not_named, not_named, not_named};
-  gint speed = full_speed;
+  gint given_speed = speed_not_given;
   gboolean wait = FALSE;
   Options options(
       words,
@@ -208,13 +219,17 @@ int run_driver_move(const std::string &words, int argc, char **argv) {
         "DEGREES"},
        {"tilt", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_DOUBLE, &values[PTZ_KIT_AXIS_TILT], "Upwards positive", "DEGREES"},
        {"zoom", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_DOUBLE, &values[PTZ_KIT_AXIS_ZOOM], "Magnification", "TIMES"},
-       {"speed", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &speed, "Of the axis's maximum, by default 100", "PERCENT"},
+       {"speed", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &given_speed, "Of the axis's maximum, by default 100",
+        "PERCENT"},
        {"wait", 'w', G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, &wait, "Show where the head is once it is there",
         nullptr}});
   const auto given = options.parse(argc, argv);
+  const gint speed = given_speed == speed_not_given ? full_speed : given_speed;
   if (!given || !options.is_within("--speed", speed, 1, full_speed)) return exit_usage;
   const std::string &kind = given->front();
   if (const auto direction = value_of(PTZ_TYPE_MOVE_CMD, with(' ', '-', kind))) {
+    const char *const unused = unused_option(static_cast<guint32>(*direction), values, given_speed);
+    if (unused != nullptr) return options.misused("%s takes no %s", kind.c_str(), unused);
     const PTZKitMoveCommandRequest run = {static_cast<guint32>(*direction), static_cast<guint16>(speed)};
     return obey<ptz_kit_link_move_command>(options, wait != FALSE, &run);
   }

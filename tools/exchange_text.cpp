@@ -195,4 +195,11 @@ std::string utc_text(gint64 time_ns) {
   return text.get();
 }
 
+std::string client_text(const FrameView &frame) {
+  const std::string base = frame.program.substr(frame.program.rfind('/') + 1);
+  const std::string program = frame.program.empty() ? "unknown" : tools::plain_text(base);
+  return "#" + std::to_string(frame.client) + " " + program +
+         (frame.pid > 0 ? "[" + std::to_string(frame.pid) + "]" : "");
+}
+
 }  // namespace ptzctl

@@ -47,6 +47,9 @@ class OpenRequests {
   void look_at(FrameView &frame);
 };
 
+// "#3 mini-daemon[731]"
+[[nodiscard]] std::string client_text(const FrameView &frame);
+
 struct FrameText {
   std::string command;  // "Move"; "command 77" if the description has none of this number
   std::string fields;   // "kind=absolute pan=10.00° speed=50 %", "error 4 out_of_range: ...", "malformed: ..."

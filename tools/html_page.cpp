@@ -42,7 +42,10 @@ class HtmlWriter {
     if (!rows.empty()) html_ += element("dl", "class=\"facts\"", "\n" + rows);
   }
   void operator()(const Table &table) {
-    std::string html = "<table>\n" + element("caption", "", html_text(table.caption)) + "<thead><tr>\n";
+    // A narrow window has no place for many columns: each cell bears its title there.
+    const bool is_wide = table.columns.size() > 3;
+    std::string html = (is_wide ? "<table class=\"wide\">\n" : "<table>\n") +
+                       element("caption", "", html_text(table.caption)) + "<thead><tr>\n";
     for (const Column &column : table.columns) {
       html +=
           element("th", column.is_number ? "scope=\"col\" class=\"number\"" : "scope=\"col\"", html_text(column.title));
@@ -53,7 +56,10 @@ class HtmlWriter {
       for (std::size_t i = 0; i < row.size(); ++i) {
         const bool is_number = i < table.columns.size() && table.columns[i].is_number;
         const char *const form = is_number ? "number " : row[i].text.size() > longest_line ? "long " : "";
-        html += element("td", of_class(form + name_of(row[i].mood)), html_text(row[i].text));
+        const bool has_title = is_wide && i < table.columns.size() && !table.columns[i].title.empty();
+        const std::string title = has_title ? " data-title=\"" + html_text(table.columns[i].title) + "\"" : "";
+        const std::string empty = row[i].text.empty() ? " empty" : "";
+        html += element("td", of_class(form + name_of(row[i].mood) + empty) + title, html_text(row[i].text));
       }
       html += "</tr>\n";
     }

@@ -16,7 +16,8 @@ namespace {
 
 constexpr std::array<const char *, MotionTrace::axes> axis_names = {"pan", "tilt", "zoom"};
 constexpr std::array<const char *, MotionTrace::axes> axis_units = {"°", "°", "×"};
-constexpr double least_motion = 0.005;  // half of what the wire can tell
+constexpr gint64 longest_silence_us = G_USEC_PER_SEC;  // of a driver that reports
+constexpr double least_motion = 0.005;                 // half of what the wire can tell
 
 using Values = std::array<double, MotionTrace::axes>;
 
@@ -198,14 +199,14 @@ bool MotionTrace::has_motion() const {
 }
 
 gint64 MotionTrace::start_us() const {
-  gint64 start = G_MAXINT64;
-  if (!samples_.empty()) start = samples_.front().time_us;
+  gint64 start = window_us_ ? window_us_->first : G_MAXINT64;
+  if (!samples_.empty()) start = std::min(start, samples_.front().time_us);
   if (!orders_.empty()) start = std::min(start, orders_.front().time_us);
   return start;
 }
 gint64 MotionTrace::end_us() const {
-  gint64 end = G_MININT64;
-  if (!samples_.empty()) end = samples_.back().time_us;
+  gint64 end = window_us_ ? window_us_->second : G_MININT64;
+  if (!samples_.empty()) end = std::max(end, samples_.back().time_us);
   if (!orders_.empty()) end = std::max(end, orders_.back().time_us);
   return end;
 }
@@ -248,8 +249,8 @@ Series MotionTrace::reported(std::size_t axis) const {
 void MotionTrace::add_commanded(Series &series, const Order &order, std::size_t axis, gint64 until_us) const {
   const double from = seconds(order.time_us - start_us()), to = seconds(until_us - start_us());
   const auto add = [&series](double x, double y) { series.points.push_back({x, y}); };
-  const auto level = order.kind[axis] == Kind::stop ? position_at(axis, order.time_us) : target_of(order, axis);
-  if (level) {
+  // A stop commands no position: the head comes to rest where it does.
+  if (const auto level = target_of(order, axis)) {
     add(from, *level);
     add(to, *level);
   } else if (const auto start = position_at(axis, order.time_us); order.kind[axis] == Kind::speed && start) {
@@ -280,6 +281,12 @@ std::vector<Figure> MotionTrace::plots(const std::string &title) const {
     plot.series = {reported(axis), commanded(axis)};
     for (const Order *order : orders_to(axis))
       plot.marks.push_back({seconds(order->time_us - start_us()), order->name});
+    if (window_us_) {
+      plot.from = seconds(window_us_->first - start_us());
+      plot.to = seconds(end_us() - start_us());
+    }
+    const gint64 last_us = samples_.back().time_us;
+    if (end_us() - last_us > longest_silence_us) plot.marks.push_back({seconds(last_us - start_us()), "no reports"});
     figures.emplace_back(std::move(plot));
   }
   return figures;

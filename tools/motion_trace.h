@@ -29,11 +29,14 @@ class MotionTrace {
   void add_request(gint64 time_us, guint32 id, std::span<const guint8> body);
   void add_reply(gint64 time_us, guint32 id, std::span<const guint8> body);
 
+  // The time that every plot shows. Without it, that of the samples and orders.
+  void set_window(gint64 start_us, gint64 end_us) { window_us_ = {start_us, end_us}; }
+
   // Whether there were more orders than are kept.
   [[nodiscard]] bool is_cut() const { return is_cut_; }
   // Whether an axis was told to move, and was seen afterwards.
   [[nodiscard]] bool has_motion() const;
-  // One for each axis that moved or was told to. Seconds count from the first sample or order.
+  // One for each axis that moved or was told to. Seconds count from the window, or from the first sample or order.
   [[nodiscard]] std::vector<Figure> plots(const std::string &title) const;
   // A row for each order and axis: what was commanded, where the axis came to rest, overshoot and time to rest.
   [[nodiscard]] std::vector<std::vector<Cell>> rows() const;
@@ -52,6 +55,7 @@ class MotionTrace {
   std::vector<Sample> samples_;  // ascending
   std::vector<Order> orders_;
   bool is_cut_ = false;
+  std::optional<std::pair<gint64, gint64>> window_us_;
   std::optional<std::array<double, axes>> minimum_, maximum_, speed_;
 
   [[nodiscard]] std::optional<Order> order_of(std::span<const guint8> body) const;

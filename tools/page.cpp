@@ -2,8 +2,6 @@
 
 #include <glib.h>
 
-#include <cmath>
-
 namespace tools {
 
 namespace {
@@ -38,22 +36,6 @@ std::string visible_text(const std::string &text) {
     at = next;
   }
   return visible;
-}
-
-std::string number_text(double number, int digits) {
-  char format[8];
-  g_snprintf(format, sizeof format, "%%.%df", digits);
-  char text[G_ASCII_DTOSTR_BUF_SIZE + 320];
-  const std::string shown = g_ascii_formatd(text, sizeof text, format, number);
-  return shown.find_first_not_of("-0.") == std::string::npos && shown.front() == '-' ? shown.substr(1) : shown;
-}
-
-std::string duration_text(double microseconds) {
-  const auto [value, unit] = microseconds < 1000     ? std::pair(microseconds, " µs")
-                             : microseconds < 1000e3 ? std::pair(microseconds / 1000, " ms")
-                                                     : std::pair(microseconds / 1e6, " s");
-  const bool is_whole = value >= 100 || std::abs(value - std::round(value)) < 0.005;
-  return number_text(value, is_whole ? 0 : value >= 10 ? 1 : 2) + unit;
 }
 
 }  // namespace tools

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "plot.h"
+#include "time_text.h"
 
 namespace tools {
 
@@ -77,9 +78,5 @@ struct Page {
 // and
 // "\u202e".
 [[nodiscard]] std::string visible_text(const std::string &text);
-// With so many digits after the point, whatever the locale.
-[[nodiscard]] std::string number_text(double number, int digits);
-// "350 µs", "2.5 ms", "1 s"
-[[nodiscard]] std::string duration_text(double microseconds);
 
 }  // namespace tools

@@ -55,6 +55,9 @@ void print_group(const std::string &path, const char *end, bool as_json) {
   json.print();
 }
 
+// The root exists as soon as a parameter does. An empty tree is no error.
+bool is_empty_tree(const std::string &path, gint32 error) { return path == "root" && error == PARAM_SERVICE_NO_GROUP; }
+
 int run_get(const std::string &words, int argc, char **argv) {
   Options options(words,
                   {"PATH...", "Prints the value of a parameter; of several, path and value of each.",
@@ -102,7 +105,7 @@ int run_list(const std::string &words, int argc, char **argv) {
   const auto path = group_path(given->empty() ? "root" : given->front());
   ParameterGroup group;
   gint32 error = 0;
-  if (!read_parameter_group(path, group, error)) return complain_of(path, error);
+  if (!read_parameter_group(path, group, error) && !is_empty_tree(path, error)) return complain_of(path, error);
   for (const auto &parameter : group.parameters) print_parameter(parameter, options.as_json());
   for (const auto &each : group.groups) print_group(each, ".", options.as_json());
   return EXIT_SUCCESS;
@@ -161,6 +164,21 @@ bool build(const JsonLine &json, const std::string &path, int level) {
   return is_whole;
 }
 
+int print_empty_tree(bool as_json) {
+  if (!as_json) {
+    print_group("root", "", false);
+    return EXIT_SUCCESS;
+  }
+  const JsonLine json;
+  json.member("group", "root");
+  for (const char *kind : {"parameters", "groups"}) {
+    json.begin_object(kind);
+    json.end_object();
+  }
+  json.print();
+  return EXIT_SUCCESS;
+}
+
 int run_tree(const std::string &words, int argc, char **argv) {
   Options options(words, {"[GROUP]", "Draws all that is in a group, by default in root.", " PTZ"}, Asks::none);
   const auto given = options.parse(argc, argv);
@@ -169,7 +187,7 @@ int run_tree(const std::string &words, int argc, char **argv) {
   Words groups;
   gint32 error = 0;
   if (!walk_parameters(path, param_service_get_child_groups, param_service_get_child_group, groups, error)) {
-    return complain_of(path, error);
+    return is_empty_tree(path, error) ? print_empty_tree(options.as_json()) : complain_of(path, error);
   }
   if (!options.as_json()) {
     print_group(path, "", false);

@@ -11,11 +11,16 @@ namespace tools {
 namespace {
 
 // Lengths of the view box. Labels are 13 units high, which is readable on a phone, where the box is some 350 px wide.
-constexpr double width = 440, height = 250;
-constexpr double left = 56, right = 12, top = 12, bottom = 42;
+constexpr double width = 440, height = 292;
+constexpr double left = 56, right = 12, bottom = 42;
+constexpr std::size_t rows_of_names = 3;
+constexpr double row_of_names = 14;
+constexpr double top = 12 + rows_of_names * row_of_names;  // the names of marks stand above the curves
 constexpr double inner_width = width - left - right, inner_height = height - top - bottom;
 constexpr int wanted_ticks = 5;
-constexpr double least_span = 0.2;     // of the values, in degrees
+constexpr double least_span = 0.2;    // of the values, in degrees
+constexpr double least_share = 1e-9;  // of the greatest value: a shorter span is lost in the rounding of a double
+constexpr int most_ticks = 50;
 constexpr double longest_in_ms = 0.5;  // of the seconds
 constexpr double least_bar = 2;        // a rare latency is seen beside frequent ones
 constexpr std::size_t most_marks = 200, most_names = 12;
@@ -49,6 +54,7 @@ struct Axis {
   // At least as long as the span: the noise of a head that stands still is to look like noise.
   Axis(Range range, double span, bool is_rounded, double least_step = 0) {
     if (range.is_empty()) range = {0, span};
+    span = std::max(span, least_share * std::max(std::abs(range.least), std::abs(range.most)));
     const double margin = std::max(0.0, (span - (range.most - range.least)) / 2);
     least = range.least - margin;
     most = range.most + margin;
@@ -60,9 +66,8 @@ struct Axis {
   [[nodiscard]] double share(double value) const { return (value - least) / (most - least); }
   [[nodiscard]] std::vector<double> ticks() const {
     std::vector<double> ticks;
-    for (double tick = std::ceil(least / step - 1e-6) * step; tick <= most + step * 1e-6; tick += step) {
-      ticks.push_back(tick);
-    }
+    const double first = std::ceil(least / step - 1e-6) * step;
+    for (int i = 0; i < most_ticks && first + i * step <= most + step * 1e-6; ++i) ticks.push_back(first + i * step);
     return ticks;
   }
   [[nodiscard]] std::string label(double tick) const { return number_text(tick, digits_for(step)); }
@@ -112,9 +117,9 @@ std::string marks_of(const std::vector<PlotMark> &marks, const AnyAxis &axis) {
   std::string lines, names;
   for (std::size_t i = 0; i < std::min(marks.size(), most_marks); ++i) {
     const double share = std::clamp(axis.share(marks[i].x), 0.0, 1.0), x = x_at(share);
-    lines += line_at("mark", x, top, x, y_at(0));
     const bool is_right = share > 0.7;
-    const double y = top + 11 + 14 * static_cast<double>(i % 3);
+    const double y = row_of_names * static_cast<double>(1 + i % rows_of_names);
+    lines += line_at("mark", x, marks.size() <= most_names ? y : top, x, y_at(0));
     if (marks.size() <= most_names) {
       names += name_at(is_right ? x - 4 : x + 4, y, is_right ? "end" : "start", marks[i].name);
     }
@@ -190,6 +195,10 @@ std::string drawing_of(const TimePlot &plot) {
     }
   }
   for (const PlotMark &mark : plot.marks) times.include(mark.x);
+  if (plot.from < plot.to) {
+    times.include(plot.from);
+    times.include(plot.to);
+  }
   if (times.is_empty()) times = {0, 1};
   const bool is_short = times.most - times.least < longest_in_ms;
   const double scale = is_short ? 1000 : 1;

@@ -27,6 +27,7 @@ struct TimePlot {
   std::string y_unit;
   std::vector<Series> series;
   std::vector<PlotMark> marks;
+  double from = 0, to = 0;  // seconds that the axis shows at least; none if they are equal
 };
 
 struct HistogramBucket {

@@ -106,7 +106,10 @@ std::vector<Publisher> publishers_of(guint instance) {
 
 std::string trouble_with(const std::vector<Publisher> &publishers) {
   if (publishers.empty()) return "";
-  if (publishers.size() == 1) return is_out_of_action(publishers.front().state) ? text_of(publishers) : "";
+  if (publishers.size() == 1) {
+    const Publisher &only = publishers.front();
+    return is_out_of_action(only.state) ? named(only) + " is " + name_of(only.state) : "";
+  }
   const bool are_dead = publishers.front().state == ProcessState::dead;
   std::string names;
   for (const Publisher &each : publishers) names += (names.empty() ? "" : ", ") + named(each);
@@ -114,10 +117,12 @@ std::string trouble_with(const std::vector<Publisher> &publishers) {
 }
 
 std::string text_of(const std::vector<Publisher> &publishers) {
-  if (publishers.empty()) return "";
-  if (publishers.size() > 1) return trouble_with(publishers);
-  const Publisher &publisher = publishers.front();
-  return named(publisher) + (is_out_of_action(publisher.state) ? std::string(" is ") + name_of(publisher.state) : "");
+  std::string text;
+  for (const Publisher &each : publishers) {
+    const std::string state = is_out_of_action(each.state) ? std::string(" (") + name_of(each.state) + ")" : "";
+    text += (text.empty() ? "" : ", ") + named(each) + state;
+  }
+  return text;
 }
 
 void add_publishers(const JsonLine &json, const std::vector<Publisher> &publishers) {

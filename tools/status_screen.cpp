@@ -47,6 +47,8 @@ void StatusScreen::draw(const std::vector<Line> &lines) const {
 
 int StatusScreen::rows() { return LINES; }
 
+int StatusScreen::columns() { return COLS; }
+
 int StatusScreen::wait_for_key(int milliseconds) {
   timeout(milliseconds);
   switch (const int key = getch(); key) {

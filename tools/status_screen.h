@@ -22,6 +22,7 @@ class StatusScreen {
   enum Key { none = -1, up = 0x100, down, page_up, page_down, home, end, resized, erase, enter, escape };
 
   [[nodiscard]] static int rows();
+  [[nodiscard]] static int columns();
   void draw(const std::vector<Line> &lines) const;
   // Waits for a key; none if the time is over, or if a signal has come.
   [[nodiscard]] static int wait_for_key(int milliseconds);

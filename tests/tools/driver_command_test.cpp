@@ -85,6 +85,19 @@ TEST_F(DriverCommand, RunsInADirectionUntilItIsStopped) {
   EXPECT_EQ(ask({"stop"}).status, 0);
 }
 
+TEST_F(DriverCommand, AnOptionThatADirectionDoesNotUseIsMisuse) {
+  for (const auto &[kind, option] : {std::pair<std::string, std::string>{"left", "--pan"},
+                                     {"home", "--tilt"},
+                                     {"up-left", "--zoom"},
+                                     {"stop", "--speed"},
+                                     {"stop", "--pan"}}) {
+    const auto result = ask({"move", kind, option, "3"});
+    EXPECT_EQ(result.status, 2) << kind;
+    EXPECT_TRUE(has(result, kind + " takes no " + option)) << result.text;
+  }
+  EXPECT_EQ(ask({"move", "stop"}).status, 0);
+}
+
 TEST_F(DriverCommand, KeepsAPresetAndGoesThere) {
   EXPECT_EQ(ask({"presets", "store", "3", "the gate"}).status, 0);
   EXPECT_EQ(ask({"presets", "list"}).text, "   3  the gate\n");

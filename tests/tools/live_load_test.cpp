@@ -4,6 +4,7 @@
 #include "live/load.h"
 #include "live/tap_line.h"
 #include "live/top_view.h"
+#include "time_text.h"
 
 namespace {
 
@@ -138,11 +139,59 @@ TEST(TopView, StaleStatusAndProblemsStandAtTheEnd) {
   EXPECT_EQ(line.look, Look::bad);
 }
 
-TEST(TapLine, DurationsHaveThreeDigitsAndAUnit) {
-  EXPECT_EQ(duration_text(1000), "1 µs");
-  EXPECT_EQ(duration_text(999'499), "999 µs");
-  EXPECT_EQ(duration_text(1'600'000), "1.6 ms");
-  EXPECT_EQ(duration_text(2'350'000'000), "2.35 s");
+TEST(TopView, ColumnsAreLeftOutWholeIfTheyDoNotFit) {
+  DriverSight one = driver("a", 1, 1, 0, 0);
+  one.problem = std::string(200, 'x');
+  EXPECT_EQ(top_titles(124), top_titles());
+  for (std::size_t width = 20; width < 130; ++width) {
+    std::string titles = top_titles(width);
+    EXPECT_LE(titles.size(), width);
+    EXPECT_LE(top_lines({one}, width).at(0).text.size(), width);
+    EXPECT_EQ(titles.find("DRIVER, #CLIENT"), 0U) << titles;
+    for (const std::string title : {"DRIVER, #CLIENT", "PID", "STATUS, LAST COMMAND", "STATE", "REQ/S", "P50", "P99",
+                                    "ERRORS", "BYTES/S", "PENDING", "UNSENT"}) {
+      if (const std::size_t at = titles.find(title); at != std::string::npos) titles.erase(at, title.size());
+    }
+    EXPECT_EQ(titles.find_first_not_of(' '), std::string::npos) << width << ": cut: " << titles;
+  }
+}
+
+TEST(TopView, TheMostUsefulColumnsFitATerminalOf80Columns) {
+  for (const char *title : {"STATE", "REQ/S", "P99", "ERRORS", "STATUS, LAST COMMAND"}) {
+    EXPECT_NE(top_titles(80).find(title), std::string::npos) << title << " in " << top_titles(80);
+  }
+}
+
+TEST(TopView, KeysAreWrappedAtTheWidth) {
+  EXPECT_EQ(wrapped({"ab", "cd", "ef"}, 6), (std::vector<std::string>{"ab  cd", "ef"}));
+  EXPECT_EQ(wrapped({"abcdef"}, 3), std::vector<std::string>{"abcdef"});
+}
+
+TEST(TopView, CountsAreWholeNumbers) {
+  DriverSight one = driver("a", 1, 1, 8, 0);
+  EXPECT_EQ(top_lines({one}).at(0).text.find("8.0"), std::string::npos) << top_lines({one}).at(0).text;
+}
+
+TEST(TopView, ClientsOfADriverWithoutFiguresHaveNone) {
+  DriverSight one = driver("a", 1, 1, 8, 0);
+  ClientSight client;
+  client.load.requests_per_s = 19;
+  one.clients = {client};
+  one.problem = "does not answer";
+  EXPECT_EQ(top_lines({one}).at(1).text.find("19"), std::string::npos) << top_lines({one}).at(1).text;
+}
+
+TEST(TapLine, TimesAndClientsReadAsInAReport) {
+  FrameView frame;
+  frame.time_ns = 123'456'789;
+  frame.latency_ns = 2'500'000;
+  frame.is_reply = true;
+  frame.client = 3;
+  frame.pid = 731;
+  frame.program = "/usr/bin/daemon";
+  const std::string line = tap_line(frame, {"Move", "", false});
+  EXPECT_NE(line.find(tools::clock_text(frame.time_ns) + "  #3 daemon[731] ← "), std::string::npos) << line;
+  EXPECT_NE(line.find("(2.50 ms)"), std::string::npos) << line;
 }
 
 }  // namespace

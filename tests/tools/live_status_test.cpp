@@ -69,7 +69,7 @@ TEST_F(LiveStatus, OfAKilledPublisherItSaysThatItIsDeadAndThatTheValuesAreStale)
   drivers.front()->wait();
   make_stale(1);
   EXPECT_TRUE(soon(watch, "stale  " + of(0, " is dead\n"))) << run(watch).text;
-  EXPECT_TRUE(soon(show, "publisher                    " + of(0, " is dead\n"))) << run(show).text;
+  EXPECT_TRUE(soon(show, "publisher                    " + of(0, " (dead)\n"))) << run(show).text;
   EXPECT_TRUE(has(run(show), "stale\n")) << run(show).text;
   const auto json = run({"status", "watch", "--count=1", "--json"});
   EXPECT_TRUE(has(json, "\"stale\":true,")) << json.text;
@@ -116,9 +116,9 @@ TEST_F(LiveStatus, OnATerminalADeadPublisherIsTold) {
   drivers.front()->wait();
   make_stale(1);
   ASSERT_TRUE(soon(watch, "stale")) << run(watch).text;
-  const auto drawn = run_on_terminal({"status", "watch", "--interval=20"}, "is dead", "q");
+  const auto drawn = run_on_terminal({"status", "watch", "--interval=20"}, "(dead)", "q");
   EXPECT_EQ(drawn.status, 0);
-  EXPECT_TRUE(has(drawn, "published by " + of(0, " is dead"))) << drawn.text;
+  EXPECT_TRUE(has(drawn, "published by " + of(0, " (dead)"))) << drawn.text;
   EXPECT_TRUE(has(drawn, "stale")) << drawn.text;
 }
 

@@ -222,22 +222,53 @@ TEST_F(LiveTop, AScreenThatIsTooSmallIsScrolled) {
     ASSERT_TRUE(clients.back()->ask(stop_command));
   }
   Terminal top({"top", "--interval=100", "--sort", "name"}, 10, 100);
-  ASSERT_TRUE(top.until("7 lines below")) << top.text();
+  ASSERT_TRUE(top.until("8 lines below")) << top.text();
   EXPECT_EQ(top.line(2).find("sim-driver:1"), 0U) << top.text();
   top.type(
       "\x1b"
       "B\x1b"
       "B");
-  EXPECT_TRUE(top.until("2 lines above  5 lines below")) << top.text();
+  EXPECT_TRUE(top.until("2 lines above  6 lines below")) << top.text();
   EXPECT_FALSE(top.has("sim-driver:1"));
   top.type(
       "\x1b"
       "A");
-  EXPECT_TRUE(top.until("1 line above  6 lines below")) << top.text();
+  EXPECT_TRUE(top.until("1 line above  7 lines below")) << top.text();
   top.resize(30, 100);
   EXPECT_TRUE(top.until([&] {
-    return top.has("sim-driver:1") && !top.has("lines below") && top.line(29).find("q quit") == 0;
+    return top.has("sim-driver:1") && !top.has("lines below") && top.line(28).find("q quit") == 0;
   })) << top.text();
+  top.type("q");
+  EXPECT_EQ(top.wait(), 0);
+}
+
+TEST_F(LiveTop, ANarrowTerminalShowsWholeTitlesAndEachKey) {
+  start(1);
+  Terminal top(fast, 24, 80);
+  ASSERT_TRUE(top.until("ERRORS  STATUS, LAST COMMAND")) << top.text();
+  for (const char *key : {"r requests", "l latency", "e errors", "p pending", "n name", "arrows scroll"}) {
+    EXPECT_TRUE(top.until(key)) << key << " in " << top.text();
+  }
+  top.type("q");
+  EXPECT_EQ(top.wait(), 0);
+}
+
+TEST_F(LiveTop, AClientThatEndsBesideAStoppedDriverLosesItsRow) {
+  start(1);
+  Process client(
+      "/usr/bin/env",
+      {"python3", "-c",
+       "import socket, time\ns = socket.socket(socket.AF_UNIX)\ns.connect('" + socket(1) + "')\ntime.sleep(60)\n"},
+      dir.file("client"));
+  Terminal top(fast, 24, 120);
+  ASSERT_TRUE(top.until("  #")) << top.text();
+  drivers.front()->signal(SIGSTOP);
+  ASSERT_TRUE(top.until("does not answer")) << top.text();
+  EXPECT_TRUE(top.has("  #"));
+  client.signal(SIGKILL);
+  client.wait();
+  EXPECT_TRUE(top.until([&] { return !top.has("  #"); })) << top.text();
+  drivers.front()->signal(SIGCONT);
   top.type("q");
   EXPECT_EQ(top.wait(), 0);
 }

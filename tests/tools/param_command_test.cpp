@@ -52,6 +52,12 @@ TEST_F(PtzctlParam, SeveralValuesAreTheirPathsAndThey) {
                  "ptzctl: root.PTZ.C: there is no such parameter (error -1)\nroot.PTZ.A=caf\xC3\xA9\n");
 }
 
+TEST_F(PtzctlParam, AnEmptyTreeIsEmpty) {
+  expect({"tree"}, "root\n");
+  expect({"tree", "--json"}, "{\"group\":\"root\",\"parameters\":{},\"groups\":{}}\n");
+  expect({"list"}, "");
+}
+
 TEST_F(PtzctlParam, AGroupIsListed) {
   expect({"set", "PTZ.Name", "x"}, "");
   expect({"set", "PTZ.Preset.P1.Name", "y"}, "");

@@ -1,4 +1,5 @@
 """ptzctl report and ptz-compliance --html as their users run them: what is in the files, and what becomes of them."""
+import contextlib
 import os
 import re
 import shutil
@@ -149,6 +150,17 @@ class Troubles(WithFolder):
         self.assertRegex(text, r"\n  sim-driver:1 +0\.1\.0")
         self.assertLess(took, 30)
 
+    def test_stopped_drivers_share_one_timeout(self):
+        with contextlib.ExitStack() as stack:
+            drivers = [stack.enter_context(Driver(self.folder, instance=i)) for i in range(1, 6)]
+            for driver in drivers:
+                driver.process.send_signal(signal.SIGSTOP)
+            start = time.monotonic()
+            text = self.report("--timeout", "1500")
+            took = time.monotonic() - start
+        self.assertEqual(text.count(" gave no figures: "), 5)
+        self.assertLess(took, 5)
+
     def test_dead_driver_is_told(self):
         with Driver(self.folder) as driver:
             driver.process.kill()
@@ -212,7 +224,7 @@ class CompliancePage(WithFolder):
     def test_tells_overshoot_and_time_to_rest(self):
         page, _ = report_pages.compliance_page(self.folder, "--only", "move.absolute-arrives")
         row = re.search(r"(?s)<td [^>]*>move.absolute-arrives</td>(.*?)</tr>", contents(page)).group(1)
-        cells = re.findall(r"<td class=\"([^\"]*)\">([^<]*)</td>", row)
+        cells = re.findall(r"<td class=\"([^\"]*)\"[^>]*>([^<]*)</td>", row)
         self.assertEqual(cells[5], ("number warning", "0.07 °"))
         self.assertRegex(cells[6][1], r"^[\d.]+ m?s$")
 

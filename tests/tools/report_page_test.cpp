@@ -121,12 +121,26 @@ TEST(TimePlot, WithoutPointsIsDrawn) {
 
 TEST(TimePlot, ExtremeValuesAreDrawn) {
   const double great = 2147483647;
-  for (const auto &points :
-       {std::vector<PlotPoint>{{0, -great}, {1e9, great}}, {{0, great}}, {{-1e-9, 0}, {1e-9, 1e-9}}}) {
+  for (const auto &points : {std::vector<PlotPoint>{{0, -great}, {1e9, great}},
+                             {{0, great}},
+                             {{-1e-9, 0}, {1e-9, 1e-9}},
+                             {{0, 1e15}},
+                             {{1e15, 0}},
+                             {{0, 1e15}, {1, 1e15 + 1}},
+                             {{0, -1e30}, {1, 1e300}}}) {
     const std::string svg = svg_of(TimePlot{"t", "°", {{"a", points}}, {}}, 1);
     EXPECT_FALSE(has(svg, "nan"));
     EXPECT_FALSE(has(svg, "inf"));
     EXPECT_LT(count(svg, "<text"), 40);
+  }
+}
+
+TEST(TimePlot, NamesOfMarksStandAboveTheCurves) {
+  const std::string svg = svg_of(TimePlot{"t", "°", {{"a", {{0, 0}, {9, 1}}}}, {{1, "x"}, {2, "x"}, {3, "x"}}}, 1);
+  const std::string grid = svg.substr(svg.rfind("class=\"grid\""));
+  const double highest = std::stod(grid.substr(grid.find("y1=\"") + 4));
+  for (std::size_t at = svg.find("class=\"name\""); at != std::string::npos; at = svg.find("class=\"name\"", at + 1)) {
+    EXPECT_LT(std::stod(svg.substr(svg.find(" y=\"", at) + 4)), highest);
   }
 }
 
@@ -230,6 +244,35 @@ TEST_F(Motion, ContinuousMoveIsCommandedAsARampUpToTheLimit) {
   EXPECT_EQ(points[1].y, 5);
   EXPECT_EQ(points[2].x, 2);
   EXPECT_TRUE(std::isnan(points[3].y));
+}
+
+TEST_F(Motion, StopCommandsNoPosition) {
+  sample(0, 0, false);
+  move(0, 1, PTZ_MOVE_CONTINUOUS, 1000);
+  sample(1'000'000, 8, true);
+  trace.add_request(1'000'000, 2, std::vector<guint8>{PTZ_COMMAND_STOP, 0, 0, 0});
+  sample(1'500'000, 7, false);
+  const auto figures = trace.plots("t");
+  ASSERT_EQ(figures.size(), 1U);
+  for (const PlotPoint &point : std::get<TimePlot>(figures[0]).series.at(1).points) {
+    EXPECT_TRUE(point.x <= 1 || std::isnan(point.y)) << point.x << " " << point.y;
+  }
+}
+
+TEST_F(Motion, WindowIsShownWholeAndTheEndOfReportsIsMarked) {
+  trace.set_window(0, 8'000'000);
+  sample(1'000'000, 0, false);
+  move(1'000'000, 1, PTZ_MOVE_ABSOLUTE, 1000);
+  sample(5'900'000, 8, true);
+  const auto figures = trace.plots("t");
+  ASSERT_EQ(figures.size(), 1U);
+  const auto &plot = std::get<TimePlot>(figures[0]);
+  EXPECT_EQ(plot.from, 0);
+  EXPECT_EQ(plot.to, 8);
+  ASSERT_EQ(plot.marks.size(), 2U);
+  EXPECT_EQ(plot.marks[1].name, "no reports");
+  EXPECT_DOUBLE_EQ(plot.marks[1].x, 5.9);
+  EXPECT_TRUE(has(svg_of(plot, 1), ">8</text>"));
 }
 
 TEST_F(Motion, AxisThatStandsStillHasNoPlot) {

@@ -58,6 +58,17 @@ void DriverWatch::read_figures(DriverSight &sight, const std::string &key, GVari
   }
 }
 
+// What a driver that gives no figures does now is unknown. Its clients may have ended meanwhile.
+void DriverWatch::forget_loads(DriverSight &sight) {
+  const auto forget = [](Load &load) { load.requests_per_s = load.bytes_per_s = load.p50_us = load.p99_us = -1; };
+  forget(sight.load);
+  for (ClientSight &client : sight.clients) {
+    forget(client.load);
+    client.state = state_of_process(client.pid);
+  }
+  std::erase_if(sight.clients, [](const ClientSight &client) { return client.state == ProcessState::dead; });
+}
+
 // The next figures of a driver that was not asked, or has not answered, are compared with the last ones that it gave.
 void DriverWatch::keep_loads(const std::string &key, const DriverSight &sight) {
   history_.keep(key);
@@ -130,6 +141,7 @@ std::optional<std::vector<DriverSight>> DriverWatch::look(std::string &problem) 
     } else if (now_us >= watched.next_us && now_us < end_us) {
       look_at(watched, key, answer_ms);
     }
+    if (!watched.last.problem.empty()) forget_loads(watched.last);
     keep_loads(key, watched.last);
     read_status(watched.last);
   }

@@ -48,6 +48,7 @@ class DriverWatch {
 
   void look_at(Watched &watched, const std::string &key, guint timeout_ms);
   void read_figures(DriverSight &sight, const std::string &key, GVariant *figures);
+  static void forget_loads(DriverSight &sight);
   void keep_loads(const std::string &key, const DriverSight &sight);
   [[nodiscard]] std::vector<std::string> update_entries(const tools::RegistryList &list);
 

@@ -18,7 +18,5 @@ struct TapFilter {
 
 // "14:34:29.123456  #3 mini-daemon[123] → Move  kind=absolute pan=10.00°", in local time, with colours if they are on.
 [[nodiscard]] std::string tap_line(const FrameView &frame, const FrameText &text);
-// "850 µs", "1.6 ms", "2.35 s"
-[[nodiscard]] std::string duration_text(gint64 nanoseconds);
 
 }  // namespace ptzctl

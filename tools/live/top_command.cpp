@@ -13,7 +13,7 @@ namespace ptzctl {
 
 namespace {
 
-volatile bool is_interrupted = false;
+volatile std::sig_atomic_t is_interrupted = 0;
 
 void add_load(const JsonLine &json, const Load &load) {
   const auto add = [&json](const char *name, double value) {
@@ -99,12 +99,12 @@ void Top::print(std::vector<DriverSight> drivers) const {
   std::fflush(stdout);
 }
 
-// False if it was interrupted, or if no one reads any more.
+// False if it was interrupted, or if the reader has closed the pipe.
 bool Top::wait() const {
   pollfd output = {STDOUT_FILENO, 0, 0};
   const int count_of_ready = poll(&output, 1, interval_ms);
   if (std::ferror(stdout) != 0 && errno == EPIPE) std::clearerr(stdout);
-  return count_of_ready == 0 && !is_interrupted;
+  return count_of_ready == 0 && is_interrupted == 0;
 }
 
 int complain_of_list(const std::string &problem) {
@@ -145,7 +145,7 @@ int Top::run_screen(DriverWatch &watch) const {
 
 void end_on_signals() {
   struct sigaction action = {};
-  action.sa_handler = [](int) { is_interrupted = true; };  // without SA_RESTART: it ends a wait
+  action.sa_handler = [](int) { is_interrupted = 1; };  // without SA_RESTART: it ends a wait
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
   signal(SIGPIPE, SIG_IGN);
@@ -162,11 +162,11 @@ int run_top(const std::string &words, int argc, char **argv) {
       {"",
        "Shows all registered drivers and their clients: requests a second, latency of half and of 99 % of the\n"
        "requests, errors, bytes a second, pending requests, replies that could not be sent, age of the status, and\n"
-       "the state of each process. On a terminal, the keys are told on the last line.",
+       "the state of each process. On a terminal, the keys are listed at the bottom.",
        " --lines --count 1 --interval 200"},
       Asks::none,
       {{"interval", 'i', G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &interval_ms, "Look this often, by default 1000", "MS"},
-       {"count", 'n', G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &count, "Look this many times; 0 is for ever", "N"},
+       {"count", 'n', G_OPTION_FLAG_NONE, G_OPTION_ARG_INT, &count, "Look this many times; 0 is no limit", "N"},
        {"lines", 'l', G_OPTION_FLAG_NONE, G_OPTION_ARG_NONE, &are_lines,
         "Print a block of lines each time, as without a terminal", nullptr},
        {"sort", 0, G_OPTION_FLAG_NONE, G_OPTION_ARG_STRING, &order_name,

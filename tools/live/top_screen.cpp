@@ -6,24 +6,27 @@ namespace ptzctl {
 
 namespace {
 
-constexpr std::size_t other_rows = 4;  // heading, titles, an empty one, help
+constexpr std::size_t other_rows = 3;  // heading, titles, what is above and below
 constexpr std::size_t longest_filter = 60;
 
 std::string counted(std::size_t count, const char *what) {
   return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
 }
 
+std::size_t screen_width() { return static_cast<std::size_t>(std::max(StatusScreen::columns(), 1)); }
+
 }  // namespace
 
-std::size_t TopScreen::body_rows() {
+std::size_t TopScreen::body_rows() const {
   const auto rows = static_cast<std::size_t>(std::max(StatusScreen::rows(), 0));
-  return rows > other_rows ? rows - other_rows : 1;
+  const std::size_t others = other_rows + help().size();
+  return rows > others ? rows - others : 1;
 }
 
 std::vector<StatusScreen::Line> TopScreen::body() const {
   auto drivers = chosen(drivers_, filter_);
   sort_by(order_, drivers);
-  auto lines = top_lines(drivers);
+  auto lines = top_lines(drivers, screen_width());
   if (lines.empty()) lines.push_back({drivers_.empty() ? "no driver runs" : "no driver and no client fits the filter"});
   return lines;
 }
@@ -37,24 +40,26 @@ std::string TopScreen::heading() const {
   return text + (is_paused_ ? ", paused" : "");
 }
 
-std::string TopScreen::help() const {
-  if (is_filter_typed_) return "filter: " + filter_ + "_   (Enter: keep it, Escape: show all)";
-  return "q quit  space pause  / filter  sort: r requests  l latency  e errors  p pending  n name  arrows scroll";
+std::vector<std::string> TopScreen::help() const {
+  if (is_filter_typed_) return {"filter: " + filter_ + "_   (Enter: keep it, Escape: show all)"};
+  return wrapped({"q quit", "space pause", "/ filter", "sort: r requests", "l latency", "e errors", "p pending",
+                  "n name", "arrows scroll"},
+                 screen_width());
 }
 
 void TopScreen::draw() {
   const auto all = body();
   const std::size_t rows = body_rows();
   first_ = all.size() > rows ? std::min(first_, all.size() - rows) : 0;
-  std::vector<StatusScreen::Line> lines = {{heading(), Look::heading}, {top_titles(), Look::heading}};
+  std::vector<StatusScreen::Line> lines = {{heading(), Look::heading}, {top_titles(screen_width()), Look::heading}};
   for (std::size_t i = first_; i < all.size() && i < first_ + rows; ++i) lines.push_back(all[i]);
-  lines.resize(other_rows - 2 + rows);
+  lines.resize(other_rows - 1 + rows);
   const std::size_t left = all.size() - std::min(all.size(), first_ + rows);
   std::string more;
   if (first_ > 0) more = counted(first_, "line") + " above  ";
   if (left > 0) more += counted(left, "line") + " below";
   lines.push_back({more, Look::notice});
-  lines.push_back({help(), Look::plain});
+  for (const std::string &line : help()) lines.push_back({line, Look::plain});
   screen_.draw(lines);
 }
 
@@ -88,10 +93,10 @@ bool TopScreen::obey(int key) {
   return true;
 }
 
-bool TopScreen::show(std::vector<DriverSight> drivers, const volatile bool &is_interrupted) {
+bool TopScreen::show(std::vector<DriverSight> drivers, const volatile std::sig_atomic_t &is_interrupted) {
   drivers_ = std::move(drivers);
   const gint64 end_us = g_get_monotonic_time() + gint64{interval_ms_} * 1000;
-  while (!is_interrupted) {
+  while (is_interrupted == 0) {
     draw();
     const gint64 left_ms = (end_us - g_get_monotonic_time() + 999) / 1000;
     if (left_ms <= 0 && !is_paused_) return true;

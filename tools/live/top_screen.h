@@ -1,5 +1,6 @@
 // top_screen.h - top on the whole screen of a terminal.
 #pragma once
+#include <csignal>
 #include <string>
 #include <vector>
 
@@ -19,8 +20,8 @@ class TopScreen {
 
   [[nodiscard]] std::vector<StatusScreen::Line> body() const;
   [[nodiscard]] std::string heading() const;
-  [[nodiscard]] std::string help() const;
-  [[nodiscard]] static std::size_t body_rows();
+  [[nodiscard]] std::vector<std::string> help() const;
+  [[nodiscard]] std::size_t body_rows() const;
   void draw();
   void type(int key);
   void scroll(int key);
@@ -31,7 +32,7 @@ class TopScreen {
       : order_(order), filter_(std::move(filter)), interval_ms_(interval_ms) {}
   // Shows these until the time is over, and longer while the user has paused. False if the user leaves, or if
   // `is_interrupted` has become true.
-  [[nodiscard]] bool show(std::vector<DriverSight> drivers, const volatile bool &is_interrupted);
+  [[nodiscard]] bool show(std::vector<DriverSight> drivers, const volatile std::sig_atomic_t &is_interrupted);
 };
 
 }  // namespace ptzctl

@@ -21,8 +21,13 @@ enum class TopOrder { requests, latency, errors, pending, name };
 // Greatest first; by name, the first one first. The clients of each driver, too.
 void sort_by(TopOrder order, std::vector<DriverSight> &drivers);
 
-[[nodiscard]] std::string top_titles();
+// No line is wider than this many characters. The least useful columns are left out first, always whole.
+constexpr std::size_t any_width = G_MAXSIZE;
+[[nodiscard]] std::string top_titles(std::size_t width = any_width);
 // A line for each driver, and one for each of its clients below it.
-[[nodiscard]] std::vector<StatusScreen::Line> top_lines(const std::vector<DriverSight> &drivers);
+[[nodiscard]] std::vector<StatusScreen::Line> top_lines(const std::vector<DriverSight> &drivers,
+                                                        std::size_t width = any_width);
+// The items, two spaces apart, on as many lines as they need.
+[[nodiscard]] std::vector<std::string> wrapped(const std::vector<std::string> &items, std::size_t width);
 
 }  // namespace ptzctl

@@ -51,7 +51,7 @@ class Probe {
   void decide(std::optional<Result> verdict, const char *format, va_list arguments);
 
  public:
-  // The status is published as that of this PTZ instance; 0: nobody said so.
+  // The status is published as that of this PTZ instance; 0 if it was not given.
   Probe(Subject &subject, int timeout_ms, int motion_timeout_ms, guint instance)
       : subject_(subject), timeout_ms_(timeout_ms), motion_timeout_ms_(motion_timeout_ms), instance_(instance) {}
   Probe(const Probe &) = delete;

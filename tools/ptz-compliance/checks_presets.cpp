@@ -64,7 +64,7 @@ void in_order(Probe &probe) {
 void unknown_is_refused(Probe &probe) {
   Link link = probe.connect();
   expect_refused(link, make_body(PTZKitGotoDevicePresetRequest{G_MAXUINT32, full_speed}),
-                 "going to a preset that nobody stored");
+                 "going to a preset that was not stored");
 }
 
 void bad_number(Probe &probe) {
@@ -88,7 +88,7 @@ constexpr Check rows[] = {
     {"presets.is-listed", "a preset that was stored is listed, with its name", is_listed},
     {"presets.is-replaced", "a preset that is stored again replaces the one before", is_replaced},
     {"presets.in-order", "presets are listed by their numbers", in_order},
-    {"presets.unknown-is-refused", "going to a preset that nobody stored is answered with an error",
+    {"presets.unknown-is-refused", "going to a preset that was not stored is answered with an error",
      unknown_is_refused},
     {"presets.bad-number", "storing a preset 0 or 4294967295 is answered with an error", bad_number},
     {"presets.bad-name", "a name of 0 or 33 bytes is answered with an error", bad_name},

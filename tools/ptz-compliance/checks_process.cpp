@@ -57,7 +57,7 @@ void idle(Probe &probe) {
   const double taken_us = static_cast<double>(processor_time_us(process) - before_us);
   const double share = taken_us / static_cast<double>(g_get_monotonic_time() - start);
   probe.fail_unless(share <= idle_limit && runnable <= looks_while_idle / 2,
-                    "while nobody asks anything, the driver takes %.0f %% of a processor, and runs at %d of %d looks",
+                    "without a request, the driver takes %.0f %% of a processor, and runs at %d of %d looks",
                     share * 100, runnable, looks_while_idle);
   probe.note("%.1f %% of a processor", share * 100);
 }
@@ -131,7 +131,7 @@ void restart_same_socket(Probe &probe) {
 
 constexpr Check socket_rows[] = {
     {"socket.permissions", "every user may connect to the socket", permissions},
-    {"process.idle", "a driver that nobody asks anything takes no processor time", idle},
+    {"process.idle", "a driver without requests takes no processor time", idle},
 };
 constexpr Check process_rows[] = {
     {"process.sigterm", "SIGTERM ends the driver", sigterm},

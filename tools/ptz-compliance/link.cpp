@@ -57,7 +57,7 @@ bool Link::try_send(std::string_view bytes, int limit_ms) {
     } else if (errno == EAGAIN) {
       if (!wait_for(fd(), POLLOUT, deadline)) return false;
     } else if (errno != EINTR) {
-      return true;  // the driver has closed; whoever waits for a reply will tell
+      return true;  // the driver has closed; the wait for a reply reports it
     }
   }
   return true;

@@ -17,12 +17,6 @@ using tools::Section;
 
 constexpr mode_t page_mode = 0644;
 
-std::string local_time() {
-  const Handle<GDateTime, g_date_time_unref> now(g_date_time_new_now_local());
-  const Text text(now != nullptr ? g_date_time_format(now.get(), "%Y-%m-%d %H:%M:%S %z") : g_strdup(""));
-  return text.get();
-}
-
 // "move" of "move.stop-stops"
 std::string area_of(const std::string &check) { return check.substr(0, check.find('.')); }
 
@@ -67,7 +61,7 @@ Section HtmlReport::summary() const {
   };
   add("socket", socket_);
   add("command", command_);
-  add("ended", local_time());
+  add("ended", tools::local_time_text(g_get_real_time()));
   add("took", tools::number_text(static_cast<double>(g_get_monotonic_time() - start_us_) / G_USEC_PER_SEC, 1) + " s");
   add("tool", std::string("ptz-compliance ") + TOOLS_VERSION);
   add("machine", g_get_host_name());

@@ -22,7 +22,7 @@ constexpr const Checks *areas[] = {&socket_checks,  &framing_checks,    &client_
                                    &preset_checks,  &status_checks,     &latency_checks, &process_checks};
 
 constexpr char description[] =
-    "A COMMAND is started, and started again where a check ends it; each \"{socket}\" in it stands for the path\n"
+    "A COMMAND is started, and started again if a check ends it; each \"{socket}\" in it stands for the path\n"
     "on which it is to listen. Without a COMMAND the driver that listens on --socket, or that runs as --driver, is "
     "checked.\n"
     "\n"
@@ -100,7 +100,7 @@ std::vector<GOptionEntry> CommandLine::entries() {
                 "Write a page with the verdicts, the motions and the latencies, too; replaces the file", "FILE"),
           entry("version", 0, G_OPTION_ARG_NONE, &version_, "Print the version, and end", nullptr),
           entry("color", 0, G_OPTION_ARG_STRING, &colours_,
-                "Colours: always, never, or auto, on a terminal where NO_COLOR is not set", "WHEN"),
+                "Colours: always, never, or auto, on a terminal if NO_COLOR is not set", "WHEN"),
           {}};
 }
 

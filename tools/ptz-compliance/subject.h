@@ -30,7 +30,7 @@ class Subject {
   [[nodiscard]] bool was_started() const { return path_is_ours_; }
   [[nodiscard]] bool started_by_us() const { return !command_.empty(); }
 
-  // Starts the command, if there is one, and waits until somebody listens. The reason where that does not happen.
+  // Starts the command, if there is one, and waits until the socket accepts connections. The reason if it does not.
   std::optional<std::string> start();
   // The last line that a command has printed, as it may be printed again; empty if there is none.
   [[nodiscard]] std::string last_line() const;
@@ -49,7 +49,7 @@ class Subject {
   // The process that listens, which need not be the one that was started.
   [[nodiscard]] static pid_t listener(int connected_fd);
 
-  // A non-blocking connection; none if nobody listens.
+  // A non-blocking connection; none if no process listens.
   [[nodiscard]] tools::UniqueFd connect() const;
 };
 

@@ -34,7 +34,7 @@ std::vector<tools::Cell> row_of(const PTZKitRegistryEntry &entry) {
           {name_of(process), is_out_of_action(process) ? Mood::bad : Mood::plain},
           {std::to_string(entry.pid)},
           {user_text(entry.uid)},
-          {local_time_text(entry.since)},
+          {tools::local_time_text(entry.since)},
           {std::to_string(entry.protocol_version)},
           {entry.socket_path},
           {entry.program != nullptr ? entry.program : ""}};

@@ -81,7 +81,7 @@ std::vector<Cell> client_row(const WatchedDriver &driver, GVariant *client) {
           {text_in(client, "program")},
           {std::to_string(number_in<gint32>(client, "pid", "i"))},
           {user_text(number_in<guint32>(client, "uid", "u"))},
-          {local_time_text(number_in<gint64>(client, "since", "x"))},
+          {tools::local_time_text(number_in<gint64>(client, "since", "x"))},
           counted(client, "requests"),
           counted(client, "errors", Mood::warning),
           {command_text(client)},
@@ -150,8 +150,12 @@ tools::Section figures_section(const Watch &watch, std::vector<tools::Tile> &til
   for (const auto &driver : watch.drivers) {
     if (!driver->problem.empty()) {
       section.mood = Mood::warning;
-      section.blocks.emplace_back(
-          tools::Paragraph{label_of(driver->entry) + " gave no figures: " + driver->problem, Mood::warning});
+      section.blocks.emplace_back(tools::Paragraph{
+          label_of(driver->entry) +
+              (figures_of(*driver) == nullptr ? " gave no figures: "
+                                              : " gave figures at the beginning only, which follow: ") +
+              driver->problem,
+          Mood::warning});
     }
     if (figures_of(*driver) == nullptr) continue;
     drivers.rows.push_back(driver_row(*driver));

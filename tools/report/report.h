@@ -38,8 +38,6 @@ struct ReportedDrivers {
 [[nodiscard]] tools::Section parameters_section(const ReportSettings &settings, const Diagnosis &diagnosis);
 [[nodiscard]] tools::Section log_section(const ReportedDrivers &drivers, guint timeout_ms);
 
-// "2026-11-22 14:34:29 +0000"
-[[nodiscard]] std::string local_time_text(gint64 real_time_us);
 [[nodiscard]] std::string user_text(guint32 uid);
 // "sim-driver:1"
 [[nodiscard]] std::string label_of(const PTZKitRegistryEntry &entry);

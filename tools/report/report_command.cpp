@@ -20,7 +20,7 @@ constexpr char standard_output[] = "-";
 tools::Page report_of(const ReportSettings &settings) {
   const ReportedDrivers drivers = reported_drivers(settings);
   tools::Page page = {"Pan-tilt-zoom report", "", {}, {}};
-  page.lead = std::string(g_get_host_name()) + ", " + local_time_text(g_get_real_time());
+  page.lead = std::string(g_get_host_name()) + ", " + tools::local_time_text(g_get_real_time());
   // Before the doctor, whose requests would be on the wire, too.
   Watch watch(drivers.entries, settings.timeout_ms);
   watch.run(settings.seconds);

@@ -11,7 +11,7 @@ namespace {
 
 using tools::Mood;
 
-constexpr guint looked_for = 16;  // instances that nobody in the registry publishes
+constexpr guint looked_for = 16;  // instances that no driver in the registry publishes
 
 std::string axes_text(const StatusGroup &position) {
   constexpr const char *names[] = {"pan", "tilt", "zoom"}, *units[] = {" °", " °", " ×"};
@@ -25,7 +25,7 @@ std::string axes_text(const StatusGroup &position) {
 }
 
 void add_instance(guint instance, tools::Section &section) {
-  tools::Table table = {"Published values", {{"group"}, {"value"}, {"is", true}}, {}};
+  std::vector<tools::Table> tables;
   tools::Facts facts;
   std::string trouble;
   for (const StatusKind *kind : {&position_kind, &various_kind, &limit_kind}) {
@@ -33,27 +33,29 @@ void add_instance(guint instance, tools::Section &section) {
     const Reading reading = read_group(group.name, group.values);
     if (reading == Reading::failed) trouble = group.name + " cannot be read: " + g_strerror(errno);
     if (reading != Reading::done) continue;
+    tools::Table table = {"Published in " + group.name, {{"value"}, {"is", true}}, {}};
     for (const auto &value : group.values) {
-      if (value.found) table.rows.push_back({{group.name}, {value.key}, {value.text()}});
+      if (value.found) table.rows.push_back({{value.key}, {value.text()}});
     }
+    if (!table.rows.empty()) tables.push_back(std::move(table));
     if (kind != &position_kind) continue;
     const auto publishers = publishers_of(instance);
     if (trouble.empty()) trouble = trouble_with(publishers);
     const auto age = group.age_ms();
     if (trouble.empty() && group.is_stale()) trouble = "the position is stale";
     facts.rows = {{"position", axes_text(group)},
-                  {"age", age ? std::to_string(*age) + " ms" : "unknown"},
+                  {"age", age ? tools::duration_text(static_cast<double>(*age) * 1000) : "unknown"},
                   {"updates", std::to_string(group.update_rate()) + " a second"},
                   {"publisher", text_of(publishers).empty() ? "not in the registry" : text_of(publishers)}};
   }
-  if (table.rows.empty() && trouble.empty()) return;
+  if (tables.empty() && trouble.empty()) return;
   section.blocks.emplace_back(tools::Heading{"Instance " + std::to_string(instance)});
   if (!trouble.empty()) {
     section.mood = Mood::bad;
     section.blocks.emplace_back(tools::Paragraph{trouble, Mood::bad});
   }
   if (!facts.rows.empty()) section.blocks.emplace_back(std::move(facts));
-  if (!table.rows.empty()) section.blocks.emplace_back(std::move(table));
+  for (auto &table : tables) section.blocks.emplace_back(std::move(table));
 }
 
 gint64 ns_of(const StoredTime &time) { return time.seconds * gint64{1'000'000'000} + time.fraction; }

@@ -47,19 +47,12 @@ std::string uptime() {
 
 }  // namespace
 
-std::string local_time_text(gint64 real_time_us) {
-  const tools::Handle<GDateTime, g_date_time_unref> time(
-      g_date_time_new_from_unix_local(real_time_us / G_USEC_PER_SEC));
-  const tools::Text text(time != nullptr ? g_date_time_format(time.get(), "%Y-%m-%d %H:%M:%S %z") : g_strdup("-"));
-  return text.get();
-}
-
 tools::Section versions_section() {
   tools::Section section = {"versions", "Versions and machine", {}};
   utsname kernel = {};
   uname(&kernel);
   section.blocks.emplace_back(tools::Facts{{
-      {"time", local_time_text(g_get_real_time())},
+      {"time", tools::local_time_text(g_get_real_time())},
       {"tools", TOOLS_VERSION},
       {"library", loaded_libraries("libptznimbo_common.so")},
       {"kit", loaded_libraries("libptznimbo_kit.so")},

@@ -3,6 +3,8 @@
 #include <ptz_enum_types.h>
 #include <ptz_kit_body.h>
 
+#include <algorithm>
+
 #include "stored_values.h"
 
 namespace ptzctl {
@@ -11,6 +13,7 @@ namespace {
 
 constexpr guint sample_interval_ms = 50;
 constexpr gint64 ns_per_us = 1000;
+constexpr gint64 least_share_ms = 10;  // of the common time-out
 constexpr gint64 kept_us = 60 * G_USEC_PER_SEC;
 
 std::span<const guint8> bytes_of(const PTZKitMonitorFrame &frame) {
@@ -21,7 +24,7 @@ std::span<const guint8> bytes_of(const PTZKitMonitorFrame &frame) {
 
 }  // namespace
 
-WatchedDriver::WatchedDriver(const PTZKitRegistryEntry &of, guint timeout_ms) : timeout_ms_(timeout_ms), entry(of) {
+WatchedDriver::WatchedDriver(const PTZKitRegistryEntry &of) : entry(of) {
   if (entry.instance != 0) status_.emplace(position_kind, entry.instance);
 }
 
@@ -29,13 +32,13 @@ WatchedDriver::~WatchedDriver() {
   if (monitor_ != nullptr) g_signal_handlers_disconnect_by_data(monitor_.get(), this);
 }
 
-void WatchedDriver::ask() {
+void WatchedDriver::ask(guint timeout_ms) {
   tools::Error error;
-  last.reset(ptz_kit_monitor_get_figures(monitor_.get(), timeout_ms_, nullptr, tools::out(error)));
+  last.reset(ptz_kit_monitor_get_figures(monitor_.get(), timeout_ms, nullptr, tools::out(error)));
   if (last == nullptr) problem = tools::message_of(error, "it gave no figures");
 }
 
-void WatchedDriver::begin() {
+void WatchedDriver::begin(guint timeout_ms) {
   start_us_ = g_get_real_time();
   if (entry.liveness == PTZ_KIT_DRIVER_DEAD) {
     problem = "the driver is dead";
@@ -52,7 +55,7 @@ void WatchedDriver::begin() {
     monitor_.reset();
     return;
   }
-  ask();
+  ask(timeout_ms);
   if (last == nullptr) {
     monitor_.reset();
     return;
@@ -99,21 +102,31 @@ void WatchedDriver::sample() {
   motion.add_sample(sample);
 }
 
-void WatchedDriver::end() {
+void WatchedDriver::end(guint timeout_ms) {
   if (monitor_ == nullptr) return;
-  ask();
+  ask(timeout_ms);
   // Frames that came while it waited. There may be no end of them.
   const gint64 deadline = g_get_monotonic_time() + sample_interval_ms * gint64{1000};
   while (g_get_monotonic_time() < deadline && g_main_context_iteration(nullptr, FALSE)) {
   }
 }
 
-Watch::Watch(const std::vector<const PTZKitRegistryEntry *> &entries, guint timeout_ms) {
-  for (const auto *entry : entries) drivers.push_back(std::make_unique<WatchedDriver>(*entry, timeout_ms));
+Watch::Watch(const std::vector<const PTZKitRegistryEntry *> &entries, guint timeout_ms) : timeout_ms_(timeout_ms) {
+  for (const auto *entry : entries) drivers.push_back(std::make_unique<WatchedDriver>(*entry));
+}
+
+// Each driver may take its share of the time that is left, and leaves what it does not need to the others.
+void Watch::ask_each(void (WatchedDriver::*question)(guint timeout_ms)) {
+  const gint64 end_us = g_get_monotonic_time() + timeout_ms_ * gint64{1000};
+  auto left = static_cast<gint64>(drivers.size());
+  for (const auto &driver : drivers) {
+    const gint64 share_ms = (end_us - g_get_monotonic_time()) / 1000 / left--;
+    (driver.get()->*question)(static_cast<guint>(std::max(share_ms, least_share_ms)));
+  }
 }
 
 void Watch::run(guint seconds) {
-  for (const auto &driver : drivers) driver->begin();
+  ask_each(&WatchedDriver::begin);
   const auto on_time = +[](gpointer self) -> gboolean {
     for (const auto &driver : static_cast<Watch *>(self)->drivers) driver->sample();
     return G_SOURCE_CONTINUE;
@@ -129,7 +142,11 @@ void Watch::run(guint seconds) {
   g_timeout_add(seconds > 0 ? seconds * 1000 : sample_interval_ms, on_end, loop.get());
   g_main_loop_run(loop.get());
   g_source_remove(sampling);
-  for (const auto &driver : drivers) driver->end();
+  const gint64 end_us = g_get_real_time();
+  gint64 start_us = end_us;
+  for (const auto &driver : drivers) start_us = std::min(start_us, driver->start_us());
+  for (const auto &driver : drivers) driver->motion.set_window(start_us, end_us);
+  ask_each(&WatchedDriver::end);
 }
 
 }  // namespace ptzctl

@@ -22,11 +22,10 @@ class WatchedDriver {
 
   tools::Object<PTZKitMonitor> monitor_;
   std::optional<StatusGroup> status_;
-  guint timeout_ms_;
   gint64 start_us_ = 0;  // real time, like all times here
   gint64 last_sample_us_ = 0;
 
-  void ask();
+  void ask(guint timeout_ms);
   void add(const PTZKitMonitorFrame *frame);
 
  public:
@@ -38,15 +37,22 @@ class WatchedDriver {
   tools::MotionTrace motion;
   bool has_status = false;
 
-  WatchedDriver(const PTZKitRegistryEntry &entry, guint timeout_ms);
+  explicit WatchedDriver(const PTZKitRegistryEntry &entry);
   WatchedDriver(const WatchedDriver &) = delete;
   ~WatchedDriver();
-  void begin();  // connects and subscribes
+  // Connects and subscribes. The time-out is that of the figures.
+  void begin(guint timeout_ms);
   void sample();
-  void end();
+  [[nodiscard]] gint64 start_us() const { return start_us_; }
+  void end(guint timeout_ms);
 };
 
+// The drivers share one time-out at the beginning and one at the end, so that many that hang cost no more than one.
 class Watch {
+  guint timeout_ms_;
+
+  void ask_each(void (WatchedDriver::*question)(guint timeout_ms));
+
  public:
   std::vector<std::unique_ptr<WatchedDriver>> drivers;
 

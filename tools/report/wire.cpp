@@ -10,29 +10,14 @@ using tools::Mood;
 
 constexpr std::size_t most_rows = 500;  // of a driver
 
-// "14:34:29.123456"
-std::string clock_text(gint64 time_ns) {
-  constexpr gint64 ns_per_s = 1'000'000'000;
-  const tools::Handle<GDateTime, g_date_time_unref> time(g_date_time_new_from_unix_local(time_ns / ns_per_s));
-  const tools::Text text(time != nullptr ? g_date_time_format(time.get(), "%H:%M:%S") : g_strdup("-"));
-  const tools::Text fraction(g_strdup_printf(".%06d", static_cast<int>(time_ns % ns_per_s / 1000)));
-  return std::string(text.get()) + fraction.get();
-}
-
-std::string client_text(const PTZKitMonitorFrame &frame) {
-  const tools::Text base(g_path_get_basename(frame.program));
-  const std::string name = *frame.program != '\0' ? base.get() : "unknown";
-  return std::to_string(frame.client) + " " + name + "[" + std::to_string(frame.pid) + "]";
-}
-
 std::vector<tools::Cell> row_of(const PTZKitMonitorFrame &frame, const FrameView &view,
                                 const MessageDescription &description, bool full) {
   const FrameText text = text_of_frame(view, description, full);
   std::string fields = text.fields;
   if (frame.unsent) fields += fields.empty() ? "could not be sent" : ", could not be sent";
   const Mood mood = text.is_error || frame.unsent ? Mood::bad : Mood::plain;
-  return {{clock_text(frame.time_ns)},
-          {client_text(frame)},
+  return {{tools::clock_text(frame.time_ns)},
+          {client_text(view)},
           {view.is_reply ? "reply" : "request"},
           {text.command, mood},
           {fields, mood},
