@@ -2,8 +2,8 @@
 //
 // The socket lies beside the driver's own, with ".monitor" at the end of the path. Its packets are described in
 // docs/wire-format.md. It is a SOCK_SEQPACKET socket of mode 0660 with the group of its folder. The mode is set between
-// bind() and listen(), so that no monitor connects before it holds, and not by the umask, which other threads share. The
-// file is removed only if it is the driver's own, by device and inode.
+// bind() and listen(), so that no monitor connects before it holds, and not by the umask, which other threads share.
+// The file is removed only if it is the driver's own, by device and inode.
 //
 // A driver serves without a monitor if the socket cannot be made: the path is too long, or is taken by a file of
 // another type or by a process. The log has one line. The socket is made anew when the driver listens anew, and when

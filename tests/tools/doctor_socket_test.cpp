@@ -207,7 +207,7 @@ TEST_F(DoctorSocket, TextHasWhatWhyAndCommand) {
   const Result result = run({"doctor"});
   EXPECT_TRUE(has(result, "fault    socket.mode: sim-driver:1\n  What:  Members of the group ")) << result.text;
   EXPECT_TRUE(has(result, "\n  Why:   ")) << result.text;
-  EXPECT_TRUE(has(result, "\n  Mend:  chmod 0777 " + socket() + "\n")) << result.text;
+  EXPECT_TRUE(has(result, " && chmod 0660 -- " + socket() + "\n")) << result.text;
   EXPECT_TRUE(has(result, "\n1 driver, 13 examinations, 1 fault, 0 warnings")) << result.text;
 }
 

@@ -116,6 +116,12 @@ void report_other_file(const Driver &driver, const struct stat &status, Findings
        .command = "mv -- " + quoted(driver.socket) + " " + quoted(driver.socket + ".old")});
 }
 
+// Not a mode for all users: the folder may be open to strangers.
+std::string open_to_group(const Reader &reader) {
+  const std::string socket = quoted(reader.driver.socket);
+  return "chgrp -- " + quoted(name_of_group(reader.group)) + " " + socket + " && chmod 0660 -- " + socket;
+}
+
 void check_mode(const Reader &reader, const struct stat &status) {
   const Driver &driver = reader.driver;
   if (access(driver.socket.c_str(), W_OK) != 0) {
@@ -124,16 +130,17 @@ void check_mode(const Reader &reader, const struct stat &status) {
                            .what = "The user " + name_of_user(geteuid()) + " cannot connect to " + driver.socket +
                                    " (" + owner_of(status) + ").",
                            .why = "To connect, a user needs the right to write to the socket.",
-                           .command = "chmod 0777 " + quoted(driver.socket)});
+                           .command = group_member(reader.group) != 0
+                                          ? open_to_group(reader)
+                                          : "sudo adduser " + quoted(name_of_user(geteuid())) + " " +
+                                                quoted(name_of_group(reader.group))});
   } else if (!group_has_access(status, reader.group, may_write)) {
     reader.findings.fault({.id = "socket.mode",
                            .subject = driver.label(),
                            .what = "Members of the group " + name_of_group(reader.group) + " cannot connect to " +
                                    driver.socket + " (" + owner_of(status) + ").",
-                           .why =
-                               "Daemons of other users than the driver's are refused. The folder keeps strangers out, "
-                               "so a socket in it may be open to all.",
-                           .command = "chmod 0777 " + quoted(driver.socket)});
+                           .why = "Daemons of other users than the driver's are refused.",
+                           .command = open_to_group(reader)});
   }
 }
 
