@@ -18,9 +18,29 @@ std::string number_text(double value) {
   return text.find_first_of(".e") == std::string::npos ? text + ".0" : text;
 }
 
+// Characters that a terminal obeys, and those that change the direction of the text around them.
+bool needs_escape(gunichar character) {
+  return (character >= 0x7F && character <= 0x9F) || (character >= 0x202A && character <= 0x202E) ||
+         (character >= 0x2066 && character <= 0x2069);
+}
+
 std::string text_of_leaf(JsonNode *node) {
-  const std::unique_ptr<char, decltype(&g_free)> text(json_to_string(node, FALSE), g_free);
-  return text.get();
+  const std::unique_ptr<char, decltype(&g_free)> raw(json_to_string(node, FALSE), g_free);
+  const std::unique_ptr<char, decltype(&g_free)> json(g_utf8_make_valid(raw.get(), -1), g_free);
+  std::string text;
+  for (const char *at = json.get(); *at != '\0';) {
+    const char *const next = g_utf8_next_char(at);
+    const gunichar character = g_utf8_get_char(at);
+    char escaped[8];
+    if (needs_escape(character)) {
+      g_snprintf(escaped, sizeof escaped, "\\u%04x", character);
+      text += escaped;
+    } else {
+      text.append(at, next);
+    }
+    at = next;
+  }
+  return text;
 }
 
 std::string quoted(const char *text) {

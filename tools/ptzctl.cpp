@@ -1,5 +1,6 @@
 // ptzctl - looks at what the processes of a pan-tilt-zoom framework share.
 #include <clocale>
+#include <csignal>
 #include <cstdio>
 
 #include "commands.h"
@@ -8,6 +9,7 @@
 int main(int argc, char **argv) {
   using namespace ptzctl;
   setlocale(LC_ALL, "");
+  std::signal(SIGXFSZ, SIG_IGN);  // a file at its limit is an error of write()
   setlocale(LC_NUMERIC, "C");  // what one engineer sees another can use
   if (tools::asks_for_json(argc, argv)) tools::print_problems_as_json();
   if (argc > 1 && g_str_equal(argv[1], "--version")) {

@@ -233,4 +233,11 @@ TEST_F(NumbersInJson, AndInTextHaveAPointInEveryLocale) {
   unsetenv("LOCPATH");
 }
 
+TEST_F(PtzctlHabits, JsonHasNoCharacterThatATerminalObeys) {
+  const auto result = run({"driver", "info", "--json", "--socket",
+                           dir.file("a\xC2\x9B\x7F\xE2\x80\xAE"
+                                    "b")});
+  EXPECT_TRUE(has(result, R"(a\u009b\u007f\u202eb)")) << result.text;
+}
+
 }  // namespace

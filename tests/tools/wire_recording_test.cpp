@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,13 +17,6 @@
 
 #include "temp_dir.h"
 #include "wire_frames.h"
-
-static bool does_fchmod_fail = false;
-extern "C" int fchmod(int fd, mode_t mode) noexcept {
-  if (!does_fchmod_fail) return static_cast<int>(syscall(SYS_fchmod, fd, mode));
-  errno = EPERM;
-  return -1;
-}
 
 namespace {
 
@@ -93,13 +85,37 @@ TEST_F(WireRecording, FileIsForItsOwnerOnly) {
   EXPECT_EQ(file.st_mode & 0777U, 0600U);
 }
 
-TEST_F(WireRecording, ReplacedFileWhoseModeCannotBeChangedKeepsItsContents) {
-  put("old");
-  does_fchmod_fail = true;
+TEST_F(WireRecording, ReplacementIsANewFile) {
+  put("mine");
+  const std::string earlier = dir.file("earlier");
+  std::filesystem::create_hard_link(path, earlier);
+  ASSERT_TRUE(RecordingWriter::create(path.c_str(), true));
+  std::ifstream file(earlier, std::ios::binary);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), "mine");
+  EXPECT_EQ(bytes(), "");
+}
+
+TEST_F(WireRecording, FileStaysIfItsReplacementCannotBeMade) {
+  const std::string folder = dir.file("folder");
+  std::filesystem::create_directory(folder);
+  EXPECT_FALSE(RecordingWriter::create(folder.c_str(), true));
+  EXPECT_EQ(errno, EISDIR);
+  EXPECT_TRUE(std::filesystem::is_directory(folder));
+}
+
+TEST_F(WireRecording, LinkIsNotFollowed) {
+  const std::string target = dir.file("target");
+  std::ofstream(target) << "mine";
+  std::filesystem::create_symlink(target, path);
   EXPECT_FALSE(RecordingWriter::create(path.c_str(), true));
-  EXPECT_EQ(errno, EPERM);
-  does_fchmod_fail = false;
-  EXPECT_EQ(bytes(), "old");
+  EXPECT_EQ(errno, ELOOP);
+  EXPECT_EQ(std::filesystem::file_size(target), 4U);
+}
+
+TEST_F(WireRecording, PipeWithoutAReaderIsAnError) {
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  EXPECT_FALSE(RecordingWriter::create(path.c_str(), true));
+  EXPECT_EQ(errno, ENXIO);
 }
 
 TEST_F(WireRecording, ReplacedFileThatOthersCouldReadIsForItsOwnerOnly) {

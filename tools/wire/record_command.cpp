@@ -119,7 +119,6 @@ int run_record(const std::string &words, int argc, char **argv) {
   const auto path = options.socket(status);
   if (!path) return status;
   std::signal(SIGPIPE, SIG_IGN);
-  std::signal(SIGXFSZ, SIG_IGN);  // a file at its limit is an error of write()
   Recorder recorder(settings_from(options, switches, *path));
   std::string problem;
   auto origin = recorder.connect(problem);

@@ -44,8 +44,7 @@ Recorder::Recorder(RecorderSettings settings)
           [this](Following change) { report(change); }) {}
 
 std::string Recorder::problem_of(const tools::Error &error) const {
-  const bool has_socket = access(follower_.path().c_str(), F_OK) == 0;
-  if (!has_socket) return "no driver at " + follower_.path() + ": " + g_strerror(ENOENT);
+  if (access(follower_.path().c_str(), F_OK) != 0) return "no driver at " + follower_.path() + ": " + g_strerror(errno);
   if (g_error_matches(error.get(), G_IO_ERROR, G_IO_ERROR_NOT_FOUND)) {
     return "the driver at " + follower_.path() + " has no monitor socket: it is not written with this kit";
   }

@@ -67,14 +67,36 @@ std::string text_of(const RecordingOrigin &origin) {
 
 }  // namespace
 
+namespace {
+
+// A pipe without a reader is an error, and does not block.
+int open_special(const char *path) {
+  const int fd = open(path, O_WRONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+  if (fd >= 0) fcntl(fd, F_SETFL, O_WRONLY);
+  return fd;
+}
+
+// The file of before may be readable by others or belong to another user, so a new file takes its name.
+int open_in_place_of(const char *path) {
+  std::string temporary = std::string(path) + ".XXXXXX";
+  const int fd = mkostemp(temporary.data(), O_CLOEXEC);
+  if (fd < 0 || rename(temporary.c_str(), path) == 0) return fd;
+  const int error = errno;
+  unlink(temporary.c_str());
+  close(fd);
+  errno = error;
+  return -1;
+}
+
+}  // namespace
+
 std::optional<RecordingWriter> RecordingWriter::create(const char *path, bool is_replaced) {
-  const int if_exists = is_replaced ? 0 : O_EXCL;
-  tools::UniqueFd fd(open(path, O_WRONLY | O_CREAT | O_CLOEXEC | if_exists, S_IRUSR | S_IWUSR));
-  if (!fd) return std::nullopt;
   struct stat file = {};
-  // A file that is replaced may be readable by others. Its contents stay if its mode cannot be changed.
-  const bool is_file = fstat(fd.get(), &file) == 0 && S_ISREG(file.st_mode);
-  if (is_file && (fchmod(fd.get(), S_IRUSR | S_IWUSR) != 0 || ftruncate(fd.get(), 0) != 0)) return std::nullopt;
+  const bool exists = lstat(path, &file) == 0;
+  tools::UniqueFd fd(!is_replaced || !exists ? open(path, O_WRONLY | O_CREAT | O_CLOEXEC | O_EXCL, S_IRUSR | S_IWUSR)
+                     : S_ISREG(file.st_mode) ? open_in_place_of(path)
+                                             : open_special(path));
+  if (!fd) return std::nullopt;
   return RecordingWriter(std::move(fd));
 }
 
