@@ -85,6 +85,7 @@ void Listener::stop() {
 }
 
 bool Listener::listen() {
+  monitor_.listen(path_);  // first, so that a tool that finds the driver's socket finds this one, too
   Object<PTZSocketServerCommand> server(ptz_socket_server_command_new(path_.c_str(), SOCK_STREAM));
   if (!server || PTZ_SOCKET(server.get())->fd < 0) return false;
   g_object_set(server.get(), "socket", "", nullptr);  // the server would remove the file at the path
@@ -94,7 +95,6 @@ bool Listener::listen() {
   listening_since_us_ = g_get_monotonic_time();
   drop_idle_servers();
   registration_.publish(file_);
-  monitor_.listen(path_);
   return true;
 }
 

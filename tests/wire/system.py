@@ -158,7 +158,7 @@ class System:
         recorder.send_signal(signal.SIGINT)
         _, told = recorder.communicate(timeout=LIMIT_S)
         if not told.endswith(', 0 lost\n'):
-            raise RuntimeError(told)
+            raise RuntimeError(f"{recorder.returncode} {told!r}")
         return int(told.splitlines()[-1].split()[-4])
 
     def replay(self, file, *options, path=None, **how):

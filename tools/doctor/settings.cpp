@@ -119,7 +119,8 @@ void check_settings(const SettingsOf &of, guint timeout_ms, Findings &findings) 
        .subject = of.subject,
        .what = "The driver refuses its settings: " + first_lines(result.output) + ".",
        .why = of.is_running ? "It runs with its previous settings, and does not start again." : "It does not start.",
-       .command = "${EDITOR:-vi} " + quoted(files) + " && " + quoted(words)});
+       .command = (of.as.folder.empty() ? "" : "cd -- " + quoted(of.as.folder) + " && ") + "${EDITOR:-vi} " +
+                  quoted(files) + " && " + quoted(words)});
 }
 
 void examine_settings(const Surroundings &system, const Driver &driver, Findings &findings) {

@@ -118,8 +118,8 @@ bool Recorder::record(RecordingWriter &writer, std::string &problem) {
     problem = tools::message_of(error, "no reason is known");
     return false;
   }
-  g_printerr("recording %s; SIGINT (Ctrl-C) ends it\n", follower_.path().c_str());
   std::vector<guint> sources = {g_unix_signal_add(SIGINT, on_end, this), g_unix_signal_add(SIGTERM, on_end, this)};
+  g_printerr("recording %s; SIGINT (Ctrl-C) ends it\n", follower_.path().c_str());
   if (settings_.seconds != 0) sources.push_back(g_timeout_add(settings_.seconds * 1000, on_end, this));
   if (writer.error() == 0) g_main_loop_run(loop_.get());
   for (const guint each : sources) g_source_remove(each);
