@@ -1,4 +1,4 @@
-// tests/torture/nth_call/trap.h - makes the n-th system call of a kind fail, whoever makes it: the library, GLib,
+// tests/torture/nth_call/trap.h - makes the n-th system call of a kind fail, made by the library, GLib,
 // SQLite or the C library.
 //
 // A seccomp filter sends the calls of the table to a signal handler, which carries them out, or returns the error
