@@ -10,7 +10,7 @@ int main(int argc, char **argv) {
   using namespace ptzctl;
   setlocale(LC_ALL, "");
   std::signal(SIGXFSZ, SIG_IGN);  // a file at its limit is an error of write()
-  setlocale(LC_NUMERIC, "C");  // what one engineer sees another can use
+  setlocale(LC_NUMERIC, "C");     // what one engineer sees another can use
   if (tools::asks_for_json(argc, argv)) tools::print_problems_as_json();
   if (argc > 1 && g_str_equal(argv[1], "--version")) {
     std::printf("ptzctl %s\n", TOOLS_VERSION);
