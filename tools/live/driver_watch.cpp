@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <set>
 
+#include "figures.h"
 #include "status_group.h"
 
 namespace ptzctl {
@@ -16,12 +17,6 @@ constexpr guint answer_ms = 150;
 constexpr gint64 look_us = 400'000;         // for all drivers of one look
 constexpr gint64 ask_again_us = 3'000'000;  // after a driver has not answered
 constexpr char no_answer[] = "does not answer", socket_gone[] = "its socket is gone";
-
-std::string text_in(GVariant *dictionary, const char *key) {
-  const char *text = "";
-  g_variant_lookup(dictionary, key, "&s", &text);
-  return text;
-}
 
 void read_status(DriverSight &sight) {
   sight.status_age_ms.reset();

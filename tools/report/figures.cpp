@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <limits>
 
+#include "figures.h"
 #include "report/report.h"
 
 namespace ptzctl {
@@ -22,11 +23,6 @@ Number number_in(GVariant *figures, const char *key, const char *format) {
   return number;
 }
 guint64 counter(GVariant *figures, const char *key) { return number_in<guint64>(figures, key, "t"); }
-std::string text_in(GVariant *figures, const char *key) {
-  const char *text = "";
-  g_variant_lookup(figures, key, "&s", &text);
-  return text;
-}
 tools::Variant latency_of(GVariant *figures) {
   return tools::Variant(g_variant_lookup_value(figures, "latency", G_VARIANT_TYPE("au")));
 }

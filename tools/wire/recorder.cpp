@@ -8,17 +8,12 @@
 #include <csignal>
 #include <utility>
 
+#include "figures.h"
 #include "subcommand.h"
 
 namespace ptzctl {
 
 namespace {
-
-std::string text_in(GVariant *figures, const char *key) {
-  const char *text = "";
-  g_variant_lookup(figures, key, "&s", &text);
-  return text;
-}
 
 RecordedFrame recorded(const PTZKitMonitorFrame &frame) {
   RecordedFrame made;

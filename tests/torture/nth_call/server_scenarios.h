@@ -74,7 +74,7 @@ class ServerOpen : public ServerScenario {
     if (!succeeded && logged().empty()) return "failed without a line in the log";
     if (!succeeded) return has_path && !was_logged("too short") ? "failed, but left its path" : "";
     client_ = connect();
-    if (!client_) return "open, but nobody can connect";
+    if (!client_) return "open, but no client can connect";
     return is_served(client_) ? "" : "a client is not served";
   }
   void clean() override {
